@@ -1,0 +1,5 @@
+#include "app/VelantrixServerNoGUI.h"
+
+const char* VelantrixServerNoGUI::GetIPAddress() {
+    return "(Unknown)";
+}

@@ -1,0 +1,61 @@
+#include <QApplication>
+
+#include "app/VelantrixServerNoGUI.h"
+#include "app/command_line.h"
+#include "app/console.h"
+#include "app/main_loop.h"
+#include "gui/VelantrixServer.h"
+
+namespace {
+
+constexpr int EXIT_DRAIN_MS = 500;
+
+int runEventLoop() {
+    const int result = QApplication::exec();
+    if (getVerbose()) {
+        consolePrintf("Exec returned with result %d\n", result);
+    }
+    return result;
+}
+
+int runHeadless(int& argc, char** argv) {
+    const QApplication application(argc, argv, 0);
+    VelantrixServerNoGUI::GetIPAddress();
+    installMainLoopRequests();
+    int result = 0;
+    {
+        VelantrixServerNoGUI server;
+        server.init();
+        result = runEventLoop();
+    }
+    removeMainLoopRequests();
+    return result;
+}
+
+int runWithWindow(int& argc, char** argv) {
+    QApplication::setAttribute(Qt::AA_EnableHighDpiScaling);
+    QApplication::setAttribute(Qt::AA_UseHighDpiPixmaps);
+    const QApplication application(argc, argv);
+    installMainLoopRequests();
+    int result = 0;
+    {
+        VelantrixServer window(nullptr);
+        window.init();
+        window.show();
+        result = runEventLoop();
+    }
+    removeMainLoopRequests();
+    return result;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    consoleStart();
+    const ArgumentScan scan = scanArguments(argc, argv);
+    readStartEnvironment();
+    choosePlatform(scan);
+    const int result = scan.nogui ? runHeadless(argc, argv) : runWithWindow(argc, argv);
+    consoleDrain(EXIT_DRAIN_MS);
+    return result;
+}

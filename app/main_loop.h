@@ -1,0 +1,21 @@
+#pragma once
+
+/// Ways into the main thread's event loop from signal handlers and other threads.
+///
+/// One pipe carries all requests; a notifier on the main thread reads them, also inside the
+/// nested loop of an open dialog.
+
+/// Installs the pipe's notifier, and the handlers of SIGINT and SIGTERM: the first signal ends
+/// the event loop (status 0), a further one has the default action again.
+/// Thread: main, after the application object was built and before the core's init().
+void installMainLoopRequests();
+
+/// Ends the notifier's life. Thread: main, before the application object is destroyed.
+void removeMainLoopRequests();
+
+/// Asks the main thread to call exit(status). Returns false when no notifier was ever installed,
+/// so that nobody could answer. Does not wait. Thread: any but main.
+bool requestMainThreadExit(int status);
+
+/// True once the main thread has begun the exit asked for.
+bool mainThreadExitBegun();

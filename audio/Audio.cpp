@@ -1,0 +1,191 @@
+#include "audio/Audio.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <mutex>
+#include <unistd.h>
+
+#include "app/console.h"
+#include "app/start_values.h"
+#include "stream/wire_format.h"
+
+PaStream* Audio::stream = nullptr;
+char* Audio::_CaptureBuffer = nullptr;
+char* Audio::_CaptureBufferComp = nullptr;
+std::int32_t Audio::_CaptureBufferSizeComp = 0;
+std::int32_t Audio::_CurrentCaptureIndexComp = wire::HEADER_LENGTH;
+
+std::atomic<bool> vxOptionAltRate{false};
+
+bool getVxOptionAltRate() {
+    return vxOptionAltRate.load(std::memory_order_relaxed);
+}
+
+namespace {
+
+constexpr int RATE_48K = 48000;
+constexpr int RATE_44K1 = 44100;
+
+// PortAudio may not be opened and closed at once, which a quit during start-up would do.
+// Never held by the callback.
+std::mutex lifeMutex;
+bool openWasCalled = false;
+bool closedBeforeOpen = false;
+
+/// Sends standard error to "/dev/null" for its lifetime, for the whole process.
+class QuietStandardError {
+  public:
+    QuietStandardError() {
+        std::fflush(stderr);
+        saved = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+        const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        ::dup2(nowhere, STDERR_FILENO);
+        ::close(nowhere);
+    }
+    ~QuietStandardError() {
+        std::fflush(stderr);
+        ::dup2(saved, STDERR_FILENO);
+        ::close(saved);
+    }
+    QuietStandardError(const QuietStandardError&) = delete;
+    QuietStandardError& operator=(const QuietStandardError&) = delete;
+
+  private:
+    int saved;
+};
+
+PaError initializePortAudio() {
+    consolePuts("Initializing PortAudio");
+    const PaError err = Pa_Initialize();
+    // Belongs to the chatter: shown only when standard error is open, which is intended.
+    std::fprintf(stderr, "PortAudio Pa_Initialize call completed with return value %d\n", err);
+    return err;
+}
+
+/// Finds the default input device; null after a report when there is none that can be used.
+const PaDeviceInfo* findInputDevice(PaStreamParameters& parameters) {
+    parameters.device = Pa_GetDefaultInputDevice();
+    if (parameters.device == paNoDevice) {
+        std::fputs("Error: No default input device.\n", stderr);
+        return nullptr;
+    }
+    const PaDeviceInfo* const info = Pa_GetDeviceInfo(parameters.device);
+    if (info == nullptr) {
+        std::fputs("Error: Invalid default input device.\n", stderr);
+    }
+    return info;
+}
+
+/// The rate to open at: the device's own or the user's, if it is one of the two we stream.
+int chooseRate(double deviceRate) {
+    int rate = static_cast<int>(deviceRate + 0.5);
+    consolePrintf(
+        "PortAudio reported default input device sample rate is %d (may not be accurate)\n", rate);
+    const char* const wanted = std::getenv("VELANTRIX_SERVER_SAMPLE_RATE");
+    if (wanted != nullptr && wanted[0] >= '0' && wanted[0] <= '9') {
+        rate = static_cast<int>(std::strtol(wanted, nullptr, 10));
+    }
+    if (rate != RATE_48K && rate != RATE_44K1) {
+        std::fprintf(stderr, "Sample rate %d not supported, using %d\n", rate, RATE_44K1);
+        rate = RATE_44K1;
+    }
+    return rate;
+}
+
+PaError startStream(const PaStreamParameters& input, int rate) {
+    PaError err = Pa_OpenStream(&Audio::stream, &input, nullptr, rate, wire::RAW_BLOCK_FRAMES,
+                                paClipOff, Audio::recordCallback, nullptr);
+    if (err != paNoError) {
+        return err;
+    }
+    err = Pa_StartStream(Audio::stream);
+    if (err != paNoError) {
+        return err;
+    }
+    const PaStreamInfo* const info = Pa_GetStreamInfo(Audio::stream);
+    if (info != nullptr) {
+        consolePrintf("Audio stream info: sample rate = %g, input latency = %g sec\n",
+                      info->sampleRate, info->inputLatency);
+    }
+    return paNoError;
+}
+
+/// Everything between PortAudio's start-up and the running stream.
+PaError openInput(std::atomic<bool>& isRate48k) {
+    PaStreamParameters input = {};
+    const PaDeviceInfo* const device = findInputDevice(input);
+    if (device == nullptr) {
+        return paNotInitialized;
+    }
+    input.channelCount = 2;
+    input.sampleFormat = paInt16;
+    input.suggestedLatency = device->defaultLowInputLatency;
+    input.hostApiSpecificStreamInfo = nullptr;
+    const int rate = chooseRate(device->defaultSampleRate);
+    isRate48k.store(rate == RATE_48K);
+    return startStream(input, rate);
+}
+
+void allocateBuffers() {
+    Audio::_CaptureBuffer = new char[wire::RAW_BUFFER_LENGTH];
+    Audio::_CaptureBufferComp = new char[wire::COMPRESSED_BUFFER_LENGTH];
+    Audio::_CaptureBufferSizeComp = wire::COMPRESSED_BUFFER_LENGTH;
+    Audio::_CurrentCaptureIndexComp = wire::HEADER_LENGTH;
+}
+
+PaError initializeQuietly() {
+    if (getVerbose()) {
+        return initializePortAudio();
+    }
+    const QuietStandardError quiet;
+    return initializePortAudio();
+}
+
+PaError openCapture(std::atomic<bool>& isRate48k) {
+    PaError err = initializeQuietly();
+    if (err != paNoError) {
+        return err;
+    }
+    err = openInput(isRate48k);
+    if (err != paNoError) {
+        isRate48k.store(false);
+        Pa_Terminate();
+        Audio::stream = nullptr;
+    }
+    return err;
+}
+
+}  // namespace
+
+int Audio::Open(int /*unused*/, std::atomic<bool>& isRate48k) {
+    const std::lock_guard<std::mutex> alone(lifeMutex);
+    isRate48k.store(false);
+    if (closedBeforeOpen) {
+        closedBeforeOpen = false;
+        return paNotInitialized;
+    }
+    openWasCalled = true;
+    allocateBuffers();
+    const PaError err = openCapture(isRate48k);
+    if (err != paNoError) {
+        std::fputs("An error occured while opening the portaudio stream\n", stderr);
+        std::fprintf(stderr, "Error message: %s\n", Pa_GetErrorText(err));
+    }
+    return err;
+}
+
+int Audio::Close() {
+    const std::lock_guard<std::mutex> alone(lifeMutex);
+    closedBeforeOpen = !openWasCalled;
+    openWasCalled = false;
+    const PaError err = Pa_CloseStream(stream);
+    Pa_Terminate();
+    stream = nullptr;
+    if (err != paNoError) {
+        std::fputs("An error occured while closing the portaudio stream\n", stderr);
+        std::fprintf(stderr, "Error number: %d\n", err);
+        std::fprintf(stderr, "Error message: %s\n", Pa_GetErrorText(err));
+    }
+    return err;
+}

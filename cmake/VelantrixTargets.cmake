@@ -1,0 +1,26 @@
+# How every target of ours is compiled. Third-party headers come in as SYSTEM
+# includes, so the warnings below are about our own code only.
+
+add_library(vx_flags INTERFACE)
+target_compile_features(vx_flags INTERFACE cxx_std_17)
+target_compile_options(vx_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+                                          $<$<BOOL:${VELANTRIX_WERROR}>:-Werror>)
+target_include_directories(vx_flags INTERFACE ${CMAKE_SOURCE_DIR})
+
+if(VELANTRIX_SANITIZE)
+  add_compile_options(-fsanitize=${VELANTRIX_SANITIZE} -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=${VELANTRIX_SANITIZE})
+endif()
+
+# vx_library(NAME source...): a static library with the project's flags, includable from the
+# source root ("stream/wire_format.h").
+function(vx_library name)
+  add_library(${name} STATIC ${ARGN})
+  target_link_libraries(${name} PUBLIC vx_flags)
+endfunction()
+
+# vx_program(NAME source...): an executable with the project's flags, placed in the build root.
+function(vx_program name)
+  add_executable(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE vx_flags)
+endfunction()

@@ -1,0 +1,5 @@
+#include "discovery/multi_host.h"
+
+int multiHost() {
+    return 1;
+}

@@ -1,0 +1,3 @@
+#include "gui/Settings.h"
+
+void Settings::loadSettings() {}

@@ -1,0 +1,3 @@
+#include "gui/VelantrixServer.h"
+
+VelantrixServer::VelantrixServer(QWidget* parent) : QMainWindow(parent) {}

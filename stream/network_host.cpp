@@ -1,0 +1,133 @@
+#include "stream/network_host.h"
+
+#include <cerrno>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+
+#include "app/Thread.h"
+#include "app/console.h"
+#include "app/process_exit.h"
+#include "app/start_values.h"
+#include "audio/Audio.h"
+#include "stream/client_table.h"
+#include "stream/enet_mtu.h"
+#include "stream/opus_bank.h"
+#include "stream/report_target.h"
+#include "stream/wire_format.h"
+
+ENetHost* server = nullptr;
+std::atomic<VelantrixServerNoGUI*> mainDialog{nullptr};
+
+namespace {
+
+constexpr std::size_t MAX_PEERS = 32;
+constexpr std::size_t CHANNELS = 2;
+constexpr int IDLE_STEP_MS = 500;
+constexpr std::size_t MESSAGE_ROOM = 512;
+
+void showMessage(const char* text) {
+    reportToCore([text](VelantrixServerNoGUI& core) { core.emitShowMessage(text); });
+}
+
+[[noreturn]] void failStart(const char* text) {
+    showMessage(text);
+    ExitProcess(-1);
+}
+
+// ENet's own reaction to a failed allocation is abort(). Coming back makes the call fail instead,
+// and a lost packet is better than a lost server.
+void onEnetOutOfMemory() {}
+
+void initializeEnet() {
+    consolePuts("Initializing server network communication");
+    ENetCallbacks callbacks = {};
+    callbacks.no_memory = onEnetOutOfMemory;
+    if (enet_initialize_with_callbacks(ENET_VERSION, &callbacks) != 0) {
+        failStart("An error occurred while initializing network communication");
+    }
+}
+
+void bindToChosenAddress(ENetAddress& address) {
+    char* const chosen = getCmdBindAddr();
+    if (chosen == nullptr || chosen[0] == '\0') {
+        return;
+    }
+    consolePrintf("Binding server to address '%s'\n", chosen);
+    if (enet_address_set_host(&address, chosen) == 0) {
+        return;
+    }
+    address.host = ENET_HOST_ANY;
+    char text[MESSAGE_ROOM];
+    std::snprintf(text, sizeof text,
+                  "Warning, could not bind server to address '%.50s' check environment variable "
+                  "VELANTRIX_SERVER_BINDADDR and/or command line parameter. Using INADDR_ANY.\n",
+                  chosen);
+    chosen[0] = '\0';  // A later failure must not blame this address again.
+    showMessage(text);
+}
+
+std::uint16_t choosePort() {
+    const auto chosen = static_cast<std::uint16_t>(getCmdPortNum() & 0xFFFF);
+    if (chosen != 0) {
+        consolePrintf("Binding to port number %d\n", chosen);
+        return chosen;
+    }
+    consolePrintf("Using default port number %d\n", wire::DEFAULT_SERVER_PORT);
+    return wire::DEFAULT_SERVER_PORT;
+}
+
+[[noreturn]] void failHostCreation(int error) {
+    if (error == EADDRINUSE) {
+        failStart("Network port busy (another Velantrix Server may already be running)");
+    }
+    char text[MESSAGE_ROOM] =
+        "An error occurred while creating network server host, network port may be busy (try "
+        "rebooting)";
+    if (getCmdBindAddr()[0] != '\0') {
+        const std::size_t length = std::strlen(text);
+        std::snprintf(text + length, sizeof text - length,
+                      " or could not bind server to address '%.50s' (check environment variable "
+                      "VELANTRIX_SERVER_BINDADDR and/or command line parameter)\n",
+                      getCmdBindAddr());
+    }
+    failStart(text);
+}
+
+void createHost() {
+    ENetAddress address = {};
+    address.host = ENET_HOST_ANY;
+    bindToChosenAddress(address);
+    address.port = choosePort();
+    errno = 0;
+    server = enet_host_create(&address, MAX_PEERS, CHANNELS, 0, 0);
+    if (server == nullptr) {
+        failHostCreation(errno);
+    }
+    raiseHostMtu(*server);
+}
+
+void openAudio() {
+    const int result = Audio::Open(0, vxOptionAltRate);
+    if (result != 0) {
+        std::fprintf(stderr, "Error %d opening audio input device\n", result);
+    } else {
+        consolePuts("Audio input device opened successfully");
+    }
+}
+
+}  // namespace
+
+void enetHost(VelantrixServerNoGUI* core) {
+    // A quit that was faster than this thread has already put the everlasting core here.
+    VelantrixServerNoGUI* none = nullptr;
+    mainDialog.compare_exchange_strong(none, core);
+    clientConn.fill(ClientSlot{});
+    fillOpusBank();
+    initializeEnet();
+    createHost();
+    openAudio();
+    for (;;) {
+        Sleep(IDLE_STEP_MS);
+    }
+}

@@ -1,0 +1,119 @@
+#include "stream/send_path.h"
+
+#include <array>
+
+#include <enet/enet.h>
+
+#include "audio/Audio.h"
+#include "stream/client_table.h"
+#include "stream/network_host.h"
+#include "stream/opus_bank.h"
+#include "stream/queue_trim.h"
+#include "stream/report_target.h"
+#include "stream/service_step.h"
+#include "stream/wire_format.h"
+
+std::uint32_t seqNum = 0;
+std::uint32_t seqNumComp = 0;
+
+namespace {
+
+constexpr enet_uint8 AUDIO_CHANNEL = 0;
+
+/// What is sent to one client: borrowed bytes, header room included.
+struct Payload {
+    unsigned char* data;
+    std::size_t length;
+};
+
+/// The Opus packets of one block by rate code, each with header room in front.
+struct EncodedBlock {
+    std::array<std::array<unsigned char, wire::RAW_BUFFER_LENGTH>, OPUS_BANK_SIZE> area;
+    std::array<int, OPUS_BANK_SIZE> length{};  ///< 0: not encoded; negative: the encoder failed.
+};
+
+/// Encodes the block once for every rate code that some client uses.
+void encodeInUse(const unsigned char* buffer, EncodedBlock& encoded) {
+    std::array<bool, wire::RATE_CODE_COUNT> inUse{};
+    for (const ClientSlot& slot : clientConn) {
+        if (isStreaming(slot) && slot.rateCode != wire::RATE_CODE_RAW) {
+            inUse[slot.rateCode & wire::RATE_CODE_MASK] = true;
+        }
+    }
+    const auto* const samples = reinterpret_cast<const opus_int16*>(buffer + wire::HEADER_LENGTH);
+    for (std::size_t code = 1; code < OPUS_BANK_SIZE; ++code) {
+        if (inUse[code] && opusEnc[code] != nullptr) {
+            const int bytes = opus_encode(opusEnc[code], samples, wire::OPUS_FRAME_SAMPLES,
+                                          encoded.area[code].data() + wire::HEADER_LENGTH,
+                                          static_cast<opus_int32>(wire::MAX_OPUS_BYTES));
+            encoded.length[code] =
+                bytes > 0 ? bytes + static_cast<int>(wire::HEADER_LENGTH) : bytes;
+        }
+    }
+}
+
+void sendPayload(const ClientSlot& slot, std::uint32_t seq, const Payload& payload) {
+    wire::PacketHeader header;
+    header.seq = seq;
+    header.flags = wire::makeFlags(slot.reliable != 0, getVxOptionAltRate(), slot.rateCode);
+    wire::writeHeader(payload.data, header);
+    if (seq % QUEUE_CHECK_INTERVAL == 0) {
+        trimOutgoingQueue(slot, seq);
+    }
+    ENetPacket* const packet = enet_packet_create(
+        payload.data, payload.length,
+        slot.reliable != 0 ? ENET_PACKET_FLAG_RELIABLE : ENET_PACKET_FLAG_UNRELIABLE_FRAGMENT);
+    if (packet == nullptr) {
+        return;
+    }
+    // ENet owns the packet from here on, unless it refuses it.
+    if (enet_peer_send(slot.peer, AUDIO_CHANNEL, packet) < 0 && packet->referenceCount == 0) {
+        enet_packet_destroy(packet);
+    }
+    enet_host_flush(server);
+}
+
+void sendRaw(const Payload& raw) {
+    const std::uint32_t seq = seqNum++;
+    for (const ClientSlot& slot : clientConn) {
+        if (isStreaming(slot) && slot.rateCode == wire::RATE_CODE_RAW) {
+            sendPayload(slot, seq, raw);
+        }
+    }
+}
+
+void sendCompressed(const Payload& raw) {
+    EncodedBlock encoded;
+    encodeInUse(raw.data, encoded);
+    const std::uint32_t seq = seqNumComp++;
+    for (const ClientSlot& slot : clientConn) {
+        if (!isStreaming(slot) || slot.rateCode == wire::RATE_CODE_RAW) {
+            continue;
+        }
+        const bool haveOpus = slot.rateCode < OPUS_BANK_SIZE && encoded.length[slot.rateCode] > 0;
+        const Payload payload =
+            haveOpus ? Payload{encoded.area[slot.rateCode].data(),
+                               static_cast<std::size_t>(encoded.length[slot.rateCode])}
+                     : raw;
+        sendPayload(slot, seq, payload);
+    }
+}
+
+}  // namespace
+
+int processBuffer(char* buffer, int length, bool hasInput) {
+    const Payload raw{reinterpret_cast<unsigned char*>(buffer), static_cast<std::size_t>(length)};
+    if (length == static_cast<int>(wire::COMPRESSED_BUFFER_LENGTH)) {
+        sendCompressed(raw);
+    } else if (length >= static_cast<int>(wire::HEADER_LENGTH)) {
+        sendRaw(raw);
+        if (length > static_cast<int>(wire::HEADER_LENGTH) && hasInput) {
+            reportToCore([](VelantrixServerNoGUI& core) { core.SetAudioCaptureActive(); });
+        }
+    }
+    return serviceHost();
+}
+
+int twosCompShort(unsigned char high, unsigned char low) {
+    return high * 256 + low;
+}

@@ -1,0 +1,5 @@
+#include "update/WebIf.h"
+
+int WebIf::init() {
+    return 1;
+}

@@ -1,0 +1,7 @@
+#include "app/VelantrixServerNoGUI.h"
+
+void VelantrixServerNoGUI::versionCheckThreadFn() {}
+
+int VelantrixServerNoGUI::checkVersion() {
+    return 0;
+}
