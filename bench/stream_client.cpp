@@ -1,14 +1,20 @@
 // A client for measurements: connects, asks for data, counts packets until its standard input is
-// closed. Usage: stream_client PORT RATE_CODE RELIABLE(0|1)
-// Connects from the loopback address to the loopback address.
+// closed. Usage: stream_client PORT RATE_CODE RELIABLE(0|1) [TABLE OUTPUT]
+//
+// With TABLE (the paced capture's) it writes one line per audio packet to OUTPUT when it ends:
+// sequence number, nanoseconds from the entry of the callback that sent it to its arrival here.
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 #include <poll.h>
 #include <unistd.h>
+#include <vector>
 
 #include <enet/enet.h>
 
+#include "bench/capture_table.h"
 #include "stream/wire_format.h"
 
 namespace {
@@ -19,6 +25,58 @@ struct Options {
     enet_uint16 port;
     std::uint32_t rateCode;
     bool reliable;
+};
+
+struct Arrival {
+    std::uint32_t seq;
+    std::int64_t delayNs;
+};
+
+/// Takes the time of arrival of audio packets; does nothing without a table.
+class DelayMeter {
+  public:
+    DelayMeter(const CaptureTable* captureTable, std::uint32_t code)
+        : table(captureTable), rateCode(code) {
+        arrivals.reserve(captureTable != nullptr ? ROOM : 0);
+    }
+
+    void take(const ENetPacket& packet) {
+        if (table == nullptr || packet.dataLength < wire::HEADER_LENGTH + sizeof(std::int64_t)) {
+            return;
+        }
+        timespec now = {};
+        ::clock_gettime(CLOCK_MONOTONIC, &now);
+        const std::int64_t arrival =
+            static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
+        const wire::PacketHeader header = wire::readHeader(packet.data, packet.dataLength);
+        arrivals.push_back({header.seq, arrival - entryOf(header, packet)});
+    }
+
+    void write(const char* path) const {
+        std::FILE* const file = std::fopen(path, "w");
+        for (const Arrival& each : arrivals) {
+            std::fprintf(file, "%u %lld\n", each.seq, static_cast<long long>(each.delayNs));
+        }
+        std::fclose(file);
+    }
+
+  private:
+    static constexpr std::size_t ROOM = 1000000;
+
+    /// Raw sound carries the time itself; for compressed sound the table knows it.
+    [[nodiscard]] std::int64_t entryOf(const wire::PacketHeader& header,
+                                       const ENetPacket& packet) const {
+        if (rateCode == wire::RATE_CODE_RAW) {
+            std::int64_t entry = 0;
+            std::memcpy(&entry, packet.data + wire::HEADER_LENGTH, sizeof entry);
+            return entry;
+        }
+        return table->compressedEntry[header.seq % CaptureTable::REMEMBERED].load();
+    }
+
+    const CaptureTable* table;
+    std::uint32_t rateCode;
+    std::vector<Arrival> arrivals;
 };
 
 void requestData(ENetPeer* peer, const Options& options) {
@@ -38,7 +96,7 @@ bool waitForTraffic(const ENetHost& host) {
     return (sources[1].revents & (POLLIN | POLLHUP)) == 0;
 }
 
-long countPackets(ENetHost& host, const Options& options) {
+long countPackets(ENetHost& host, const Options& options, DelayMeter& meter) {
     long packets = 0;
     do {
         ENetEvent event;
@@ -47,6 +105,7 @@ long countPackets(ENetHost& host, const Options& options) {
                 requestData(event.peer, options);
             } else if (event.type == ENET_EVENT_TYPE_RECEIVE) {
                 ++packets;
+                meter.take(*event.packet);
                 enet_packet_destroy(event.packet);
             } else if (event.type == ENET_EVENT_TYPE_DISCONNECT) {
                 return packets;
@@ -59,8 +118,8 @@ long countPackets(ENetHost& host, const Options& options) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 4 || enet_initialize() != 0) {
-        std::fputs("usage: stream_client PORT RATE_CODE RELIABLE\n", stderr);
+    if ((argc != 4 && argc != 6) || enet_initialize() != 0) {
+        std::fputs("usage: stream_client PORT RATE_CODE RELIABLE [TABLE OUTPUT]\n", stderr);
         return 2;
     }
     const Options options{static_cast<enet_uint16>(std::atoi(argv[1])),
@@ -77,7 +136,11 @@ int main(int argc, char** argv) {
         return 1;
     }
     enet_peer_timeout(peer, 0, CONNECT_PATIENCE_MS, CONNECT_PATIENCE_MS);
-    const long packets = countPackets(*host, options);
+    DelayMeter meter(argc == 6 ? mapCaptureTable(argv[4], false) : nullptr, options.rateCode);
+    const long packets = countPackets(*host, options, meter);
+    if (argc == 6) {
+        meter.write(argv[5]);
+    }
     enet_peer_disconnect_now(peer, 0);
     enet_host_destroy(host);
     std::fprintf(stderr, "stream_client: %ld packets\n", packets);
