@@ -23,18 +23,12 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <enet/enet.h>
 
-#include "app/VelantrixServerNoGUI.h"
 #include "bench/bench_clients.h"
+#include "bench/bench_server.h"
 #include "bench/call_timers.h"
-#include "stream/client_table.h"
-#include "stream/enet_mtu.h"
 #include "stream/network_host.h"
-#include "stream/opus_bank.h"
-#include "stream/report_target.h"
 #include "stream/send_path.h"
-#include "stream/service_step.h"
 #include "stream/wire_format.h"
 
 namespace {
@@ -42,7 +36,6 @@ namespace {
 constexpr double BLOCK_PERIOD_US = 338.0 / 48000.0 * 1e6;
 constexpr long PAUSE_BETWEEN_CALLS_NS = 2000000;
 constexpr int CALLS_PER_ROW = 1500;
-constexpr int CONNECT_STEPS = 10000;
 
 enum Choice { RawReliable, RawBestEffort, Rate20, Rate64, Rate128, Rate256, Mixed };
 constexpr const char* CHOICE_NAMES[] = {
@@ -59,37 +52,6 @@ std::vector<BenchClients::Choice> choicesOf(Choice choice, std::size_t clients) 
                                          : CHOICES[choice]);
     }
     return chosen;
-}
-
-void createServer() {
-    if (enet_initialize() != 0) {
-        std::abort();
-    }
-    ENetAddress address = {};
-    enet_address_set_host_ip(&address, "127.0.0.1");
-    server = enet_host_create(&address, 32, 2, 0, 0);
-    if (server == nullptr) {
-        std::abort();
-    }
-    raiseHostMtu(*server);
-    fillOpusBank();
-    mainDialog.store(new VelantrixServerNoGUI);
-}
-
-std::size_t streamingClients() {
-    return static_cast<std::size_t>(
-        std::count_if(clientConn.begin(), clientConn.end(), isStreaming));
-}
-
-void serviceUntil(std::size_t clients) {
-    for (int step = 0; step < CONNECT_STEPS; ++step) {
-        if (streamingClients() == clients && connectCount == static_cast<int>(clients)) {
-            return;
-        }
-        serviceHost();
-    }
-    std::fputs("clients did not come or go in time\n", stderr);
-    std::abort();
 }
 
 /// A block that sounds like something, so that Opus has work to do.
@@ -136,7 +98,7 @@ struct Samples {
 void processBufferCost(benchmark::State& state, std::size_t length, Choice choice,
                        std::size_t clients) {
     const BenchClients processes(server->address.port, choicesOf(choice, clients));
-    serviceUntil(clients);
+    serviceUntilStreaming(clients);
     std::vector<char> buffer(length);
     double phase = 0;
     Samples samples;
@@ -195,7 +157,7 @@ std::ofstream takeStandardOutput() {
 int main(int argc, char** argv) {
     std::ofstream table = takeStandardOutput();
     benchmark::Initialize(&argc, argv);
-    createServer();
+    createBenchServer();
     addRows();
     benchmark::ConsoleReporter reporter(benchmark::ConsoleReporter::OO_Tabular);
     reporter.SetOutputStream(&table);
