@@ -52,11 +52,14 @@ class Client:
 
 
 class Session:
-    """The server, headless, with clients given as (rate code, reliable) pairs."""
+    """The server, headless, with clients given as (rate code, reliable) pairs.
+
+    `output` is a descriptor that takes the server's lines instead of the session's log file.
+    """
 
     PORT = 59010
 
-    def __init__(self, build, clients, speed=1.0, server=None):
+    def __init__(self, build, clients, speed=1.0, server=None, output=None):
         self.build = Path(build).resolve()
         self.folder = tempfile.TemporaryDirectory(prefix="velantrix-bench-")
         self.table_path = os.path.join(self.folder.name, "table")
@@ -68,7 +71,7 @@ class Session:
         self.log = open(os.path.join(self.folder.name, "server.log"), "w", encoding="utf-8")
         self.server = subprocess.Popen(
             [server or self.build / "VelantrixServer", "-nogui"], env=environment,
-            stdout=self.log, stderr=subprocess.STDOUT)
+            stdout=output or self.log, stderr=subprocess.STDOUT)
         self._wait_for_callbacks()
         with open(self.table_path, "rb") as file:
             self.table = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
