@@ -5,6 +5,7 @@ answers every line of JSON on standard input with one on standard output, {} unl
 
     {"answer": {"path": "/x", "status": 200, "headers": {}, "body": "3.2\\n", "manner": "whole"}}
     {"take_requests": true}   ->   [{"method": "GET", "path": "/x", "headers": {...}}, ...]
+    {"let_go": true}
     {"reset": true}
 
 A body is text whose characters are its bytes. Every key of an answer but the path may be left out.
@@ -20,7 +21,7 @@ VERSION_FILE = "/VelantrixData/cur_version_linuxRPiGUI.txt"
 
 WHOLE = "whole"
 BYTE_BY_BYTE = "byte by byte"
-NEVER = "never"
+LATE = "late"
 ENDLESS = "endless"
 
 
@@ -31,13 +32,14 @@ class VersionServer:
         self._lock = threading.Lock()
         self._answers = {}
         self._requests = []
-        self._stopped = threading.Event()
+        self._let_go = threading.Event()
         handler = type("Handler", (_Handler,), {"owner": self})
         self._server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), handler)
         self._server.daemon_threads = True
         self.port = self._server.server_address[1]
         self.address = f"http://127.0.0.1:{self.port}"
-        self._thread = threading.Thread(target=self._server.serve_forever, daemon=True)
+        self._thread = threading.Thread(target=self._server.serve_forever, args=(0.05,),
+                                        daemon=True)
         self._thread.start()
 
     def answer(self, path=VERSION_FILE, status=200, headers=None, body="", manner=WHOLE):
@@ -55,24 +57,29 @@ class VersionServer:
             taken, self._requests = self._requests, []
             return taken
 
+    def let_go(self):
+        """Gives the answers that are held back in the manner LATE; later ones are held again."""
+        with self._lock:
+            self._let_go.set()
+            self._let_go = threading.Event()
+
     def reset(self):
+        self.let_go()
         with self._lock:
             self._answers, self._requests = {}, []
 
     def note(self, request):
-        """Keeps a request; returns its answer."""
+        """Keeps a request; returns its answer and the event for which a late one waits."""
         with self._lock:
             self._requests.append(request)
-            return self._answers.get(request["path"], (404, {}, b"not found\n", WHOLE))
-
-    def wait_for_end(self):
-        self._stopped.wait()
+            answer = self._answers.get(request["path"], (404, {}, b"not found\n", WHOLE))
+            return (*answer, self._let_go)
 
     def __enter__(self):
         return self
 
     def __exit__(self, *_):
-        self._stopped.set()
+        self.let_go()
         self._server.shutdown()
         self._server.server_close()
 
@@ -81,12 +88,11 @@ class _Handler(http.server.BaseHTTPRequestHandler):
     owner = None
 
     def do_GET(self):
-        status, headers, body, manner = self.owner.note(
+        status, headers, body, manner, let_go = self.owner.note(
             {"method": self.command, "path": self.path, "headers": dict(self.headers)})
         try:
-            if manner == NEVER:
-                self.owner.wait_for_end()
-                return
+            if manner == LATE:
+                let_go.wait()
             self.send_response(status)
             for name, value in headers.items():
                 self.send_header(name, value)
@@ -119,6 +125,8 @@ def obey(server, command):
     """Carries out one command of a unit test; returns the answer to it."""
     if "answer" in command:
         server.answer(**command["answer"])
+    elif "let_go" in command:
+        server.let_go()
     elif "reset" in command:
         server.reset()
     elif "take_requests" in command:
