@@ -7,6 +7,7 @@ target_compile_options(vx_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wco
                                           $<$<BOOL:${VELANTRIX_WERROR}>:-Werror>)
 target_include_directories(vx_flags INTERFACE ${CMAKE_SOURCE_DIR})
 
+set(VX_SANITIZER_DEFAULTS ${CMAKE_SOURCE_DIR}/cmake/sanitizer_defaults.cpp)
 if(VELANTRIX_SANITIZE)
   add_compile_options(-fsanitize=${VELANTRIX_SANITIZE} -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${VELANTRIX_SANITIZE})
@@ -22,5 +23,8 @@ endfunction()
 # vx_program(NAME source...): an executable with the project's flags, placed in the build root.
 function(vx_program name)
   add_executable(${name} ${ARGN})
+  if(VELANTRIX_SANITIZE)
+    target_sources(${name} PRIVATE ${VX_SANITIZER_DEFAULTS})
+  endif()
   target_link_libraries(${name} PRIVATE vx_flags)
 endfunction()
