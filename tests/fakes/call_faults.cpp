@@ -25,6 +25,8 @@ Plan& planOf(Call call) {
 
 }  // namespace
 
+thread_local int DivertedCall::depth = 0;
+
 void failCall(Call call, int nth, int error) {
     const std::lock_guard<std::mutex> alone(mutex);
     Plan& plan = planOf(call);

@@ -37,5 +37,20 @@ void resetCalls();
 /// The diverted calls since the last reset, by name, in their order.
 std::vector<std::string> callLog();
 
+/// While one exists, the thread is inside a diverted call: what happens there is the library's
+/// doing, or the diversion's own, and not the program's.
+class DivertedCall {
+  public:
+    DivertedCall() { ++depth; }
+    ~DivertedCall() { --depth; }
+    DivertedCall(const DivertedCall&) = delete;
+    DivertedCall& operator=(const DivertedCall&) = delete;
+
+    static bool active() { return depth > 0; }
+
+  private:
+    static thread_local int depth;
+};
+
 /// For the diversions: counts a call; returns its error when it is to fail, else 0.
 int noteCall(Call call, const char* name);

@@ -9,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include "tests/fakes/call_faults.h"
+
 namespace {
 
 constexpr int PATIENCE_MS = 30000;
@@ -32,6 +34,7 @@ std::string contentsOf(int descriptor) {
     dup2(err, STDERR_FILENO);
     close(out);
     close(err);
+    resetCalls();
     body();
     std::fflush(nullptr);
     _exit(testing::Test::HasFailure() ? FAILED_EXPECTATION : 0);
