@@ -1,3 +1,111 @@
 #include "gui/Settings.h"
 
-void Settings::loadSettings() {}
+#include <QSettings>
+#include <QString>
+#include <QVariant>
+
+bool Settings::Warn48kDone = false;
+MinToTrayOption Settings::MinToTray = MinToTrayOption::Taskbar;
+std::string Settings::InputSelect;
+std::int32_t Settings::FileDialogEncOptMP3 = 2;
+bool Settings::FileDialogTypeMP3 = true;
+bool Settings::EnableHotkeys = true;
+std::int32_t Settings::VersionCheckTime = 0;
+std::string Settings::VersionCheckResponse;
+
+namespace {
+
+/// The settings file, opened for one operation; its destruction commits what was written.
+class Store {
+  public:
+    [[nodiscard]] QVariant read(const QString& key, const QVariant& fallback) const {
+        return file.value(key, fallback);
+    }
+
+    /// `fallback` is UTF-8; the result is in the locale's encoding and ends at the first NUL.
+    [[nodiscard]] std::string readText(const QString& key, const std::string& fallback) const {
+        const QVariant value = read(key, QVariant(fallback.c_str()));
+        return value.toString().toLocal8Bit().constData();
+    }
+
+    void write(const QString& key, const QVariant& value) { file.setValue(key, value); }
+
+  private:
+    QSettings file{QStringLiteral("Velantrix"), QStringLiteral("Server")};
+};
+
+QString inputSelectKey(const char* suffix) {
+    return QStringLiteral("InputSelect") + QString::fromUtf8(suffix);
+}
+
+}  // namespace
+
+void Settings::loadSettings() {
+    const Store store;
+    Warn48kDone = store.read("Warn48kDone", Warn48kDone).toBool();
+    MinToTray =
+        static_cast<MinToTrayOption>(store.read("MinToTray", static_cast<int>(MinToTray)).toInt());
+    InputSelect = store.readText("InputSelect", InputSelect);
+    FileDialogEncOptMP3 = store.read("FileDialogEncOptMP3", FileDialogEncOptMP3).toInt();
+    FileDialogTypeMP3 = store.read("FileDialogTypeMP3", FileDialogTypeMP3).toBool();
+    EnableHotkeys = store.read("EnableHotkeys", EnableHotkeys).toBool();
+    VersionCheckTime = store.read("VersionCheckTime", VersionCheckTime).toInt();
+    VersionCheckResponse = store.readText("VersionCheckResponse", VersionCheckResponse);
+}
+
+void Settings::setWarn48kDone(bool done) {
+    Store store;
+    Warn48kDone = done;
+    store.write("Warn48kDone", done);
+}
+
+void Settings::setMinToTray(MinToTrayOption option) {
+    Store store;
+    MinToTray = option;
+    store.write("MinToTray", static_cast<int>(option));
+}
+
+void Settings::setFileDialogEncOptMP3(int option) {
+    Store store;
+    FileDialogEncOptMP3 = option;
+    store.write("FileDialogEncOptMP3", option);
+}
+
+void Settings::setFileDialogTypeMP3(bool isMP3) {
+    Store store;
+    FileDialogTypeMP3 = isMP3;
+    store.write("FileDialogTypeMP3", isMP3);
+}
+
+void Settings::setEnableHotkeys(bool enable) {
+    Store store;
+    EnableHotkeys = enable;
+    store.write("EnableHotkeys", enable);
+}
+
+void Settings::setVersionCheckTime(int minutes) {
+    Store store;
+    VersionCheckTime = minutes;
+    store.write("VersionCheckTime", minutes);
+}
+
+void Settings::setVersionCheckResponse(const char* version) {
+    Store store;
+    VersionCheckResponse = version;
+    store.write("VersionCheckResponse", VersionCheckResponse.c_str());
+}
+
+std::string Settings::getInputSelect(const char* suffix) {
+    if (suffix[0] == '\0') {
+        return InputSelect;
+    }
+    return Store().readText(inputSelectKey(suffix), InputSelect);
+}
+
+void Settings::setInputSelect(const char* value, const char* suffix) {
+    Store store;
+    if (suffix[0] == '\0') {
+        InputSelect = value;
+    }
+    store.write(inputSelectKey(suffix), value);
+}

@@ -1,0 +1,55 @@
+#include "gui/message_box.h"
+
+#include <QMessageBox>
+#include <QString>
+
+#include "app/core_life.h"
+#include "gui/VelantrixServer.h"
+
+namespace {
+
+/// False once the window is going. A box would then wait for a user who has already left.
+bool mayOpenBox() {
+    return static_cast<bool>(CorePin());
+}
+
+/// Runs a box as one that does not count among the windows whose last one ends the program: it
+/// may be closed while the main window is hidden.
+int runBox(QMessageBox& box) {
+    box.setAttribute(Qt::WA_QuitOnClose, false);
+    return box.exec();
+}
+
+}  // namespace
+
+void VelantrixServer::emitShowMessage(const char* message) {
+    emit showMessage(QString::fromLatin1(message));
+}
+
+void VelantrixServer::handleShowMessage(QString message) {
+    if (!mayOpenBox()) {
+        return;
+    }
+    QMessageBox box;
+    box.setText(message);
+    runBox(box);
+}
+
+int VelantrixServer::handleShowQuestion(QMessageBox::Icon icon, QString title, QString message,
+                                        QMessageBox::StandardButtons buttons) {
+    if (!mayOpenBox()) {
+        return 0;
+    }
+    QMessageBox box(icon, title, message, buttons, nullptr,
+                    Qt::Dialog | Qt::MSWindowsFixedSizeDialogHint);
+    if (buttons.testFlag(QMessageBox::Yes)) {
+        box.setDefaultButton(QMessageBox::Yes);
+    }
+    return runBox(box);
+}
+
+void AfxMessageBoxInternal(const char* text) {
+    QMessageBox box;
+    box.setText(QString::fromUtf8(text));
+    runBox(box);
+}

@@ -1,0 +1,5 @@
+#include "gui/VelantrixServer.h"
+
+int VelantrixServer::checkVersion() {
+    return VelantrixServerNoGUI::checkVersion();
+}
