@@ -1,0 +1,157 @@
+#include "listen/command_line.h"
+
+#include <cmath>
+#include <cstdio>
+#include <map>
+#include <unistd.h>
+
+#include <CLI/CLI.hpp>
+
+#include "listen/recorder.h"
+
+namespace vxlisten {
+
+namespace {
+
+const std::map<std::string, std::uint32_t>& rateNames() {
+    static const std::map<std::string, std::uint32_t> names = {
+        {"raw", wire::RATE_CODE_RAW}, {"64", 1}, {"128", 2}, {"256", 3}, {"20", 5}};
+    return names;
+}
+
+std::string ownName() {
+    char name[wire::MAX_CLIENT_NAME + 1] = "";
+    const bool known = gethostname(name, sizeof name - 1) == 0 && name[0] != '\0';
+    return known ? name : "velantrix-listen";
+}
+
+/// What is read before it is checked.
+struct Words {
+    std::string host;
+    std::string rate = "raw";
+    int port = 0;  ///< 0: not given.
+    bool bestEffort = false;
+    bool single = false;
+    bool noPlay = false;
+    std::string stats;
+};
+
+void describe(CLI::App& app, Words& words, Options& options) {
+    app.add_option("HOST", words.host, "Server as HOST or HOST:PORT");
+    app.add_option("--port", words.port, "UDP port of the server (59010)")
+        ->check(CLI::Range(1, 65535));
+    app.add_option("--rate", words.rate, "raw, or kbit/s of Opus: 20, 64, 128, 256 (raw)");
+    app.add_flag("--best-effort", words.bestEffort, "Lost packets are not sent again");
+    app.add_option("--name", options.choice.name, "Name that the server shows (this host's)");
+    app.add_flag("--single", words.single, "Ask to be the server's only listener");
+    app.add_option("--record", options.recordPath, "Record to a .wav, .flac, .ogg or .opus file");
+    app.add_flag("--no-play", words.noPlay, "Do not play the sound");
+    app.add_option("--seconds", options.seconds, "End this long after the connection");
+    app.add_flag("--once", options.once, "End with the connection instead of trying again");
+    app.add_flag("--stats", words.stats,
+                 "Print figures once a second; --stats=json as JSON objects");
+    app.add_flag("--quiet", options.quiet, "Print nothing but errors");
+    app.set_version_flag("--version", "velantrix-listen " VELANTRIX_VERSION);
+}
+
+/// One sentence about what is wrong, empty when nothing is.
+using Complaint = std::string;
+
+Complaint takeHost(const Words& words, Options& options) {
+    options.port = words.port != 0 ? static_cast<std::uint16_t>(words.port) : options.port;
+    const std::size_t colon = words.host.rfind(':');
+    options.host = words.host.substr(0, colon);
+    if (colon == std::string::npos) {
+        return {};
+    }
+    int port = 0;
+    if (options.host.empty() || !CLI::detail::lexical_cast(words.host.substr(colon + 1), port) ||
+        port < 1 || port > 65535) {
+        return "'" + words.host + "' is not HOST or HOST:PORT";
+    }
+    if (words.port != 0 && words.port != port) {
+        return "HOST and --port name different ports";
+    }
+    options.port = static_cast<std::uint16_t>(port);
+    return {};
+}
+
+Complaint takeStats(const Words& words, Options& options) {
+    if (words.stats == "json") {
+        options.stats = StatsStyle::Json;
+    } else if (words.stats == "true") {
+        options.stats = StatsStyle::Lines;
+    } else if (!words.stats.empty()) {
+        return "--stats takes nothing or =json";
+    }
+    return {};
+}
+
+Complaint takeStream(const Words& words, bool nameGiven, Options& options) {
+    const auto rate = rateNames().find(words.rate);
+    if (rate == rateNames().end()) {
+        return "--rate must be raw, 20, 64, 128 or 256";
+    }
+    options.choice.rateCode = rate->second;
+    options.choice.reliable = !words.bestEffort;
+    options.choice.multiClient = !words.single;
+    if (!nameGiven) {
+        options.choice.name = ownName();
+    }
+    return {};
+}
+
+Complaint takeOutput(const Words& words, bool secondsGiven, Options& options) {
+    options.play = !words.noPlay;
+    if (secondsGiven && (!std::isfinite(options.seconds) || options.seconds <= 0)) {
+        return "--seconds must be a number above 0";
+    }
+    if (!options.recordPath.empty() && !Recorder::knowsEnding(options.recordPath)) {
+        return "--record needs a file name that ends in .wav, .flac, .ogg or .opus";
+    }
+    return {};
+}
+
+Complaint check(const CLI::App& app, const Words& words, Options& options) {
+    if (words.host.empty()) {
+        return "HOST is missing";
+    }
+    for (const Complaint& complaint : {takeHost(words, options), takeStats(words, options),
+                                       takeStream(words, app.count("--name") > 0, options),
+                                       takeOutput(words, app.count("--seconds") > 0, options)}) {
+        if (!complaint.empty()) {
+            return complaint;
+        }
+    }
+    return {};
+}
+
+int complain(const Complaint& complaint) {
+    std::fprintf(stderr, "velantrix-listen: %s\n", complaint.c_str());
+    return STATUS_USAGE;
+}
+
+}  // namespace
+
+CommandLine readCommandLine(int argc, const char* const* argv) {
+    CommandLine result;
+    Words words;
+    CLI::App app("Listens to a Velantrix Server", "velantrix-listen");
+    describe(app, words, result.options);
+    try {
+        app.parse(argc, argv);
+    } catch (const CLI::Success& wish) {
+        result.status = app.exit(wish);
+        return result;
+    } catch (const CLI::ParseError& error) {
+        result.status = complain(error.what());
+        return result;
+    }
+    const Complaint complaint = check(app, words, result.options);
+    if (!complaint.empty()) {
+        result.status = complain(complaint);
+    }
+    return result;
+}
+
+}  // namespace vxlisten

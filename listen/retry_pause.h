@@ -1,0 +1,29 @@
+#pragma once
+
+#include <algorithm>
+#include <cstdint>
+
+namespace vxlisten {
+
+/// The pauses between attempts to reach a server again: each twice as long as the one before, up
+/// to five seconds.
+class RetryPause {
+  public:
+    static constexpr std::int64_t FIRST_MS = 250;
+    static constexpr std::int64_t LONGEST_MS = 5000;
+
+    /// The pause before the next attempt, in milliseconds.
+    std::int64_t next() {
+        const std::int64_t pause = next_;
+        next_ = std::min(2 * next_, LONGEST_MS);
+        return pause;
+    }
+
+    /// Starts over, after a connection that brought audio.
+    void reset() { next_ = FIRST_MS; }
+
+  private:
+    std::int64_t next_ = FIRST_MS;
+};
+
+}  // namespace vxlisten

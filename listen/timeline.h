@@ -1,0 +1,52 @@
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "listen/audio_packet.h"
+#include "listen/level_meter.h"
+#include "listen/pcm_sink.h"
+#include "listen/sequence_tracker.h"
+#include "listen/stream_decoder.h"
+
+namespace vxlisten {
+
+/// Decodes the stream in order of arrival and hands it to the sinks with silence in place of what
+/// is missing, so that every moment of the recording is where it was in time. Not thread-safe.
+class Timeline {
+  public:
+    /// Adds a sink; borrowed, must outlive this.
+    void addSink(PcmSink* sink) { sinks_.push_back(sink); }
+
+    /// Takes a packet that `step` judged; `now` is its time of arrival in microseconds. Returns
+    /// the first sink that takes no more, null when all go on.
+    PcmSink* take(const AudioPacket& packet, const SequenceStep& step, std::int64_t now);
+
+    /// Levels of all sound received.
+    [[nodiscard]] const LevelMeter& level() const { return level_; }
+    /// Levels since the last time this was cleared.
+    [[nodiscard]] LevelMeter& recentLevel() { return recentLevel_; }
+    /// Frames of sound and of silence in place of missing sound.
+    [[nodiscard]] std::uint64_t framesDecoded() const { return framesDecoded_; }
+    [[nodiscard]] std::uint64_t framesFilled() const { return framesFilled_; }
+    /// Packets that could not be decoded.
+    [[nodiscard]] std::uint64_t damaged() const { return damaged_; }
+
+  private:
+    [[nodiscard]] std::uint64_t missingFrames(const AudioPacket& packet, const SequenceStep& step,
+                                              std::int64_t now) const;
+    PcmSink* fill(std::uint64_t frames, int rate);
+    PcmSink* hand(const std::int16_t* frames, std::size_t count, int rate);
+
+    StreamDecoder decoder_;
+    std::vector<PcmSink*> sinks_;
+    LevelMeter level_;
+    LevelMeter recentLevel_;
+    std::uint64_t framesDecoded_ = 0;
+    std::uint64_t framesFilled_ = 0;
+    std::uint64_t damaged_ = 0;
+    bool started_ = false;
+    std::int64_t lastArrival_ = 0;
+};
+
+}  // namespace vxlisten
