@@ -38,7 +38,7 @@ until grep -q "Audio capture running" server.log; do
     sleep 0.1
 done
 
-$emulator /usr/bin/velantrix-listen --no-play --seconds "$seconds" --record heard.wav
+$emulator /usr/bin/velantrix-listen 127.0.0.1 --once --no-play --seconds "$seconds" --record heard.wav
 sleep 5   # The version check, 8 s after the start, writes the user's settings.
 
 kill -TERM "$server"

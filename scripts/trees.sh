@@ -1,41 +1,38 @@
-# Bare Debian 12 trees to try things in, for the scripts that build and test packages. Sourced.
-# Everything in a tree runs in namespaces of its own: what it starts ends with the command, and
-# nothing of this machine is changed.
+# Bare Debian 12 trees to try things in. Sourced by bash, after lib.sh.
+#
+# What runs in a tree runs in namespaces of its own: it ends with the command that started it, and
+# nothing of this machine is changed. Variable that the user may set:
+#   VELANTRIX_DEBIAN_MIRROR   where Debian's packages come from
 
 debian_mirror=${VELANTRIX_DEBIAN_MIRROR:-http://deb.debian.org/debian}
 
-# need_root "$0" "$@": starts the script again through sudo unless it runs as root.
+# need_root "$@": starts the script again through sudo unless it runs as root.
 need_root() {
     if [ "$(id -u)" -ne 0 ]; then
-        command -v sudo >/dev/null || {
-            echo "$(basename "$1"): this needs root, and there is no sudo" >&2
-            exit 1
-        }
-        exec sudo --preserve-env=VELANTRIX_DEBIAN_MIRROR "$@"
+        command -v sudo >/dev/null || fail "this needs root, and there is no sudo"
+        exec sudo --preserve-env=VELANTRIX_DEBIAN_MIRROR,VELANTRIX_SKIP_SETUP,JOBS "$0" "$@"
     fi
 }
 
-# need_tools NAME...: stops with one sentence when one is missing.
-need_tools() {
-    for tool in "$@"; do
-        command -v "$tool" >/dev/null || {
-            echo "$(basename "$0"): $tool is missing, run scripts/setup first" >&2
-            exit 1
-        }
-    done
+# new_tree: makes a folder for a tree, sets `tree`, and deletes it when the script ends.
+new_tree() {
+    tree=$(mktemp -d /var/tmp/velantrix-tree.XXXXXX)
+    chmod 755 "$tree"
+    trap 'rm -rf --one-file-system "$tree"' EXIT
+    trap 'exit 1' INT TERM
 }
 
 # tree_create FOLDER: a minimal Debian 12. A copy of the bare tree is kept for the next time in
 # /var/cache/velantrix-trees (delete it when you like).
 tree_create() {
-    cache=/var/cache/velantrix-trees/bookworm-$(dpkg --print-architecture)
+    local cache=/var/cache/velantrix-trees/bookworm-$(dpkg --print-architecture)
     if [ ! -e "$cache/complete" ]; then
         rm -rf "$cache"
         mkdir -p "$cache"
         debootstrap --variant=minbase bookworm "$cache/tree" "$debian_mirror" \
             >"$cache/debootstrap.log" 2>&1 || {
             tail -n 20 "$cache/debootstrap.log" >&2
-            return 1
+            fail "no Debian tree could be made; debootstrap's words are above"
         }
         touch "$cache/complete"
     fi
@@ -64,13 +61,13 @@ tree_root() {
 
 # tree_install FOLDER PACKAGE...: apt-get install with little output.
 tree_install() {
-    tree=$1
+    local where=$1
     shift
-    tree_root "$tree" apt-get -y -q install "$@" >"$tree/install.log" 2>&1 || {
-        tail -n 30 "$tree/install.log" >&2
-        return 1
+    tree_root "$where" apt-get -y -q install "$@" >"$where/install.log" 2>&1 || {
+        tail -n 30 "$where/install.log" >&2
+        fail "packages could not be installed in the tree; apt's words are above"
     }
-    rm -f "$tree/install.log"
+    rm -f "$where/install.log"
 }
 
 # tree_user FOLDER COMMAND...: as the tree's user 1000, in a network of its own that has the

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <cstdint>
+#include <sys/types.h>
+#include <vector>
+
+/// Client processes (the program stream_client beside this one) that stream from a loopback port.
+/// They end, and are waited for, when the object goes.
+class BenchClients {
+  public:
+    struct Choice {
+        std::uint32_t rateCode;
+        bool reliable;
+    };
+
+    /// Starts one process per choice. Aborts when one cannot be started.
+    BenchClients(std::uint16_t port, const std::vector<Choice>& choices);
+    ~BenchClients();
+    BenchClients(const BenchClients&) = delete;
+    BenchClients& operator=(const BenchClients&) = delete;
+
+  private:
+    struct Child {
+        pid_t process;
+        int standardInput;  ///< Closing it ends the client.
+    };
+    std::vector<Child> children;
+};

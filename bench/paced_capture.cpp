@@ -1,0 +1,202 @@
+// A substitute for the sound library, preloaded into the server: it calls the capture callback at
+// exactly the block period and keeps account of it in a CaptureTable.
+//
+// Environment: PACED_CAPTURE_TABLE  file for the CaptureTable (required)
+//              PACED_CAPTURE_SPEED  factor on real time (default 1; 0 = without any pause)
+//
+// Each block holds a sound that keeps an encoder busy; its first two frames hold the entry time of
+// the callback (8 bytes, nanoseconds, machine order), which a raw client reads back.
+
+#include <atomic>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <dlfcn.h>
+#include <poll.h>
+#include <pthread.h>
+#include <sys/socket.h>
+#include <vector>
+
+#include <portaudio.h>
+
+#include "bench/capture_table.h"
+
+namespace {
+
+constexpr std::size_t BLOCK_FRAMES = 338;
+constexpr std::size_t COMPRESSED_FRAMES = 480;
+constexpr std::size_t SOUND_BLOCKS = 1000;
+constexpr std::int64_t NS_PER_SECOND = 1000000000;
+
+CaptureTable* table = nullptr;
+PaStreamCallback* callback = nullptr;
+double sampleRate = 48000;
+double speed = 1;
+pthread_t captureThread;
+std::atomic<bool> stopRequested{false};
+thread_local bool inCallback = false;
+
+std::int64_t clockNs(clockid_t clock) {
+    timespec now = {};
+    ::clock_gettime(clock, &now);
+    return now.tv_sec * NS_PER_SECOND + now.tv_nsec;
+}
+
+std::vector<std::int16_t> makeSound() {
+    std::vector<std::int16_t> sound(SOUND_BLOCKS * BLOCK_FRAMES * 2);
+    unsigned noise = 1;
+    for (std::size_t frame = 0; frame < sound.size() / 2; ++frame) {
+        const double t = static_cast<double>(frame) / sampleRate;
+        noise = noise * 1664525U + 1013904223U;
+        const double hiss = static_cast<double>(noise >> 20U) / 4.0 - 512;
+        const double swell = 0.6 + 0.4 * std::sin(2 * M_PI * 0.7 * t);
+        const double left =
+            swell * (7000 * std::sin(2 * M_PI * 440 * t) + 4000 * std::sin(2 * M_PI * 1318 * t));
+        const double right = swell * 8000 * std::sin(2 * M_PI * 554 * t);
+        sound[2 * frame] = static_cast<std::int16_t>(left + hiss);
+        sound[2 * frame + 1] = static_cast<std::int16_t>(right + hiss);
+    }
+    return sound;
+}
+
+/// Notes which packets this callback sends. Raw packets are numbered by callbacks, compressed
+/// ones by completed groups of 480 frames.
+void noteEntry(std::uint64_t number, std::int64_t entry) {
+    table->rawEntry[number % CaptureTable::REMEMBERED].store(entry, std::memory_order_relaxed);
+    const std::uint64_t before = number * BLOCK_FRAMES / COMPRESSED_FRAMES;
+    const std::uint64_t after = (number + 1) * BLOCK_FRAMES / COMPRESSED_FRAMES;
+    if (after != before) {
+        table->compressedEntry[before % CaptureTable::REMEMBERED].store(entry,
+                                                                        std::memory_order_relaxed);
+    }
+}
+
+void runCallback(std::uint64_t number, std::int16_t* block, std::int64_t period) {
+    const std::int64_t processorStart = clockNs(CLOCK_THREAD_CPUTIME_ID);
+    const std::int64_t entry = clockNs(CLOCK_MONOTONIC);
+    noteEntry(number, entry);
+    std::memcpy(block, &entry, sizeof entry);
+    inCallback = true;
+    callback(block, nullptr, BLOCK_FRAMES, nullptr, 0, nullptr);
+    inCallback = false;
+    const std::int64_t duration = clockNs(CLOCK_MONOTONIC) - entry;
+    table->processorTime.fetch_add(clockNs(CLOCK_THREAD_CPUTIME_ID) - processorStart);
+    table->duration[number % CaptureTable::DURATIONS].store(static_cast<std::uint32_t>(duration),
+                                                            std::memory_order_relaxed);
+    if (duration > period / 2) {
+        table->longCallbacks.fetch_add(1);
+    }
+    table->callbacks.store(number + 1, std::memory_order_release);
+}
+
+void* runCapture(void*) {
+    std::vector<std::int16_t> sound = makeSound();
+    const auto period = static_cast<std::int64_t>(BLOCK_FRAMES * NS_PER_SECOND / sampleRate);
+    const std::int64_t start = clockNs(CLOCK_MONOTONIC);
+    for (std::uint64_t number = 0; !stopRequested.load(); ++number) {
+        if (speed > 0) {
+            const std::int64_t due =
+                start + static_cast<std::int64_t>(static_cast<double>(number) *
+                                                  static_cast<double>(period) / speed);
+            const timespec at = {due / NS_PER_SECOND, due % NS_PER_SECOND};
+            ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr);
+        }
+        runCallback(number, &sound[number % SOUND_BLOCKS * BLOCK_FRAMES * 2], period);
+    }
+    return nullptr;
+}
+
+template <class Function>
+Function* theirs(const char* name) {
+    return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
+}
+
+void count(std::atomic<std::uint64_t> CaptureTable::*counter) {
+    if (inCallback) {
+        (table->*counter).fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+}  // namespace
+
+extern "C" {
+
+PaError Pa_Initialize() {
+    const char* const path = std::getenv("PACED_CAPTURE_TABLE");
+    table = path == nullptr ? nullptr : mapCaptureTable(path, true);
+    if (table == nullptr) {
+        std::fputs("paced capture: no table\n", stdout);
+        return paInternalError;
+    }
+    const char* const wanted = std::getenv("PACED_CAPTURE_SPEED");
+    speed = wanted == nullptr ? 1 : std::atof(wanted);
+    return paNoError;
+}
+
+PaError Pa_Terminate() {
+    return paNoError;
+}
+
+const char* Pa_GetErrorText(PaError) {
+    return "paced capture";
+}
+
+PaDeviceIndex Pa_GetDefaultInputDevice() {
+    return 0;
+}
+
+const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex) {
+    static const PaDeviceInfo info = {2, "paced", 0, 2, 0, 0, 0, 0, 0, 48000};
+    return &info;
+}
+
+PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters*, const PaStreamParameters*,
+                      double rate, unsigned long, PaStreamFlags, PaStreamCallback* function,
+                      void*) {
+    static int opened;
+    *stream = &opened;
+    sampleRate = rate;
+    callback = function;
+    return paNoError;
+}
+
+PaError Pa_StartStream(PaStream*) {
+    return ::pthread_create(&captureThread, nullptr, runCapture, nullptr) == 0 ? paNoError
+                                                                               : paInternalError;
+}
+
+const PaStreamInfo* Pa_GetStreamInfo(PaStream*) {
+    static PaStreamInfo info = {1, 0, 0, 0};
+    info.sampleRate = sampleRate;
+    return &info;
+}
+
+PaError Pa_CloseStream(PaStream*) {
+    stopRequested.store(true);
+    ::pthread_join(captureThread, nullptr);
+    return paNoError;
+}
+
+ssize_t sendmsg(int socket, const msghdr* message, int flags) {
+    static auto* const real = theirs<decltype(sendmsg)>("sendmsg");
+    count(&CaptureTable::sends);
+    return real(socket, message, flags);
+}
+
+ssize_t recvmsg(int socket, msghdr* message, int flags) {
+    static auto* const real = theirs<decltype(recvmsg)>("recvmsg");
+    const ssize_t received = real(socket, message, flags);
+    if (received > 0) {
+        count(&CaptureTable::receives);
+    }
+    return received;
+}
+
+int poll(pollfd* descriptors, nfds_t number, int timeout) {
+    static auto* const real = theirs<decltype(poll)>("poll");
+    count(&CaptureTable::polls);
+    return real(descriptors, number, timeout);
+}
+}

@@ -1,0 +1,126 @@
+"""One measured streaming session: the built server on the paced capture, and client processes.
+
+Everything runs in a network namespace of its own, so nothing leaves the machine.
+"""
+
+import mmap
+import os
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+from pathlib import Path
+
+REMEMBERED = 1 << 16
+DURATIONS = 1 << 20
+COUNTERS_AT = 2 * REMEMBERED * 8
+COUNTER_NAMES = ("callbacks", "long_callbacks", "processor_ns", "sends", "receives", "polls")
+DURATIONS_AT = COUNTERS_AT + 8 * len(COUNTER_NAMES)
+BLOCK_PERIOD_S = 338 / 48000
+RATE_CODES = {"raw": 0, "20": 5, "64": 1, "128": 2, "256": 3}
+
+
+def enter_private_network():
+    """Runs this script again inside a new network namespace with only a loopback device."""
+    if os.environ.get("VX_BENCH_NAMESPACE") == "1":
+        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+        subprocess.run(["ip", "route", "add", "231.232.233.235/32", "dev", "lo"], check=True)
+        return
+    os.environ["VX_BENCH_NAMESPACE"] = "1"
+    flags = "-n" if os.geteuid() == 0 else "-rn"
+    os.execvp("unshare", ["unshare", flags, sys.executable, *sys.argv])
+
+
+class Client:
+    """One stream_client process; `delays()` after `stop()` gives its (sequence, ns) pairs."""
+
+    def __init__(self, build, port, rate_code, reliable, table, output):
+        self.rate_code = rate_code
+        self.output = output
+        self.process = subprocess.Popen(
+            [build / "stream_client", str(port), str(rate_code), "1" if reliable else "0",
+             table, output], stdin=subprocess.PIPE, stderr=subprocess.DEVNULL)
+
+    def stop(self):
+        self.process.stdin.close()
+        return self.process.wait(timeout=20)
+
+    def delays(self):
+        with open(self.output, encoding="ascii") as lines:
+            return [tuple(map(int, line.split())) for line in lines]
+
+
+class Session:
+    """The server, headless, with clients given as (rate code, reliable) pairs.
+
+    `output` is a descriptor that takes the server's lines instead of the session's log file.
+    """
+
+    PORT = 59010
+
+    def __init__(self, build, clients, speed=1.0, server=None, output=None):
+        self.build = Path(build).resolve()
+        self.folder = tempfile.TemporaryDirectory(prefix="velantrix-bench-")
+        self.table_path = os.path.join(self.folder.name, "table")
+        environment = dict(
+            os.environ, HOME=self.folder.name, XDG_CONFIG_HOME=self.folder.name,
+            LD_PRELOAD=str(self.build / "libpaced_capture.so"),
+            PACED_CAPTURE_TABLE=self.table_path, PACED_CAPTURE_SPEED=str(speed),
+            VELANTRIX_SERVER_SAMPLE_RATE="48000", QT_QPA_PLATFORM="offscreen")
+        self.log = open(os.path.join(self.folder.name, "server.log"), "w", encoding="utf-8")
+        self.server = subprocess.Popen(
+            [server or self.build / "VelantrixServer", "-nogui"], env=environment,
+            stdout=output or self.log, stderr=subprocess.STDOUT)
+        self._wait_for_callbacks()
+        with open(self.table_path, "rb") as file:
+            self.table = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
+        self.clients = [
+            Client(self.build, self.PORT, rate_code, reliable, self.table_path,
+                   os.path.join(self.folder.name, f"client-{number}"))
+            for number, (rate_code, reliable) in enumerate(clients)]
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for client in self.clients:
+            if client.process.poll() is None:
+                client.stop()
+        self.server.terminate()
+        self.server.wait(timeout=20)
+        self.log.close()
+        self.folder.cleanup()
+
+    def _wait_for_callbacks(self):
+        for _ in range(200):
+            if os.path.exists(self.table_path) and os.path.getsize(self.table_path) > 0:
+                return
+            if self.server.poll() is not None:
+                break
+            time.sleep(0.05)
+        raise RuntimeError("the server did not start: " + Path(self.log.name).read_text())
+
+    def stop_clients(self):
+        for client in self.clients:
+            if client.stop() != 0:
+                raise RuntimeError("a client received nothing")
+
+    def counters(self):
+        values = struct.unpack_from(f"<{len(COUNTER_NAMES)}q", self.table, COUNTERS_AT)
+        return dict(zip(COUNTER_NAMES, values))
+
+    def durations_ns(self, first, last):
+        count = min(last, DURATIONS) - first
+        return struct.unpack_from(f"<{count}I", self.table, DURATIONS_AT + 4 * first)
+
+    def memory_kib(self):
+        for line in Path(f"/proc/{self.server.pid}/status").read_text().splitlines():
+            if line.startswith("VmRSS:"):
+                return int(line.split()[1])
+        return 0
+
+
+def percentile(ordered, share):
+    """`ordered` is sorted; the value below which `share` of them lie."""
+    return ordered[min(len(ordered) - 1, int(share * len(ordered)))]

@@ -1,0 +1,143 @@
+# What the scripts share. Sourced by bash; sets `repo` and strict mode.
+#
+# Variables that the user may set:
+#   VELANTRIX_SKIP_SETUP=1   install nothing, trust that everything is there
+#   JOBS=N                   parallel jobs (default: the number of cores)
+
+set -euo pipefail
+
+repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+jobs=${JOBS:-$(nproc)}
+
+# Debian's and Ubuntu's names, by what they are for.
+packages_build=(
+    build-essential cmake ninja-build pkg-config libenet-dev qtbase5-dev qtbase5-dev-tools
+    portaudio19-dev libopus-dev libcurl4-openssl-dev libsndfile1-dev libspeexdsp-dev libcli11-dev
+    libasound2-plugins librsvg2-bin
+)
+packages_demo=(pulseaudio pulseaudio-utils libasound2-plugins iproute2 python3)
+packages_test=(
+    libgtest-dev libgmock-dev xvfb xauth xdotool imagemagick dbus at-spi2-core gir1.2-atspi-2.0
+    python3-gi desktop-file-utils appstream mandoc zsh systemd
+)
+packages_check=(clang clang-tidy clang-format cppcheck)
+packages_bench=(libbenchmark-dev)
+packages_package=(dpkg-dev lintian file)
+packages_trees=(debootstrap iproute2 python3)
+
+say() {
+    printf '%s\n' "$*"
+}
+
+# Ends the script with one clear sentence.
+fail() {
+    printf '%s: %s\n' "$(basename "$0")" "$*" >&2
+    exit 1
+}
+
+is_debian() {
+    [ -r /etc/os-release ] || return 1
+    local family
+    family=$(. /etc/os-release && printf ' %s %s ' "${ID:-}" "${ID_LIKE:-}")
+    case $family in *' debian '* | *' ubuntu '*) ;; *) return 1 ;; esac
+    command -v apt-get >/dev/null
+}
+
+# Prints the packages of the groups in "$@" that are not installed.
+missing_packages() {
+    local group name list=()
+    for group in "$@"; do
+        declare -n members="packages_$group"
+        list+=("${members[@]}")
+    done
+    for name in "${list[@]}"; do
+        if [ "$(dpkg-query -W -f '${db:Status-Status}' "$name" 2>/dev/null)" != installed ]; then
+            printf '%s\n' "$name"
+        fi
+    done | sort -u
+}
+
+as_root() {
+    if [ "$(id -u)" -eq 0 ]; then
+        "$@"
+    elif command -v sudo >/dev/null; then
+        sudo -- "$@"
+    else
+        fail "installing packages needs root: run scripts/setup as root, or install sudo"
+    fi
+}
+
+print_other_systems() {
+    cat <<'NAMES'
+This system is neither Debian nor Ubuntu, so nothing was installed. The packages are called:
+
+Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-devel qt5-qtbase-devel \
+             portaudio-devel opus-devel libcurl-devel libsndfile-devel speexdsp-devel cli11-devel \
+             alsa-plugins-pulseaudio librsvg2-tools
+         for the demo:    pulseaudio pulseaudio-utils iproute python3
+         for the tests:   gtest-devel gmock-devel xorg-x11-server-Xvfb xorg-x11-xauth xdotool \
+             ImageMagick dbus-daemon at-spi2-core python3-gobject desktop-file-utils appstream \
+             mandoc zsh systemd
+         for the checks:  clang clang-tools-extra cppcheck
+         for benchmarks:  google-benchmark-devel
+
+Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio opus curl libsndfile \
+             speexdsp cli11 alsa-plugins librsvg
+         for the demo:    pulseaudio iproute2 python
+         for the tests:   gtest xorg-server-xvfb xorg-xauth xdotool imagemagick dbus at-spi2-core \
+             python-gobject desktop-file-utils appstream mandoc zsh
+         for the checks:  clang cppcheck
+         for benchmarks:  benchmark
+
+Install them, then start the script again with VELANTRIX_SKIP_SETUP=1.
+NAMES
+}
+
+# Installs what the groups in "$@" lack.
+ensure_packages() {
+    if [ "${VELANTRIX_SKIP_SETUP:-0}" = 1 ]; then
+        return
+    fi
+    if ! is_debian; then
+        print_other_systems
+        fail "packages are installed by itself on Debian and Ubuntu only; see the names above"
+    fi
+    local missing
+    mapfile -t missing < <(missing_packages "$@")
+    if [ ${#missing[@]} -eq 0 ]; then
+        return
+    fi
+    say "Installing: ${missing[*]}"
+    as_root apt-get update -q || fail "apt-get update failed: is this machine on the network?"
+    # --no-remove: a desktop whose own sound system excludes PulseAudio must not lose it.
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
+        --no-remove "${missing[@]}" ||
+        fail "apt-get could not install the packages above (nothing was removed for them)"
+}
+
+# Builds preset $1 into build-$1; further arguments go to cmake's configuration.
+build_preset() {
+    local preset=$1 folder="$repo/build-$1"
+    shift
+    if [ -e "$folder" ] && [ ! -w "$folder" ] || [ ! -e "$folder" ] && [ ! -w "$repo" ]; then
+        fail "no right to write to $folder: remove it, or run as its owner"
+    fi
+    # A tree that was moved since cannot be built on.
+    if [ -f "$folder/CMakeCache.txt" ] &&
+        ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$repo" "$folder/CMakeCache.txt"; then
+        rm -rf "$folder"
+    fi
+    local launcher=()
+    if command -v ccache >/dev/null; then
+        launcher=(-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+    fi
+    (
+        cd "$repo"
+        cmake --preset "$preset" "${launcher[@]}" "$@" >"$repo/build-$preset.log" 2>&1 || {
+            cat "$repo/build-$preset.log" >&2
+            exit 1
+        }
+        rm -f "$repo/build-$preset.log"
+        cmake --build "$folder" --parallel "$jobs"
+    ) || fail "the build in $folder failed; the compiler's words are above"
+}

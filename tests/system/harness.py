@@ -1,0 +1,132 @@
+"""What a system test needs, in one place.
+
+A test module imports from here and ends with ``if __name__ == "__main__": main()``. It then
+runs in a network namespace of its own, under ctest (which gives the paths of the programs in
+VELANTRIX_SERVER, VELANTRIX_LISTEN and VELANTRIX_FAKES) or by hand:
+
+    VELANTRIX_SERVER=build/VelantrixServer VELANTRIX_LISTEN=build/velantrix-listen \\
+    VELANTRIX_FAKES=build python3 tests/system/test_start.py -v Class.test_name
+"""
+
+import os
+import pathlib
+import re
+import shutil
+import signal
+import subprocess
+import tempfile
+import unittest
+
+from network import HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, enter_private_network
+from processes import PATIENCE, Lines, Process, die_with_parent, wait_until
+from sound import SoundServer, clean_environment, private_home
+
+__all__ = ["HERE_ADDRESS", "THERE_ADDRESS", "PATIENCE", "CAPTURE_RUNNING", "DEFAULT_PORT",
+           "OtherNetwork", "Process", "Lines", "Server", "SoundServer", "SystemTest",
+           "clean_environment", "die_with_parent", "fake", "listen", "listen_command", "main",
+           "private_home", "program", "wait_until"]
+
+DEFAULT_PORT = 59010
+CAPTURE_RUNNING = "VelantrixServer: Audio capture running"
+
+
+def program(variable):
+    """Path of a program that ctest names in an environment variable."""
+    path = os.environ.get(variable)
+    if not path or not os.access(path, os.X_OK):
+        raise AssertionError(f"{variable} must name an executable program, it is {path!r}")
+    return path
+
+
+def fake(name):
+    """Path of a test program or preload library built in tests/fakes."""
+    folder = os.environ.get("VELANTRIX_FAKES")
+    path = pathlib.Path(folder or "/nonexistent") / name
+    if not path.exists():
+        raise AssertionError(f"VELANTRIX_FAKES has no {name} (it is {folder!r})")
+    return str(path)
+
+
+class Server(Process):
+    """A running VelantrixServer, headless unless ``gui``.
+
+    ``sound``    a SoundServer, or None for a machine without any sound device.
+    ``env``      variables on top; a value of None removes one.
+    ``preload``  path of a library for LD_PRELOAD.
+    ``rate``     the capture rate to ask for, None to leave it to the device.
+    """
+
+    def __init__(self, *arguments, sound=None, env=None, preload=None, rate=None, gui=False,
+                 prefix=()):
+        self.own_home = None
+        environment = clean_environment()
+        if sound is not None:
+            environment.update(sound.env)
+        else:
+            environment.update(self._silent_home())
+        if rate is not None:
+            environment["VELANTRIX_SERVER_SAMPLE_RATE"] = str(rate)
+        if preload is not None:
+            environment["LD_PRELOAD"] = preload
+        environment.update(env or {})
+        environment = {name: value for name, value in environment.items() if value is not None}
+        command = [*prefix, program("VELANTRIX_SERVER"), *([] if gui else ["-nogui"]), *arguments]
+        super().__init__(command, environment, name="VelantrixServer")
+
+    def _silent_home(self):
+        """A home in which ALSA knows one device only, one that cannot be opened.
+
+        An ALSA configuration without any device makes PortAudio fail an assertion of its own.
+        """
+        self.own_home = tempfile.mkdtemp(prefix="velantrix-home-")
+        config = pathlib.Path(self.own_home) / "alsa.conf"
+        config.write_text("pcm.missing { type hw card 99 }\n", encoding="ascii")
+        return dict(private_home(self.own_home), XDG_RUNTIME_DIR=self.own_home,
+                    ALSA_CONFIG_PATH=str(config), JACK_NO_START_SERVER="1")
+
+    def wait_for_capture(self):
+        """Waits until sound flows, from when on clients are served."""
+        self.out.wait_for(CAPTURE_RUNNING)
+
+    def __exit__(self, *_):
+        super().__exit__()
+        if self.own_home:
+            shutil.rmtree(self.own_home, ignore_errors=True)
+
+
+def listen_command(*arguments, host="127.0.0.1"):
+    return [program("VELANTRIX_LISTEN"), host, *[str(word) for word in arguments]]
+
+
+def listen(*arguments, host="127.0.0.1", prefix=(), timeout=60, env=None):
+    """Runs velantrix-listen to its end; returns the completed process with its texts."""
+    return subprocess.run([*prefix, *listen_command(*arguments, host=host)], timeout=timeout,
+                          env=dict(clean_environment(), **(env or {})), capture_output=True,
+                          text=True, preexec_fn=die_with_parent, check=False)
+
+
+class SystemTest(unittest.TestCase):
+    """A test case with a scratch folder and the console's lines at hand."""
+
+    def setUp(self):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="velantrix-test-"))
+        self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+
+    def assert_lines_in_order(self, lines, expected):
+        """Each expected line (text, or compiled pattern) comes, in this order."""
+        position = 0
+        for pattern in expected:
+            fits = pattern.search if isinstance(pattern, re.Pattern) else pattern.__eq__
+            found = next((i for i in range(position, len(lines)) if fits(lines[i])), None)
+            self.assertIsNotNone(
+                found, f"no {pattern!r} from line {position} on:\n  " + "\n  ".join(lines))
+            position = found + 1
+
+    def assert_ends_cleanly(self, server, number=signal.SIGTERM):
+        self.assertEqual(server.stop(number), 0, "\n".join(server.out.all() + server.err.all()))
+
+
+def main():
+    """Runs the module's tests inside a private network."""
+    enter_private_network()
+    unittest.main(module="__main__", verbosity=2)

@@ -1,0 +1,108 @@
+"""Private networks for the system tests, so that no packet of theirs leaves the machine."""
+
+import os
+import shutil
+import signal
+import subprocess
+import sys
+
+from processes import die_with_parent
+
+MARK = "VELANTRIX_PRIVATE_NETWORK"
+DISCOVERY_GROUP = "231.232.233.235"
+
+HERE_ADDRESS = "10.77.0.1"
+THERE_ADDRESS = "10.77.0.2"
+
+
+def _fail(text):
+    sys.exit(f"{os.path.basename(sys.argv[0])}: {text}")
+
+
+def _unshare_command():
+    """How this user makes a network namespace, or None."""
+    for options in (["-n"], ["-rn"]) if os.geteuid() == 0 else (["-rn"],):
+        command = ["unshare", *options, "--"]
+        if shutil.which("unshare") and subprocess.run(
+                command + ["true"], stderr=subprocess.DEVNULL).returncode == 0:
+            return command
+    return None
+
+
+def join_private_network():
+    """Runs this program again in a network namespace of its own; returns True inside it.
+
+    Returns False, on the real network, when the system does not let this user make one. The
+    namespace has the loopback interface only, with a route for the discovery group.
+    """
+    if "/usr/sbin" not in os.environ["PATH"]:
+        os.environ["PATH"] += ":/usr/sbin:/sbin"
+    if os.environ.get(MARK) != "1":
+        command = _unshare_command()
+        if command is None:
+            return False
+        environment = dict(os.environ, **{MARK: "1"})
+        os.execvpe(command[0], command + [sys.executable] + sys.argv, environment)
+    del os.environ[MARK]
+    interfaces = set(_interfaces())
+    if interfaces != {"lo"}:
+        _fail(f"{MARK} is set, but this is no private network: {sorted(interfaces)}")
+    ip("link", "set", "lo", "up")
+    ip("route", "replace", f"{DISCOVERY_GROUP}/32", "dev", "lo")
+    return True
+
+
+def enter_private_network():
+    """As join_private_network, but there is no other way: ends the program without one."""
+    if not join_private_network():
+        _fail("cannot make a private network namespace (unshare -n as root, unshare -rn as an "
+              "ordinary user); the tests never run on a real network")
+
+
+def _interfaces():
+    with open("/proc/self/net/dev", encoding="ascii") as table:
+        return [line.split(":")[0].strip() for line in table if ":" in line]
+
+
+def ip(*arguments, there=None):
+    """Runs iproute2's ``ip`` here, or inside the other network ``there``."""
+    prefix = there.command() if there else []
+    subprocess.run([*prefix, "ip", *arguments], check=True)
+
+
+class OtherNetwork:
+    """A second network namespace, joined to this one by a cable (a veth pair).
+
+    This side is ``vxhere`` with HERE_ADDRESS, the other ``vxthere`` with THERE_ADDRESS, both
+    in one /24. The discovery group is routed over the cable on the other side. Programs run
+    there with ``command() + [...]``. A context manager: the namespace goes with its holder.
+    """
+
+    def __enter__(self):
+        self.holder = subprocess.Popen(
+            ["unshare", "-n", "--", "sh", "-c", "echo; exec sleep infinity"],
+            stdout=subprocess.PIPE, preexec_fn=die_with_parent)
+        self.holder.stdout.readline()  # The namespace stands once the shell inside it speaks.
+        ip("link", "add", "vxhere", "type", "veth", "peer", "name", "vxthere", "netns",
+           str(self.holder.pid))
+        ip("addr", "add", f"{HERE_ADDRESS}/24", "dev", "vxhere")
+        ip("link", "set", "vxhere", "up")
+        ip("link", "set", "lo", "up", there=self)
+        ip("addr", "add", f"{THERE_ADDRESS}/24", "dev", "vxthere", there=self)
+        ip("link", "set", "vxthere", "up", there=self)
+        ip("route", "add", f"{DISCOVERY_GROUP}/32", "dev", "vxthere", there=self)
+        return self
+
+    def __exit__(self, *_):
+        self.holder.send_signal(signal.SIGKILL)
+        self.holder.wait()
+        self.holder.stdout.close()
+        subprocess.run(["ip", "link", "del", "vxhere"], stderr=subprocess.DEVNULL)
+
+    def command(self):
+        """The words to put before a command that is to run in the other network."""
+        return ["nsenter", "-t", str(self.holder.pid), "-n", "--"]
+
+    def receive_on_cable(self):
+        """Joins this side's multicast to the cable instead of the loopback interface."""
+        ip("route", "replace", f"{DISCOVERY_GROUP}/32", "dev", "vxhere")

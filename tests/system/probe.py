@@ -1,0 +1,163 @@
+"""Scripted clients of the server, and the packets they receive."""
+
+import array
+import pathlib
+import re
+import struct
+import subprocess
+
+from harness import DEFAULT_PORT, Process, clean_environment, fake, wait_until
+
+MSGID_AUDIO, MSGID_DATA, MSGID_FASTER, MSGID_SLOWER = range(4)
+FLAG_RELIABLE, FLAG_ALT_RATE = 1, 2
+MULTI_CLIENT = 0x80000000
+DISCONNECT_REPLACED = 101
+HEADER_BYTES = 16
+RAW_PACKET_BYTES = 1368
+FALLBACK_BYTES = 1936
+
+
+def control_message(message_id, flags=0, name=b""):
+    """The bytes of a control message; ``name`` brings its own terminator."""
+    return struct.pack("<IIII", message_id, 0, flags, 0) + name
+
+
+def data_request(rate_code=0, reliable=True, name="probe"):
+    flags = (FLAG_RELIABLE if reliable else 0) | rate_code << 6
+    return control_message(MSGID_DATA, flags, name.encode() + b"\0")
+
+
+class Packet:
+    """One received packet: arrival in ms of the probe's clock, header fields, payload."""
+
+    def __init__(self, arrival, data):
+        self.arrival = arrival
+        self.length = len(data)
+        self.message_id, self.seq, self.flags, self.reserved = struct.unpack_from("<IIII", data)
+        self.payload = data[HEADER_BYTES:]
+
+    @property
+    def rate_code(self):
+        return self.flags >> 6 & 7
+
+
+def samples_of(packets):
+    """The samples of raw packets, one behind the other."""
+    samples = array.array("h")
+    for packet in packets:
+        samples.frombytes(packet.payload)
+    return samples
+
+
+def sequence_gaps(packets):
+    """How many sequence numbers are missing, repeated or out of order."""
+    return sum(1 for before, after in zip(packets, packets[1:])
+               if after.seq != (before.seq + 1) & 0xFFFFFFFF)
+
+
+class Client:
+    """One client of a Probe; see its ``connect``."""
+
+    def __init__(self, probe, name, path):
+        self.probe = probe
+        self.name = name
+        self.path = path
+        self.start = probe.out.count()
+
+    def wait_connected(self):
+        """Returns the client's local UDP port."""
+        line = self.probe.out.wait_for(
+            re.compile(rf"^connected {self.name} port (\d+)$"), self.start)
+        return int(self.probe.out.all()[line].split()[-1])
+
+    def wait_disconnected(self):
+        """Returns the disconnect data."""
+        line = self.probe.out.wait_for(
+            re.compile(rf"^disconnected {self.name} data (\d+)$"), self.start)
+        return int(self.probe.out.all()[line].split()[-1])
+
+    def is_disconnected(self):
+        return any(line.startswith(f"disconnected {self.name} ")
+                   for line in self.probe.out.all()[self.start:])
+
+    def send(self, data, channel=0, reliable=True):
+        kind = "reliable" if reliable else "unreliable"
+        self.probe.command(f"send {self.name} {channel} {kind} {data.hex() or '-'}")
+
+    def request(self, rate_code=0, reliable=True, name=None):
+        self.send(data_request(rate_code, reliable, name or self.name))
+
+    def disconnect(self, data=0):
+        self.probe.command(f"disconnect {self.name} {data}")
+
+    def vanish(self):
+        self.probe.command(f"vanish {self.name}")
+
+    def stall(self):
+        self.probe.command(f"stall {self.name}")
+
+    def resume(self):
+        self.probe.command(f"resume {self.name}")
+
+    def statistics(self):
+        """The counts as a dictionary; ``fragments`` and ``largest`` count for the whole probe."""
+        start = self.probe.out.count()
+        self.probe.command(f"statistics {self.name}")
+        line = self.probe.out.wait_for(re.compile(rf"^statistics {self.name} "), start)
+        words = self.probe.out.all()[line].split()[2:]
+        return dict(zip(words[::2], map(int, words[1::2])))
+
+    def packets(self):
+        """Every whole packet received until now."""
+        data = self.path.read_bytes()
+        packets, at = [], 0
+        while at + 8 <= len(data):
+            arrival, length = struct.unpack_from("<II", data, at)
+            at += 8
+            if at + length > len(data):
+                break
+            if length >= HEADER_BYTES:
+                packets.append(Packet(arrival, data[at:at + length]))
+            at += length
+        return packets
+
+    def wait_packets(self, count):
+        """Waits for so many packets more than there are; returns all."""
+        already = len(self.packets())
+        wait_until(lambda: self.statistics()["packets"] >= already + count,
+                   f"{count} more packets for {self.name}")
+        return self.packets()
+
+
+class Probe(Process):
+    """The probe program: any number of clients in one process."""
+
+    def __init__(self, folder, prefix=()):
+        self.folder = pathlib.Path(folder)
+        self.names = 0
+        super().__init__([*prefix, fake("enet_probe")], clean_environment(), name="enet_probe",
+                         stdin=subprocess.PIPE)
+
+    def command(self, line):
+        """Sends a command and waits until it is carried out."""
+        start = self.out.count()
+        self.child.stdin.write(line + "\n")
+        self.child.stdin.flush()
+        done = self.out.wait_for("done", start)
+        errors = [text for text in self.out.all()[start:done] if text.startswith("error")]
+        if errors:
+            raise AssertionError(f"{line[:80]}: {errors}")
+
+    def connect(self, version=1, multi=True, host="127.0.0.1", port=DEFAULT_PORT, mtu=0,
+                local_port=0, data=None, wait=True):
+        """Connects a new client; ``data`` overrides version and multi."""
+        self.names += 1
+        name = f"c{self.names}"
+        path = self.folder / f"{name}.packets"
+        client = Client(self, name, path)
+        if data is None:
+            data = version | (MULTI_CLIENT if multi else 0)
+        self.command(f"connect {name} {host} {port} {data} {path} {mtu} {local_port}")
+        if wait:
+            client.wait_connected()
+        return client

@@ -1,0 +1,143 @@
+"""Child processes whose printed lines a test can wait for."""
+
+import ctypes
+import re
+import signal
+import subprocess
+import threading
+import time
+
+PATIENCE = 30.0
+"""Seconds to wait for something that comes at once on an idle machine."""
+
+_PR_SET_PDEATHSIG = 1
+_libc = ctypes.CDLL(None)
+
+
+def die_with_parent():
+    """For ``preexec_fn``: the child is killed when the test is, however the test ends."""
+    _libc.prctl(_PR_SET_PDEATHSIG, signal.SIGKILL)
+
+
+def wait_until(condition, what, timeout=PATIENCE):
+    """Waits until ``condition()`` is true and returns its value; fails with ``what``."""
+    end = time.monotonic() + timeout
+    while True:
+        value = condition()
+        if value:
+            return value
+        if time.monotonic() > end:
+            raise AssertionError(f"not within {timeout:g} s: {what}")
+        time.sleep(0.02)
+
+
+class Lines:
+    """The lines that come out of one pipe, in order, kept as they come."""
+
+    def __init__(self, pipe, name):
+        self.name = name
+        self._lines = []
+        self._changed = threading.Condition()
+        self._ended = False
+        self._thread = threading.Thread(target=self._read, args=(pipe,), daemon=True)
+        self._thread.start()
+
+    def _read(self, pipe):
+        for line in pipe:
+            with self._changed:
+                self._lines.append(line.rstrip("\n"))
+                self._changed.notify_all()
+        pipe.close()
+        with self._changed:
+            self._ended = True
+            self._changed.notify_all()
+
+    def all(self):
+        """Every line until now."""
+        with self._changed:
+            return list(self._lines)
+
+    def count(self):
+        with self._changed:
+            return len(self._lines)
+
+    def wait_for(self, pattern, start=0, timeout=PATIENCE):
+        """Waits for a whole line (text) or a match (compiled pattern) from line ``start`` on.
+
+        Returns the line's index. Fails with everything printed when it does not come.
+        """
+        fits = pattern.search if isinstance(pattern, re.Pattern) else pattern.__eq__
+        end = time.monotonic() + timeout
+        with self._changed:
+            position = start
+            while True:
+                for index in range(position, len(self._lines)):
+                    if fits(self._lines[index]):
+                        return index
+                position = max(position, len(self._lines))
+                left = end - time.monotonic()
+                if left <= 0 or self._ended:
+                    why = "the output ended" if self._ended else f"waited {timeout:g} s"
+                    raise AssertionError(
+                        f"{self.name}: no line {pattern!r} from line {start} on ({why}):\n  "
+                        + "\n  ".join(self._lines))
+                self._changed.wait(left)
+
+    def finish(self, timeout=PATIENCE):
+        """Waits for the end of the pipe and returns every line."""
+        self._thread.join(timeout)
+        if self._thread.is_alive():
+            raise AssertionError(f"{self.name}: the pipe stays open")
+        return self.all()
+
+
+class Process:
+    """A running program with both outputs captured by line. A context manager that kills it."""
+
+    def __init__(self, command, env, name=None, **options):
+        self.name = name or command[0].rsplit("/", 1)[-1]
+        self.child = subprocess.Popen(
+            [str(word) for word in command], env=env, stdout=subprocess.PIPE,
+            stderr=subprocess.PIPE, stdin=options.pop("stdin", subprocess.DEVNULL), text=True,
+            errors="backslashreplace", preexec_fn=die_with_parent, **options)
+        self.out = Lines(self.child.stdout, f"{self.name} standard output")
+        self.err = Lines(self.child.stderr, f"{self.name} standard error")
+
+    @property
+    def pid(self):
+        return self.child.pid
+
+    def send_signal(self, number):
+        self.child.send_signal(number)
+
+    def wait(self, timeout=PATIENCE):
+        """Waits for the end; returns the status (negative: the number of the signal)."""
+        try:
+            status = self.child.wait(timeout)
+        except subprocess.TimeoutExpired:
+            raise AssertionError(f"{self.name} still runs after {timeout:g} s:\n  "
+                                 + "\n  ".join(self.out.all() + self.err.all())) from None
+        self.out.finish()
+        self.err.finish()
+        return status
+
+    def stop(self, number=signal.SIGTERM, timeout=PATIENCE):
+        """Sends a signal and waits for the end; returns the status."""
+        if self.child.poll() is None:
+            self.send_signal(number)
+        return self.wait(timeout)
+
+    def kill(self):
+        if self.child.poll() is None:
+            self.child.kill()
+        self.child.wait()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.kill()
+        if self.child.stdin:
+            self.child.stdin.close()
+        self.out.finish()
+        self.err.finish()

@@ -1,0 +1,135 @@
+"""How the headless server ends: signals, a capture that hangs in its close, forced exits."""
+
+import os
+import signal
+import socket
+import time
+
+from harness import (DEFAULT_PORT, Server, SoundServer, SystemTest, die_with_parent, fake, main,
+                     wait_until)
+
+SLOW_CLOSE = ("VelantrixServer: Audio shutdown is taking a long time, may be caused by an audio "
+              "driver issue. Quitting.")
+CLOSE_HANGS = {"VELANTRIX_FAULTS": "close-hangs"}
+FATAL = 255
+
+BUSY_STARTS = int(os.environ.get("VELANTRIX_BUSY_STARTS", "40"))
+
+
+class Signals(SystemTest):
+    def check_signal(self, number, sound):
+        with Server(sound=sound) as server:
+            if sound:
+                server.wait_for_capture()
+            else:
+                server.err.wait_for("Error -10000 opening audio input device")
+            self.assert_ends_cleanly(server, number)
+            self.assertNotIn(SLOW_CLOSE, server.out.all())
+
+    def test_interrupt_while_streaming_gives_status_0(self):
+        with SoundServer() as sound:
+            self.check_signal(signal.SIGINT, sound)
+
+    def test_terminate_while_streaming_gives_status_0(self):
+        with SoundServer() as sound:
+            self.check_signal(signal.SIGTERM, sound)
+
+    def test_interrupt_without_sound_gives_status_0(self):
+        self.check_signal(signal.SIGINT, None)
+
+    def test_terminate_right_after_the_banner_gives_status_0(self):
+        with SoundServer() as sound:
+            for _ in range(5):
+                with Server(sound=sound) as server:
+                    server.out.wait_for("Velantrix Server v3.1")
+                    self.assert_ends_cleanly(server)
+
+
+class HangingClose(SystemTest):
+    def start(self, sound):
+        return Server(sound=sound, preload=fake("preload_faults.so"), env=CLOSE_HANGS)
+
+    def test_exit_comes_after_3_seconds_with_the_message_and_status_0(self):
+        with SoundServer() as sound, self.start(sound) as server:
+            server.wait_for_capture()
+            begin = time.monotonic()
+            self.assert_ends_cleanly(server)
+            taken = time.monotonic() - begin
+            self.assertEqual(server.out.all().count(SLOW_CLOSE), 1)
+            self.assertGreaterEqual(taken, 3.0)
+            self.assertLess(taken, 20.0)
+
+    def check_second_signal(self, first, second):
+        with SoundServer() as sound, self.start(sound) as server:
+            server.wait_for_capture()
+            server.send_signal(first)
+            wait_until(lambda: default_action(server.pid, second), "the first signal is handled")
+            server.send_signal(second)
+            self.assertEqual(server.wait(), -second)
+            self.assertNotIn(SLOW_CLOSE, server.out.all())
+
+    def test_second_interrupt_ends_at_once_by_the_signal(self):
+        self.check_second_signal(signal.SIGINT, signal.SIGINT)
+
+    def test_terminate_after_an_interrupt_ends_at_once_by_the_signal(self):
+        self.check_second_signal(signal.SIGINT, signal.SIGTERM)
+
+
+class FailingClose(SystemTest):
+    def test_failed_close_is_reported_and_the_status_is_0(self):
+        with SoundServer() as sound, Server(
+                sound=sound, preload=fake("preload_faults.so"),
+                env={"VELANTRIX_FAULTS": "close-fails"}) as server:
+            server.wait_for_capture()
+            self.assert_ends_cleanly(server)
+            self.assertEqual(server.err.all(), [
+                "An error occured while closing the portaudio stream",
+                "Error number: -9986",
+                "Error message: Internal PortAudio error"])
+
+
+class ForcedExit(SystemTest):
+    def test_busy_port_gives_status_255_every_time_also_under_load(self):
+        print(f"{BUSY_STARTS} starts, the second half under load "
+              "(VELANTRIX_BUSY_STARTS sets the number)")
+        statuses = []
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
+            holder.bind(("0.0.0.0", DEFAULT_PORT))
+            statuses += [self.start_once() for _ in range(BUSY_STARTS // 2)]
+            with Load():
+                statuses += [self.start_once() for _ in range(BUSY_STARTS - BUSY_STARTS // 2)]
+        self.assertEqual(statuses, [FATAL] * BUSY_STARTS)
+
+    def start_once(self):
+        with Server() as server:
+            return server.wait()
+
+
+class Load:
+    """Keeps every core busy for as long as the context lasts."""
+
+    def __enter__(self):
+        self.children = []
+        for _ in range(2 * (os.cpu_count() or 1)):
+            child = os.fork()
+            if child == 0:
+                die_with_parent()
+                while True:
+                    pass
+            self.children.append(child)
+
+    def __exit__(self, *_):
+        for child in self.children:
+            os.kill(child, signal.SIGKILL)
+            os.waitpid(child, 0)
+
+
+def default_action(pid, number):
+    """True when the process no longer catches the signal."""
+    with open(f"/proc/{pid}/status", encoding="ascii", errors="replace") as status:
+        caught = next(int(line.split()[1], 16) for line in status if line.startswith("SigCgt"))
+    return not caught >> (number - 1) & 1
+
+
+if __name__ == "__main__":
+    main()
