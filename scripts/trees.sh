@@ -3,6 +3,7 @@
 # What runs in a tree runs in namespaces of its own: it ends with the command that started it, and
 # nothing of this machine is changed. Variable that the user may set:
 #   VELANTRIX_DEBIAN_MIRROR   where Debian's packages come from
+#   VELANTRIX_KEEP_TREE=1     do not delete the tree at the end
 
 debian_mirror=${VELANTRIX_DEBIAN_MIRROR:-http://deb.debian.org/debian}
 
@@ -10,7 +11,7 @@ debian_mirror=${VELANTRIX_DEBIAN_MIRROR:-http://deb.debian.org/debian}
 need_root() {
     if [ "$(id -u)" -ne 0 ]; then
         command -v sudo >/dev/null || fail "this needs root, and there is no sudo"
-        exec sudo --preserve-env=VELANTRIX_DEBIAN_MIRROR,VELANTRIX_SKIP_SETUP,JOBS "$0" "$@"
+        exec sudo --preserve-env=VELANTRIX_DEBIAN_MIRROR,VELANTRIX_KEEP_TREE,VELANTRIX_SKIP_SETUP,JOBS "$0" "$@"
     fi
 }
 
@@ -18,7 +19,11 @@ need_root() {
 new_tree() {
     tree=$(mktemp -d /var/tmp/velantrix-tree.XXXXXX)
     chmod 755 "$tree"
-    trap 'rm -rf --one-file-system "$tree"' EXIT
+    if [ "${VELANTRIX_KEEP_TREE:-0}" = 1 ]; then
+        trap 'say "The tree is kept: $tree"' EXIT
+    else
+        trap 'rm -rf --one-file-system "$tree"' EXIT
+    fi
     trap 'exit 1' INT TERM
 }
 
@@ -54,9 +59,9 @@ tree_enter='mount -t proc proc "$1/proc"
 tree_root() {
     unshare --mount --pid --fork --kill-child sh -e -c "$tree_enter"'
         tree=$1; shift
-        exec env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
-            LC_ALL=C.UTF-8 HOME=/root DEBIAN_FRONTEND=noninteractive TERM=dumb \
-            chroot "$tree" "$@"' sh "$@"
+        exec chroot "$tree" /usr/bin/env -i \
+            PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
+            LC_ALL=C.UTF-8 HOME=/root DEBIAN_FRONTEND=noninteractive TERM=dumb "$@"' sh "$@"
 }
 
 # tree_install FOLDER PACKAGE...: apt-get install with little output.
@@ -77,9 +82,9 @@ tree_user() {
         ip link set lo up
         ip route add 231.232.233.235/32 dev lo
         tree=$1; shift
-        exec env -i PATH=/usr/local/bin:/usr/bin:/bin LC_ALL=C.UTF-8 HOME=/home/user TERM=dumb \
-            XDG_RUNTIME_DIR=/run/sound PULSE_SERVER=unix:/run/sound/native \
-            chroot --userspec=1000:1000 "$tree" "$@"' sh "$@"
+        exec chroot --userspec=1000:1000 "$tree" /usr/bin/env -i \
+            PATH=/usr/local/bin:/usr/bin:/bin LC_ALL=C.UTF-8 HOME=/home/user TERM=dumb \
+            XDG_RUNTIME_DIR=/run/sound PULSE_SERVER=unix:/run/sound/native "$@"' sh "$@"
 }
 
 # tree_add_user FOLDER: the user that tree_user becomes.
