@@ -1,5 +1,88 @@
+// What the window adds to the version check: it waits while it is minimised, and asks.
+
+#include <cstdlib>
+#include <dirent.h>
+#include <fcntl.h>
+#include <string>
+#include <unistd.h>
+
+#include "app/Thread.h"
+#include "app/core_life.h"
 #include "gui/VelantrixServer.h"
+#include "update/web_address.h"
+
+namespace {
+
+constexpr int MINIMIZED_STEP_MS = 2000;
+constexpr int NO_SHELL = 127;
+
+/// False when the window went away meanwhile: nothing of it may be touched then.
+bool waitWhileMinimized(const QWidget& window) {
+    while (window.isMinimized()) {
+        CoreUnpin unpin;
+        Sleep(MINIMIZED_STEP_MS);
+        if (!unpin.repin()) {
+            return false;
+        }
+    }
+    return true;
+}
+
+/// Keeps programs that are started from now on from inheriting our sockets: a browser that
+/// outlives the server would go on holding its port.
+void keepDescriptorsToOurselves() {
+    DIR* const descriptors = ::opendir("/proc/self/fd");
+    if (descriptors == nullptr) {
+        return;
+    }
+    while (const dirent* const entry = ::readdir(descriptors)) {
+        const long descriptor = std::strtol(entry->d_name, nullptr, 10);
+        if (descriptor > STDERR_FILENO) {
+            ::fcntl(static_cast<int>(descriptor), F_SETFD, FD_CLOEXEC);
+        }
+    }
+    ::closedir(descriptors);
+}
+
+/// Opens the maker's web address in the user's browser, which may take as long as the browser
+/// runs. False when no shell could be started for it. The status is compared as it is, not
+/// decoded: a shell that ran counts as success, whatever became of its command.
+bool openBrowser() {
+    const CoreUnpin unpin;
+    keepDescriptorsToOurselves();
+    const int status = std::system(browserCommand(webAddress()).c_str());
+    return status >= 0 && status != NO_SHELL;
+}
+
+/// Shows `message`, unless the window is being closed.
+void tellUser(VelantrixServer& window, const std::string& message) {
+    if (const CorePin pin; pin) {
+        window.emitShowMessage(message.c_str());
+    }
+}
+
+}  // namespace
 
 int VelantrixServer::checkVersion() {
-    return VelantrixServerNoGUI::checkVersion();
+    if (!waitWhileMinimized(*this)) {
+        return 0;
+    }
+    const int result = VelantrixServerNoGUI::checkVersion();
+    if (result == 0) {
+        return 0;
+    }
+    const int answer = showQuestion(
+        QMessageBox::Information, "Velantrix Version Notification",
+        "A new version of Velantrix Server is available. Would you like to download it now?",
+        QMessageBox::Yes | QMessageBox::No);
+    if (answer != QMessageBox::Yes) {
+        tellUser(*this, std::string("Please visit ") + webAddress() +
+                            " at some future time to get the new version. You will not be "
+                            "notified about this version again.");
+    } else if (!openBrowser()) {
+        tellUser(*this, std::string("Could not open browser, please visit ") + webAddress() +
+                            " to get the new version. You will not be notified about this "
+                            "version again.");
+    }
+    return result;
 }

@@ -1,5 +1,204 @@
 #include "update/WebIf.h"
 
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <optional>
+#include <string>
+
+#include "app/console.h"
+#include "app/core_life.h"
+#include "gui/Settings.h"
+#include "update/curl_functions.h"
+#include "update/version_page.h"
+#include "update/web_address.h"
+
+namespace {
+
+constexpr const char* VERSION_FILE_PATH = "/VelantrixData/cur_version_linuxRPiGUI.txt";
+constexpr const char* USER_AGENT = "libcurl-agent/1.0";
+constexpr long MOST_REDIRECTS = 5;
+constexpr long WEB_PROTOCOLS = CURLPROTO_HTTP | CURLPROTO_HTTPS;
+constexpr std::size_t LARGEST_BODY = 1024 * 1024;
+constexpr int SECONDS_PER_MINUTE = 60;
+constexpr int QUIET_MINUTES = 479;
+
+void printAdvice() {
+    consolePuts(" Velantrix Server will continue to run but won't be able to check for new");
+    consolePrintf(" versions. Please visit %s occasionally to check for\n", webAddress());
+    consolePuts(" new versions of this program. You may be able to fix this issue by installing");
+    consolePuts(" libcurl using your linux system's package manager. If there is more than one");
+    consolePuts(" option try the SSL variant of cURL.");
+}
+
+std::int32_t minutesSinceEpoch() {
+    return static_cast<std::int32_t>(std::time(nullptr) / SECONDS_PER_MINUTE);
+}
+
+/// A check in the future means that the clock was set back: it counts as none.
+bool checkedLately(std::int32_t last, std::int32_t now) {
+    return last <= now && now <= std::int64_t{last} + QUIET_MINUTES;
+}
+
+/// Sets options one after the other until one fails.
+class OptionSetter {
+  public:
+    explicit OptionSetter(CURL* curlHandle) : handle(curlHandle) {}
+
+    template <class Value>
+    OptionSetter& set(CURLoption option, Value value) {
+        if (result == CURLE_OK) {
+            result = curl_easy_setopt2(handle, option, value);
+        }
+        return *this;
+    }
+
+    [[nodiscard]] CURLcode outcome() const { return result; }
+
+  private:
+    CURL* handle;
+    CURLcode result = CURLE_OK;
+};
+
+CURLcode prepare(CURL* handle, WebIf* receiver) {
+    const std::string url = std::string(webAddress()) + VERSION_FILE_PATH;
+    return OptionSetter(handle)
+        .set(CURLOPT_URL, url.c_str())
+        .set(CURLOPT_FOLLOWLOCATION, 1L)
+        .set(CURLOPT_MAXREDIRS, MOST_REDIRECTS)
+        .set(CURLOPT_FAILONERROR, 1L)
+        .set(CURLOPT_WRITEFUNCTION, &WebIf::writeMemoryCallback)
+        .set(CURLOPT_WRITEDATA, receiver)
+        .set(CURLOPT_USERAGENT, USER_AGENT)
+        // A redirect or a frame must not lead to files or to other services.
+        .set(CURLOPT_PROTOCOLS, WEB_PROTOCOLS)
+        .set(CURLOPT_REDIR_PROTOCOLS, WEB_PROTOCOLS)
+        // The process has other threads and its own handling of signals.
+        .set(CURLOPT_NOSIGNAL, 1L)
+        .outcome();
+}
+
+/// Performs a prepared transfer, which may take for ever, without holding up the destruction of
+/// the core object. No result when the core went away: then settings and objects that end with
+/// the process may not be touched any more.
+std::optional<CURLcode> perform(CURL* handle, CURLcode prepared) {
+    if (prepared != CURLE_OK) {
+        return prepared;
+    }
+    CoreUnpin unpin;
+    const CURLcode result = curl_easy_perform2(handle);
+    return unpin.repin() ? std::optional(result) : std::nullopt;
+}
+
+}  // namespace
+
 int WebIf::init() {
+    // Read here, so that a complaint about the variable shows at start-up.
+    webAddress();
+    if (!loadCurlFunctions()) {
+        printAdvice();
+        curl_global_init2 = nullptr;
+        return 1;
+    }
+    curl_global_init2(CURL_GLOBAL_ALL);
+    return 0;
+}
+
+void WebIf::cleanup() {
+    if (curl_global_init2 != nullptr && curl_global_cleanup2 != nullptr) {
+        curl_global_cleanup2();
+    }
+}
+
+WebIf::WebIf() : memory(static_cast<char*>(std::malloc(1))) {}
+
+WebIf::~WebIf() {
+    std::free(memory);
+}
+
+std::size_t WebIf::writeMemoryCallback(void* contents, std::size_t itemSize, std::size_t itemCount,
+                                       void* userp) {
+    auto* const receiver = static_cast<WebIf*>(userp);
+    const std::size_t room = LARGEST_BODY - receiver->size;
+    if (itemSize > 0 && itemCount > room / itemSize) {
+        return 0;
+    }
+    const std::size_t length = itemSize * itemCount;
+    char* const previous = receiver->memory;
+    receiver->memory = static_cast<char*>(std::realloc(previous, receiver->size + length + 1));
+    if (receiver->memory == nullptr) {
+        std::free(previous);
+        consolePuts("not enough memory (realloc returned NULL)");
+        return 0;
+    }
+    std::memcpy(receiver->memory + receiver->size, contents, length);
+    receiver->size += length;
+    receiver->memory[receiver->size] = '\0';
+    return length;
+}
+
+int WebIf::checkVersion(const char* currentVersion) {
+    if (curl_global_init2 == nullptr) {
+        return 0;
+    }
+    const std::int32_t now = minutesSinceEpoch();
+    if (checkedLately(Settings::getVersionCheckTime(), now)) {
+        return 0;
+    }
+    Settings::setVersionCheckTime(now);
+    CURL* const handle = curl_easy_init2();
+    if (handle == nullptr) {
+        consolePuts("WebIf::checkVersion: curl_easy_init() failed, can't check for new versions");
+        return 0;
+    }
+    const int result = fetch(handle) && fetchFrame(handle) ? judge(currentVersion) : 0;
+    curl_easy_cleanup2(handle);
+    return result;
+}
+
+bool WebIf::fetch(void* handle) {
+    const std::optional<CURLcode> result = perform(handle, prepare(handle, this));
+    if (result.value_or(CURLE_OK) != CURLE_OK) {
+        consolePrintf("WebIf::checkVersion: curl_easy_perform() failed: %s\n",
+                      curl_easy_strerror2(*result));
+    }
+    return result == CURLE_OK;
+}
+
+/// Fetches what the page shows in a frame in its place, once. True when there is no frame.
+bool WebIf::fetchFrame(void* handle) {
+    const std::string address(frameAddress(memory, size));
+    if (address.empty()) {
+        return true;
+    }
+    size = 0;
+    const CURLcode prepared = OptionSetter(handle).set(CURLOPT_URL, address.c_str()).outcome();
+    const std::optional<CURLcode> result = perform(handle, prepared);
+    if (result.value_or(CURLE_OK) != CURLE_OK) {
+        consolePrintf("WebIf::checkVersion: Second curl_easy_perform() failed: %s\n",
+                      curl_easy_strerror2(*result));
+    }
+    return result == CURLE_OK;
+}
+
+int WebIf::judge(const char* currentVersion) const {
+    const std::string line(firstLine(memory, size));
+    const auto bytes = static_cast<unsigned long>(size);
+    const auto length = static_cast<unsigned long>(line.size());
+    if (!isVersionText(line) || !isVersionText(currentVersion)) {
+        consolePrintf("WebIf::checkVersion: %lu bytes retrieved (%lu)\n", bytes, length);
+        return 0;
+    }
+    consolePrintf("WebIf::checkVersion: %lu bytes retrieved (%lu): %s (%s)\n", bytes, length,
+                  line.c_str(), currentVersion);
+    if (line == currentVersion) {
+        return 0;
+    }
+    consolePuts("WebIf::checkVersion: A new version of Velantrix Server is available");
+    if (line == Settings::getVersionCheckResponse()) {
+        return 0;
+    }
+    Settings::setVersionCheckResponse(line.c_str());
     return 1;
 }

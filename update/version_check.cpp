@@ -1,7 +1,29 @@
+#include "app/Thread.h"
 #include "app/VelantrixServerNoGUI.h"
+#include "app/core_life.h"
+#include "update/WebIf.h"
 
-void VelantrixServerNoGUI::versionCheckThreadFn() {}
+namespace {
 
+constexpr int WAIT_BEFORE_CHECK_MS = 8000;
+
+}  // namespace
+
+// Nobody waits for this thread, so the object may be gone whenever no pin is held.
+void VelantrixServerNoGUI::versionCheckThreadFn() {
+    Sleep(WAIT_BEFORE_CHECK_MS);
+    const CorePin pin;
+    if (!pin) {
+        return;
+    }
+    checkVersion();
+    if (const CorePin after; after) {
+        WebIf::cleanup();
+    }
+}
+
+// Touches nothing of the object after the check: it may be gone when the check comes back.
 int VelantrixServerNoGUI::checkVersion() {
-    return 0;
+    WebIf fetcher;
+    return fetcher.checkVersion(VELANTRIX_VERSION);
 }

@@ -1,0 +1,105 @@
+// The version check thread of the core, which outlives the core.
+
+#include <chrono>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "app/VelantrixServerNoGUI.h"
+#include "web_if_fixture.h"
+
+struct CoreTestAccess {
+    static void runVersionCheckThread(VelantrixServerNoGUI& core) { core.versionCheckThreadFn(); }
+};
+
+namespace {
+
+constexpr int WAIT_BEFORE_CHECK_MS = 8000;
+constexpr auto LONGEST_SHUTDOWN = std::chrono::seconds(20);  // 3 s on a machine that is not busy.
+
+std::vector<std::string> events;
+
+/// Tells when it is checked.
+class WatchedCore : public VelantrixServerNoGUI {
+  public:
+    int checkVersion() override {
+        events.emplace_back("check");
+        return 1;
+    }
+};
+
+class VersionFlow : public WebIfCheck {
+  protected:
+    void SetUp() override {
+        WebIfCheck::SetUp();
+        events.clear();
+        curl_global_cleanup2 = [] { events.emplace_back("cleanup"); };
+    }
+
+    /// Lets the wait before the check pass at once, after calling `meanwhile`.
+    static void shortenWait(const std::function<void()>& meanwhile) {
+        linkSubstitutes.sleep = [meanwhile](int milliseconds) {
+            if (milliseconds != WAIT_BEFORE_CHECK_MS) {
+                reallySleep(milliseconds);
+                return;
+            }
+            events.emplace_back("wait");
+            meanwhile();
+        };
+    }
+};
+
+TEST_F(VersionFlow, ThreadWaitsThenChecksOnceThenCleansUp) {
+    WatchedCore core;
+    shortenWait([] {});
+    CoreTestAccess::runVersionCheckThread(core);
+    EXPECT_EQ(events, (std::vector<std::string>{"wait", "check", "cleanup"}));
+}
+
+TEST_F(VersionFlow, HeadlessCheckComparesWithTheVersionOfTheBanner) {
+    VelantrixServerNoGUI core;
+    shortenWait([] {});
+    server.answer({"3.2\n"});
+    ::testing::internal::CaptureStdout();
+    CoreTestAccess::runVersionCheckThread(core);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), report(4, "3.2", "3.1") + NEWS);
+    EXPECT_STREQ(Settings::getVersionCheckResponse(), "3.2");
+}
+
+TEST_F(VersionFlow, HeadlessCheckReturnsWhetherThereIsNews) {
+    VelantrixServerNoGUI core;
+    server.answer({"3.2\n"});
+    EXPECT_EQ(core.checkVersion(), 1);
+    EXPECT_EQ(core.checkVersion(), 0);
+}
+
+TEST_F(VersionFlow, CoreGoneDuringTheWaitEndsTheThreadQuietly) {
+    auto core = std::make_unique<WatchedCore>();
+    WatchedCore* const raw = core.get();
+    shortenWait([&core] { core.reset(); });
+    CoreTestAccess::runVersionCheckThread(*raw);
+    EXPECT_EQ(events, std::vector<std::string>{"wait"});
+}
+
+// The answer comes once the core has gone, and is not looked at.
+TEST_F(VersionFlow, CoreGoneDuringTheFetchEndsTheThreadQuietly) {
+    auto core = std::make_unique<VelantrixServerNoGUI>();
+    VelantrixServerNoGUI* const raw = core.get();
+    shortenWait([] {});
+    server.answer({"3.2\n", 200, "", "late"});
+    ::testing::internal::CaptureStdout();
+    std::thread thread([raw] { CoreTestAccess::runVersionCheckThread(*raw); });
+    ASSERT_TRUE(server.waitForRequest());
+    const auto begin = std::chrono::steady_clock::now();
+    core.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, LONGEST_SHUTDOWN);
+    server.letGo();
+    thread.join();
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(events, std::vector<std::string>{"wait"});
+    EXPECT_STREQ(Settings::getVersionCheckResponse(), "");
+    EXPECT_EQ(Settings::getVersionCheckTime(), NOW);
+}
+
+}  // namespace

@@ -1,0 +1,361 @@
+// The window's half of the version check, with the boxes answered as a user would.
+
+#include <arpa/inet.h>
+#include <atomic>
+#include <filesystem>
+#include <fstream>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+#include <vector>
+
+#include <QApplication>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QTemporaryDir>
+#include <QTimer>
+
+#include "gui/VelantrixServer.h"
+#include "web_if_fixture.h"
+
+namespace {
+
+constexpr int MINIMIZED_STEP_MS = 2000;
+constexpr int POLL_MS = 10;
+constexpr const char* QUESTION =
+    "A new version of Velantrix Server is available. Would you like to download it now?";
+
+struct SeenBox {
+    std::string title;
+    std::string text;
+    QMessageBox::Icon icon;
+    QMessageBox::StandardButtons buttons;
+    bool yesIsDefault;
+};
+
+/// What the user does with a box.
+using Answer = std::function<void(QMessageBox& box)>;
+
+Answer press(QMessageBox::StandardButton button) {
+    return [button](QMessageBox& box) { box.button(button)->click(); };
+}
+
+/// Looks for boxes while the event loop runs: the first gets the answer given, the others OK.
+class User {
+  public:
+    explicit User(Answer toQuestion) : answer(std::move(toQuestion)) {
+        QObject::connect(&timer, &QTimer::timeout, &timer, [this] { lookForBox(); });
+        timer.start(POLL_MS);
+    }
+
+    std::vector<SeenBox> boxes;
+
+  private:
+    QTimer timer;
+    Answer answer;
+
+    void lookForBox() {
+        auto* const box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (box == nullptr) {
+            return;
+        }
+        boxes.push_back({box->windowTitle().toStdString(), box->text().toStdString(), box->icon(),
+                         box->standardButtons(),
+                         box->defaultButton() != nullptr &&
+                             box->defaultButton() == box->button(QMessageBox::Yes)});
+        if (boxes.size() == 1) {
+            answer(*box);
+        } else {
+            box->accept();
+        }
+    }
+};
+
+class VersionQuestion : public WebIfCheck {
+  protected:
+    void SetUp() override {
+        WebIfCheck::SetUp();
+        window = std::make_unique<VelantrixServer>(nullptr);
+        server.answer({"3.2\n"});
+        linkSubstitutes.system = [this](const char* command) {
+            commands.emplace_back(command);
+            return systemResult;
+        };
+    }
+
+    /// Runs the window's check on a thread, as the core does, and the event loop meanwhile.
+    int checkInWindow(const Answer& answer) {
+        User user(answer);
+        int result = -1;
+        std::thread thread([this, &result] {
+            result = window->checkVersion();
+            QMetaObject::invokeMethod(qApp, &QCoreApplication::quit, Qt::QueuedConnection);
+        });
+        QApplication::exec();
+        thread.join();
+        boxes = user.boxes;
+        return result;
+    }
+
+    void expectOnlyTheQuestion() { EXPECT_EQ(boxes.size(), 1U); }
+
+    void expectMessage(const std::string& text) {
+        ASSERT_EQ(boxes.size(), 2U);
+        EXPECT_EQ(boxes[1].text, text);
+        EXPECT_EQ(boxes[1].buttons, QMessageBox::Ok);
+    }
+
+    [[nodiscard]] std::string browserMessage() const {
+        return "Could not open browser, please visit " + server.address() +
+               " to get the new version. You will not be notified about this version again.";
+    }
+
+    [[nodiscard]] std::string laterMessage() const {
+        return "Please visit " + server.address() +
+               " at some future time to get the new version. You will not be notified about this "
+               "version again.";
+    }
+
+    std::unique_ptr<VelantrixServer> window;
+    std::vector<std::string> commands;
+    std::vector<SeenBox> boxes;
+    int systemResult = 0;
+};
+
+TEST_F(VersionQuestion, IsAskedWithYesAsTheDefault) {
+    EXPECT_EQ(checkInWindow(press(QMessageBox::Yes)), 1);
+    ASSERT_EQ(boxes.size(), 1U);
+    EXPECT_EQ(boxes[0].title, "Velantrix Version Notification");
+    EXPECT_EQ(boxes[0].text, QUESTION);
+    EXPECT_EQ(boxes[0].icon, QMessageBox::Information);
+    EXPECT_EQ(boxes[0].buttons, QMessageBox::Yes | QMessageBox::No);
+    EXPECT_TRUE(boxes[0].yesIsDefault);
+}
+
+TEST_F(VersionQuestion, IsNotAskedWithoutNews) {
+    server.answer({"3.1\n"});
+    EXPECT_EQ(checkInWindow(press(QMessageBox::Yes)), 0);
+    EXPECT_TRUE(boxes.empty());
+    EXPECT_TRUE(commands.empty());
+}
+
+TEST_F(VersionQuestion, IsAskedOncePerVersion) {
+    EXPECT_EQ(checkInWindow(press(QMessageBox::No)), 1);
+    setClock(NOW + 9 * 60);
+    EXPECT_EQ(checkInWindow(press(QMessageBox::No)), 0);
+    EXPECT_TRUE(boxes.empty());
+    setClock(NOW + 18 * 60);
+    server.answer({"3.3\n"});
+    EXPECT_EQ(checkInWindow(press(QMessageBox::No)), 1);
+}
+
+TEST_F(VersionQuestion, VersionIsStoredBeforeTheAnswer) {
+    std::string stored;
+    checkInWindow([&stored](QMessageBox& box) {
+        stored = Settings::getVersionCheckResponse();
+        box.button(QMessageBox::No)->click();
+    });
+    EXPECT_EQ(stored, "3.2");
+}
+
+TEST_F(VersionQuestion, YesOpensTheAddress) {
+    EXPECT_EQ(checkInWindow(press(QMessageBox::Yes)), 1);
+    EXPECT_EQ(commands, std::vector<std::string>{"xdg-open " + server.address()});
+    expectOnlyTheQuestion();
+}
+
+TEST_F(VersionQuestion, NoShowsWhereToGoLater) {
+    EXPECT_EQ(checkInWindow(press(QMessageBox::No)), 1);
+    EXPECT_TRUE(commands.empty());
+    expectMessage(laterMessage());
+}
+
+TEST_F(VersionQuestion, ClosedBoxCountsAsNo) {
+    EXPECT_EQ(checkInWindow([](QMessageBox& box) { box.reject(); }), 1);
+    EXPECT_TRUE(commands.empty());
+    expectMessage(laterMessage());
+}
+
+TEST_F(VersionQuestion, YesWithoutAShellShowsTheBrowserMessage) {
+    for (const int result : {-1, 127}) {
+        Settings::setVersionCheckTime(0);
+        Settings::setVersionCheckResponse("");
+        systemResult = result;
+        EXPECT_EQ(checkInWindow(press(QMessageBox::Yes)), 1);
+        expectMessage(browserMessage());
+    }
+}
+
+TEST_F(VersionQuestion, YesWithAFailingCommandShowsNothingMore) {
+    for (const int result : {127 * 256, 256, 9, 128}) {
+        Settings::setVersionCheckTime(0);
+        Settings::setVersionCheckResponse("");
+        systemResult = result;
+        EXPECT_EQ(checkInWindow(press(QMessageBox::Yes)), 1);
+        expectOnlyTheQuestion();
+    }
+}
+
+// --- With the real shell ---
+
+/// A folder that is all of PATH, with or without a stand-in for xdg-open.
+class SearchPath {
+  public:
+    SearchPath() { qputenv("PATH", folder.path().toLocal8Bit()); }
+    ~SearchPath() { qputenv("PATH", before); }
+    SearchPath(const SearchPath&) = delete;
+    SearchPath& operator=(const SearchPath&) = delete;
+
+    /// `script` finds its folder in $here.
+    void addXdgOpen(const std::string& script) const {
+        const std::filesystem::path path = file("xdg-open");
+        std::ofstream(path) << "#!/bin/sh\nhere='" << folder.path().toStdString() << "'\n"
+                            << script << "\n";
+        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
+    }
+
+    [[nodiscard]] std::string file(const std::string& name) const {
+        return folder.path().toStdString() + "/" + name;
+    }
+
+    [[nodiscard]] std::string read(const std::string& name) const {
+        std::ostringstream text;
+        text << std::ifstream(file(name)).rdbuf();
+        return text.str();
+    }
+
+  private:
+    QTemporaryDir folder;
+    QByteArray before = qgetenv("PATH");
+};
+
+TEST_F(VersionQuestion, BrowserIsStartedOnceWithTheAddressAsItsOnlyArgument) {
+    const SearchPath path;
+    path.addXdgOpen("printf '%s\\n' $# \"$@\" >> \"$here/arguments\"");
+    linkSubstitutes.system = nullptr;
+    EXPECT_EQ(checkInWindow(press(QMessageBox::Yes)), 1);
+    EXPECT_EQ(path.read("arguments"), "1\n" + server.address() + "\n");
+    expectOnlyTheQuestion();
+}
+
+TEST_F(VersionQuestion, FailingBrowserShowsNothingMore) {
+    const SearchPath path;
+    path.addXdgOpen("exit 3");
+    linkSubstitutes.system = nullptr;
+    EXPECT_EQ(checkInWindow(press(QMessageBox::Yes)), 1);
+    expectOnlyTheQuestion();
+}
+
+TEST_F(VersionQuestion, MissingBrowserShowsNothingMore) {
+    const SearchPath path;
+    linkSubstitutes.system = nullptr;
+    EXPECT_EQ(checkInWindow(press(QMessageBox::Yes)), 1);
+    expectOnlyTheQuestion();
+}
+
+TEST_F(VersionQuestion, BrowserDoesNotInheritTheServersSockets) {
+    constexpr int KNOWN_NUMBER = 77;
+    const int socket = ::socket(AF_INET, SOCK_DGRAM, 0);
+    ASSERT_EQ(::dup2(socket, KNOWN_NUMBER), KNOWN_NUMBER);
+    const SearchPath path;
+    path.addXdgOpen(
+        "echo ran > \"$here/ran\"; if [ -e /proc/$$/fd/77 ]; then echo held > \"$here/held\"; fi");
+    linkSubstitutes.system = nullptr;
+    checkInWindow(press(QMessageBox::Yes));
+    EXPECT_EQ(path.read("ran"), "ran\n");
+    EXPECT_FALSE(std::filesystem::exists(path.file("held")));
+    ::close(KNOWN_NUMBER);
+    ::close(socket);
+}
+
+// --- The minimised window ---
+
+TEST_F(VersionQuestion, MinimizedWindowPostponesTheFetch) {
+    window->showMinimized();
+    int looks = 0;
+    linkSubstitutes.sleep = [this, &looks](int milliseconds) {
+        EXPECT_EQ(milliseconds, MINIMIZED_STEP_MS);
+        if (++looks == 3) {
+            QMetaObject::invokeMethod(
+                window.get(),
+                [this] {
+                    EXPECT_TRUE(server.takeRequests().empty());
+                    window->showNormal();
+                },
+                Qt::BlockingQueuedConnection);
+        }
+    };
+    EXPECT_EQ(checkInWindow(press(QMessageBox::No)), 1);
+    EXPECT_EQ(looks, 3);
+    EXPECT_EQ(server.takeRequests().size(), 1U);
+    linkSubstitutes.sleep = nullptr;
+}
+
+TEST_F(VersionQuestion, WindowClosedWhileMinimizedEndsTheCheckQuietly) {
+    window->showMinimized();
+    std::atomic<bool> waiting{false};
+    std::atomic<bool> closed{false};
+    linkSubstitutes.sleep = [&waiting, &closed](int milliseconds) {
+        if (milliseconds != MINIMIZED_STEP_MS) {
+            reallySleep(milliseconds);
+            return;
+        }
+        waiting = true;
+        while (!closed) {
+            reallySleep(1);
+        }
+    };
+    int result = -1;
+    VelantrixServer* const raw = window.get();
+    std::thread thread([raw, &result] { result = raw->checkVersion(); });
+    while (!waiting) {
+        reallySleep(1);
+    }
+    window.reset();
+    closed = true;
+    thread.join();
+    linkSubstitutes.sleep = nullptr;
+    EXPECT_EQ(result, 0);
+    EXPECT_TRUE(server.takeRequests().empty());
+}
+
+// --- The end of the program ---
+
+TEST_F(VersionQuestion, ProgramMayEndWhileTheQuestionIsOpen) {
+    User user([](QMessageBox&) { QCoreApplication::quit(); });
+    VelantrixServer* const raw = window.get();
+    std::thread thread([raw] { raw->checkVersion(); });
+    QApplication::exec();
+    window.reset();
+    thread.join();
+    ASSERT_FALSE(user.boxes.empty());
+    EXPECT_EQ(user.boxes[0].text, QUESTION);
+    EXPECT_TRUE(commands.empty());
+}
+
+TEST_F(VersionQuestion, ProgramMayEndWhileTheBrowserRuns) {
+    std::atomic<bool> running{false};
+    std::atomic<bool> ended{false};
+    linkSubstitutes.system = [&running, &ended](const char*) {
+        running = true;
+        QMetaObject::invokeMethod(qApp, &QCoreApplication::quit, Qt::QueuedConnection);
+        while (!ended) {
+            reallySleep(1);
+        }
+        return -1;
+    };
+    User user(press(QMessageBox::Yes));
+    VelantrixServer* const raw = window.get();
+    std::thread thread([raw] { raw->checkVersion(); });
+    QApplication::exec();
+    EXPECT_TRUE(running);
+    window.reset();
+    ended = true;
+    thread.join();
+    EXPECT_EQ(user.boxes.size(), 1U);
+}
+
+}  // namespace

@@ -1,0 +1,184 @@
+// What goes wrong around a check: libcurl or parts of it missing, memory short.
+
+#include <dlfcn.h>
+#include <string>
+
+#include "update/web_address.h"
+#include "web_if_fixture.h"
+
+namespace {
+
+std::string advice() {
+    return std::string(
+               " Velantrix Server will continue to run but won't be able to check for new\n"
+               " versions. Please visit ") +
+           webAddress() +
+           " occasionally to check for\n"
+           " new versions of this program. You may be able to fix this issue by installing\n"
+           " libcurl using your linux system's package manager. If there is more than one\n"
+           " option try the SSL variant of cURL.\n";
+}
+
+class WebIfWithoutLibrary : public WebIfCheck {
+  protected:
+    void SetUp() override {
+        WebIfCheck::SetUp();
+        curl_global_init2 = nullptr;
+    }
+
+    int init() {
+        ::testing::internal::CaptureStdout();
+        const int result = WebIf::init();
+        printed = ::testing::internal::GetCapturedStdout();
+        return result;
+    }
+
+    void expectUnusable() {
+        server.answer({"3.2\n"});
+        EXPECT_EQ(check(), 0);
+        EXPECT_EQ(printed, "");
+        EXPECT_TRUE(server.takeRequests().empty());
+        EXPECT_EQ(Settings::getVersionCheckTime(), 0);
+        WebIf::cleanup();
+    }
+};
+
+TEST_F(WebIfWithoutLibrary, CheckBeforeLoadingDoesNothing) {
+    expectUnusable();
+}
+
+TEST_F(WebIfWithoutLibrary, MissingLibraryIsPrintedWithAdvice) {
+    linkSubstitutes.curlLibraryMissing = true;
+    EXPECT_EQ(init(), 1);
+    EXPECT_EQ(printed,
+              "Error, could not dlopen the cURL shared library libcurl.so.4.\n" + advice());
+    expectUnusable();
+}
+
+class WebIfWithoutFunction : public WebIfWithoutLibrary,
+                             public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(WebIfWithoutFunction, IsPrintedWithAdvice) {
+    linkSubstitutes.curlFunctionMissing = GetParam();
+    EXPECT_EQ(init(), 1);
+    EXPECT_EQ(
+        printed,
+        "Error, could not dlsym a member of the cURL shared library libcurl.so.4.\n" + advice());
+    expectUnusable();
+}
+
+INSTANTIATE_TEST_SUITE_P(EachOne, WebIfWithoutFunction,
+                         ::testing::Values("curl_global_init", "curl_global_cleanup",
+                                           "curl_easy_init", "curl_easy_setopt",
+                                           "curl_easy_perform", "curl_easy_cleanup",
+                                           "curl_easy_strerror"),
+                         [](const auto& test) { return std::string(test.param); });
+
+TEST_F(WebIfCheck, LoadingPrintsNothing) {
+    ::testing::internal::CaptureStdout();
+    EXPECT_EQ(WebIf::init(), 0);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(), "");
+}
+
+TEST_F(WebIfCheck, CleanupCleansUpOnce) {
+    static int calls = 0;
+    calls = 0;
+    curl_global_cleanup2 = [] { ++calls; };
+    WebIf::cleanup();
+    EXPECT_EQ(calls, 1);
+    curl_global_init2 = nullptr;
+    WebIf::cleanup();
+    EXPECT_EQ(calls, 1);
+}
+
+TEST_F(WebIfCheck, MissingHandleIsPrintedAndTheTimeStored) {
+    curl_easy_init2 = []() -> CURL* { return nullptr; };
+    EXPECT_EQ(check(), 0);
+    EXPECT_EQ(printed,
+              "WebIf::checkVersion: curl_easy_init() failed, can't check for new versions\n");
+    EXPECT_EQ(Settings::getVersionCheckTime(), NOW);
+}
+
+TEST_F(WebIfCheck, TimeIsStoredBeforeTheTransfer) {
+    static int timeDuringTransfer = 0;
+    curl_easy_perform2 = [](CURL*) {
+        timeDuringTransfer = Settings::getVersionCheckTime();
+        return CURLE_COULDNT_CONNECT;
+    };
+    EXPECT_EQ(check(), 0);
+    EXPECT_EQ(printed, failure(CURLE_COULDNT_CONNECT));
+    EXPECT_EQ(timeDuringTransfer, NOW);
+}
+
+TEST_F(WebIfCheck, HandleIsReleasedOnEveryWay) {
+    static int handles = 0;
+    static decltype(curl_easy_init2) realInit = nullptr;
+    static decltype(curl_easy_cleanup2) realCleanup = nullptr;
+    handles = 0;
+    realInit = curl_easy_init2;
+    realCleanup = curl_easy_cleanup2;
+    curl_easy_init2 = [] {
+        ++handles;
+        return realInit();
+    };
+    curl_easy_cleanup2 = [](CURL* handle) {
+        --handles;
+        realCleanup(handle);
+    };
+    for (const char* const body : {"3.2\n", "unusable\n", "<frame src=\"nowhere:99999\">", ""}) {
+        Settings::setVersionCheckTime(0);
+        checkFile(body);
+        EXPECT_EQ(handles, 0) << body;
+    }
+}
+
+CURLcode refuseProtocols(CURL* handle, CURLoption option, ...) {
+    (void)handle;
+    return option == CURLOPT_PROTOCOLS ? CURLE_UNKNOWN_OPTION : CURLE_OK;
+}
+
+TEST_F(WebIfCheck, WithoutTheLimitToWebProtocolsNothingIsFetched) {
+    curl_easy_setopt2 = refuseProtocols;
+    static bool performed = false;
+    performed = false;
+    curl_easy_perform2 = [](CURL*) {
+        performed = true;
+        return CURLE_OK;
+    };
+    EXPECT_EQ(check(), 0);
+    EXPECT_EQ(printed, failure(CURLE_UNKNOWN_OPTION));
+    EXPECT_FALSE(performed);
+}
+
+TEST_F(WebIfCheck, LackOfMemoryFailsTheTransfer) {
+    WebIf receiver;
+    char chunk[] = "3.2\n";
+    EXPECT_EQ(WebIf::writeMemoryCallback(chunk, 1, 4, &receiver), 4U);
+    ::testing::internal::CaptureStdout();
+    linkSubstitutes.reallocFails = true;
+    const std::size_t taken = WebIf::writeMemoryCallback(chunk, 1, 4, &receiver);
+    linkSubstitutes.reallocFails = false;
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "not enough memory (realloc returned NULL)\n");
+    EXPECT_EQ(taken, 0U);
+}
+
+TEST_F(WebIfCheck, ChunkLengthsThatOverflowAreRefused) {
+    WebIf receiver;
+    char chunk[] = "3.2\n";
+    constexpr std::size_t HUGE_COUNT = ~std::size_t{0} / 2 + 1;
+    EXPECT_EQ(WebIf::writeMemoryCallback(chunk, 2, HUGE_COUNT, &receiver), 0U);
+    EXPECT_EQ(WebIf::writeMemoryCallback(chunk, HUGE_COUNT, 2, &receiver), 0U);
+}
+
+TEST_F(WebIfCheck, WithoutAServerTheTransferFails) {
+    curl_easy_perform2 = [](CURL* handle) {
+        curl_easy_setopt2(handle, CURLOPT_URL, "http://127.0.0.1:9/");
+        return reinterpret_cast<decltype(curl_easy_perform2)>(
+            dlsym(dlopen("libcurl.so.4", RTLD_NOW), "curl_easy_perform"))(handle);
+    };
+    EXPECT_EQ(check(), 0);
+    EXPECT_EQ(printed, failure(CURLE_COULDNT_CONNECT));
+}
+
+}  // namespace

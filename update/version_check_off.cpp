@@ -1,0 +1,15 @@
+// What stands in for the version check in a build without it: nothing is loaded, waited for or
+// fetched.
+
+#include "app/VelantrixServerNoGUI.h"
+#include "update/WebIf.h"
+
+int WebIf::init() {
+    return 1;
+}
+
+void VelantrixServerNoGUI::versionCheckThreadFn() {}
+
+int VelantrixServerNoGUI::checkVersion() {
+    return 0;
+}
