@@ -1,7 +1,7 @@
 #!/bin/sh
 # Runs inside a tree, as an ordinary user without display or sound card: a private sound server
 # with a null sink plays a tone, VelantrixServer streams the sink's monitor, velantrix-listen
-# finds it and records it to ~/heard.wav.
+# finds it through multicast and records it to ~/heard.wav.
 # Usage: stream-check.sh SECONDS [EMULATOR]. Both programs run under EMULATOR if it is given.
 set -eu
 seconds=$1
@@ -38,7 +38,7 @@ until grep -q "Audio capture running" server.log; do
     sleep 0.1
 done
 
-$emulator /usr/bin/velantrix-listen 127.0.0.1 --once --no-play --seconds "$seconds" --record heard.wav
+$emulator /usr/bin/velantrix-listen --once --no-play --seconds "$seconds" --record heard.wav
 sleep 5   # The version check, 8 s after the start, writes the user's settings.
 
 kill -TERM "$server"
