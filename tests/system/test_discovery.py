@@ -5,7 +5,7 @@ import subprocess
 import sys
 
 from harness import (HERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
-                     clean_environment, main, wait_until)
+                     clean_environment, fake, main, wait_until)
 from network import DISCOVERY_GROUP, ip
 from probe import Probe
 
@@ -107,10 +107,11 @@ class Discovery(SystemTest):
 
 
 class DiscoveryThatCannotStart(SystemTest):
-    def check_streaming_without_discovery(self, complaint):
-        # Otherwise the start of the audio library may swallow the complaint.
-        with SoundServer() as sound, Server("-verbose", sound=sound, rate=48000) as server, \
-                Probe(self.folder) as probe:
+    def check_streaming_without_discovery(self, complaint, fault=None):
+        # Not verbose, the start of the audio library may swallow the complaint.
+        with SoundServer() as sound, Server(
+                "-verbose", sound=sound, rate=48000, preload=fake("preload_discovery.so"),
+                env={"VELANTRIX_DISCOVERY_FAULT": fault}) as server, Probe(self.folder) as probe:
             server.err.wait_for(complaint)
             server.wait_for_capture()
             self.assertIsNone(query(SECOND_FORM, timeout=1))
@@ -118,6 +119,14 @@ class DiscoveryThatCannotStart(SystemTest):
             client.request()
             client.wait_packets(50)
             self.assert_ends_cleanly(server)
+
+    def test_no_socket(self):
+        self.check_streaming_without_discovery(
+            "multiHost: Socket open failed: Too many open files", "socket")
+
+    def test_refused_reuse_option(self):
+        self.check_streaming_without_discovery(
+            "multiHost: Socket reuse option failed: Operation not permitted", "reuse")
 
     def test_port_held_by_another_program(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
