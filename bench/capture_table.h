@@ -15,6 +15,10 @@ struct CaptureTable {
     std::atomic<std::int64_t> rawEntry[REMEMBERED];
     std::atomic<std::int64_t> compressedEntry[REMEMBERED];
 
+    /// Sequence numbers of the first raw and compressed packet; not 0 only in tests of the wrap.
+    std::atomic<std::uint32_t> firstRaw;
+    std::atomic<std::uint32_t> firstCompressed;
+
     std::atomic<std::uint64_t> callbacks;      ///< Made so far.
     std::atomic<std::uint64_t> longCallbacks;  ///< Longer than half the block period.
     std::atomic<std::int64_t> processorTime;   ///< Of the callbacks, ns, all together.

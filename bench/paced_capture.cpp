@@ -2,13 +2,13 @@
 // exactly the block period and keeps account of it in a CaptureTable.
 //
 // Environment: PACED_CAPTURE_TABLE  file for the CaptureTable (required)
-//              PACED_CAPTURE_SPEED  factor on real time (default 1; 0 = without any pause)
+//              PACED_CAPTURE_SPEED  factor on real time (default 1; 0 = without any pause, not
+//                                   even that of the server's wait for its socket)
 //
 // Each block holds a sound that keeps an encoder busy; its first two frames hold the entry time of
 // the callback (8 bytes, nanoseconds, machine order), which a raw client reads back.
 
 #include <atomic>
-#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -22,12 +22,12 @@
 #include <portaudio.h>
 
 #include "bench/capture_table.h"
+#include "bench/test_sound.h"
 
 namespace {
 
-constexpr std::size_t BLOCK_FRAMES = 338;
+using testsound::BLOCK_FRAMES;
 constexpr std::size_t COMPRESSED_FRAMES = 480;
-constexpr std::size_t SOUND_BLOCKS = 1000;
 constexpr std::int64_t NS_PER_SECOND = 1000000000;
 
 CaptureTable* table = nullptr;
@@ -42,23 +42,6 @@ std::int64_t clockNs(clockid_t clock) {
     timespec now = {};
     ::clock_gettime(clock, &now);
     return now.tv_sec * NS_PER_SECOND + now.tv_nsec;
-}
-
-std::vector<std::int16_t> makeSound() {
-    std::vector<std::int16_t> sound(SOUND_BLOCKS * BLOCK_FRAMES * 2);
-    unsigned noise = 1;
-    for (std::size_t frame = 0; frame < sound.size() / 2; ++frame) {
-        const double t = static_cast<double>(frame) / sampleRate;
-        noise = noise * 1664525U + 1013904223U;
-        const double hiss = static_cast<double>(noise >> 20U) / 4.0 - 512;
-        const double swell = 0.6 + 0.4 * std::sin(2 * M_PI * 0.7 * t);
-        const double left =
-            swell * (7000 * std::sin(2 * M_PI * 440 * t) + 4000 * std::sin(2 * M_PI * 1318 * t));
-        const double right = swell * 8000 * std::sin(2 * M_PI * 554 * t);
-        sound[2 * frame] = static_cast<std::int16_t>(left + hiss);
-        sound[2 * frame + 1] = static_cast<std::int16_t>(right + hiss);
-    }
-    return sound;
 }
 
 /// Notes which packets this callback sends. Raw packets are numbered by callbacks, compressed
@@ -92,7 +75,7 @@ void runCallback(std::uint64_t number, std::int16_t* block, std::int64_t period)
 }
 
 void* runCapture(void*) {
-    std::vector<std::int16_t> sound = makeSound();
+    std::vector<std::int16_t> sound = testsound::make();
     const auto period = static_cast<std::int64_t>(BLOCK_FRAMES * NS_PER_SECOND / sampleRate);
     const std::int64_t start = clockNs(CLOCK_MONOTONIC);
     for (std::uint64_t number = 0; !stopRequested.load(); ++number) {
@@ -103,7 +86,7 @@ void* runCapture(void*) {
             const timespec at = {due / NS_PER_SECOND, due % NS_PER_SECOND};
             ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr);
         }
-        runCallback(number, &sound[number % SOUND_BLOCKS * BLOCK_FRAMES * 2], period);
+        runCallback(number, &sound[number % testsound::BLOCKS * BLOCK_FRAMES * 2], period);
     }
     return nullptr;
 }
@@ -197,6 +180,6 @@ ssize_t recvmsg(int socket, msghdr* message, int flags) {
 int poll(pollfd* descriptors, nfds_t number, int timeout) {
     static auto* const real = theirs<decltype(poll)>("poll");
     count(&CaptureTable::polls);
-    return real(descriptors, number, timeout);
+    return real(descriptors, number, inCallback && speed == 0 ? 0 : timeout);
 }
 }

@@ -14,7 +14,7 @@ from pathlib import Path
 
 REMEMBERED = 1 << 16
 DURATIONS = 1 << 20
-COUNTERS_AT = 2 * REMEMBERED * 8
+COUNTERS_AT = 2 * REMEMBERED * 8 + 8  # Behind the first sequence numbers.
 COUNTER_NAMES = ("callbacks", "long_callbacks", "processor_ns", "sends", "receives", "polls")
 DURATIONS_AT = COUNTERS_AT + 8 * len(COUNTER_NAMES)
 BLOCK_PERIOD_S = 338 / 48000

@@ -260,8 +260,8 @@ TEST_F(SettingsStore, SuffixedInputHasItsOwnKeyAndNoCache) {
     EXPECT_EQ(Settings::getInputSelect("A"), "V");
     EXPECT_TRUE(readFile().contains("\nInputSelectA=V\n"));
 
-    writeFile("InputSelect=plain\nInputSelectA=W\n");
-    EXPECT_EQ(Settings::getInputSelect("A"), "W");
+    writeFile("InputSelect=plain\nInputSelectA=longer\n");
+    EXPECT_EQ(Settings::getInputSelect("A"), "longer");
 }
 
 TEST_F(SettingsStore, AbsentSuffixFallsBackToTheCachedText) {

@@ -1,0 +1,63 @@
+// The headless server on the paced capture, with both sequence counters started close to their
+// wrap. Usage: PACED_CAPTURE_TABLE=FILE PACED_CAPTURE_SPEED=0 soak_server PORT
+// Ends on SIGTERM with status 0 when every slot is free and no connection is counted, else 1.
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+
+#include <QCoreApplication>
+
+#include "app/VelantrixServerNoGUI.h"
+#include "app/command_line.h"
+#include "app/console.h"
+#include "app/main_loop.h"
+#include "bench/capture_table.h"
+#include "stream/client_table.h"
+#include "stream/send_path.h"
+
+namespace {
+
+constexpr std::uint32_t BLOCKS_BEFORE_WRAP = 20000;
+
+bool startCloseToWrap() {
+    const char* const path = std::getenv("PACED_CAPTURE_TABLE");
+    CaptureTable* const table = path == nullptr ? nullptr : mapCaptureTable(path, true);
+    if (table == nullptr) {
+        return false;
+    }
+    seqNum = 0U - BLOCKS_BEFORE_WRAP;
+    seqNumComp = 0U - BLOCKS_BEFORE_WRAP;
+    table->firstRaw.store(seqNum);
+    table->firstCompressed.store(seqNumComp);
+    return true;
+}
+
+bool everythingIsFree() {
+    const auto taken = std::count_if(clientConn.begin(), clientConn.end(),
+                                     [](const ClientSlot& slot) { return slot.peer != nullptr; });
+    std::fprintf(stderr, "soak_server: %d connections, %d slots taken\n", connectCount,
+                 static_cast<int>(taken));
+    return connectCount == 0 && taken == 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    if (argc != 2 || !startCloseToWrap()) {
+        std::fputs("usage: PACED_CAPTURE_TABLE=FILE soak_server PORT\n", stderr);
+        return 2;
+    }
+    consoleStart();
+    const char* const words[] = {argv[0], "-p", argv[1]};
+    scanArguments(3, words);
+    QCoreApplication application(argc, argv);
+    installMainLoopRequests();
+    {
+        VelantrixServerNoGUI core;
+        core.init();
+        QCoreApplication::exec();
+    }
+    removeMainLoopRequests();
+    return everythingIsFree() ? 0 : 1;
+}

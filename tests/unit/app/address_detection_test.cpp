@@ -1,0 +1,154 @@
+#include <string>
+#include <sys/resource.h>
+
+#include <gtest/gtest.h>
+
+#include "app/VelantrixServerNoGUI.h"
+#include "app/command_line.h"
+#include "app/console.h"
+#include "tests/fakes/net_namespace.h"
+#include "tests/fakes/transcript.h"
+
+namespace {
+
+const std::string NOTHING_FOUND = "Could not determine this server's IPv4 address\n=> (Unknown)\n";
+
+void show() {
+    consolePrintf("=> %s\n", VelantrixServerNoGUI::GetIPAddress());
+}
+
+/// What is printed by `body` in a namespace with one veth pair, "first" before "second" in the
+/// system's order, both down and without addresses.
+template <class Body>
+std::string inFreshNetwork(Body body) {
+    return transcript([&body] {
+        const NetNamespace network;
+        ip("link set lo up");
+        ip("link add first index 10 type veth peer name second index 11");
+        body();
+    });
+}
+
+void addAndRaise(const std::string& device, const std::string& address) {
+    ip("addr add " + address + " dev " + device);
+    ip("link set " + device + " up");
+}
+
+TEST(AddressDetection, LoopbackAloneYieldsUnknown) {
+    EXPECT_EQ(inFreshNetwork(show), NOTHING_FOUND);
+}
+
+TEST(AddressDetection, OtherAddressesOfTheLoopbackNetYieldUnknown) {
+    EXPECT_EQ(inFreshNetwork([] {
+                  addAndRaise("first", "127.5.6.7/24");
+                  show();
+              }),
+              NOTHING_FOUND);
+}
+
+TEST(AddressDetection, NothingFoundIsPrintedAgainUntilAnAddressComes) {
+    EXPECT_EQ(inFreshNetwork([] {
+                  show();
+                  show();
+                  addAndRaise("first", "10.1.2.3/24");
+                  show();
+              }),
+              NOTHING_FOUND + NOTHING_FOUND +
+                  "This server's probable IPv4 address: 10.1.2.3\n=> 10.1.2.3\n");
+}
+
+TEST(AddressDetection, FirstOfSeveralAddressesWinsAndOthersAreAlternatesOnce) {
+    EXPECT_EQ(inFreshNetwork([] {
+                  addAndRaise("second", "192.168.7.7/24");
+                  addAndRaise("first", "8.8.4.4/24");
+                  ip("addr add 169.254.9.9/16 dev first");
+                  show();
+                  show();
+              }),
+              "This server's probable IPv4 address: 8.8.4.4\n"
+              "Possible alternate IP address: 169.254.9.9\n"
+              "Possible alternate IP address: 192.168.7.7\n"
+              "=> 8.8.4.4\n"
+              "=> 8.8.4.4\n");
+}
+
+TEST(AddressDetection, InterfaceThatIsDownIsIgnored) {
+    EXPECT_EQ(inFreshNetwork([] {
+                  ip("addr add 10.0.0.1/24 dev first");
+                  addAndRaise("second", "10.0.1.1/24");
+                  show();
+              }),
+              "This server's probable IPv4 address: 10.0.1.1\n=> 10.0.1.1\n");
+}
+
+TEST(AddressDetection, InterfaceThatIsUpWithoutACarrierCounts) {
+    EXPECT_EQ(inFreshNetwork([] {
+                  addAndRaise("first", "10.0.0.1/24");
+                  show();
+              }),
+              "This server's probable IPv4 address: 10.0.0.1\n=> 10.0.0.1\n");
+}
+
+TEST(AddressDetection, AddressOfIpVersionSixIsIgnored) {
+    EXPECT_EQ(inFreshNetwork([] {
+                  addAndRaise("first", "2001:db8::1/64");
+                  show();
+              }),
+              NOTHING_FOUND);
+}
+
+TEST(AddressDetection, AddressThatGoesYieldsUnknownSilently) {
+    EXPECT_EQ(inFreshNetwork([] {
+                  addAndRaise("first", "10.1.2.3/24");
+                  show();
+                  ip("link set first down");
+                  show();
+                  ip("link set first up");
+                  show();
+                  ip("addr flush dev first");
+                  show();
+                  ip("addr add 10.9.9.9/24 dev first");
+                  show();
+              }),
+              "This server's probable IPv4 address: 10.1.2.3\n=> 10.1.2.3\n"
+              "=> (Unknown)\n=> 10.1.2.3\n=> (Unknown)\n=> 10.9.9.9\n");
+}
+
+TEST(AddressDetection, ChosenBindAddressIsTakenWithoutALook) {
+    EXPECT_EQ(inFreshNetwork([] {
+                  addAndRaise("first", "10.1.2.3/24");
+                  const char* const arguments[] = {"server", "-b", "192.168.1.50"};
+                  scanArguments(3, arguments);
+                  show();
+                  getCmdBindAddr()[0] = '\0';
+                  show();
+              }),
+              "=> 192.168.1.50\nThis server's probable IPv4 address: 10.1.2.3\n=> 10.1.2.3\n");
+}
+
+/// Runs `body` while no further file or socket can be opened.
+template <class Body>
+void withoutDescriptors(Body body) {
+    rlimit usual{};
+    getrlimit(RLIMIT_NOFILE, &usual);
+    rlimit none = usual;
+    none.rlim_cur = 3;
+    setrlimit(RLIMIT_NOFILE, &none);
+    body();
+    setrlimit(RLIMIT_NOFILE, &usual);
+}
+
+TEST(AddressDetection, FailedInterfaceListIsReportedEveryTime) {
+    const std::string refused = "getifaddrs: Too many open files\n";
+    EXPECT_EQ(inFreshNetwork([] {
+                  addAndRaise("first", "10.1.2.3/24");
+                  withoutDescriptors(show);
+                  show();
+                  withoutDescriptors(show);
+              }),
+              refused + NOTHING_FOUND +
+                  "This server's probable IPv4 address: 10.1.2.3\n=> 10.1.2.3\n" + refused +
+                  "=> (Unknown)\n");
+}
+
+}  // namespace
