@@ -73,7 +73,6 @@ CURLcode prepare(CURL* handle, WebIf* receiver) {
         .set(CURLOPT_USERAGENT, USER_AGENT)
         // A redirect or a frame must not lead to files or to other services.
         .set(CURLOPT_PROTOCOLS, WEB_PROTOCOLS)
-        .set(CURLOPT_REDIR_PROTOCOLS, WEB_PROTOCOLS)
         // The process has other threads and its own handling of signals.
         .set(CURLOPT_NOSIGNAL, 1L)
         .outcome();
