@@ -7,6 +7,7 @@
 /// are diverted at link time ("--wrap"); calls inside the libraries are not.
 enum class Call {
     PthreadCreate,
+    PthreadJoin,
     PthreadGetSchedParam,
     PthreadSetSchedParam,
     EnetInitialize,

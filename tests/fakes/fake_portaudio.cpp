@@ -11,7 +11,12 @@ namespace {
 constexpr double LOW_INPUT_LATENCY = 0.0125;
 constexpr double REPORTED_INPUT_LATENCY = 0.025;
 
-FakePortAudio* current = nullptr;  // Never freed: a hung close may still look at it.
+/// The device in use. None is ever freed: a hung close may still look at it.
+std::atomic<FakePortAudio*>& current() {
+    static std::atomic<FakePortAudio*> device{new FakePortAudio};
+    return device;
+}
+
 int streamPlace = 0;
 std::atomic<int> callers{0};
 
@@ -42,14 +47,11 @@ void hangWhile(const std::atomic<bool>& hangs, std::atomic<bool>& inside) {
 }  // namespace
 
 FakePortAudio& fakePortAudio() {
-    if (current == nullptr) {
-        resetFakePortAudio();
-    }
-    return *current;
+    return *current().load();
 }
 
 void resetFakePortAudio() {
-    current = new FakePortAudio;
+    current().store(new FakePortAudio);
     callers.store(0);
 }
 

@@ -5,6 +5,7 @@
 extern "C" {
 
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
+int __real_pthread_join(pthread_t, void**);
 int __real_pthread_getschedparam(pthread_t, int*, sched_param*);
 int __real_pthread_setschedparam(pthread_t, int, const sched_param*);
 
@@ -12,6 +13,11 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
                           void* argument) {
     const int error = noteCall(Call::PthreadCreate, "pthread_create");
     return error != 0 ? error : __real_pthread_create(thread, attributes, fn, argument);
+}
+
+int __wrap_pthread_join(pthread_t thread, void** value) {
+    const int error = noteCall(Call::PthreadJoin, "pthread_join");
+    return error != 0 ? error : __real_pthread_join(thread, value);
 }
 
 int __wrap_pthread_getschedparam(pthread_t thread, int* policy, sched_param* parameters) {
