@@ -38,11 +38,11 @@ SinkState PipeSink::write(const std::int16_t* frames, std::size_t count, int rat
 
 bool PipeSink::waitForRoom() const {
     pollfd waiting = {descriptor_, POLLOUT, 0};
-    while (!stopRequested()) {
+    do {
         if (poll(&waiting, 1, POLL_MS) > 0) {
             return true;
         }
-    }
+    } while (!stopRequested());
     return false;
 }
 

@@ -113,7 +113,9 @@ void Playout::watchStart(std::size_t wanted) {
     const double packetMs = toMs(buffer.packetFrames(), buffer.sampleRate());
     const auto excess = static_cast<std::size_t>((depth - goal) / packetMs);
     source_.skip(excess);
-    increment(figures_.skipped, excess);
+    // What came before the device was ready has never been missed.
+    increment(figures_.skipped, everPlayed_ ? excess : 0);
+    everPlayed_ = true;
     source_.resume();
     meanDepth_ = target_.milliseconds();
     figures_.playing = true;

@@ -71,6 +71,7 @@ class Playout {
     DelayTarget target_;
     DriftControl drift_;
     Resampler resampler_;
+    bool everPlayed_ = false;
     int streamRate_ = 0;
     double ratioCarry_ = 0;  ///< Part of the wanted ratio that rounding has left out so far.
     std::vector<std::int16_t> fifo_;  ///< Samples at the device's rate, fifoStart_ to fifoEnd_.
