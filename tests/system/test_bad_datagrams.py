@@ -112,6 +112,28 @@ class BadDatagrams(SystemTest):
         self.assertEqual(take_all(self.stranger), [])
         self.check_nothing_happened()
 
+    def test_datagrams_of_any_length_to_the_host(self):
+        for _ in range(2000):
+            self.stranger.sendto(self.random.randbytes(self.any_length(LONGEST_DATAGRAM)),
+                                 ("127.0.0.1", DEFAULT_PORT))
+            time.sleep(0.001)
+        self.assertEqual(take_all(self.stranger), [])
+        self.check_nothing_happened()
+
+    def test_flood_of_long_datagrams_to_the_host(self):
+        noise = [self.random.randbytes(self.random.randint(ENET_LONGEST + 1, 9000))
+                 for _ in range(50)]
+        sent = flood([self.stranger], lambda i: noise[i % len(noise)], DEFAULT_PORT, rate=2000,
+                     seconds=10)
+        self.assertGreater(sent, 10000)
+        self.assertEqual(take_all(self.stranger), [])
+        self.check_nothing_happened()
+
+    def test_flood_of_empty_datagrams_to_the_host(self):
+        sent = flood([self.stranger], lambda _: b"", DEFAULT_PORT, rate=10000, seconds=10)
+        self.assertGreater(sent, 50000)
+        self.check_nothing_happened()
+
     def test_flood_of_short_datagrams_to_the_host(self):
         noise = [self.random.randbytes(self.any_length(ENET_LONGEST)) for _ in range(500)]
         sent = flood([self.stranger], lambda i: noise[i % len(noise)], DEFAULT_PORT, rate=5000,
