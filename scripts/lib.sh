@@ -9,6 +9,10 @@ set -euo pipefail
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 jobs=${JOBS:-$(nproc)}
 
+# PulseAudio for ourselves, where the package cannot be installed; see unpack_sound_server.
+sound_server=$repo/build-sound-server
+PATH=$sound_server/bin:$PATH
+
 # Debian's and Ubuntu's names, by what they are for.
 packages_build=(
     build-essential cmake ninja-build pkg-config libenet-dev qtbase5-dev qtbase5-dev-tools
@@ -52,6 +56,9 @@ missing_packages() {
         list+=("${members[@]}")
     done
     for name in "${list[@]}"; do
+        if [ "$name" = pulseaudio ] && [ -x "$sound_server/bin/pulseaudio" ]; then
+            continue
+        fi
         if [ "$(dpkg-query -W -f '${db:Status-Status}' "$name" 2>/dev/null)" != installed ]; then
             printf '%s\n' "$name"
         fi
@@ -94,6 +101,33 @@ Install them, then start the script again with VELANTRIX_SKIP_SETUP=1.
 NAMES
 }
 
+install_packages() {
+    # --no-remove: nothing of the user's makes room for our packages.
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
+        --no-remove "$@" ||
+        fail "apt-get could not install $* (nothing was removed for them)"
+}
+
+# Unpacks PulseAudio beside the builds, for the private sound server only.
+unpack_sound_server() {
+    local needs
+    mapfile -t needs < <(LC_ALL=C apt-cache depends --no-recommends --no-suggests --no-conflicts \
+        --no-breaks --no-replaces --no-enhances pulseaudio | sed -n 's/^  Depends: \([^<]*\)$/\1/p')
+    install_packages "${needs[@]}"
+    rm -rf "$sound_server"
+    mkdir -p "$sound_server/bin"
+    (cd "$sound_server" && apt-get download -q pulseaudio && dpkg -x pulseaudio_*.deb root) ||
+        fail "PulseAudio could not be downloaded into $sound_server"
+    local modules libraries
+    modules=$(echo "$sound_server"/root/usr/lib/pulse-*/modules)
+    libraries=$(dirname "$(find "$sound_server/root" -name 'libpulsecore-*.so')")
+    cat >"$sound_server/bin/pulseaudio" <<WRAPPER
+#!/bin/sh
+LD_LIBRARY_PATH="$libraries:$modules" exec "$sound_server/root/usr/bin/pulseaudio" -p "$modules" "\$@"
+WRAPPER
+    chmod +x "$sound_server/bin/pulseaudio"
+}
+
 # Installs what the groups in "$@" lack.
 ensure_packages() {
     if [ "${VELANTRIX_SKIP_SETUP:-0}" = 1 ]; then
@@ -110,10 +144,19 @@ ensure_packages() {
     fi
     say "Installing: ${missing[*]}"
     as_root apt-get update -q || fail "apt-get update failed: is this machine on the network?"
-    # --no-remove: a desktop whose own sound system excludes PulseAudio must not lose it.
-    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
-        --no-remove "${missing[@]}" ||
-        fail "apt-get could not install the packages above (nothing was removed for them)"
+    if [[ " ${missing[*]} " == *' pulseaudio '* ]] &&
+        ! apt-get install -q -s --no-install-recommends --no-remove pulseaudio >/dev/null 2>&1; then
+        say "This system's own sound excludes the package pulseaudio: unpacking it for us alone."
+        unpack_sound_server
+        local name others=()
+        for name in "${missing[@]}"; do
+            [ "$name" = pulseaudio ] || others+=("$name")
+        done
+        missing=("${others[@]}")
+    fi
+    if [ ${#missing[@]} -gt 0 ]; then
+        install_packages "${missing[@]}"
+    fi
 }
 
 # Builds preset $1 into build-$1; further arguments go to cmake's configuration.
