@@ -116,9 +116,10 @@ TEST_F(PlayoutChange, LostOpusPacketsAreConcealedWithoutClicks) {
     const auto seed = std::random_device{}();
     std::cout << "random seed " << seed << "\n";
     std::mt19937 random(seed);
-    play(1, 1, opusTone(2));
+    const auto stream = opusTone(2);
+    play(1, 1, stream);
     std::uint64_t lost = 0;
-    play(20, 1, opusTone(2, static_cast<std::uint32_t>(sent_ * 100 + 0.5)), [&] {
+    play(20, 1, stream, [&] {
         const bool now = random() % 20 == 0;
         lost += now ? 1 : 0;
         return now;
