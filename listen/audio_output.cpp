@@ -37,9 +37,8 @@ PaDeviceIndex findDevice(const std::string& wanted) {
     if (wanted.empty()) {
         return find([](const OutputDevice& device) { return device.isDefault; });
     }
-    const PaDeviceIndex exact = find([&wanted](const OutputDevice& device) {
-        return device.name == wanted || std::to_string(device.index) == wanted;
-    });
+    const PaDeviceIndex exact =
+        find([&wanted](const OutputDevice& device) { return device.name == wanted; });
     return exact != paNoDevice ? exact : find([&wanted](const OutputDevice& device) {
         return device.name.find(wanted) != std::string::npos;
     });
@@ -69,8 +68,10 @@ std::vector<OutputDevice> AudioOutput::devices() {
     if (Pa_Initialize() != paNoError) {
         return {};
     }
-    const std::vector<OutputDevice> result = listDevices();
+    std::vector<OutputDevice> result = listDevices();
     Pa_Terminate();
+    std::stable_partition(result.begin(), result.end(),
+                          [](const OutputDevice& device) { return device.isDefault; });
     return result;
 }
 

@@ -28,11 +28,11 @@ class AudioOutput {
     AudioOutput(const AudioOutput&) = delete;
     AudioOutput& operator=(const AudioOutput&) = delete;
 
-    /// The output devices of this machine. May take a moment.
+    /// The output devices of this machine, the default one first. May take a moment.
     static std::vector<OutputDevice> devices();
 
-    /// Opens and starts a device: the one whose number or whole name is `device`, else the first
-    /// whose name contains it, or the default for an empty text. `delayMs` is the sound to keep
+    /// Opens and starts a device: the one whose name is `device`, else the first whose name
+    /// contains it, or the default for an empty text. `delayMs` is the sound to keep
     /// buffered. False on failure, see error().
     [[nodiscard]] bool open(const std::string& device, double delayMs);
 

@@ -45,11 +45,12 @@ void describe(CLI::App& app, Words& words, Options& options) {
     app.add_option("--rate", words.rate, "raw, or kbit/s of Opus: 20, 64, 128, 256 (raw)");
     app.add_flag("--best-effort", words.bestEffort, "Lost packets are not sent again");
     app.add_option("--name", options.choice.name, "Name that the server shows (this host's)");
-    app.add_flag("--single", words.single, "Ask to be the server's only listener");
+    app.add_flag("--single", words.single, "Give the place up to the next listener that connects");
     app.add_option("--buffer", options.bufferMs, "Milliseconds of sound to keep ready (40)")
         ->check(CLI::Range(DelayTarget::LEAST_MS, DelayTarget::MOST_MS));
-    app.add_option("--device", options.device, "Output device: its number, name, or part of it");
-    app.add_flag("--list-devices", options.listDevices, "List the output devices, and end");
+    app.add_option("--device", options.device, "Output device: its name, or part of it");
+    app.add_flag("--list-devices", options.listDevices,
+                 "List the output devices, the default one first, and end");
     app.add_flag("--stdout", options.toStdout, "Write raw 16-bit stereo, and do not play");
     app.add_option("--record", options.recordPath, "Record to a .wav, .flac, .ogg or .opus file");
     app.add_flag("--no-play", words.noPlay, "Do not play the sound");

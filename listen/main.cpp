@@ -11,8 +11,7 @@ namespace {
 int listDevices() {
     const std::vector<vxlisten::OutputDevice> devices = vxlisten::AudioOutput::devices();
     for (const vxlisten::OutputDevice& device : devices) {
-        std::printf("%d\t%s%s\n", device.index, device.name.c_str(),
-                    device.isDefault ? "\t(default)" : "");
+        std::puts(device.name.c_str());
     }
     if (devices.empty()) {
         std::fputs("velantrix-listen: there is no output device\n", stderr);

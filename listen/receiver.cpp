@@ -89,6 +89,10 @@ ReceiverEvent Receiver::service(std::uint32_t milliseconds) {
     switch (event.type) {
         case ENET_EVENT_TYPE_CONNECT:
             result.type = ReceiverEvent::Type::Connected;
+            // Left alone, ENet's server side drops best-effort packets at random whenever the
+            // round-trip time wavers. A steady stream gains nothing by that.
+            enet_peer_throttle_configure(peer_, ENET_PEER_PACKET_THROTTLE_INTERVAL,
+                                         ENET_PEER_PACKET_THROTTLE_ACCELERATION, 0);
             break;
         case ENET_EVENT_TYPE_RECEIVE:
             result.type = ReceiverEvent::Type::Packet;

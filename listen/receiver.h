@@ -27,7 +27,7 @@ struct StreamChoice {
     bool reliable = true;
     std::uint32_t rateCode = 0;
     std::string name;         ///< At most 255 bytes are sent.
-    bool multiClient = true;  ///< Whether other clients may listen at the same time.
+    bool multiClient = true;  ///< Clear: the server drops this client for the next one.
 };
 
 /// One connection at a time to one server. Everything on one thread.

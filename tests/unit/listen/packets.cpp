@@ -14,9 +14,11 @@ std::vector<std::int16_t> tone(std::size_t frames, std::size_t first) {
     return samples;
 }
 
-OpusStream::OpusStream()
-    : encoder_(opus_encoder_create(48000, 2, OPUS_APPLICATION_AUDIO, nullptr)) {
-    opus_encoder_ctl(encoder_, OPUS_SET_BITRATE(128000));
+OpusStream::OpusStream(std::uint32_t rateCode, std::uint32_t seq, bool altRate)
+    : encoder_(opus_encoder_create(48000, 2, OPUS_APPLICATION_AUDIO, nullptr)),
+      flags_(wire::makeFlags(true, altRate, rateCode)),
+      seq_(seq) {
+    opus_encoder_ctl(encoder_, OPUS_SET_BITRATE(wire::bitRateOf(rateCode)));
 }
 
 Bytes OpusStream::next() {
@@ -25,7 +27,7 @@ Bytes OpusStream::next() {
     const int length = opus_encode(encoder_, samples.data(), wire::OPUS_FRAME_SAMPLES,
                                    payload.data(), static_cast<opus_int32>(payload.size()));
     payload.resize(static_cast<std::size_t>(length));
-    return make(seq_++, wire::makeFlags(true, true, 2), payload);
+    return make(seq_++, flags_, payload);
 }
 
 }  // namespace packets

@@ -51,20 +51,22 @@ inline Bytes raw(std::uint32_t seq, int first = 0, bool altRate = true) {
 /// A tone of 1000 Hz with a peak value of 10000 at 48000 Hz, from frame `first` on.
 std::vector<std::int16_t> tone(std::size_t frames, std::size_t first = 0);
 
-/// Encodes a tone packet by packet, as the server does at 128 kbit/s.
+/// Encodes the tone packet by packet, as the server does.
 class OpusStream {
   public:
-    OpusStream();
+    /// `rateCode` 1, 2, 3 or 5; the first packet has the number `seq`.
+    explicit OpusStream(std::uint32_t rateCode = 2, std::uint32_t seq = 0, bool altRate = true);
     ~OpusStream() { opus_encoder_destroy(encoder_); }
     OpusStream(const OpusStream&) = delete;
     OpusStream& operator=(const OpusStream&) = delete;
 
-    /// The packet after the last one, numbered from 0.
+    /// The packet after the last one.
     Bytes next();
 
   private:
     OpusEncoder* encoder_;
-    std::uint32_t seq_ = 0;
+    std::uint32_t flags_;
+    std::uint32_t seq_;
 };
 
 }  // namespace packets
