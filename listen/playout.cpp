@@ -25,8 +25,9 @@ void increment(std::atomic<std::uint64_t>& counter, std::uint64_t by = 1) {
 
 /// What to multiply two rates with to make good terms of a ratio.
 double termScale(int largerRate) {
-    return largerRate <= LARGEST_TERM ? LARGEST_TERM / largerRate
-                                      : 1.0 / (1 + largerRate / LARGEST_TERM);
+    const int up = LARGEST_TERM / largerRate;
+    const int down = 1 + largerRate / LARGEST_TERM;
+    return up > 0 ? static_cast<double>(up) : 1.0 / down;
 }
 
 double toMs(std::size_t frames, int rate) {
@@ -162,8 +163,8 @@ void Playout::resample(const std::int16_t* frames, std::size_t count) {
         auto made = static_cast<spx_uint32_t>((FIFO_SAMPLES - fifoEnd_) / CHANNELS);
         speex_resampler_process_interleaved_int(resampler_.get(), frames, &taken,
                                                 fifo_.data() + fifoEnd_, &made);
-        fifoEnd_ += made * CHANNELS;
-        frames += taken * CHANNELS;
+        fifoEnd_ += static_cast<std::size_t>(made) * CHANNELS;
+        frames += static_cast<std::size_t>(taken) * CHANNELS;
         count -= taken;
         if (taken == 0) {
             return;

@@ -18,7 +18,7 @@ packages_build=(
 packages_demo=(pulseaudio pulseaudio-utils libasound2-plugins iproute2 python3)
 packages_test=(
     libgtest-dev libgmock-dev xvfb xauth xdotool openbox imagemagick dbus at-spi2-core
-    gir1.2-atspi-2.0 python3-gi desktop-file-utils appstream mandoc zsh systemd
+    gir1.2-atspi-2.0 python3-gi desktop-file-utils appstream mandoc zsh systemd valgrind
 )
 packages_check=(clang clang-tidy clang-format cppcheck)
 packages_bench=(libbenchmark-dev)
@@ -77,7 +77,7 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
          for the demo:    pulseaudio pulseaudio-utils iproute python3
          for the tests:   gtest-devel gmock-devel xorg-x11-server-Xvfb xorg-x11-xauth xdotool \
              openbox ImageMagick dbus-daemon at-spi2-core python3-gobject desktop-file-utils \
-             appstream mandoc zsh systemd
+             appstream mandoc zsh systemd valgrind
          for the checks:  clang clang-tools-extra cppcheck
          for benchmarks:  google-benchmark-devel
 
@@ -85,7 +85,7 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
              speexdsp cli11 alsa-plugins librsvg
          for the demo:    pulseaudio iproute2 python
          for the tests:   gtest xorg-server-xvfb xorg-xauth xdotool imagemagick dbus at-spi2-core \
-             openbox python-gobject desktop-file-utils appstream mandoc zsh
+             openbox python-gobject desktop-file-utils appstream mandoc zsh valgrind
          for the checks:  clang cppcheck
          for benchmarks:  benchmark
 
