@@ -145,6 +145,13 @@ class InstalledFiles(unittest.TestCase):
                                     self.manual("velantrix-listen")))
         self.assertEqual(documented - options, set(), "documented, but not there")
 
+    def test_listening_client_manual_explains_every_member_of_the_statistics(self):
+        members = re.findall(r'[.]add\("(\w+)"', (SOURCE / "listen/statistics.cpp").read_text())
+        self.assertIn("packets", members)
+        explained = set(re.findall(r"\w+", "\n".join(
+            re.findall(r"^\.It Va (.*)$", self.manual("velantrix-listen"), re.MULTILINE))))
+        self.assertEqual(set(members), explained)
+
     def test_completions_parse(self):
         for path in self.usr.glob("share/bash-completion/completions/*"):
             self.check("bash", "-n", path)
