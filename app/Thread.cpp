@@ -19,7 +19,7 @@ int statusOf(int error) {
 int Thread::_initResult = Thread::init();
 
 // The hook for a threading library that needs process-wide set-up.
-int Thread::init() {
+int Thread::init() noexcept {
     return 0;
 }
 

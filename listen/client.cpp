@@ -1,7 +1,6 @@
 #include "listen/client.h"
 
-#include <cstdio>
-
+#include "listen/clock.h"
 #include "listen/command_line.h"
 #include "listen/stop_request.h"
 
@@ -9,40 +8,42 @@ namespace vxlisten {
 
 namespace {
 
-constexpr std::int64_t MILLISECONDS = 1000;
-constexpr std::int64_t SECONDS = 1000 * MILLISECONDS;
 constexpr std::uint32_t SERVICE_MS = 5;
 constexpr std::uint32_t GOODBYE_MS = 300;
-constexpr std::int64_t CONNECT_PATIENCE = 5 * SECONDS;
-constexpr std::int64_t FIGURES_INTERVAL = SECONDS;
+constexpr std::int64_t CONNECT_PATIENCE = 5 * SECOND;
+
+double toSeconds(std::int64_t microseconds) {
+    return static_cast<double>(microseconds) / static_cast<double>(SECOND);
+}
+
+/// Bits per millisecond, which are kilobits per second.
+double bitRate(std::uint64_t bytes, std::int64_t microseconds) {
+    return microseconds > 0
+               ? static_cast<double>(bytes) * 8.0 / (static_cast<double>(microseconds) / 1000.0)
+               : 0.0;
+}
 
 }  // namespace
 
-std::int64_t Client::now() const {
-    return std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() -
-                                                                 start_)
-        .count();
-}
-
-void Client::fail(const std::string& sentence) {
-    std::fprintf(stderr, "velantrix-listen: %s\n", sentence.c_str());
-    end(STATUS_FAILURE);
-}
-
-void Client::tell(const std::string& sentence) const {
-    if (!options_.quiet) {
-        std::fprintf(stderr, "velantrix-listen: %s\n", sentence.c_str());
+int Client::run() {
+    start_ = steadyNow();
+    bitRateSince_ = start_;
+    nextFigures_ = start_ + reporter_.interval();
+    if (prepare()) {
+        while (!ended_ && !stopRequested()) {
+            step();
+        }
     }
+    return finish();
 }
 
 bool Client::prepare() {
-    if (!options_.recordPath.empty()) {
-        recorder_ = std::make_unique<Recorder>();
-        if (!recorder_->open(options_.recordPath)) {
-            fail(recorder_->error());
-            return false;
-        }
-        timeline_.addSink(recorder_.get());
+    if (!outputs_.open(options_)) {
+        fail(outputs_.error());
+        return false;
+    }
+    if (!outputs_.warning().empty()) {
+        reporter_.announce(outputs_.warning());
     }
     if (!receiver_.open()) {
         fail("cannot open a network socket");
@@ -58,8 +59,7 @@ bool Client::prepare() {
 }
 
 bool Client::startConnecting() {
-    link_ = Link::Connecting;
-    linkSince_ = now();
+    enter(Link::Connecting);
     if (!receiver_.connect(options_.choice)) {
         fail("cannot start a connection to " + counts_.server);
         return false;
@@ -67,14 +67,19 @@ bool Client::startConnecting() {
     return true;
 }
 
-int Client::run() {
-    if (prepare()) {
-        nextFigures_ = now() + FIGURES_INTERVAL;
-        while (!ended_ && !stopRequested()) {
-            step();
-        }
-    }
-    return finish();
+void Client::enter(Link link) {
+    link_ = link;
+    linkSince_ = steadyNow();
+}
+
+void Client::end(int status) {
+    ended_ = true;
+    status_ = status;
+}
+
+void Client::fail(const std::string& sentence) {
+    reporter_.complain(sentence);
+    end(STATUS_FAILURE);
 }
 
 void Client::step() {
@@ -101,10 +106,10 @@ void Client::handle(const ReceiverEvent& event) {
 }
 
 void Client::handleConnected() {
-    link_ = Link::Connected;
-    linkSince_ = now();
+    enter(Link::Connected);
     if (everConnected_) {
         ++counts_.reconnects;
+        reporter_.announce("connected to " + counts_.server + " again");
     } else {
         firstConnect_ = linkSince_;
     }
@@ -120,25 +125,26 @@ void Client::handlePacket(const ENetPacket& packet) {
         return;
     }
     retryPause_.reset();
-    lastPacket_ = now();
     ++counts_.packets;
     counts_.bytes += packet.dataLength;
     counts_.sampleRate = audio->sampleRate;
     counts_.rateCode = audio->rateCode;
     counts_.reliable = audio->reliable;
-    const SequenceStep step = tracker_.observe(*audio);
-    if (const PcmSink* const stopped = timeline_.take(*audio, step, lastPacket_)) {
-        if (stopped->error().empty()) {
+    switch (outputs_.take(*audio, tracker_.observe(*audio), steadyNow())) {
+        case SinkState::Open:
+            break;
+        case SinkState::Closed:
             end(STATUS_OK);
-        } else {
-            fail(stopped->error());
-        }
+            break;
+        case SinkState::Failed:
+            fail(outputs_.error());
+            break;
     }
 }
 
 void Client::handleDisconnected(std::uint32_t data) {
     if (data == wire::DISCONNECT_REPLACED) {
-        tell("another listener has taken this one's place at " + counts_.server);
+        reporter_.announce("another listener has taken this one's place at " + counts_.server);
         end(STATUS_OK);
     } else if (link_ == Link::Connecting) {
         loseConnection(counts_.server + " does not answer");
@@ -148,92 +154,90 @@ void Client::handleDisconnected(std::uint32_t data) {
 }
 
 void Client::loseConnection(const std::string& why) {
+    const bool wasConnected = link_ == Link::Connected;
     receiver_.drop();
     if (!everConnected_) {
         fail(why);
         return;
     }
-    if (link_ == Link::Connected) {
-        tell(options_.once ? why : why + ", trying again");
+    if (wasConnected) {
+        reporter_.announce(options_.once ? why : why + ", trying again");
     }
     if (options_.once) {
         end(STATUS_OK);
         return;
     }
-    link_ = Link::Waiting;
-    linkSince_ = now();
-    waitUntil_ = linkSince_ + retryPause_.next() * MILLISECONDS;
+    enter(Link::Waiting);
+    waitUntil_ = linkSince_ + retryPause_.next() * MILLISECOND;
 }
 
 void Client::watchTime() {
-    const auto limit = static_cast<std::int64_t>(options_.seconds * static_cast<double>(SECONDS));
-    if (options_.seconds > 0 && everConnected_ && now() - firstConnect_ >= limit) {
+    if (options_.seconds > 0 && everConnected_ &&
+        toSeconds(steadyNow() - firstConnect_) >= options_.seconds) {
         end(STATUS_OK);
     }
 }
 
 void Client::watchConnection() {
-    if (link_ == Link::Connecting && now() - linkSince_ >= CONNECT_PATIENCE) {
+    if (link_ == Link::Connecting && steadyNow() - linkSince_ >= CONNECT_PATIENCE) {
         loseConnection(counts_.server + " does not answer");
-    } else if (link_ == Link::Waiting && now() >= waitUntil_) {
+    } else if (link_ == Link::Waiting && steadyNow() >= waitUntil_) {
         startConnecting();
     }
 }
 
+void Client::measureBitRate() {
+    const std::int64_t span = steadyNow() - bitRateSince_;
+    if (span >= SECOND - MILLISECOND) {
+        counts_.kilobitsPerSecond = bitRate(counts_.bytes - bitRateBytes_, span);
+        bitRateSince_ += span;
+        bitRateBytes_ = counts_.bytes;
+    }
+}
+
+void Client::watchFigures() {
+    if (ended_ || steadyNow() < nextFigures_) {
+        return;
+    }
+    nextFigures_ += reporter_.interval();
+    if (!outputs_.alive()) {
+        fail(outputs_.error());
+        return;
+    }
+    measureBitRate();
+    reporter_.show(figures());
+    outputs_.clearLevels();
+}
+
 Statistics Client::figures() {
     Statistics result = counts_;
-    const std::int64_t time = now();
-    const std::int64_t span = time - timeAtFigures_;
-    result.time = static_cast<double>(time) / static_cast<double>(SECONDS);
+    result.time = toSeconds(steadyNow() - start_);
     result.connected = link_ == Link::Connected;
-    result.kilobitsPerSecond = span > 0 ? static_cast<double>(counts_.bytes - bytesAtFigures_) *
-                                              8000.0 / static_cast<double>(span)
-                                        : 0.0;
     result.roundTripMs = receiver_.roundTripTime();
     result.lost = tracker_.lost();
     result.late = tracker_.late();
     result.duplicates = tracker_.duplicates();
-    result.damaged = counts_.damaged + timeline_.damaged();
-    result.frames = timeline_.framesDecoded();
-    result.filledFrames = timeline_.framesFilled();
-    const LevelMeter& level = timeline_.recentLevel();
-    result.peakDbfs = {level.peakDbfs(0), level.peakDbfs(1)};
-    result.rmsDbfs = {level.rmsDbfs(0), level.rmsDbfs(1)};
+    outputs_.describe(result);
     return result;
 }
 
-void Client::watchFigures() {
-    if (now() < nextFigures_) {
-        return;
-    }
-    nextFigures_ += FIGURES_INTERVAL;
-    const Statistics statistics = figures();
-    timeline_.recentLevel().clear();
-    bytesAtFigures_ = counts_.bytes;
-    timeAtFigures_ = now();
-    if (options_.stats == StatsStyle::Json) {
-        std::puts(toJson(statistics, "stats").c_str());
-    } else if (!options_.quiet && options_.stats == StatsStyle::Lines) {
-        std::puts(toLine(statistics).c_str());
-    }
-    std::fflush(stdout);
+Statistics Client::wholeFigures() {
+    Statistics result = figures();
+    outputs_.describeWholeLevel(result);
+    result.kilobitsPerSecond =
+        everConnected_ ? bitRate(counts_.bytes, steadyNow() - firstConnect_) : 0.0;
+    return result;
 }
 
 int Client::finish() {
-    Statistics statistics = figures();
-    statistics.peakDbfs = {timeline_.level().peakDbfs(0), timeline_.level().peakDbfs(1)};
-    statistics.rmsDbfs = {timeline_.level().rmsDbfs(0), timeline_.level().rmsDbfs(1)};
+    const Statistics statistics = wholeFigures();
     receiver_.disconnect(GOODBYE_MS);
-    const bool alreadyFailed = status_ != STATUS_OK;
-    if (recorder_ && recorder_->finish() == SinkState::Failed && !alreadyFailed) {
-        fail(recorder_->error());
+    if (outputs_.finish() == SinkState::Failed && status_ == STATUS_OK) {
+        fail(outputs_.error());
     }
-    if (options_.stats == StatsStyle::Json) {
-        std::puts(toJson(statistics, "end").c_str());
-    } else if (!options_.quiet && everConnected_) {
-        std::fputs(toReport(statistics).c_str(), stdout);
+    if (everConnected_) {
+        reporter_.report(statistics);
     }
-    std::fflush(stdout);
     if (status_ == STATUS_OK && counts_.packets == 0) {
         fail("no audio has arrived");
     }

@@ -1,17 +1,15 @@
 #pragma once
 
-#include <chrono>
 #include <cstdint>
-#include <memory>
 #include <string>
 
 #include "listen/options.h"
+#include "listen/outputs.h"
 #include "listen/receiver.h"
-#include "listen/recorder.h"
+#include "listen/reporter.h"
 #include "listen/retry_pause.h"
 #include "listen/sequence_tracker.h"
 #include "listen/statistics.h"
-#include "listen/timeline.h"
 
 namespace vxlisten {
 
@@ -19,8 +17,8 @@ namespace vxlisten {
 /// figures. Everything on the thread that calls run().
 class Client {
   public:
-    /// `options` is borrowed and must outlive this.
-    explicit Client(const Options& options) : options_(options) {}
+    /// `options` is borrowed and must outlive this; its host is chosen.
+    explicit Client(const Options& options) : options_(options), reporter_(options) {}
 
     /// Listens until the time is over, a stop is requested or nothing more can be done. Returns
     /// the exit status of the program, having told why when it is not 0.
@@ -29,9 +27,9 @@ class Client {
   private:
     enum class Link { Connecting, Connected, Waiting };
 
-    [[nodiscard]] std::int64_t now() const;  ///< Microseconds since the start.
     bool prepare();
     bool startConnecting();
+    void enter(Link link);
     void step();
     void handle(const ReceiverEvent& event);
     void handleConnected();
@@ -41,31 +39,32 @@ class Client {
     void watchTime();
     void watchConnection();
     void watchFigures();
+    void measureBitRate();
     [[nodiscard]] Statistics figures();
-    void end(int status) { ended_ = true, status_ = status; }
+    [[nodiscard]] Statistics wholeFigures();
+    void end(int status);
     void fail(const std::string& sentence);
-    void tell(const std::string& sentence) const;
     int finish();
 
     const Options& options_;
-    std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+    Reporter reporter_;
     Receiver receiver_;
     SequenceTracker tracker_;
-    Timeline timeline_;
-    std::unique_ptr<Recorder> recorder_;
+    Outputs outputs_;
     RetryPause retryPause_;
+    Statistics counts_;  ///< What is counted here; figures() adds the rest.
     Link link_ = Link::Connecting;
     bool everConnected_ = false;
     bool ended_ = false;
     int status_ = 0;
+    // Times in microseconds.
+    std::int64_t start_ = 0;
     std::int64_t linkSince_ = 0;  ///< When the present state of the link began.
     std::int64_t waitUntil_ = 0;  ///< Waiting: time of the next attempt.
     std::int64_t firstConnect_ = 0;
-    std::int64_t lastPacket_ = 0;
     std::int64_t nextFigures_ = 0;
-    std::uint64_t bytesAtFigures_ = 0;
-    std::int64_t timeAtFigures_ = 0;
-    Statistics counts_;
+    std::int64_t bitRateSince_ = 0;   ///< Start of the span that the bit rate is measured over,
+    std::uint64_t bitRateBytes_ = 0;  ///< and the bytes received before it.
 };
 
 }  // namespace vxlisten

@@ -7,6 +7,7 @@
 
 #include <CLI/CLI.hpp>
 
+#include "listen/delay_target.h"
 #include "listen/recorder.h"
 
 namespace vxlisten {
@@ -37,13 +38,19 @@ struct Words {
 };
 
 void describe(CLI::App& app, Words& words, Options& options) {
-    app.add_option("HOST", words.host, "Server as HOST or HOST:PORT");
+    app.add_option("HOST", words.host, "Server as HOST or HOST:PORT; none: find one");
+    app.add_flag("--list", options.list, "List the servers that answer, and end");
     app.add_option("--port", words.port, "UDP port of the server (59010)")
         ->check(CLI::Range(1, 65535));
     app.add_option("--rate", words.rate, "raw, or kbit/s of Opus: 20, 64, 128, 256 (raw)");
     app.add_flag("--best-effort", words.bestEffort, "Lost packets are not sent again");
     app.add_option("--name", options.choice.name, "Name that the server shows (this host's)");
     app.add_flag("--single", words.single, "Ask to be the server's only listener");
+    app.add_option("--buffer", options.bufferMs, "Milliseconds of sound to keep ready (40)")
+        ->check(CLI::Range(DelayTarget::LEAST_MS, DelayTarget::MOST_MS));
+    app.add_option("--device", options.device, "Output device: its number, name, or part of it");
+    app.add_flag("--list-devices", options.listDevices, "List the output devices, and end");
+    app.add_flag("--stdout", options.toStdout, "Write raw 16-bit stereo, and do not play");
     app.add_option("--record", options.recordPath, "Record to a .wav, .flac, .ogg or .opus file");
     app.add_flag("--no-play", words.noPlay, "Do not play the sound");
     app.add_option("--seconds", options.seconds, "End this long after the connection");
@@ -59,6 +66,7 @@ using Complaint = std::string;
 
 Complaint takeHost(const Words& words, Options& options) {
     options.port = words.port != 0 ? static_cast<std::uint16_t>(words.port) : options.port;
+    options.portChosen = words.port != 0;
     const std::size_t colon = words.host.rfind(':');
     options.host = words.host.substr(0, colon);
     if (colon == std::string::npos) {
@@ -73,6 +81,7 @@ Complaint takeHost(const Words& words, Options& options) {
         return "HOST and --port name different ports";
     }
     options.port = static_cast<std::uint16_t>(port);
+    options.portChosen = true;
     return {};
 }
 
@@ -102,7 +111,10 @@ Complaint takeStream(const Words& words, bool nameGiven, Options& options) {
 }
 
 Complaint takeOutput(const Words& words, bool secondsGiven, Options& options) {
-    options.play = !words.noPlay;
+    options.play = !words.noPlay && !options.toStdout;
+    if (!options.device.empty() && !options.play) {
+        return "--device has no sense when nothing is played";
+    }
     if (secondsGiven && (!std::isfinite(options.seconds) || options.seconds <= 0)) {
         return "--seconds must be a number above 0";
     }
@@ -113,9 +125,6 @@ Complaint takeOutput(const Words& words, bool secondsGiven, Options& options) {
 }
 
 Complaint check(const CLI::App& app, const Words& words, Options& options) {
-    if (words.host.empty()) {
-        return "HOST is missing";
-    }
     for (const Complaint& complaint : {takeHost(words, options), takeStats(words, options),
                                        takeStream(words, app.count("--name") > 0, options),
                                        takeOutput(words, app.count("--seconds") > 0, options)}) {

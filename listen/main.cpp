@@ -1,6 +1,33 @@
+#include <cstdio>
+
+#include "listen/audio_output.h"
 #include "listen/client.h"
 #include "listen/command_line.h"
+#include "listen/find_server.h"
 #include "listen/stop_request.h"
+
+namespace {
+
+int listDevices() {
+    const std::vector<vxlisten::OutputDevice> devices = vxlisten::AudioOutput::devices();
+    for (const vxlisten::OutputDevice& device : devices) {
+        std::printf("%d\t%s%s\n", device.index, device.name.c_str(),
+                    device.isDefault ? "\t(default)" : "");
+    }
+    if (devices.empty()) {
+        std::fputs("velantrix-listen: there is no output device\n", stderr);
+    }
+    return devices.empty() ? vxlisten::STATUS_FAILURE : vxlisten::STATUS_OK;
+}
+
+int listenTo(vxlisten::Options options) {
+    if (options.host.empty() && !vxlisten::findServer(options)) {
+        return vxlisten::STATUS_FAILURE;
+    }
+    return vxlisten::Client(options).run();
+}
+
+}  // namespace
 
 int main(int argc, char** argv) {
     const vxlisten::CommandLine commandLine = vxlisten::readCommandLine(argc, argv);
@@ -8,6 +35,11 @@ int main(int argc, char** argv) {
         return *commandLine.status;
     }
     vxlisten::installStopRequest();
-    vxlisten::Client client(commandLine.options);
-    return client.run();
+    if (commandLine.options.listDevices) {
+        return listDevices();
+    }
+    if (commandLine.options.list) {
+        return vxlisten::listServers(commandLine.options);
+    }
+    return listenTo(commandLine.options);
 }

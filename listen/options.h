@@ -15,11 +15,17 @@ enum class StatsStyle { Display, Lines, Json };
 struct Options {
     std::string host;  ///< Empty: find a server.
     std::uint16_t port = wire::DEFAULT_SERVER_PORT;
+    bool portChosen = false;  ///< The user named the port.
     StreamChoice choice;
     double seconds = 0;      ///< Time from the connection to the end; 0: until stopped.
     std::string recordPath;  ///< Empty: no recording.
+    bool toStdout = false;   ///< Raw samples go to standard output, everything else elsewhere.
     bool play = true;
-    bool once = false;  ///< End when the connection ends, instead of connecting again.
+    std::string device;        ///< Output device; empty: the default one.
+    double bufferMs = 40;      ///< Sound to keep buffered before it is played.
+    bool list = false;         ///< Only list the servers.
+    bool listDevices = false;  ///< Only list the output devices.
+    bool once = false;         ///< End when the connection ends, instead of connecting again.
     bool quiet = false;
     StatsStyle stats = StatsStyle::Display;
 };

@@ -32,7 +32,7 @@ const std::vector<std::int16_t>& RateAdapter::convert(const std::int16_t* frames
     auto made = static_cast<spx_uint32_t>(room);
     speex_resampler_process_interleaved_int(resampler_.get(), frames, &taken, output_.data(),
                                             &made);
-    output_.resize(made * CHANNELS);
+    output_.resize(static_cast<std::size_t>(made) * CHANNELS);
     return output_;
 }
 

@@ -60,7 +60,7 @@ int formatOf(const std::string& path) {
 }  // namespace
 
 Recorder::~Recorder() {
-    finish();
+    Recorder::finish();
 }
 
 bool Recorder::knowsEnding(const std::string& path) {

@@ -1,7 +1,6 @@
 #include "listen/statistics.h"
 
 #include <algorithm>
-#include <cinttypes>
 #include <cmath>
 #include <cstdio>
 
@@ -37,10 +36,6 @@ std::string quoted(const std::string& text) {
     return result + '"';
 }
 
-const char* deliveryName(bool reliable) {
-    return reliable ? "reliable" : "best-effort";
-}
-
 /// Builds a JSON object field by field.
 class JsonObject {
   public:
@@ -56,6 +51,20 @@ class JsonObject {
   private:
     std::string text_ = "{";
 };
+
+std::string playbackJson(const Playback& p) {
+    JsonObject object;
+    object.add("playing", p.playing ? "true" : "false")
+        .add("buffer_ms", number(p.bufferMs, 1))
+        .add("target_ms", number(p.targetMs, 1))
+        .add("jitter_ms", number(p.jitterMs, 1))
+        .add("output_latency_ms", number(p.outputLatencyMs, 1))
+        .add("correction_ppm", number(p.correctionPpm, 1))
+        .add("concealed", number(p.concealed))
+        .add("skipped", number(p.skipped))
+        .add("underruns", number(p.underruns));
+    return object.end();
+}
 
 double louder(const std::array<double, LevelMeter::CHANNELS>& pair) {
     return std::max(pair[0], pair[1]);
@@ -76,6 +85,10 @@ std::string rateName(std::uint32_t rateCode) {
     const std::int32_t bitRate = wire::bitRateOf(rateCode);
     return bitRate > 0 ? "opus-" + std::to_string(bitRate / 1000)
                        : "code-" + std::to_string(rateCode);
+}
+
+const char* deliveryName(bool reliable) {
+    return reliable ? "reliable" : "best-effort";
 }
 
 std::string toJson(const Statistics& s, const char* type) {
@@ -100,17 +113,22 @@ std::string toJson(const Statistics& s, const char* type) {
         .add("filled_frames", number(s.filledFrames))
         .add("reconnects", number(s.reconnects))
         .add("peak_dbfs", s.peakDbfs)
-        .add("rms_dbfs", s.rmsDbfs);
+        .add("rms_dbfs", s.rmsDbfs)
+        .add("playback", s.playback ? playbackJson(*s.playback) : "null");
     return object.end();
 }
 
 std::string toLine(const Statistics& s) {
-    char text[256];
-    std::snprintf(text, sizeof text,
-                  "%s %s %d Hz %s %.0f kbit/s peak %.1f dBFS lost %" PRIu64 " late %" PRIu64,
-                  s.connected ? "playing" : "waiting", s.server.c_str(), s.sampleRate,
-                  rateName(s.rateCode).c_str(), s.kilobitsPerSecond, louder(s.peakDbfs), s.lost,
-                  s.late);
+    std::string text = s.connected ? "connected" : "waiting";
+    text += " " + s.server + " " + std::to_string(s.sampleRate) + " Hz " + rateName(s.rateCode) +
+            " " + deliveryName(s.reliable) + " " + number(s.kilobitsPerSecond, 0) +
+            " kbit/s peak " + number(louder(s.peakDbfs), 1) + " dBFS lost " + number(s.lost) +
+            " late " + number(s.late);
+    if (s.playback) {
+        text += " concealed " + number(s.playback->concealed) + " underruns " +
+                number(s.playback->underruns) + " buffer " + number(s.playback->bufferMs, 0) +
+                " ms";
+    }
     return text;
 }
 
@@ -135,6 +153,11 @@ std::string toReport(const Statistics& s) {
     line("reconnects", number(s.reconnects));
     line("peak-dbfs", number(louder(s.peakDbfs), 2));
     line("rms-dbfs", number(together(s.rmsDbfs), 2));
+    if (s.playback) {
+        line("concealed", number(s.playback->concealed));
+        line("skipped", number(s.playback->skipped));
+        line("underruns", number(s.playback->underruns));
+    }
     return text;
 }
 

@@ -2,11 +2,25 @@
 
 #include <array>
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "listen/level_meter.h"
 
 namespace vxlisten {
+
+/// What the playing side adds to the figures.
+struct Playback {
+    bool playing = false;         ///< False while it fills its buffer.
+    double bufferMs = 0;          ///< Sound that waits to be played, a mean over some seconds.
+    double targetMs = 0;          ///< How much should wait.
+    double jitterMs = 0;          ///< How uneven packets come.
+    double outputLatencyMs = 0;   ///< Of the output device, as it says itself.
+    double correctionPpm = 0;     ///< How much faster than nominal it plays.
+    std::uint64_t concealed = 0;  ///< Packets that something else was played for.
+    std::uint64_t skipped = 0;    ///< Packets left out to catch up.
+    std::uint64_t underruns = 0;  ///< Times that the sound ran dry.
+};
 
 /// The figures of a session at one moment. Counts run from the start of the program.
 struct Statistics {
@@ -30,10 +44,14 @@ struct Statistics {
     std::uint64_t reconnects = 0;
     std::array<double, LevelMeter::CHANNELS> peakDbfs{SILENCE_DBFS, SILENCE_DBFS};
     std::array<double, LevelMeter::CHANNELS> rmsDbfs{SILENCE_DBFS, SILENCE_DBFS};
+    std::optional<Playback> playback;  ///< Empty when nothing is played.
 };
 
 /// Name of a rate code: "raw", "opus-64" and so on, "code-4" for one without an encoder.
 std::string rateName(std::uint32_t rateCode);
+
+/// "reliable" or "best-effort".
+const char* deliveryName(bool reliable);
 
 /// One JSON object on one line, without a line end. `type` is "stats" or "end".
 std::string toJson(const Statistics& statistics, const char* type);

@@ -57,8 +57,9 @@ def stream(folder, private):
               + f" Listening for {SECONDS} seconds ...", flush=True)
         sound.play(played)
         listener = Process(
-            listen_command("--port", port, "--rate", "raw", "--seconds", SECONDS, "--name",
-                           "Demo", "--record", folder / "recording.wav"), clean_environment())
+            listen_command("--port", port, "--rate", "raw", "--no-play", "--seconds", SECONDS,
+                           "--name", "Demo", "--record", folder / "recording.wav"),
+            clean_environment())
         with listener:
             status = listener.wait(SECONDS + 30)
             report = "\n".join(listener.out.all() + listener.err.all())

@@ -17,11 +17,13 @@ packages_build=(
 )
 packages_demo=(pulseaudio pulseaudio-utils libasound2-plugins iproute2 python3)
 packages_test=(
-    libgtest-dev libgmock-dev xvfb xauth xdotool imagemagick dbus at-spi2-core gir1.2-atspi-2.0
-    python3-gi
+    libgtest-dev libgmock-dev xvfb xauth xdotool openbox imagemagick dbus at-spi2-core
+    gir1.2-atspi-2.0 python3-gi desktop-file-utils appstream mandoc zsh systemd valgrind
 )
 packages_check=(clang clang-tidy clang-format cppcheck)
 packages_bench=(libbenchmark-dev)
+packages_package=(dpkg-dev lintian file)
+packages_trees=(debootstrap iproute2 python3)
 
 say() {
     printf '%s\n' "$*"
@@ -74,7 +76,8 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
              alsa-plugins-pulseaudio librsvg2-tools
          for the demo:    pulseaudio pulseaudio-utils iproute python3
          for the tests:   gtest-devel gmock-devel xorg-x11-server-Xvfb xorg-x11-xauth xdotool \
-             ImageMagick dbus-daemon at-spi2-core python3-gobject
+             openbox ImageMagick dbus-daemon at-spi2-core python3-gobject desktop-file-utils \
+             appstream mandoc zsh systemd valgrind
          for the checks:  clang clang-tools-extra cppcheck
          for benchmarks:  google-benchmark-devel
 
@@ -82,7 +85,7 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
              speexdsp cli11 alsa-plugins librsvg
          for the demo:    pulseaudio iproute2 python
          for the tests:   gtest xorg-server-xvfb xorg-xauth xdotool imagemagick dbus at-spi2-core \
-             python-gobject
+             openbox python-gobject desktop-file-utils appstream mandoc zsh valgrind
          for the checks:  clang cppcheck
          for benchmarks:  benchmark
 

@@ -1,0 +1,71 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <portaudio.h>
+
+#include "listen/playout.h"
+
+namespace vxlisten {
+
+/// An output device that the user can choose.
+struct OutputDevice {
+    PaDeviceIndex index = paNoDevice;
+    std::string name;
+    bool isDefault = false;
+};
+
+/// Plays the stream on an output device. Opening, closing and push() belong to one thread; the
+/// sound is made on PortAudio's own thread.
+class AudioOutput {
+  public:
+    AudioOutput() = default;
+    ~AudioOutput();
+    AudioOutput(const AudioOutput&) = delete;
+    AudioOutput& operator=(const AudioOutput&) = delete;
+
+    /// The output devices of this machine. May take a moment.
+    static std::vector<OutputDevice> devices();
+
+    /// Opens and starts a device: the one whose number or whole name is `device`, else the first
+    /// whose name contains it, or the default for an empty text. `delayMs` is the sound to keep
+    /// buffered. False on failure, see error().
+    [[nodiscard]] bool open(const std::string& device, double delayMs);
+
+    /// Hands over a packet of the stream number `stream` that came at `now` (microseconds).
+    void push(const AudioPacket& packet, std::uint32_t stream, std::int64_t now);
+
+    /// False once the device has gone.
+    [[nodiscard]] bool alive() const;
+
+    /// Figures of the playing side; only when open.
+    [[nodiscard]] const PlayoutFigures& figures() const { return playout_->figures(); }
+
+    /// Times that the device itself was not fed in time.
+    [[nodiscard]] std::uint64_t deviceUnderruns() const { return deviceUnderruns_; }
+
+    /// Milliseconds from rendering a sample to its sounding, as the device says.
+    [[nodiscard]] double latencyMs() const;
+
+    /// One sentence about what went wrong, without a line end.
+    [[nodiscard]] const std::string& error() const { return error_; }
+
+  private:
+    static int onOutput(const void* input, void* output, unsigned long frames,
+                        const PaStreamCallbackTimeInfo* time, PaStreamCallbackFlags flags,
+                        void* self);
+    bool fail(const std::string& reason);
+    bool start(PaDeviceIndex device, double delayMs);
+
+    bool initialized_ = false;
+    PaStream* stream_ = nullptr;  ///< Owned.
+    std::unique_ptr<Playout> playout_;
+    std::atomic<std::uint64_t> deviceUnderruns_{0};
+    std::string error_;
+};
+
+}  // namespace vxlisten

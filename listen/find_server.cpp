@@ -1,0 +1,66 @@
+#include "listen/find_server.h"
+
+#include <cstdio>
+
+#include "listen/command_line.h"
+#include "listen/discovery_client.h"
+
+namespace vxlisten {
+
+namespace {
+
+/// Other servers that answer this soon after the first one are told of.
+constexpr std::chrono::milliseconds GRACE{300};
+
+/// A server's discovery port is one above the port that its environment chose, if it did.
+DiscoverySearch makeSearch(const Options& options) {
+    DiscoverySearch search;
+    search.group = wire::DISCOVERY_GROUP;
+    search.ports = {wire::DEFAULT_DISCOVERY_PORT};
+    if (options.portChosen && options.port + 1 != wire::DEFAULT_DISCOVERY_PORT) {
+        search.ports.push_back(static_cast<std::uint16_t>(options.port + 1));
+    }
+    return search;
+}
+
+void print(std::FILE* target, const DiscoveryResult& result) {
+    for (const FoundServer& server : result.servers) {
+        std::fprintf(target, "%s\t%.1f ms\n", server.address.c_str(), server.answerMs);
+    }
+    std::fflush(target);
+}
+
+bool complainWhenNone(const DiscoveryResult& result) {
+    if (!result.error.empty()) {
+        std::fprintf(stderr, "velantrix-listen: cannot look for servers: %s\n",
+                     result.error.c_str());
+    } else if (result.servers.empty()) {
+        std::fputs("velantrix-listen: no server has answered\n", stderr);
+    }
+    return result.servers.empty();
+}
+
+}  // namespace
+
+int listServers(const Options& options) {
+    const DiscoveryResult result = discoverServers(makeSearch(options));
+    print(stdout, result);
+    return complainWhenNone(result) ? STATUS_FAILURE : STATUS_OK;
+}
+
+bool findServer(Options& options) {
+    DiscoverySearch search = makeSearch(options);
+    search.grace = GRACE;
+    const DiscoveryResult result = discoverServers(search);
+    if (complainWhenNone(result)) {
+        return false;
+    }
+    if (result.servers.size() > 1 && !options.quiet) {
+        std::fputs("velantrix-listen: several servers have answered, taking the first\n", stderr);
+        print(stderr, result);
+    }
+    options.host = result.servers.front().address;
+    return true;
+}
+
+}  // namespace vxlisten

@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "listen/audio_output.h"
+#include "listen/options.h"
+#include "listen/pipe_sink.h"
+#include "listen/recorder.h"
+#include "listen/sequence_tracker.h"
+#include "listen/statistics.h"
+#include "listen/timeline.h"
+
+namespace vxlisten {
+
+/// Everything that the audio goes into: the levels, the recording, the pipe and the output device,
+/// as the options choose. Everything on one thread.
+class Outputs {
+  public:
+    /// Opens what `options` names. False when that is not possible, see error(). A device that
+    /// cannot be opened is only a warning when there is a recording to make.
+    [[nodiscard]] bool open(const Options& options);
+
+    /// Hands a packet on that came at `now` (microseconds). Returns how the sinks took it.
+    SinkState take(const AudioPacket& packet, const SequenceStep& step, std::int64_t now);
+
+    /// False once the output device has gone, see error().
+    [[nodiscard]] bool alive();
+
+    /// Completes the recording. Failed: see error().
+    SinkState finish();
+
+    /// Enters the outputs' figures into `statistics`, levels since the last clearLevels().
+    void describe(Statistics& statistics);
+
+    /// Levels of all sound, instead of the recent ones.
+    void describeWholeLevel(Statistics& statistics) const;
+
+    void clearLevels() { timeline_.recentLevel().clear(); }
+
+    /// One sentence each, without a line end; empty for none.
+    [[nodiscard]] const std::string& error() const { return error_; }
+    [[nodiscard]] const std::string& warning() const { return warning_; }
+
+  private:
+    [[nodiscard]] bool openSound(const Options& options);
+
+    Timeline timeline_;
+    std::unique_ptr<Recorder> recorder_;
+    std::unique_ptr<PipeSink> pipe_;
+    std::unique_ptr<AudioOutput> sound_;
+    std::uint32_t stream_ = 0;  ///< Counts the starts, for the playing side.
+    std::string error_;
+    std::string warning_;
+};
+
+}  // namespace vxlisten

@@ -1,0 +1,339 @@
+"""The listening client against the real server."""
+
+import array
+import json
+import re
+import resource
+import signal
+import subprocess
+import time
+
+from harness import (PATIENCE, Process, Server, SoundServer, SystemTest, clean_environment,
+                     die_with_parent, listen, listen_command, main, program, wait_until)
+from signals import (channel, dominant_frequency, find_frames, loud_part, noise, read_wav, rms,
+                     silence, sine)
+from terminal import TerminalProcess
+
+FIGURES = {
+    "type", "time", "server", "host", "connected", "sample_rate", "rate", "delivery",
+    "kbit_per_s", "round_trip_ms", "packets", "bytes", "lost", "late", "duplicates", "damaged",
+    "frames", "filled_frames", "reconnects", "peak_dbfs", "rms_dbfs", "playback"}
+PLAYBACK_FIGURES = {
+    "playing", "buffer_ms", "target_ms", "jitter_ms", "output_latency_ms", "correction_ppm",
+    "concealed", "skipped", "underruns"}
+EARS = "ears"
+
+
+def report_of(text):
+    """The report's lines as a dictionary."""
+    return dict(line.split(": ", 1) for line in text.splitlines() if ": " in line)
+
+
+def start_listening(*arguments, env=None, host="127.0.0.1"):
+    return Process(listen_command(*arguments, host=host), dict(clean_environment(), **(env or {})))
+
+
+class ListenTest(SystemTest):
+    """A test with a sound server and a server that captures from it."""
+
+    rate = 48000
+
+    def setUp(self):
+        super().setUp()
+        self.sound = self.enterContext(SoundServer(self.rate))
+        self.server = self.start_server()
+
+    def start_server(self):
+        server = self.enterContext(Server(sound=self.sound, rate=self.rate))
+        server.wait_for_capture()
+        return server
+
+    def path(self, name):
+        return self.folder / name
+
+
+class Recording(ListenTest):
+    def record_noise(self, name, *arguments):
+        """Plays noise while the client records; returns (played, status, report)."""
+        played = noise(self.rate, seed=4711)
+        margin = silence(self.rate // 4)
+        with start_listening("--no-play", "--record", self.path(name), *arguments) as client:
+            client.out.wait_for(re.compile("^connected .* Hz"))
+            self.sound.play_and_wait(margin + played + margin)
+            time.sleep(0.5)
+            status = client.stop(signal.SIGTERM)
+            return played, status, report_of("\n".join(client.out.all()))
+
+    def test_wav_holds_what_was_played_bit_for_bit(self):
+        played, status, report = self.record_noise("a.wav")
+        self.assertEqual(status, 0)
+        recorded, rate = read_wav(self.path("a.wav"))
+        self.assertEqual(rate, self.rate)
+        self.assertGreaterEqual(find_frames(recorded, played), 0)
+        self.assertEqual(int(report["frames"]) + int(report["filled-frames"]),
+                         len(recorded) // 2)
+        self.assertEqual(report["lost"], "0")
+        self.assertEqual(report["format"], "raw")
+
+    def test_an_interrupt_completes_the_file(self):
+        with start_listening("--no-play", "--record", self.path("a.wav")) as client:
+            client.out.wait_for(re.compile("^connected .* Hz"))
+            self.assertEqual(client.stop(signal.SIGINT), 0)
+        recorded, _ = read_wav(self.path("a.wav"))
+        self.assertGreater(len(recorded), 0)
+        expected = self.path("a.wav").stat().st_size - 44
+        self.assertEqual(len(recorded) * 2, expected)
+
+    def test_a_full_disc_is_an_error(self):
+        def limit():
+            die_with_parent()
+            resource.setrlimit(resource.RLIMIT_FSIZE, (50000, 50000))
+        result = subprocess.run(
+            listen_command("--no-play", "--record", self.path("a.wav"), "--seconds", 10),
+            env=clean_environment(), preexec_fn=limit, capture_output=True, text=True,
+            timeout=PATIENCE, check=False)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("cannot record to", result.stderr)
+
+    def test_an_unwritable_file_is_an_error_at_once(self):
+        result = listen("--record", self.path("missing/a.wav"))
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("No such file or directory", result.stderr)
+
+    def test_json_figures_have_the_documented_fields(self):
+        result = listen("--no-play", "--seconds", 3, "--stats=json", "--rate", 128,
+                        "--best-effort")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        objects = [json.loads(line) for line in result.stdout.splitlines()]
+        self.assertGreaterEqual(len(objects), 3)
+        self.assertEqual([o["type"] for o in objects],
+                         ["stats"] * (len(objects) - 1) + ["end"])
+        for figures in objects:
+            self.assertEqual(set(figures), FIGURES)
+            self.assertIsNone(figures["playback"])
+        self.assertEqual(objects[-1]["rate"], "opus-128")
+        self.assertEqual(objects[-1]["delivery"], "best-effort")
+        self.assertEqual(objects[-1]["sample_rate"], self.rate)
+
+
+class Pipe(ListenTest):
+    def test_standard_output_carries_the_samples_and_nothing_else(self):
+        played = noise(self.rate, seed=815)
+        margin = silence(self.rate // 4)
+        with open(self.path("pipe.raw"), "wb") as target:
+            client = subprocess.Popen(listen_command("--stdout"), env=clean_environment(),
+                                      stdout=target, stderr=subprocess.PIPE, text=True,
+                                      preexec_fn=die_with_parent)
+            wait_until(lambda: self.path("pipe.raw").stat().st_size > 50000, "samples come")
+            self.sound.play_and_wait(margin + played + margin)
+            time.sleep(0.5)
+            client.send_signal(signal.SIGTERM)
+            _, errors = client.communicate(timeout=PATIENCE)
+        self.assertEqual(client.returncode, 0, errors)
+        received = array.array("h", self.path("pipe.raw").read_bytes())
+        self.assertGreaterEqual(find_frames(received, played), 0)
+        self.assertEqual(len(received) // 2, int(report_of(errors)["frames"]))
+
+    def test_a_closed_pipe_ends_it_quietly(self):
+        client = subprocess.Popen(listen_command("--stdout", "--quiet"), env=clean_environment(),
+                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE,
+                                  preexec_fn=die_with_parent)
+        client.stdout.read(100000)
+        client.stdout.close()
+        self.assertEqual(client.wait(PATIENCE), 0)
+        self.assertEqual(client.stderr.read(), b"")
+        client.stderr.close()
+
+    def test_a_pipe_that_nobody_reads_does_not_hold_up_the_end(self):
+        client = subprocess.Popen(listen_command("--stdout", "--quiet"), env=clean_environment(),
+                                  stdout=subprocess.PIPE, preexec_fn=die_with_parent)
+        time.sleep(2)
+        client.send_signal(signal.SIGTERM)
+        self.assertEqual(client.wait(PATIENCE), 0)
+        client.stdout.close()
+
+
+class Playback(ListenTest):
+    """What is played comes out of the client's sound device: a second null sink."""
+
+    def setUp(self):
+        super().setUp()
+        self.sound.control("load-module", "module-null-sink", f"sink_name={EARS}", "rate=48000",
+                           "channels=2", "format=s16le")
+        self.ears = dict(self.sound.env, PULSE_SINK=EARS)
+
+    def hear(self, seconds, *arguments):
+        """Plays a tone to the client and records its sound device; returns (samples, figures)."""
+        self.sound.play(sine(1000, 12000, self.rate * 60, self.rate, right_frequency=400))
+        with open(self.path("ears.raw"), "wb") as target:
+            recorder = subprocess.Popen(
+                ["parec", "--raw", "--format=s16le", "--channels=2", "--rate=48000",
+                 f"--device={EARS}.monitor"], stdout=target, preexec_fn=die_with_parent,
+                env=dict(clean_environment(), **self.sound.env))
+            result = listen("--seconds", seconds, "--stats=json", *arguments, env=self.ears)
+            recorder.terminate()
+            recorder.wait(PATIENCE)
+        self.assertEqual(result.returncode, 0, result.stderr)
+        data = self.path("ears.raw").read_bytes()
+        heard = array.array("h", data[:len(data) // 4 * 4])
+        return heard, [json.loads(line) for line in result.stdout.splitlines()]
+
+    def check_tone(self, heard, seconds):
+        """The middle of what was heard is the tone: frequency within a cent, and level."""
+        sound = loud_part(heard)
+        # A sound server takes up to two seconds to get going.
+        self.assertGreater(len(sound) / 2 / 48000, seconds - 3.5)
+        self.assertLess(len(sound) / 2 / 48000, seconds + 1)
+        middle = sound[len(sound) // 8 * 2:]
+        left = channel(middle, 0)[:48000 * 2]
+        right = channel(middle, 1)[:48000 * 2]
+        self.assertAlmostEqual(dominant_frequency(left, 48000), 1000, delta=0.6)
+        self.assertAlmostEqual(dominant_frequency(right, 48000), 400, delta=0.3)
+        for side in (left, right):
+            self.assertAlmostEqual(rms(side) / (12000 / 2 ** 0.5), 1, delta=0.12)
+
+    def test_raw_sound_is_heard_as_it_was_played(self):
+        heard, figures = self.hear(8)
+        self.check_tone(heard, 8)
+        self.assertEqual(set(figures[-1]["playback"]), PLAYBACK_FIGURES)
+        self.assertTrue(figures[-1]["playback"]["playing"])
+
+    def test_opus_sound_is_heard_as_it_was_played(self):
+        heard, _ = self.hear(8, "--rate", 128, "--best-effort")
+        self.check_tone(heard, 8)
+
+    def test_a_device_that_is_not_there_is_an_error(self):
+        result = listen("--device", "no such device", env=self.ears)
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("no output device named 'no such device'", result.stderr)
+
+    def test_devices_are_listed_with_the_default_one_marked(self):
+        result = subprocess.run([program("VELANTRIX_LISTEN"), "--list-devices"],
+                                env=dict(clean_environment(), **self.ears), capture_output=True,
+                                text=True, timeout=PATIENCE, check=False)
+        self.assertEqual(result.returncode, 0)
+        self.assertRegex(result.stdout, r"(?m)^\d+\tdefault\t\(default\)$")
+
+
+class PlaybackAt44100(Playback):
+    rate = 44100
+
+
+class Persistence(ListenTest):
+    def test_a_restarted_server_is_found_again_and_the_recording_keeps_time(self):
+        with start_listening("--no-play", "--record", self.path("a.wav")) as client:
+            client.out.wait_for(re.compile("^connected .* Hz"))
+            begin = time.monotonic()
+            time.sleep(1)
+            self.server.kill()
+            self.start_server()
+            client.err.wait_for(
+                re.compile("the connection to 127.0.0.1:59010 has ended, trying again"))
+            client.err.wait_for(re.compile("connected to 127.0.0.1:59010 again"))
+            time.sleep(2)
+            elapsed = time.monotonic() - begin
+            self.assertEqual(client.stop(), 0)
+            report = report_of("\n".join(client.out.all()))
+        self.assertEqual(report["reconnects"], "1")
+        recorded, rate = read_wav(self.path("a.wav"))
+        self.assertAlmostEqual(len(recorded) / 2 / rate, elapsed, delta=2.5)
+
+    def test_once_ends_with_the_server(self):
+        with start_listening("--no-play", "--once") as client:
+            client.out.wait_for(re.compile("^connected .* Hz"))
+            self.server.kill()
+            self.assertEqual(client.wait(), 0)
+            self.assertIn("has ended", "\n".join(client.err.all()))
+
+    def test_a_listener_that_another_replaces_says_so_and_ends(self):
+        with start_listening("--no-play", "--single") as first:
+            first.out.wait_for(re.compile("^connected .* Hz"))
+            self.assertEqual(listen("--no-play", "--seconds", 1).returncode, 0)
+            self.assertEqual(first.wait(), 0)
+            self.assertIn("another listener has taken this one's place",
+                          "\n".join(first.err.all()))
+
+
+class Display(ListenTest):
+    def check_display(self, columns):
+        self.sound.play(sine(1000, 16384, self.rate * 20, self.rate))
+        command = listen_command("--no-play", "--rate", 64, "--seconds", 4)
+        with TerminalProcess(command, clean_environment(), columns) as terminal:
+            terminal.wait_for("receiving")
+            terminal.wait_for("opus-64")
+            for part in ("127.0.0.1:59010", "48000 Hz", "reliable", "kbit/s", "RTT", "lost 0",
+                         "late 0", "dBFS"):
+                self.assertIn(part, terminal.text())
+            self.assertFalse(terminal.screen.cursor_shown)
+            self.assertEqual(terminal.wait(), 0)
+            final = terminal.text()
+            self.assertTrue(terminal.screen.cursor_shown)
+        self.assertEqual(terminal.screen.errors, [])
+        self.assertEqual(final.count("kbit/s"), 1, "drawn in place, not line below line:\n" + final)
+        self.assertRegex(final, r"(?m)^L #+")
+        self.assertRegex(final, r"(?m)^R #+")
+        self.assertIn("packets: ", final)
+
+    def test_at_80_columns(self):
+        self.check_display(80)
+
+    def test_at_40_columns(self):
+        self.check_display(40)
+
+    def test_without_a_terminal_one_plain_line_a_second(self):
+        result = listen("--no-play", "--seconds", 3.5)
+        lines = [line for line in result.stdout.splitlines() if line.startswith("connected ")]
+        self.assertIn(len(lines), (2, 3, 4))
+        self.assertNotIn("\x1b", result.stdout)
+
+    def test_quiet_prints_nothing(self):
+        result = listen("--no-play", "--seconds", 1, "--quiet")
+        self.assertEqual((result.returncode, result.stdout, result.stderr), (0, "", ""))
+
+
+class Finding(ListenTest):
+    def run_client(self, *arguments):
+        return subprocess.run([program("VELANTRIX_LISTEN"), *arguments], env=clean_environment(),
+                              capture_output=True, text=True, timeout=PATIENCE, check=False)
+
+    def test_without_a_host_the_server_is_found(self):
+        result = self.run_client("--no-play", "--seconds", "1")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertGreater(int(report_of(result.stdout)["packets"]), 0)
+
+    def test_list_prints_address_and_answer_time(self):
+        result = self.run_client("--list")
+        self.assertEqual(result.returncode, 0, result.stderr)
+        self.assertRegex(result.stdout, r"\A\d+\.\d+\.\d+\.\d+\t\d+\.\d ms\n\Z")
+
+
+class NoServer(SystemTest):
+    def test_nobody_to_find_is_an_error_after_three_seconds(self):
+        for arguments in ([], ["--list"]):
+            begin = time.monotonic()
+            result = subprocess.run([program("VELANTRIX_LISTEN"), "--no-play", *arguments],
+                                    env=clean_environment(), capture_output=True, text=True,
+                                    timeout=PATIENCE, check=False)
+            self.assertEqual(result.returncode, 1)
+            self.assertEqual(result.stderr, "velantrix-listen: no server has answered\n")
+            self.assertGreater(time.monotonic() - begin, 2.5)
+
+    def test_a_server_that_does_not_answer_is_an_error(self):
+        result = listen("--no-play")
+        self.assertEqual(result.returncode, 1)
+        self.assertEqual(result.stderr, "velantrix-listen: 127.0.0.1:59010 does not answer\n")
+
+    def test_a_stop_while_connecting_ends_at_once(self):
+        with start_listening("--no-play") as client:
+            time.sleep(0.5)
+            self.assertEqual(client.stop(signal.SIGINT), 1)
+
+    def test_a_wrong_command_line_has_status_2(self):
+        for arguments in (["--rate", "65"], ["--what"], ["--record", "x.mp3"]):
+            result = listen(*arguments)
+            self.assertEqual(result.returncode, 2)
+            self.assertEqual(result.stderr.count("\n"), 1)
+
+
+if __name__ == "__main__":
+    main()

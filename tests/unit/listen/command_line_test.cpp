@@ -1,0 +1,107 @@
+#include "listen/command_line.h"
+
+#include <gtest/gtest.h>
+
+#include "listen/retry_pause.h"
+#include "listen/statistics.h"
+
+using vxlisten::CommandLine;
+
+namespace {
+
+CommandLine read(std::vector<const char*> words) {
+    words.insert(words.begin(), "velantrix-listen");
+    return vxlisten::readCommandLine(static_cast<int>(words.size()), words.data());
+}
+
+}  // namespace
+
+TEST(CommandLine, DefaultsAreReliableRawAndPlayed) {
+    const auto options = read({"box"}).options;
+    EXPECT_EQ(options.host, "box");
+    EXPECT_EQ(options.port, 59010);
+    EXPECT_EQ(options.choice.rateCode, 0u);
+    EXPECT_TRUE(options.choice.reliable);
+    EXPECT_TRUE(options.choice.multiClient);
+    EXPECT_FALSE(options.choice.name.empty());
+    EXPECT_TRUE(options.play);
+    EXPECT_EQ(options.bufferMs, 40);
+}
+
+TEST(CommandLine, PortComesFromEitherPlace) {
+    EXPECT_EQ(read({"box:7000"}).options.port, 7000);
+    EXPECT_EQ(read({"box:7000"}).options.host, "box");
+    EXPECT_EQ(read({"box", "--port", "7001"}).options.port, 7001);
+    EXPECT_EQ(read({"box:7000", "--port", "7001"}).status, vxlisten::STATUS_USAGE);
+}
+
+TEST(CommandLine, RateNamesBecomeRateCodes) {
+    EXPECT_EQ(read({"box", "--rate", "64"}).options.choice.rateCode, 1u);
+    EXPECT_EQ(read({"box", "--rate", "128"}).options.choice.rateCode, 2u);
+    EXPECT_EQ(read({"box", "--rate", "256"}).options.choice.rateCode, 3u);
+    EXPECT_EQ(read({"box", "--rate", "20"}).options.choice.rateCode, 5u);
+}
+
+TEST(CommandLine, StatsTakesTheWordAfterItAsTheHost) {
+    const auto plain = read({"--stats", "box"});
+    EXPECT_EQ(plain.options.host, "box");
+    EXPECT_EQ(plain.options.stats, vxlisten::StatsStyle::Lines);
+    EXPECT_EQ(read({"--stats=json", "box"}).options.stats, vxlisten::StatsStyle::Json);
+}
+
+TEST(CommandLine, StdoutDoesNotPlay) {
+    EXPECT_FALSE(read({"box", "--stdout"}).options.play);
+}
+
+TEST(CommandLine, NonsenseIsAUsageError) {
+    const std::vector<std::vector<const char*>> nonsense = {{"box", "--rate", "65"},
+                                                            {"box", "--port", "0"},
+                                                            {"box", "--port", "65536"},
+                                                            {"box:", "--rate", "64"},
+                                                            {":7000"},
+                                                            {"box:port"},
+                                                            {"box", "--buffer", "9"},
+                                                            {"box", "--buffer", "501"},
+                                                            {"box", "--seconds", "0"},
+                                                            {"box", "--seconds", "nan"},
+                                                            {"box", "--record", "x.mp3"},
+                                                            {"box", "--stats=xml"},
+                                                            {"box", "--what"},
+                                                            {"box", "box2"},
+                                                            {"box", "--rate"},
+                                                            {"box", "--no-play", "--device", "x"}};
+    for (const auto& words : nonsense) {
+        EXPECT_EQ(read(words).status, vxlisten::STATUS_USAGE) << words[1 % words.size()];
+    }
+}
+
+TEST(CommandLine, HelpAndVersionEndWell) {
+    EXPECT_EQ(read({"--help"}).status, vxlisten::STATUS_OK);
+    EXPECT_EQ(read({"--version"}).status, vxlisten::STATUS_OK);
+    EXPECT_FALSE(read({"box"}).status);
+}
+
+TEST(RetryPause, GrowsToFiveSecondsAndStartsOver) {
+    vxlisten::RetryPause pause;
+    std::vector<std::int64_t> pauses;
+    for (int i = 0; i < 7; ++i) {
+        pauses.push_back(pause.next());
+    }
+    EXPECT_EQ(pauses, (std::vector<std::int64_t>{250, 500, 1000, 2000, 4000, 5000, 5000}));
+    pause.reset();
+    EXPECT_EQ(pause.next(), 250);
+}
+
+TEST(Statistics, JsonTextIsEscaped) {
+    vxlisten::Statistics statistics;
+    statistics.hostName = "a\"b\\c\n\xff";
+    const std::string json = vxlisten::toJson(statistics, "stats");
+    EXPECT_NE(json.find(R"("host":"a\"b\\c\u000a\u00ff")"), std::string::npos) << json;
+    EXPECT_NE(json.find(R"("playback":null)"), std::string::npos);
+}
+
+TEST(Statistics, RatesAreNamedAsOnTheCommandLine) {
+    EXPECT_EQ(vxlisten::rateName(0), "raw");
+    EXPECT_EQ(vxlisten::rateName(5), "opus-20");
+    EXPECT_EQ(vxlisten::rateName(6), "code-6");
+}
