@@ -9,9 +9,9 @@
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <semaphore.h>
 #include <string>
-#include <thread>
 #include <unistd.h>
 
 namespace {
@@ -108,7 +108,7 @@ void reportLostLines() {
     }
 }
 
-void runWriter() {
+void* runWriter(void* /*unused*/) {
     for (;;) {
         while (::sem_wait(&wakeUp) != 0) {
         }
@@ -145,7 +145,13 @@ void consoleStart() {
     ::sigaction(SIGPIPE, &onBrokenPipe, nullptr);
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     ::sem_init(&wakeUp, 0, 0);
-    std::thread(runWriter).detach();
+    pthread_t writer = 0;
+    const int error = ::pthread_create(&writer, nullptr, runWriter, nullptr);
+    if (error != 0) {
+        std::fprintf(stderr, "Could not create console thread, err = %d\n", error);
+        return;
+    }
+    ::pthread_detach(writer);
     writerRuns.store(true, std::memory_order_release);
 }
 

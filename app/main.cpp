@@ -4,6 +4,7 @@
 #include "app/command_line.h"
 #include "app/console.h"
 #include "app/main_loop.h"
+#include "app/out_of_memory.h"
 #include "gui/VelantrixServer.h"
 
 namespace {
@@ -52,6 +53,7 @@ int runWithWindow(int& argc, char** argv) {
 
 int main(int argc, char** argv) {
     consoleStart();
+    endWhenOutOfMemory();
     const ArgumentScan scan = scanArguments(argc, argv);
     readStartEnvironment();
     choosePlatform(scan);

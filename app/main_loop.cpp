@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
@@ -35,12 +36,14 @@ void handleRequest() {
     QCoreApplication::quit();
 }
 
-void onStopSignal(int) {
+void onStopSignal(int number) {
     const int savedErrno = errno;
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
-    // A full pipe already holds a request.
-    [[maybe_unused]] const ssize_t written = ::write(requestPipe[1], &QUIT_REQUEST, 1);
+    // A full pipe already holds a request; without any the signal is left to its default action.
+    if (::write(requestPipe[1], &QUIT_REQUEST, 1) != 1 && errno != EAGAIN) {
+        ::raise(number);
+    }
     errno = savedErrno;
 }
 
@@ -48,6 +51,7 @@ void onStopSignal(int) {
 
 void installMainLoopRequests() {
     if (::pipe2(requestPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
+        std::perror("Stop signals will end the program at once: pipe2");
         return;
     }
     notifier = new QSocketNotifier(requestPipe[0], QSocketNotifier::Read);

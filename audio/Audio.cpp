@@ -40,13 +40,20 @@ class QuietStandardError {
         std::fflush(stderr);
         saved = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
         const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        ::dup2(nowhere, STDERR_FILENO);
-        ::close(nowhere);
+        // What cannot be put back stays as it is: chatter is better than silence for ever.
+        if (saved >= 0 && nowhere >= 0) {
+            ::dup2(nowhere, STDERR_FILENO);
+        }
+        if (nowhere >= 0) {
+            ::close(nowhere);
+        }
     }
     ~QuietStandardError() {
         std::fflush(stderr);
-        ::dup2(saved, STDERR_FILENO);
-        ::close(saved);
+        if (saved >= 0) {
+            ::dup2(saved, STDERR_FILENO);
+            ::close(saved);
+        }
     }
     QuietStandardError(const QuietStandardError&) = delete;
     QuietStandardError& operator=(const QuietStandardError&) = delete;

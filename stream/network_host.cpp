@@ -1,5 +1,6 @@
 #include "stream/network_host.h"
 
+#include <atomic>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -37,8 +38,13 @@ void showMessage(const char* text) {
 }
 
 // ENet's own reaction to a failed allocation is abort(). Coming back makes the call fail instead,
-// and a lost packet is better than a lost server.
-void onEnetOutOfMemory() {}
+// and a lost packet is better than a lost server. Told once: it may happen for every packet.
+void onEnetOutOfMemory() {
+    static std::atomic<bool> told{false};
+    if (!told.exchange(true)) {
+        consolePuts("Warning, not enough memory for network communication");
+    }
+}
 
 void initializeEnet() {
     consolePuts("Initializing server network communication");
@@ -103,6 +109,10 @@ void createHost() {
     errno = 0;
     server = enet_host_create(&address, MAX_PEERS, CHANNELS, 0, 0);
     if (server == nullptr) {
+        failHostCreation(errno);
+    }
+    // ENet has tried that without looking at the result; a socket that waits would hang the audio.
+    if (enet_socket_set_option(server->socket, ENET_SOCKOPT_NONBLOCK, 1) != 0) {
         failHostCreation(errno);
     }
     raiseHostMtu(*server);

@@ -124,13 +124,15 @@ std::size_t WebIf::writeMemoryCallback(void* contents, std::size_t itemSize, std
         return 0;
     }
     const std::size_t length = itemSize * itemCount;
-    char* const previous = receiver->memory;
-    receiver->memory = static_cast<char*>(std::realloc(previous, receiver->size + length + 1));
-    if (receiver->memory == nullptr) {
-        std::free(previous);
+    char* const grown =
+        static_cast<char*>(std::realloc(receiver->memory, receiver->size + length + 1));
+    if (grown == nullptr) {
+        std::free(receiver->memory);
+        receiver->memory = nullptr;
         consolePuts("not enough memory (realloc returned NULL)");
         return 0;
     }
+    receiver->memory = grown;
     std::memcpy(receiver->memory + receiver->size, contents, length);
     receiver->size += length;
     receiver->memory[receiver->size] = '\0';

@@ -1,0 +1,38 @@
+#include "app/out_of_memory.h"
+
+#include <cstdlib>
+#include <exception>
+#include <new>
+#include <unistd.h>
+
+namespace {
+
+constexpr int FATAL_STATUS = 255;
+
+// Without memory no exit handler can be trusted to run: only the line and the status are left.
+// Standard error may be turned off at this moment, so it goes where all lines go.
+[[noreturn]] void endProcess() {
+    static constexpr char LINE[] = "VelantrixServer: not enough memory. Quitting.\n";
+    [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, LINE, sizeof LINE - 1);
+    ::_exit(FATAL_STATUS);
+}
+
+/// Qt throws by itself, past the handler of operator new.
+[[noreturn]] void onTerminate() {
+    if (const std::exception_ptr thrown = std::current_exception()) {
+        try {
+            std::rethrow_exception(thrown);
+        } catch (const std::bad_alloc&) {
+            endProcess();
+        } catch (...) {
+        }
+    }
+    std::abort();
+}
+
+}  // namespace
+
+void endWhenOutOfMemory() {
+    std::set_new_handler(endProcess);
+    std::set_terminate(onTerminate);
+}

@@ -1,0 +1,85 @@
+// The program's start when the system has no more threads, descriptors or memory to give.
+
+#include <cerrno>
+#include <csignal>
+#include <limits>
+#include <new>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "app/console.h"
+#include "app/main_loop.h"
+#include "app/out_of_memory.h"
+#include "tests/fakes/call_faults.h"
+#include "tests/fakes/child_run.h"
+
+namespace {
+
+constexpr int FATAL = 255;
+constexpr int ENDED_BY_SIGNAL = 1000;
+
+template <class Thrown>
+void throwOne(Thrown thrown) {
+    throw thrown;
+}
+
+void takeAllDescriptors() {
+    const rlimit none{3, 3};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+}
+
+TEST(ScarceResources, ConsoleWithoutAThreadWritesByItself) {
+    const ChildRun run = runChild([] {
+        failCall(Call::PthreadCreate, 1, EAGAIN);
+        consoleStart();
+        const ConsoleDeferral deferral;
+        consolePuts("a line of the capture thread");
+    });
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.out, "a line of the capture thread\n");
+    EXPECT_EQ(run.err, "Could not create console thread, err = " + std::to_string(EAGAIN) + "\n");
+}
+
+TEST(ScarceResources, NoMemoryForAnObjectEndsTheProgramWithALine) {
+    const ChildRun run = runChild([] {
+        endWhenOutOfMemory();
+        volatile std::size_t tooMuch = std::numeric_limits<std::ptrdiff_t>::max();
+        ::operator delete(::operator new(tooMuch));
+    });
+    EXPECT_EQ(run.status, FATAL);
+    EXPECT_EQ(run.out, "VelantrixServer: not enough memory. Quitting.\n");
+}
+
+TEST(ScarceResources, NoMemoryThatALibraryThrowsEndsTheProgramWithALine) {
+    const ChildRun run = runChild([]() noexcept {
+        endWhenOutOfMemory();
+        throwOne(std::bad_alloc());
+    });
+    EXPECT_EQ(run.status, FATAL);
+    EXPECT_EQ(run.out, "VelantrixServer: not enough memory. Quitting.\n");
+}
+
+TEST(ScarceResources, OtherUncaughtExceptionStillAborts) {
+    const ChildRun run = runChild([]() noexcept {
+        const rlimit none{0, 0};
+        setrlimit(RLIMIT_CORE, &none);
+        endWhenOutOfMemory();
+        throwOne(1);
+    });
+    EXPECT_EQ(run.status, ENDED_BY_SIGNAL + SIGABRT);
+}
+
+TEST(ScarceResources, NoPipeForStopSignalsIsTold) {
+    const ChildRun run = runChild([] {
+        takeAllDescriptors();
+        installMainLoopRequests();
+        EXPECT_FALSE(requestMainThreadExit(0));
+    });
+    EXPECT_EQ(run.status, 0);
+    EXPECT_EQ(run.err.rfind("Stop signals will end the program at once: pipe2: ", 0), 0U)
+        << run.err;
+}
+
+}  // namespace
