@@ -32,6 +32,8 @@ extern "C" const char* __tsan_default_suppressions() {
            "called_from_lib:libglib-2.0.so\n"
            "race:VelantrixServer::qt_static_metacall\n"
            "race:libdbus-1.so\n"
+           "race:libxcb.so\n"
+           "race:libcurl.so\n"
            "race:libpulse\n"
            "race:libjack.so\n"
            "race:ld-linux\n"
