@@ -19,7 +19,7 @@ int statusOf(int error) {
 int Thread::_initResult = Thread::init();
 
 // The hook for a threading library that needs process-wide set-up.
-int Thread::init() {
+int Thread::init() noexcept {
     return 0;
 }
 
@@ -54,6 +54,9 @@ void* Thread::s_Run(void* object) {
 }
 
 int Thread::join(int* result) {
+    if (handle == 0) {
+        return statusOf(ESRCH);  // Not for the system to look at: no handle is that of a thread.
+    }
     void* dropped = nullptr;
     const int error = pthread_join(handle, result == nullptr ? nullptr : &dropped);
     if (error == 0) {
@@ -67,6 +70,9 @@ int Thread::run() {
 }
 
 int Thread::setPriority(int priority) {
+    if (handle == 0) {
+        return statusOf(ESRCH);
+    }
     int policy = 0;
     sched_param parameters = {};
     int error = pthread_getschedparam(handle, &policy, &parameters);

@@ -36,7 +36,7 @@ class Thread {
     static void* s_Run(void* object);
 
   private:
-    static int init();
+    static int init() noexcept;
 
     static int _initResult;
 

@@ -57,5 +57,5 @@ int main(int argc, char** argv) {
     choosePlatform(scan);
     const int result = scan.nogui ? runHeadless(argc, argv) : runWithWindow(argc, argv);
     consoleDrain(EXIT_DRAIN_MS);
-    return result;
+    return finalStatus(result);
 }

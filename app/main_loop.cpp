@@ -19,6 +19,7 @@ constexpr char EXIT_REQUEST = 'x';
 int requestPipe[2] = {-1, -1};
 std::atomic<bool> installed{false};
 std::atomic<int> requestedStatus{0};
+std::atomic<bool> exitRequested{false};
 std::atomic<bool> exitBegun{false};
 QSocketNotifier* notifier = nullptr;  // Owned by this module, touched by the main thread only.
 
@@ -70,9 +71,14 @@ bool requestMainThreadExit(int status) {
         return false;
     }
     requestedStatus.store(status);
+    exitRequested.store(true);
     return ::write(requestPipe[1], &EXIT_REQUEST, 1) == 1;
 }
 
 bool mainThreadExitBegun() {
     return exitBegun.load();
+}
+
+int finalStatus(int loopResult) {
+    return exitRequested.load() ? requestedStatus.load() : loopResult;
 }

@@ -19,3 +19,7 @@ bool requestMainThreadExit(int status);
 
 /// True once the main thread has begun the exit asked for.
 bool mainThreadExitBegun();
+
+/// The status to end with after the event loop has ended by itself with `loopResult`: that of an
+/// exit asked for meanwhile, which nobody will answer any more, comes first. Thread: main.
+int finalStatus(int loopResult);

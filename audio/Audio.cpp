@@ -79,7 +79,8 @@ const PaDeviceInfo* findInputDevice(PaStreamParameters& parameters) {
 
 /// The rate to open at: the device's own or the user's, if it is one of the two we stream.
 int chooseRate(double deviceRate) {
-    int rate = static_cast<int>(deviceRate + 0.5);
+    // Adding a half and truncating is what rounds 47999.6 Hz up; rates are positive.
+    int rate = static_cast<int>(deviceRate + 0.5);  // NOLINT(bugprone-incorrect-roundings)
     consolePrintf(
         "PortAudio reported default input device sample rate is %d (may not be accurate)\n", rate);
     const char* const wanted = std::getenv("VELANTRIX_SERVER_SAMPLE_RATE");

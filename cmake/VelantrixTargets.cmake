@@ -7,6 +7,18 @@ target_compile_options(vx_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wco
                                           $<$<BOOL:${VELANTRIX_WERROR}>:-Werror>)
 target_include_directories(vx_flags INTERFACE ${CMAKE_SOURCE_DIR})
 
+# Hardening: every program reads what the network sends. Fortified calls need an optimised build
+# and get in the way of the sanitizers.
+include(CheckPIESupported)
+check_pie_supported()
+target_compile_options(vx_flags INTERFACE -fstack-protector-strong)
+if(NOT VELANTRIX_SANITIZE)
+  target_compile_options(vx_flags INTERFACE
+    $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE$<SEMICOLON>-D_FORTIFY_SOURCE=2>)
+endif()
+target_link_options(vx_flags INTERFACE -Wl,-z,relro -Wl,-z,now -Wl,-z,noexecstack)
+
+set(VX_SANITIZER_DEFAULTS ${CMAKE_SOURCE_DIR}/cmake/sanitizer_defaults.cpp)
 if(VELANTRIX_SANITIZE)
   add_compile_options(-fsanitize=${VELANTRIX_SANITIZE} -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${VELANTRIX_SANITIZE})
@@ -22,5 +34,8 @@ endfunction()
 # vx_program(NAME source...): an executable with the project's flags, placed in the build root.
 function(vx_program name)
   add_executable(${name} ${ARGN})
+  if(VELANTRIX_SANITIZE)
+    target_sources(${name} PRIVATE ${VX_SANITIZER_DEFAULTS})
+  endif()
   target_link_libraries(${name} PRIVATE vx_flags)
 endfunction()

@@ -61,12 +61,13 @@ class Settings {
     static void setInputSelect(const char* value, const char* suffix);
 
   private:
+    // The texts are never destroyed: the version check thread may use them while the process ends.
     static bool Warn48kDone;
     static MinToTrayOption MinToTray;
-    static std::string InputSelect;
+    static std::string& InputSelect;
     static std::int32_t FileDialogEncOptMP3;
     static bool FileDialogTypeMP3;
     static bool EnableHotkeys;
     static std::int32_t VersionCheckTime;
-    static std::string VersionCheckResponse;
+    static std::string& VersionCheckResponse;
 };

@@ -12,6 +12,7 @@
 
 #include "app/core_life.h"
 #include "audio/Audio.h"
+#include "gui/text_fit.h"
 
 namespace {
 
@@ -60,6 +61,7 @@ static void keepResources() {
 VelantrixServer::VelantrixServer(QWidget* parent) : QMainWindow(parent) {
     keepResources();
     ui.setupUi(this);
+    fitFont(*ui.centralwidget);
     setWindowTitle("Velantrix Server  v" VELANTRIX_VERSION "    ");
     setWindowIcon(QIcon(":/vx-icon-sm.png"));
     logoImage.load(":/win_bitmap.bmp");
@@ -152,6 +154,7 @@ void VelantrixServer::SetClientStatus(int clientCount, const char* clientName, b
 
 void VelantrixServer::handleSetClientStatus(QString message) {
     ui.lineEditClientStatus->setText(message);
+    ui.lineEditClientStatus->setCursorPosition(0);  // A long name shows its beginning.
     ui.lineEditClientStatus->setPalette(
         message == QLatin1String("Disconnected") ? disconnectedPalette : connectedPalette);
 }

@@ -56,7 +56,7 @@ class VelantrixServer : public QMainWindow, public VelantrixServerNoGUI {
     void setClientStatus(QString theMessage);
 
   public slots:
-    /// Starts the PulseAudio volume control and leaves it alone; it dies with the server.
+    /// Starts the PulseAudio volume control through a shell, which dies with the server.
     void handlePAVButtonClicked();
 
     /// Refreshes what changes by itself; runs every second.

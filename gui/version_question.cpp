@@ -1,7 +1,6 @@
 // What the window adds to the version check: it waits while it is minimised, and asks.
 
 #include <cstdlib>
-#include <dirent.h>
 #include <fcntl.h>
 #include <string>
 #include <unistd.h>
@@ -15,6 +14,7 @@ namespace {
 
 constexpr int MINIMIZED_STEP_MS = 2000;
 constexpr int NO_SHELL = 127;
+constexpr int DESCRIPTORS_KEPT = 1024;
 
 /// False when the window went away meanwhile: nothing of it may be touched then.
 bool waitWhileMinimized(const QWidget& window) {
@@ -31,17 +31,9 @@ bool waitWhileMinimized(const QWidget& window) {
 /// Keeps programs that are started from now on from inheriting our sockets: a browser that
 /// outlives the server would go on holding its port.
 void keepDescriptorsToOurselves() {
-    DIR* const descriptors = ::opendir("/proc/self/fd");
-    if (descriptors == nullptr) {
-        return;
+    for (int descriptor = STDERR_FILENO + 1; descriptor < DESCRIPTORS_KEPT; ++descriptor) {
+        ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
     }
-    while (const dirent* const entry = ::readdir(descriptors)) {
-        const long descriptor = std::strtol(entry->d_name, nullptr, 10);
-        if (descriptor > STDERR_FILENO) {
-            ::fcntl(static_cast<int>(descriptor), F_SETFD, FD_CLOEXEC);
-        }
-    }
-    ::closedir(descriptors);
 }
 
 /// Opens the maker's web address in the user's browser, which may take as long as the browser

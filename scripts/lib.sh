@@ -9,6 +9,10 @@ set -euo pipefail
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 jobs=${JOBS:-$(nproc)}
 
+# PulseAudio for ourselves, where the package cannot be installed; see unpack_sound_server.
+sound_server=$repo/build-sound-server
+PATH=$sound_server/bin:$PATH
+
 # Debian's and Ubuntu's names, by what they are for.
 packages_build=(
     build-essential cmake ninja-build pkg-config libenet-dev qtbase5-dev qtbase5-dev-tools
@@ -17,11 +21,14 @@ packages_build=(
 )
 packages_demo=(pulseaudio pulseaudio-utils libasound2-plugins iproute2 python3)
 packages_test=(
-    libgtest-dev libgmock-dev xvfb xauth xdotool imagemagick dbus at-spi2-core gir1.2-atspi-2.0
-    python3-gi
+    libgtest-dev libgmock-dev xvfb xauth xdotool openbox imagemagick dbus at-spi2-core
+    gir1.2-atspi-2.0 python3-gi libglib2.0-bin x11-utils weston qtwayland5 desktop-file-utils
+    appstream mandoc zsh systemd valgrind
 )
 packages_check=(clang clang-tidy clang-format cppcheck)
 packages_bench=(libbenchmark-dev)
+packages_package=(dpkg-dev lintian file)
+packages_trees=(debootstrap iproute2 python3)
 
 say() {
     printf '%s\n' "$*"
@@ -49,6 +56,9 @@ missing_packages() {
         list+=("${members[@]}")
     done
     for name in "${list[@]}"; do
+        if [ "$name" = pulseaudio ] && [ -x "$sound_server/bin/pulseaudio" ]; then
+            continue
+        fi
         if [ "$(dpkg-query -W -f '${db:Status-Status}' "$name" 2>/dev/null)" != installed ]; then
             printf '%s\n' "$name"
         fi
@@ -74,7 +84,8 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
              alsa-plugins-pulseaudio librsvg2-tools
          for the demo:    pulseaudio pulseaudio-utils iproute python3
          for the tests:   gtest-devel gmock-devel xorg-x11-server-Xvfb xorg-x11-xauth xdotool \
-             ImageMagick dbus-daemon at-spi2-core python3-gobject
+             openbox ImageMagick dbus-daemon at-spi2-core python3-gobject desktop-file-utils \
+             appstream mandoc zsh systemd valgrind
          for the checks:  clang clang-tools-extra cppcheck
          for benchmarks:  google-benchmark-devel
 
@@ -82,12 +93,39 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
              speexdsp cli11 alsa-plugins librsvg
          for the demo:    pulseaudio iproute2 python
          for the tests:   gtest xorg-server-xvfb xorg-xauth xdotool imagemagick dbus at-spi2-core \
-             python-gobject
+             openbox python-gobject desktop-file-utils appstream mandoc zsh valgrind
          for the checks:  clang cppcheck
          for benchmarks:  benchmark
 
 Install them, then start the script again with VELANTRIX_SKIP_SETUP=1.
 NAMES
+}
+
+install_packages() {
+    # --no-remove: nothing of the user's makes room for our packages.
+    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
+        --no-remove "$@" ||
+        fail "apt-get could not install $* (nothing was removed for them)"
+}
+
+# Unpacks PulseAudio beside the builds, for the private sound server only.
+unpack_sound_server() {
+    local needs
+    mapfile -t needs < <(LC_ALL=C apt-cache depends --no-recommends --no-suggests --no-conflicts \
+        --no-breaks --no-replaces --no-enhances pulseaudio | sed -n 's/^  Depends: \([^<]*\)$/\1/p')
+    install_packages "${needs[@]}"
+    rm -rf "$sound_server"
+    mkdir -p "$sound_server/bin"
+    (cd "$sound_server" && apt-get download -q pulseaudio && dpkg -x pulseaudio_*.deb root) ||
+        fail "PulseAudio could not be downloaded into $sound_server"
+    local modules libraries
+    modules=$(echo "$sound_server"/root/usr/lib/pulse-*/modules)
+    libraries=$(dirname "$(find "$sound_server/root" -name 'libpulsecore-*.so')")
+    cat >"$sound_server/bin/pulseaudio" <<WRAPPER
+#!/bin/sh
+LD_LIBRARY_PATH="$libraries:$modules" exec "$sound_server/root/usr/bin/pulseaudio" -p "$modules" "\$@"
+WRAPPER
+    chmod +x "$sound_server/bin/pulseaudio"
 }
 
 # Installs what the groups in "$@" lack.
@@ -106,10 +144,19 @@ ensure_packages() {
     fi
     say "Installing: ${missing[*]}"
     as_root apt-get update -q || fail "apt-get update failed: is this machine on the network?"
-    # --no-remove: a desktop whose own sound system excludes PulseAudio must not lose it.
-    as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
-        --no-remove "${missing[@]}" ||
-        fail "apt-get could not install the packages above (nothing was removed for them)"
+    if [[ " ${missing[*]} " == *' pulseaudio '* ]] &&
+        ! apt-get install -q -s --no-install-recommends --no-remove pulseaudio >/dev/null 2>&1; then
+        say "This system's own sound excludes the package pulseaudio: unpacking it for us alone."
+        unpack_sound_server
+        local name others=()
+        for name in "${missing[@]}"; do
+            [ "$name" = pulseaudio ] || others+=("$name")
+        done
+        missing=("${others[@]}")
+    fi
+    if [ ${#missing[@]} -gt 0 ]; then
+        install_packages "${missing[@]}"
+    fi
 }
 
 # Builds preset $1 into build-$1; further arguments go to cmake's configuration.

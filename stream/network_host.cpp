@@ -11,6 +11,7 @@
 #include "app/start_values.h"
 #include "audio/Audio.h"
 #include "stream/client_table.h"
+#include "stream/datagram_limit.h"
 #include "stream/enet_mtu.h"
 #include "stream/opus_bank.h"
 #include "stream/report_target.h"
@@ -105,6 +106,7 @@ void createHost() {
         failHostCreation(errno);
     }
     raiseHostMtu(*server);
+    limitDatagrams(*server);
 }
 
 void openAudio() {

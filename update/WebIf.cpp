@@ -20,7 +20,7 @@ constexpr const char* VERSION_FILE_PATH = "/VelantrixData/cur_version_linuxRPiGU
 constexpr const char* USER_AGENT = "libcurl-agent/1.0";
 constexpr long MOST_REDIRECTS = 5;
 constexpr long WEB_PROTOCOLS = CURLPROTO_HTTP | CURLPROTO_HTTPS;
-constexpr std::size_t LARGEST_BODY = 1024 * 1024;
+constexpr std::size_t LARGEST_BODY = 1024UL * 1024;
 constexpr int SECONDS_PER_MINUTE = 60;
 constexpr int QUIET_MINUTES = 479;
 
@@ -73,7 +73,6 @@ CURLcode prepare(CURL* handle, WebIf* receiver) {
         .set(CURLOPT_USERAGENT, USER_AGENT)
         // A redirect or a frame must not lead to files or to other services.
         .set(CURLOPT_PROTOCOLS, WEB_PROTOCOLS)
-        .set(CURLOPT_REDIR_PROTOCOLS, WEB_PROTOCOLS)
         // The process has other threads and its own handling of signals.
         .set(CURLOPT_NOSIGNAL, 1L)
         .outcome();

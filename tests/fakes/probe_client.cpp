@@ -119,13 +119,18 @@ void ProbeClient::keep(const ENetPacket& packet) {
     std::fflush(record.get());
 }
 
+void ProbeClient::printConnected() const {
+    ENetAddress local = {};  // The host's own record knows only a port that was asked for.
+    enet_socket_get_address(host->socket, &local);
+    std::printf("connected %s port %u\n", name.c_str(), static_cast<unsigned>(local.port));
+}
+
 void ProbeClient::service() {
     ENetEvent event = {};
     while (!stalled && enet_host_service(host, &event, 0) > 0) {
         switch (event.type) {
             case ENET_EVENT_TYPE_CONNECT:
-                std::printf("connected %s port %u\n", name.c_str(),
-                            static_cast<unsigned>(host->address.port));
+                printConnected();
                 break;
             case ENET_EVENT_TYPE_DISCONNECT:
                 std::printf("disconnected %s data %u\n", name.c_str(),

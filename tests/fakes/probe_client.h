@@ -52,4 +52,5 @@ class ProbeClient {
     std::uint64_t bytes = 0;
 
     void keep(const ENetPacket& packet);
+    void printConnected() const;
 };

@@ -41,9 +41,10 @@ std::string PacketCheck::check(const ENetPacket& packet) {
     if (!header.altRate() || (header.flags & ~known) != 0) {
         return "flags " + std::to_string(header.flags);
     }
-    const bool reliable = (packet.flags & ENET_PACKET_FLAG_RELIABLE) != 0;
-    if (reliable != header.reliable()) {
-        return "delivery mode and flag differ";
+    // The other way round is right: ENet sends every 65,536th best-effort packet reliably.
+    const bool sentReliably = (packet.flags & ENET_PACKET_FLAG_RELIABLE) != 0;
+    if (header.reliable() && !sentReliably) {
+        return "reliable packet sent best-effort";
     }
     return header.rateCode() == wire::RATE_CODE_RAW
                ? checkRaw(packet, header.seq)

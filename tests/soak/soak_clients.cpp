@@ -1,7 +1,7 @@
 // Ten clients that connect, change mode and rate, stall, vanish and return at random, and hold
 // every packet against what was played. Usage: soak_clients PORT TABLE CALLBACKS SEED
-// Ends when the server has made CALLBACKS more callbacks; status 1 when any packet was wrong or some
-// client received nothing.
+// Ends when the server has made CALLBACKS more callbacks; status 1 when any packet was wrong or
+// some client received nothing.
 
 #include <array>
 #include <chrono>

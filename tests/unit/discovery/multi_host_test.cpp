@@ -1,9 +1,11 @@
 #include "discovery/multi_host.h"
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <memory>
 #include <sys/resource.h>
+#include <sys/socket.h>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -11,6 +13,27 @@
 #include "tests/fakes/net_namespace.h"
 #include "tests/unit/discovery/responder.h"
 #include "tests/unit/discovery/udp_client.h"
+
+namespace {
+
+bool refuseReuse = false;
+
+}  // namespace
+
+extern "C" {
+int __real_setsockopt(int handle, int level, int name, const void* value, socklen_t length);
+int __wrap_setsockopt(int handle, int level, int name, const void* value, socklen_t length);
+
+/// Takes setsockopt()'s place (see the linker's --wrap): there is no other way to make the reuse
+/// option fail.
+int __wrap_setsockopt(int handle, int level, int name, const void* value, socklen_t length) {
+    if (refuseReuse && level == SOL_SOCKET && name == SO_REUSEADDR) {
+        errno = EPERM;
+        return -1;
+    }
+    return __real_setsockopt(handle, level, name, value, length);
+}
+}
 
 namespace {
 
@@ -246,6 +269,14 @@ TEST_F(MultiHost, NoSocketEndsItWithOne) {
     });
     EXPECT_EQ(responder.waitForResult(), 1);
     EXPECT_EQ(responder.printed("\n"), "multiHost: Socket open failed: Too many open files\n");
+}
+
+TEST_F(MultiHost, RefusedReuseOptionEndsItWithOne) {
+    addGroupRoute();
+    Responder responder([] { refuseReuse = true; });
+    EXPECT_EQ(responder.waitForResult(), 1);
+    EXPECT_EQ(responder.printed("\n"),
+              "multiHost: Socket reuse option failed: Operation not permitted\n");
 }
 
 TEST_F(MultiHost, PortHeldByAnotherProgramEndsItWithOne) {

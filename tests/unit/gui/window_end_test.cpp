@@ -50,9 +50,9 @@ TEST_F(WindowEnd, MessageThatWaitsIsReleasedWithoutABox) {
 TEST_F(WindowEnd, QuestionThatWaitsIsAnsweredWithZero) {
     const BoxAnswerer answerer([](QMessageBox& box) { box.accept(); });
     std::atomic<int> answer{-1};
-    const Worker worker([this, &answer] {
+    const Worker worker([target = window.get(), &answer] {
         const CorePin pin;
-        answer.store(window->showQuestion(QMessageBox::Information, "t", "q", QMessageBox::Yes));
+        answer.store(target->showQuestion(QMessageBox::Information, "t", "q", QMessageBox::Yes));
     });
     letWorkersArrive();
     window.reset();
@@ -78,9 +78,8 @@ TEST_F(WindowEnd, ReportsAfterTheEndGoToAPlainCore) {
 // A thread that sleeps longer between its pin and its report than the window waits for it.
 TEST_F(WindowEnd, ReportBegunAfterThePatienceIsReleasedByTheEndOfTheWindow) {
     std::atomic<bool> pinned{false};
-    const Worker worker([this, &pinned] {
+    const Worker worker([target = window.get(), &pinned] {
         const CorePin pin;
-        VelantrixServer* const target = window.get();
         pinned.store(true);
         QThread::msleep(300);
         target->VelantrixServer::SetClientStatus(1, "very late", false);

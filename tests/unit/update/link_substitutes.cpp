@@ -5,7 +5,6 @@
 LinkSubstitutes linkSubstitutes;
 
 // The names are the linker's.
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)
 extern "C" {
 
 std::time_t __real_time(std::time_t* result);
@@ -55,4 +54,3 @@ void __wrap__Z5Sleepi(int milliseconds) {
 void reallySleep(int milliseconds) {
     __real__Z5Sleepi(milliseconds);
 }
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp)

@@ -278,6 +278,7 @@ TEST_F(VersionQuestion, MinimizedWindowPostponesTheFetch) {
     int looks = 0;
     linkSubstitutes.sleep = [this, &looks](int milliseconds) {
         EXPECT_EQ(milliseconds, MINIMIZED_STEP_MS);
+        reallySleep(1);
         if (++looks == 3) {
             QMetaObject::invokeMethod(
                 window.get(),
@@ -289,7 +290,8 @@ TEST_F(VersionQuestion, MinimizedWindowPostponesTheFetch) {
         }
     };
     EXPECT_EQ(checkInWindow(press(QMessageBox::No)), 1);
-    EXPECT_EQ(looks, 3);
+    // The window is restored some looks after it was asked to be.
+    EXPECT_GE(looks, 3);
     EXPECT_EQ(server.takeRequests().size(), 1U);
     linkSubstitutes.sleep = nullptr;
 }

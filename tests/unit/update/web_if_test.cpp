@@ -12,7 +12,7 @@ namespace {
 
 using namespace std::string_literals;
 
-constexpr std::size_t LARGEST_BODY = 1024 * 1024;
+constexpr std::size_t LARGEST_BODY = 1024UL * 1024UL;
 
 TEST_F(WebIfCheck, NewVersionIsReportedAndStored) {
     EXPECT_EQ(checkFile("3.2\r\n"), 1);

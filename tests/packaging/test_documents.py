@@ -1,0 +1,63 @@
+"""What the documents refer to exists: files, scripts, options, ports."""
+
+import os
+import pathlib
+import re
+import subprocess
+import unittest
+
+SOURCE = pathlib.Path(os.environ["VELANTRIX_SOURCE"])
+DOCUMENTS = [*SOURCE.glob("*.md"), *SOURCE.glob("docs/*.md")]
+
+
+class Documents(unittest.TestCase):
+    def each(self, expression):
+        """Yields (document, match) over all documents."""
+        for document in DOCUMENTS:
+            for match in re.finditer(expression, document.read_text()):
+                yield document, match
+
+    def test_all_expected_documents_are_there(self):
+        for name in ("README.md", "CONTRIBUTING.md", "CHANGELOG.md", "SECURITY.md", "LICENSE",
+                     "docs/architecture.md", "docs/protocol.md", "docs/performance.md"):
+            self.assertTrue((SOURCE / name).exists(), name)
+
+    def test_links_lead_to_files(self):
+        for document, link in self.each(r"\]\(([^)#]+)(#[^)]*)?\)"):
+            if "://" not in link[1]:
+                self.assertTrue((document.parent / link[1]).exists(),
+                                f"{document.name}: {link[1]}")
+
+    def test_scripts_exist_and_are_executable(self):
+        for document, script in self.each(r"(?<![\w/.])((?:scripts|\.ci|packaging)/[\w./-]+\w)"):
+            path = SOURCE / script[1]
+            self.assertTrue(path.exists(), f"{document.name}: {script[1]}")
+            if script[1].startswith(("scripts/", ".ci/")):
+                self.assertTrue(os.access(path, os.X_OK), script[1])
+
+    def test_build_options_and_presets_exist(self):
+        cmake = "\n".join(path.read_text() for path in
+                          [SOURCE / "CMakeLists.txt", *SOURCE.glob("*/CMakeLists.txt")])
+        for document, option in self.each(r"-D(VELANTRIX_\w+)="):
+            self.assertRegex(cmake, rf"(option|set)\({option[1]}\b", document.name)
+        presets = (SOURCE / "CMakePresets.json").read_text()
+        for document, preset in self.each(r"--preset (\w[\w-]*)"):
+            self.assertIn(f'"name": "{preset[1]}"', presets, document.name)
+
+    def test_options_of_the_listening_client_exist(self):
+        summary = subprocess.run([os.environ["VELANTRIX_LISTEN"], "--help"], check=True, text=True,
+                                 stdout=subprocess.PIPE).stdout
+        for document, line in self.each(r"(?m)^ *velantrix-listen\b[^|#\n]*"):
+            for option in re.findall(r"--[a-z-]+", line[0]):
+                self.assertRegex(summary, rf"{option}\b", f"{document.name}: {line[0]}")
+
+    def test_ports_are_those_of_the_wire_format(self):
+        wire = (SOURCE / "stream/wire_format.h").read_text()
+        ports = set(re.findall(r"_PORT = (\d+);", wire))
+        self.assertEqual(len(ports), 2)
+        for name in ("README.md", "SECURITY.md"):
+            self.assertEqual(set(re.findall(r"\b59\d\d\d\b", (SOURCE / name).read_text())), ports)
+
+
+if __name__ == "__main__":
+    unittest.main()

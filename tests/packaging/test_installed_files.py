@@ -1,0 +1,215 @@
+"""A staged installation is complete, and every file passes the validator of its own kind."""
+
+import configparser
+import gzip
+import os
+import pathlib
+import re
+import shutil
+import struct
+import subprocess
+import tempfile
+import unittest
+import xml.etree.ElementTree as ElementTree
+
+CMAKE = os.environ["CMAKE_COMMAND"]
+BUILD = os.environ["VELANTRIX_BUILD"]
+SOURCE = pathlib.Path(os.environ["VELANTRIX_SOURCE"])
+PORTS = {"59010", "59011"}
+
+SERVER_OPTIONS = ["-nogui", "-verbose", "-p", "-b", "-platform"]
+
+
+def run(*command, **options):
+    return subprocess.run(command, text=True, stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+                          **options)
+
+
+def stage(folder, prefix=None):
+    command = [CMAKE, "--install", BUILD] + (["--prefix", prefix] if prefix else [])
+    result = run(*command, env={**os.environ, "DESTDIR": folder})
+    if result.returncode != 0:
+        raise AssertionError(result.stdout)
+
+
+class InstalledFiles(unittest.TestCase):
+    @classmethod
+    def setUpClass(cls):
+        cls.stage = tempfile.mkdtemp(prefix="velantrix-install-")
+        cls.addClassCleanup(shutil.rmtree, cls.stage)
+        stage(cls.stage, "/usr")
+        cls.usr = pathlib.Path(cls.stage, "usr")
+
+    def check(self, *command, **options):
+        """Runs a validator, which must be installed, and wants it content."""
+        self.assertIsNotNone(shutil.which(command[0]), f"{command[0]} is not installed")
+        result = run(*map(str, command), **options)
+        self.assertEqual(result.returncode, 0, result.stdout)
+        return result.stdout
+
+    def manual(self, name):
+        packed = self.usr / "share/man/man1" / f"{name}.1.gz"
+        return gzip.decompress(packed.read_bytes()).decode()
+
+    def test_both_programs_are_installed_and_executable(self):
+        for name in ("VelantrixServer", "velantrix-listen"):
+            self.assertTrue(os.access(self.usr / "bin" / name, os.X_OK), name)
+
+    def test_nothing_is_installed_outside_the_standard_folders(self):
+        expected = re.compile(
+            r"usr/bin/|usr/share/(applications|metainfo|man/man1|doc|bash-completion/completions"
+            r"|zsh|icons/hicolor|lintian/overrides)/|usr/lib/(systemd/user|firewalld/services)/"
+            r"|(usr/|usr/local/)?etc/ufw/applications\.d/")
+        for path in pathlib.Path(self.stage).rglob("*"):
+            if path.is_file():
+                self.assertRegex(str(path.relative_to(self.stage)), expected)
+
+    def test_desktop_entry_is_valid_and_starts_the_installed_program(self):
+        entry = self.usr / "share/applications/example.velantrix.server.desktop"
+        self.assertEqual(self.check("desktop-file-validate", entry), "")
+        parser = configparser.ConfigParser(interpolation=None)
+        parser.optionxform = str
+        parser.read(entry)
+        self.assertTrue((self.usr / "bin" / parser["Desktop Entry"]["Exec"]).exists())
+        icon = parser["Desktop Entry"]["Icon"]
+        self.assertTrue((self.usr / f"share/icons/hicolor/scalable/apps/{icon}.svg").exists())
+
+    def test_software_centre_description_is_valid_and_names_the_desktop_entry(self):
+        info = self.usr / "share/metainfo/example.velantrix.server.metainfo.xml"
+        self.check("appstreamcli", "validate", "--no-net", info)
+        root = ElementTree.parse(info).getroot()
+        entry = root.find("launchable").text
+        self.assertTrue((self.usr / "share/applications" / entry).exists())
+        banner = (SOURCE / "app/VelantrixServerNoGUI.h").read_text()
+        version = re.search(r'VELANTRIX_VERSION "(.*)"', banner).group(1)
+        self.assertEqual(root.find("releases/release").get("version"), version)
+
+    def test_icons_have_the_size_of_their_folder_and_show_something(self):
+        icons = sorted((self.usr / "share/icons/hicolor").glob("*/apps/*.png"))
+        sizes = [int(icon.parts[-3].split("x")[0]) for icon in icons]
+        self.assertEqual(sorted(sizes), [16, 22, 24, 32, 48, 64, 128, 256, 512])
+        for icon, size in zip(icons, sizes):
+            data = icon.read_bytes()
+            self.assertEqual(data[:8], b"\x89PNG\r\n\x1a\n")
+            self.assertEqual(struct.unpack(">IIBB", data[16:26]), (size, size, 8, 6))
+            self.assertGreater(len(data), size * 4)
+
+    def test_manual_pages_are_clean(self):
+        for name in ("VelantrixServer", "velantrix-listen"):
+            result = run("mandoc", "-T", "lint", "-W", "style", input=self.manual(name))
+            complaints = [line for line in result.stdout.splitlines()
+                          if "referenced manual not found" not in line  # Depends on the machine.
+                          and "mandoc.db" not in line]
+            self.assertEqual(complaints, [])
+
+    def test_manual_pages_have_every_section_that_a_user_looks_for(self):
+        for name in ("VelantrixServer", "velantrix-listen"):
+            for section in ("OPTIONS", "NETWORK PORTS", "ENVIRONMENT", "FILES", "EXIT STATUS",
+                            "EXAMPLES", "TROUBLESHOOTING"):
+                self.assertIn(f"\n.Sh {section}\n", self.manual(name), name)
+
+    def test_server_manual_and_completions_name_every_option(self):
+        scan = (SOURCE / "app/command_line.cpp").read_text()
+        options = set(re.findall(r'"(-[a-z]+)"', scan))
+        self.assertEqual(options, set(SERVER_OPTIONS))
+        for text in (self.manual("VelantrixServer"),):
+            for option in options:
+                self.assertRegex(text, rf"\.It Fl {option[1:]}\b")
+        for completion in ("bash-completion/completions/VelantrixServer",
+                           "zsh/*/_VelantrixServer"):
+            path, = self.usr.glob(f"share/{completion}")
+            for option in options:
+                self.assertRegex(path.read_text(), rf"[ '\"(]{option}\b")
+
+    def test_server_manual_names_every_variable_of_its_own(self):
+        variables = set()
+        for folder in ("app", "audio", "stream", "discovery", "gui", "update"):
+            for source in (SOURCE / folder).glob("*.cpp"):
+                variables |= set(re.findall(r'(?:getenv|qgetenv|qEnvironmentVariable\w*)\('
+                                            r'"([A-Z_]+)"', source.read_text()))
+        self.assertIn("VELANTRIX_SERVER_PORT", variables)
+        for variable in variables:
+            self.assertIn(variable, self.manual("VelantrixServer"))
+
+    def test_listening_client_manual_and_completions_name_every_option(self):
+        summary = run(self.usr / "bin/velantrix-listen", "--help").stdout
+        options = set(re.findall(r"(?<![\w-])--([a-z][a-z-]*)", summary))
+        self.assertIn("rate", options)
+        for option in options:
+            self.assertRegex(self.manual("velantrix-listen"), rf"\.It Fl (h , )?-{option}\b")
+            for completion in ("bash-completion/completions/velantrix-listen",
+                               "zsh/*/_velantrix-listen"):
+                path, = self.usr.glob(f"share/{completion}")
+                self.assertRegex(path.read_text(), rf"--{option}\b", option)
+        documented = set(re.findall(r"\.It Fl (?:h , )?-([a-z][a-z-]*)",
+                                    self.manual("velantrix-listen")))
+        self.assertEqual(documented - options, set(), "documented, but not there")
+
+    def test_listening_client_manual_explains_every_member_of_the_statistics(self):
+        members = re.findall(r'[.]add\("(\w+)"', (SOURCE / "listen/statistics.cpp").read_text())
+        self.assertIn("packets", members)
+        explained = set(re.findall(r"\w+", "\n".join(
+            re.findall(r"^\.It Va (.*)$", self.manual("velantrix-listen"), re.MULTILINE))))
+        self.assertEqual(set(members), explained)
+
+    def test_completions_parse(self):
+        for path in self.usr.glob("share/bash-completion/completions/*"):
+            self.check("bash", "-n", path)
+        for path in self.usr.glob("share/zsh/*/_*"):
+            self.check("zsh", "-n", path)
+
+    def complete(self, program, *words):
+        script = self.usr / "share/bash-completion/completions" / program
+        ask = (f'source "{script}"; COMP_WORDS=({program} "$@"); COMP_CWORD=$#; '
+               f'$(complete -p {program} | sed "s/.*-F \\([^ ]*\\).*/\\1/"); '
+               'printf "%s\\n" "${COMPREPLY[@]}"')
+        return self.check("bash", "--norc", "-c", ask, "complete", *words).split()
+
+    def test_bash_completes_options_and_values(self):
+        self.assertEqual(set(self.complete("VelantrixServer", "-")), set(SERVER_OPTIONS))
+        self.assertEqual(self.complete("VelantrixServer", "-platform", "x"), ["xcb"])
+        self.assertEqual(self.complete("velantrix-listen", "--rate", "2"), ["20", "256"])
+        self.assertIn("--best-effort", self.complete("velantrix-listen", "--be"))
+
+    def test_service_unit_is_valid_and_starts_the_installed_program_headless(self):
+        unit = self.usr / "lib/systemd/user/velantrix-server.service"
+        text = unit.read_text()
+        program, = re.findall(r"^ExecStart=(\S+) -nogui$", text, re.MULTILINE)
+        self.assertTrue(program.endswith("/bin/VelantrixServer"), program)
+        # The verifier wants to see the program where the unit names it.
+        copy = pathlib.Path(self.stage, "velantrix-server.service")
+        copy.write_text(text.replace(program, str(self.usr / "bin/VelantrixServer")))
+        self.addCleanup(copy.unlink)
+        complaints = self.check("systemd-analyze", "--user", "--man=no", "verify", copy,
+                                env={**os.environ, "XDG_RUNTIME_DIR": self.stage})
+        self.assertNotIn("velantrix", complaints)
+
+    def test_service_unit_leaves_capture_multicast_and_scheduling_usable(self):
+        text = (self.usr / "lib/systemd/user/velantrix-server.service").read_text()
+        self.assertIn("\nRestart=on-failure\n", text)
+        for needed in ("AF_UNIX", "AF_INET", "AF_NETLINK"):
+            self.assertRegex(text, rf"\nRestrictAddressFamilies=.*\b{needed}\b")
+        for harmful in ("RestrictRealtime=", "PrivateDevices=", "PrivateNetwork=",
+                        "ProtectHome=", "IPAddressDeny=", "Type=notify"):
+            self.assertNotIn("\n" + harmful, text)
+
+    def test_firewall_profiles_open_the_ports_of_the_server(self):
+        service = ElementTree.parse(self.usr / "lib/firewalld/services/velantrix-server.xml")
+        opened = {(port.get("protocol"), port.get("port")) for port in service.iter("port")}
+        self.assertEqual(opened, {("udp", port) for port in PORTS})
+
+        profile, = pathlib.Path(self.stage).glob("**/ufw/applications.d/velantrix-server")
+        parser = configparser.ConfigParser()
+        parser.read(profile)
+        ports, protocol = parser["Velantrix Server"]["ports"].split("/")
+        self.assertEqual((set(ports.split(",")), protocol), (PORTS, "udp"))
+
+    def test_documents_are_installed(self):
+        documents = self.usr / "share/doc"
+        for name in ("velantrix-server/README.md", "velantrix-server/SECURITY.md",
+                     "velantrix-server/changelog.gz", "velantrix-listen/changelog.gz"):
+            self.assertTrue((documents / name).exists(), name)
+
+
+if __name__ == "__main__":
+    unittest.main()

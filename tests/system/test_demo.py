@@ -1,0 +1,88 @@
+"""The demo says that the tune arrived only when it did."""
+
+import os
+import pathlib
+import subprocess
+import sys
+
+from harness import SystemTest, main, program
+from signals import noise, read_wav, silence, write_wav
+
+SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "scripts"
+sys.path.insert(0, str(SCRIPTS))
+
+import demo  # noqa: E402
+from tune import RATE, make_tune  # noqa: E402
+
+
+class WholeDemo(SystemTest):
+    def run_demo(self, **environment):
+        build = pathlib.Path(program("VELANTRIX_SERVER")).parent
+        return subprocess.run(
+            [sys.executable, SCRIPTS / "demo.py", build, self.folder],
+            env=dict(os.environ, **environment), capture_output=True, text=True, timeout=110,
+            check=False)
+
+    def test_tune_arrives_and_is_recorded(self):
+        result = self.run_demo()
+        self.assertEqual(result.returncode, 0, result.stdout + result.stderr)
+        self.assertIn("The tune arrived.", result.stdout)
+        samples, rate = read_wav(self.folder / "recording.wav")
+        self.assertEqual(rate, RATE)
+        self.assertGreater(len(samples) / 2, 8 * RATE)
+
+    def test_no_sound_server_is_one_clear_failure(self):
+        (self.folder / "bin").mkdir()
+        for tool in ("unshare", "ip"):
+            (self.folder / "bin" / tool).symlink_to(
+                subprocess.run(["which", tool], capture_output=True, text=True,
+                               check=True).stdout.strip())
+        result = self.run_demo(PATH=f"{self.folder}/bin:/usr/sbin")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("demo: pulseaudio is not installed", result.stderr)
+        self.assertNotIn("The tune arrived.", result.stdout)
+
+
+class Judgement(SystemTest):
+    def judge(self, recording, rate=RATE):
+        write_wav(self.folder / "recording.wav", recording, rate)
+        return demo.judge(self.folder, self.tune)
+
+    def setUp(self):
+        super().setUp()
+        self.tune = make_tune()
+
+    def piece(self, seconds):
+        """The tune from 1.23 s on, behind a little silence."""
+        start = 2 * int(1.23 * RATE)
+        return silence(1000) + self.tune[start:start + 2 * int(seconds * RATE)]
+
+    def test_ten_seconds_from_the_middle_are_accepted(self):
+        self.assertEqual(self.judge(self.piece(10)), 0)
+
+    def test_a_short_recording_is_refused(self):
+        self.assertEqual(self.judge(self.piece(5)), 1)
+
+    def test_silence_is_refused(self):
+        self.assertEqual(self.judge(silence(10 * RATE)), 1)
+
+    def test_other_sound_is_refused(self):
+        self.assertEqual(self.judge(noise(10 * RATE, seed=1)), 1)
+
+    def test_swapped_channels_are_refused(self):
+        piece = self.piece(10)
+        piece[0::2], piece[1::2] = piece[1::2], piece[0::2]
+        self.assertEqual(self.judge(piece), 1)
+
+    def test_half_the_volume_is_refused(self):
+        piece = self.piece(10)
+        for i, value in enumerate(piece):
+            piece[i] = value // 2
+        self.assertEqual(self.judge(piece), 1)
+
+    def test_wrong_rate_is_refused(self):
+        self.assertEqual(self.judge(self.piece(10), 44100), 1)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,145 @@
+"""Finding the server: the discovery thread of the running program."""
+
+import socket
+import subprocess
+import sys
+
+from harness import (HERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
+                     clean_environment, fake, main, wait_until)
+from network import DISCOVERY_GROUP, ip
+from probe import Probe
+
+PORT = 59011
+FIRST_FORM, SECOND_FORM, RESPONSE = b"VelantrixQuery", b"VelantrixQuery2", b"VelantrixResponse"
+PATIENCE = 10
+
+# A client app in another network: asks the group and prints what comes back and from where.
+ASK = f"""
+import socket, sys
+form, answers_at = sys.argv[1].encode(), int(sys.argv[2])
+client = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+client.bind(("", answers_at))
+client.settimeout({PATIENCE})
+client.sendto(form, ("{DISCOVERY_GROUP}", {PORT}))
+answer, (host, port) = client.recvfrom(2048)
+print(answer.decode(), host, port)
+"""
+
+
+def query(form, port=PORT, host="127.0.0.1", timeout=PATIENCE):
+    """Sends a query from a fresh socket; returns the answer and its sender, or None."""
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
+        client.settimeout(timeout)
+        client.sendto(form, (host, port))
+        try:
+            return client.recvfrom(2048)
+        except (socket.timeout, ConnectionRefusedError):
+            return None
+
+
+def wait_for_discovery():
+    """Waits until some socket of this network has joined the group."""
+    group = f"{int.from_bytes(socket.inet_aton(DISCOVERY_GROUP), 'little'):08X}"
+
+    def joined():
+        with open("/proc/self/net/igmp", encoding="ascii") as memberships:
+            return group in memberships.read()
+    wait_until(joined, "the discovery group is joined")
+
+
+def route_group_over_loopback():
+    ip("route", "replace", f"{DISCOVERY_GROUP}/32", "dev", "lo")
+
+
+class Discovery(SystemTest):
+    def test_server_without_sound_is_found(self):
+        with Server() as server:
+            wait_for_discovery()
+            self.assertEqual(query(SECOND_FORM), (RESPONSE, ("127.0.0.1", PORT)))
+            self.assertEqual(query(SECOND_FORM, host=DISCOVERY_GROUP)[0], RESPONSE)
+            server.out.wait_for("Multicast received 15 bytes: VelantrixQuery2")
+
+    def test_port_option_does_not_move_discovery(self):
+        with Server("-p", "7000") as server:
+            server.out.wait_for("Binding to port number 7000")
+            wait_for_discovery()
+            self.assertEqual(query(SECOND_FORM)[0], RESPONSE)
+            self.assertIsNone(query(SECOND_FORM, port=7001, timeout=1))
+
+    def test_environment_port_moves_discovery(self):
+        with Server(env={"VELANTRIX_SERVER_PORT": "7000"}) as server:
+            wait_for_discovery()
+            self.assertEqual(query(SECOND_FORM, port=7001), (RESPONSE, ("127.0.0.1", 7001)))
+            self.assertIsNone(query(SECOND_FORM, timeout=1))
+
+    def test_bind_address_does_not_narrow_discovery(self):
+        with Server("-b", "127.0.0.1") as server:
+            wait_for_discovery()
+            self.assertEqual(query(SECOND_FORM, host="127.0.0.2")[0], RESPONSE)
+
+    def test_client_of_another_network_finds_the_server(self):
+        self.addCleanup(route_group_over_loopback)  # The cable takes its route along.
+        with OtherNetwork() as network:
+            network.receive_on_cable()
+            with Server() as server:
+                wait_for_discovery()
+                answer = self.ask_from(network, SECOND_FORM, 0).split()
+                self.assertEqual(answer, [RESPONSE.decode(), HERE_ADDRESS, str(PORT)])
+                answer = self.ask_from(network, FIRST_FORM, PORT).split()
+                self.assertEqual(answer[:2], [RESPONSE.decode(), HERE_ADDRESS])
+                self.assertNotEqual(answer[2], str(PORT))
+
+    def ask_from(self, network, form, answers_at):
+        asked = subprocess.run(
+            [*network.command(), sys.executable, "-c", ASK, form.decode(), str(answers_at)],
+            env=clean_environment(), capture_output=True, text=True, check=False)
+        self.assertEqual(asked.returncode, 0, asked.stderr)
+        return asked.stdout
+
+    def test_datagrams_cannot_forge_lines(self):
+        with Server() as server:
+            wait_for_discovery()
+            with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as client:
+                client.sendto(b"x\nVelantrixServer: Audio capture running\x1b[2J",
+                              ("127.0.0.1", PORT))
+            server.out.wait_for(
+                "Multicast received 44 bytes: x?VelantrixServer: Audio capture running?[2J")
+
+
+class DiscoveryThatCannotStart(SystemTest):
+    def check_streaming_without_discovery(self, complaint, fault=None):
+        # Not verbose, the start of the audio library may swallow the complaint.
+        with SoundServer() as sound, Server(
+                "-verbose", sound=sound, rate=48000, preload=fake("preload_discovery.so"),
+                env={"VELANTRIX_DISCOVERY_FAULT": fault}) as server, Probe(self.folder) as probe:
+            server.err.wait_for(complaint)
+            server.wait_for_capture()
+            self.assertIsNone(query(SECOND_FORM, timeout=1))
+            client = probe.connect()
+            client.request()
+            client.wait_packets(50)
+            self.assert_ends_cleanly(server)
+
+    def test_no_socket(self):
+        self.check_streaming_without_discovery(
+            "multiHost: Socket open failed: Too many open files", "socket")
+
+    def test_refused_reuse_option(self):
+        self.check_streaming_without_discovery(
+            "multiHost: Socket reuse option failed: Operation not permitted", "reuse")
+
+    def test_port_held_by_another_program(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
+            holder.bind(("", PORT))
+            self.check_streaming_without_discovery(
+                "multiHost: Bind failed: Address already in use")
+
+    def test_no_route_for_the_group(self):
+        ip("route", "del", f"{DISCOVERY_GROUP}/32")
+        self.addCleanup(route_group_over_loopback)
+        self.check_streaming_without_discovery(
+            "multiHost: Socket multicast group add failed: No such device")
+
+
+if __name__ == "__main__":
+    main()

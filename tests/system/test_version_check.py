@@ -1,0 +1,193 @@
+"""The version check of the whole program, headless: its time, its lines and what it keeps."""
+
+import configparser
+import os
+import re
+import subprocess
+import time
+
+from harness import CAPTURE_RUNNING, Server, SoundServer, SystemTest, main, program
+from probe import Probe
+from version_server import LATE, VERSION_FILE, VersionServer
+
+BANNER = "Velantrix Server v3.1"
+NEWS = "WebIf::checkVersion: A new version of Velantrix Server is available"
+CHECK_LINE = re.compile(r"^WebIf::")
+WAIT = 8.0
+"""Seconds from the start to the check."""
+QUIET_MINUTES = 480
+
+NO_LIBRARY = "Error, could not dlopen the cURL shared library libcurl.so.4."
+
+
+def advice(address):
+    return [" Velantrix Server will continue to run but won't be able to check for new",
+            f" versions. Please visit {address} occasionally to check for",
+            " new versions of this program. You may be able to fix this issue by installing",
+            " libcurl using your linux system's package manager. If there is more than one",
+            " option try the SSL variant of cURL."]
+
+
+class VersionTest(SystemTest):
+    """Servers that share one settings folder, and a web server of the test's own."""
+
+    def setUp(self):
+        super().setUp()
+        self.web = VersionServer()
+        self.addCleanup(self.web.__exit__)
+        self.settings = self.folder / "Velantrix" / "Server.conf"
+
+    def server(self, *arguments, **options):
+        env = {"XDG_CONFIG_HOME": str(self.folder), "VELANTRIX_WEB_ADDRESS": self.web.address,
+               **options.pop("env", {})}
+        return Server(*arguments, env=env, **options)
+
+    def stored(self):
+        """The settings in the file, as texts; empty when there is no file."""
+        parser = configparser.ConfigParser()
+        parser.optionxform = str
+        parser.read(self.settings)
+        return dict(parser["General"]) if parser.has_section("General") else {}
+
+    def store(self, **values):
+        self.settings.parent.mkdir(exist_ok=True)
+        lines = [f"{key}={value}" for key, value in values.items()]
+        self.settings.write_text("\n".join(["[General]", *lines, ""]), encoding="ascii")
+
+    def run_past_the_check(self, server):
+        """Lets a server run well beyond the time of its check; returns its lines about it."""
+        server.out.wait_for(BANNER)
+        time.sleep(WAIT + 4)
+        self.assert_ends_cleanly(server)
+        return [line for line in server.out.all() if CHECK_LINE.search(line)]
+
+
+class Announcement(VersionTest):
+    def test_new_version_is_printed_8_seconds_after_the_start_and_kept(self):
+        self.web.answer(body="3.2\r\n")
+        with self.server() as server:
+            server.out.wait_for(BANNER)
+            begin = time.monotonic()
+            server.out.wait_for(NEWS)
+            # The banner was printed a little before it was read.
+            self.assertGreater(time.monotonic() - begin, WAIT - 1)
+            self.assert_lines_in_order(server.out.all(), [
+                "WebIf::checkVersion: 5 bytes retrieved (3): 3.2 (3.1)", NEWS])
+            self.assert_ends_cleanly(server)
+        self.assertEqual([request["path"] for request in self.web.requests()], [VERSION_FILE])
+        stored = self.stored()
+        self.assertEqual(stored["VersionCheckResponse"], "3.2")
+        self.assertLess(abs(int(stored["VersionCheckTime"]) - time.time() / 60), 5)
+
+    def test_restart_within_8_hours_asks_nothing(self):
+        self.web.answer(body="3.2\n")
+        minute = int(time.time() / 60) - 400
+        self.store(VersionCheckTime=minute)
+        with self.server() as server:
+            self.assertEqual(self.run_past_the_check(server), [])
+        self.assertEqual(self.web.requests(), [])
+        self.assertEqual(self.stored(), {"VersionCheckTime": str(minute)})
+
+    def test_restart_later_asks_again(self):
+        self.web.answer(body="3.2\n")
+        self.store(VersionCheckTime=int(time.time() / 60) - QUIET_MINUTES - 1,
+                   VersionCheckResponse="3.2")
+        with self.server() as server:
+            self.assertEqual(self.run_past_the_check(server), [
+                "WebIf::checkVersion: 4 bytes retrieved (3): 3.2 (3.1)", NEWS])
+        self.assertEqual(len(self.web.requests()), 1)
+        self.assertEqual(self.stored()["VersionCheckResponse"], "3.2")
+
+    def test_missing_file_is_printed_and_the_time_kept(self):
+        with self.server() as server:
+            lines = self.run_past_the_check(server)
+        self.assertEqual(len(lines), 1)
+        self.assertRegex(lines[0], r"^WebIf::checkVersion: curl_easy_perform\(\) failed: .+")
+        self.assertEqual(list(self.stored()), ["VersionCheckTime"])
+
+
+class Shutdown(VersionTest):
+    def test_server_that_never_answers_does_not_hold_up_the_end(self):
+        self.web.answer(manner=LATE)
+        with self.server() as server:
+            server.out.wait_for(BANNER)
+            deadline = time.monotonic() + WAIT + 30
+            while not self.web.requests():
+                self.assertLess(time.monotonic(), deadline, "no request came")
+                time.sleep(0.05)
+            begin = time.monotonic()
+            self.assert_ends_cleanly(server)
+            taken = time.monotonic() - begin
+            print(f"ended {taken:.2f} s after the signal")
+            self.assertLess(taken, 10)
+            self.assertFalse([line for line in server.out.all() if CHECK_LINE.search(line)])
+
+    def test_end_before_the_check_asks_nothing(self):
+        with self.server() as server:
+            server.out.wait_for(BANNER)
+            self.assert_ends_cleanly(server)
+        self.assertEqual(self.web.requests(), [])
+        self.assertEqual(self.stored(), {})
+
+
+def curl_files():
+    """The real paths of every libcurl.so.4 that the loader knows."""
+    listing = subprocess.run(["ldconfig", "-p"], check=True, capture_output=True, text=True).stdout
+    paths = {os.path.realpath(line.split(" => ")[1]) for line in listing.splitlines()
+             if line.split()[:1] == ["libcurl.so.4"]}
+    if not paths:
+        raise AssertionError("libcurl.so.4 is not installed, so its absence proves nothing")
+    return sorted(paths)
+
+
+def without_libcurl():
+    """Words before a command that runs it on a system where libcurl cannot be loaded."""
+    hiding = " && ".join(f"mount --bind /dev/null '{path}'" for path in curl_files())
+    return ["unshare", "-m", "sh", "-c", f'{hiding} && exec "$@"', "sh"]
+
+
+class WithoutLibcurl(VersionTest):
+    def test_server_streams_gives_advice_once_and_never_checks(self):
+        with SoundServer() as sound, self.server(sound=sound, prefix=without_libcurl()) as server:
+            server.out.wait_for(BANNER)
+            begin = time.monotonic()
+            server.wait_for_capture()
+            with Probe(self.folder) as probe:
+                client = probe.connect()
+                client.request()
+                client.wait_packets(100)
+            time.sleep(max(0.0, begin + WAIT + 4 - time.monotonic()))
+            self.assert_ends_cleanly(server)
+            expected = [NO_LIBRARY, *advice(self.web.address)]
+            self.assert_lines_in_order(server.out.all(), expected)
+            for line in expected:
+                self.assertEqual(server.out.all().count(line), 1, line)
+            self.assertIn(CAPTURE_RUNNING, server.out.all())
+            self.assertFalse([line for line in server.out.all() if CHECK_LINE.search(line)])
+        self.assertEqual(self.web.requests(), [])
+        self.assertEqual(self.stored(), {})
+
+
+class Linking(SystemTest):
+    def test_program_does_not_name_libcurl_among_its_libraries(self):
+        dynamic = subprocess.run(["readelf", "--wide", "--dynamic", program("VELANTRIX_SERVER")],
+                                 check=True, capture_output=True, text=True).stdout
+        needed = re.findall(r"\(NEEDED\).*\[(.+)\]", dynamic)
+        self.assertIn("libc.so.6", needed)
+        self.assertFalse([name for name in needed if "curl" in name])
+
+
+class Address(VersionTest):
+    COMPLAINT = re.compile("^Ignoring VELANTRIX_WEB_ADDRESS, ")
+
+    def test_unusable_address_is_ignored_with_one_line(self):
+        with self.server(env={"VELANTRIX_WEB_ADDRESS": "http://a/;touch x"}) as server:
+            server.out.wait_for(self.COMPLAINT)
+            self.assert_ends_cleanly(server)
+            complaints = [line for line in server.out.all() if self.COMPLAINT.search(line)]
+            self.assertEqual(len(complaints), 1)
+            self.assertNotIn("touch", complaints[0])
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,143 @@
+"""The version check with the window, on a display without a screen, answered at the keyboard."""
+
+import os
+import subprocess
+import time
+
+from harness import Process, clean_environment, main, wait_until
+from test_version_check import BANNER, NEWS, QUIET_MINUTES, WAIT, VersionTest
+
+QUESTION = "Velantrix Version Notification"
+PROGRAM_CLASS = "VelantrixServer"
+
+
+class Display:
+    """A private X server, with a window manager if asked for. A context manager."""
+
+    def __init__(self, manager=False):
+        self.manager = manager
+
+    def __enter__(self):
+        reading, writing = os.pipe()
+        self.process = Process(["Xvfb", "-displayfd", str(writing), "-screen", "0", "1024x768x24",
+                                "-nolisten", "tcp"], clean_environment(), pass_fds=[writing])
+        os.close(writing)
+        with os.fdopen(reading) as number:
+            self.name = f":{number.readline().strip()}"
+        if self.manager:
+            self.manager = Process(["openbox", "--sm-disable"],
+                                   dict(clean_environment(), DISPLAY=self.name))
+        return self
+
+    def __exit__(self, *_):
+        if self.manager:
+            self.manager.__exit__()
+        self.process.__exit__()
+
+    def xdotool(self, *words):
+        done = subprocess.run(["xdotool", *words], env=dict(clean_environment(), DISPLAY=self.name),
+                              capture_output=True, text=True)
+        return done.stdout.split()
+
+    def windows(self, *search):
+        return self.xdotool("search", "--onlyvisible", *search)
+
+    def wait_for_question(self):
+        return wait_until(lambda: self.windows("--name", QUESTION), "the question is shown")[0]
+
+    def press(self, window, key):
+        self.xdotool("windowfocus", "--sync", window, "key", key)
+
+
+class Question(VersionTest):
+    def setUp(self):
+        super().setUp()
+        self.web.answer(body="3.2\n")
+        self.programs = self.folder / "bin"
+        self.programs.mkdir()
+        self.opened = self.folder / "opened"
+
+    def add_browser(self):
+        stand_in = self.programs / "xdg-open"
+        stand_in.write_text(f"#!/bin/sh\nprintf '%s\\n' $# \"$@\" >> '{self.opened}'\n",
+                            encoding="ascii")
+        stand_in.chmod(0o755)
+
+    def window(self, display):
+        # Without the system's folders: an installed xdg-open must not run.
+        return self.server(gui=True, env={"DISPLAY": display.name, "QT_QPA_PLATFORM": "xcb",
+                                          "PATH": str(self.programs)})
+
+    def answer(self, display, server, key):
+        """Answers the question; returns the windows that are left, of the main window and boxes."""
+        server.out.wait_for(NEWS)
+        question = display.wait_for_question()
+        self.assertEqual(self.stored()["VersionCheckResponse"], "3.2")
+        wait_until(lambda: self.pressed_away(display, question, key), "the question is answered")
+        time.sleep(2)
+        return display.windows("--class", PROGRAM_CLASS)
+
+    def pressed_away(self, display, window, key):
+        display.press(window, key)
+        time.sleep(0.5)
+        return window not in display.windows("--class", PROGRAM_CLASS)
+
+    def test_enter_means_yes_and_opens_the_browser_once(self):
+        self.add_browser()
+        with Display() as display, self.window(display) as server:
+            self.assertEqual(len(self.answer(display, server, "Return")), 1)
+            self.assertEqual(self.opened.read_text(encoding="ascii"), f"1\n{self.web.address}\n")
+            self.assert_ends_cleanly(server)
+
+    def test_yes_without_a_browser_shows_nothing_more(self):
+        with Display() as display, self.window(display) as server:
+            self.assertEqual(len(self.answer(display, server, "Return")), 1)
+            self.assert_ends_cleanly(server)
+
+    def test_no_shows_one_message_and_a_restart_asks_nothing(self):
+        self.add_browser()
+        with Display() as display:
+            with self.window(display) as server:
+                windows = self.answer(display, server, "alt+n")
+                self.assertEqual(len(windows), 2)
+                message = next(window for window in windows if window not in
+                               display.windows("--name", "^Velantrix Server"))
+                wait_until(lambda: self.pressed_away(display, message, "Return"),
+                           "the message is closed")
+                self.assert_ends_cleanly(server)
+            self.store(VersionCheckTime=int(time.time() / 60) - QUIET_MINUTES - 60,
+                       VersionCheckResponse="3.2")
+            with self.window(display) as server:
+                server.out.wait_for(NEWS)
+                time.sleep(2)
+                self.assertEqual(len(display.windows("--class", PROGRAM_CLASS)), 1)
+                self.assert_ends_cleanly(server)
+        self.assertFalse(self.opened.exists())
+        self.assertEqual(len(self.web.requests()), 2)
+
+    def test_minimized_window_postpones_the_check(self):
+        with Display(manager=True) as display, self.window(display) as server:
+            server.out.wait_for(BANNER)
+            begin = time.monotonic()
+            window = wait_until(lambda: display.windows("--name", "^Velantrix Server"),
+                                "the window is shown")[0]
+            display.xdotool("windowminimize", "--sync", window)
+            time.sleep(max(0.0, begin + WAIT + 4 - time.monotonic()))
+            self.assertEqual(self.web.requests(), [])
+            display.xdotool("windowactivate", window)
+            begin = time.monotonic()
+            display.wait_for_question()
+            print(f"asked {time.monotonic() - begin:.1f} s after the window was restored")
+            self.assertEqual(len(self.web.requests()), 1)
+            self.assert_ends_cleanly(server)
+
+    def test_program_may_be_ended_while_the_question_is_open(self):
+        with Display() as display, self.window(display) as server:
+            server.out.wait_for(NEWS)
+            display.wait_for_question()
+            self.assert_ends_cleanly(server)
+            self.assertIn(BANNER, server.out.all())
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,241 @@
+"""The window of the real program, on a private screen, seen from outside."""
+
+import contextlib
+import os
+import pathlib
+import signal
+import socket
+import stat
+import time
+import unittest
+
+from display import Display, View
+from harness import (DEFAULT_PORT, PATIENCE, Server, SoundServer, SystemTest, main, wait_until)
+from probe import Probe
+
+STATUS_TIP = "Information on connected clients"
+ADDRESS_TIP = "IP address of this server (computer), to enter in app"
+BUTTON = "Open Pulse Audio\nVolume Control"
+BUSY = "Network port busy (another Velantrix Server may already be running)"
+FATAL = 255
+READABLE_TRIES = 40
+
+display = None
+
+
+def setUpModule():
+    global display
+    display = Display().__enter__()
+    unittest.addModuleCleanup(display.__exit__)
+
+
+def gui_server(*arguments, sound=None, env=None, **options):
+    variables = dict(display.env)
+    if options.pop("quiet", False):
+        del variables["QT_LOGGING_RULES"]
+    if sound is not None:
+        variables.update(sound.env)
+        variables["XDG_RUNTIME_DIR"] = display.env["XDG_RUNTIME_DIR"]
+    else:
+        del variables["HOME"], variables["XDG_RUNTIME_DIR"]
+    variables.update(env or {})
+    return Server(*arguments, sound=sound, env=variables, gui=True, **options)
+
+
+@contextlib.contextmanager
+def seen_server(*arguments, **options):
+    """A server and the View of it. Starts another one when the toolkit left it unreadable."""
+    for _ in range(READABLE_TRIES):
+        with gui_server(*arguments, **options) as server:
+            view = View(server)
+            if view.is_there():
+                yield server, view
+                return
+    raise AssertionError("the toolkit never became readable")
+
+
+class Texts(SystemTest):
+    def status(self, view):
+        return view.lines().get(STATUS_TIP)
+
+    def wait_status(self, view, text):
+        wait_until(lambda: self.status(view) == text, f"the status line says {text!r}")
+
+    def test_texts_follow_sound_and_clients(self):
+        with SoundServer() as sound, seen_server(sound=sound, rate=48000) as (server, view):
+            view.wait_for(lambda v: "Audio capture running at 48 kHz" in v.names("label"),
+                          "the running capture shows")
+            self.assertEqual(self.status(view), "Disconnected")
+            self.assertTrue(view.lines()[ADDRESS_TIP])
+            view.wait_for(lambda v: v.names("frame") == ["Velantrix Server"], "the short title")
+            self.assertEqual([name for name in view.names("label") if name.endswith(":")],
+                             ["Status:", "Server Address:"])
+            self.assertEqual(view.names("push button"), [BUTTON])
+            with Probe(self.folder) as probe:
+                first = probe.connect()
+                self.wait_status(view, "Connected")
+                first.request(name="K\u00fcche \u266b")
+                self.wait_status(view, "Connected to K\u00fcche \u266b")
+                second = probe.connect()
+                self.wait_status(view, "Connected (2)")
+                second.request(name="Desk")
+                self.wait_status(view, "Connected to Desk (2)")
+                first.disconnect()
+                self.wait_status(view, "Connected to Desk")
+                second.disconnect()
+                self.wait_status(view, "Disconnected")
+            self.assert_ends_cleanly(server)
+
+    def test_address_is_the_bind_address(self):
+        with seen_server("-b", "127.0.0.9") as (_, view):
+            view.wait_for(lambda v: v.lines().get(ADDRESS_TIP) == "127.0.0.9",
+                                  "the bind address shows")
+
+    def test_missing_sound_shows_as_failed_capture(self):
+        with seen_server() as (server, view):
+            view.wait_for(lambda v: "Audio capture failed" in v.names("label"),
+                                  "the failed capture shows")
+            self.assert_ends_cleanly(server)
+
+
+class VolumeControl(SystemTest):
+    """The button, with a stand-in for the volume control on PATH."""
+
+    def setUp(self):
+        super().setUp()
+        self.record = self.folder / "record"
+        stand_in = self.folder / "pavucontrol"
+        stand_in.write_text(
+            "#!/usr/bin/python3\n"
+            "import os, time\n"
+            "fds = sorted(int(n) for n in os.listdir('/proc/self/fd'))\n"
+            f"with open('{self.record}.new', 'w') as out:\n"
+            "    print(os.getpid(), os.getppid(), *fds, file=out)\n"
+            f"os.rename('{self.record}.new', '{self.record}')\n"
+            "time.sleep(600)\n", encoding="ascii")
+        stand_in.chmod(stand_in.stat().st_mode | stat.S_IXUSR)
+        self.env = {"PATH": f"{self.folder}:{os.environ['PATH']}"}
+
+    def read_record(self):
+        """The process of the stand-in, its parent's, and its descriptors."""
+        wait_until(self.record.exists, "the stand-in runs")
+        process, *rest = [int(word) for word in self.record.read_text().split()]
+        self.addCleanup(end, process)
+        return process, *rest
+
+    def test_button_starts_it_and_the_server_goes_on(self):
+        with seen_server(env=self.env) as (server, view):
+            view.press(BUTTON)
+            process, _, *descriptors = self.read_record()
+            # Its script and the folder that it lists, on the lowest free numbers: nothing of ours.
+            self.assertLessEqual(len(descriptors), 3)
+            self.assertLess(max(descriptors), 5)
+            self.assertTrue(pathlib.Path(f"/proc/{process}").exists())
+            self.assert_ends_cleanly(server)
+
+    # The shell, that is: one that does not run its last command in its own place leaves that
+    # command behind.
+    def test_its_shell_dies_with_the_server(self):
+        with seen_server(env=self.env) as (server, view):
+            view.press(BUTTON)
+            process, parent, *_ = self.read_record()
+            child = process if parent == server.pid else parent
+            server.kill()
+            wait_until(lambda: not is_running(child), "the server's child is gone")
+
+
+def end(process):
+    with contextlib.suppress(ProcessLookupError):
+        os.kill(process, signal.SIGKILL)
+
+
+def is_running(process):
+    try:
+        state = pathlib.Path(f"/proc/{process}/stat").read_text().rsplit(")", 1)[1].split()[0]
+    except (FileNotFoundError, ProcessLookupError):
+        return False
+    return state not in "ZX"
+
+
+class BusyPort(SystemTest):
+    """A fatal error shows its box, and the status after it is 255."""
+
+    def setUp(self):
+        super().setUp()
+        self.holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.holder.bind(("0.0.0.0", DEFAULT_PORT))
+        self.addCleanup(self.holder.close)
+
+    def test_box_tells_and_ok_ends_with_status_255(self):
+        with seen_server() as (server, view):
+            view.wait_for(lambda v: BUSY in v.names("label"), "the box tells the reason")
+            time.sleep(1)
+            self.assertIsNone(server.child.poll(), "the program waits for the user")
+            view.press("OK")
+            self.assertEqual(server.wait(), FATAL)
+
+    def test_box_ends_with_status_255_every_time(self):
+        for _ in range(int(os.environ.get("VELANTRIX_BUSY_BOXES", "10"))):
+            with gui_server() as server:
+                wait_until(lambda: len(display.windows(server)) > 1, "the box shows")
+                press_return_until_end(server)
+                self.assertEqual(server.wait(), FATAL)
+
+    def test_stop_signal_with_the_box_open_ends_with_status_255(self):
+        with gui_server() as server:
+            wait_until(lambda: len(display.windows(server)) > 1, "the box shows")
+            begin = time.monotonic()
+            self.assertEqual(server.stop(), FATAL)
+            self.assertLess(time.monotonic() - begin, PATIENCE / 2)
+
+    def test_box_over_the_minimised_window_works_too(self):
+        with seen_server() as (server, view):
+            wait_until(lambda: len(display.windows(server)) > 1, "the box shows")
+            for window in display.windows(server):
+                display.run("xdotool", "windowminimize", window, check=False)
+            view.press("OK")
+            self.assertEqual(server.wait(), FATAL)
+
+
+def press_return_until_end(server):
+    """The box may not have the keyboard yet when it shows."""
+    def ended():
+        display.run("xdotool", "key", "Return", check=False)
+        return server.child.poll() is not None
+    wait_until(ended, "the box is closed")
+
+
+class Minimised(SystemTest):
+    BIND_WARNING = "Warning, could not bind server to address 'no.such.host'"
+
+    def test_closing_a_warning_over_the_minimised_window_does_not_end_the_program(self):
+        with seen_server("-b", "no.such.host") as (server, view):
+            view.wait_for(lambda v: any(name.startswith(self.BIND_WARNING)
+                                        for name in v.names("label")), "the warning shows")
+            main_window = display.run("xdotool", "search", "--pid", str(server.pid), "--name",
+                                      "Velantrix Server").split()[-1]
+            display.run("xdotool", "windowminimize", main_window)
+            view.press("OK")
+            server.err.wait_for("Error -10000 opening audio input device")
+            time.sleep(1)
+            self.assertIsNone(server.child.poll(), "the program must go on")
+            self.assert_ends_cleanly(server)
+
+
+class Closing(SystemTest):
+    def test_closing_the_window_ends_with_status_0(self):
+        with SoundServer() as sound, gui_server(sound=sound, quiet=True) as server:
+            server.wait_for_capture()
+            display.close_window(display.wait_window(server))
+            self.assertEqual(server.wait(), 0)
+            self.assertEqual(server.err.all(), [])
+
+    def test_verbose_tells_the_result(self):
+        with gui_server("-verbose") as server:
+            display.close_window(display.wait_window(server))
+            self.assertEqual(server.wait(), 0)
+            self.assertIn("Exec returned with result 0", server.out.all())
+
+
+if __name__ == "__main__":
+    main()

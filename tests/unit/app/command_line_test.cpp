@@ -1,0 +1,235 @@
+#include "app/command_line.h"
+
+#include <initializer_list>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/fakes/child_run.h"
+
+namespace {
+
+ArgumentScan scan(std::initializer_list<const char*> arguments) {
+    std::vector<const char*> argv{"VelantrixServer"};
+    argv.insert(argv.end(), arguments);
+    return scanArguments(static_cast<int>(argv.size()), argv.data());
+}
+
+/// One command line and what is left of it.
+struct ScanCase {
+    const char* name;
+    std::vector<const char*> arguments;
+    int port;
+    const char* address;
+    bool verbose = false;
+    bool nogui = false;
+    bool platformSeen = false;
+    bool waylandArg = false;
+};
+
+void PrintTo(const ScanCase& scanCase, std::ostream* out) {
+    *out << scanCase.name;
+}
+
+class ArgumentScanCases : public testing::TestWithParam<ScanCase> {};
+
+TEST_P(ArgumentScanCases, LeavesTheseValues) {
+    const ScanCase& expected = GetParam();
+    std::vector<const char*> argv{"VelantrixServer"};
+    argv.insert(argv.end(), expected.arguments.begin(), expected.arguments.end());
+    const ArgumentScan found = scanArguments(static_cast<int>(argv.size()), argv.data());
+    EXPECT_EQ(getCmdPortNum(), expected.port);
+    EXPECT_STREQ(getCmdBindAddr(), expected.address);
+    EXPECT_EQ(getVerbose(), expected.verbose);
+    EXPECT_EQ(found.nogui, expected.nogui);
+    EXPECT_EQ(found.platformSeen, expected.platformSeen);
+    EXPECT_EQ(found.waylandArg, expected.waylandArg);
+}
+
+const ScanCase SCAN_CASES[] = {
+    {"NoArguments", {}, 0, ""},
+    {"EveryOption",
+     {"-nogui", "-verbose", "-p", "6000", "-b", "10.0.0.5", "-platform", "xcb"},
+     6000,
+     "10.0.0.5",
+     true,
+     true,
+     true,
+     false},
+    {"PortAndBind", {"-p", "7000", "-b", "host.example"}, 7000, "host.example"},
+    {"PortZeroStaysUnset", {"-p", "0"}, 0, ""},
+    {"PortThatIsNoNumber", {"-p", "abc"}, 0, ""},
+    {"PortWithTrailingText", {"-p", "6000abc"}, 6000, ""},
+    {"PortWithLeadingBlankAndSign", {"-p", " +6000"}, 6000, ""},
+    {"NegativePort", {"-p", "-5"}, -5, ""},
+    {"PortAboveSixteenBits", {"-p", "65536"}, 65536, ""},
+    {"LastPortWins", {"-p", "6000", "-p", "6001"}, 6001, ""},
+    {"PortValueMissingAtTheEnd", {"-p"}, 0, ""},
+    {"BindValueMissingAtTheEnd", {"-b"}, 0, ""},
+    {"BindForgetsThePendingPort", {"-p", "-b", "6000"}, 0, "6000"},
+    {"PortForgetsThePendingBind", {"-b", "-p", "6000"}, 6000, ""},
+    {"VerboseKeepsThePendingPort", {"-p", "-verbose", "6000"}, 6000, "", true},
+    {"NoguiKeepsThePendingBind", {"-b", "-nogui", "h"}, 0, "h", false, true},
+    {"PlatformKeepsThePendingPort", {"-p", "-platform", "6000"}, 6000, "", false, false, true},
+    {"BindValueThatBeginsWithDash", {"-b", "-x"}, 0, "-x"},
+    {"UnknownWordsAreIgnored", {"--help", "6000", "-nogui2"}, 0, ""},
+    {"WordsAreCaseSensitive", {"-NOGUI", "-Verbose", "-P", "6000"}, 0, ""},
+    {"ValueIsTakenOnce", {"-p", "6000", "7000"}, 6000, ""},
+    {"EmptyBindValueStaysUnset", {"-b", ""}, 0, ""},
+    {"PlatformWaylandThenBind",
+     {"-platform", "wayland", "-b", "10.0.0.5"},
+     0,
+     "10.0.0.5",
+     false,
+     false,
+     true,
+     true},
+    {"WaylandInALaterValueIsConsumed",
+     {"-platform", "xcb", "-b", "my-wayland-box"},
+     0,
+     "",
+     false,
+     false,
+     true,
+     true},
+    {"ConsumedWaylandKeepsThePendingBind",
+     {"-platform", "xcb", "-b", "my-wayland-box", "10.0.0.5"},
+     0,
+     "10.0.0.5",
+     false,
+     false,
+     true,
+     true},
+    {"WaylandInAnyLetterCase", {"-platform", "WayLand-EGL"}, 0, "", false, false, true, true},
+    {"WaylandWithoutPlatformIsOnlyAWord", {"wayland"}, 0, ""},
+    {"WaylandBeforePlatformIsAValue",
+     {"-b", "wayland", "-platform", "xcb"},
+     0,
+     "wayland",
+     false,
+     false,
+     true,
+     false},
+    {"OptionWordsBeforeTheWaylandRule",
+     {"-platform", "-nogui", "-platform"},
+     0,
+     "",
+     false,
+     true,
+     true,
+     false},
+};
+
+INSTANTIATE_TEST_SUITE_P(CommandLine, ArgumentScanCases, testing::ValuesIn(SCAN_CASES),
+                         [](const auto& each) { return std::string(each.param.name); });
+
+TEST(CommandLine, BindAddressOf255CharactersIsKeptWhole) {
+    const std::string address(255, 'a');
+    scan({"-b", address.c_str()});
+    EXPECT_EQ(getCmdBindAddr(), address);
+}
+
+TEST(CommandLine, BindAddressOf256CharactersAndMoreIsCutTo255) {
+    for (const std::size_t length : {256U, 257U, 5000U}) {
+        scan({"-b", std::string(length, 'a').c_str()});
+        EXPECT_EQ(getCmdBindAddr(), std::string(255, 'a'));
+    }
+}
+
+TEST(CommandLine, ScanStartsFromUnsetValues) {
+    scan({"-verbose", "-p", "6000", "-b", "h"});
+    scan({});
+    EXPECT_EQ(getCmdPortNum(), 0);
+    EXPECT_STREQ(getCmdBindAddr(), "");
+    EXPECT_FALSE(getVerbose());
+}
+
+/// The two variables and what the start prints and takes.
+struct EnvironmentCase {
+    const char* name;
+    std::vector<const char*> arguments;
+    const char* portVariable;
+    const char* addressVariable;
+    int port;
+    const char* address;
+    const char* output;
+};
+
+void PrintTo(const EnvironmentCase& environmentCase, std::ostream* out) {
+    *out << environmentCase.name;
+}
+
+class StartEnvironmentCases : public testing::TestWithParam<EnvironmentCase> {};
+
+TEST_P(StartEnvironmentCases, GiveTheseValuesAndLines) {
+    const EnvironmentCase& expected = GetParam();
+    const ChildRun run = runChild([&expected] {
+        const ScopedVariable port("VELANTRIX_SERVER_PORT", expected.portVariable);
+        const ScopedVariable address("VELANTRIX_SERVER_BINDADDR", expected.addressVariable);
+        std::vector<const char*> argv{"VelantrixServer"};
+        argv.insert(argv.end(), expected.arguments.begin(), expected.arguments.end());
+        scanArguments(static_cast<int>(argv.size()), argv.data());
+        readStartEnvironment();
+        EXPECT_EQ(getCmdPortNum(), expected.port);
+        EXPECT_STREQ(getCmdBindAddr(), expected.address);
+    });
+    EXPECT_EQ(run.out, expected.output);
+}
+
+const EnvironmentCase ENVIRONMENT_CASES[] = {
+    {"NothingSet", {}, nullptr, nullptr, 0, "", ""},
+    {"PortTaken", {}, "7000", nullptr, 7000, "", "Using port number 7000 from environment\n"},
+    {"PortWithTrailingText",
+     {},
+     "7000x",
+     nullptr,
+     7000,
+     "",
+     "Using port number 7000 from environment\n"},
+    {"PortZeroSaysNothing", {}, "0", nullptr, 0, "", ""},
+    {"PortEmpty", {}, "", nullptr, 0, "", ""},
+    {"PortWithLeadingBlank", {}, " 7000", nullptr, 0, "", ""},
+    {"PortWithPlusSign", {}, "+7000", nullptr, 0, "", ""},
+    {"PortWithMinusSign", {}, "-7000", nullptr, 0, "", ""},
+    {"CommandLinePortWins", {"-p", "6000"}, "7000", nullptr, 6000, "", ""},
+    {"CommandLinePortZeroAsksTheEnvironment",
+     {"-p", "0"},
+     "7000",
+     nullptr,
+     7000,
+     "",
+     "Using port number 7000 from environment\n"},
+    {"AddressTaken",
+     {},
+     nullptr,
+     "10.0.0.6",
+     0,
+     "10.0.0.6",
+     "Using bind address 10.0.0.6 from environment\n"},
+    {"AddressEmpty", {}, nullptr, "", 0, "", ""},
+    {"CommandLineAddressWins", {"-b", "10.0.0.5"}, nullptr, "10.0.0.6", 0, "10.0.0.5", ""},
+    {"BothAfterAPlatformArgument",
+     {"-platform", "wayland"},
+     "7000",
+     "10.0.0.6",
+     7000,
+     "10.0.0.6",
+     "Using port number 7000 from environment\nUsing bind address 10.0.0.6 from environment\n"},
+};
+
+INSTANTIATE_TEST_SUITE_P(CommandLine, StartEnvironmentCases, testing::ValuesIn(ENVIRONMENT_CASES),
+                         [](const auto& each) { return std::string(each.param.name); });
+
+TEST(CommandLine, LongBindAddressFromTheEnvironmentIsCutAndNamedAsCopied) {
+    const ChildRun run = runChild([] {
+        const ScopedVariable port("VELANTRIX_SERVER_PORT", nullptr);
+        const ScopedVariable address("VELANTRIX_SERVER_BINDADDR", std::string(300, 'b').c_str());
+        scan({});
+        readStartEnvironment();
+        EXPECT_EQ(getCmdBindAddr(), std::string(255, 'b'));
+    });
+    EXPECT_EQ(run.out, "Using bind address " + std::string(255, 'b') + " from environment\n");
+}
+
+}  // namespace

@@ -1,0 +1,214 @@
+#include "app/core_life.h"
+
+#include <atomic>
+#include <memory>
+#include <thread>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "app/Thread.h"
+#include "app/VelantrixServerNoGUI.h"
+#include "stream/report_target.h"
+#include "tests/fakes/child_run.h"
+#include "tests/fakes/fake_workers.h"
+
+namespace {
+
+// Everything that a report touches is static: the object may be gone when it goes on.
+std::atomic<bool> insideReport{false};
+std::atomic<bool> releaseReport{false};
+std::atomic<int> frontEndReports{0};
+
+void waitUntil(const std::atomic<bool>& flag) {
+    for (int waited = 0; waited < 15000 && !flag.load(); ++waited) {
+        usleep(1000);
+    }
+    EXPECT_TRUE(flag.load());
+}
+
+/// A front end as the window is one: derived, and closing the core first when it is destroyed.
+class FrontEnd : public VelantrixServerNoGUI {
+  public:
+    explicit FrontEnd(void (*serve)(void*) = nullptr) : serveReports(serve) {}
+    ~FrontEnd() override { closeCore(serveReports, nullptr); }
+
+    void SetClientStatus(int /*count*/, const char* /*name*/, bool /*direct*/) override {
+        ++frontEndReports;
+        insideReport.store(true);
+        while (!releaseReport.load()) {
+            usleep(1000);
+        }
+    }
+    void emitShowMessage(const char* /*message*/) override { ++frontEndReports; }
+
+  private:
+    void (*serveReports)(void*);
+};
+
+void reportStatus() {
+    reportToCore([](VelantrixServerNoGUI& core) { core.SetClientStatus(1, "", false); });
+}
+
+void reportActivity() {
+    reportToCore([](VelantrixServerNoGUI& core) { core.SetAudioCaptureActive(); });
+}
+
+void reportMessage(const char* text) {
+    reportToCore([text](VelantrixServerNoGUI& core) { core.emitShowMessage(text); });
+}
+
+TEST(CoreLife, CaptureThreadHeldInsideAReportUntilTheCoreIsGoneTouchesNothing) {
+    const ChildRun run = runChild([] {
+        auto core = std::make_unique<FrontEnd>();
+        mainDialog.store(core.get());
+        static std::atomic<bool> left{false};
+        std::thread capture([] {
+            reportStatus();
+            // Late reports of the same thread, as of the next capture block.
+            reportMessage("late");
+            reportStatus();
+            reportActivity();
+            left.store(true);
+        });
+        waitUntil(insideReport);
+        core.reset();
+        EXPECT_FALSE(left.load()) << "the report was not held";
+        releaseReport.store(true);
+        capture.join();
+        EXPECT_EQ(frontEndReports, 1) << "a late report reached the destroyed front end";
+    });
+    EXPECT_EQ(run.out, "late\nVelantrixServer: Audio capture running\n");
+}
+
+TEST(CoreLife, ReportThatEndsInTimeIsWaitedFor) {
+    runChild([] {
+        static std::atomic<bool> left{false};
+        static std::atomic<bool> leftBeforeTheEnd{false};
+        struct Watched : FrontEnd {
+            using FrontEnd::FrontEnd;
+            ~Watched() override {
+                closeCore([](void*) { releaseReport.store(true); }, nullptr);
+                leftBeforeTheEnd.store(left.load());
+            }
+        };
+        auto core = std::make_unique<Watched>();
+        mainDialog.store(core.get());
+        std::thread capture([] {
+            const CorePin pin;
+            reportStatus();
+            left.store(true);
+        });
+        waitUntil(insideReport);
+        core.reset();
+        capture.join();
+        EXPECT_TRUE(leftBeforeTheEnd.load());
+    });
+}
+
+TEST(CoreLife, ManyReportsDuringTheEndReachOneOfTheTwoCores) {
+    // For the thread sanitizer: reports go on while the object is destroyed.
+    const ChildRun run = runChild([] {
+        releaseReport.store(true);
+        static std::atomic<bool> stop{false};
+        std::thread capture([] {
+            while (!stop.load()) {
+                reportStatus();
+                reportActivity();
+            }
+        });
+        for (int i = 0; i < 5; ++i) {
+            auto core = std::make_unique<FrontEnd>();
+            mainDialog.store(core.get());
+            const int before = frontEndReports;
+            for (int waited = 0; waited < 5000 && frontEndReports == before; ++waited) {
+                usleep(1000);
+            }
+            EXPECT_GT(frontEndReports, before);
+            core.reset();
+        }
+        const int after = frontEndReports;
+        usleep(20000);
+        EXPECT_EQ(frontEndReports, after);
+        stop.store(true);
+        capture.join();
+    });
+    EXPECT_EQ(run.status, 0);
+}
+
+TEST(CoreLife, StagesFollowTheDestruction) {
+    runChild([] {
+        static CoreStage duringClose = CoreStage::Destroyed;
+        auto core = std::make_unique<FrontEnd>();
+        fakeWorkers().closeCapture = [] { duringClose = CorePin().stage(); };
+        {
+            const CorePin pin;
+            EXPECT_EQ(pin.stage(), CoreStage::Alive);
+            EXPECT_TRUE(static_cast<bool>(pin));
+        }
+        core.reset();
+        EXPECT_EQ(duringClose, CoreStage::Closing);
+        const CorePin pin;
+        EXPECT_EQ(pin.stage(), CoreStage::Destroyed);
+        EXPECT_FALSE(static_cast<bool>(pin));
+    });
+}
+
+TEST(CoreLife, UnpinnedThreadIsNotWaitedForAndLearnsOfTheEnd) {
+    runChild([] {
+        static std::atomic<bool> waiting{false};
+        static std::atomic<bool> goOn{false};
+        auto core = std::make_unique<FrontEnd>();
+        std::thread check([] {
+            const CorePin pin;
+            CoreUnpin unpin;
+            waiting.store(true);
+            waitUntil(goOn);
+            EXPECT_FALSE(unpin.repin());
+        });
+        waitUntil(waiting);
+        core.reset();
+        goOn.store(true);
+        check.join();
+        // Its pins are balanced: the next object's end waits for nobody.
+        EXPECT_EQ(CorePin().stage(), CoreStage::Destroyed);
+    });
+}
+
+TEST(CoreLife, RepinWhileAliveSaysSo) {
+    runChild([] {
+        const auto core = std::make_unique<FrontEnd>();
+        const CorePin pin;
+        CoreUnpin unpin;
+        EXPECT_TRUE(unpin.repin());
+    });
+}
+
+TEST(CoreLife, ReportsBeforeThereIsATargetAreDropped) {
+    const ChildRun run = runChild([] {
+        reportMessage("to nobody");
+        reportStatus();
+    });
+    EXPECT_EQ(run.out, "");
+    EXPECT_EQ(run.status, 0);
+}
+
+TEST(CoreLife, NetworkThreadThatStartsAfterTheEndKeepsTheEverlastingCore) {
+    const ChildRun run = runChild([] {
+        static std::atomic<bool> reported{false};
+        fakeWorkers().networkHost = [] {
+            reportMessage("busy port");
+            reported.store(true);
+        };
+        auto* const core = new FrontEnd;
+        core->init();
+        waitUntil(reported);
+        EXPECT_EQ(frontEndReports, 1);
+        delete core;
+        reportMessage("after the end");
+        EXPECT_EQ(frontEndReports, 1);
+    });
+    EXPECT_EQ(run.out, "Velantrix Server v3.1\nafter the end\n");
+}
+
+}  // namespace

@@ -1,0 +1,263 @@
+#include <cerrno>
+#include <chrono>
+#include <functional>
+#include <new>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "app/Thread.h"
+#include "app/VelantrixServerNoGUI.h"
+#include "tests/fakes/call_faults.h"
+#include "tests/fakes/child_run.h"
+#include "tests/fakes/fake_workers.h"
+
+/// Reaches the core's flags.
+struct CoreTestAccess {
+    static bool captureActive(const VelantrixServerNoGUI& core) { return core.audioCaptureActive; }
+    static bool shutdownDone(const VelantrixServerNoGUI& core) { return core.audioShutdownDone; }
+    static int startAudioThread(VelantrixServerNoGUI& core) {
+        return core.audioCommThread.start([](void*) -> void* { return nullptr; }, nullptr);
+    }
+};
+
+namespace {
+
+using Calls = std::vector<std::string>;
+using Clock = std::chrono::steady_clock;
+
+const char* const SLOW_SHUTDOWN =
+    "VelantrixServer: Audio shutdown is taking a long time, may be caused by an audio driver "
+    "issue. Quitting.\n";
+
+void hangForEver() {
+    for (;;) {
+        pause();
+    }
+}
+
+/// Builds a core, calls `body` with it, and returns how long its destruction took.
+Clock::duration destroyAfter(const std::function<void(VelantrixServerNoGUI&)>& body) {
+    alignas(VelantrixServerNoGUI) static unsigned char room[sizeof(VelantrixServerNoGUI)];
+    auto* const core = new (room) VelantrixServerNoGUI;
+    if (body) {
+        body(*core);
+    }
+    const auto start = Clock::now();
+    core->~VelantrixServerNoGUI();
+    return Clock::now() - start;
+}
+
+TEST(Core, ConstructionStartsNothing) {
+    runChild([] {
+        static VelantrixServerNoGUI core;
+        EXPECT_EQ(countOf(Call::PthreadCreate), 0);
+        EXPECT_FALSE(CoreTestAccess::captureActive(core));
+        EXPECT_FALSE(CoreTestAccess::shutdownDone(core));
+        EXPECT_EQ(workerCalls(), Calls{});
+    });
+}
+
+TEST(CoreInit, PrintsTheBannerAndStartsThreeThreads) {
+    const ChildRun run = runChild([] {
+        static auto* const core = new VelantrixServerNoGUI;
+        core->init();
+        EXPECT_TRUE(waitForWorker("network") && waitForWorker("discovery") &&
+                    waitForWorker("version check"));
+        EXPECT_EQ(countOf(Call::PthreadCreate), 3);
+        EXPECT_EQ(fakeWorkers().hostCore.load(), core);
+    });
+    EXPECT_EQ(run.out, "Velantrix Server v3.1\n");
+    EXPECT_EQ(run.status, 0);
+}
+
+TEST(CoreInit, LoadsTheSettingsBeforeAnyThreadAndInitialisesHttpBeforeTheVersionCheck) {
+    runChild([] {
+        // Each worker runs to its record before the main thread goes on: the order is then fixed.
+        static auto* const core = new VelantrixServerNoGUI;
+        fakeWorkers().networkHost = [] { waitForWorker("http init"); };
+        core->init();
+        EXPECT_TRUE(waitForWorker("version check"));
+        const Calls calls = workerCalls();
+        EXPECT_EQ(calls.front(), "settings");
+        const auto place = [&calls](const char* name) {
+            return std::find(calls.begin(), calls.end(), name) - calls.begin();
+        };
+        EXPECT_LT(place("http init"), place("version check"));
+    });
+}
+
+/// Which of the three starts fails, and what comes of it.
+struct StartFailure {
+    const char* name;
+    int nth;
+    const char* line;
+    int status;
+};
+
+void PrintTo(const StartFailure& failure, std::ostream* out) {
+    *out << failure.name;
+}
+
+class FailedThreadStart : public testing::TestWithParam<StartFailure> {};
+
+TEST_P(FailedThreadStart, IsReportedWithItsCode) {
+    const StartFailure& failure = GetParam();
+    const ChildRun run = runChild([&failure] {
+        failCall(Call::PthreadCreate, failure.nth, EAGAIN);
+        (new VelantrixServerNoGUI)->init();
+        EXPECT_EQ(countOf(Call::PthreadCreate), 3);
+    });
+    EXPECT_EQ(run.out, std::string("Velantrix Server v3.1\n") + failure.line);
+    EXPECT_EQ(run.status, failure.status);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    CoreInit, FailedThreadStart,
+    testing::Values(StartFailure{"Network", 1, "Could not create audio thread, err = 1011\n", 255},
+                    StartFailure{"Discovery", 2,
+                                 "Could not create multicast receive thread, err = 1011\n", 255},
+                    StartFailure{"VersionCheckIsNotFatal", 3,
+                                 "Could not create version check thread, err = 1011\n", 0}),
+    [](const auto& each) { return each.param.name; });
+
+TEST(CoreInit, ThreadThatAlreadyRunsIsReportedAsTen) {
+    const ChildRun run = runChild([] {
+        auto* const core = new VelantrixServerNoGUI;
+        EXPECT_EQ(CoreTestAccess::startAudioThread(*core), 0);
+        core->init();
+    });
+    EXPECT_EQ(run.out, "Velantrix Server v3.1\nCould not create audio thread, err = 10\n");
+    EXPECT_EQ(run.status, 255);
+}
+
+TEST(CoreReports, CaptureIsAnnouncedOncePerProcess) {
+    const ChildRun run = runChild([] {
+        for (int i = 0; i < 2; ++i) {
+            auto* const core = new VelantrixServerNoGUI;
+            EXPECT_FALSE(CoreTestAccess::captureActive(*core));
+            for (int buffer = 0; buffer < 100; ++buffer) {
+                core->SetAudioCaptureActive();
+                EXPECT_TRUE(CoreTestAccess::captureActive(*core));
+            }
+        }
+    });
+    EXPECT_EQ(run.out, "VelantrixServer: Audio capture running\n");
+}
+
+TEST(CoreReports, MessagesArePrintedAsLines) {
+    const ChildRun run = runChild([] {
+        auto* const core = new VelantrixServerNoGUI;
+        core->emitShowMessage("a %s message");
+        core->emitShowMessage("with its own line end\n");
+    });
+    EXPECT_EQ(run.out, "a %s message\nwith its own line end\n\n");
+}
+
+TEST(CoreReports, ClientStatusHasNoVisibleEffect) {
+    const ChildRun run = runChild([] {
+        auto* const core = new VelantrixServerNoGUI;
+        core->SetClientStatus(1, "", false);
+        core->SetClientStatus(1, "a name", false);
+        core->SetClientStatus(0, nullptr, false);
+        core->SetClientStatus(0, nullptr, true);
+    });
+    EXPECT_EQ(run.out + run.err, "");
+}
+
+TEST(CoreShutdown, FastCloseIsNotWaitedForLong) {
+    const ChildRun run = runChild([] {
+        const auto took = destroyAfter(nullptr);
+        EXPECT_LT(took, std::chrono::milliseconds(2500));
+        EXPECT_EQ(workerCalls(), Calls{"close"});
+        EXPECT_EQ(countOf(Call::PthreadCreate), 1);
+    });
+    EXPECT_EQ(run.out, "");
+}
+
+TEST(CoreShutdown, CloseThatFailsCountsAsDone) {
+    const ChildRun run = runChild([] {
+        fakeWorkers().closeResult = -9986;
+        destroyAfter(nullptr);
+    });
+    EXPECT_EQ(run.out, "");
+}
+
+TEST(CoreShutdown, SlowCloseWithinThePatienceIsWaitedFor) {
+    const ChildRun run = runChild([] {
+        fakeWorkers().closeCapture = [] { Sleep(900); };
+        EXPECT_GE(destroyAfter(nullptr), std::chrono::milliseconds(900));
+    });
+    EXPECT_EQ(run.out, "");
+}
+
+TEST(CoreShutdown, CloseThatNeverReturnsIsReportedOnceAfterThreeSeconds) {
+    const ChildRun run = runChild([] {
+        fakeWorkers().closeCapture = hangForEver;
+        const auto took = destroyAfter(nullptr);
+        EXPECT_GE(took, std::chrono::milliseconds(3000));
+        EXPECT_LT(took, std::chrono::milliseconds(8000));
+    });
+    EXPECT_EQ(run.out, SLOW_SHUTDOWN);
+    EXPECT_EQ(run.status, 0);
+}
+
+TEST(CoreShutdown, CloseThatReturnsAfterTheObjectWentTouchesNothing) {
+    // The object's room is filled with a pattern that a late write would change.
+    const ChildRun run = runChild([] {
+        static std::atomic<bool> release{false};
+        static std::atomic<bool> returned{false};
+        fakeWorkers().closeCapture = [] {
+            while (!release.load()) {
+                usleep(1000);
+            }
+            returned.store(true);
+        };
+        static unsigned char* room = nullptr;
+        destroyAfter(
+            [](VelantrixServerNoGUI& core) { room = reinterpret_cast<unsigned char*>(&core); });
+        std::fill_n(room, sizeof(VelantrixServerNoGUI), static_cast<unsigned char>(0xA5));
+        release.store(true);
+        while (!returned.load()) {
+            usleep(1000);
+        }
+        usleep(100000);
+        for (std::size_t i = 0; i < sizeof(VelantrixServerNoGUI); ++i) {
+            ASSERT_EQ(room[i], 0xA5) << "byte " << i;
+        }
+    });
+    EXPECT_EQ(run.out, SLOW_SHUTDOWN);
+}
+
+TEST(CoreShutdown, FailedStartOfTheShutdownThreadIsReportedAndNotWaitedFor) {
+    const ChildRun run = runChild([] {
+        failCall(Call::PthreadCreate, 1, EAGAIN);
+        EXPECT_LT(destroyAfter(nullptr), std::chrono::milliseconds(2500));
+        EXPECT_EQ(workerCalls(), Calls{});
+    });
+    EXPECT_EQ(run.out, "Could not create audio shutdown thread, err = 1011\n");
+    EXPECT_EQ(run.status, 0);
+}
+
+TEST(CoreShutdown, LeavesTheWorkersRunning) {
+    runChild([] {
+        static std::atomic<int> ticks{0};
+        fakeWorkers().networkHost = [] {
+            for (;;) {
+                ++ticks;
+                usleep(1000);
+            }
+        };
+        destroyAfter([](VelantrixServerNoGUI& core) {
+            core.init();
+            EXPECT_TRUE(waitForWorker("network"));
+        });
+        const int before = ticks;
+        for (int waited = 0; waited < 5000 && ticks == before; ++waited) {
+            usleep(1000);
+        }
+        EXPECT_GT(ticks, before);
+    });
+}
+
+}  // namespace

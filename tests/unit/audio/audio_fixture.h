@@ -1,0 +1,26 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "audio/Audio.h"
+#include "tests/fakes/child_run.h"
+#include "tests/fakes/fake_portaudio.h"
+
+/// What the code under test handed to the sending side.
+struct HandOver {
+    const char* buffer;
+    int length;
+    bool hasInput;
+    std::vector<std::int16_t> samples;  ///< Copied: everything behind the header room.
+    std::int32_t compressionIndex;      ///< At the time of the call.
+};
+
+/// The hand-overs of this process, in their order; stands in for the send path.
+std::vector<HandOver>& handOvers();
+
+/// Runs `body` in a child process in which "-verbose" was given or not.
+ChildRun runWithVerbose(bool verbose, const std::function<void()>& body);

@@ -1,0 +1,264 @@
+#include "stream/network_host.h"
+
+#include <arpa/inet.h>
+#include <cerrno>
+#include <sys/socket.h>
+#include <thread>
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include "app/VelantrixServerNoGUI.h"
+#include "app/command_line.h"
+#include "audio/Audio.h"
+#include "stream/client_table.h"
+#include "stream/opus_bank.h"
+#include "stream/report_target.h"
+#include "tests/fakes/call_faults.h"
+#include "tests/fakes/child_run.h"
+#include "tests/fakes/fake_portaudio.h"
+
+namespace {
+
+using Arguments = std::vector<const char*>;
+
+const char* const INITIALIZING = "Initializing server network communication\n";
+const char* const DEFAULT_PORT = "Using default port number 59010\n";
+const char* const CAPTURE =
+    "Initializing PortAudio\n"
+    "PortAudio reported default input device sample rate is 48000 (may not be accurate)\n"
+    "Audio stream info: sample rate = 48000, input latency = 0.025 sec\n"
+    "Audio input device opened successfully\n";
+const char* const CREATION_FAILED =
+    "An error occurred while creating network server host, network port may be busy (try "
+    "rebooting)";
+
+/// Runs the network host with these arguments in a child until it sleeps, then `body`.
+ChildRun runHost(const Arguments& arguments, const std::function<void()>& prepare = nullptr,
+                 const std::function<void()>& body = nullptr) {
+    return runChild([&] {
+        Arguments argv{"VelantrixServer"};
+        argv.insert(argv.end(), arguments.begin(), arguments.end());
+        scanArguments(static_cast<int>(argv.size()), argv.data());
+        unsetenv("VELANTRIX_SERVER_SAMPLE_RATE");
+        if (prepare) {
+            prepare();
+        }
+        auto* const core = new VelantrixServerNoGUI;
+        std::thread([core] { enetHost(core); }).detach();
+        for (int waited = 0; waited < 10000 && !fakePortAudio().started; ++waited) {
+            usleep(1000);
+        }
+        EXPECT_EQ(mainDialog.load(), core);
+        usleep(50000);  // For the last line.
+        if (body) {
+            body();
+        }
+    });
+}
+
+TEST(NetworkHost, StartsOnTheDefaultPortThenOpensTheCapture) {
+    const ChildRun run = runHost({}, nullptr, [] {
+        EXPECT_EQ(server->address.port, 59010);
+        EXPECT_EQ(server->address.host, ENET_HOST_ANY);
+        EXPECT_EQ(server->peerCount, 32U);
+        EXPECT_EQ(server->channelLimit, 2U);
+        EXPECT_EQ(server->incomingBandwidth, 0U);
+        EXPECT_EQ(server->outgoingBandwidth, 0U);
+        EXPECT_GE(server->mtu, 1400U);
+        EXPECT_NE(opusEnc[1], nullptr);
+        EXPECT_TRUE(getVxOptionAltRate());
+    });
+    EXPECT_EQ(run.out, std::string(INITIALIZING) + DEFAULT_PORT + CAPTURE);
+    EXPECT_EQ(run.err, "");
+}
+
+TEST(NetworkHost, ClearsTheTableFirst) {
+    runHost(
+        {},
+        [] {
+            for (ClientSlot& slot : clientConn) {
+                slot.protocolVersion = 9;
+                slot.dataRequested = 1;
+            }
+        },
+        [] {
+            for (const ClientSlot& slot : clientConn) {
+                EXPECT_EQ(slot.protocolVersion, 0U);
+                EXPECT_EQ(slot.dataRequested, 0);
+            }
+        });
+}
+
+TEST(NetworkHost, CreatesTheEncodersBeforeTheNetwork) {
+    const ChildRun run = runHost(
+        {}, [] { failCall(Call::OpusEncoderCreate, 2, -7); },
+        [] {
+            const std::vector<std::string> log = callLog();
+            ASSERT_GE(log.size(), 6U);
+            EXPECT_EQ(log[3], "opus_encoder_create");
+            EXPECT_EQ(log[4], "enet_initialize");
+            EXPECT_EQ(log[5], "enet_host_create");
+        });
+    EXPECT_EQ(run.out.rfind("Warning, could not initialize Opus encoder 2 (memory allocation "
+                            "failed)\n" +
+                                std::string(INITIALIZING),
+                            0),
+              0U)
+        << run.out;
+}
+
+/// A port setting and what is bound.
+struct PortCase {
+    const char* name;
+    const char* argument;
+    int port;
+    const char* line;
+};
+
+void PrintTo(const PortCase& portCase, std::ostream* out) {
+    *out << portCase.name;
+}
+
+class HostPort : public testing::TestWithParam<PortCase> {};
+
+TEST_P(HostPort, IsBoundAndPrinted) {
+    const PortCase& expected = GetParam();
+    const ChildRun run = runHost({"-p", expected.argument}, nullptr,
+                                 [&expected] { EXPECT_EQ(server->address.port, expected.port); });
+    EXPECT_EQ(run.out, std::string(INITIALIZING) + expected.line + CAPTURE);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    NetworkHost, HostPort,
+    testing::Values(PortCase{"Chosen", "6000", 6000, "Binding to port number 6000\n"},
+                    PortCase{"Highest", "65535", 65535, "Binding to port number 65535\n"},
+                    PortCase{"Zero", "0", 59010, "Using default port number 59010\n"},
+                    PortCase{"LowBitsZero", "65536", 59010, "Using default port number 59010\n"},
+                    PortCase{"OnlyTheLowBits", "71536", 6000, "Binding to port number 6000\n"},
+                    PortCase{"Negative", "-1", 65535, "Binding to port number 65535\n"}),
+    [](const auto& each) { return std::string(each.param.name); });
+
+TEST(NetworkHost, BindsToAChosenAddress) {
+    const ChildRun run = runHost({"-b", "127.0.0.1"}, nullptr,
+                                 [] { EXPECT_EQ(server->address.host, inet_addr("127.0.0.1")); });
+    EXPECT_EQ(run.out, std::string(INITIALIZING) + "Binding server to address '127.0.0.1'\n" +
+                           DEFAULT_PORT + CAPTURE);
+}
+
+TEST(NetworkHost, BindsToAHostName) {
+    runHost({"-b", "localhost"}, nullptr,
+            [] { EXPECT_EQ(server->address.host, inet_addr("127.0.0.1")); });
+}
+
+TEST(NetworkHost, UnresolvableAddressIsWarnedOfAndForgotten) {
+    for (const std::string& address :
+         {std::string("no.such.host.invalid"), std::string("x.invalid") + std::string(46, 'y')}) {
+        const ChildRun run = runHost({"-b", address.c_str()}, nullptr, [] {
+            EXPECT_EQ(server->address.host, ENET_HOST_ANY);
+            EXPECT_STREQ(getCmdBindAddr(), "");
+        });
+        // The message ends its own line and is printed as a line: an empty one follows.
+        EXPECT_EQ(run.out,
+                  std::string(INITIALIZING) + "Binding server to address '" + address +
+                      "'\nWarning, could not bind server to address '" + address.substr(0, 50) +
+                      "' check environment variable VELANTRIX_SERVER_BINDADDR and/or command line "
+                      "parameter. Using INADDR_ANY.\n\n" +
+                      DEFAULT_PORT + CAPTURE);
+    }
+}
+
+TEST(NetworkHost, FailedInitialisationEndsTheProcess) {
+    const ChildRun run = runHost({}, [] { failCall(Call::EnetInitialize, 1, -1); });
+    EXPECT_EQ(run.out, std::string(INITIALIZING) +
+                           "An error occurred while initializing network communication\n");
+    EXPECT_EQ(run.status, 255);
+}
+
+TEST(NetworkHost, BusyPortEndsTheProcess) {
+    const ChildRun run = runHost({}, [] {
+        const int other = socket(AF_INET, SOCK_DGRAM, 0);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_port = htons(59010);
+        EXPECT_EQ(bind(other, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    });
+    EXPECT_EQ(run.out, std::string(INITIALIZING) + DEFAULT_PORT +
+                           "Network port busy (another Velantrix Server may already be running)\n");
+    EXPECT_EQ(run.status, 255);
+}
+
+TEST(NetworkHost, OtherFailureOfTheHostEndsTheProcess) {
+    const ChildRun run = runHost({}, [] { failCall(Call::EnetHostCreate, 1, EACCES); });
+    EXPECT_EQ(run.out, std::string(INITIALIZING) + DEFAULT_PORT + CREATION_FAILED + "\n");
+    EXPECT_EQ(run.status, 255);
+}
+
+TEST(NetworkHost, OtherFailureNamesTheBindAddress) {
+    // Leading zeros make a long address that can be resolved; the message shows 50 characters.
+    const std::string longAddress = std::string(51, '0') + "177.0.0.1";
+    for (const std::string& address : {std::string("127.0.0.1"), longAddress}) {
+        const ChildRun run =
+            runHost({"-b", address.c_str()}, [] { failCall(Call::EnetHostCreate, 1, EACCES); });
+        EXPECT_EQ(run.out, std::string(INITIALIZING) + "Binding server to address '" + address +
+                               "'\n" + DEFAULT_PORT + CREATION_FAILED +
+                               " or could not bind server to address '" + address.substr(0, 50) +
+                               "' (check environment variable VELANTRIX_SERVER_BINDADDR and/or "
+                               "command line parameter)\n\n");
+        EXPECT_EQ(run.status, 255);
+    }
+}
+
+TEST(NetworkHost, FailureAfterAnUnresolvableAddressDoesNotNameItAgain) {
+    const ChildRun run =
+        runHost({"-b", "no.such.host.invalid"}, [] { failCall(Call::EnetHostCreate, 1, EACCES); });
+    EXPECT_EQ(run.out.substr(run.out.find(DEFAULT_PORT)),
+              std::string(DEFAULT_PORT) + CREATION_FAILED + "\n");
+    EXPECT_EQ(run.status, 255);
+}
+
+TEST(NetworkHost, AddressOfAnotherMachineCannotBeBound) {
+    const ChildRun run = runHost({"-b", "192.0.2.77"});
+    EXPECT_NE(run.out.find(std::string(CREATION_FAILED) +
+                           " or could not bind server to address '192.0.2.77'"),
+              std::string::npos)
+        << run.out;
+    EXPECT_EQ(run.status, 255);
+}
+
+TEST(NetworkHost, WithoutACaptureItGoesOnAndServicesNothing) {
+    const ChildRun run = runChild([] {
+        const char* argv[] = {"VelantrixServer"};
+        scanArguments(1, argv);
+        fakePortAudio().openResult = paDeviceUnavailable;
+        auto* const core = new VelantrixServerNoGUI;
+        std::thread([core] { enetHost(core); }).detach();
+        usleep(700000);
+        EXPECT_EQ(countOf(Call::EnetHostCreate), 1);
+        EXPECT_EQ(countOf(Call::EnetHostService), 0);
+        EXPECT_FALSE(getVxOptionAltRate());
+    });
+    EXPECT_EQ(run.err,
+              "An error occured while opening the portaudio stream\n"
+              "Error message: Device unavailable\n"
+              "Error -9985 opening audio input device\n");
+    EXPECT_EQ(run.out.find("opened successfully"), std::string::npos);
+    EXPECT_EQ(run.status, 0);
+}
+
+TEST(NetworkHost, QuitThatWasFasterKeepsItsReportTarget) {
+    runChild([] {
+        const char* argv[] = {"VelantrixServer"};
+        scanArguments(1, argv);
+        auto* const everlasting = new VelantrixServerNoGUI;
+        auto* const core = new VelantrixServerNoGUI;
+        mainDialog.store(everlasting);
+        std::thread([core] { enetHost(core); }).detach();
+        for (int waited = 0; waited < 10000 && !fakePortAudio().started; ++waited) {
+            usleep(1000);
+        }
+        EXPECT_EQ(mainDialog.load(), everlasting);
+    });
+}
+
+}  // namespace

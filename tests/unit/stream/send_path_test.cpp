@@ -1,0 +1,378 @@
+#include "stream/send_path.h"
+
+#include <numeric>
+
+#include <opus/opus.h>
+
+#include "audio/Audio.h"
+#include "stream/client_table.h"
+#include "stream/network_host.h"
+#include "stream/opus_bank.h"
+#include "tests/fakes/call_faults.h"
+#include "tests/fakes/live_server.h"
+
+namespace {
+
+constexpr int RAW = 1368;
+constexpr int COMPRESSED = 1936;
+constexpr std::uint32_t RELIABLE = 1;
+constexpr std::uint32_t BEST_EFFORT = 0;
+
+constexpr std::uint32_t rate(std::uint32_t code) {
+    return code << 6;
+}
+
+class SendPath : public LiveServer {
+  protected:
+    void SetUp() override {
+        LiveServer::SetUp();
+        buffer.resize(2000);
+        std::iota(buffer.begin(), buffer.end(), static_cast<char>(1));
+    }
+    int process(int length, bool hasInput = true) {
+        return processBuffer(buffer.data(), length, hasInput);
+    }
+    /// The packet that answers one block; the test fails when there is none.
+    const ReceivedPacket& receive(TestClient& client) {
+        const std::size_t before = received;
+        pumpUntil([&client, before] { return client.packets.size() > before; });
+        ++received;
+        return client.packets.back();
+    }
+    std::vector<unsigned char> payloadOf(int length) {
+        return {buffer.begin() + 16, buffer.begin() + length};
+    }
+    static std::vector<unsigned char> payloadOf(const ReceivedPacket& packet) {
+        return {packet.bytes.begin() + 16, packet.bytes.end()};
+    }
+    std::vector<char> buffer;
+    std::size_t received = 0;
+};
+
+TEST_F(SendPath, WithoutClientsOnlyTheCountersAdvance) {
+    process(RAW);
+    EXPECT_EQ(seqNum, 1U);
+    EXPECT_EQ(seqNumComp, 0U);
+    process(COMPRESSED);
+    process(COMPRESSED);
+    EXPECT_EQ(seqNum, 1U);
+    EXPECT_EQ(seqNumComp, 2U);
+    EXPECT_EQ(countOf(Call::OpusEncode), 0);
+    EXPECT_EQ(countOf(Call::EnetPacketCreate), 0);
+    EXPECT_EQ(countOf(Call::EnetHostService), 3);
+}
+
+TEST_F(SendPath, RawPacketIsTheBlockBehindAHeader) {
+    TestClient& client = stream(RELIABLE);
+    seqNum = 0x01020304;
+    const std::vector<unsigned char> samples = payloadOf(RAW);
+    process(RAW);
+    const ReceivedPacket& packet = receive(client);
+    const std::vector<unsigned char> header(packet.bytes.begin(), packet.bytes.begin() + 16);
+    EXPECT_EQ(header, (std::vector<unsigned char>{0, 0, 0, 0, 4, 3, 2, 1, 3, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(packet.bytes.size(), 1368U);
+    EXPECT_EQ(payloadOf(packet), samples);
+    EXPECT_EQ(payloadOf(RAW), samples) << "the samples of the buffer were altered";
+}
+
+TEST_F(SendPath, CountersWrap) {
+    TestClient& client = stream(RELIABLE);
+    seqNum = 0xFFFFFFFF;
+    process(RAW);
+    EXPECT_EQ(receive(client).header.seq, 0xFFFFFFFF);
+    process(RAW);
+    EXPECT_EQ(receive(client).header.seq, 0U);
+    seqNumComp = 0xFFFFFFFF;
+    process(COMPRESSED);
+    EXPECT_EQ(seqNumComp, 0U);
+}
+
+/// A client's choice, the capture rate, and the flags and delivery of what it receives.
+struct FlagsCase {
+    std::uint32_t request;
+    bool is48k;
+    std::uint32_t flags;
+};
+
+void PrintTo(const FlagsCase& flagsCase, std::ostream* out) {
+    *out << "request " << flagsCase.request << (flagsCase.is48k ? " at 48000" : " at 44100");
+}
+
+class PacketFlags : public SendPath, public testing::WithParamInterface<FlagsCase> {};
+
+TEST_P(PacketFlags, TellDeliveryRateAndCode) {
+    const FlagsCase& expected = GetParam();
+    vxOptionAltRate.store(expected.is48k);
+    TestClient& client = stream(expected.request);
+    process(expected.request >> 6 == 0 ? RAW : COMPRESSED);
+    const ReceivedPacket& packet = receive(client);
+    EXPECT_EQ(packet.header.flags, expected.flags);
+    EXPECT_EQ(packet.header.msgId, 0U);
+    EXPECT_EQ(packet.reliable, (expected.flags & 1) != 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(SendPath, PacketFlags,
+                         testing::Values(FlagsCase{RELIABLE, true, 3},
+                                         FlagsCase{RELIABLE, false, 1},
+                                         FlagsCase{BEST_EFFORT, true, 2},
+                                         FlagsCase{BEST_EFFORT, false, 0},
+                                         FlagsCase{RELIABLE | rate(1), true, 0x43},
+                                         FlagsCase{RELIABLE | rate(2), false, 0x81},
+                                         FlagsCase{BEST_EFFORT | rate(3), true, 0xC2},
+                                         FlagsCase{BEST_EFFORT | rate(4), false, 0x100},
+                                         FlagsCase{BEST_EFFORT | rate(5), true, 0x142},
+                                         FlagsCase{RELIABLE | rate(6), true, 0x183},
+                                         FlagsCase{RELIABLE | rate(7), true, 0x1C3}));
+
+class OpusCode : public SendPath, public testing::WithParamInterface<std::uint32_t> {};
+
+TEST_P(OpusCode, ClientsReceiveOneOpusPacketABlock) {
+    TestClient& client = stream(RELIABLE | rate(GetParam()));
+    int error = 0;
+    OpusDecoder* const decoder = opus_decoder_create(48000, 2, &error);
+    for (std::uint32_t block = 0; block < 5; ++block) {
+        process(COMPRESSED);
+        const ReceivedPacket& packet = receive(client);
+        EXPECT_EQ(packet.header.seq, block);
+        EXPECT_GE(packet.bytes.size(), 17U);
+        EXPECT_LE(packet.bytes.size(), 1368U);
+        opus_int16 samples[480 * 2];
+        EXPECT_EQ(opus_decode(decoder, packet.bytes.data() + 16,
+                              static_cast<opus_int32>(packet.bytes.size()) - 16, samples, 480, 0),
+                  480);
+    }
+    opus_decoder_destroy(decoder);
+}
+
+TEST_P(OpusCode, FailedEncoderGivesTheUncompressedFallback) {
+    TestClient& client = stream(rate(GetParam()));
+    for (const int error : {OPUS_BAD_ARG, OPUS_INTERNAL_ERROR}) {
+        failCall(Call::OpusEncode, 1, error);
+        process(COMPRESSED);
+        const ReceivedPacket& packet = receive(client);
+        EXPECT_EQ(packet.bytes.size(), 1936U);
+        EXPECT_EQ(packet.header.rateCode(), GetParam());
+        EXPECT_EQ(payloadOf(packet), payloadOf(COMPRESSED));
+    }
+}
+
+TEST_P(OpusCode, MissingEncoderGivesTheUncompressedFallback) {
+    OpusEncoder* const taken = opusEnc.at(GetParam());
+    opusEnc.at(GetParam()) = nullptr;
+    TestClient& client = stream(RELIABLE | rate(GetParam()));
+    process(COMPRESSED);
+    EXPECT_EQ(receive(client).bytes.size(), 1936U);
+    EXPECT_EQ(countOf(Call::OpusEncode), 0);
+    opus_encoder_destroy(taken);
+}
+
+INSTANTIATE_TEST_SUITE_P(SendPath, OpusCode, testing::Values(1U, 2U, 3U, 5U));
+
+class CodeWithoutEncoder : public SendPath, public testing::WithParamInterface<std::uint32_t> {};
+
+TEST_P(CodeWithoutEncoder, GetsTheFallbackOfEveryCompressedBlock) {
+    TestClient& client = stream(RELIABLE | rate(GetParam()));
+    for (std::uint32_t block = 0; block < 4; ++block) {
+        process(COMPRESSED);
+        const ReceivedPacket& packet = receive(client);
+        EXPECT_EQ(packet.bytes.size(), 1936U);
+        EXPECT_EQ(packet.header.seq, block);
+        EXPECT_EQ(packet.header.rateCode(), GetParam());
+        EXPECT_EQ(payloadOf(packet), payloadOf(COMPRESSED));
+    }
+    EXPECT_EQ(countOf(Call::OpusEncode), 0);
+}
+
+INSTANTIATE_TEST_SUITE_P(SendPath, CodeWithoutEncoder, testing::Values(4U, 6U, 7U));
+
+TEST_F(SendPath, EachRateCodeInUseIsEncodedOnce) {
+    stream(RELIABLE | rate(1));
+    stream(BEST_EFFORT | rate(1));
+    stream(RELIABLE | rate(3));
+    stream(RELIABLE);
+    resetCalls();
+    process(COMPRESSED);
+    EXPECT_EQ(countOf(Call::OpusEncode), 2);
+    EXPECT_EQ(countOf(Call::EnetPeerSend), 3);
+    process(RAW);
+    EXPECT_EQ(countOf(Call::OpusEncode), 2);
+    EXPECT_EQ(countOf(Call::EnetPeerSend), 4);
+}
+
+TEST_F(SendPath, EachPacketIsFlushedAndTheHostServicedLast) {
+    stream(RELIABLE);
+    stream(BEST_EFFORT);
+    resetCalls();
+    process(RAW);
+    EXPECT_EQ(callLog(),
+              (std::vector<std::string>{"enet_packet_create", "enet_peer_send", "enet_host_flush",
+                                        "enet_packet_create", "enet_peer_send", "enet_host_flush",
+                                        "enet_host_service"}));
+}
+
+TEST_F(SendPath, ClientThatAskedForNothingReceivesNothing) {
+    connect(COMPANY | 1);
+    resetCalls();
+    process(RAW);
+    process(COMPRESSED);
+    EXPECT_EQ(countOf(Call::EnetPacketCreate), 0);
+    EXPECT_EQ(countOf(Call::OpusEncode), 0);
+}
+
+TEST_F(SendPath, ClientThatIsBeingDisconnectedIsSkipped) {
+    stream(RELIABLE);
+    stream(RELIABLE | rate(1));
+    for (const std::size_t index : {0U, 1U}) {
+        enet_peer_disconnect(clientConn.at(index).peer, 0);
+        ASSERT_NE(clientConn.at(index).peer->state, ENET_PEER_STATE_CONNECTED);
+    }
+    resetCalls();
+    process(RAW);
+    process(COMPRESSED);
+    EXPECT_EQ(countOf(Call::EnetPacketCreate), 0);
+    EXPECT_EQ(countOf(Call::OpusEncode), 0) << "encoded for nobody";
+}
+
+TEST_F(SendPath, NewChoiceHoldsFromTheNextBlockOn) {
+    TestClient& client = stream(RELIABLE);
+    process(RAW);
+    EXPECT_EQ(receive(client).header.flags, 3U);
+    tell(client, dataRequest(rate(2)));
+    resetCalls();
+    process(RAW);
+    EXPECT_EQ(countOf(Call::EnetPacketCreate), 0);
+    process(COMPRESSED);
+    EXPECT_EQ(receive(client).header.flags, 0x82U);
+}
+
+/// A call and what it does: packets for a raw client, counters, the capture report.
+struct LengthCase {
+    const char* name;
+    int length;
+    bool hasInput;
+    int packets;
+    std::uint32_t rawCount;
+    std::uint32_t compressedCount;
+    int captureReports;
+};
+
+void PrintTo(const LengthCase& lengthCase, std::ostream* out) {
+    *out << lengthCase.name;
+}
+
+class BufferLength : public SendPath, public testing::WithParamInterface<LengthCase> {};
+
+TEST_P(BufferLength, ChoosesWhatHappens) {
+    const LengthCase& expected = GetParam();
+    TestClient& client = stream(RELIABLE);
+    resetCalls();
+    process(expected.length, expected.hasInput);
+    EXPECT_EQ(countOf(Call::EnetPacketCreate), expected.packets);
+    EXPECT_EQ(seqNum, expected.rawCount);
+    EXPECT_EQ(seqNumComp, expected.compressedCount);
+    EXPECT_EQ(core().captureReports, expected.captureReports);
+    EXPECT_EQ(countOf(Call::EnetHostService), 1);
+    if (expected.packets > 0) {
+        const ReceivedPacket& packet = receive(client);
+        EXPECT_EQ(packet.bytes.size(), static_cast<std::size_t>(expected.length));
+        EXPECT_EQ(payloadOf(packet), payloadOf(expected.length));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(SendPath, BufferLength,
+                         testing::Values(LengthCase{"UsualBlock", 1368, true, 1, 1, 0, 1},
+                                         LengthCase{"SubstitutedSilence", 1368, false, 1, 1, 0, 0},
+                                         LengthCase{"OneFrame", 20, true, 1, 1, 0, 1},
+                                         LengthCase{"HeaderOnly", 16, true, 1, 1, 0, 0},
+                                         LengthCase{"BelowTheHeader", 15, true, 0, 0, 0, 0},
+                                         LengthCase{"Nothing", 0, true, 0, 0, 0, 0},
+                                         LengthCase{"Negative", -1, true, 0, 0, 0, 0},
+                                         LengthCase{"JustBelowCompressed", 1932, true, 1, 1, 0, 1},
+                                         LengthCase{"JustAboveCompressed", 1940, true, 1, 1, 0, 1},
+                                         LengthCase{"Compressed", 1936, true, 0, 0, 1, 0}),
+                         [](const auto& each) { return std::string(each.param.name); });
+
+TEST_F(SendPath, CaptureIsReportedAfterTheBlockWasSent) {
+    process(RAW);
+    EXPECT_EQ(core().captureReports, 1) << "also without clients";
+}
+
+TEST_F(SendPath, FailedPacketCostsOneClientOnePacket) {
+    TestClient& first = stream(RELIABLE);
+    TestClient& second = stream(RELIABLE);
+    failCall(Call::EnetPacketCreate, 1, 1);
+    process(RAW);
+    process(RAW);
+    pumpUntil([&] { return first.packets.size() == 1 && second.packets.size() == 2; });
+    EXPECT_EQ(first.packets[0].header.seq, 1U);
+    EXPECT_EQ(second.packets[0].header.seq, 0U);
+}
+
+TEST_F(SendPath, RefusedPacketIsGivenBack) {
+    TestClient& first = stream(RELIABLE);
+    TestClient& second = stream(RELIABLE);
+    resetCalls();
+    failCall(Call::EnetPeerSend, 1, 1);
+    process(RAW);
+    EXPECT_EQ(countOf(Call::EnetPacketDestroy), 1);
+    process(RAW);
+    pumpUntil([&] { return first.packets.size() == 1 && second.packets.size() == 2; });
+    EXPECT_EQ(countOf(Call::EnetPacketDestroy), 1);
+}
+
+TEST_F(SendPath, ResultIsThatOfTheServiceStep) {
+    EXPECT_EQ(process(RAW), 0);
+    failCall(Call::EnetHostService, 1, -1);
+    EXPECT_EQ(process(RAW), -1);
+    failCall(Call::EnetHostService, 1, -1);
+    EXPECT_EQ(process(0), -1);
+    clients.push_back(std::make_unique<TestClient>(COMPANY | 1));
+    int result = 0;
+    pumpUntil([this, &result] {
+        result = process(COMPRESSED);
+        clients[0]->service();
+        return connectCount == 1;
+    });
+    EXPECT_EQ(result, 1);
+}
+
+TEST_F(SendPath, RawPacketToAClientWithASmallerMtuIsOneDatagram) {
+    TestClient& client = connect(COMPANY | 1, 0, 1392);
+    tell(client, dataRequest(RELIABLE));
+    pumpFor(50);
+    const enet_uint32 before = server->totalSentPackets;
+    resetCalls();
+    process(RAW);
+    EXPECT_EQ(receive(client).bytes.size(), 1368U);
+    // One datagram of audio; a service step may add one of acknowledgements or a ping.
+    EXPECT_LE(server->totalSentPackets - before, 2U);
+    EXPECT_EQ(client.host->totalReceivedData > 1368, true);
+}
+
+TEST_F(SendPath, TenClientsOfMixedChoicesEachReceiveTheirs) {
+    const std::uint32_t requests[] = {RELIABLE,           BEST_EFFORT, RELIABLE | rate(1), rate(1),
+                                      RELIABLE | rate(2), rate(3),     RELIABLE | rate(4), rate(5),
+                                      RELIABLE | rate(6), rate(7)};
+    for (const std::uint32_t request : requests) {
+        stream(request);
+    }
+    process(RAW);
+    process(COMPRESSED);
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        SCOPED_TRACE(i);
+        pumpUntil([this, i] { return !clients[i]->packets.empty(); });
+        ASSERT_EQ(clients[i]->packets.size(), 1U);
+        EXPECT_EQ(clients[i]->packets[0].header.flags, requests[i] | 2);
+        EXPECT_EQ(clients[i]->packets[0].reliable, (requests[i] & 1) != 0);
+    }
+}
+
+TEST(TwosCompShort, IsTheUnsignedValueOfItsBytes) {
+    EXPECT_EQ(twosCompShort(0, 0), 0);
+    EXPECT_EQ(twosCompShort(0, 255), 255);
+    EXPECT_EQ(twosCompShort(1, 2), 258);
+    EXPECT_EQ(twosCompShort(0x80, 0), 32768);
+    EXPECT_EQ(twosCompShort(255, 255), 65535);
+}
+
+}  // namespace
