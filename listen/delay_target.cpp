@@ -39,7 +39,14 @@ void DelayTarget::noteArrival(std::int64_t mediaTime, std::int64_t arrival, doub
         quickestNow_ = transit;
         windowEnd_ = arrival + WINDOW_US;
     }
-    count(static_cast<double>(transit - quickest_) / 1000.0);
+    const double latenessMs = static_cast<double>(transit - quickest_) / 1000.0;
+    const bool sameDelay = static_cast<double>(arrival - lastArrival_) < packetMs * 500.0 &&
+                           latenessMs < lastLatenessMs_;
+    lastArrival_ = arrival;
+    lastLatenessMs_ = latenessMs;
+    if (!sameDelay) {
+        count(latenessMs);
+    }
 }
 
 void DelayTarget::count(double latenessMs) {

@@ -7,8 +7,9 @@
 namespace vxlisten {
 
 /// Decides how much sound to keep buffered: at least what the user chose, and as much more as the
-/// network's recent unevenness and recent underruns ask for. Times are given, not taken from a
-/// clock. Not thread-safe. Realtime-safe: yes.
+/// network's recent unevenness and recent underruns ask for. Packets that come at once after a
+/// delay count as one, so that a single long stall does not make all later sound late. Times are
+/// given, not taken from a clock. Not thread-safe. Realtime-safe: yes.
 class DelayTarget {
   public:
     static constexpr double LEAST_MS = 10;
@@ -49,6 +50,8 @@ class DelayTarget {
     std::int64_t quickest_ = 0;     ///< Smallest transit time, of an older and the present window.
     std::int64_t quickestNow_ = 0;  ///< Smallest transit time of the present window.
     std::int64_t windowEnd_ = 0;
+    std::int64_t lastArrival_ = 0;
+    double lastLatenessMs_ = 0;
     std::array<double, BINS> lateness_{};  ///< How many packets were how late, fading with time.
     double total_ = 0;
 };

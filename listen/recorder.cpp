@@ -110,6 +110,15 @@ bool Recorder::wouldOutgrowFormat(std::size_t frames) const {
            bytes + WAV_HEADER_ROOM > std::numeric_limits<std::uint32_t>::max();
 }
 
+void Recorder::refreshHeader(std::size_t frames) {
+    framesSinceHeader_ += frames;
+    const bool due = framesSinceHeader_ >= static_cast<std::size_t>(adapter_->rate());
+    if (due && (format_ & SF_FORMAT_TYPEMASK) == SF_FORMAT_WAV) {
+        sf_command(sound_, SFC_UPDATE_HEADER_NOW, nullptr, 0);
+        framesSinceHeader_ = 0;
+    }
+}
+
 SinkState Recorder::write(const std::int16_t* frames, std::size_t count, int rate) {
     if (!error_.empty() || (sound_ == nullptr && !startFile(rate))) {
         return SinkState::Failed;
@@ -131,6 +140,7 @@ SinkState Recorder::write(const std::int16_t* frames, std::size_t count, int rat
         }
     }
     framesWritten_ += total;
+    refreshHeader(total);
     return SinkState::Open;
 }
 

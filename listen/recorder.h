@@ -32,6 +32,9 @@ class Recorder : public PcmSink {
 
   private:
     bool startFile(int rate);
+    /// Once a second of sound brings a WAV file's header up to date, so that the file can be read
+    /// even if the program is killed.
+    void refreshHeader(std::size_t frames);
     SinkState fail(const std::string& reason);
     [[nodiscard]] SinkState state() const;
     [[nodiscard]] bool wouldOutgrowFormat(std::size_t frames) const;
@@ -43,6 +46,7 @@ class Recorder : public PcmSink {
     std::unique_ptr<RateAdapter> adapter_;
     bool finished_ = false;
     std::uint64_t framesWritten_ = 0;
+    std::size_t framesSinceHeader_ = 0;
     std::string error_;
 };
 

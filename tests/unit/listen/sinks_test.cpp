@@ -150,6 +150,15 @@ TEST_P(FullDisc, IsAFailureNotAShortRecording) {
 INSTANTIATE_TEST_SUITE_P(Recording, FullDisc,
                          testing::Values("a.wav", "a.flac", "a.ogg", "a.opus"));
 
+TEST_F(Recording, AWavFileCanBeReadBeforeItIsFinished) {
+    const auto samples = noise(48000);
+    Recorder recorder;
+    ASSERT_TRUE(recorder.open(path("a.wav")));
+    recorder.write(samples.data(), 48000, 48000);
+    SF_INFO info;
+    EXPECT_EQ(read(path("a.wav"), info), samples);
+}
+
 TEST_F(Recording, AFolderThatIsNotThereIsToldAtOnce) {
     Recorder recorder;
     EXPECT_FALSE(recorder.open(path("missing/a.wav")));

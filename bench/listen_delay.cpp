@@ -1,0 +1,140 @@
+// Delay of the listening client: from the server's callback to the client's output buffer.
+//
+// A server of our own queues a raw block to ENet every 338 frames, as the capture callback does,
+// and the client's receiver and playing side work as in the program, with a device that asks for
+// 480 frames every 10 ms. Every half second one block carries a click; the delay is the time from
+// queueing the block to the moment at which its first sample stands in the output buffer, to the
+// sample. What is not in it: the capture before and the device's own buffer after.
+//
+// One line: the median, the least and the greatest delay in milliseconds, and the number of clicks.
+// The shape to expect: the target of 40 ms, plus the part of a block and of a device buffer that
+// waits for its turn, some 5 to 20 ms.
+//
+// Usage: listen_delay [SECONDS]
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include <enet/enet.h>
+
+#include "listen/clock.h"
+#include "listen/playout.h"
+#include "listen/receiver.h"
+
+namespace {
+
+constexpr int RATE = 48000;
+constexpr std::uint16_t PORT = 59030;
+constexpr std::size_t PERIOD_FRAMES = 480;
+constexpr std::uint32_t CLICK_INTERVAL = 71;  ///< Blocks.
+constexpr std::int16_t CLICK = 20000;
+constexpr int SETTLING_CLICKS = 20;
+
+std::atomic<bool> stop{false};
+std::atomic<std::int64_t> clickSent{0};  ///< Microseconds; 0 once heard.
+
+void sleepUntil(std::int64_t time) {
+    std::this_thread::sleep_for(std::chrono::microseconds(time - vxlisten::steadyNow()));
+}
+
+void sendBlock(ENetHost* server, std::uint32_t seq) {
+    std::vector<unsigned char> bytes(wire::RAW_BUFFER_LENGTH);
+    wire::PacketHeader header;
+    header.seq = seq;
+    header.flags = wire::makeFlags(true, true, 0);
+    wire::writeHeader(bytes.data(), header);
+    if (seq % CLICK_INTERVAL == 0) {
+        for (std::size_t i = 0; i < 200; ++i) {
+            bytes[wire::HEADER_LENGTH + 2 * i] = CLICK & 0xFF;
+            bytes[wire::HEADER_LENGTH + 2 * i + 1] = CLICK >> 8;
+        }
+        clickSent = vxlisten::steadyNow();
+    }
+    enet_host_broadcast(server, 0,
+                        enet_packet_create(bytes.data(), bytes.size(), ENET_PACKET_FLAG_RELIABLE));
+    enet_host_flush(server);
+}
+
+void runServer(ENetHost* server) {
+    const std::int64_t start = vxlisten::steadyNow();
+    for (std::uint32_t seq = 0; !stop; ++seq) {
+        sleepUntil(start + static_cast<std::int64_t>(seq) * wire::RAW_BLOCK_FRAMES *
+                               vxlisten::SECOND / RATE);
+        sendBlock(server, seq);
+        ENetEvent event = {};
+        if (enet_host_service(server, &event, 1) > 0 && event.type == ENET_EVENT_TYPE_RECEIVE) {
+            enet_packet_destroy(event.packet);
+        }
+    }
+}
+
+void runReceiver(vxlisten::Playout& playout) {
+    vxlisten::Receiver receiver;
+    if (!receiver.open() || !receiver.resolve("127.0.0.1", PORT) || !receiver.connect({})) {
+        std::abort();
+    }
+    while (!stop) {
+        const vxlisten::ReceiverEvent event = receiver.service(5);
+        if (event.type == vxlisten::ReceiverEvent::Type::Packet) {
+            const auto packet =
+                vxlisten::parseAudioPacket(event.packet->data, event.packet->dataLength);
+            if (packet) {
+                playout.push(*packet, 1, vxlisten::steadyNow());
+            }
+        }
+    }
+}
+
+/// Plays like a device and returns the delay of every click in milliseconds.
+std::vector<double> runDevice(vxlisten::Playout& playout, double seconds) {
+    std::vector<double> delays;
+    std::vector<std::int16_t> output(PERIOD_FRAMES * 2);
+    const std::int64_t start = vxlisten::steadyNow();
+    const auto periods = static_cast<std::int64_t>(seconds * RATE / PERIOD_FRAMES);
+    for (std::int64_t i = 1; i <= periods; ++i) {
+        const std::int64_t due = start + i * 10 * vxlisten::MILLISECOND;
+        sleepUntil(due);
+        playout.render(output.data(), PERIOD_FRAMES, vxlisten::steadyNow());
+        const auto heard = std::find_if(output.begin(), output.end(),
+                                        [](std::int16_t value) { return value > CLICK / 2; });
+        const std::int64_t sent = clickSent;
+        if (heard != output.end() && sent != 0) {
+            const auto frame = static_cast<double>((heard - output.begin()) / 2);
+            delays.push_back(static_cast<double>(vxlisten::steadyNow() - sent) / 1000.0 +
+                             frame * 1000.0 / RATE);
+            clickSent = 0;
+        }
+    }
+    return delays;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const double seconds = argc > 1 ? std::atof(argv[1]) : 60;
+    enet_initialize();
+    ENetAddress address = {ENET_HOST_ANY, PORT};
+    ENetHost* const server = enet_host_create(&address, 4, 2, 0, 0);
+    vxlisten::Playout playout(RATE, 40);
+    std::thread serving(runServer, server);
+    std::thread receiving(runReceiver, std::ref(playout));
+    std::vector<double> delays = runDevice(playout, seconds);
+    stop = true;
+    serving.join();
+    receiving.join();
+    if (delays.size() <= SETTLING_CLICKS) {
+        std::fputs("listen_delay: too few clicks were heard\n", stderr);
+        return 1;
+    }
+    delays.erase(delays.begin(), delays.begin() + SETTLING_CLICKS);
+    std::sort(delays.begin(), delays.end());
+    std::printf("median %.1f ms, least %.1f ms, greatest %.1f ms, %zu clicks, %llu underruns\n",
+                delays[delays.size() / 2], delays.front(), delays.back(), delays.size(),
+                static_cast<unsigned long long>(playout.figures().underruns.load()));
+    return 0;
+}
