@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr int PIN_PATIENCE_MS = 200;
+constexpr int PIN_PATIENCE_MS = 500;
 
 // Sequentially consistent on purpose: a pin is counted before the stage is read, and the stage is
 // changed before the pins are counted, so one side always sees the other.

@@ -56,7 +56,7 @@ class CoreUnpin {
 void markCoreAlive();
 
 /// First step of the destructors: ends `Alive`, points the streaming side's reports at a plain
-/// core and waits at most 200 ms for the pins, calling `serveReports` (may be null) in between to
+/// core and waits at most 500 ms for the pins, calling `serveReports` (may be null) in between to
 /// release threads that wait for the main thread. Repeated calls do nothing. Thread: main.
 void closeCore(void (*serveReports)(void* context), void* context);
 

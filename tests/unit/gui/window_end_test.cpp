@@ -1,5 +1,6 @@
 // Threads that report while the window is destroyed. The watchdog of the test run catches hangs.
 
+#include <atomic>
 #include <chrono>
 #include <iostream>
 #include <memory>
@@ -7,11 +8,26 @@
 #include <vector>
 
 #include <QLineEdit>
+#include <portaudio.h>
 
 #include "app/core_life.h"
 #include "gui/VelantrixServer.h"
 #include "gui_test.h"
 #include "stream/report_target.h"
+
+namespace {
+
+std::atomic<bool> holdClose{false};
+
+}  // namespace
+
+// Takes the place of the sound library's: closing takes as long as a test wants.
+extern "C" PaError Pa_CloseStream(PaStream*) {
+    while (holdClose.load()) {
+        QThread::msleep(1);
+    }
+    return paBadStreamPtr;
+}
 
 namespace {
 
@@ -50,10 +66,13 @@ TEST_F(WindowEnd, MessageThatWaitsIsReleasedWithoutABox) {
 TEST_F(WindowEnd, QuestionThatWaitsIsAnsweredWithZero) {
     const BoxAnswerer answerer([](QMessageBox& box) { box.accept(); });
     std::atomic<int> answer{-1};
-    const Worker worker([target = window.get(), &answer] {
+    std::atomic<bool> pinned{false};
+    const Worker worker([target = window.get(), &answer, &pinned] {
         const CorePin pin;
+        pinned.store(true);
         answer.store(target->showQuestion(QMessageBox::Information, "t", "q", QMessageBox::Yes));
     });
+    ASSERT_TRUE(spinUntil([&pinned] { return pinned.load(); }));
     letWorkersArrive();
     window.reset();
     EXPECT_TRUE(spinUntil([&worker] { return worker.done(); }));
@@ -78,13 +97,24 @@ TEST_F(WindowEnd, ReportsAfterTheEndGoToAPlainCore) {
 // A thread that sleeps longer between its pin and its report than the window waits for it.
 TEST_F(WindowEnd, ReportBegunAfterThePatienceIsReleasedByTheEndOfTheWindow) {
     std::atomic<bool> pinned{false};
-    const Worker worker([target = window.get(), &pinned] {
+    std::atomic<bool> reporting{false};
+    const Worker worker([target = window.get(), &pinned, &reporting] {
         const CorePin pin;
         pinned.store(true);
-        QThread::msleep(300);
+        QThread::msleep(700);
+        reporting.store(true);
         target->VelantrixServer::SetClientStatus(1, "very late", false);
     });
     ASSERT_TRUE(spinUntil([&pinned] { return pinned.load(); }));
+    // The window goes on waiting for its sound until the report has certainly begun.
+    holdClose.store(true);
+    const Worker closer([&reporting] {
+        while (!reporting.load()) {
+            QThread::msleep(1);
+        }
+        QThread::msleep(300);
+        holdClose.store(false);
+    });
     window.reset();
     EXPECT_TRUE(spinUntil([&worker] { return worker.done(); }));
 }
