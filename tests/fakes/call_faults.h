@@ -17,6 +17,7 @@ enum class Call {
     EnetPacketDestroy,
     EnetPeerSend,
     EnetPeerDisconnect,
+    EnetSocketSetOption,
     OpusEncoderCreate,
     OpusEncode,
     Count
