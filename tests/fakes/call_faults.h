@@ -18,6 +18,7 @@ enum class Call {
     EnetPacketDestroy,
     EnetPeerSend,
     EnetPeerDisconnect,
+    EnetSocketSetOption,
     OpusEncoderCreate,
     OpusEncode,
     Count

@@ -25,6 +25,17 @@ int __wrap_enet_initialize_with_callbacks(ENetVersion version, const ENetCallbac
                : __real_enet_initialize_with_callbacks(version, callbacks);
 }
 
+int __real_enet_socket_set_option(ENetSocket, ENetSocketOption, int);
+
+int __wrap_enet_socket_set_option(ENetSocket socket, ENetSocketOption option, int value) {
+    const int error = noteCall(Call::EnetSocketSetOption, "enet_socket_set_option");
+    if (error != 0) {
+        errno = error;
+        return -1;
+    }
+    return __real_enet_socket_set_option(socket, option, value);
+}
+
 ENetHost* __wrap_enet_host_create(const ENetAddress* address, size_t peers, size_t channels,
                                   enet_uint32 incoming, enet_uint32 outgoing) {
     const DivertedCall diverted;

@@ -203,9 +203,12 @@ class Judge:
         return [line for line in outcome.lines if normal(line) not in self.lines]
 
     def leaks(self, outcome):
-        """Sites that hold more blocks than ever without a failure. New ways are not judged, nor
-        is a capture thread that hangs and still holds what it works on, nor the start record of a
-        thread that could not be started, which is left alone on purpose."""
+        """Sites that hold more blocks than ever without a failure. New ways are not judged, nor are
+        a connection that waits for its time-out, a capture thread that hangs and holds what it
+        works on, the start record of a thread that could not be started, which is left alone on
+        purpose, and a process that a signal ended."""
+        if outcome.status != 0 or not all(outcome.packets):
+            return []
         if any(HANGING_CLOSE in line or re.match(NO_THREAD, line) for line in outcome.lines):
             return []
         return [f"{site.function} {site.way}: {site.live} blocks, else {self.live[number]}"

@@ -194,6 +194,12 @@ TEST(NetworkHost, OtherFailureOfTheHostEndsTheProcess) {
     EXPECT_EQ(run.status, 255);
 }
 
+TEST(NetworkHost, SocketThatWouldHangTheAudioEndsTheProcess) {
+    const ChildRun run = runHost({}, [] { failCall(Call::EnetSocketSetOption, 1, ENOBUFS); });
+    EXPECT_NE(run.out.find(CREATION_FAILED), std::string::npos) << run.out;
+    EXPECT_EQ(run.status, 255);
+}
+
 TEST(NetworkHost, OtherFailureNamesTheBindAddress) {
     // Leading zeros make a long address that can be resolved; the message shows 50 characters.
     const std::string longAddress = std::string(51, '0') + "177.0.0.1";
