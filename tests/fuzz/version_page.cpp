@@ -13,12 +13,12 @@
 
 bool Settings::Warn48kDone = false;
 MinToTrayOption Settings::MinToTray = MinToTrayOption::Taskbar;
-std::string Settings::InputSelect;
+std::string& Settings::InputSelect = *new std::string;
 std::int32_t Settings::FileDialogEncOptMP3 = 2;
 bool Settings::FileDialogTypeMP3 = true;
 bool Settings::EnableHotkeys = true;
 std::int32_t Settings::VersionCheckTime = 0;
-std::string Settings::VersionCheckResponse;
+std::string& Settings::VersionCheckResponse = *new std::string;
 
 void Settings::loadSettings() {
     VersionCheckTime = 0;
