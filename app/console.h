@@ -10,8 +10,8 @@
 
 /// Prepares the standard descriptors (a missing one is opened on "/dev/null", so that no socket
 /// can take its number), makes SIGPIPE harmless, and starts the writing thread.
-/// Until it is called, and without a thread to be had, every line is written by the thread that prints it.
-/// Thread: main, first thing in the program.
+/// Until it is called, and without a thread to be had, every line is written by the thread that
+/// prints it. Thread: main, first thing in the program.
 void consoleStart();
 
 /// Prints formatted text, as printf does; the format brings its own line end.
