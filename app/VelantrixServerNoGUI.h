@@ -18,7 +18,8 @@ class VelantrixServerNoGUI {
     VelantrixServerNoGUI();
 
     /// Closes the audio capture on a thread of its own and waits for it at most 3 s, so that a
-    /// driver that hangs cannot hang the exit. The worker threads end with the process.
+    /// driver that hangs cannot hang the exit; up to a second more when a thread hangs inside a
+    /// report as well. The worker threads end with the process.
     virtual ~VelantrixServerNoGUI();
 
     VelantrixServerNoGUI(const VelantrixServerNoGUI&) = delete;

@@ -1,5 +1,7 @@
 #include "app/command_line.h"
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -12,13 +14,15 @@
 namespace {
 
 std::int32_t CmdPortNum = 0;
-char CmdBindAddr[256] = "";
+constexpr std::size_t LONGEST_ADDRESS = 255;
+char CmdBindAddr[LONGEST_ADDRESS + 1] = "";
+std::atomic<bool> bindAddrGivenUp{false};
 std::uint8_t Verbose = 0;
 
 /// Copies an address into CmdBindAddr, cut to the 255 characters that fit.
 void setBindAddr(const char* address) {
-    std::strncpy(CmdBindAddr, address, sizeof CmdBindAddr - 1);
-    CmdBindAddr[sizeof CmdBindAddr - 1] = '\0';
+    std::strncpy(CmdBindAddr, address, LONGEST_ADDRESS);
+    CmdBindAddr[LONGEST_ADDRESS] = '\0';
 }
 
 std::int32_t toPort(const char* text) {
@@ -63,7 +67,14 @@ int getCmdPortNum() {
 }
 
 char* getCmdBindAddr() {
-    return CmdBindAddr;
+    // The last character is always the terminator: an empty text without writing to the value,
+    // which the main thread may be reading.
+    return bindAddrGivenUp.load(std::memory_order_relaxed) ? &CmdBindAddr[LONGEST_ADDRESS]
+                                                           : CmdBindAddr;
+}
+
+void giveUpCmdBindAddr() {
+    bindAddrGivenUp.store(true, std::memory_order_relaxed);
 }
 
 bool getVerbose() {
@@ -73,6 +84,7 @@ bool getVerbose() {
 ArgumentScan scanArguments(int argc, const char* const* argv) {
     CmdPortNum = 0;
     CmdBindAddr[0] = '\0';
+    bindAddrGivenUp.store(false, std::memory_order_relaxed);
     Verbose = 0;
 
     ArgumentScan scan;

@@ -1,5 +1,6 @@
 #include "app/console.h"
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cerrno>
@@ -13,6 +14,8 @@
 #include <semaphore.h>
 #include <string>
 #include <unistd.h>
+
+#include <climits>
 
 namespace {
 
@@ -35,6 +38,7 @@ sem_t wakeUp;
 
 std::atomic<bool> writerRuns{false};
 std::atomic<bool> readerStalled{false};
+std::atomic_flag writing = ATOMIC_FLAG_INIT;
 thread_local bool deferring = false;
 
 void writeAll(const char* text, std::size_t length) {
@@ -52,15 +56,57 @@ void writeAll(const char* text, std::size_t length) {
     }
 }
 
+/// Takes the turn to write. While one thread has it no other one fills the pipe, so what poll says
+/// holds for the write that follows. Polled, because a wait with a limit is wanted.
+bool takeTurn(int milliseconds) {
+    while (writing.test_and_set(std::memory_order_acquire)) {
+        if (milliseconds-- <= 0) {
+            return false;
+        }
+        ::usleep(1000);
+    }
+    return true;
+}
+
+void passTurn() {
+    writing.clear(std::memory_order_release);
+}
+
+/// Writes while the pipe has room, waiting for it at most `patience` milliseconds each time.
+bool writeInPieces(const char* text, std::size_t length, int patience) {
+    while (length > 0) {
+        pollfd ready{STDOUT_FILENO, POLLOUT, 0};
+        if (::poll(&ready, 1, patience) == 0) {
+            return false;
+        }
+        const std::size_t piece = std::min<std::size_t>(length, PIPE_BUF);
+        writeAll(text, piece);
+        text += piece;
+        length -= piece;
+    }
+    return true;
+}
+
 /// Writes from an ordinary thread: patient once, then not at all until the reader is back.
 void writeWhileRead(const char* text, std::size_t length) {
-    pollfd ready{STDOUT_FILENO, POLLOUT, 0};
     const int patience = readerStalled.load(std::memory_order_relaxed) ? 0 : READER_PATIENCE_MS;
-    const bool stalled = ::poll(&ready, 1, patience) == 0;
-    readerStalled.store(stalled, std::memory_order_relaxed);
-    if (!stalled) {
-        writeAll(text, length);
+    bool complete = false;
+    if (takeTurn(patience)) {
+        complete = writeInPieces(text, length, patience);
+        passTurn();
     }
+    readerStalled.store(!complete, std::memory_order_relaxed);
+    if (!complete) {
+        lost.fetch_add(1, std::memory_order_relaxed);
+    }
+}
+
+/// Writes from the writing thread, which may wait for ever.
+void writePatiently(const char* text, std::size_t length) {
+    while (!takeTurn(READER_PATIENCE_MS)) {
+    }
+    writeAll(text, length);
+    passTurn();
 }
 
 void defer(const char* format, std::va_list arguments) {
@@ -104,7 +150,7 @@ void reportLostLines() {
         char text[96];
         const int length = std::snprintf(
             text, sizeof text, "(%u lines lost: standard output was not read in time)\n", count);
-        writeAll(text, static_cast<std::size_t>(length));
+        writePatiently(text, static_cast<std::size_t>(length));
     }
 }
 
@@ -115,7 +161,7 @@ void* runWriter(void* /*unused*/) {
         unsigned tail = consumed.load(std::memory_order_relaxed);
         while (tail != produced.load(std::memory_order_acquire)) {
             const DeferredLine& line = lines[tail % DEFERRED_LINES];
-            writeAll(line.text, line.length);
+            writePatiently(line.text, line.length);
             consumed.store(++tail, std::memory_order_release);
         }
         reportLostLines();

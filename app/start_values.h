@@ -3,16 +3,20 @@
 /// The values that the command line and the environment give the process.
 ///
 /// They are written by the main thread before any other thread exists and only read afterwards,
-/// so the getters need no lock. Thread: any. Realtime-safe: yes.
+/// so the getters need no lock; giving the bind address up is one atomic flag.
+/// Thread: any. Realtime-safe: yes.
 
 /// UDP port chosen for the ENet host; 0 means not chosen (the host then uses its default).
 int getCmdPortNum();
 
 /// Address text that the ENet host binds to, NUL-terminated; empty means any address.
 ///
-/// Never null. Points at the process-wide value (room for 255 characters). The network thread
-/// empties it when the address cannot be resolved.
+/// Never null. Points at the process-wide value (room for 255 characters), or at an empty text
+/// once the address was given up.
 char* getCmdBindAddr();
+
+/// Empties the bind address for everybody, because it cannot be used. Thread: network.
+void giveUpCmdBindAddr();
 
 /// True when "-verbose" was given.
 bool getVerbose();

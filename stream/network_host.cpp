@@ -56,7 +56,7 @@ void initializeEnet() {
 }
 
 void bindToChosenAddress(ENetAddress& address) {
-    char* const chosen = getCmdBindAddr();
+    const char* const chosen = getCmdBindAddr();
     if (chosen == nullptr || chosen[0] == '\0') {
         return;
     }
@@ -70,7 +70,7 @@ void bindToChosenAddress(ENetAddress& address) {
                   "Warning, could not bind server to address '%.50s' check environment variable "
                   "VELANTRIX_SERVER_BINDADDR and/or command line parameter. Using INADDR_ANY.\n",
                   chosen);
-    chosen[0] = '\0';  // A later failure must not blame this address again.
+    giveUpCmdBindAddr();  // A later failure must not blame this address again.
     showMessage(text);
 }
 

@@ -16,8 +16,8 @@ import time
 from processes import PATIENCE, die_with_parent, wait_until
 
 BUS_LAUNCHERS = ("/usr/libexec/at-spi-bus-launcher", "/usr/lib/at-spi2-core/at-spi-bus-launcher")
-# The toolkit sometimes speaks to the accessibility bus before it is connected, says so in a line
-# that begins like this, and stays unreadable from then on.
+# A toolkit that speaks to the accessibility bus before it is connected says so in a line that
+# begins like this, and stays unreadable from then on.
 NOT_READABLE = "qt.accessibility.atspi:"
 READABLE_AFTER = 10.0  # Seconds; it comes at once or, now and then, never.
 NOT_CONNECTED = re.compile("^" + NOT_READABLE + ".*Not connected")
@@ -69,6 +69,9 @@ class Display:
         if "'" not in answer:
             return False
         os.environ[BUS_VARIABLE] = answer.split("'")[1]
+        # Given the address, the toolkit connects before it shows anything; left to ask for it, it
+        # sometimes speaks too early and stays unreadable.
+        self.env["AT_SPI_BUS_ADDRESS"] = os.environ[BUS_VARIABLE]
         for switch in ("IsEnabled", "ScreenReaderEnabled"):
             self._ask_launcher("org.freedesktop.DBus.Properties.Set", "org.a11y.Status", switch,
                                "<true>")
