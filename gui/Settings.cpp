@@ -6,11 +6,13 @@
 
 bool Settings::Warn48kDone = false;
 MinToTrayOption Settings::MinToTray = MinToTrayOption::Taskbar;
+// NOLINTNEXTLINE(cert-err58-cpp): without memory before main() there is no program to save.
 std::string& Settings::InputSelect = *new std::string;
 std::int32_t Settings::FileDialogEncOptMP3 = 2;
 bool Settings::FileDialogTypeMP3 = true;
 bool Settings::EnableHotkeys = true;
 std::int32_t Settings::VersionCheckTime = 0;
+// NOLINTNEXTLINE(cert-err58-cpp): as above.
 std::string& Settings::VersionCheckResponse = *new std::string;
 
 namespace {
