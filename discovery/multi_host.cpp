@@ -86,27 +86,33 @@ bool setUp(const UdpSocket& socket, std::uint16_t port) {
     return failure == nullptr;
 }
 
-/// Sends the response and pauses, which bounds the rate of answers; reports a failure after that.
-void answer(const UdpSocket& socket, const sockaddr_in& receiver, const char* failure) {
-    errno = 0;
-    const bool sent = socket.send(wire::DISCOVERY_RESPONSE, receiver);
-    const int error = errno;
+/// Sends the response and pauses, which bounds the rate of answers. Returns 0, or the error number
+/// of a failed send, to be reported when all else is done.
+[[nodiscard]] int answer(const UdpSocket& socket, const sockaddr_in& receiver) {
+    const int error = socket.send(wire::DISCOVERY_RESPONSE, receiver) ? 0 : errno;
     Sleep(ANSWER_PAUSE_MS);
-    if (!sent) {
+    return error;
+}
+
+/// Prints `failure` with the text of `error`; nothing for 0.
+void report(const char* failure, int error) {
+    if (error != 0) {
         errno = error;
         std::perror(failure);
     }
 }
 
-void answerAtFixedPort(const sockaddr_in& sender, std::uint16_t port) {
+/// As answer(), from a socket of its own, which is closed afterwards. Returns 0, too, when there
+/// is none, after a report of that.
+[[nodiscard]] int answerAtFixedPort(const sockaddr_in& sender, std::uint16_t port) {
     const UdpSocket socket;
     if (!socket.isOpen()) {
         std::perror("multiHost: Response socket open failed");
-        return;
+        return 0;
     }
     sockaddr_in receiver = sender;
     receiver.sin_port = htons(port);
-    answer(socket, receiver, "multiHost: Response socket sendto failed");
+    return answer(socket, receiver);
 }
 
 void serveDatagram(const UdpSocket& socket, std::uint16_t port) {
@@ -121,9 +127,9 @@ void serveDatagram(const UdpSocket& socket, std::uint16_t port) {
     maskControlBytes(text);
     consolePrintf("Multicast received %d bytes: %s\n", static_cast<int>(received), text);
     if (query == DiscoveryQuery::ToSenderSocket) {
-        answer(socket, sender, "multiHost: Socket sendto failed");
+        report("multiHost: Socket sendto failed", answer(socket, sender));
     } else if (query == DiscoveryQuery::ToFixedPort) {
-        answerAtFixedPort(sender, port);
+        report("multiHost: Response socket sendto failed", answerAtFixedPort(sender, port));
     }
 }
 

@@ -24,10 +24,13 @@ class Store {
         return file.value(key, fallback);
     }
 
-    /// `fallback` is UTF-8; the result is in the locale's encoding and ends at the first NUL.
+    /// In the locale's encoding, up to the first NUL. `fallback` as it is when the key is missing:
+    /// it may be in that encoding already.
     [[nodiscard]] std::string readText(const QString& key, const std::string& fallback) const {
-        const QVariant value = read(key, QVariant(fallback.c_str()));
-        return value.toString().toLocal8Bit().constData();
+        if (!file.contains(key)) {
+            return fallback;
+        }
+        return read(key, {}).toString().toLocal8Bit().constData();
     }
 
     void write(const QString& key, const QVariant& value) { file.setValue(key, value); }

@@ -17,13 +17,21 @@ bool contains(std::string_view text, char sought) {
 }
 
 // Not isalnum: its answer depends on the locale.
+bool isLetterOrDigit(char c) {
+    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
+}
+
 bool isPlain(char c) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-           contains(PLAIN_MARKS, c);
+    return isLetterOrDigit(c) || contains(PLAIN_MARKS, c);
 }
 
 bool isAllowed(char c) {
     return isPlain(c) || contains(MARKS_FOR_SHELLS, c);
+}
+
+/// A name, an IPv4 address or an IPv6 address in brackets.
+bool canBeginHost(char c) {
+    return isLetterOrDigit(c) || c == '[';
 }
 
 std::string_view afterScheme(std::string_view address) {
@@ -37,7 +45,7 @@ std::string_view afterScheme(std::string_view address) {
 
 bool isUsable(std::string_view address) {
     const std::string_view rest = afterScheme(address);
-    if (rest.empty() || rest.front() == '/') {
+    if (rest.empty() || !canBeginHost(rest.front())) {
         return false;
     }
     for (const char c : rest) {

@@ -15,8 +15,9 @@ const char* webAddress();
 /// `runTimeValue` (null: none was given) if it is a usable web address, else `builtIn`, each less
 /// one slash at its end. Prints a line when a value is given that is not usable.
 ///
-/// Usable is what begins with "http://" or "https://", names a host and otherwise holds nothing
-/// but letters, digits and -._~:/?#[]@%+,= (ASCII).
+/// Usable is what begins with "http://" or "https://", goes on with a host (its first character is
+/// a letter, a digit or '[') and otherwise holds nothing but letters, digits and
+/// -._~:/?#[]@%+,= (ASCII).
 std::string chooseWebAddress(const char* runTimeValue, const char* builtIn);
 
 /// The shell command that opens `address` in the user's browser: "xdg-open " and the address.

@@ -2,6 +2,7 @@
 
 import configparser
 import os
+import pathlib
 import re
 import subprocess
 import time
@@ -16,6 +17,8 @@ CHECK_LINE = re.compile(r"^WebIf::")
 WAIT = 8.0
 """Seconds from the start to the check."""
 QUIET_MINUTES = 480
+LONGEST_SHUTDOWN = 4.0
+"""Seconds from the signal to the end; the program itself waits for its threads for 3 at most."""
 
 NO_LIBRARY = "Error, could not dlopen the cURL shared library libcurl.so.4."
 
@@ -101,9 +104,16 @@ class Announcement(VersionTest):
     def test_missing_file_is_printed_and_the_time_kept(self):
         with self.server() as server:
             lines = self.run_past_the_check(server)
-        self.assertEqual(len(lines), 1)
-        self.assertRegex(lines[0], r"^WebIf::checkVersion: curl_easy_perform\(\) failed: .+")
+        self.assertEqual(lines, ["WebIf::checkVersion: curl_easy_perform() failed: "
+                                 "HTTP response code said error"])
+        self.assertEqual([request["path"] for request in self.web.requests()], [VERSION_FILE])
         self.assertEqual(list(self.stored()), ["VersionCheckTime"])
+
+
+def has_sanitizer():
+    """Whether the server was built with one, which makes its end slower."""
+    content = pathlib.Path(program("VELANTRIX_SERVER")).read_bytes()
+    return any(mark in content for mark in (b"__asan_init", b"__tsan_init", b"__ubsan_handle"))
 
 
 class Shutdown(VersionTest):
@@ -119,7 +129,7 @@ class Shutdown(VersionTest):
             self.assert_ends_cleanly(server)
             taken = time.monotonic() - begin
             print(f"ended {taken:.2f} s after the signal")
-            self.assertLess(taken, 10)
+            self.assertLess(taken, 20 if has_sanitizer() else LONGEST_SHUTDOWN)
             self.assertFalse([line for line in server.out.all() if CHECK_LINE.search(line)])
 
     def test_end_before_the_check_asks_nothing(self):

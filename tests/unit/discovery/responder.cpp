@@ -27,24 +27,19 @@ std::string fileText(const std::string& path) {
 }  // namespace
 
 Responder::Responder(const std::function<void()>& prepare) {
-    int ends[2];
-    if (pipe(ends) != 0) {
-        std::perror("pipe");
-        return;
-    }
     std::fflush(nullptr);
     child = fork();
     if (child == 0) {
-        dup2(ends[1], STDOUT_FILENO);
-        dup2(ends[1], STDERR_FILENO);
+        output.becomeInChild(STDOUT_FILENO);
+        errors.becomeInChild(STDERR_FILENO);
         for (int handle = STDERR_FILENO + 1; handle < 1024; ++handle) {
             close(handle);
         }
         prepare();
         _exit(multiHost());
     }
-    close(ends[1]);
-    output = ends[0];
+    output.closeWritingEnd();
+    errors.closeWritingEnd();
 }
 
 Responder::~Responder() {
@@ -52,7 +47,6 @@ Responder::~Responder() {
         kill(child, SIGKILL);
         waitpid(child, nullptr, 0);
     }
-    close(output);
 }
 
 bool Responder::waitUntilListening() const {
@@ -78,21 +72,45 @@ int Responder::waitForResult() {
     return -1;
 }
 
-bool Responder::readMore(int patienceMs) {
-    pollfd ready{output, POLLIN, 0};
+Responder::Stream::Stream() {
+    if (pipe(ends) != 0) {
+        std::perror("pipe");
+    }
+}
+
+Responder::Stream::~Stream() {
+    close(ends[0]);
+}
+
+void Responder::Stream::becomeInChild(int handle) const {
+    dup2(ends[1], handle);
+}
+
+void Responder::Stream::closeWritingEnd() {
+    close(ends[1]);
+}
+
+bool Responder::Stream::readMore(int patienceMs) {
+    pollfd ready{ends[0], POLLIN, 0};
     if (poll(&ready, 1, patienceMs) <= 0) {
         return false;
     }
     char piece[4096];
-    const ssize_t got = read(output, piece, sizeof piece);
+    const ssize_t got = read(ends[0], piece, sizeof piece);
     if (got > 0) {
         text.append(piece, static_cast<std::size_t>(got));
     }
     return got > 0;
 }
 
-std::string Responder::printed(const std::string& wanted) {
+std::string Responder::Stream::waitFor(const std::string& wanted) {
     while (text.find(wanted) == std::string::npos && readMore(PATIENCE_MS)) {
+    }
+    return text;
+}
+
+std::string Responder::Stream::takeWhatIsThere() {
+    while (readMore(0)) {
     }
     return text;
 }

@@ -116,6 +116,7 @@ TEST_F(Boxes, EnterAnswersYes) {
 TEST_F(Boxes, EscapeAnswersNo) {
     const BoxAnswerer answerer([](QMessageBox& box) { press(box, Qt::Key_Escape); });
     EXPECT_EQ(ask(QMessageBox::Yes | QMessageBox::No), QMessageBox::No);
+    EXPECT_EQ(answerer.count(), 1);
 }
 
 TEST_F(Boxes, QuestionWithoutYesKeepsTheToolkitsDefault) {

@@ -293,6 +293,22 @@ TEST_F(SettingsStore, TextIsWrittenAsUtf8AndReadInTheLocaleEncoding) {
     EXPECT_EQ(Settings::getInputSelect(""), "Gr\xFC\xDF");
 }
 
+TEST_F(SettingsStore, MissingTextIsKeptByteForByteInAnyEncoding) {
+    QTextCodec::setCodecForLocale(QTextCodec::codecForName("ISO-8859-1"));
+    Settings::setInputSelect("Gr\xC3\xBC\xC3\x9F", "");
+    Settings::setVersionCheckResponse("\xC3\xBC");
+    Settings::loadSettings();
+    ASSERT_EQ(Settings::getInputSelect(""), "Gr\xFC\xDF");
+    writeFile("EnableHotkeys=false\n");
+    for (int loads = 0; loads < 2; ++loads) {
+        Settings::loadSettings();
+        EXPECT_EQ(Settings::getInputSelect(""), "Gr\xFC\xDF");
+        EXPECT_STREQ(Settings::getVersionCheckResponse(), "\xFC");
+    }
+    EXPECT_FALSE(Settings::getEnableHotkeys());
+    EXPECT_EQ(Settings::getInputSelect("B"), "Gr\xFC\xDF");
+}
+
 TEST_F(SettingsStore, Utf8LocaleReadsBackWhatWasWritten) {
     Settings::setVersionCheckResponse("\xE2\x82\xAC, \"x\"; y=z");
     Settings::loadSettings();

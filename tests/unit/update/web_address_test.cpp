@@ -51,8 +51,18 @@ TEST(WebAddress, OtherSchemesAreIgnored) {
     }
 }
 
+TEST(WebAddress, HostBeginsWithALetterADigitOrABracket) {
+    for (const std::string value :
+         {"http://a", "http://Z", "http://0", "http://9.8.7.6", "https://[::1]:80"}) {
+        EXPECT_EQ(choose(value.c_str()), value + "|");
+    }
+}
+
 TEST(WebAddress, AddressWithoutAHostIsIgnored) {
-    for (const char* const value : {"http://", "https://", "http:///", "https:///x"}) {
+    for (const char* const value :
+         {"http://", "https://", "http:///", "https:///x", "http://?x", "http://#x", "http://:80/",
+          "http://@a", "http://.a", "http://-a", "http://]", "http://~a", "http://_a",
+          "http://%61"}) {
         EXPECT_EQ(choose(value), IGNORED) << value;
     }
 }

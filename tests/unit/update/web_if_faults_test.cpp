@@ -112,24 +112,35 @@ TEST_F(WebIfCheck, TimeIsStoredBeforeTheTransfer) {
 
 TEST_F(WebIfCheck, HandleIsReleasedOnEveryWay) {
     static int handles = 0;
+    static int created = 0;
     static decltype(curl_easy_init2) realInit = nullptr;
     static decltype(curl_easy_cleanup2) realCleanup = nullptr;
     handles = 0;
+    created = 0;
     realInit = curl_easy_init2;
     realCleanup = curl_easy_cleanup2;
     curl_easy_init2 = [] {
         ++handles;
+        ++created;
         return realInit();
     };
     curl_easy_cleanup2 = [](CURL* handle) {
         --handles;
         realCleanup(handle);
     };
-    for (const char* const body : {"3.2\n", "unusable\n", "<frame src=\"nowhere:99999\">", ""}) {
+    int checks = 0;
+    const auto expectReleased = [this, &checks](const VersionAnswer& answer) {
         Settings::setVersionCheckTime(0);
-        checkFile(body);
-        EXPECT_EQ(handles, 0) << body;
+        server.answer(answer);
+        check();
+        EXPECT_EQ(created, ++checks) << answer.body;
+        EXPECT_EQ(handles, 0) << answer.body;
+    };
+    for (const char* const body : {"3.2\n", "unusable\n", "<frame src=\"nowhere:99999\">", ""}) {
+        expectReleased({body});
     }
+    expectReleased({"first transfer failed\n", 404});
+    EXPECT_EQ(printed, failure(CURLE_HTTP_RETURNED_ERROR));
 }
 
 CURLcode refuseProtocols(CURL* handle, CURLoption option, ...) {
@@ -151,6 +162,17 @@ TEST_F(WebIfCheck, WithoutTheLimitToWebProtocolsNothingIsFetched) {
 }
 
 TEST_F(WebIfCheck, LackOfMemoryFailsTheTransfer) {
+    server.answer({"3.2\n"});
+    linkSubstitutes.reallocFails = true;
+    const int result = check();
+    linkSubstitutes.reallocFails = false;
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(printed, "not enough memory (realloc returned NULL)\n" + failure(CURLE_WRITE_ERROR));
+    EXPECT_EQ(Settings::getVersionCheckTime(), NOW);
+    EXPECT_STREQ(Settings::getVersionCheckResponse(), "");
+}
+
+TEST_F(WebIfCheck, LackOfMemoryAfterTheFirstChunkTakesNoMore) {
     WebIf receiver;
     char chunk[] = "3.2\n";
     EXPECT_EQ(WebIf::writeMemoryCallback(chunk, 1, 4, &receiver), 4U);
