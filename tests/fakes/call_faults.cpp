@@ -9,6 +9,7 @@ struct Plan {
     int count = 0;
     int failAt = -1;  // Number of the call that fails; EVERY_CALL; negative: none.
     int error = 0;
+    std::vector<std::vector<int>> arguments;
 };
 
 std::mutex mutex;
@@ -50,10 +51,23 @@ std::vector<std::string> callLog() {
     return names();
 }
 
-int noteCall(Call call, const char* name) {
+std::vector<std::vector<int>> argumentsOf(Call call) {
+    const std::lock_guard<std::mutex> alone(mutex);
+    return planOf(call).arguments;
+}
+
+std::function<void()>& afterThreadCreation() {
+    static auto* const hook = new std::function<void()>;
+    return *hook;
+}
+
+int noteCall(Call call, const char* name, std::initializer_list<int> arguments) {
     const std::lock_guard<std::mutex> alone(mutex);
     names().emplace_back(name);
     Plan& plan = planOf(call);
     ++plan.count;
+    if (arguments.size() > 0) {
+        plan.arguments.emplace_back(arguments);
+    }
     return plan.failAt == EVERY_CALL || plan.failAt == plan.count ? plan.error : 0;
 }

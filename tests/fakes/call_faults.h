@@ -1,5 +1,7 @@
 #pragma once
 
+#include <functional>
+#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -21,6 +23,7 @@ enum class Call {
     EnetSocketSetOption,
     OpusEncoderCreate,
     OpusEncode,
+    CaptureReport,  ///< No library's: the recording core notes it for its place in the log.
     Count
 };
 
@@ -35,6 +38,13 @@ int countOf(Call call);
 
 /// Forgets counts, failures and the log.
 void resetCalls();
+
+/// The numbers that each call since the last reset was given; only of those calls whose diversion
+/// tells them: enet_host_service its time-out in ms, opus_encode its frames and its room in bytes.
+std::vector<std::vector<int>> argumentsOf(Call call);
+
+/// Called on the creating thread after each thread that was created, when it is set.
+std::function<void()>& afterThreadCreation();
 
 /// The diverted calls since the last reset, by name, in their order.
 std::vector<std::string> callLog();
@@ -55,4 +65,4 @@ class DivertedCall {
 };
 
 /// For the diversions: counts a call; returns its error when it is to fail, else 0.
-int noteCall(Call call, const char* name);
+int noteCall(Call call, const char* name, std::initializer_list<int> arguments = {});

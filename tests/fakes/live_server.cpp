@@ -31,6 +31,12 @@ void PrintTo(const StatusReport& report, std::ostream* out) {
          << ")";
 }
 
+void RecordingCore::SetAudioCaptureActive() {
+    const DivertedCall diverted;
+    noteCall(Call::CaptureReport, "capture report");
+    ++captureReports;
+}
+
 void RecordingCore::SetClientStatus(int count, const char* name, bool direct) {
     statusReports.push_back(
         {count, name != nullptr ? std::optional<std::string>(name) : std::nullopt, direct});

@@ -28,7 +28,7 @@ void PrintTo(const StatusReport& report, std::ostream* out);
 /// A front end that keeps the reports. Lives for ever, as the streaming side expects.
 class RecordingCore : public VelantrixServerNoGUI {
   public:
-    void SetAudioCaptureActive() override { ++captureReports; }
+    void SetAudioCaptureActive() override;
     void emitShowMessage(const char* message) override { messages.emplace_back(message); }
     void SetClientStatus(int count, const char* name, bool direct) override;
 

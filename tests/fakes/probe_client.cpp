@@ -73,6 +73,7 @@ ProbeClient::ProbeClient(std::string clientName, const std::string& hostName, st
     }
     if (mtu != 0) {
         host->mtu = mtu;
+        host->peers[0].mtu = mtu;  // What the connect offers: taken from the host when it was made.
     }
     host->intercept = countFragments;
     target.port = port;

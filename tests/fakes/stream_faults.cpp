@@ -49,7 +49,8 @@ ENetHost* __wrap_enet_host_create(const ENetAddress* address, size_t peers, size
 
 int __wrap_enet_host_service(ENetHost* host, ENetEvent* event, enet_uint32 timeout) {
     const DivertedCall diverted;
-    const int error = noteCall(Call::EnetHostService, "enet_host_service");
+    const int error =
+        noteCall(Call::EnetHostService, "enet_host_service", {static_cast<int>(timeout)});
     return error != 0 ? error : __real_enet_host_service(host, event, timeout);
 }
 
@@ -98,7 +99,7 @@ OpusEncoder* __wrap_opus_encoder_create(opus_int32 rate, int channels, int use, 
 opus_int32 __wrap_opus_encode(OpusEncoder* encoder, const opus_int16* samples, int frames,
                               unsigned char* output, opus_int32 room) {
     const DivertedCall diverted;
-    const int error = noteCall(Call::OpusEncode, "opus_encode");
+    const int error = noteCall(Call::OpusEncode, "opus_encode", {frames, room});
     return error != 0 ? error : __real_opus_encode(encoder, samples, frames, output, room);
 }
 }

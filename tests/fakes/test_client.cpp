@@ -25,6 +25,7 @@ TestClient::TestClient(std::uint32_t connectData, std::uint16_t localPort, std::
     host->randomSeed += ++seed * 0x9E3779B9U;
     if (mtu != 0) {
         host->mtu = mtu;
+        host->peers[0].mtu = mtu;  // What the connect offers: taken from the host when it was made.
     }
     ENetAddress address = {};
     enet_address_set_host(&address, "127.0.0.1");

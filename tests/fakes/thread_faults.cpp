@@ -12,7 +12,14 @@ int __real_pthread_setschedparam(pthread_t, int, const sched_param*);
 int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*fn)(void*),
                           void* argument) {
     const int error = noteCall(Call::PthreadCreate, "pthread_create");
-    return error != 0 ? error : __real_pthread_create(thread, attributes, fn, argument);
+    if (error != 0) {
+        return error;
+    }
+    const int result = __real_pthread_create(thread, attributes, fn, argument);
+    if (result == 0 && afterThreadCreation()) {
+        afterThreadCreation()();
+    }
+    return result;
 }
 
 int __wrap_pthread_join(pthread_t thread, void** value) {

@@ -23,7 +23,11 @@ LONGEST_STALL = 4.3
 
 # What one client may keep the server holding: 15 + 75 commands that wait and a window of 48 that
 # are sent, each with a packet of 1368 bytes and ENet's records; and room for the heap's pages.
-MEMORY_BOUND = 1024 * 1024
+MEMORY_BOUND = 400 * 1024
+
+# What a stall of four times the length may take besides; a queue without a limit would grow by
+# 700 KiB more.
+MEMORY_SLACK = 200 * 1024
 
 
 def resident_bytes(process):
@@ -119,6 +123,17 @@ class SlowClient(SystemTest):
 
     def test_stall_just_short_of_the_time_out(self):
         self.check_stall(LONGEST_STALL)
+
+    def test_long_stall_takes_no_more_memory_than_a_short_one(self):
+        slow = self.client()
+        before = resident_bytes(self.server)
+        self.stall(slow, 1)
+        short = self.memory_at_end_of_stall - before
+        slow.wait_packets(100)
+        self.stall(slow, LONGEST_STALL)
+        long = self.memory_at_end_of_stall - before
+        print(f"server grew by {short // 1024} KiB in a short stall, {long // 1024} KiB in a long")
+        self.assertLess(long, short + MEMORY_SLACK)
 
     def test_client_that_stalls_again_and_again_keeps_hearing(self):
         slow = self.client()

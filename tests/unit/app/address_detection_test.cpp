@@ -1,3 +1,5 @@
+#include <arpa/inet.h>
+#include <cerrno>
 #include <string>
 #include <sys/resource.h>
 
@@ -8,6 +10,27 @@
 #include "app/console.h"
 #include "tests/fakes/net_namespace.h"
 #include "tests/fakes/transcript.h"
+
+namespace {
+
+/// The address that cannot be written as text; 0: none.
+in_addr_t unwritable = 0;
+
+}  // namespace
+
+extern "C" {
+
+const char* __real_inet_ntop(int family, const void* address, char* text, socklen_t room);
+
+const char* __wrap_inet_ntop(int family, const void* address, char* text, socklen_t room) {
+    if (family == AF_INET && unwritable != 0 &&
+        static_cast<const in_addr*>(address)->s_addr == unwritable) {
+        errno = ENOSPC;
+        return nullptr;
+    }
+    return __real_inet_ntop(family, address, text, room);
+}
+}
 
 namespace {
 
@@ -124,6 +147,19 @@ TEST(AddressDetection, ChosenBindAddressIsTakenWithoutALook) {
                   show();
               }),
               "=> 192.168.1.50\nThis server's probable IPv4 address: 10.1.2.3\n=> 10.1.2.3\n");
+}
+
+TEST(AddressDetection, AddressThatCannotBeWrittenIsReportedAndSkipped) {
+    EXPECT_EQ(inFreshNetwork([] {
+                  addAndRaise("first", "10.1.2.3/24");
+                  unwritable = inet_addr("10.1.2.3");
+                  show();
+                  addAndRaise("second", "10.9.9.9/24");
+                  show();
+              }),
+              "first: inet_ntop failed!\n" + NOTHING_FOUND +
+                  "first: inet_ntop failed!\n"
+                  "This server's probable IPv4 address: 10.9.9.9\n=> 10.9.9.9\n");
 }
 
 /// Runs `body` while no further file or socket can be opened.

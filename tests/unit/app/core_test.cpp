@@ -11,6 +11,7 @@
 #include "tests/fakes/call_faults.h"
 #include "tests/fakes/child_run.h"
 #include "tests/fakes/fake_workers.h"
+#include "tests/fakes/sleep_watch.h"
 
 /// Reaches the core's flags.
 struct CoreTestAccess {
@@ -173,6 +174,60 @@ TEST(CoreShutdown, FastCloseIsNotWaitedForLong) {
         EXPECT_EQ(countOf(Call::PthreadCreate), 1);
     });
     EXPECT_EQ(run.out, "");
+}
+
+constexpr int PATIENCE_CHECKS = 15;
+constexpr int PATIENCE_STEP_MS = 200;
+
+/// Waits on the calling thread until the close has recorded its end.
+void awaitShutdown(const VelantrixServerNoGUI& core) {
+    for (int waited = 0; waited < 10000 && !CoreTestAccess::shutdownDone(core); ++waited) {
+        usleep(1000);
+    }
+    EXPECT_TRUE(CoreTestAccess::shutdownDone(core));
+}
+
+TEST(CoreShutdown, CloseThatIsDoneBeforeTheFirstCheckIsNotSleptFor) {
+    const ChildRun run = runChild([] {
+        destroyAfter([](VelantrixServerNoGUI& core) {
+            afterThreadCreation() = [&core] { awaitShutdown(core); };
+        });
+        EXPECT_EQ(workerCalls(), Calls{"close"});
+        EXPECT_EQ(sleepsOf(PATIENCE_STEP_MS), 0);
+    });
+    EXPECT_EQ(run.out, "");
+}
+
+/// Destroys a core whose close ends during the `nth` sleep between two checks; returns how many of
+/// these sleeps there were.
+int sleepsUntilCloseDuring(int nth) {
+    static std::atomic<bool> release{false};
+    fakeWorkers().closeCapture = [] {
+        while (!release.load()) {
+            usleep(1000);
+        }
+    };
+    destroyAfter([nth](VelantrixServerNoGUI& core) {
+        duringSleep() = [nth, &core](int milliseconds) {
+            if (milliseconds == PATIENCE_STEP_MS && sleepsOf(PATIENCE_STEP_MS) == nth) {
+                release.store(true);
+                awaitShutdown(core);
+            }
+        };
+    });
+    return sleepsOf(PATIENCE_STEP_MS);
+}
+
+TEST(CoreShutdown, CloseThatEndsDuringTheFourteenthSleepIsInTime) {
+    const ChildRun run = runChild(
+        [] { EXPECT_EQ(sleepsUntilCloseDuring(PATIENCE_CHECKS - 1), PATIENCE_CHECKS - 1); });
+    EXPECT_EQ(run.out, "");
+}
+
+TEST(CoreShutdown, CloseThatEndsDuringTheFifteenthSleepStillCountsAsLate) {
+    const ChildRun run =
+        runChild([] { EXPECT_EQ(sleepsUntilCloseDuring(PATIENCE_CHECKS), PATIENCE_CHECKS); });
+    EXPECT_EQ(run.out, SLOW_SHUTDOWN);
 }
 
 TEST(CoreShutdown, CloseThatFailsCountsAsDone) {
