@@ -291,6 +291,10 @@ TEST_F(ClientTable, OneCallHandlesOneEvent) {
             client->service();
         }
     };
+    const auto allConnected = [this] {
+        return std::all_of(clients.begin(), clients.end(),
+                           [](const auto& client) { return client->connected; });
+    };
     for (int i = 0; i < 4; ++i) {
         clients.push_back(std::make_unique<TestClient>(COMPANY | 1));
     }
@@ -299,10 +303,7 @@ TEST_F(ClientTable, OneCallHandlesOneEvent) {
         serviceHost();
     }
     // From here on the last word of each client waits in the server's socket, for four events.
-    for (int calls = 0;
-         calls < 5000 && !std::all_of(clients.begin(), clients.end(),
-                                      [](const auto& each) { return each->connected; });
-         ++calls) {
+    for (int calls = 0; calls < 5000 && !allConnected(); ++calls) {
         serviceClients();
     }
     ASSERT_EQ(answeredConnects(), 4);
