@@ -19,7 +19,7 @@ BUS_LAUNCHERS = ("/usr/libexec/at-spi-bus-launcher", "/usr/lib/at-spi2-core/at-s
 # A toolkit that speaks to the accessibility bus before it is connected says so in a line that
 # begins like this, and stays unreadable from then on.
 NOT_READABLE = "qt.accessibility.atspi:"
-READABLE_AFTER = 10.0  # Seconds; it comes at once or, now and then, never.
+READABLE_AFTER = 3.0  # Seconds; it comes at once or, now and then, never.
 NOT_CONNECTED = re.compile("^" + NOT_READABLE + ".*Not connected")
 
 BUS_VARIABLE = "VELANTRIX_TEST_ACCESSIBILITY_BUS"

@@ -18,7 +18,7 @@ ADDRESS_TIP = "IP address of this server (computer), to enter in app"
 BUTTON = "Open Pulse Audio\nVolume Control"
 BUSY = "Network port busy (another Velantrix Server may already be running)"
 FATAL = 255
-READABLE_TRIES = 40
+READABLE_TRIES = 400
 
 display = None
 
