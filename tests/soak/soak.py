@@ -15,22 +15,15 @@ import tempfile
 import time
 from pathlib import Path
 
+sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "bench"))
+from session import enter_private_network
+
 PORT = 59210
 CALLBACKS_PER_HOUR = 3600 * 48000 / 338
 REPORT_S = 10
 TIMEOUT_OF_VANISHED_S = 40
 ALLOWED_GROWTH = 1.10
 READINGS_TO_JUDGE = 20
-
-
-def enter_private_network():
-    if os.environ.get("VX_SOAK_NAMESPACE") == "1":
-        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-        subprocess.run(["ip", "route", "add", "231.232.233.235/32", "dev", "lo"], check=True)
-        return
-    os.environ["VX_SOAK_NAMESPACE"] = "1"
-    flags = "-n" if os.geteuid() == 0 else "-rn"
-    os.execvp("unshare", ["unshare", flags, sys.executable, *sys.argv])
 
 
 def memory_kib(pid):
