@@ -20,8 +20,8 @@ def _fail(text):
 
 
 def _unshare_command():
-    """How this user makes a network namespace, or None."""
-    for options in (["-n"], ["-rn"]) if os.geteuid() == 0 else (["-rn"],):
+    """How this user makes a network namespace, with mounts of its own, or None."""
+    for options in (["-nm"], ["-rnm"]) if os.geteuid() == 0 else (["-rnm"],):
         command = ["unshare", *options, "--"]
         if shutil.which("unshare") and subprocess.run(
                 command + ["true"], stderr=subprocess.DEVNULL).returncode == 0:
@@ -33,7 +33,9 @@ def join_private_network():
     """Runs this program again in a network namespace of its own; returns True inside it.
 
     Returns False, on the real network, when the system does not let this user make one. The
-    namespace has the loopback interface only, with a route for the discovery group.
+    namespace has the loopback interface only, with a route for the discovery group, and shared
+    memory of its own: the JACK library keeps locks there that outlive a killed program, and every
+    later one of the same user would wait for them when it starts its sound.
     """
     if "/usr/sbin" not in os.environ["PATH"]:
         os.environ["PATH"] += ":/usr/sbin:/sbin"
@@ -47,6 +49,7 @@ def join_private_network():
     interfaces = set(_interfaces())
     if interfaces != {"lo"}:
         _fail(f"{MARK} is set, but this is no private network: {sorted(interfaces)}")
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/dev/shm"], check=True)
     ip("link", "set", "lo", "up")
     ip("route", "replace", f"{DISCOVERY_GROUP}/32", "dev", "lo")
     return True
