@@ -62,6 +62,7 @@ std::string playbackJson(const Playback& p) {
         .add("correction_ppm", number(p.correctionPpm, 1))
         .add("concealed", number(p.concealed))
         .add("skipped", number(p.skipped))
+        .add("stretched", number(p.stretched))
         .add("underruns", number(p.underruns));
     return object.end();
 }
@@ -156,6 +157,7 @@ std::string toReport(const Statistics& s) {
     if (s.playback) {
         line("concealed", number(s.playback->concealed));
         line("skipped", number(s.playback->skipped));
+        line("stretched", number(s.playback->stretched));
         line("underruns", number(s.playback->underruns));
     }
     return text;

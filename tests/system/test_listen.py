@@ -22,7 +22,7 @@ FIGURES = {
     "frames", "filled_frames", "reconnects", "peak_dbfs", "rms_dbfs", "playback"}
 PLAYBACK_FIGURES = {
     "playing", "buffer_ms", "target_ms", "jitter_ms", "output_latency_ms", "correction_ppm",
-    "concealed", "skipped", "underruns"}
+    "concealed", "skipped", "stretched", "underruns"}
 EARS = "ears"
 
 
