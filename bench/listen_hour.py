@@ -9,14 +9,17 @@ A line of comma-separated values every ten seconds:
   target_ms       how much should wait
   jitter_ms       how uneven the packets come
   correction_ppm  how much faster than nominal the client plays
-  underruns, late, lost, concealed, skipped, stretched   counts since the start
+  underruns       times that the sound ran dry since the start
+  device          those among them in the device, that is, in the sound server
+  late, lost, concealed, skipped, stretched   packets since the start
   rss_mb          resident memory of the client
   cpu_percent     its processor time over the last ten seconds, of one core
 Expected shape: depth around the target of 40 ms, no counts after the first ten seconds, memory
 level. The first ten seconds belong to the start: a sound server takes some seconds to get going.
 
 A summary goes to standard error. Status 1 when the sound ran dry after the start, or when the
-client or the stream did not last.
+client or the stream did not last. What surrounds the client has real-time scheduling where that is
+allowed, so that other work on the machine is not measured in the client's place.
 
     python3 bench/listen_hour.py [--build DIR] [--seconds 3600] [--csv FILE]
 """
@@ -26,7 +29,7 @@ import os
 import sys
 import time
 
-from listening import (Table, add_ears, arguments, name_programs, processor_seconds,
+from listening import (Table, add_ears, arguments, name_programs, prefer, processor_seconds,
                        resident_megabytes)
 
 from harness import Process, Server, SoundServer, clean_environment, listen_command
@@ -35,8 +38,8 @@ from relay import Relay
 
 PORT = 59010
 INTERVAL_S = 10
-COLUMNS = ("time_s", "depth_ms", "target_ms", "jitter_ms", "correction_ppm", "underruns", "late",
-           "lost", "concealed", "skipped", "stretched", "rss_mb", "cpu_percent")
+COLUMNS = ("time_s", "depth_ms", "target_ms", "jitter_ms", "correction_ppm", "underruns", "device",
+           "late", "lost", "concealed", "skipped", "stretched", "rss_mb", "cpu_percent")
 
 
 def options():
@@ -45,6 +48,8 @@ def options():
     parser.add_argument("--reliable", action="store_true", help="reliable instead of best-effort")
     parser.add_argument("--delay", type=float, default=10, help="of the relay, ms (10)")
     parser.add_argument("--jitter", type=float, default=5, help="of the relay, ms (5)")
+    parser.add_argument("--ordinary", action="store_true",
+                        help="no real-time scheduling for what surrounds the client")
     parser.add_argument("--loss", type=float, default=0, help="of the relay, 0 to 1 (0)")
     return parser.parse_args()
 
@@ -75,8 +80,9 @@ class Observer:
             time_s=round(now - self.begin), depth_ms=play["buffer_ms"],
             target_ms=play["target_ms"], jitter_ms=play["jitter_ms"],
             correction_ppm=play["correction_ppm"], underruns=play["underruns"],
+            device=play.get("device_underruns", 0),
             late=figures["late"], lost=figures["lost"], concealed=play["concealed"],
-            skipped=play["skipped"], stretched=play["stretched"],
+            skipped=play["skipped"], stretched=play.get("stretched", 0),
             rss_mb=round(resident_megabytes(self.client.pid), 1),
             cpu_percent=round((used - self.used) / (now - self.latest) * 100, 2))
         self.latest, self.used = now, used
@@ -91,7 +97,9 @@ class Observer:
         first, last, steady = self.rows[0], self.rows[-1], self.rows[1:] or self.rows
         dry = last["underruns"] - first["underruns"]
         if dry:
-            self.complaints.append(f"the sound ran dry {dry} times after the start")
+            device = last["device"] - first["device"]
+            self.complaints.append(f"the sound ran dry {dry} times after the start, {device} of "
+                                   "them in the device")
         depths = [row["depth_ms"] for row in steady]
         lines = [f"{last['time_s']} s played, {dry} underruns after the first {first['time_s']} s",
                  f"depth {min(depths):.1f} to {max(depths):.1f} ms, "
@@ -105,6 +113,15 @@ class Observer:
         return lines
 
 
+def follow(observer, seconds):
+    due = time.monotonic()
+    while due < observer.begin + seconds:
+        due += INTERVAL_S
+        time.sleep(max(0.0, due - time.monotonic()))
+        if not observer.observe():
+            break
+
+
 def play(choice, sound, server, table):
     arguments_of_client = ["--rate", choice.rate, "--stats=json"]
     if not choice.reliable:
@@ -113,13 +130,13 @@ def play(choice, sound, server, table):
                seed=20261121) as relay, \
             Process(listen_command(*arguments_of_client, host=f"127.0.0.1:{relay.port}"),
                     dict(clean_environment(), **add_ears(sound))) as client:
+        if not choice.ordinary:
+            prefer(sound.daemon, server, relay)
         observer = Observer(client, table)
-        due = time.monotonic()
-        while due < observer.begin + choice.seconds:
-            due += INTERVAL_S
-            time.sleep(max(0.0, due - time.monotonic()))
-            if not observer.observe():
-                break
+        try:
+            follow(observer, choice.seconds)
+        except KeyboardInterrupt:
+            observer.complaints.append("interrupted")
         if server.child.poll() is not None:
             observer.complaints.append("the server has ended")
         lines = observer.summary() if observer.rows else []

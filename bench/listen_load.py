@@ -16,7 +16,7 @@ memory is the same for all.
 import json
 import time
 
-from listening import (Table, add_ears, arguments, name_programs, processor_seconds,
+from listening import (Table, add_ears, arguments, name_programs, prefer, processor_seconds,
                        resident_megabytes)
 
 from harness import Process, Server, SoundServer, clean_environment, listen_command
@@ -36,6 +36,7 @@ def measure(sound, seconds, table):
     environment = dict(clean_environment(), **add_ears(sound))
     clients = {rate: Process(listen_command("--rate", rate, "--stats=json"), environment)
                for rate in RATES}
+    prefer(sound.daemon)
     time.sleep(SETTLING_S)
     before = {rate: (processor_seconds(client.pid), underruns(client))
               for rate, client in clients.items()}

@@ -27,7 +27,7 @@ import subprocess
 import sys
 import time
 
-from listening import Table, add_ears, arguments, name_programs
+from listening import Table, add_ears, arguments, name_programs, prefer
 
 from harness import (Process, Server, SoundServer, clean_environment, die_with_parent,
                      listen_command)
@@ -106,6 +106,7 @@ def measure(capture, seconds, table):
         sound.play(sine(TONE, 12000, capture, capture) * int(seconds + 30))
         server.wait_for_capture()
         listeners = [Listener(sound, rate) for rate in RATES]
+        prefer(sound.daemon, server)
         time.sleep(seconds)
         for listener in listeners:
             heard, figures = listener.finish()

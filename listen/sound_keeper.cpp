@@ -146,6 +146,7 @@ Playback SoundKeeper::figures() const {
     result.skipped = past_.skipped;
     result.stretched = past_.stretched;
     result.underruns = past_.underruns;
+    result.deviceUnderruns = past_.deviceUnderruns;
     if (output_ == nullptr) {
         return result;
     }
@@ -159,7 +160,9 @@ Playback SoundKeeper::figures() const {
     result.concealed += figures.concealed;
     result.skipped += figures.skipped;
     result.stretched += figures.stretched;
-    result.underruns += figures.underruns + output_->deviceUnderruns();
+    const std::uint64_t ofDevice = output_->deviceUnderruns();
+    result.deviceUnderruns += ofDevice;
+    result.underruns += figures.underruns + ofDevice;
     return result;
 }
 

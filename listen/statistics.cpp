@@ -63,7 +63,8 @@ std::string playbackJson(const Playback& p) {
         .add("concealed", number(p.concealed))
         .add("skipped", number(p.skipped))
         .add("stretched", number(p.stretched))
-        .add("underruns", number(p.underruns));
+        .add("underruns", number(p.underruns))
+        .add("device_underruns", number(p.deviceUnderruns));
     return object.end();
 }
 

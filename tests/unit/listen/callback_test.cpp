@@ -64,6 +64,7 @@ TEST_P(PlayoutCallback, NeverTouchesTheHeapOrALockWhateverTheStreamDoes) {
     EXPECT_EQ(CallbackWatch::releases(), 0);
     EXPECT_EQ(CallbackWatch::locks(), 0);
     EXPECT_GT(playout_.figures().concealed, 0u);
+    EXPECT_GT(playout_.figures().stretched, 0u);
 }
 
 INSTANTIATE_TEST_SUITE_P(Devices, PlayoutCallback, testing::Values(44100, 48000, 96000));
