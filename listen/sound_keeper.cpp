@@ -12,6 +12,9 @@ namespace vxlisten {
 namespace {
 
 constexpr std::chrono::seconds CLOSE_PATIENCE{2};
+/// A program that ends inside the sound libraries' start-up can leave locks in shared memory that
+/// the next one waits for.
+constexpr std::chrono::seconds OPEN_PATIENCE{10};
 /// A device that played this long is a good one: the pauses start over.
 constexpr std::int64_t GOOD_SPELL = 10 * SECOND;
 /// One that asks for nothing for this long is as good as gone. A sound server may hold a stream
@@ -30,7 +33,7 @@ SoundKeeper::SoundKeeper(std::string device, double delayMs)
     : device_(std::move(device)), delayMs_(delayMs) {}
 
 SoundKeeper::~SoundKeeper() {
-    if (opening_.valid() && opening_.wait_for(CLOSE_PATIENCE) != std::future_status::ready) {
+    if (opening_.valid() && opening_.wait_for(OPEN_PATIENCE) != std::future_status::ready) {
         return;
     }
     if (opening_.valid()) {

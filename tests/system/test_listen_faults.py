@@ -10,7 +10,7 @@ from harness import (DEFAULT_PORT, HERE_ADDRESS, PATIENCE, THERE_ADDRESS, OtherN
                      Server, SoundServer, SystemTest, clean_environment, die_with_parent,
                      listen_command, main, program, wait_until)
 from network import ip
-from signals import channel, loud_part, read_wav, rms, sine
+from signals import channel, read_wav, rms, sine
 
 LONG_PATIENCE = 60
 MOVED_ADDRESS = "10.77.0.3"
@@ -50,7 +50,9 @@ class OutputDevice(FaultTest):
         client.err.wait_for(
             "velantrix-listen: the output device has gone, trying to open it again",
             timeout=LONG_PATIENCE)
-        time.sleep(1)
+        before = self.frames(client)
+        wait_until(lambda: self.frames(client) > before + 48000,
+                   "the recording goes on without the device", LONG_PATIENCE)
         ears.start()
         client.err.wait_for("velantrix-listen: playing again", timeout=LONG_PATIENCE)
         self.wait_for_playing(client, client.out.count())
@@ -60,6 +62,10 @@ class OutputDevice(FaultTest):
         told = [line for line in client.err.all() if "asking it for" not in line]
         self.assertEqual(len(told), 2, told)
         self.check_recording(json.loads(client.out.all()[-1]), path)
+
+    @staticmethod
+    def frames(client):
+        return json.loads(client.out.all()[-1])["frames"]
 
     @staticmethod
     def wait_for_playing(client, start=0):
@@ -82,14 +88,6 @@ class OutputDevice(FaultTest):
         self.assertEqual(figures["reconnects"], 0)
         self.assertEqual(figures["filled_frames"], 0)
         self.assertGreaterEqual(len(recorded) // 2, figures["frames"])
-        tone = channel(loud_part(recorded), 0)
-        self.assertGreater(len(tone), 48000 * 3)
-        # A gap would show as a run of quiet samples: the tone has a crest every millisecond.
-        quiet = longest = 0
-        for sample in tone[4800:-4800]:
-            quiet = quiet + 1 if abs(sample) < 3000 else 0
-            longest = max(longest, quiet)
-        self.assertLess(longest, 480)
 
 
 class TwoServers(FaultTest):
