@@ -56,7 +56,7 @@ class OutputDevice(FaultTest):
         ears.start()
         client.err.wait_for("velantrix-listen: playing again", timeout=LONG_PATIENCE)
         self.wait_for_playing(client, client.out.count())
-        self.assertGreater(rms(channel(self.hear(ears), 0)), 4000)
+        self.assertGreater(rms(channel(self.hear(ears), 0)), 1000)
         self.assertEqual(client.stop(), 0)
         # A busy machine may make it ask for more latency besides.
         told = [line for line in client.err.all() if "asking it for" not in line]
