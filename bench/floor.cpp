@@ -1,12 +1,12 @@
-// The least that streaming can cost: encodes the same frames, sends datagrams of the same sizes
-// as often, receives as many acknowledgement datagrams and waits in poll as often as the server
-// did in a measured session, in the same order and at the same pace, and does nothing else.
+// The least that streaming can cost: encodes the same frames, sends datagrams of the same sizes,
+// receives as many acknowledgement datagrams and waits in poll as the server does, in the same
+// order and at the same pace, and does nothing else.
 //
-// Usage: floor SECONDS POLLS_PER_PASS RECEIVES_PER_PASS [RATE_CODE:RELIABLE(0|1)]...
-// A pass is one call of processBuffer: one for every block, one more for every 480 frames; each
-// ends with its share of polls (1 ms at most) and receives. One choice for each client; every
-// rate code among them is encoded once. Prints the processor time of the blocks in milliseconds
-// per second of sound.
+// Usage: floor SECONDS [RATE_CODE:RELIABLE(0|1)]...
+// One choice for each client; every rate code among them is encoded once. Each pass (one for every
+// block, one more for every 480 frames) ends with receiving what there is and polling until 1 ms
+// is over, as the service step does. Prints, per second of sound: milliseconds of processor time
+// of the blocks, datagrams sent and received, polls.
 
 #include <algorithm>
 #include <arpa/inet.h>
@@ -32,6 +32,7 @@
 namespace {
 
 constexpr std::int64_t NS_PER_SECOND = 1000000000;
+constexpr std::int64_t NS_PER_MILLISECOND = 1000000;
 constexpr double SAMPLE_RATE = 48000;
 constexpr std::size_t ENET_OVERHEAD = 8;  // Protocol and command headers around one packet.
 constexpr std::size_t ACK_LENGTH = 12;
@@ -44,8 +45,6 @@ struct Choice {
 
 struct Options {
     double seconds;
-    double pollsPerPass;
-    double receivesPerPass;
     std::vector<Choice> clients;
 };
 
@@ -109,6 +108,7 @@ class Floor {
         : options(std::move(chosen)), socket(makeSocket()), sound(testsound::make()) {
         for (const Choice& choice : options.clients) {
             const int receiver = makeSocket();
+            acknowledged = acknowledged || choice.reliable;
             peers.push_back({choice, addressOf(receiver), ::fork()});
             if (peers.back().process == 0) {
                 runPeer(receiver, choice.reliable);
@@ -134,8 +134,8 @@ class Floor {
     Floor(const Floor&) = delete;
     Floor& operator=(const Floor&) = delete;
 
-    /// Runs for the chosen time; returns processor nanoseconds per second of sound.
-    double run() {
+    /// Runs for the chosen time and prints what it took.
+    void run() {
         const auto period =
             static_cast<std::int64_t>(wire::RAW_BLOCK_FRAMES * NS_PER_SECOND / SAMPLE_RATE);
         const auto calls = static_cast<std::int64_t>(options.seconds * 1e9) / period;
@@ -149,7 +149,9 @@ class Floor {
             onBlock(static_cast<std::size_t>(call) % testsound::BLOCKS);
             processorTime += clockNs(CLOCK_THREAD_CPUTIME_ID) - before;
         }
-        return static_cast<double>(processorTime) / options.seconds;
+        std::printf("%.4f %.1f %.1f %.1f\n",
+                    static_cast<double>(processorTime) / 1e6 / options.seconds,
+                    sends / options.seconds, receives / options.seconds, polls / options.seconds);
     }
 
   private:
@@ -209,25 +211,27 @@ class Floor {
             message.msg_iov = &part;
             message.msg_iovlen = 1;
             ::sendmsg(socket, &message, MSG_NOSIGNAL);
+            ++sends;
         }
     }
 
+    /// As the service step: receives what there is and waits for more until the clock, which
+    /// counts whole milliseconds, has moved on by one.
     void waitAndReceive() {
-        pollsDue += options.pollsPerPass;
-        receivesDue += options.receivesPerPass;
-        while (pollsDue >= 1) {
-            pollfd ready = {socket, POLLIN, 0};
-            ::poll(&ready, 1, 1);
-            const double share = receivesDue / pollsDue;
-            for (double done = 0; done < share && receivesDue >= 1; done += 1) {
-                receiveOne();
-                receivesDue -= 1;
-            }
-            pollsDue -= 1;
+        const std::int64_t end = clockNs(CLOCK_MONOTONIC) / NS_PER_MILLISECOND + 1;
+        if (acknowledged) {
+            receiveAll();
         }
+        do {
+            pollfd ready = {socket, POLLIN, 0};
+            ++polls;
+            if (::poll(&ready, 1, 1) > 0) {
+                receiveAll();
+            }
+        } while (clockNs(CLOCK_MONOTONIC) / NS_PER_MILLISECOND < end);
     }
 
-    void receiveOne() {
+    void receiveAll() {
         std::array<char, 4096> room{};
         sockaddr_in from = {};
         iovec part = {room.data(), room.size()};
@@ -236,7 +240,9 @@ class Floor {
         message.msg_namelen = sizeof from;
         message.msg_iov = &part;
         message.msg_iovlen = 1;
-        ::recvmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        while (::recvmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT) > 0) {
+            ++receives;
+        }
     }
 
     Options options;
@@ -248,21 +254,21 @@ class Floor {
     std::array<std::size_t, RATE_CODES> lengths{};
     std::array<std::int16_t, 2 * wire::OPUS_FRAME_SAMPLES> group{};
     std::size_t gathered = 0;
-    double pollsDue = 0;
-    double receivesDue = 0;
+    bool acknowledged = false;  ///< Some client acknowledges what it gets.
+    double sends = 0;
+    double receives = 0;
+    double polls = 0;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc < 4) {
-        std::fputs(
-            "usage: floor SECONDS POLLS_PER_PASS RECEIVES_PER_PASS [RATE_CODE:RELIABLE]...\n",
-            stderr);
+    if (argc < 2) {
+        std::fputs("usage: floor SECONDS [RATE_CODE:RELIABLE]...\n", stderr);
         return 2;
     }
-    Options options{std::atof(argv[1]), std::atof(argv[2]), std::atof(argv[3]), {}};
-    for (int i = 4; i < argc; ++i) {
+    Options options{std::atof(argv[1]), {}};
+    for (int i = 2; i < argc; ++i) {
         unsigned code = 0;
         int reliable = 0;
         if (std::sscanf(argv[i], "%u:%d", &code, &reliable) != 2 || code >= RATE_CODES) {
@@ -272,6 +278,6 @@ int main(int argc, char** argv) {
         options.clients.push_back({code, reliable != 0});
     }
     Floor floor(std::move(options));
-    std::printf("%.4f\n", floor.run() / 1e6);
+    floor.run();
     return 0;
 }
