@@ -54,7 +54,7 @@ class Client:
         return self.process.wait(timeout=20)
 
     def arrivals(self):
-        """After `stop()`: (sequence, delay, arrival, delay from the encoding) of each packet, ns."""
+        """After `stop()`: (sequence, delay, arrival, delay from the encoding) of each packet."""
         with open(self.output, encoding="ascii") as lines:
             return [tuple(map(int, line.split())) for line in lines]
 
@@ -63,13 +63,14 @@ class Session:
     """The server, headless, with clients given as (rate code, reliable) pairs.
 
     `output` is a descriptor that takes the server's lines instead of the session's log file;
-    `account` tells the clients to keep account of every packet.
+    `account` tells the clients to keep account of every packet; `window` starts the server with
+    its window, which nobody sees.
     """
 
     PORT = 59010
 
     def __init__(self, build, clients, speed=1.0, server=None, output=None,
-                 account=True):
+                 account=True, window=False):
         self.build = Path(build).resolve()
         self.folder = tempfile.TemporaryDirectory(prefix="velantrix-bench-")
         self.table_path = os.path.join(self.folder.name, "table")
@@ -80,8 +81,8 @@ class Session:
             VELANTRIX_SERVER_SAMPLE_RATE="48000", QT_QPA_PLATFORM="offscreen")
         self.log = open(os.path.join(self.folder.name, "server.log"), "w", encoding="utf-8")
         self.server = subprocess.Popen(
-            [server or self.build / "VelantrixServer", "-nogui"], env=environment,
-            stdout=output or self.log, stderr=subprocess.STDOUT)
+            [server or self.build / "VelantrixServer", *([] if window else ["-nogui"])],
+            env=environment, stdout=output or self.log, stderr=subprocess.STDOUT)
         self._wait_for_callbacks()
         with open(self.table_path, "rb") as file:
             self.table = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
