@@ -64,13 +64,11 @@ std::int64_t clockNs(clockid_t clock) {
 Scheduling readScheduling() {
     static const int file = ::open("/proc/thread-self/schedstat", O_RDONLY | O_CLOEXEC);
     char text[96] = {};
-    long long ran = 0;
-    long long queued = 0;
-    if (::pread(file, text, sizeof text - 1, 0) <= 0 ||
-        std::sscanf(text, "%lld %lld", &ran, &queued) != 2) {
+    if (::pread(file, text, sizeof text - 1, 0) <= 0) {
         return {};
     }
-    return {queued};
+    const char* const behindRunning = std::strchr(text, ' ');
+    return {behindRunning == nullptr ? 0 : std::strtoll(behindRunning, nullptr, 10)};
 }
 
 /// Notes which packets this callback sends. Raw packets are numbered by callbacks, compressed
