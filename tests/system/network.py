@@ -21,7 +21,7 @@ def _fail(text):
 
 def _unshare_command():
     """How this user makes a network namespace, or None."""
-    for options in (["-n"], ["-rn"]) if os.geteuid() == 0 else (["-rn"],):
+    for options in (["-nm"], ["-rnm"]) if os.geteuid() == 0 else (["-rnm"],):
         command = ["unshare", *options, "--"]
         if shutil.which("unshare") and subprocess.run(
                 command + ["true"], stderr=subprocess.DEVNULL).returncode == 0:
@@ -33,7 +33,8 @@ def join_private_network():
     """Runs this program again in a network namespace of its own; returns True inside it.
 
     Returns False, on the real network, when the system does not let this user make one. The
-    namespace has the loopback interface only, with a route for the discovery group.
+    namespace has the loopback interface only, with a route for the discovery group, and shared
+    memory of its own.
     """
     if "/usr/sbin" not in os.environ["PATH"]:
         os.environ["PATH"] += ":/usr/sbin:/sbin"
@@ -47,6 +48,9 @@ def join_private_network():
     interfaces = set(_interfaces())
     if interfaces != {"lo"}:
         _fail(f"{MARK} is set, but this is no private network: {sorted(interfaces)}")
+    # A program that is killed inside the JACK library leaves a lock in the shared memory on which
+    # every later one of this user would wait for ever.
+    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/dev/shm"], check=True)
     ip("link", "set", "lo", "up")
     ip("route", "replace", f"{DISCOVERY_GROUP}/32", "dev", "lo")
     return True
