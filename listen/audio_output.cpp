@@ -12,9 +12,6 @@ namespace {
 constexpr int CHANNELS = 2;
 constexpr int PREFERRED_RATE = 48000;
 constexpr unsigned long FRAMES_PER_BUFFER = 480;
-/// Seconds. Less is promised by some devices and kept by few: a sound server behind ALSA runs dry
-/// at 40 ms as soon as the machine is busy, and takes two seconds to get going again.
-constexpr double LEAST_LATENCY = 0.08;
 
 /// The devices that can play stereo; PortAudio must be initialised.
 std::vector<OutputDevice> listDevices() {
@@ -53,7 +50,6 @@ int chooseRate(const PaStreamParameters& parameters, const PaDeviceInfo& info) {
 }  // namespace
 
 AudioOutput::~AudioOutput() {
-    const StderrMute mute;
     if (stream_ != nullptr) {
         Pa_AbortStream(stream_);
         Pa_CloseStream(stream_);
@@ -80,8 +76,7 @@ bool AudioOutput::fail(const std::string& reason) {
     return false;
 }
 
-bool AudioOutput::open(const std::string& device, double delayMs) {
-    const StderrMute mute;
+bool AudioOutput::open(const std::string& device, double delayMs, double latencyMs) {
     const PaError result = Pa_Initialize();
     if (result != paNoError) {
         return fail(Pa_GetErrorText(result));
@@ -92,16 +87,16 @@ bool AudioOutput::open(const std::string& device, double delayMs) {
         return fail(device.empty() ? "there is no output device"
                                    : "there is no output device named '" + device + "'");
     }
-    return start(index, delayMs);
+    return start(index, delayMs, latencyMs);
 }
 
-bool AudioOutput::start(PaDeviceIndex device, double delayMs) {
+bool AudioOutput::start(PaDeviceIndex device, double delayMs, double latencyMs) {
     const PaDeviceInfo* const info = Pa_GetDeviceInfo(device);
     PaStreamParameters parameters = {};
     parameters.device = device;
     parameters.channelCount = CHANNELS;
     parameters.sampleFormat = paInt16;
-    parameters.suggestedLatency = std::max(info->defaultLowOutputLatency, LEAST_LATENCY);
+    parameters.suggestedLatency = std::max(info->defaultLowOutputLatency, latencyMs / 1000.0);
     const int rate = chooseRate(parameters, *info);
     playout_ = std::make_unique<Playout>(rate, delayMs);
     PaError result = Pa_OpenStream(&stream_, nullptr, &parameters, rate, FRAMES_PER_BUFFER,
@@ -127,14 +122,19 @@ double AudioOutput::latencyMs() const {
     return info != nullptr ? info->outputLatency * 1000.0 : 0.0;
 }
 
+void AudioOutput::render(std::int16_t* output, std::size_t frames, bool underflow) {
+    if (underflow) {
+        ++deviceUnderruns_;
+    }
+    ++calls_;
+    playout_->render(output, frames, steadyNow());
+}
+
 int AudioOutput::onOutput(const void* /*input*/, void* output, unsigned long frames,
                           const PaStreamCallbackTimeInfo* /*time*/, PaStreamCallbackFlags flags,
                           void* self) {
-    auto* const sound = static_cast<AudioOutput*>(self);
-    if ((flags & paOutputUnderflow) != 0) {
-        ++sound->deviceUnderruns_;
-    }
-    sound->playout_->render(static_cast<std::int16_t*>(output), frames, steadyNow());
+    static_cast<AudioOutput*>(self)->render(static_cast<std::int16_t*>(output), frames,
+                                            (flags & paOutputUnderflow) != 0);
     return paContinue;
 }
 

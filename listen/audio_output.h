@@ -32,15 +32,18 @@ class AudioOutput {
     static std::vector<OutputDevice> devices();
 
     /// Opens and starts a device: the one whose name is `device`, else the first whose name
-    /// contains it, or the default for an empty text. `delayMs` is the sound to keep
-    /// buffered. False on failure, see error().
-    [[nodiscard]] bool open(const std::string& device, double delayMs);
+    /// contains it, or the default for an empty text. `delayMs` is the sound to keep buffered,
+    /// `latencyMs` what the device itself shall keep at least. False on failure, see error().
+    [[nodiscard]] bool open(const std::string& device, double delayMs, double latencyMs);
 
     /// Hands over a packet of the stream number `stream` that came at `now` (microseconds).
     void push(const AudioPacket& packet, std::uint32_t stream, std::int64_t now);
 
     /// False once the device has gone.
     [[nodiscard]] bool alive() const;
+
+    /// Times that the device asked for sound.
+    [[nodiscard]] std::uint64_t calls() const { return calls_; }
 
     /// Figures of the playing side; only when open.
     [[nodiscard]] const PlayoutFigures& figures() const { return playout_->figures(); }
@@ -59,12 +62,14 @@ class AudioOutput {
                         const PaStreamCallbackTimeInfo* time, PaStreamCallbackFlags flags,
                         void* self);
     bool fail(const std::string& reason);
-    bool start(PaDeviceIndex device, double delayMs);
+    bool start(PaDeviceIndex device, double delayMs, double latencyMs);
+    void render(std::int16_t* output, std::size_t frames, bool underflow);
 
     bool initialized_ = false;
     PaStream* stream_ = nullptr;  ///< Owned.
     std::unique_ptr<Playout> playout_;
     std::atomic<std::uint64_t> deviceUnderruns_{0};
+    std::atomic<std::uint64_t> calls_{0};
     std::string error_;
 };
 

@@ -1,7 +1,9 @@
 #include "listen/client.h"
 
+#include "listen/background.h"
 #include "listen/clock.h"
 #include "listen/command_line.h"
+#include "listen/find_server.h"
 #include "listen/stop_request.h"
 
 namespace vxlisten {
@@ -11,6 +13,10 @@ namespace {
 constexpr std::uint32_t SERVICE_MS = 5;
 constexpr std::uint32_t GOODBYE_MS = 300;
 constexpr std::int64_t CONNECT_PATIENCE = 5 * SECOND;
+/// A server sends without a pause. When nothing comes although the connection stands, only a new
+/// connection helps.
+constexpr std::int64_t SILENCE_PATIENCE = 3 * SECOND;
+constexpr std::int64_t WATCH_INTERVAL = 100 * MILLISECOND;
 
 double toSeconds(std::int64_t microseconds) {
     return static_cast<double>(microseconds) / static_cast<double>(SECOND);
@@ -86,6 +92,7 @@ void Client::step() {
     handle(receiver_.service(SERVICE_MS));
     watchTime();
     watchConnection();
+    watchOutputs();
     watchFigures();
 }
 
@@ -114,6 +121,7 @@ void Client::handleConnected() {
         firstConnect_ = linkSince_;
     }
     everConnected_ = true;
+    lastAudio_ = linkSince_;
     tracker_.restart();
     receiver_.requestData(options_.choice);
 }
@@ -140,6 +148,7 @@ void Client::handlePacket(const ENetPacket& packet) {
             fail(outputs_.error());
             break;
     }
+    lastAudio_ = steadyNow();  // After the outputs, which may have made it wait.
 }
 
 void Client::handleDisconnected(std::uint32_t data) {
@@ -169,6 +178,27 @@ void Client::loseConnection(const std::string& why) {
     }
     enter(Link::Waiting);
     waitUntil_ = linkSince_ + retryPause_.next() * MILLISECOND;
+    whereabouts_ = inBackground([options = options_, address = receiver_.address()] {
+        return locateAgain(options, address);
+    });
+}
+
+void Client::connectAgain() {
+    const std::string address = whereabouts_.get();
+    if (!address.empty() && address != receiver_.address() &&
+        receiver_.resolve(address, options_.port)) {
+        counts_.server = receiver_.serverAddress();
+        reporter_.announce("the server is now at " + counts_.server);
+        if (options_.found) {
+            counts_.hostName = address;
+        }
+    }
+    startConnecting();
+}
+
+void Client::giveUpSilentLine() {
+    receiver_.disconnect(GOODBYE_MS);
+    loseConnection("no audio has come from " + counts_.server + " for a while");
 }
 
 void Client::watchTime() {
@@ -181,8 +211,25 @@ void Client::watchTime() {
 void Client::watchConnection() {
     if (link_ == Link::Connecting && steadyNow() - linkSince_ >= CONNECT_PATIENCE) {
         loseConnection(counts_.server + " does not answer");
-    } else if (link_ == Link::Waiting && steadyNow() >= waitUntil_) {
-        startConnecting();
+    } else if (link_ == Link::Waiting && steadyNow() >= waitUntil_ && isReady(whereabouts_)) {
+        connectAgain();
+    } else if (link_ == Link::Connected && steadyNow() - lastAudio_ >= SILENCE_PATIENCE) {
+        giveUpSilentLine();
+    }
+}
+
+void Client::watchOutputs() {
+    const std::int64_t now = steadyNow();
+    if (now < nextWatch_) {
+        return;
+    }
+    nextWatch_ = now + WATCH_INTERVAL;
+    std::string news;
+    if (outputs_.watch(now, news) == SinkState::Closed) {
+        end(STATUS_OK);
+    }
+    if (!news.empty()) {
+        reporter_.announce(news);
     }
 }
 
@@ -200,10 +247,6 @@ void Client::watchFigures() {
         return;
     }
     nextFigures_ += reporter_.interval();
-    if (!outputs_.alive()) {
-        fail(outputs_.error());
-        return;
-    }
     measureBitRate();
     reporter_.show(figures());
     outputs_.clearLevels();

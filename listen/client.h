@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <future>
 #include <string>
 
 #include "listen/options.h"
@@ -36,6 +37,9 @@ class Client {
     void handlePacket(const ENetPacket& packet);
     void handleDisconnected(std::uint32_t data);
     void loseConnection(const std::string& why);
+    void watchOutputs();
+    void giveUpSilentLine();
+    void connectAgain();
     void watchTime();
     void watchConnection();
     void watchFigures();
@@ -52,7 +56,8 @@ class Client {
     SequenceTracker tracker_;
     Outputs outputs_;
     RetryPause retryPause_;
-    Statistics counts_;  ///< What is counted here; figures() adds the rest.
+    Statistics counts_;                     ///< What is counted here; figures() adds the rest.
+    std::future<std::string> whereabouts_;  ///< Waiting: where the server is now.
     Link link_ = Link::Connecting;
     bool everConnected_ = false;
     bool ended_ = false;
@@ -62,7 +67,9 @@ class Client {
     std::int64_t linkSince_ = 0;  ///< When the present state of the link began.
     std::int64_t waitUntil_ = 0;  ///< Waiting: time of the next attempt.
     std::int64_t firstConnect_ = 0;
+    std::int64_t lastAudio_ = 0;  ///< Connected: when audio last came, or the connection did.
     std::int64_t nextFigures_ = 0;
+    std::int64_t nextWatch_ = 0;
     std::int64_t bitRateSince_ = 0;   ///< Start of the span that the bit rate is measured over,
     std::uint64_t bitRateBytes_ = 0;  ///< and the bytes received before it.
 };

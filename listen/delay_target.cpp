@@ -9,7 +9,8 @@ namespace {
 constexpr std::int64_t WINDOW_US = 10'000'000;
 /// Weight that a packet keeps when the next one comes: the memory spans some 4000 packets.
 constexpr double MEMORY = 1.0 - 1.0 / 4000.0;
-constexpr double COVERED = 0.99;  ///< Share of the packets that must come in time.
+constexpr double UNCOVERED = 0.002;  ///< Share of the packets that may come too late,
+constexpr double EXCEPTIONS = 1.0;   ///< but so many at any rate.
 constexpr double SAFETY_MS = 5;
 constexpr double UNDERRUN_EXTRA_MS = 15;
 constexpr double MOST_EXTRA_MS = 200;
@@ -57,12 +58,13 @@ void DelayTarget::count(double latenessMs) {
     const auto bin =
         static_cast<std::size_t>(std::clamp(latenessMs, 0.0, static_cast<double>(BINS - 1)));
     lateness_[bin] += 1;
-    double covered = 0;
-    std::size_t i = 0;
-    while (i + 1 < BINS && (covered += lateness_[i]) < COVERED * total_) {
-        ++i;
+    const double allowed = std::max(EXCEPTIONS, UNCOVERED * total_);
+    double late = 0;
+    std::size_t i = BINS;
+    while (i > 0 && (late += lateness_[i - 1]) <= allowed) {
+        --i;
     }
-    jitterMs_ = static_cast<double>(i + 1);
+    jitterMs_ = static_cast<double>(i);
 }
 
 void DelayTarget::noteUnderrun() {

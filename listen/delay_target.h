@@ -7,8 +7,10 @@
 namespace vxlisten {
 
 /// Decides how much sound to keep buffered: at least what the user chose, and as much more as the
-/// network's recent unevenness and recent underruns ask for. Packets that come at once after a
-/// delay count as one, so that a single long stall does not make all later sound late. Times are
+/// network's recent unevenness and recent underruns ask for. It starts from the wish, grows as soon
+/// as a few packets have come later than it covers, before the sound runs dry if it can, and
+/// shrinks back when that has not happened for half a minute or so. Packets that come at once after
+/// a delay count as one, so that a single long stall does not make all later sound late. Times are
 /// given, not taken from a clock. Not thread-safe. Realtime-safe: yes.
 class DelayTarget {
   public:

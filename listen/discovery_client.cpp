@@ -55,6 +55,9 @@ class Search {
             }
             const bool hadNone = result_.servers.empty();
             waitForAnswers();
+            if (isWantedFound()) {
+                break;
+            }
             if (hadNone && !result_.servers.empty()) {
                 end = std::min(end, Clock::now() + search_.grace);
             }
@@ -100,13 +103,20 @@ class Search {
         }
     }
 
+    [[nodiscard]] bool isKnown(const std::string& address) const {
+        return std::any_of(
+            result_.servers.begin(), result_.servers.end(),
+            [&address](const FoundServer& server) { return server.address == address; });
+    }
+
+    [[nodiscard]] bool isWantedFound() const {
+        return !search_.wanted.empty() && isKnown(search_.wanted);
+    }
+
     void remember(const sockaddr_in& sender) {
         char text[INET_ADDRSTRLEN] = "";
         inet_ntop(AF_INET, &sender.sin_addr, text, sizeof text);
-        const auto known =
-            std::find_if(result_.servers.begin(), result_.servers.end(),
-                         [&text](const FoundServer& server) { return server.address == text; });
-        if (known == result_.servers.end()) {
+        if (!isKnown(text)) {
             const std::chrono::duration<double, std::milli> time = Clock::now() - queryTime_;
             result_.servers.push_back({text, time.count()});
         }

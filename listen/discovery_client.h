@@ -20,6 +20,7 @@ struct DiscoverySearch {
     std::chrono::milliseconds limit{3000};
     /// After the first answer: how long to wait for more of them. Not above `limit`.
     std::chrono::milliseconds grace{3000};
+    std::string wanted;  ///< The search ends as soon as the server at this address answers.
 };
 
 /// What a search brought: servers in the order of their answers, each once. `error` is empty

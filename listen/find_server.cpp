@@ -1,9 +1,11 @@
 #include "listen/find_server.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include "listen/command_line.h"
 #include "listen/discovery_client.h"
+#include "listen/receiver.h"
 
 namespace vxlisten {
 
@@ -11,6 +13,8 @@ namespace {
 
 /// Other servers that answer this soon after the first one are told of.
 constexpr std::chrono::milliseconds GRACE{300};
+/// A search for a server that was there before does not hold up the attempts to reach it.
+constexpr std::chrono::milliseconds SHORT_LIMIT{1000};
 
 /// A server's discovery port is one above the port that its environment chose, if it did.
 DiscoverySearch makeSearch(const Options& options) {
@@ -60,7 +64,31 @@ bool findServer(Options& options) {
         print(stderr, result);
     }
     options.host = result.servers.front().address;
+    options.found = true;
+    for (std::size_t i = 1; i < result.servers.size(); ++i) {
+        options.others.push_back(result.servers[i].address);
+    }
     return true;
+}
+
+std::string locateAgain(const Options& options, const std::string& address) {
+    if (!options.found) {
+        return lookUpAddress(options.host);
+    }
+    DiscoverySearch search = makeSearch(options);
+    search.limit = SHORT_LIMIT;
+    search.grace = GRACE;
+    search.wanted = address;
+    const std::vector<FoundServer> servers = discoverServers(search).servers;
+    const auto find = [&servers](const auto& fits) {
+        const auto found = std::find_if(servers.begin(), servers.end(), fits);
+        return found != servers.end() ? found->address : std::string();
+    };
+    const std::string same =
+        find([&address](const FoundServer& server) { return server.address == address; });
+    return !same.empty() ? same : find([&options](const FoundServer& server) {
+        return std::count(options.others.begin(), options.others.end(), server.address) == 0;
+    });
 }
 
 }  // namespace vxlisten

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <unistd.h>
 
+#include "listen/clock.h"
+
 namespace vxlisten {
 
 bool Outputs::open(const Options& options) {
@@ -22,8 +24,8 @@ bool Outputs::open(const Options& options) {
 }
 
 bool Outputs::openSound(const Options& options) {
-    sound_ = std::make_unique<AudioOutput>();
-    if (sound_->open(options.device, options.bufferMs)) {
+    sound_ = std::make_unique<SoundKeeper>(options.device, options.bufferMs);
+    if (sound_->open(steadyNow())) {
         return true;
     }
     const std::string reason = sound_->error();
@@ -49,12 +51,11 @@ SinkState Outputs::take(const AudioPacket& packet, const SequenceStep& step, std
     return error_.empty() ? SinkState::Closed : SinkState::Failed;
 }
 
-bool Outputs::alive() {
-    if (sound_ != nullptr && !sound_->alive()) {
-        error_ = "the output device has gone";
-        return false;
+SinkState Outputs::watch(std::int64_t now, std::string& news) {
+    if (sound_ != nullptr) {
+        news = sound_->watch(now);
     }
-    return true;
+    return pipe_ != nullptr && pipe_->readerGone() ? SinkState::Closed : SinkState::Open;
 }
 
 SinkState Outputs::finish() {
@@ -75,18 +76,8 @@ void Outputs::describe(Statistics& statistics) {
     if (sound_ == nullptr) {
         return;
     }
-    const PlayoutFigures& figures = sound_->figures();
-    Playback& playback = statistics.playback.emplace();
-    playback.playing = figures.playing;
-    playback.bufferMs = figures.depthMs;
-    playback.targetMs = figures.targetMs;
-    playback.jitterMs = figures.jitterMs;
-    playback.outputLatencyMs = sound_->latencyMs();
-    playback.correctionPpm = figures.correctionPpm;
-    playback.concealed = figures.concealed;
-    playback.skipped = figures.skipped;
-    playback.underruns = figures.underruns + sound_->deviceUnderruns();
-    statistics.late = std::max(statistics.late, figures.late.load());
+    statistics.playback = sound_->figures();
+    statistics.late = std::max(statistics.late, sound_->late());
 }
 
 void Outputs::describeWholeLevel(Statistics& statistics) const {

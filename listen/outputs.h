@@ -4,11 +4,11 @@
 #include <memory>
 #include <string>
 
-#include "listen/audio_output.h"
 #include "listen/options.h"
 #include "listen/pipe_sink.h"
 #include "listen/recorder.h"
 #include "listen/sequence_tracker.h"
+#include "listen/sound_keeper.h"
 #include "listen/statistics.h"
 #include "listen/timeline.h"
 
@@ -25,8 +25,9 @@ class Outputs {
     /// Hands a packet on that came at `now` (microseconds). Returns how the sinks took it.
     SinkState take(const AudioPacket& packet, const SequenceStep& step, std::int64_t now);
 
-    /// False once the output device has gone, see error().
-    [[nodiscard]] bool alive();
+    /// Looks after the outputs; to be called several times a second. Returns whether they go on;
+    /// `news` is a sentence for the user when something happened to the output device.
+    SinkState watch(std::int64_t now, std::string& news);
 
     /// Completes the recording. Failed: see error().
     SinkState finish();
@@ -49,7 +50,7 @@ class Outputs {
     Timeline timeline_;
     std::unique_ptr<Recorder> recorder_;
     std::unique_ptr<PipeSink> pipe_;
-    std::unique_ptr<AudioOutput> sound_;
+    std::unique_ptr<SoundKeeper> sound_;
     std::uint32_t stream_ = 0;  ///< Counts the starts, for the playing side.
     std::string error_;
     std::string warning_;

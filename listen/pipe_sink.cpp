@@ -36,6 +36,11 @@ SinkState PipeSink::write(const std::int16_t* frames, std::size_t count, int rat
                       converted.size() * sizeof converted[0]);
 }
 
+bool PipeSink::readerGone() const {
+    pollfd waiting = {descriptor_, 0, 0};
+    return poll(&waiting, 1, 0) > 0 && (waiting.revents & (POLLERR | POLLHUP)) != 0;
+}
+
 bool PipeSink::waitForRoom() const {
     pollfd waiting = {descriptor_, POLLOUT, 0};
     do {

@@ -15,6 +15,9 @@ class PipeSink : public PcmSink {
     explicit PipeSink(int descriptor) : descriptor_(descriptor) {}
 
     SinkState write(const std::int16_t* frames, std::size_t count, int rate) override;
+    /// True once nobody can read any more what is written. Does not block.
+    [[nodiscard]] bool readerGone() const;
+
     SinkState finish() override { return state_; }
     [[nodiscard]] std::string error() const override { return error_; }
 

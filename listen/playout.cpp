@@ -18,6 +18,11 @@ constexpr double LEAST_EXCESS_MS = 40;
 constexpr double EXCESS_SHARE = 0.5;
 constexpr double PPM = 1e-6;
 constexpr double MICROSECONDS = 1e6;
+// Much less sound than the target is made up for by stretching, for the drift correction is slow.
+constexpr double MOST_SHORTAGE_MS = 15;
+constexpr double SHORTAGE_SHARE = 0.3;
+constexpr double SMALL_SHORTAGE_MS = 4;
+constexpr unsigned STRETCH_INTERVAL = 8;  ///< Packets.
 
 void increment(std::atomic<std::uint64_t>& counter, std::uint64_t by = 1) {
     counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
@@ -29,14 +34,40 @@ double termScale(int largerRate) {
     return share >= 1.0 ? std::floor(share) : 1.0 / std::ceil(1.0 / share);
 }
 
+/// Sets how fast a resampler plays: `ppm` faster than nominal. Returns the part of the ratio's term
+/// that rounding left out, `carry` being what it left out before.
+double setRatio(SpeexResamplerState* resampler, int from, int to, double ppm, double carry) {
+    const double scale = termScale(std::max(from, to));
+    const double out = std::round(to * scale);
+    const double exact = out * from / to * (1.0 + ppm * PPM) + carry;
+    const double in = std::round(exact);
+    speex_resampler_set_rate_frac(resampler, static_cast<unsigned>(in), static_cast<unsigned>(out),
+                                  static_cast<unsigned>(from), static_cast<unsigned>(to));
+    return exact - in;
+}
+
+/// A resampler that needs no more memory when its ratio is corrected.
+Resampler makeResampler(int from, int to) {
+    int error = RESAMPLER_ERR_SUCCESS;
+    Resampler resampler(speex_resampler_init(CHANNELS, static_cast<unsigned>(from),
+                                             static_cast<unsigned>(to), QUALITY, &error));
+    if (resampler != nullptr) {
+        setRatio(resampler.get(), from, to, DriftControl::MOST_PPM, 0);  // Takes all it ever needs.
+        setRatio(resampler.get(), from, to, 0, 0);
+    }
+    return resampler;
+}
+
 double toMs(std::size_t frames, int rate) {
     return rate > 0 ? 1000.0 * static_cast<double>(frames) / rate : 0.0;
 }
 
 }  // namespace
 
-Playout::Playout(int deviceRate, double delayMs)
-    : deviceRate_(deviceRate), target_(delayMs), fifo_(FIFO_SAMPLES) {
+Playout::Playout(int deviceRate, double delayMs, StreamRates streamRates)
+    : deviceRate_(deviceRate), streamRates_(streamRates), target_(delayMs), fifo_(FIFO_SAMPLES) {
+    std::transform(streamRates.begin(), streamRates.end(), resamplers_.begin(),
+                   [deviceRate](int rate) { return makeResampler(rate, deviceRate); });
     figures_.targetMs = target_.milliseconds();
 }
 
@@ -139,7 +170,7 @@ void Playout::produce(std::size_t wanted) {
 }
 
 void Playout::playBlock() {
-    const BlockSource::Block block = source_.next();
+    BlockSource::Block block = source_.next();
     switch (block.kind) {
         case BlockSource::Kind::Concealed:
             increment(figures_.concealed);
@@ -150,18 +181,42 @@ void Playout::playBlock() {
             figures_.playing = false;
             break;
         case BlockSource::Kind::Sound:
+            stretch(block);
+            break;
         case BlockSource::Kind::Nothing:
             break;
     }
     resample(block.frames, block.count);
 }
 
+bool Playout::stretchIsDue() {
+    const double target = target_.milliseconds();
+    const double shortage = target - meanDepth_;
+    const double most = std::min(MOST_SHORTAGE_MS, SHORTAGE_SHARE * target);
+    stretching_ = shortage > (stretching_ ? std::min(SMALL_SHORTAGE_MS, most) : most);
+    return ++sinceStretch_ >= STRETCH_INTERVAL && stretching_;
+}
+
+void Playout::stretch(BlockSource::Block& block) {
+    if (!stretchIsDue()) {
+        return;
+    }
+    const std::size_t longer = vxlisten::stretch(block.frames, block.count, stretched_.data());
+    if (longer > block.count) {
+        increment(figures_.stretched);
+        meanDepth_ += toMs(longer - block.count, streamRate_);
+        sinceStretch_ = 0;
+        block.frames = stretched_.data();
+        block.count = longer;
+    }
+}
+
 void Playout::resample(const std::int16_t* frames, std::size_t count) {
     while (count > 0 && resampler_ != nullptr) {
         auto taken = static_cast<spx_uint32_t>(count);
         auto made = static_cast<spx_uint32_t>((FIFO_SAMPLES - fifoEnd_) / CHANNELS);
-        speex_resampler_process_interleaved_int(resampler_.get(), frames, &taken,
-                                                fifo_.data() + fifoEnd_, &made);
+        speex_resampler_process_interleaved_int(resampler_, frames, &taken, fifo_.data() + fifoEnd_,
+                                                &made);
         fifoEnd_ += std::size_t{made} * CHANNELS;
         frames += std::size_t{taken} * CHANNELS;
         count -= taken;
@@ -176,9 +231,13 @@ void Playout::prepareResampler(int rate) {
         return;
     }
     streamRate_ = rate;
-    int error = RESAMPLER_ERR_SUCCESS;
-    resampler_.reset(speex_resampler_init(CHANNELS, static_cast<unsigned>(rate),
-                                          static_cast<unsigned>(deviceRate_), QUALITY, &error));
+    const auto at = std::find(streamRates_.begin(), streamRates_.end(), rate);
+    resampler_ = at != streamRates_.end()
+                     ? resamplers_[static_cast<std::size_t>(at - streamRates_.begin())].get()
+                     : nullptr;
+    if (resampler_ != nullptr) {
+        speex_resampler_reset_mem(resampler_);
+    }
     ratioCarry_ = 0;
 }
 
@@ -227,15 +286,9 @@ void Playout::control(double seconds) {
 
 void Playout::applyCorrection() {
     figures_.correctionPpm = drift_.ppm();
-    const double scale = termScale(std::max(streamRate_, deviceRate_));
-    const double out = std::round(deviceRate_ * scale);
-    const double exact = out * streamRate_ / deviceRate_ * (1.0 + drift_.ppm() * PPM) + ratioCarry_;
-    const double in = std::round(exact);
-    ratioCarry_ = exact - in;  // What rounding takes now is given back later.
     if (resampler_ != nullptr) {
-        speex_resampler_set_rate_frac(
-            resampler_.get(), static_cast<unsigned>(in), static_cast<unsigned>(out),
-            static_cast<unsigned>(streamRate_), static_cast<unsigned>(deviceRate_));
+        // What rounding takes now is given back later.
+        ratioCarry_ = setRatio(resampler_, streamRate_, deviceRate_, drift_.ppm(), ratioCarry_);
     }
 }
 

@@ -11,6 +11,7 @@
 #include "listen/drift_control.h"
 #include "listen/packet_queue.h"
 #include "listen/rate_adapter.h"
+#include "listen/stretch.h"
 
 namespace vxlisten {
 
@@ -21,6 +22,7 @@ struct PlayoutFigures {
     std::atomic<std::uint64_t> duplicates{0};
     std::atomic<std::uint64_t> underruns{0};  ///< Times that the sound ran dry.
     std::atomic<std::uint64_t> skipped{0};    ///< Packets left out to catch up.
+    std::atomic<std::uint64_t> stretched{0};  ///< Packets played longer, to buffer more.
     std::atomic<double> depthMs{0};           ///< Mean of the sound waiting to be rendered.
     std::atomic<double> targetMs{0};          ///< What the depth should be.
     std::atomic<double> jitterMs{0};          ///< How uneven the packets come.
@@ -33,16 +35,18 @@ struct PlayoutFigures {
 /// One thread pushes packets, one renders. Times are given, not taken from a clock.
 class Playout {
   public:
+    /// Rates in Hz that the sound of a stream can have.
+    using StreamRates = std::array<int, 2>;
+
     /// `deviceRate` in Hz; `delayMs` is the sound to keep buffered.
-    Playout(int deviceRate, double delayMs);
+    Playout(int deviceRate, double delayMs, StreamRates streamRates = {44100, 48000});
 
     /// Hands over a packet of the stream number `stream` that came at `now` (microseconds).
     /// Thread: the one that pushes.
     void push(const AudioPacket& packet, std::uint32_t stream, std::int64_t now);
 
     /// Writes `frames` stereo frames for the device. `now` (microseconds) is the time of the call.
-    /// Thread: the one that renders. Realtime-safe: yes, but for the resampler's memory at a
-    /// change of sample rate.
+    /// Thread: the one that renders. Realtime-safe: yes.
     void render(std::int16_t* output, std::size_t frames, std::int64_t now);
 
     /// Thread: any.
@@ -54,6 +58,8 @@ class Playout {
     void watchStart(std::size_t wanted);
     void watchDepth(double seconds);
     void skipDown();
+    void stretch(BlockSource::Block& block);
+    [[nodiscard]] bool stretchIsDue();
     void control(double seconds);
     void produce(std::size_t wanted);
     void playBlock();
@@ -66,11 +72,17 @@ class Playout {
     static constexpr std::size_t FIFO_SAMPLES = 1 << 15;
 
     int deviceRate_;
+    StreamRates streamRates_;
     PacketQueue queue_;
     BlockSource source_;
     DelayTarget target_;
     DriftControl drift_;
-    Resampler resampler_;
+    /// One for each rate that a stream can have, made beforehand.
+    std::array<Resampler, std::tuple_size_v<StreamRates>> resamplers_;
+    SpeexResamplerState* resampler_ = nullptr;  ///< The one in use.
+    bool stretching_ = false;
+    unsigned sinceStretch_ = 0;  ///< Packets.
+    std::array<std::int16_t, 2 * (StreamDecoder::MAX_FRAMES + STRETCH_MOST_ADDED)> stretched_{};
     bool everPlayed_ = false;
     int streamRate_ = 0;
     double ratioCarry_ = 0;  ///< Part of the wanted ratio that rounding has left out so far.

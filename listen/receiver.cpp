@@ -22,7 +22,18 @@ constexpr enet_uint32 TIMEOUT_ATTEMPTS = 8;
 constexpr enet_uint32 TIMEOUT_LEAST_MS = 3000;
 constexpr enet_uint32 TIMEOUT_MOST_MS = 6000;
 
+std::string toText(const ENetAddress& address) {
+    char text[64] = "";
+    enet_address_get_host_ip(&address, text, sizeof text);
+    return text;
+}
+
 }  // namespace
+
+std::string lookUpAddress(const std::string& host) {
+    ENetAddress address = {};
+    return enet_address_set_host(&address, host.c_str()) == 0 ? toText(address) : std::string();
+}
 
 Receiver::~Receiver() {
     if (host_ != nullptr) {
@@ -129,10 +140,12 @@ void Receiver::disconnect(std::uint32_t milliseconds) {
     drop();
 }
 
+std::string Receiver::address() const {
+    return toText(address_);
+}
+
 std::string Receiver::serverAddress() const {
-    char text[64] = "";
-    enet_address_get_host_ip(&address_, text, sizeof text);
-    return std::string(text) + ":" + std::to_string(address_.port);
+    return address() + ":" + std::to_string(address_.port);
 }
 
 std::uint32_t Receiver::roundTripTime() const {

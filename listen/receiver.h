@@ -30,6 +30,10 @@ struct StreamChoice {
     bool multiClient = true;  ///< Clear: the server drops this client for the next one.
 };
 
+/// Dotted IPv4 address of a host, empty when the name is unknown. May wait for the name service.
+/// Thread: any.
+std::string lookUpAddress(const std::string& host);
+
 /// One connection at a time to one server. Everything on one thread.
 class Receiver {
   public:
@@ -59,6 +63,9 @@ class Receiver {
 
     /// Says goodbye and waits at most `milliseconds` for the server's answer.
     void disconnect(std::uint32_t milliseconds);
+
+    /// The resolved server's address.
+    [[nodiscard]] std::string address() const;
 
     /// The resolved server as "address:port".
     [[nodiscard]] std::string serverAddress() const;

@@ -62,7 +62,9 @@ std::string playbackJson(const Playback& p) {
         .add("correction_ppm", number(p.correctionPpm, 1))
         .add("concealed", number(p.concealed))
         .add("skipped", number(p.skipped))
-        .add("underruns", number(p.underruns));
+        .add("stretched", number(p.stretched))
+        .add("underruns", number(p.underruns))
+        .add("device_underruns", number(p.deviceUnderruns));
     return object.end();
 }
 
@@ -156,6 +158,7 @@ std::string toReport(const Statistics& s) {
     if (s.playback) {
         line("concealed", number(s.playback->concealed));
         line("skipped", number(s.playback->skipped));
+        line("stretched", number(s.playback->stretched));
         line("underruns", number(s.playback->underruns));
     }
     return text;

@@ -19,7 +19,9 @@ struct Playback {
     double correctionPpm = 0;     ///< How much faster than nominal it plays.
     std::uint64_t concealed = 0;  ///< Packets that something else was played for.
     std::uint64_t skipped = 0;    ///< Packets left out to catch up.
-    std::uint64_t underruns = 0;  ///< Times that the sound ran dry.
+    std::uint64_t stretched = 0;  ///< Packets played longer, to buffer more.
+    std::uint64_t deviceUnderruns = 0;  ///< Those among the underruns that the device had.
+    std::uint64_t underruns = 0;        ///< Times that the sound ran dry.
 };
 
 /// The figures of a session at one moment. Counts run from the start of the program.

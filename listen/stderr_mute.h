@@ -1,9 +1,13 @@
 #pragma once
 
+#include <cstdio>
+
 namespace vxlisten {
 
-/// While one exists, standard error goes nowhere: sound libraries write pages of lines there that
-/// say nothing to the user. Not for two threads at once.
+/// While one exists, the C library's `stderr` goes nowhere: sound libraries write pages of lines
+/// there that say nothing to the user. The descriptor stays as it is, so that the program's own
+/// sentences and a sanitizer's reports, which go straight to it, are seen. Not for two threads at
+/// once.
 class StderrMute {
   public:
     StderrMute();
@@ -12,7 +16,8 @@ class StderrMute {
     StderrMute& operator=(const StderrMute&) = delete;
 
   private:
-    int saved_;  ///< The real standard error, -1 when it could not be put aside.
+    std::FILE* nowhere_;  ///< Null when it could not be had.
+    std::FILE* saved_;    ///< What `stderr` was.
 };
 
 }  // namespace vxlisten

@@ -20,7 +20,7 @@ def _fail(text):
 
 
 def _unshare_command():
-    """How this user makes a network namespace, with mounts of its own, or None."""
+    """How this user makes a network namespace, or None."""
     for options in (["-nm"], ["-rnm"]) if os.geteuid() == 0 else (["-rnm"],):
         command = ["unshare", *options, "--"]
         if shutil.which("unshare") and subprocess.run(
@@ -34,8 +34,7 @@ def join_private_network():
 
     Returns False, on the real network, when the system does not let this user make one. The
     namespace has the loopback interface only, with a route for the discovery group, and shared
-    memory of its own: the JACK library keeps locks there that outlive a killed program, and every
-    later one of the same user would wait for them when it starts its sound.
+    memory of its own.
     """
     if "/usr/sbin" not in os.environ["PATH"]:
         os.environ["PATH"] += ":/usr/sbin:/sbin"
@@ -49,6 +48,8 @@ def join_private_network():
     interfaces = set(_interfaces())
     if interfaces != {"lo"}:
         _fail(f"{MARK} is set, but this is no private network: {sorted(interfaces)}")
+    # A program that is killed inside the JACK library leaves a lock in the shared memory on which
+    # every later one of this user would wait for ever.
     subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/dev/shm"], check=True)
     ip("link", "set", "lo", "up")
     ip("route", "replace", f"{DISCOVERY_GROUP}/32", "dev", "lo")

@@ -38,11 +38,11 @@ class SoundServer:
             "pcm.!default { type pulse }\nctl.!default { type pulse }\n", encoding="ascii")
         self.env = private_home(self.home)
         self.env.update(XDG_RUNTIME_DIR=str(runtime), PULSE_SERVER=f"unix:{runtime}/native")
-        self.start_daemon()
+        self.start()
         return self
 
-    def start_daemon(self):
-        """Starts the sound server, for the first time or after its end."""
+    def start(self):
+        """Starts the daemon; again, after stop()."""
         runtime = self.env["XDG_RUNTIME_DIR"]
         self.daemon = Process(
             ["pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
@@ -57,6 +57,10 @@ class SoundServer:
             lines = "\n  ".join(self.daemon.err.all() + self.daemon.out.all())
             self.__exit__()
             raise AssertionError(f"no private sound server ({error}):\n  {lines}") from error
+
+    def stop(self):
+        """Ends the daemon at once, as a crash would; its clients lose their sound."""
+        self.daemon.kill()
 
     def __exit__(self, *_):
         for player in self.players:

@@ -81,14 +81,14 @@ class Sound(FaultTest):
         self.assertIsNone(self.server.child.poll())
 
     def test_killed_sound_server_ends_the_stream_but_not_the_program(self):
-        self.sound.daemon.kill()
+        self.sound.stop()
         self.assert_capture_stops()
         self.assert_ends_cleanly(self.server)
 
     def test_restarted_sound_server_is_used_after_the_next_start(self):
-        self.sound.daemon.kill()
+        self.sound.stop()
         self.assert_capture_stops()
-        self.sound.start_daemon()
+        self.sound.start()
         self.assert_capture_stops()
         self.assert_ends_cleanly(self.server)
         self.start()

@@ -101,6 +101,16 @@ TEST(DiscoveryClient, ListsAServerOnceHoweverOftenItAnswers) {
     EXPECT_EQ(discoverServers(searchFor(responder, 3000)).servers.size(), 1u);
 }
 
+TEST(DiscoveryClient, EndsWithTheServerThatIsWanted) {
+    const Responder responder({"VelantrixResponse"});
+    DiscoverySearch search = searchFor(responder, 60000);
+    search.grace = milliseconds(60000);
+    search.wanted = "127.0.0.1";
+    const auto begin = std::chrono::steady_clock::now();
+    EXPECT_EQ(discoverServers(search).servers.size(), 1u);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
+}
+
 TEST(DiscoveryClient, TakesNothingElseForAnAnswer) {
     const Responder responder({"velantrixresponse", "VelantrixResponse2", "VelantrixRespons",
                                std::string("VelantrixResponse\0", 18), "", std::string(90, 'x')});

@@ -68,6 +68,7 @@ TEST_P(PlayoutForAnHour, NeitherRunsDryNorGrowsLateWhenTheServersClockIsOff) {
     EXPECT_EQ(simulation.figures().underruns, 0u);
     EXPECT_EQ(simulation.figures().skipped, 0u);
     EXPECT_EQ(simulation.figures().concealed, 0u);
+    EXPECT_EQ(simulation.figures().stretched, 0u);
     EXPECT_NEAR(simulation.figures().correctionPpm, GetParam(), 60.0);
     EXPECT_GT(simulation.leastDepth(), 30.0);
     EXPECT_LT(simulation.greatestDepth(), 50.0);

@@ -210,6 +210,16 @@ TEST(PipeSink, AClosedPipeIsNoError) {
     close(ends[1]);
 }
 
+TEST(PipeSink, AReaderThatHasGoneIsNoticedWithoutWriting) {
+    std::array<int, 2> ends{};
+    ASSERT_EQ(pipe(ends.data()), 0);
+    const PipeSink sink(ends[1]);
+    EXPECT_FALSE(sink.readerGone());
+    close(ends[0]);
+    EXPECT_TRUE(sink.readerGone());
+    close(ends[1]);
+}
+
 TEST(PipeSink, AFullDeviceIsAFailure) {
     std::FILE* const full = std::fopen("/dev/full", "w");
     ASSERT_NE(full, nullptr);

@@ -39,7 +39,9 @@ inline Network steady(std::int64_t delay = 5000) {
 class Simulation {
   public:
     Simulation(const Conditions& setup, Network network)
-        : setup_(setup), network_(std::move(network)), playout_(setup.sampleRate, setup.delayMs) {}
+        : setup_(setup),
+          network_(std::move(network)),
+          playout_(setup.sampleRate, setup.delayMs, {setup.sampleRate, setup.sampleRate}) {}
 
     /// Lets `seconds` pass. What the device plays is appended to played() unless `keep` is false.
     void run(double seconds, bool keep = true) {

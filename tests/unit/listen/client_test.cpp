@@ -1,0 +1,95 @@
+#include "listen/client.h"
+
+#include <atomic>
+#include <thread>
+
+#include <enet/enet.h>
+#include <gtest/gtest.h>
+
+#include "listen/clock.h"
+#include "listen/command_line.h"
+#include "tests/unit/listen/packets.h"
+
+namespace {
+
+/// A server on the loopback interface that leaves its first `silent` clients without audio.
+class TestServer {
+  public:
+    explicit TestServer(int silent) : silent_(silent) {
+        enet_initialize();
+        ENetAddress address = {};
+        enet_address_set_host(&address, "127.0.0.1");
+        host_ = enet_host_create(&address, 4, 2, 0, 0);
+        port = host_->address.port;
+        thread_ = std::thread([this] { run(); });
+    }
+    ~TestServer() {
+        stop_ = true;
+        thread_.join();
+        enet_host_destroy(host_);
+        enet_deinitialize();
+    }
+
+    std::uint16_t port = 0;
+    std::atomic<int> clients{0};
+
+  private:
+    void run() {
+        std::uint32_t seq = 0;
+        while (!stop_) {
+            ENetEvent event = {};
+            while (enet_host_service(host_, &event, 0) > 0) {
+                handle(event);
+            }
+            const packets::Bytes bytes = packets::raw(seq++);
+            if (listening_ != nullptr) {
+                enet_peer_send(
+                    listening_, 0,
+                    enet_packet_create(bytes.data(), bytes.size(), ENET_PACKET_FLAG_RELIABLE));
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(7));
+        }
+    }
+
+    void handle(const ENetEvent& event) {
+        if (event.type == ENET_EVENT_TYPE_CONNECT) {
+            listening_ = ++clients > silent_ ? event.peer : nullptr;
+        } else if (event.type == ENET_EVENT_TYPE_DISCONNECT) {
+            listening_ = event.peer == listening_ ? nullptr : listening_;
+        } else if (event.type == ENET_EVENT_TYPE_RECEIVE) {
+            enet_packet_destroy(event.packet);
+        }
+    }
+
+    int silent_;
+    ENetHost* host_ = nullptr;
+    ENetPeer* listening_ = nullptr;
+    std::thread thread_;
+    std::atomic<bool> stop_{false};
+};
+
+vxlisten::Options optionsFor(const TestServer& server, double seconds) {
+    vxlisten::Options options;
+    options.host = "127.0.0.1";
+    options.port = server.port;
+    options.play = false;
+    options.quiet = true;
+    options.seconds = seconds;
+    return options;
+}
+
+}  // namespace
+
+TEST(Client, AConnectionThatStaysSilentIsMadeAnew) {
+    TestServer server(1);
+    const vxlisten::Options options = optionsFor(server, 8);
+    EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_OK);
+    EXPECT_EQ(server.clients, 2);
+}
+
+TEST(Client, AConnectionWithSoundIsKept) {
+    TestServer server(0);
+    const vxlisten::Options options = optionsFor(server, 5);
+    EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_OK);
+    EXPECT_EQ(server.clients, 1);
+}
