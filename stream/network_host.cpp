@@ -14,6 +14,7 @@
 #include "stream/client_table.h"
 #include "stream/datagram_limit.h"
 #include "stream/enet_mtu.h"
+#include "stream/event_backlog.h"
 #include "stream/opus_bank.h"
 #include "stream/report_target.h"
 #include "stream/wire_format.h"
@@ -117,6 +118,7 @@ void createHost() {
     }
     raiseHostMtu(*server);
     limitDatagrams(*server);
+    limitMessages(*server);
 }
 
 void openAudio() {

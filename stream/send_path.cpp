@@ -6,6 +6,7 @@
 
 #include "audio/Audio.h"
 #include "stream/client_table.h"
+#include "stream/enet_clock.h"
 #include "stream/network_host.h"
 #include "stream/opus_bank.h"
 #include "stream/queue_trim.h"
@@ -108,6 +109,7 @@ void sendCompressed(const Payload& raw) {
 }  // namespace
 
 int processBuffer(char* buffer, int length, bool hasInput) {
+    steadyEnetClock();
     const Payload raw{reinterpret_cast<unsigned char*>(buffer), static_cast<std::size_t>(length)};
     if (length == static_cast<int>(wire::COMPRESSED_BUFFER_LENGTH)) {
         sendCompressed(raw);

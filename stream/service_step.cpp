@@ -4,11 +4,29 @@
 
 #include "app/console.h"
 #include "stream/client_table.h"
+#include "stream/event_backlog.h"
 #include "stream/network_host.h"
 
 namespace {
 
 constexpr enet_uint32 SERVICE_TIMEOUT_MS = 1;
+
+/// False for an event of another type.
+bool handle(const ENetEvent& event) {
+    switch (event.type) {
+        case ENET_EVENT_TYPE_CONNECT:
+            handleConnect(event);
+            return true;
+        case ENET_EVENT_TYPE_DISCONNECT:
+            handleDisconnect(event);
+            return true;
+        case ENET_EVENT_TYPE_RECEIVE:
+            handleReceive(event);
+            return true;
+        default:
+            return false;
+    }
+}
 
 }  // namespace
 
@@ -22,17 +40,7 @@ int serviceHost() {
     if (result == 0) {
         return 0;
     }
-    switch (event.type) {
-        case ENET_EVENT_TYPE_CONNECT:
-            handleConnect(event);
-            return result;
-        case ENET_EVENT_TYPE_DISCONNECT:
-            handleDisconnect(event);
-            return result;
-        case ENET_EVENT_TYPE_RECEIVE:
-            handleReceive(event);
-            return result;
-        default:
-            return 0;
-    }
+    const bool handled = handle(event);
+    readNetworkDespiteBacklog(*server);
+    return handled ? result : 0;
 }

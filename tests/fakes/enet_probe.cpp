@@ -5,6 +5,7 @@
 //   disconnect NAME DATA     says good-bye to the server
 //   vanish NAME              closes the socket without a word
 //   stall NAME | resume NAME stops and goes on reading
+//   keep NAME                asks the server's ENet not to thin best-effort packets by itself
 //   statistics NAME          prints what was received
 //
 // It answers with lines on standard output: "connected NAME port N", "disconnected NAME data N",
@@ -71,6 +72,8 @@ void obey(const std::string& verb, ProbeClient& client, std::istream& words) {
         client.disconnect(data);
     } else if (verb == "stall" || verb == "resume") {
         client.stall(verb == "stall");
+    } else if (verb == "keep") {
+        client.refuseThinning();
     } else if (verb == "statistics") {
         client.printStatistics();
     } else {

@@ -104,6 +104,11 @@ void ProbeClient::disconnect(std::uint32_t data) {
     enet_host_flush(host);
 }
 
+void ProbeClient::refuseThinning() {
+    enet_peer_throttle_configure(peer, ENET_PEER_PACKET_THROTTLE_INTERVAL,
+                                 ENET_PEER_PACKET_THROTTLE_ACCELERATION, 0);
+}
+
 void ProbeClient::printStatistics() const {
     std::printf("statistics %s packets %llu bytes %llu fragments %llu largest %llu\n", name.c_str(),
                 static_cast<unsigned long long>(packets), static_cast<unsigned long long>(bytes),

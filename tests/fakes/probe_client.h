@@ -32,6 +32,9 @@ class ProbeClient {
     /// A stalled client reads nothing from its socket and answers nothing.
     void stall(bool on) { stalled = on; }
 
+    /// Asks the server's ENet to send every best-effort packet, however late answers come.
+    void refuseThinning();
+
     /// Prints packet, byte and datagram counts.
     void printStatistics() const;
 

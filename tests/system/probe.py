@@ -99,6 +99,10 @@ class Client:
     def resume(self):
         self.probe.command(f"resume {self.name}")
 
+    def refuse_thinning(self):
+        """From now on a best-effort packet that does not come was lost, not left out by ENet."""
+        self.probe.command(f"keep {self.name}")
+
     def statistics(self):
         """The counts as a dictionary; ``fragments`` and ``largest`` count for the whole probe."""
         start = self.probe.out.count()

@@ -1,0 +1,167 @@
+"""What somebody in the same network may do to a server, one kind of attack at a time.
+
+Runs as a process of its own, in the other network:
+
+    attacker.py HOST KIND WORDS...
+
+It prints "ready" once the attack has begun, "sent N in S s" when a flood is over, and ends at the
+end of its input, without a word to the server. The kinds are the functions below.
+"""
+
+import random
+import re
+import resource
+import select
+import socket
+import subprocess
+import sys
+import time
+
+from enet_wire import connect_datagram, connect_peers, flood, mutate
+from processes import Process
+
+SERVER_PORT, DISCOVERY_PORT = 59010, 59011
+LONGEST_DATAGRAM = 65507
+FRAGMENTED_MESSAGE = 30_000_000  # Bytes; ENet itself would take up to 32 MiB.
+
+
+def _sockets(count):
+    limit = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+    resource.setrlimit(resource.RLIMIT_NOFILE, (limit, limit))
+    made = []
+    for _ in range(count):
+        made.append(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+        made[-1].setblocking(False)
+    return made
+
+
+def _flood(sockets, make_datagram, target, rate, count):
+    say("ready")
+    seconds = flood(sockets, make_datagram, target, float(rate), int(count))
+    say(f"sent {count} in {seconds:.1f} s")
+
+
+def _recorded(path):
+    """Datagrams that a test wrote to a file, a line of hexadecimal digits each."""
+    with open(path, encoding="ascii") as lines:
+        return [bytes.fromhex(line.strip()) for line in lines]
+
+
+def noise(host, count, rate, seed, path):
+    """Random datagrams, and recorded ones with damages, half each."""
+    generator = random.Random(int(seed))
+    recorded = _recorded(path)
+
+    def make(number):
+        if number % 2:
+            return generator.randbytes(generator.choice((generator.randint(0, 60),
+                                                         generator.randint(0, 1500))))
+        return mutate(generator, recorded)
+    _flood(_sockets(50), make, (host, SERVER_PORT), rate, count)
+
+
+def replay(host, count, rate, path):
+    """A whole connection of somebody else's, datagram by datagram, again and again."""
+    recorded = _recorded(path)
+    _flood(_sockets(1), lambda i: recorded[i % len(recorded)], (host, SERVER_PORT), rate, count)
+
+
+def connects(host, count, rate, ports):
+    """Asks for connections from many ports and answers nothing."""
+    generator = random.Random(1)
+    _flood(_sockets(int(ports)),
+           lambda _: connect_datagram(generator.getrandbits(32), 0x80000001),
+           (host, SERVER_PORT), rate, count)
+
+
+def lengths(host, count, rate):
+    """Empty and longest datagrams, to both ports in turn."""
+    longest = bytes(LONGEST_DATAGRAM)
+    for port in (SERVER_PORT, DISCOVERY_PORT):
+        _flood(_sockets(2), lambda i: b"" if i % 2 else longest, (host, port), rate,
+               int(count) // 2)
+
+
+def discovery(host, count, rate):
+    """Queries of both forms, and noise."""
+    words = (b"VelantrixQuery2", b"VelantrixQuery", b"VelantrixQuery3", b"\0" * 255)
+    _flood(_sockets(20), lambda i: words[i % len(words)], (host, DISCOVERY_PORT), rate, count)
+
+
+def half_open(host, count):
+    """Connections that are asked for once and never acknowledged."""
+    for number, end in enumerate(_sockets(int(count))):
+        end.sendto(connect_datagram(number + 1, 0x80000001), (host, SERVER_PORT))
+    say("ready")
+
+
+def peers(host, count, data):
+    """Connections that are kept. A line of input ends them in an orderly way."""
+    held = connect_peers((host, SERVER_PORT), int(count), int(data))
+    say(f"connected {len(held)}")
+    while not _input_waits():
+        for peer in held:
+            peer.service()
+        time.sleep(0.005)
+    replaced = sum(1 for peer in held if peer.disconnect_data == 101)
+    say(f"replaced {replaced}")
+    if sys.stdin.readline():
+        for peer in held:
+            if peer.disconnect_data is None:
+                peer.disconnect()
+
+
+def control(host, rate, seconds, kind):
+    """One connected client that sends control messages without end and hears nothing."""
+    (peer,) = connect_peers((host, SERVER_PORT), 1, 0x80000001)
+    say("ready")
+    request = b"\1\0\0\0" + bytes(4) + b"\1\0\0\0" + bytes(4) + b"flood\0"
+    commands = {"requests": lambda: peer.reliable(request),
+                "unsequenced": lambda: peer.unsequenced_command(request),
+                "empty": lambda: peer.unsequenced_command(b""),
+                "packed": lambda: b"".join(peer.unsequenced_command(b"") for _ in range(400)),
+                "fragments": lambda: peer.fragment(sent, FRAGMENTED_MESSAGE)}[kind]
+    sent, start = 0, time.monotonic()
+    while (passed := time.monotonic() - start) < float(seconds):
+        while sent < passed * float(rate):
+            peer.send(commands())
+            sent += 1
+        peer.service()
+        time.sleep(0.001)
+    say(f"sent {sent} in {passed:.1f} s")
+    while not _input_waits():
+        peer.service()
+        time.sleep(0.005)
+    if sys.stdin.readline():
+        peer.disconnect()
+
+
+def _input_waits():
+    return bool(select.select([sys.stdin], [], [], 0)[0])
+
+
+def say(text):
+    print(text, flush=True)
+
+
+class Attacker(Process):
+    """An attack as a child process; leaving the context ends it without a word."""
+
+    def __init__(self, network, host, kind, *words):
+        super().__init__([*network.command(), sys.executable, __file__, host, kind, *words], None,
+                         name=f"attacker {kind}", stdin=subprocess.PIPE)
+
+    def wait_sent(self, timeout=600.0):
+        """Waits for the end of a flood and returns its line."""
+        line = self.out.wait_for(re.compile("^sent "), timeout=timeout)
+        return self.out.all()[line]
+
+    def leave(self):
+        """Lets connected peers say good-bye."""
+        self.child.stdin.write("\n")
+        self.child.stdin.flush()
+
+
+if __name__ == "__main__":
+    globals()[sys.argv[2]](sys.argv[1], *sys.argv[3:])
+    sys.stdin.read()

@@ -1,0 +1,230 @@
+"""ENet's datagrams made and read by hand: for peers that break the rules of the real library."""
+
+import os
+import select
+import socket
+import struct
+import threading
+import time
+
+(ACKNOWLEDGE, CONNECT, VERIFY_CONNECT, DISCONNECT, PING, SEND_RELIABLE, SEND_UNRELIABLE,
+ SEND_FRAGMENT, SEND_UNSEQUENCED) = range(1, 10)
+COMMAND_MASK = 0x0F
+WANTS_ACKNOWLEDGE = 0x80
+UNSEQUENCED = 0x40
+SENT_TIME_FLAG = 0x8000
+NO_PEER = 0x0FFF
+CONTROL_CHANNEL = 0xFF
+
+# Bytes of a command with its header; data may follow the last four kinds.
+SIZES = {ACKNOWLEDGE: 8, CONNECT: 48, VERIFY_CONNECT: 44, DISCONNECT: 8, PING: 4, SEND_RELIABLE: 6,
+         SEND_UNRELIABLE: 8, SEND_FRAGMENT: 24, SEND_UNSEQUENCED: 8, 10: 12, 11: 16, 12: 24}
+DATA_LENGTH_AT = {SEND_RELIABLE: 4, SEND_UNRELIABLE: 6, SEND_FRAGMENT: 6, SEND_UNSEQUENCED: 6, 12: 6}
+
+FRAGMENT_BYTES = 1000
+
+
+def _now():
+    return int(time.monotonic() * 1000) & 0xFFFF
+
+
+def connect_datagram(connect_id, data, mtu=1400, window=65536):
+    """A whole datagram that asks for a connection."""
+    return struct.pack(
+        "!HHBBHHBB8III", NO_PEER | SENT_TIME_FLAG, _now(), CONNECT | WANTS_ACKNOWLEDGE,
+        CONTROL_CHANNEL, 1, 0, 0xFF, 0xFF, mtu, window, 2, 0, 0, 5000, 2, 2, connect_id, data)
+
+
+def commands_of(datagram):
+    """The commands of a datagram that a server sent: (number, channel, sequence, sent time, all)."""
+    (peer,) = struct.unpack_from("!H", datagram)
+    sent_time, at = 0, 2
+    if peer & SENT_TIME_FLAG:
+        (sent_time,) = struct.unpack_from("!H", datagram, 2)
+        at = 4
+    while at + 4 <= len(datagram):
+        command, channel, sequence = struct.unpack_from("!BBH", datagram, at)
+        number = command & COMMAND_MASK
+        size = SIZES.get(number)
+        if size is None or at + size > len(datagram):
+            return
+        yield number, channel, sequence, sent_time, command, datagram[at:at + size]
+        if number in DATA_LENGTH_AT:
+            size += struct.unpack_from("!H", datagram, at + DATA_LENGTH_AT[number])[0]
+        at += size
+
+
+class HandMadePeer:
+    """One connection by hand, which keeps only those rules that its owner wants kept.
+
+    ``service`` acknowledges what has come. Connected once ``peer_id`` is known.
+    """
+
+    def __init__(self, server, data, source=None):
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        if source is not None:
+            self.socket.bind(source)
+        self.socket.connect(server)
+        self.socket.setblocking(False)
+        self.peer_id = None
+        self.disconnect_data = None
+        self.sequences = [0, 0]
+        self.unsequenced = 0
+        self.ping_sequence = 1
+        self.audio_datagrams = 0
+        self.socket.send(connect_datagram(int.from_bytes(os.urandom(4), "big"), data))
+
+    def send(self, commands):
+        header = struct.pack("!HH", self.peer_id | self.session << 12 | SENT_TIME_FLAG, _now())
+        try:
+            self.socket.send(header + commands)
+        except (BlockingIOError, ConnectionRefusedError):
+            pass
+
+    def service(self):
+        while True:
+            try:
+                datagram = self.socket.recv(65536)
+            except (BlockingIOError, ConnectionRefusedError):
+                return
+            answers = b""
+            for number, channel, sequence, sent_time, command, body in commands_of(datagram):
+                if number == VERIFY_CONNECT:
+                    self.peer_id, self.session = struct.unpack_from("!HB", body, 4)
+                elif number == DISCONNECT:
+                    (self.disconnect_data,) = struct.unpack_from("!I", body, 4)
+                elif number >= SEND_RELIABLE:
+                    self.audio_datagrams += 1
+                if command & WANTS_ACKNOWLEDGE:
+                    answers += struct.pack("!BBHHH", ACKNOWLEDGE, channel, 0, sequence, sent_time)
+            if answers and self.peer_id is not None:
+                self.send(answers)
+
+    def reliable(self, data, channel=0):
+        """The bytes of one reliable command."""
+        self.sequences[channel] = self.sequences[channel] + 1 & 0xFFFF
+        return struct.pack("!BBHH", SEND_RELIABLE | WANTS_ACKNOWLEDGE, channel,
+                           self.sequences[channel], len(data)) + data
+
+    def unsequenced_command(self, data, channel=0):
+        self.unsequenced = self.unsequenced + 1 & 0xFFFF
+        return struct.pack("!BBHHH", SEND_UNSEQUENCED | UNSEQUENCED, channel, 0, self.unsequenced,
+                           len(data)) + data
+
+    def fragment(self, number, total_length):
+        """One piece of a message of ``total_length`` bytes."""
+        data = bytes(FRAGMENT_BYTES)
+        count = (total_length + len(data) - 1) // len(data)
+        return struct.pack("!BBHHHIIII", SEND_FRAGMENT | WANTS_ACKNOWLEDGE, 0, 1 + number, 1,
+                           len(data), count, number, total_length, number * len(data)) + data
+
+    def ping(self):
+        self.ping_sequence = self.ping_sequence + 1 & 0xFFFF
+        self.send(struct.pack("!BBH", PING | WANTS_ACKNOWLEDGE, CONTROL_CHANNEL,
+                              self.ping_sequence))
+
+    def disconnect(self):
+        """Says good-bye, more than once because no answer is waited for."""
+        for _ in range(3):
+            self.send(struct.pack("!BBHI", DISCONNECT | UNSEQUENCED, CONTROL_CHANNEL, 0, 0))
+            time.sleep(0.1)
+        self.socket.close()
+
+
+def connect_peers(server, count, data, patience=20.0):
+    """So many connected peers; those for which there is no room in time are left out."""
+    peers = [HandMadePeer(server, data) for _ in range(count)]
+    end = time.monotonic() + patience
+    while time.monotonic() < end and any(peer.peer_id is None for peer in peers):
+        for peer in peers:
+            peer.service()
+        time.sleep(0.005)
+    for peer in peers:
+        if peer.peer_id is None:
+            peer.socket.close()
+    return [peer for peer in peers if peer.peer_id is not None]
+
+
+def mutate(generator, datagrams):
+    """One of ``datagrams`` with some bytes changed, cut, repeated or put together with another."""
+    data = bytearray(generator.choice(datagrams))
+    kind = generator.randrange(6)
+    if kind == 0:
+        data = data[:generator.randint(0, len(data))]
+    elif kind == 1:
+        data += generator.choice(datagrams)[4:]
+    elif kind == 2:
+        at = generator.randint(0, len(data))
+        data[at:at] = generator.randbytes(generator.randint(1, 60))
+    elif kind == 3 and len(data) > 8:
+        at = generator.randrange(len(data) - 3)
+        data[at:at + 4] = generator.choice((b"\0\0\0\0", b"\xff\xff\xff\xff", b"\x7f\xff\xff\xff"))
+    for _ in range(generator.randint(0 if kind < 4 else 1, 6)):
+        if data:
+            data[generator.randrange(len(data))] ^= 1 << generator.randrange(8)
+    return bytes(data[:4096])
+
+
+class Recorder:
+    """Passes datagrams between one client and the server, and keeps those of the client.
+
+    A context manager; the client connects to ``port`` on this machine. ``change_port`` gives the
+    client another port as the server sees it, as a router between the two may do.
+    """
+
+    def __init__(self, server):
+        self.server = server
+        self.datagrams = []
+        self.ends = False
+
+    def __enter__(self):
+        self.near = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.near.bind(("127.0.0.1", 0))
+        self.port = self.near.getsockname()[1]
+        self.far = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.far.connect(self.server)
+        self.thread = threading.Thread(target=self._run, daemon=True)
+        self.thread.start()
+        return self
+
+    def __exit__(self, *_):
+        self.ends = True
+        self.thread.join()
+        self.near.close()
+        self.far.close()
+
+    def change_port(self):
+        old, new = self.far, socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        new.connect(self.server)
+        self.far = new
+        time.sleep(0.3)  # Longer than the other thread's look at the old one.
+        old.close()
+
+    def _run(self):
+        client = None
+        while not self.ends:
+            far = self.far
+            ready, _, _ = select.select([self.near, far], [], [], 0.1)
+            if self.near in ready:
+                data, client = self.near.recvfrom(65536)
+                self.datagrams.append(data)
+                far.send(data)
+            if far in ready:
+                self.near.sendto(far.recv(65536), client)
+
+
+def flood(sockets, make_datagram, target, rate, count):
+    """Sends ``count`` datagrams, about ``rate`` a second; returns the seconds it took."""
+    start = time.monotonic()
+    sent = 0
+    while sent < count:
+        due = min(count, int((time.monotonic() - start) * rate) + 1)
+        while sent < due:
+            try:
+                sockets[sent % len(sockets)].sendto(make_datagram(sent), target)
+            except OSError:  # No room just now, or nobody there: the next one.
+                pass
+            sent += 1
+        time.sleep(0.001)
+    return time.monotonic() - start
+

@@ -1,0 +1,378 @@
+"""What the running server makes of a machine that fails it: sound, network, clock, console,
+descriptors, memory. docs/faults.md says the same for its users."""
+
+import contextlib
+import os
+import pathlib
+import random
+import re
+import resource
+import shutil
+import signal
+import socket
+import struct
+import time
+import unittest
+
+from enet_wire import Recorder
+from harness import (DEFAULT_PORT, HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, Server, SoundServer,
+                     SystemTest, fake, main, wait_until)
+from network import ip
+from probe import MSGID_FASTER, Probe, control_message, sequence_gaps
+
+DAY = 24 * 3600
+SLOTS = 10
+FATAL = 255
+DISCOVERY = ("127.0.0.1", 59011)
+QUERY, QUERY2, RESPONSE = b"VelantrixQuery", b"VelantrixQuery2", b"VelantrixResponse"
+NO_SERVICE = "Error returned from service call"
+SLOW_CLOSE = ("VelantrixServer: Audio shutdown is taking a long time, may be caused by an audio "
+              "driver issue. Quitting.")
+SCARCE = "Warning, not enough memory for network communication"
+
+LONG = os.environ.get("VELANTRIX_LONG_FAULTS") == "1"
+SCARCE_SECONDS = float(os.environ.get("VELANTRIX_SCARCE_SECONDS", "2"))
+
+
+class FaultTest(SystemTest):
+    def setUp(self):
+        super().setUp()
+        self.stack = contextlib.ExitStack()
+        self.addCleanup(self.stack.close)
+        self.sound = self.stack.enter_context(SoundServer())
+
+    def start(self, captures=True, probe_prefix=(), **options):
+        self.server = self.stack.enter_context(Server(sound=self.sound, rate=48000, **options))
+        self.probe = self.stack.enter_context(Probe(self.folder, prefix=probe_prefix))
+        if captures:
+            self.server.wait_for_capture()
+
+    def client(self, rate_code=0, reliable=True, probe=None, **options):
+        client = (probe or self.probe).connect(**options)
+        client.request(rate_code, reliable)
+        client.wait_packets(20)
+        return client
+
+    def assert_gapless(self, client, mark=0):
+        packets = client.wait_packets(50)[mark:]
+        self.assertEqual(sequence_gaps(packets), 0, client.name)
+        self.assertFalse(client.is_disconnected())
+
+    def assert_ends_cleanly(self, server, number=signal.SIGTERM):
+        begin = time.monotonic()
+        super().assert_ends_cleanly(server, number)
+        print(f"the server ended within {time.monotonic() - begin:.1f} s")
+
+
+class Sound(FaultTest):
+    """The sound server goes, stands still, comes again."""
+
+    def setUp(self):
+        super().setUp()
+        self.start()
+        self.listener = self.client()
+
+    def assert_capture_stops(self):
+        def quiet():
+            count = len(self.listener.packets())
+            time.sleep(0.5)
+            return len(self.listener.packets()) == count
+        wait_until(quiet, "no more sound comes")
+        self.assertIsNone(self.server.child.poll())
+
+    def test_killed_sound_server_ends_the_stream_but_not_the_program(self):
+        self.sound.stop()
+        self.assert_capture_stops()
+        self.assert_ends_cleanly(self.server)
+
+    def test_restarted_sound_server_is_used_after_the_next_start(self):
+        self.sound.stop()
+        self.assert_capture_stops()
+        self.sound.start()
+        self.assert_capture_stops()
+        self.assert_ends_cleanly(self.server)
+        self.start()
+        self.assert_gapless(self.client())
+        self.assert_ends_cleanly(self.server)
+
+    def test_stopped_sound_server_only_makes_a_pause(self):
+        self.sound.daemon.send_signal(signal.SIGSTOP)
+        self.assert_capture_stops()
+        self.sound.daemon.send_signal(signal.SIGCONT)
+        self.assert_gapless(self.listener)
+        self.assert_ends_cleanly(self.server)
+
+    def test_end_while_the_sound_server_stands_still(self):
+        self.sound.daemon.send_signal(signal.SIGSTOP)
+        self.assert_capture_stops()
+        self.assert_ends_cleanly(self.server)
+        self.assertEqual(self.server.out.all().count(SLOW_CLOSE), 1)
+        self.sound.daemon.send_signal(signal.SIGCONT)
+
+
+class Network(FaultTest):
+    """The cable to one client fails; another one, on this machine, must not notice."""
+
+    def setUp(self):
+        super().setUp()
+        self.other = self.stack.enter_context(OtherNetwork())
+        self.start()
+        self.far_probe = self.stack.enter_context(
+            Probe(self.folder / "far", prefix=self.other.command()))
+        (self.folder / "far").mkdir()
+        self.far = self.far_client()
+        self.witness = self.client()
+
+    def far_client(self):
+        return self.client(probe=self.far_probe, host=HERE_ADDRESS)
+
+    def wait_given_up(self, address):
+        self.server.out.wait_for(re.compile(rf"^Client {re.escape(address)}:\d+ disconnected$"),
+                                 timeout=60)
+
+    def test_interface_that_comes_back_soon_costs_its_client_only_the_pause(self):
+        ip("link", "set", "vxhere", "down")
+        time.sleep(1.5)
+        ip("link", "set", "vxhere", "up")
+        self.far.wait_packets(100)
+        self.assertFalse(self.far.is_disconnected())
+        self.assertIn(NO_SERVICE, self.server.out.all())
+        self.assert_gapless(self.witness)
+        self.assert_ends_cleanly(self.server)
+
+    def test_interface_that_stays_away_costs_its_client_the_connection(self):
+        ip("link", "set", "vxhere", "down")
+        self.wait_given_up(THERE_ADDRESS)
+        ip("link", "set", "vxhere", "up")
+        self.assert_gapless(self.far_client())
+        self.assert_gapless(self.witness)
+        self.assert_ends_cleanly(self.server)
+
+    def test_client_with_a_new_address_connects_anew_and_the_old_one_is_given_up(self):
+        ip("addr", "add", "10.77.0.3/24", "dev", "vxthere", there=self.other)
+        ip("addr", "del", f"{THERE_ADDRESS}/24", "dev", "vxthere", there=self.other)
+        ip("addr", "replace", "10.77.0.3/24", "dev", "vxthere", there=self.other)
+        again = self.far_client()
+        self.wait_given_up(THERE_ADDRESS)
+        self.assert_gapless(again)
+        self.assert_gapless(self.witness)
+        self.assert_ends_cleanly(self.server)
+
+    @unittest.skipUnless(LONG, "in the long version: VELANTRIX_LONG_FAULTS=1")
+    def test_client_whose_router_changes_its_port_connects_anew(self):
+        with Recorder(("127.0.0.1", DEFAULT_PORT)) as router:
+            client = self.client(port=router.port)
+            line = self.server.out.count()
+            router.change_port()
+            client.wait_disconnected()
+            self.assert_gapless(self.client(port=router.port))
+            self.server.out.wait_for(re.compile(r"^Client 127\.0\.0\.1:\d+ disconnected$"), line)
+        self.assert_gapless(self.witness)
+
+
+class Clock(FaultTest):
+    """The calendar clock is set while clients hear; the machine's own stays as it is."""
+
+    def setUp(self):
+        super().setUp()
+        self.clock = self.folder / "clock"
+        self.set_clock(0)
+        self.start(preload=fake("preload_clock.so"), env={"VELANTRIX_CLOCK": str(self.clock)})
+
+    def set_clock(self, seconds):
+        # In place: the server has the file mapped.
+        with open(self.clock, "r+b" if self.clock.exists() else "wb") as file:
+            file.write(struct.pack("=q", seconds))
+
+    def check_jump(self, seconds):
+        clients = [self.client(0), self.client(1), self.client(0, reliable=False)]
+        for _ in range(5):  # Each jump meets the capture thread somewhere else.
+            self.set_clock(seconds)
+            clients[0].wait_packets(7)
+            self.set_clock(0)
+            clients[0].wait_packets(7)
+        for client in clients[:2]:
+            self.assert_gapless(client)
+        clients[2].wait_packets(50)
+        self.set_clock(seconds)
+        self.assert_gapless(self.client(3))
+        self.assertFalse(any(client.is_disconnected() for client in clients))
+        self.assert_ends_cleanly(self.server)
+
+    def test_day_forward(self):
+        self.check_jump(DAY)
+
+    def test_day_back(self):
+        self.check_jump(-DAY)
+
+
+class Output(FaultTest):
+    """Standard output is of no use, and a client makes the server print all the time."""
+
+    def check(self, redirection):
+        self.start(captures=False, prefix=["sh", "-c", f'exec "$@" {redirection}', "sh"])
+        listener, talker = self.client(), self.client(1)
+        for _ in range(400):
+            talker.send(control_message(MSGID_FASTER))
+        self.assert_gapless(listener)
+        self.assert_gapless(talker)
+        self.assertEqual(self.server.stop(signal.SIGTERM), 0)
+
+    def test_closed(self):
+        self.check(">&-")
+
+    def test_full_disc(self):
+        self.check(">/dev/full")
+
+    def test_pipe_that_nobody_reads(self):
+        pipe = self.folder / "pipe"
+        os.mkfifo(pipe)
+        reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
+        self.addCleanup(os.close, reader)
+        try:
+            self.check(f">{pipe}")
+        except AssertionError as error:
+            raise AssertionError(f"{error}\nunread: {os.read(reader, 65536)}") from error
+
+    def test_pipe_whose_reader_has_gone(self):
+        pipe = self.folder / "pipe"
+        os.mkfifo(pipe)
+        reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
+        self.start(captures=False, prefix=["sh", "-c", f'exec "$@" >{pipe}', "sh"])
+        listener = self.client()
+        os.close(reader)
+        for _ in range(50):
+            listener.send(control_message(MSGID_FASTER))
+        self.assert_gapless(listener)
+        self.assertEqual(self.server.stop(signal.SIGTERM), 0)
+
+
+class Limits(FaultTest):
+    """Descriptors and memory run out."""
+
+    def open_descriptors(self):
+        return len(os.listdir(f"/proc/{self.server.pid}/fd"))
+
+    def limit(self, what, soft):
+        hard = resource.prlimit(self.server.pid, what)[1]
+        resource.prlimit(self.server.pid, what, (soft, hard))
+
+    def ask(self, query, port=0):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asker:
+            asker.bind(("0.0.0.0", port))
+            asker.settimeout(2)
+            asker.sendto(query, DISCOVERY)
+            try:
+                return asker.recv(100)
+            except TimeoutError:
+                return None
+
+    def test_no_descriptor_left_while_streaming(self):
+        self.start()
+        listener = self.client()
+        before = self.open_descriptors()
+        self.limit(resource.RLIMIT_NOFILE, 3)
+        self.assertEqual(self.ask(QUERY2), RESPONSE)
+        self.ask_first_form()
+        self.server.err.wait_for("multiHost: Response socket open failed: Too many open files")
+        self.assert_gapless(self.client(1))
+        self.assert_gapless(listener)
+        self.limit(resource.RLIMIT_NOFILE, resource.prlimit(self.server.pid,
+                                                            resource.RLIMIT_NOFILE)[1])
+        self.assertEqual(self.ask(QUERY2), RESPONSE)
+        self.assertEqual(self.open_descriptors(), before)
+        self.assert_ends_cleanly(self.server)
+
+    def ask_first_form(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asker:
+            asker.sendto(QUERY, DISCOVERY)
+
+    def check_start(self, *limit):
+        """Every start goes on, or ends with status 255 and a reason; never by a signal."""
+        for left in pathlib.Path("/dev/shm").glob("jack_db-*"):  # A lock of the start before.
+            shutil.rmtree(left)
+        with Server(sound=self.sound, rate=48000, prefix=["prlimit", *limit]) as server:
+            end = time.monotonic() + 2
+            while time.monotonic() < end and server.child.poll() is None and \
+                    "VelantrixServer: Audio capture running" not in server.out.all():
+                time.sleep(0.05)
+            status = server.stop()
+            lines = server.out.all() + server.err.all()
+            print(f"{' '.join(limit)}: status {status}, last line {lines[-1] if lines else None!r}")
+            return status, lines
+
+    def test_starts_with_few_descriptors(self):
+        # With fewer, the sound library cannot read its configuration and ends the process itself.
+        for count in (12, 14, 17, 20, 26):
+            with self.subTest(descriptors=count):
+                status, lines = self.check_start(f"--nofile={count}")
+                self.assertIn(status, (0, FATAL), "\n".join(lines))
+                self.assertTrue(lines)
+
+    def test_no_more_memory_while_streaming(self):
+        self.start()
+        listener = self.client()
+        self.limit(resource.RLIMIT_AS, 1)
+        for _ in range(3):
+            client = self.client(1)
+            self.assert_gapless(client)
+            client.disconnect()
+            client.wait_disconnected()
+        self.assertEqual(self.ask(QUERY2), RESPONSE)
+        self.assert_gapless(listener)
+        self.limit(resource.RLIMIT_AS, resource.RLIM_INFINITY)
+        self.assert_gapless(self.client(2))
+        self.assert_ends_cleanly(self.server)
+
+
+class ScarceMemory(FaultTest):
+    """A share of ENet's own allocations fails, at random."""
+
+    def setUp(self):
+        super().setUp()
+        self.orders = self.folder / "orders"
+        self.seed = random.SystemRandom().getrandbits(31)
+        print(f"seed {self.seed}")
+        self.orders.write_bytes(struct.pack("=II", 0, self.seed))
+        self.start(preload=fake("preload_scarce.so"), env={"VELANTRIX_SCARCE": str(self.orders)})
+
+    def fail_share(self, per_mille):
+        with open(self.orders, "r+b") as file:
+            file.write(struct.pack("=I", per_mille))
+
+    def memory(self):
+        with open(f"/proc/{self.server.pid}/status", encoding="ascii") as status:
+            return next(int(line.split()[1]) for line in status if line.startswith("RssAnon"))
+
+    def check_share(self, per_mille):
+        clients = [self.client(*choice) for choice in ((0, True), (0, False), (1, True), (4, True))]
+        before = self.memory()
+        counts = [client.statistics()["packets"] for client in clients]
+        self.fail_share(per_mille)
+        for _ in range(SLOTS - len(clients)):
+            self.probe.connect(wait=False)
+            time.sleep(SCARCE_SECONDS / SLOTS)
+        self.fail_share(0)
+        self.assertIn(SCARCE, self.server.out.all())
+        self.assertEqual(self.server.out.all().count(SCARCE), 1)
+        heard = [client.statistics()["packets"] - count for client, count in zip(clients, counts)]
+        print(f"{per_mille} of 1000 failed: packets heard meanwhile {heard}, memory "
+              f"{before} KiB before, {self.memory()} KiB after")
+        self.assertIsNone(self.server.child.poll())
+        self.assertGreater(min(heard), 0 if per_mille < 1000 else -1)
+        self.assertLess(self.memory() - before, 2048)
+        self.assert_gapless(self.client())
+        self.assert_ends_cleanly(self.server)
+
+    def test_one_allocation_in_a_hundred(self):
+        self.check_share(10)
+
+    def test_one_allocation_in_three(self):
+        self.check_share(333)
+
+    def test_all_allocations(self):
+        self.check_share(1000)
+
+
+if __name__ == "__main__":
+    main()
