@@ -10,6 +10,8 @@ extern "C" int dlclose(void* /*library*/) {
     return 0;
 }
 
+// Leaks are looked for in exit(): at every end but those by a signal and by _exit, which ExitProcess
+// takes when the main thread does not answer it.
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options() {
     return "detect_leaks=1:print_suppressions=0";

@@ -8,6 +8,8 @@ VELANTRIX_SERVER, VELANTRIX_LISTEN and VELANTRIX_FAKES) or by hand:
     VELANTRIX_FAKES=build python3 tests/system/test_start.py -v Class.test_name
 """
 
+import contextlib
+import functools
 import os
 import pathlib
 import re
@@ -29,6 +31,7 @@ __all__ = ["HERE_ADDRESS", "THERE_ADDRESS", "PATIENCE", "CAPTURE_RUNNING", "DEFA
            "listen_command", "main", "private_home", "program", "wait_until"]
 
 DEFAULT_PORT = 59010
+END_PATIENCE = 10.0
 CAPTURE_RUNNING = "VelantrixServer: Audio capture running"
 
 
@@ -40,6 +43,7 @@ def program(variable):
     return path
 
 
+@functools.lru_cache
 def has_sanitizer():
     """Whether the server was built with one: slower, and its memory says nothing."""
     content = pathlib.Path(program("VELANTRIX_SERVER")).read_bytes()
@@ -92,11 +96,20 @@ class Server(Process):
         return dict(private_home(self.own_home), XDG_RUNTIME_DIR=self.own_home,
                     ALSA_CONFIG_PATH=str(config), JACK_NO_START_SERVER="1")
 
+    def _end_by_itself(self):
+        """A sanitizer looks for leaks when the program ends, not when it is killed."""
+        if self.child.poll() is None:
+            self.send_signal(signal.SIGTERM)
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                self.child.wait(END_PATIENCE)
+
     def wait_for_capture(self):
         """Waits until sound flows, from when on clients are served."""
         self.out.wait_for(CAPTURE_RUNNING)
 
-    def __exit__(self, *_):
+    def __exit__(self, *problem):
+        if not any(problem) and has_sanitizer():
+            self._end_by_itself()
         super().__exit__()
         if self.own_home:
             shutil.rmtree(self.own_home, ignore_errors=True)

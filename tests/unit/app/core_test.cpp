@@ -106,7 +106,8 @@ TEST_P(FailedThreadStart, IsReportedWithItsCode) {
     const StartFailure& failure = GetParam();
     const ChildRun run = runChild([&failure] {
         failCall(Call::PthreadCreate, failure.nth, EAGAIN);
-        (new VelantrixServerNoGUI)->init();
+        static auto* const core = new VelantrixServerNoGUI;  // Its threads may outlive this block.
+        core->init();
         EXPECT_EQ(countOf(Call::PthreadCreate), 3);
     });
     EXPECT_EQ(run.out, std::string("Velantrix Server v3.1\n") + failure.line);
@@ -124,7 +125,7 @@ INSTANTIATE_TEST_SUITE_P(
 
 TEST(CoreInit, ThreadThatAlreadyRunsIsReportedAsTen) {
     const ChildRun run = runChild([] {
-        auto* const core = new VelantrixServerNoGUI;
+        static auto* const core = new VelantrixServerNoGUI;
         EXPECT_EQ(CoreTestAccess::startAudioThread(*core), 0);
         core->init();
     });
