@@ -20,8 +20,8 @@ def _fail(text):
 
 
 def _unshare_command():
-    """How this user makes a network namespace, or None."""
-    for options in (["-n"], ["-rn"]) if os.geteuid() == 0 else (["-rn"],):
+    """How this user makes a network namespace, with mounts of its own, or None."""
+    for options in (["-nm"], ["-rnm"]) if os.geteuid() == 0 else (["-rnm"],):
         command = ["unshare", *options, "--"]
         if shutil.which("unshare") and subprocess.run(
                 command + ["true"], stderr=subprocess.DEVNULL).returncode == 0:
@@ -49,7 +49,17 @@ def join_private_network():
         _fail(f"{MARK} is set, but this is no private network: {sorted(interfaces)}")
     ip("link", "set", "lo", "up")
     ip("route", "replace", f"{DISCOVERY_GROUP}/32", "dev", "lo")
+    _hide_shared_memory()
     return True
+
+
+def _hide_shared_memory():
+    """Mounts an empty /dev/shm.
+
+    JACK's library, which the sound libraries try, keeps a database there for all programs of a
+    user: one that is killed while it holds a lock makes every later start hang.
+    """
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/dev/shm"], check=True)
 
 
 def enter_private_network():
