@@ -10,8 +10,8 @@ extern "C" int dlclose(void* /*library*/) {
     return 0;
 }
 
-// Leaks are looked for in exit(): at every end but those by a signal and by _exit, which ExitProcess
-// takes when the main thread does not answer it.
+// Leaks are looked for in exit(): at every end but those by a signal and by _exit, which
+// ExitProcess takes when the main thread does not answer it.
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options() {
     return "detect_leaks=1:print_suppressions=0";
@@ -40,10 +40,10 @@ extern "C" const char* __tsan_default_options() {
     return "report_thread_leaks=0:history_size=4:print_suppressions=0";
 }
 
-// The libraries are not built with the sanitizer, which so cannot see how they keep their own threads
-// apart. called_from_lib leaves out what a library calls itself (memcpy, free and the like), not what
-// our callbacks do below it; race_top looks at the innermost function only. Nothing wider: it would
-// hide races of ours.
+// The libraries are not built with the sanitizer, which so cannot see how they keep their own
+// threads apart. called_from_lib leaves out what a library calls itself (memcpy, free and the
+// like), not what our callbacks do below it; race_top looks at the innermost function only. Nothing
+// wider: it would hide races of ours.
 extern "C" const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() {
     return
@@ -65,10 +65,11 @@ extern "C" const char* __tsan_default_suppressions() {
         // The sound server's main loop on a thread of its own.
         "called_from_lib:libpulse.so\n"
         "called_from_lib:libpulsecommon-\n"
-        // What the sound plug-ins bring along is initialised on the thread that loads them, and undone
-        // by exit() on the main thread.
+        // What the sound plug-ins bring along is initialised on the thread that loads them, and
+        // undone by exit() on the main thread.
         "race:snd_dlopen\n"
-        // Locks of the screen's libraries, taken in one and released in another that is ignored above.
+        // Locks of the screen's libraries, taken in one and released in another that is ignored
+        // above.
         "mutex:libX11.so\n"
         "mutex:libxcb.so\n"
         "mutex:libGLX_mesa.so\n"
