@@ -22,6 +22,10 @@ set(VX_SANITIZER_DEFAULTS ${CMAKE_SOURCE_DIR}/cmake/sanitizer_defaults.cpp)
 if(VELANTRIX_SANITIZE)
   add_compile_options(-fsanitize=${VELANTRIX_SANITIZE} -fno-omit-frame-pointer)
   add_link_options(-fsanitize=${VELANTRIX_SANITIZE})
+  # Undefined behaviour ends the program, or a test would pass with it.
+  if(VELANTRIX_SANITIZE MATCHES "undefined")
+    add_compile_options(-fno-sanitize-recover=undefined)
+  endif()
 endif()
 
 # vx_library(NAME source...): a static library with the project's flags, includable from the

@@ -161,7 +161,9 @@ ensure_packages() {
     fi
 }
 
-# Builds preset $1 into build-$1; further arguments go to cmake's configuration.
+# Builds preset $1 into build-$1; further arguments go to cmake's configuration. Only the targets in
+# the array build_targets, where there are any.
+build_targets=()
 build_preset() {
     local preset=$1 folder="$repo/build-$1"
     shift
@@ -184,6 +186,6 @@ build_preset() {
             exit 1
         }
         rm -f "$repo/build-$preset.log"
-        cmake --build "$folder" --parallel "$jobs"
+        cmake --build "$folder" --parallel "$jobs" ${build_targets:+--target "${build_targets[@]}"}
     ) || fail "the build in $folder failed; the compiler's words are above"
 }

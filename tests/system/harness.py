@@ -8,25 +8,30 @@ VELANTRIX_SERVER, VELANTRIX_LISTEN and VELANTRIX_FAKES) or by hand:
     VELANTRIX_FAKES=build python3 tests/system/test_start.py -v Class.test_name
 """
 
+import contextlib
+import functools
 import os
 import pathlib
 import re
 import shutil
 import signal
 import subprocess
+import sys
 import tempfile
 import unittest
 
 from network import HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, enter_private_network
 from processes import PATIENCE, Lines, Process, die_with_parent, wait_until
+from sanitizers import collect_reports, take_reports
 from sound import SoundServer, clean_environment, private_home
 
 __all__ = ["HERE_ADDRESS", "THERE_ADDRESS", "PATIENCE", "CAPTURE_RUNNING", "DEFAULT_PORT",
            "OtherNetwork", "Process", "Lines", "Server", "SoundServer", "SystemTest",
-           "clean_environment", "die_with_parent", "fake", "listen", "listen_command", "main",
-           "private_home", "program", "wait_until"]
+           "clean_environment", "die_with_parent", "fake", "has_sanitizer", "listen",
+           "listen_command", "main", "private_home", "program", "wait_until"]
 
 DEFAULT_PORT = 59010
+END_PATIENCE = 10.0
 CAPTURE_RUNNING = "VelantrixServer: Audio capture running"
 
 
@@ -36,6 +41,13 @@ def program(variable):
     if not path or not os.access(path, os.X_OK):
         raise AssertionError(f"{variable} must name an executable program, it is {path!r}")
     return path
+
+
+@functools.lru_cache
+def has_sanitizer():
+    """Whether the server was built with one: slower, and its memory says nothing."""
+    content = pathlib.Path(program("VELANTRIX_SERVER")).read_bytes()
+    return any(mark in content for mark in (b"__asan_init", b"__tsan_init", b"__ubsan_handle"))
 
 
 def fake(name):
@@ -84,11 +96,20 @@ class Server(Process):
         return dict(private_home(self.own_home), XDG_RUNTIME_DIR=self.own_home,
                     ALSA_CONFIG_PATH=str(config), JACK_NO_START_SERVER="1")
 
+    def _end_by_itself(self):
+        """A sanitizer looks for leaks when the program ends, not when it is killed."""
+        if self.child.poll() is None:
+            self.send_signal(signal.SIGTERM)
+            with contextlib.suppress(subprocess.TimeoutExpired):
+                self.child.wait(END_PATIENCE)
+
     def wait_for_capture(self):
         """Waits until sound flows, from when on clients are served."""
         self.out.wait_for(CAPTURE_RUNNING)
 
-    def __exit__(self, *_):
+    def __exit__(self, *problem):
+        if not any(problem) and has_sanitizer():
+            self._end_by_itself()
         super().__exit__()
         if self.own_home:
             shutil.rmtree(self.own_home, ignore_errors=True)
@@ -106,11 +127,20 @@ def listen(*arguments, host="127.0.0.1", prefix=(), timeout=60, env=None):
 
 
 class SystemTest(unittest.TestCase):
-    """A test case with a scratch folder and the console's lines at hand."""
+    """A test case with a scratch folder and the console's lines at hand.
+
+    It fails when a sanitizer has found something in a process of its own.
+    """
 
     def setUp(self):
+        self.addCleanup(self._fail_with_reports)  # The first, so that it comes last.
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="velantrix-test-"))
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
+
+    def _fail_with_reports(self):
+        reports = take_reports()
+        if reports:
+            self.fail("a sanitizer reports:\n" + "\n".join(reports))
 
     def assert_lines_in_order(self, lines, expected):
         """Each expected line (text, or compiled pattern) comes, in this order."""
@@ -129,4 +159,8 @@ class SystemTest(unittest.TestCase):
 def main():
     """Runs the module's tests inside a private network."""
     enter_private_network()
-    unittest.main(module="__main__", verbosity=2)
+    collect_reports()
+    program_run = unittest.main(module="__main__", verbosity=2, exit=False)
+    rest = take_reports()  # Of what a whole module shares.
+    print(*rest, sep="\n", file=sys.stderr)
+    sys.exit(0 if program_run.result.wasSuccessful() and not rest else 1)

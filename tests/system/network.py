@@ -20,7 +20,7 @@ def _fail(text):
 
 
 def _unshare_command():
-    """How this user makes a network namespace, or None."""
+    """How this user makes a network namespace, with mounts of its own, or None."""
     for options in (["-nm"], ["-rnm"]) if os.geteuid() == 0 else (["-rnm"],):
         command = ["unshare", *options, "--"]
         if shutil.which("unshare") and subprocess.run(
@@ -48,12 +48,19 @@ def join_private_network():
     interfaces = set(_interfaces())
     if interfaces != {"lo"}:
         _fail(f"{MARK} is set, but this is no private network: {sorted(interfaces)}")
-    # A program that is killed inside the JACK library leaves a lock in the shared memory on which
-    # every later one of this user would wait for ever.
-    subprocess.run(["mount", "-t", "tmpfs", "tmpfs", "/dev/shm"], check=True)
     ip("link", "set", "lo", "up")
     ip("route", "replace", f"{DISCOVERY_GROUP}/32", "dev", "lo")
+    _hide_shared_memory()
     return True
+
+
+def _hide_shared_memory():
+    """Mounts an empty /dev/shm.
+
+    JACK's library, which the sound libraries try, keeps a database there for all programs of a
+    user: one that is killed while it holds a lock makes every later start hang.
+    """
+    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/dev/shm"], check=True)
 
 
 def enter_private_network():

@@ -55,6 +55,15 @@ def sequence_gaps(packets):
                if after.seq != (before.seq + 1) & 0xFFFFFFFF)
 
 
+def wait_packets_of_all(clients, count):
+    """Waits until each client has so many packets more than now; returns all packets of each."""
+    already = [len(client.packets()) for client in clients]
+    for client, before in zip(clients, already):
+        wait_until(lambda: client.statistics()["packets"] >= before + count,
+                   f"{count} more packets for {client.name}")
+    return [client.packets() for client in clients]
+
+
 class Client:
     """One client of a Probe; see its ``connect``."""
 
@@ -127,10 +136,7 @@ class Client:
 
     def wait_packets(self, count):
         """Waits for so many packets more than there are; returns all."""
-        already = len(self.packets())
-        wait_until(lambda: self.statistics()["packets"] >= already + count,
-                   f"{count} more packets for {self.name}")
-        return self.packets()
+        return wait_packets_of_all([self], count)[0]
 
 
 class Probe(Process):

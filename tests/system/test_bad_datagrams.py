@@ -1,19 +1,27 @@
-"""Datagrams that no client would send: in floods, of any length, to both ports."""
+"""Datagrams that no client would send: in floods, of any length, to both ports.
 
+VELANTRIX_FLOOD_SECONDS   how long a flood lasts (4 unless set)
+"""
+
+import os
 import random
 import socket
 import time
 
 from harness import DEFAULT_PORT, Server, SoundServer, SystemTest, main
-from probe import Probe, sequence_gaps
+from probe import Probe, sequence_gaps, wait_packets_of_all
 
 DISCOVERY_PORT = 59011
 QUERY, RESPONSE = b"VelantrixQuery2", b"VelantrixResponse"
 LONGEST_DATAGRAM = 65507
 ENET_LONGEST = 4096
+FLOOD = float(os.environ.get("VELANTRIX_FLOOD_SECONDS", "4"))
 
 # The server may keep what its allocator once needed, no more.
 MEMORY_BOUND = 4 * 1024 * 1024
+
+# The address sanitizer's allocator holds back what is freed, in all 256 MiB unless told.
+HOLD_BACK_LITTLE = "quarantine_size_mb=1:thread_local_quarantine_size_kb=64"
 
 
 def resident_bytes(process):
@@ -50,7 +58,8 @@ class BadDatagrams(SystemTest):
     def setUp(self):
         super().setUp()
         sound = self.enter(SoundServer())
-        self.server = self.enter(Server(sound=sound, rate=48000))
+        options = ":".join([os.environ.get("ASAN_OPTIONS", ""), HOLD_BACK_LITTLE])
+        self.server = self.enter(Server(sound=sound, rate=48000, env={"ASAN_OPTIONS": options}))
         self.probe = self.enter(Probe(self.folder))
         self.server.wait_for_capture()
         self.clients = []
@@ -73,8 +82,7 @@ class BadDatagrams(SystemTest):
 
     def check_nothing_happened(self):
         """The clients hear on, have lost nothing, and the server has not grown."""
-        for client in self.clients:
-            packets = client.wait_packets(100)
+        for client, packets in zip(self.clients, wait_packets_of_all(self.clients, 100)):
             self.assertEqual(sequence_gaps(packets), 0, client.name)
             self.assertFalse(client.is_disconnected())
         self.assertLess(resident_bytes(self.server) - self.memory, MEMORY_BOUND)
@@ -88,19 +96,19 @@ class BadDatagrams(SystemTest):
         return min(max(length, 0), longest)
 
     def test_flood_of_queries_is_answered_ten_times_a_second(self):
-        sent = flood([self.stranger], lambda _: QUERY, DISCOVERY_PORT, rate=10000, seconds=10)
-        self.assertGreater(sent, 50000)
+        sent = flood([self.stranger], lambda _: QUERY, DISCOVERY_PORT, rate=10000, seconds=FLOOD)
+        self.assertGreater(sent, 5000 * FLOOD)
         answers = take_all(self.stranger)
-        print(f"{sent} queries, {len(answers)} answers in 10 s")
+        print(f"{sent} queries, {len(answers)} answers in {FLOOD:g} s")
         self.assertEqual(set(answers), {RESPONSE})
-        self.assertLessEqual(len(answers), 105)
+        self.assertLessEqual(len(answers), 10 * FLOOD + 5)
         self.check_nothing_happened()
 
     def test_flood_of_other_datagrams_to_discovery_is_not_answered(self):
         noise = [self.random.randbytes(self.random.randint(1, 300)) for _ in range(500)]
         sent = flood([self.stranger], lambda i: noise[i % len(noise)], DISCOVERY_PORT, rate=10000,
-                     seconds=10)
-        self.assertGreater(sent, 50000)
+                     seconds=FLOOD)
+        self.assertGreater(sent, 5000 * FLOOD)
         self.assertEqual(take_all(self.stranger), [])
         self.check_nothing_happened()
 
@@ -124,21 +132,21 @@ class BadDatagrams(SystemTest):
         noise = [self.random.randbytes(self.random.randint(ENET_LONGEST + 1, 9000))
                  for _ in range(50)]
         sent = flood([self.stranger], lambda i: noise[i % len(noise)], DEFAULT_PORT, rate=2000,
-                     seconds=10)
-        self.assertGreater(sent, 10000)
+                     seconds=FLOOD)
+        self.assertGreater(sent, 1000 * FLOOD)
         self.assertEqual(take_all(self.stranger), [])
         self.check_nothing_happened()
 
     def test_flood_of_empty_datagrams_to_the_host(self):
-        sent = flood([self.stranger], lambda _: b"", DEFAULT_PORT, rate=10000, seconds=10)
-        self.assertGreater(sent, 50000)
+        sent = flood([self.stranger], lambda _: b"", DEFAULT_PORT, rate=10000, seconds=FLOOD)
+        self.assertGreater(sent, 5000 * FLOOD)
         self.check_nothing_happened()
 
     def test_flood_of_short_datagrams_to_the_host(self):
         noise = [self.random.randbytes(self.any_length(ENET_LONGEST)) for _ in range(500)]
         sent = flood([self.stranger], lambda i: noise[i % len(noise)], DEFAULT_PORT, rate=5000,
-                     seconds=10)
-        self.assertGreater(sent, 25000)
+                     seconds=FLOOD)
+        self.assertGreater(sent, 2500 * FLOOD)
         self.assertEqual(take_all(self.stranger), [])
         self.check_nothing_happened()
 

@@ -3,7 +3,7 @@
 import re
 import time
 
-from harness import Server, SoundServer, SystemTest, main
+from harness import Server, SoundServer, SystemTest, has_sanitizer, main
 from probe import FALLBACK_BYTES, Probe, sequence_gaps
 from signals import noise
 
@@ -92,6 +92,10 @@ class SlowClient(SystemTest):
         for queued, _ in matches(REPORT, lines):
             self.assertTrue(1 < queued <= TRIM_THRESHOLD)
 
+    def check_memory(self, growth, bound):
+        if not has_sanitizer():
+            self.assertLess(growth, bound)
+
     def check_stall(self, seconds):
         # All reliable: ENet itself drops best-effort packets when a machine is busy.
         others = [self.witness] + [self.client(code) for code in (0, 0, 1, 1, 2, 3, 5, 4)]
@@ -113,7 +117,7 @@ class SlowClient(SystemTest):
         for other in others:
             self.assertEqual(sequence_gaps(other.packets()), 0, other.name)
         self.assertFalse(slow.is_disconnected())
-        self.assertLess(growth, MEMORY_BOUND)
+        self.check_memory(growth, MEMORY_BOUND)
 
     def test_stall_of_one_second(self):
         self.check_stall(1)
@@ -133,7 +137,7 @@ class SlowClient(SystemTest):
         self.stall(slow, LONGEST_STALL)
         long = self.memory_at_end_of_stall - before
         print(f"server grew by {short // 1024} KiB in a short stall, {long // 1024} KiB in a long")
-        self.assertLess(long, short + MEMORY_SLACK)
+        self.check_memory(long, short + MEMORY_SLACK)
 
     def test_client_that_stalls_again_and_again_keeps_hearing(self):
         slow = self.client()

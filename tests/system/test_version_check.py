@@ -2,12 +2,12 @@
 
 import configparser
 import os
-import pathlib
 import re
 import subprocess
 import time
 
-from harness import CAPTURE_RUNNING, Server, SoundServer, SystemTest, main, program
+from harness import (CAPTURE_RUNNING, Server, SoundServer, SystemTest, has_sanitizer, main,
+                     program)
 from probe import Probe
 from version_server import LATE, VERSION_FILE, VersionServer
 
@@ -108,12 +108,6 @@ class Announcement(VersionTest):
                                  "HTTP response code said error"])
         self.assertEqual([request["path"] for request in self.web.requests()], [VERSION_FILE])
         self.assertEqual(list(self.stored()), ["VersionCheckTime"])
-
-
-def has_sanitizer():
-    """Whether the server was built with one, which makes its end slower."""
-    content = pathlib.Path(program("VELANTRIX_SERVER")).read_bytes()
-    return any(mark in content for mark in (b"__asan_init", b"__tsan_init", b"__ubsan_handle"))
 
 
 class Shutdown(VersionTest):

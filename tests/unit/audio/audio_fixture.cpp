@@ -14,8 +14,10 @@ int processBuffer(char* buffer, int length, bool hasInput) {
     constexpr int HEADER = 16;
     HandOver handOver{buffer, length, hasInput, {}, Audio::_CurrentCaptureIndexComp};
     handOver.samples.resize(static_cast<std::size_t>(length - HEADER) / sizeof(std::int16_t));
-    std::memcpy(handOver.samples.data(), buffer + HEADER,
-                handOver.samples.size() * sizeof(std::int16_t));
+    if (!handOver.samples.empty()) {
+        std::memcpy(handOver.samples.data(), buffer + HEADER,
+                    handOver.samples.size() * sizeof(std::int16_t));
+    }
     handOvers().push_back(std::move(handOver));
     // The header room belongs to the receiver, which fills it.
     std::memset(buffer, 'h', HEADER);
