@@ -93,3 +93,13 @@ tree_user() {
 tree_add_user() {
     tree_root "$1" useradd --uid 1000 --create-home --shell /bin/sh user
 }
+
+# tree_install_built FOLDER OPTION...: installs the built packages, as apt does it for a file.
+tree_install_built() {
+    local where=$1
+    shift
+    mkdir -p "$where/home/packages"
+    cp "$repo"/build-package/packages/*.deb "$where/home/packages"
+    tree_install "$where" "$@" $(cd "$where" && printf '/%s ' home/packages/*.deb)
+    rm -r "$where/home/packages"
+}
