@@ -2,14 +2,15 @@
 # Runs inside a tree as an ordinary user, whose service manager it starts: tries the packaged unit
 # velantrix-server.service against the packaged velantrix-listen. The recordings are left in
 # ~/heard-*.wav, the server's lines in ~/server.log.
-# Usage: service-check.sh     (scripts/service-test makes the world that it needs)
+# Usage: service-check.sh pulseaudio|pipewire  (scripts/service-test makes the world that it needs)
 set -eu
 cd "$HOME"
 unit=velantrix-server
+sound=$1   # Also the name of the sound server's own unit.
 
 die() {
     echo "service-check: $*" >&2
-    systemctl --user --no-pager status $unit pulseaudio >&2 || true
+    systemctl --user --no-pager status $unit $sound >&2 || true
     tail -n 30 manager.log server.log >&2 || true
     exit 1
 }
@@ -40,6 +41,7 @@ is_another() {
 
 # hear NAME: finds the server through multicast and records what it streams.
 hear() {
+    wait_until 30 pactl info || die "$1: the sound server does not answer"
     paplay tone.wav &
     player=$!
     velantrix-listen --once --no-play --seconds 5 --record "heard-$1.wav" >listen.log ||
@@ -50,23 +52,43 @@ hear() {
     echo "$1: $(sed -n 's/^server: //p' listen.log), lost packets: $lost"
 }
 
-# The sound server as Debian's unit starts it, with a null sink; its start is made slow, so that a
-# server that did not wait for it would be seen.
-mkdir -p .config/pulse .config/systemd/user/pulseaudio.service.d \
-    .config/systemd/user/$unit.service.d
-cat >.config/pulse/default.pa <<'END'
+# Each sound server as Debian's units start it, with a null sink and a silent microphone, which is
+# the default input; its start is made slow, so that a server that did not wait would be seen.
+configure_pulseaudio() {
+    mkdir -p .config/pulse
+    cat >.config/pulse/default.pa <<END
 load-module module-native-protocol-unix
 load-module module-null-sink sink_name=out rate=48000 channels=2
 load-module module-null-source source_name=microphone
 set-default-source microphone
 END
-printf 'default-sample-rate = 48000\nexit-idle-time = -1\n' >.config/pulse/daemon.conf
-printf '[Service]\nExecStartPre=/bin/sleep 2\n' \
-    >.config/systemd/user/pulseaudio.service.d/slow.conf
+    printf 'default-sample-rate = 48000\nexit-idle-time = -1\n' >.config/pulse/daemon.conf
+    units="pulseaudio.socket pulseaudio.service"
+    monitor=PULSE_SOURCE=@DEFAULT_MONITOR@
+}
+
+configure_pipewire() {
+    mkdir -p .config/pipewire/pipewire.conf.d
+    cat >.config/pipewire/pipewire.conf.d/devices.conf <<END
+context.objects = [
+    { factory = adapter args = { factory.name = support.null-audio-sink node.name = out
+        media.class = Audio/Sink audio.position = [ FL FR ] } }
+    { factory = adapter args = { factory.name = support.null-audio-sink node.name = microphone
+        media.class = Audio/Source/Virtual audio.position = [ FL FR ] } }
+]
+END
+    units="pipewire.socket pipewire-pulse.socket pipewire.service pipewire-pulse.service
+        wireplumber.service"
+    monitor='"PIPEWIRE_ALSA={ stream.capture.sink=true }"'
+}
+
+configure_$sound
+mkdir -p .config/systemd/user/$sound.service.d .config/systemd/user/$unit.service.d
+printf '[Service]\nExecStartPre=/bin/sleep 2\n' >.config/systemd/user/$sound.service.d/slow.conf
 # What `systemctl --user edit` would write, and the log in a file, as there is no journal here.
 cat >.config/systemd/user/$unit.service.d/override.conf <<END
 [Service]
-Environment=PULSE_SOURCE=@DEFAULT_MONITOR@
+Environment=$monitor
 Environment=VELANTRIX_SERVER_SAMPLE_RATE=48000
 StandardOutput=append:$HOME/server.log
 StandardError=append:$HOME/server.log
@@ -74,20 +96,20 @@ END
 : >server.log
 
 /usr/lib/systemd/systemd --user >manager.log 2>&1 &
-wait_until 20 systemctl --user list-units || die "the user's service manager does not answer"
-# Nothing wanted yet: the socket would bring the sound server up by itself otherwise.
-systemctl --user stop pulseaudio.service pulseaudio.socket
+wait_until 60 systemctl --user list-units || die "the user's service manager does not answer"
+# Nothing wanted yet: a socket would bring the sound server up by itself otherwise.
+systemctl --user stop $units
 systemctl --user reset-failed
 
 echo "-- enabled, it starts with the session, after the sound server"
 systemctl --user enable --quiet $unit
-systemctl --user start --no-block default.target
-systemctl --user start --no-block pulseaudio.service
+systemctl --user start --no-block default.target $units
 wait_until 30 started 1 || die "the server does not capture"
-sound=$(property pulseaudio ActiveEnterTimestampMonotonic)
+ready=$(property $sound ActiveEnterTimestampMonotonic)
 server=$(property $unit ExecMainStartTimestampMonotonic)
-[ "$server" -ge "$sound" ] || die "started at $server us, before the sound server ($sound us)"
-echo "the server was started $(((server - sound) / 1000)) ms after the sound server was ready"
+[ "$ready" != 0 ] && [ "$server" -ge "$ready" ] ||
+    die "started at $server us, the sound server at $ready us"
+echo "the server was started $(((server - ready) / 1000)) ms after the sound server was ready"
 
 echo "-- with the hardening on, it captures and uses multicast"
 first=$(property $unit MainPID)
@@ -104,10 +126,27 @@ hear killed
 
 echo "-- it follows a restarted sound server"
 second=$(property $unit MainPID)
-systemctl --user restart pulseaudio.service
+systemctl --user restart $sound.service
 wait_until 30 is_another "$second" || die "not restarted with the sound server"
 wait_until 30 started 3 || die "it does not capture from the new sound server"
 hear sound-server
+
+echo "-- and one that was killed and comes back by itself"
+third=$(property $unit MainPID)
+systemctl --user reset-failed
+kill -KILL "$(property $sound MainPID)"
+wait_until 30 is_another "$third" || die "not restarted after the sound server was killed"
+wait_until 30 started 4 || die "it does not capture from the new sound server"
+hear sound-server-killed
+
+if [ "$sound" = pipewire ]; then
+    echo "-- the part that serves PulseAudio's programs comes and goes without touching it"
+    fourth=$(property $unit MainPID)
+    systemctl --user restart pipewire-pulse.service || die "pipewire-pulse cannot be restarted"
+    systemctl --user stop pipewire-pulse.service
+    sleep 1
+    [ "$(property $unit MainPID)" = "$fourth" ] || die "the server was stopped or restarted"
+fi
 
 echo "-- it stops cleanly"
 systemctl --user stop $unit
@@ -129,6 +168,6 @@ kill $other
 wait $other || die "the other server ended with status $?"
 systemctl --user reset-failed
 systemctl --user start $unit
-wait_until 30 started 4 || die "it does not start after the port became free"
+wait_until 30 started 5 || die "it does not start after the port became free"
 systemctl --user disable --quiet --now $unit
 echo "-- all as it should be"

@@ -19,12 +19,18 @@ need_root() {
 new_tree() {
     tree=$(mktemp -d /var/tmp/velantrix-tree.XXXXXX)
     chmod 755 "$tree"
-    if [ "${VELANTRIX_KEEP_TREE:-0}" = 1 ]; then
-        trap 'say "The tree is kept: $tree"' EXIT
-    else
-        trap 'rm -rf --one-file-system "$tree"' EXIT
-    fi
+    trap leave_tree EXIT
     trap 'exit 1' INT TERM
+}
+
+# leave_tree: deletes the tree at once, for a script that makes another one.
+leave_tree() {
+    trap - EXIT
+    if [ "${VELANTRIX_KEEP_TREE:-0}" = 1 ]; then
+        say "The tree is kept: $tree"
+    else
+        rm -rf --one-file-system "$tree"
+    fi
 }
 
 # tree_create FOLDER: a minimal Debian 12. A copy of the bare tree is kept for the next time in
