@@ -388,8 +388,9 @@ TEST_P(SmallerMtu, RawPacketToAClientIsOneDatagram) {
         return std::search(datagram.begin(), datagram.end(), packet.begin(), packet.end()) !=
                datagram.end();
     };
-    // Acknowledgements and pings may come besides.
-    EXPECT_EQ(std::count_if(datagrams.begin(), datagrams.end(), holdsIt), 1)
+    // Acknowledgements and pings may come besides, and the packet again when a slow machine
+    // acknowledges it late.
+    EXPECT_GE(std::count_if(datagrams.begin(), datagrams.end(), holdsIt), 1)
         << "the packet came in fragments";
 }
 
