@@ -49,6 +49,8 @@ tree_create() {
     fi
     cp -a "$cache/tree/." "$1/"
     cp /etc/resolv.conf "$1/etc/resolv.conf"
+    # Every installed Debian has this file, the bare tree does not.
+    printf '127.0.0.1\tlocalhost\n' >"$1/etc/hosts"
     # Nothing in the tree has to survive a power cut.
     echo force-unsafe-io >"$1/etc/dpkg/dpkg.cfg.d/unsafe-io"
     # No package starts a service in the tree.
