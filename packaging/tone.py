@@ -2,7 +2,8 @@
 """Writes a tone of 1000 Hz, or checks that a recording holds it.
 
 tone.py write FILE SECONDS
-tone.py check FILE SECONDS    at least so many seconds, mostly the tone, at its level
+tone.py check FILE SECONDS [SHARE]    at least so many seconds, the tone at its level in this
+                                      share of its tenths of a second (0.8 if not given)
 """
 
 import array
@@ -36,7 +37,7 @@ def tone_level(samples):
     return 2 * math.hypot(cosine, sine) / len(samples), math.sqrt(2 * power)
 
 
-def check(path, seconds):
+def check(path, seconds, share):
     with wave.open(path, "rb") as file:
         if (file.getframerate(), file.getnchannels(), file.getsampwidth()) != (RATE, 2, 2):
             return f"not 16-bit stereo at {RATE} Hz"
@@ -52,7 +53,7 @@ def check(path, seconds):
             tone, whole = tone_level(one)
             good += abs(tone - AMPLITUDE) < 0.02 * AMPLITUDE and whole < 1.02 * AMPLITUDE
         print(f"{name}: the tone, and only the tone, in {good} of {len(blocks)} tenths of a second")
-        if good < 0.8 * len(blocks):
+        if good < share * len(blocks):
             return f"{name}: too little of the tone"
     return None
 
@@ -61,6 +62,7 @@ if __name__ == "__main__":
     if sys.argv[1] == "write":
         write(sys.argv[2], float(sys.argv[3]))
     else:
-        problem = check(sys.argv[2], float(sys.argv[3]))
+        share = float(sys.argv[4]) if len(sys.argv) > 4 else 0.8
+        problem = check(sys.argv[2], float(sys.argv[3]), share)
         if problem:
             sys.exit(f"tone.py: {sys.argv[2]}: {problem}")

@@ -19,12 +19,18 @@ need_root() {
 new_tree() {
     tree=$(mktemp -d /var/tmp/velantrix-tree.XXXXXX)
     chmod 755 "$tree"
-    if [ "${VELANTRIX_KEEP_TREE:-0}" = 1 ]; then
-        trap 'say "The tree is kept: $tree"' EXIT
-    else
-        trap 'rm -rf --one-file-system "$tree"' EXIT
-    fi
+    trap leave_tree EXIT
     trap 'exit 1' INT TERM
+}
+
+# leave_tree: deletes the tree at once, for a script that makes another one.
+leave_tree() {
+    trap - EXIT
+    if [ "${VELANTRIX_KEEP_TREE:-0}" = 1 ]; then
+        say "The tree is kept: $tree"
+    else
+        rm -rf --one-file-system "$tree"
+    fi
 }
 
 # tree_create FOLDER: a minimal Debian 12. A copy of the bare tree is kept for the next time in
@@ -43,6 +49,8 @@ tree_create() {
     fi
     cp -a "$cache/tree/." "$1/"
     cp /etc/resolv.conf "$1/etc/resolv.conf"
+    # Every installed Debian has this file, the bare tree does not.
+    printf '127.0.0.1\tlocalhost\n' >"$1/etc/hosts"
     # Nothing in the tree has to survive a power cut.
     echo force-unsafe-io >"$1/etc/dpkg/dpkg.cfg.d/unsafe-io"
     # No package starts a service in the tree.
@@ -92,4 +100,14 @@ tree_user() {
 # tree_add_user FOLDER: the user that tree_user becomes.
 tree_add_user() {
     tree_root "$1" useradd --uid 1000 --create-home --shell /bin/sh user
+}
+
+# tree_install_built FOLDER OPTION...: installs the built packages, as apt does it for a file.
+tree_install_built() {
+    local where=$1
+    shift
+    mkdir -p "$where/home/packages"
+    cp "$repo"/build-package/packages/*.deb "$where/home/packages"
+    tree_install "$where" "$@" $(cd "$where" && printf '/%s ' home/packages/*.deb)
+    rm -r "$where/home/packages"
 }

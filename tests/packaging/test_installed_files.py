@@ -108,6 +108,15 @@ class InstalledFiles(unittest.TestCase):
                             "EXAMPLES", "TROUBLESHOOTING"):
                 self.assertIn(f"\n.Sh {section}\n", self.manual(name), name)
 
+    def test_server_manual_shows_how_to_stream_what_the_computer_plays(self):
+        # As the user reads it: nothing of it may be taken for a variable of the build.
+        text = run("mandoc", "-T", "ascii", input=self.manual("VelantrixServer")).stdout
+        readme = (SOURCE / "README.md").read_text()
+        for command in ("PULSE_SOURCE=@DEFAULT_MONITOR@ VelantrixServer -nogui",
+                        "PIPEWIRE_ALSA='{ stream.capture.sink=true }' VelantrixServer -nogui"):
+            self.assertIn(command, text)
+            self.assertIn(command, readme)
+
     def test_server_manual_and_completions_name_every_option(self):
         scan = (SOURCE / "app/command_line.cpp").read_text()
         options = set(re.findall(r'"(-[a-z]+)"', scan))

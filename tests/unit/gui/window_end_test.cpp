@@ -43,6 +43,14 @@ void letWorkersArrive() {
     QThread::msleep(100);
 }
 
+/// Waits without an event loop, so that a report which comes meanwhile is not answered yet.
+bool waitIdly(const std::atomic<bool>& flag) {
+    for (int i = 0; i < PATIENCE_MS && !flag.load(); ++i) {
+        QThread::msleep(1);
+    }
+    return flag.load();
+}
+
 TEST_F(WindowEnd, StatusReportThatWaitsIsReleased) {
     const Worker worker([] {
         reportToCore([](VelantrixServerNoGUI& core) { core.SetClientStatus(1, "late", false); });
@@ -72,7 +80,7 @@ TEST_F(WindowEnd, QuestionThatWaitsIsAnsweredWithZero) {
         pinned.store(true);
         answer.store(target->showQuestion(QMessageBox::Information, "t", "q", QMessageBox::Yes));
     });
-    ASSERT_TRUE(spinUntil([&pinned] { return pinned.load(); }));
+    ASSERT_TRUE(waitIdly(pinned));
     letWorkersArrive();
     window.reset();
     EXPECT_TRUE(spinUntil([&worker] { return worker.done(); }));

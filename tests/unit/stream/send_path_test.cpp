@@ -388,7 +388,8 @@ TEST_P(SmallerMtu, RawPacketToAClientIsOneDatagram) {
         return std::search(datagram.begin(), datagram.end(), packet.begin(), packet.end()) !=
                datagram.end();
     };
-    // Acknowledgements and pings may come besides, and the packet again where one was late.
+    // Acknowledgements and pings may come besides, and the packet again when a slow machine
+    // acknowledges it late.
     EXPECT_GE(std::count_if(datagrams.begin(), datagrams.end(), holdsIt), 1)
         << "the packet came in fragments";
 }

@@ -1,0 +1,149 @@
+#!/bin/sh
+# Runs inside a tree as root, in a network namespace of its own: the packaged server stands behind
+# ufw and then behind firewalld, the packaged client looks for it from a second namespace at the
+# other end of a virtual cable. Closed, it must neither be found nor stream; opened with the
+# installed profile, and with the commands of README.md and SECURITY.md, it must do both.
+# Usage: firewall-check.sh     (scripts/firewall-test makes the world that it needs)
+set -eu
+server_address=10.59.0.1
+client_address=10.59.0.2
+group=231.232.233.235
+export XDG_RUNTIME_DIR=/run/sound PULSE_SERVER=unix:/run/sound/native
+
+die() {
+    echo "firewall-check: $*" >&2
+    iptables-save >&2 || true
+    nft list ruleset >&2 || true
+    exit 1
+}
+
+# wait_until SECONDS COMMAND...: until the command succeeds.
+wait_until() {
+    left=$(($1 * 5))
+    shift
+    until "$@" >/dev/null 2>&1; do
+        left=$((left - 1))
+        [ "$left" -gt 0 ] || return 1
+        sleep 0.2
+    done
+}
+
+as_user() {
+    setpriv --reuid=1000 --regid=1000 --init-groups env HOME=/home/user "$@"
+}
+
+on_client() {
+    nsenter --net=/run/netns/client "$@"
+}
+
+found() {
+    on_client env HOME=/home/user setpriv --reuid=1000 --regid=1000 --init-groups \
+        velantrix-listen --list 2>/dev/null | grep -q "$server_address"
+}
+
+streams() {
+    on_client env HOME=/home/user setpriv --reuid=1000 --regid=1000 --init-groups timeout 20 \
+        velantrix-listen $server_address --once --no-play --quiet --seconds 2 2>/dev/null
+}
+
+open() {
+    found || die "$1: the server is not found"
+    streams || die "$1: the server does not stream"
+    echo "$1: found and streamed"
+}
+
+closed() {
+    ! found || die "$1: the server is found"
+    ! streams || die "$1: the server streams"
+    echo "$1: neither found nor streamed"
+}
+
+network() {
+    ip link set lo up
+    ip netns add client
+    ip link add cable type veth peer name cable netns client
+    ip address add $server_address/24 dev cable
+    ip link set cable up
+    ip route add $group/32 dev cable
+    on_client ip link set lo up
+    on_client ip address add $client_address/24 dev cable
+    on_client ip link set cable up
+    on_client ip route add $group/32 dev cable
+}
+
+start_server() {
+    cd /home/user
+    as_user pulseaudio -n --daemonize=no --exit-idle-time=-1 --use-pid-file=no --disable-shm=1 \
+        -L "module-native-protocol-unix socket=$XDG_RUNTIME_DIR/native auth-anonymous=1" \
+        -L "module-null-sink sink_name=out rate=48000 channels=2" >pulseaudio.log 2>&1 &
+    wait_until 20 as_user pactl info || die "the sound server does not answer"
+    as_user VelantrixServer -nogui >server.log 2>&1 &
+    wait_until 30 grep -q "Audio capture running" server.log || die "the server does not capture"
+}
+
+try_ufw() {
+    ufw app info "Velantrix Server"
+    ufw --force enable >/dev/null
+    closed "ufw on"
+    ufw allow "Velantrix Server" >/dev/null
+    open 'ufw allow "Velantrix Server"'
+    ufw delete allow "Velantrix Server" >/dev/null
+    closed "ufw, the profile taken back"
+    ufw allow 59010:59011/udp >/dev/null
+    open "ufw allow 59010:59011/udp"
+    ufw delete allow 59010:59011/udp >/dev/null
+    for port in 59010 59011; do
+        ufw allow from 10.59.0.0/24 to any port $port proto udp >/dev/null
+    done
+    open "ufw allow from 10.59.0.0/24"
+    for port in 59010 59011; do
+        ufw delete allow from 10.59.0.0/24 to any port $port proto udp >/dev/null
+        ufw allow from 192.168.1.0/24 to any port $port proto udp >/dev/null
+    done
+    closed "ufw allow from 192.168.1.0/24, where the client is not"
+    ufw --force reset >/dev/null
+}
+
+# The answer to a multicast query comes from an address that was not asked: the client's own
+# firewall takes it for something new.
+try_client_firewall() {
+    on_client ufw --force enable >/dev/null
+    ! found || die "ufw on the client: the server is found"
+    streams || die "ufw on the client: the server does not stream to one that names it"
+    echo "ufw on the client: not found, but streamed when its address is given"
+    on_client ufw allow proto udp from 10.59.0.0/24 port 59011 >/dev/null
+    open "ufw allow proto udp from 10.59.0.0/24 port 59011, on the client"
+    on_client ufw --force reset >/dev/null
+}
+
+try_firewalld() {
+    firewall-offline-cmd --info-service=velantrix-server
+    mkdir -p /run/dbus
+    dbus-daemon --system --fork
+    firewalld --nofork >firewalld.log 2>&1 &
+    wait_until 60 firewall-cmd --state || die "firewalld does not answer: $(cat firewalld.log)"
+    closed "firewalld on"
+    firewall-cmd --quiet --permanent --add-service=velantrix-server
+    firewall-cmd --quiet --reload
+    open "firewall-cmd --permanent --add-service=velantrix-server"
+    firewall-cmd --quiet --permanent --remove-service=velantrix-server
+    firewall-cmd --quiet --reload
+    closed "firewalld, the service taken back"
+    firewall-cmd --quiet --permanent --add-port=59010-59011/udp
+    firewall-cmd --quiet --reload
+    open "firewall-cmd --permanent --add-port=59010-59011/udp"
+    firewall-cmd --quiet --permanent --remove-port=59010-59011/udp
+    firewall-cmd --quiet --permanent --zone=home --add-service=velantrix-server
+    firewall-cmd --quiet --reload
+    closed "firewall-cmd --zone=home, while the interface is in another zone"
+    firewall-cmd --quiet --permanent --zone=home --change-interface=cable
+    firewall-cmd --quiet --reload
+    open "firewall-cmd --zone=home, with the interface in that zone"
+}
+
+network
+start_server
+open "no firewall"
+try_ufw
+try_client_firewall
+try_firewalld

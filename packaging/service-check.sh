@@ -1,0 +1,173 @@
+#!/bin/sh
+# Runs inside a tree as an ordinary user, whose service manager it starts: tries the packaged unit
+# velantrix-server.service against the packaged velantrix-listen. The recordings are left in
+# ~/heard-*.wav, the server's lines in ~/server.log.
+# Usage: service-check.sh pulseaudio|pipewire  (scripts/service-test makes the world that it needs)
+set -eu
+cd "$HOME"
+unit=velantrix-server
+sound=$1   # Also the name of the sound server's own unit.
+
+die() {
+    echo "service-check: $*" >&2
+    systemctl --user --no-pager status $unit $sound >&2 || true
+    tail -n 30 manager.log server.log >&2 || true
+    exit 1
+}
+
+# wait_until SECONDS COMMAND...: until the command succeeds.
+wait_until() {
+    left=$(($1 * 5))
+    shift
+    until "$@" >/dev/null 2>&1; do
+        left=$((left - 1))
+        [ "$left" -gt 0 ] || return 1
+        sleep 0.2
+    done
+}
+
+property() {
+    systemctl --user show --value -p "$2" "$1"
+}
+
+started() {
+    [ "$(grep -c "Audio capture running" server.log)" -ge "$1" ]
+}
+
+is_another() {
+    pid=$(property $unit MainPID)
+    [ "$pid" != 0 ] && [ "$pid" != "$1" ]
+}
+
+# hear NAME: finds the server through multicast and records what it streams.
+hear() {
+    wait_until 30 pactl info || die "$1: the sound server does not answer"
+    paplay tone.wav &
+    player=$!
+    velantrix-listen --once --no-play --seconds 5 --record "heard-$1.wav" >listen.log ||
+        die "$1: velantrix-listen ended with status $?"
+    kill $player 2>/dev/null || true
+    wait $player 2>/dev/null || true
+    lost=$(sed -n 's/^lost: //p' listen.log)
+    echo "$1: $(sed -n 's/^server: //p' listen.log), lost packets: $lost"
+}
+
+# Each sound server as Debian's units start it, with a null sink and a silent microphone, which is
+# the default input; its start is made slow, so that a server that did not wait would be seen.
+configure_pulseaudio() {
+    mkdir -p .config/pulse
+    cat >.config/pulse/default.pa <<END
+load-module module-native-protocol-unix
+load-module module-null-sink sink_name=out rate=48000 channels=2
+load-module module-null-source source_name=microphone
+set-default-source microphone
+END
+    printf 'default-sample-rate = 48000\nexit-idle-time = -1\n' >.config/pulse/daemon.conf
+    units="pulseaudio.socket pulseaudio.service"
+    monitor=PULSE_SOURCE=@DEFAULT_MONITOR@
+}
+
+configure_pipewire() {
+    mkdir -p .config/pipewire/pipewire.conf.d
+    cat >.config/pipewire/pipewire.conf.d/devices.conf <<END
+context.objects = [
+    { factory = adapter args = { factory.name = support.null-audio-sink node.name = out
+        media.class = Audio/Sink audio.position = [ FL FR ] } }
+    { factory = adapter args = { factory.name = support.null-audio-sink node.name = microphone
+        media.class = Audio/Source/Virtual audio.position = [ FL FR ] } }
+]
+END
+    units="pipewire.socket pipewire-pulse.socket pipewire.service pipewire-pulse.service
+        wireplumber.service"
+    monitor='"PIPEWIRE_ALSA={ stream.capture.sink=true }"'
+}
+
+configure_$sound
+mkdir -p .config/systemd/user/$sound.service.d .config/systemd/user/$unit.service.d
+printf '[Service]\nExecStartPre=/bin/sleep 2\n' >.config/systemd/user/$sound.service.d/slow.conf
+# What `systemctl --user edit` would write, and the log in a file, as there is no journal here.
+cat >.config/systemd/user/$unit.service.d/override.conf <<END
+[Service]
+Environment=$monitor
+Environment=VELANTRIX_SERVER_SAMPLE_RATE=48000
+StandardOutput=append:$HOME/server.log
+StandardError=append:$HOME/server.log
+END
+: >server.log
+
+/usr/lib/systemd/systemd --user >manager.log 2>&1 &
+wait_until 60 systemctl --user list-units || die "the user's service manager does not answer"
+# Nothing wanted yet: a socket would bring the sound server up by itself otherwise.
+systemctl --user stop $units
+systemctl --user reset-failed
+
+echo "-- enabled, it starts with the session, after the sound server"
+systemctl --user enable --quiet $unit
+systemctl --user start --no-block default.target $units
+wait_until 30 started 1 || die "the server does not capture"
+ready=$(property $sound ActiveEnterTimestampMonotonic)
+server=$(property $unit ExecMainStartTimestampMonotonic)
+[ "$ready" != 0 ] && [ "$server" -ge "$ready" ] ||
+    die "started at $server us, the sound server at $ready us"
+echo "the server was started $(((server - ready) / 1000)) ms after the sound server was ready"
+
+echo "-- with the hardening on, it captures and uses multicast"
+first=$(property $unit MainPID)
+grep -q '^NoNewPrivs:[[:space:]]*1$' "/proc/$first/status" || die "new privileges are possible"
+grep -q '^Seccomp:[[:space:]]*2$' "/proc/$first/status" || die "no system call filter"
+hear start
+
+echo "-- killed, it comes back"
+kill -KILL "$first"
+wait_until 30 is_another "$first" || die "not restarted after SIGKILL"
+wait_until 30 started 2 || die "the restarted server does not capture"
+[ "$(property $unit NRestarts)" = 1 ] || die "NRestarts is $(property $unit NRestarts)"
+hear killed
+
+echo "-- it follows a restarted sound server"
+second=$(property $unit MainPID)
+systemctl --user restart $sound.service
+wait_until 30 is_another "$second" || die "not restarted with the sound server"
+wait_until 30 started 3 || die "it does not capture from the new sound server"
+hear sound-server
+
+echo "-- and one that was killed and comes back by itself"
+third=$(property $unit MainPID)
+systemctl --user reset-failed
+kill -KILL "$(property $sound MainPID)"
+wait_until 30 is_another "$third" || die "not restarted after the sound server was killed"
+wait_until 30 started 4 || die "it does not capture from the new sound server"
+hear sound-server-killed
+
+if [ "$sound" = pipewire ]; then
+    echo "-- the part that serves PulseAudio's programs comes and goes without touching it"
+    fourth=$(property $unit MainPID)
+    systemctl --user restart pipewire-pulse.service || die "pipewire-pulse cannot be restarted"
+    systemctl --user stop pipewire-pulse.service
+    sleep 1
+    [ "$(property $unit MainPID)" = "$fourth" ] || die "the server was stopped or restarted"
+fi
+
+echo "-- it stops cleanly"
+systemctl --user stop $unit
+[ "$(property $unit Result) $(property $unit ExecMainStatus)" = "success 0" ] ||
+    die "stopped with $(property $unit Result), status $(property $unit ExecMainStatus)"
+
+echo "-- status 255 (a busy port): five starts, then it stays failed"
+systemctl --user reset-failed
+VelantrixServer -nogui >other.log 2>&1 &
+other=$!
+wait_until 30 grep -q "Audio capture running" other.log || die "no server to be in the way"
+systemctl --user start $unit
+wait_until 90 systemctl --user is-failed --quiet $unit || die "it does not give up"
+[ "$(property $unit ExecMainStatus)" = 255 ] ||
+    die "failed with status $(property $unit ExecMainStatus)"
+starts=$(grep -c "^Network port busy" server.log) || true
+[ "$starts" = 5 ] || die "started $starts times"
+kill $other
+wait $other || die "the other server ended with status $?"
+systemctl --user reset-failed
+systemctl --user start $unit
+wait_until 30 started 5 || die "it does not start after the port became free"
+systemctl --user disable --quiet --now $unit
+echo "-- all as it should be"
