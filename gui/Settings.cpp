@@ -39,6 +39,14 @@ class Store {
     QSettings file{QStringLiteral("Velantrix"), QStringLiteral("Server")};
 };
 
+/// Takes a new value over into the cache and the file.
+template <class Value>
+void keep(Value& cached, Value value, const char* key) {
+    Store store;
+    cached = value;
+    store.write(key, value);
+}
+
 QString inputSelectKey(const char* suffix) {
     return QStringLiteral("InputSelect") + QString::fromUtf8(suffix);
 }
@@ -59,9 +67,7 @@ void Settings::loadSettings() {
 }
 
 void Settings::setWarn48kDone(bool done) {
-    Store store;
-    Warn48kDone = done;
-    store.write("Warn48kDone", done);
+    keep(Warn48kDone, done, "Warn48kDone");
 }
 
 void Settings::setMinToTray(MinToTrayOption option) {
@@ -71,27 +77,19 @@ void Settings::setMinToTray(MinToTrayOption option) {
 }
 
 void Settings::setFileDialogEncOptMP3(int option) {
-    Store store;
-    FileDialogEncOptMP3 = option;
-    store.write("FileDialogEncOptMP3", option);
+    keep(FileDialogEncOptMP3, option, "FileDialogEncOptMP3");
 }
 
 void Settings::setFileDialogTypeMP3(bool isMP3) {
-    Store store;
-    FileDialogTypeMP3 = isMP3;
-    store.write("FileDialogTypeMP3", isMP3);
+    keep(FileDialogTypeMP3, isMP3, "FileDialogTypeMP3");
 }
 
 void Settings::setEnableHotkeys(bool enable) {
-    Store store;
-    EnableHotkeys = enable;
-    store.write("EnableHotkeys", enable);
+    keep(EnableHotkeys, enable, "EnableHotkeys");
 }
 
 void Settings::setVersionCheckTime(int minutes) {
-    Store store;
-    VersionCheckTime = minutes;
-    store.write("VersionCheckTime", minutes);
+    keep(VersionCheckTime, minutes, "VersionCheckTime");
 }
 
 void Settings::setVersionCheckResponse(const char* version) {
