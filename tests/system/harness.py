@@ -112,6 +112,11 @@ class SystemTest(unittest.TestCase):
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="velantrix-test-"))
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
 
+    def enterContext(self, manager):  # In unittest itself from Python 3.11 on.
+        value = manager.__enter__()
+        self.addCleanup(manager.__exit__, None, None, None)
+        return value
+
     def assert_lines_in_order(self, lines, expected):
         """Each expected line (text, or compiled pattern) comes, in this order."""
         position = 0
