@@ -4,16 +4,32 @@
 #include <QString>
 #include <QVariant>
 
+namespace {
+
+/// A text that is never destroyed, and made without memory: before main() nothing could be
+/// reported.
+union KeptText {
+    KeptText() : text() {}
+    ~KeptText() {}
+    KeptText(const KeptText&) = delete;
+    KeptText& operator=(const KeptText&) = delete;
+
+    std::string text;
+};
+
+KeptText inputSelect;
+KeptText versionCheckResponse;
+
+}  // namespace
+
 bool Settings::Warn48kDone = false;
 MinToTrayOption Settings::MinToTray = MinToTrayOption::Taskbar;
-// NOLINTNEXTLINE(cert-err58-cpp): without memory before main() there is no program to save.
-std::string& Settings::InputSelect = *new std::string;
+std::string& Settings::InputSelect = inputSelect.text;
 std::int32_t Settings::FileDialogEncOptMP3 = 2;
 bool Settings::FileDialogTypeMP3 = true;
 bool Settings::EnableHotkeys = true;
 std::int32_t Settings::VersionCheckTime = 0;
-// NOLINTNEXTLINE(cert-err58-cpp): as above.
-std::string& Settings::VersionCheckResponse = *new std::string;
+std::string& Settings::VersionCheckResponse = versionCheckResponse.text;
 
 namespace {
 
