@@ -65,6 +65,8 @@ class OneClient(ClientTest):
         kinds = [p.flags for p in client.packets()]
         changes = [b for a, b in zip([None] + kinds, kinds) if a != b]
         self.assertEqual(changes, [3, 1 << 6 | 2, 5 << 6 | 3, 2])
+        last_line = "Sending uncompressed audio data to client 0"
+        wait_until(lambda: self.server.out.all().count(last_line) == 2, "two lines: " + last_line)
         self.assert_lines_in_order(self.server.out.all(), [
             "Sending audio data in reliable mode",
             "Sending uncompressed audio data to client 0",
