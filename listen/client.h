@@ -3,6 +3,8 @@
 #include <cstdint>
 #include <string>
 
+#include <enet/enet.h>
+
 #include "listen/options.h"
 #include "listen/outputs.h"
 #include "listen/receiver.h"

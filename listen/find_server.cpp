@@ -1,9 +1,13 @@
 #include "listen/find_server.h"
 
+#include <cstdint>
 #include <cstdio>
+#include <string>
+#include <vector>
 
 #include "listen/command_line.h"
 #include "listen/discovery_client.h"
+#include "stream/wire_format.h"
 
 namespace vxlisten {
 
