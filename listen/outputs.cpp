@@ -1,7 +1,12 @@
 #include "listen/outputs.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <optional>
 #include <unistd.h>
+
+#include "listen/playout.h"
 
 namespace vxlisten {
 
