@@ -18,6 +18,7 @@ namespace {
 bool refuseReuse = false;
 int receivesToFail = 0;
 int sendsToFail = 0;
+bool noDescriptorAfterReceive = false;
 int handleToBeClosed = -1;
 
 // The listening socket has the handle before it, the first that the process opens.
@@ -57,6 +58,12 @@ ssize_t __wrap_recvfrom(int handle, void* buffer, std::size_t room, int flags, s
         --receivesToFail;
         errno = ENOMEM;
         return -1;
+    }
+    if (noDescriptorAfterReceive) {
+        rlimit limit = {};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = 0;
+        setrlimit(RLIMIT_NOFILE, &limit);
     }
     return received;
 }
@@ -140,6 +147,19 @@ TEST_F(MultiHost, FailedAnswersToTheFirstFormArePacedAndReportedWithTheirSocketC
     clientSide.enter();
     expectPacedFailures(responder, FIRST_FORM, UdpClient(PORT),
                         "multiHost: Response socket sendto failed: Operation not permitted\n");
+}
+
+TEST_F(MultiHost, NoSocketForTheAnswerToTheFirstFormIsReportedAndTheSecondIsAnswered) {
+    addGroupRoute();
+    Responder responder([] { noDescriptorAfterReceive = true; });
+    ASSERT_TRUE(responder.waitUntilListening());
+    clientSide.enter();
+    const UdpClient client;
+    client.send(FIRST_FORM, SERVER_ADDRESS, PORT);
+    client.send(SECOND_FORM, SERVER_ADDRESS, PORT);
+    EXPECT_TRUE(client.receive(PATIENCE_MS));
+    EXPECT_EQ(responder.reported("\n"),
+              "multiHost: Response socket open failed: Too many open files\n");
 }
 
 TEST_F(RunningMultiHost, SenderThatCannotBeAnsweredIsReportedAndTheNextIsServed) {
