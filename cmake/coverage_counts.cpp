@@ -1,7 +1,6 @@
 // Keeps gcov's counts of processes that do not end through exit(). Linked into every program of a
 // build that measures coverage, in front of the libraries; no part of any other build.
 
-#include <algorithm>
 #include <array>
 #include <csignal>
 #include <cstdarg>
@@ -23,15 +22,12 @@ namespace {
 /// Tests send this to a process of ours instead of SIGKILL; it ends as that would end it.
 constexpr int WRITE_COUNTS_AND_DIE = 60;
 
-constexpr rlim_t ENOUGH_DESCRIPTORS = 4096;
-
 /// Opens files although a test has left no descriptor for them. The counts start from zero again:
 /// after vfork, the parent goes on with this memory.
 void writeCounts() {
     rlimit before = {};
     ::getrlimit(RLIMIT_NOFILE, &before);
-    const rlimit enough = {ENOUGH_DESCRIPTORS,
-                           std::max<rlim_t>(before.rlim_max, ENOUGH_DESCRIPTORS)};
+    const rlimit enough = {before.rlim_max, before.rlim_max};
     ::setrlimit(RLIMIT_NOFILE, &enough);
     __gcov_dump();
     __gcov_reset();

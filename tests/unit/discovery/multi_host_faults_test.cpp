@@ -201,7 +201,7 @@ TEST_F(MultiHost, AnswerWithoutASocketIsReportedAndTheNextQueryServed) {
 
 TEST_F(MultiHost, NoSocketEndsItWithOne) {
     Responder responder([] {
-        const rlimit noSocket{STDERR_FILENO + 1, STDERR_FILENO + 1};
+        const rlimit noSocket{STDERR_FILENO + 1, 1024};
         setrlimit(RLIMIT_NOFILE, &noSocket);
     });
     EXPECT_EQ(responder.waitForResult(), 1);
