@@ -9,7 +9,7 @@ namespace {
 /// A text that is never destroyed, and made without memory: before main() nothing could be
 /// reported.
 union KeptText {
-    KeptText() : text() {}
+    KeptText() noexcept : text() {}
     ~KeptText() {}
     KeptText(const KeptText&) = delete;
     KeptText& operator=(const KeptText&) = delete;
