@@ -4,12 +4,25 @@
 #include <cstddef>
 #include <cstdint>
 
+/// A callback that took longer than half the block period, with what it spent the time on.
+/// Nanoseconds; `entry` is CLOCK_MONOTONIC.
+struct LongCallback {
+    std::atomic<std::int64_t> number;  ///< Of the callback, from 0.
+    std::atomic<std::int64_t> entry;
+    std::atomic<std::int64_t> wall;
+    std::atomic<std::int64_t> processor;  ///< On a processor, as the kernel counts it.
+    std::atomic<std::int64_t> queued;     ///< Ready to run, but on no processor.
+    std::atomic<std::int64_t> waited;     ///< Inside poll, the time to get back included.
+    std::atomic<std::int64_t> passes;     ///< Calls of processBuffer: each may wait for 1 ms.
+};
+
 /// What the paced capture knows about its callbacks, in a file that other processes map.
 ///
 /// Times are CLOCK_MONOTONIC nanoseconds. The capture thread is the only writer.
 struct CaptureTable {
     static constexpr std::size_t REMEMBERED = 1U << 16U;  ///< Power of two; indexed by sequence.
-    static constexpr std::size_t DURATIONS = 1U << 20U;   ///< Over an hour of callbacks.
+    static constexpr std::size_t DURATIONS = 1U << 20U;   ///< Two hours of callbacks.
+    static constexpr std::size_t LONG_CALLBACKS = 1U << 14U;
 
     /// Entry time of the callback that sent raw packet `seq` / compressed packet `seq`.
     std::atomic<std::int64_t> rawEntry[REMEMBERED];
@@ -28,7 +41,16 @@ struct CaptureTable {
     std::atomic<std::uint64_t> receives;
     std::atomic<std::uint64_t> polls;
 
+    std::atomic<std::uint64_t> encodes;
+    std::atomic<std::int64_t> encodeTime;  ///< Inside opus_encode, ns, all together.
+
     std::atomic<std::uint32_t> duration[DURATIONS];  ///< Of callback n, ns.
+
+    /// The first LONG_CALLBACKS of `longCallbacks`.
+    LongCallback longCallback[LONG_CALLBACKS];
+
+    /// When the encoding of compressed packet `seq` began (its entry when nothing was encoded).
+    std::atomic<std::int64_t> encodeStart[REMEMBERED];
 };
 
 /// Maps `path`, creating it when `create` is set; null when that fails. Never unmapped.

@@ -1,20 +1,21 @@
-// The least that streaming can cost: encodes the same frames, sends datagrams of the same sizes
-// as often, receives as many acknowledgement datagrams and waits in poll as often as the server
-// did in a measured session, and does nothing else.
+// The least that streaming can cost: encodes the same frames, sends datagrams of the same sizes,
+// receives as many acknowledgement datagrams and waits in poll as the server does, in the same
+// order and at the same pace, and does nothing else.
 //
-// Usage: floor SECONDS CLIENTS RATE_CODE RELIABLE(0|1) RECEIVES_PER_CALLBACK POLLS_PER_CALLBACK
-//        ENCODERS
-// CLIENTS of one choice; ENCODERS more rate codes are encoded (for nobody) when above 1.
-// Prints the processor time of the paced calls in milliseconds per second of sound.
+// Usage: floor SECONDS [RATE_CODE:RELIABLE(0|1)]...
+// One choice for each client; every rate code among them is encoded once. Each pass (one for every
+// block, one more for every 480 frames) ends with receiving what there is and polling until 1 ms
+// is over, as the service step does. Prints, per second of sound: milliseconds of processor time
+// of the blocks, datagrams sent and received, polls.
 
 #include <algorithm>
 #include <arpa/inet.h>
 #include <array>
-#include <cmath>
 #include <csignal>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <netinet/in.h>
 #include <poll.h>
@@ -25,24 +26,26 @@
 
 #include <opus/opus.h>
 
+#include "bench/test_sound.h"
 #include "stream/wire_format.h"
 
 namespace {
 
 constexpr std::int64_t NS_PER_SECOND = 1000000000;
+constexpr std::int64_t NS_PER_MILLISECOND = 1000000;
 constexpr double SAMPLE_RATE = 48000;
 constexpr std::size_t ENET_OVERHEAD = 8;  // Protocol and command headers around one packet.
 constexpr std::size_t ACK_LENGTH = 12;
-constexpr std::array<std::uint32_t, 4> ENCODED_RATE_CODES = {1, 2, 3, 5};
+constexpr std::size_t RATE_CODES = 8;
+
+struct Choice {
+    std::uint32_t rateCode;
+    bool reliable;
+};
 
 struct Options {
     double seconds;
-    int clients;
-    std::uint32_t rateCode;
-    bool reliable;
-    double receivesPerCall;
-    double pollsPerCall;
-    std::size_t encoders;
+    std::vector<Choice> clients;
 };
 
 std::int64_t clockNs(clockid_t clock) {
@@ -73,55 +76,66 @@ sockaddr_in addressOf(int socket) {
     return address;
 }
 
-/// A client process: reads every datagram and acknowledges it when `acknowledge` is set.
+/// A client process: sleeps in poll, as a client of the server does, reads every datagram and
+/// acknowledges it when `acknowledge` is set.
 [[noreturn]] void runPeer(int socket, bool acknowledge) {
     std::array<char, 4096> room{};
     for (;;) {
+        pollfd ready = {socket, POLLIN, 0};
+        ::poll(&ready, 1, 100);
         sockaddr_in from = {};
         socklen_t length = sizeof from;
-        ::recvfrom(socket, room.data(), room.size(), 0, reinterpret_cast<sockaddr*>(&from),
-                   &length);
-        if (acknowledge) {
-            ::sendto(socket, room.data(), ACK_LENGTH, 0, reinterpret_cast<sockaddr*>(&from),
-                     length);
+        while (::recvfrom(socket, room.data(), room.size(), MSG_DONTWAIT,
+                          reinterpret_cast<sockaddr*>(&from), &length) >= 0) {
+            if (acknowledge) {
+                ::sendto(socket, room.data(), ACK_LENGTH, 0, reinterpret_cast<sockaddr*>(&from),
+                         length);
+            }
         }
     }
 }
 
+/// One receiver of the stream.
+struct Peer {
+    Choice choice;
+    sockaddr_in address;
+    pid_t process;
+};
+
 class Floor {
   public:
-    explicit Floor(const Options& chosen) : options(chosen), socket(makeSocket()) {
-        for (int i = 0; i < options.clients; ++i) {
-            const int peer = makeSocket();
-            peers.push_back(addressOf(peer));
-            children.push_back(::fork());
-            if (children.back() == 0) {
-                runPeer(peer, options.reliable);
+    explicit Floor(Options chosen)
+        : options(std::move(chosen)), socket(makeSocket()), sound(testsound::make()) {
+        for (const Choice& choice : options.clients) {
+            const int receiver = makeSocket();
+            acknowledged = acknowledged || choice.reliable;
+            peers.push_back({choice, addressOf(receiver), ::fork()});
+            if (peers.back().process == 0) {
+                runPeer(receiver, choice.reliable);
             }
-            ::close(peer);
+            ::close(receiver);
+            if (choice.rateCode != 0 && encoders.at(choice.rateCode) == nullptr) {
+                encoders.at(choice.rateCode) = makeEncoder(choice.rateCode);
+            }
         }
-        for (const std::uint32_t code : encodedCodes()) {
-            OpusEncoder* const encoder =
-                opus_encoder_create(48000, 2, OPUS_APPLICATION_AUDIO, nullptr);
-            opus_encoder_ctl(encoder, OPUS_SET_BITRATE(wire::bitRateOf(code)));
-            opus_encoder_ctl(encoder, OPUS_SET_SIGNAL(OPUS_SIGNAL_MUSIC));
-            encoders.push_back(encoder);
-        }
-        makeSound();
     }
 
     ~Floor() {
-        for (const pid_t child : children) {
-            ::kill(child, SIGKILL);
-            ::waitpid(child, nullptr, 0);
+        for (const Peer& peer : peers) {
+            ::kill(peer.process, SIGKILL);
+            ::waitpid(peer.process, nullptr, 0);
         }
-        std::for_each(encoders.begin(), encoders.end(), opus_encoder_destroy);
+        for (OpusEncoder* const encoder : encoders) {
+            if (encoder != nullptr) {
+                opus_encoder_destroy(encoder);
+            }
+        }
     }
     Floor(const Floor&) = delete;
     Floor& operator=(const Floor&) = delete;
 
-    /// Runs for the chosen time; returns processor nanoseconds per second of sound.
-    double run() {
+    /// Runs for the chosen time and prints what it took.
+    void run() {
         const auto period =
             static_cast<std::int64_t>(wire::RAW_BLOCK_FRAMES * NS_PER_SECOND / SAMPLE_RATE);
         const auto calls = static_cast<std::int64_t>(options.seconds * 1e9) / period;
@@ -132,91 +146,92 @@ class Floor {
             const timespec at = {due / NS_PER_SECOND, due % NS_PER_SECOND};
             ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr);
             const std::int64_t before = clockNs(CLOCK_THREAD_CPUTIME_ID);
-            onBlock();
+            onBlock(static_cast<std::size_t>(call) % testsound::BLOCKS);
             processorTime += clockNs(CLOCK_THREAD_CPUTIME_ID) - before;
         }
-        return static_cast<double>(processorTime) / options.seconds;
+        std::printf("%.4f %.1f %.1f %.1f\n",
+                    static_cast<double>(processorTime) / 1e6 / options.seconds,
+                    sends / options.seconds, receives / options.seconds, polls / options.seconds);
     }
 
   private:
-    [[nodiscard]] std::vector<std::uint32_t> encodedCodes() const {
-        if (options.rateCode == 0 && options.encoders == 0) {
-            return {};
-        }
-        if (options.encoders <= 1) {
-            return {options.rateCode};
-        }
-        return {ENCODED_RATE_CODES.begin(),
-                ENCODED_RATE_CODES.begin() + static_cast<std::ptrdiff_t>(options.encoders)};
+    static OpusEncoder* makeEncoder(std::uint32_t code) {
+        OpusEncoder* const encoder = opus_encoder_create(48000, 2, OPUS_APPLICATION_AUDIO, nullptr);
+        opus_encoder_ctl(encoder, OPUS_SET_BITRATE(wire::bitRateOf(code)));
+        opus_encoder_ctl(encoder, OPUS_SET_SIGNAL(OPUS_SIGNAL_MUSIC));
+        return encoder;
     }
 
-    void makeSound() {
-        sound.resize(48000 * 2);
-        unsigned noise = 1;
-        for (std::size_t i = 0; i < sound.size() / 2; ++i) {
-            noise = noise * 1664525U + 1013904223U;
-            const double t = static_cast<double>(i) / SAMPLE_RATE;
-            const double hiss = static_cast<double>(noise >> 20U) / 4.0 - 512;
-            sound[2 * i] = static_cast<std::int16_t>(6000 * std::sin(2 * M_PI * 440 * t) + hiss);
-            sound[2 * i + 1] =
-                static_cast<std::int16_t>(6000 * std::sin(2 * M_PI * 554 * t) + hiss);
-        }
+    void onBlock(std::size_t block) {
+        std::int16_t* const frames = &sound[block * wire::RAW_BLOCK_FRAMES * 2];
+        const std::int64_t entry = clockNs(CLOCK_MONOTONIC);
+        std::memcpy(frames, &entry, sizeof entry);
+        std::memcpy(&packets[0][wire::HEADER_LENGTH], frames,
+                    wire::RAW_BLOCK_FRAMES * wire::BYTES_PER_FRAME);
+        lengths[0] = wire::RAW_BUFFER_LENGTH;
+        sendToAll(false);
+        waitAndReceive();
+        gather(frames);
     }
 
-    void onBlock() {
-        if (options.rateCode == 0) {
-            sendToAll(wire::RAW_BUFFER_LENGTH + ENET_OVERHEAD);
+    /// Fills the group of 480 frames; encodes and sends it when it is full.
+    void gather(const std::int16_t* frames) {
+        const std::size_t fits =
+            std::min(wire::OPUS_FRAME_SAMPLES - gathered, std::size_t{wire::RAW_BLOCK_FRAMES});
+        std::copy_n(frames, 2 * fits, &group[2 * gathered]);
+        gathered += fits;
+        if (gathered < wire::OPUS_FRAME_SAMPLES) {
+            return;
         }
-        gathered += wire::RAW_BLOCK_FRAMES;
-        if (gathered >= wire::OPUS_FRAME_SAMPLES) {
-            gathered -= wire::OPUS_FRAME_SAMPLES;
-            const std::size_t length = encode();
-            if (options.rateCode != 0) {
-                sendToAll(length + wire::HEADER_LENGTH + ENET_OVERHEAD);
+        for (std::size_t code = 1; code < RATE_CODES; ++code) {
+            if (encoders[code] != nullptr) {
+                const int length =
+                    opus_encode(encoders[code], group.data(), wire::OPUS_FRAME_SAMPLES,
+                                &packets[code][wire::HEADER_LENGTH],
+                                static_cast<opus_int32>(wire::MAX_OPUS_BYTES));
+                lengths[code] = wire::HEADER_LENGTH + static_cast<std::size_t>(length);
             }
         }
+        gathered = wire::RAW_BLOCK_FRAMES - fits;
+        std::copy_n(frames + 2 * fits, 2 * gathered, group.data());
+        sendToAll(true);
         waitAndReceive();
     }
 
-    std::size_t encode() {
-        const std::int16_t* const frames = &sound[position * 2];
-        position = (position + wire::OPUS_FRAME_SAMPLES) % (sound.size() / 2);
-        int length = 0;
-        for (OpusEncoder* const encoder : encoders) {
-            length = opus_encode(encoder, frames, wire::OPUS_FRAME_SAMPLES, packet.data(),
-                                 static_cast<opus_int32>(wire::MAX_OPUS_BYTES));
-        }
-        return static_cast<std::size_t>(length);
-    }
-
-    void sendToAll(std::size_t length) {
-        for (sockaddr_in& peer : peers) {
-            iovec part = {packet.data(), length};
+    void sendToAll(bool compressed) {
+        for (Peer& peer : peers) {
+            const std::uint32_t code = peer.choice.rateCode;
+            if ((code != 0) != compressed) {
+                continue;
+            }
+            iovec part = {packets[code].data(), lengths[code] + ENET_OVERHEAD};
             msghdr message = {};
-            message.msg_name = &peer;
-            message.msg_namelen = sizeof peer;
+            message.msg_name = &peer.address;
+            message.msg_namelen = sizeof peer.address;
             message.msg_iov = &part;
             message.msg_iovlen = 1;
             ::sendmsg(socket, &message, MSG_NOSIGNAL);
+            ++sends;
         }
     }
 
+    /// As the service step: receives what there is and waits for more until the clock, which
+    /// counts whole milliseconds, has moved on by one.
     void waitAndReceive() {
-        pollsDue += options.pollsPerCall;
-        receivesDue += options.receivesPerCall;
-        while (pollsDue >= 1) {
-            pollfd ready = {socket, POLLIN, 0};
-            ::poll(&ready, 1, 1);
-            pollsDue -= 1;
-            const double share = receivesDue / (pollsDue + 1);
-            for (double done = 0; done < share && receivesDue >= 1; done += 1) {
-                receiveOne();
-                receivesDue -= 1;
-            }
+        const std::int64_t end = clockNs(CLOCK_MONOTONIC) / NS_PER_MILLISECOND + 1;
+        if (acknowledged) {
+            receiveAll();
         }
+        do {
+            pollfd ready = {socket, POLLIN, 0};
+            ++polls;
+            if (::poll(&ready, 1, 1) > 0) {
+                receiveAll();
+            }
+        } while (clockNs(CLOCK_MONOTONIC) / NS_PER_MILLISECOND < end);
     }
 
-    void receiveOne() {
+    void receiveAll() {
         std::array<char, 4096> room{};
         sockaddr_in from = {};
         iovec part = {room.data(), room.size()};
@@ -225,40 +240,44 @@ class Floor {
         message.msg_namelen = sizeof from;
         message.msg_iov = &part;
         message.msg_iovlen = 1;
-        ::recvmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+        while (::recvmsg(socket, &message, MSG_NOSIGNAL | MSG_DONTWAIT) > 0) {
+            ++receives;
+        }
     }
 
     Options options;
     int socket;
-    std::vector<sockaddr_in> peers;
-    std::vector<pid_t> children;
-    std::vector<OpusEncoder*> encoders;
     std::vector<std::int16_t> sound;
-    std::array<unsigned char, 4096> packet{};
-    std::size_t position = 0;
+    std::vector<Peer> peers;
+    std::array<OpusEncoder*, RATE_CODES> encoders{};  ///< By rate code.
+    std::array<std::array<unsigned char, 4096>, RATE_CODES> packets{};
+    std::array<std::size_t, RATE_CODES> lengths{};
+    std::array<std::int16_t, 2 * wire::OPUS_FRAME_SAMPLES> group{};
     std::size_t gathered = 0;
-    double pollsDue = 0;
-    double receivesDue = 0;
+    bool acknowledged = false;  ///< Some client acknowledges what it gets.
+    double sends = 0;
+    double receives = 0;
+    double polls = 0;
 };
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc != 8) {
-        std::fputs(
-            "usage: floor SECONDS CLIENTS RATE_CODE RELIABLE RECEIVES_PER_CALLBACK "
-            "POLLS_PER_CALLBACK ENCODERS\n",
-            stderr);
+    if (argc < 2) {
+        std::fputs("usage: floor SECONDS [RATE_CODE:RELIABLE]...\n", stderr);
         return 2;
     }
-    const Options options{std::atof(argv[1]),
-                          std::atoi(argv[2]),
-                          static_cast<std::uint32_t>(std::atoi(argv[3])),
-                          std::atoi(argv[4]) != 0,
-                          std::atof(argv[5]),
-                          std::atof(argv[6]),
-                          static_cast<std::size_t>(std::atoi(argv[7]))};
-    Floor floor(options);
-    std::printf("%.4f\n", floor.run() / 1e6);
+    Options options{std::atof(argv[1]), {}};
+    for (int i = 2; i < argc; ++i) {
+        unsigned code = 0;
+        int reliable = 0;
+        if (std::sscanf(argv[i], "%u:%d", &code, &reliable) != 2 || code >= RATE_CODES) {
+            std::fprintf(stderr, "floor: what is %s?\n", argv[i]);
+            return 2;
+        }
+        options.clients.push_back({code, reliable != 0});
+    }
+    Floor floor(std::move(options));
+    floor.run();
     return 0;
 }

@@ -14,11 +14,14 @@
 #include <cstring>
 #include <ctime>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
+#include <unistd.h>
 #include <vector>
 
+#include <opus/opus.h>
 #include <portaudio.h>
 
 #include "bench/capture_table.h"
@@ -38,10 +41,34 @@ pthread_t captureThread;
 std::atomic<bool> stopRequested{false};
 thread_local bool inCallback = false;
 
+/// Of the present callback; touched by the capture thread only.
+struct Account {
+    std::int64_t waited = 0;  ///< Inside poll, ns.
+    std::int64_t passes = 1;
+    std::atomic<std::int64_t>* encodeStart = nullptr;  ///< Null: nothing compressed, or noted.
+};
+Account account;
+
+/// What the kernel knows about the time of this thread.
+struct Scheduling {
+    std::int64_t queued = 0;  ///< Ready to run, but on no processor, ns.
+};
+
 std::int64_t clockNs(clockid_t clock) {
     timespec now = {};
     ::clock_gettime(clock, &now);
     return now.tv_sec * NS_PER_SECOND + now.tv_nsec;
+}
+
+/// Of the calling thread; zero where the kernel does not count it.
+Scheduling readScheduling() {
+    static const int file = ::open("/proc/thread-self/schedstat", O_RDONLY | O_CLOEXEC);
+    char text[96] = {};
+    if (::pread(file, text, sizeof text - 1, 0) <= 0) {
+        return {};
+    }
+    const char* const behindRunning = std::strchr(text, ' ');
+    return {behindRunning == nullptr ? 0 : std::strtoll(behindRunning, nullptr, 10)};
 }
 
 /// Notes which packets this callback sends. Raw packets are numbered by callbacks, compressed
@@ -50,13 +77,34 @@ void noteEntry(std::uint64_t number, std::int64_t entry) {
     table->rawEntry[number % CaptureTable::REMEMBERED].store(entry, std::memory_order_relaxed);
     const std::uint64_t before = number * BLOCK_FRAMES / COMPRESSED_FRAMES;
     const std::uint64_t after = (number + 1) * BLOCK_FRAMES / COMPRESSED_FRAMES;
+    account = Account{};
     if (after != before) {
-        table->compressedEntry[before % CaptureTable::REMEMBERED].store(entry,
-                                                                        std::memory_order_relaxed);
+        const std::uint64_t slot = before % CaptureTable::REMEMBERED;
+        table->compressedEntry[slot].store(entry, std::memory_order_relaxed);
+        table->encodeStart[slot].store(entry, std::memory_order_relaxed);
+        account.passes = 2;
+        account.encodeStart = &table->encodeStart[slot];
     }
 }
 
+void noteLong(std::uint64_t number, std::int64_t entry, std::int64_t wall, std::int64_t processor,
+              std::int64_t queued) {
+    const std::uint64_t index = table->longCallbacks.load();
+    if (index < CaptureTable::LONG_CALLBACKS) {
+        LongCallback& room = table->longCallback[index];
+        room.number.store(static_cast<std::int64_t>(number));
+        room.entry.store(entry);
+        room.wall.store(wall);
+        room.processor.store(processor);
+        room.queued.store(queued);
+        room.waited.store(account.waited);
+        room.passes.store(account.passes);
+    }
+    table->longCallbacks.store(index + 1);
+}
+
 void runCallback(std::uint64_t number, std::int16_t* block, std::int64_t period) {
+    const Scheduling before = readScheduling();
     const std::int64_t processorStart = clockNs(CLOCK_THREAD_CPUTIME_ID);
     const std::int64_t entry = clockNs(CLOCK_MONOTONIC);
     noteEntry(number, entry);
@@ -65,11 +113,12 @@ void runCallback(std::uint64_t number, std::int16_t* block, std::int64_t period)
     callback(block, nullptr, BLOCK_FRAMES, nullptr, 0, nullptr);
     inCallback = false;
     const std::int64_t duration = clockNs(CLOCK_MONOTONIC) - entry;
-    table->processorTime.fetch_add(clockNs(CLOCK_THREAD_CPUTIME_ID) - processorStart);
+    const std::int64_t processor = clockNs(CLOCK_THREAD_CPUTIME_ID) - processorStart;
+    table->processorTime.fetch_add(processor);
     table->duration[number % CaptureTable::DURATIONS].store(static_cast<std::uint32_t>(duration),
                                                             std::memory_order_relaxed);
     if (duration > period / 2) {
-        table->longCallbacks.fetch_add(1);
+        noteLong(number, entry, duration, processor, readScheduling().queued - before.queued);
     }
     table->callbacks.store(number + 1, std::memory_order_release);
 }
@@ -179,7 +228,27 @@ ssize_t recvmsg(int socket, msghdr* message, int flags) {
 
 int poll(pollfd* descriptors, nfds_t number, int timeout) {
     static auto* const real = theirs<decltype(poll)>("poll");
+    if (!inCallback) {
+        return real(descriptors, number, timeout);
+    }
     count(&CaptureTable::polls);
-    return real(descriptors, number, inCallback && speed == 0 ? 0 : timeout);
+    const std::int64_t start = clockNs(CLOCK_MONOTONIC);
+    const int result = real(descriptors, number, speed == 0 ? 0 : timeout);
+    account.waited += clockNs(CLOCK_MONOTONIC) - start;
+    return result;
+}
+
+opus_int32 opus_encode(OpusEncoder* encoder, const opus_int16* frames, int count,
+                       unsigned char* packet, opus_int32 room) {
+    static auto* const real = theirs<decltype(opus_encode)>("opus_encode");
+    const std::int64_t start = clockNs(CLOCK_MONOTONIC);
+    if (account.encodeStart != nullptr) {
+        account.encodeStart->store(start, std::memory_order_relaxed);
+        account.encodeStart = nullptr;
+    }
+    const opus_int32 result = real(encoder, frames, count, packet, room);
+    table->encodes.fetch_add(1, std::memory_order_relaxed);
+    table->encodeTime.fetch_add(clockNs(CLOCK_MONOTONIC) - start, std::memory_order_relaxed);
+    return result;
 }
 }

@@ -15,9 +15,14 @@ from pathlib import Path
 REMEMBERED = 1 << 16
 DURATIONS = 1 << 20
 COUNTERS_AT = 2 * REMEMBERED * 8 + 8  # Behind the first sequence numbers.
-COUNTER_NAMES = ("callbacks", "long_callbacks", "processor_ns", "sends", "receives", "polls")
+COUNTER_NAMES = ("callbacks", "long_callbacks", "processor_ns", "sends", "receives", "polls",
+                 "encodes", "encode_ns")
 DURATIONS_AT = COUNTERS_AT + 8 * len(COUNTER_NAMES)
+LONG_NAMES = ("number", "entry", "wall", "processor", "queued", "waited", "passes")
+LONG_ROOM = 1 << 14
+LONG_AT = DURATIONS_AT + 4 * DURATIONS
 BLOCK_PERIOD_S = 338 / 48000
+ALL_CHOICES = [(code, reliable) for code in (0, 5, 1, 2, 3) for reliable in (True, False)]
 RATE_CODES = {"raw": 0, "20": 5, "64": 1, "128": 2, "256": 3}
 
 
@@ -25,7 +30,7 @@ def enter_private_network():
     """Runs this script again inside a new network namespace with only a loopback device."""
     if os.environ.get("VX_BENCH_NAMESPACE") == "1":
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-        subprocess.run(["ip", "route", "add", "231.232.233.235/32", "dev", "lo"], check=True)
+        subprocess.run(["ip", "route", "replace", "231.232.233.235/32", "dev", "lo"], check=True)
         return
     os.environ["VX_BENCH_NAMESPACE"] = "1"
     flags = "-n" if os.geteuid() == 0 else "-rn"
@@ -33,20 +38,23 @@ def enter_private_network():
 
 
 class Client:
-    """One stream_client process; `delays()` after `stop()` gives its (sequence, ns) pairs."""
+    """One stream_client process, which keeps account of every packet when it has an `output`."""
 
-    def __init__(self, build, port, rate_code, reliable, table, output):
+    def __init__(self, build, port, rate_code, reliable, table=None, output=None):
         self.rate_code = rate_code
+        self.reliable = reliable
         self.output = output
+        account = [table, output] if output else []
         self.process = subprocess.Popen(
             [build / "stream_client", str(port), str(rate_code), "1" if reliable else "0",
-             table, output], stdin=subprocess.PIPE, stderr=subprocess.DEVNULL)
+             *account], stdin=subprocess.PIPE, stderr=subprocess.DEVNULL)
 
     def stop(self):
         self.process.stdin.close()
         return self.process.wait(timeout=20)
 
-    def delays(self):
+    def arrivals(self):
+        """After `stop()`: (sequence, delay, arrival, delay from the encoding) of each packet."""
         with open(self.output, encoding="ascii") as lines:
             return [tuple(map(int, line.split())) for line in lines]
 
@@ -54,12 +62,15 @@ class Client:
 class Session:
     """The server, headless, with clients given as (rate code, reliable) pairs.
 
-    `output` is a descriptor that takes the server's lines instead of the session's log file.
+    `output` is a descriptor that takes the server's lines instead of the session's log file;
+    `account` tells the clients to keep account of every packet; `window` starts the server with
+    its window, which nobody sees.
     """
 
     PORT = 59010
 
-    def __init__(self, build, clients, speed=1.0, server=None, output=None):
+    def __init__(self, build, clients, speed=1.0, server=None, output=None,
+                 account=True, window=False):
         self.build = Path(build).resolve()
         self.folder = tempfile.TemporaryDirectory(prefix="velantrix-bench-")
         self.table_path = os.path.join(self.folder.name, "table")
@@ -70,14 +81,14 @@ class Session:
             VELANTRIX_SERVER_SAMPLE_RATE="48000", QT_QPA_PLATFORM="offscreen")
         self.log = open(os.path.join(self.folder.name, "server.log"), "w", encoding="utf-8")
         self.server = subprocess.Popen(
-            [server or self.build / "VelantrixServer", "-nogui"], env=environment,
-            stdout=output or self.log, stderr=subprocess.STDOUT)
+            [server or self.build / "VelantrixServer", *([] if window else ["-nogui"])],
+            env=environment, stdout=output or self.log, stderr=subprocess.STDOUT)
         self._wait_for_callbacks()
         with open(self.table_path, "rb") as file:
             self.table = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
         self.clients = [
             Client(self.build, self.PORT, rate_code, reliable, self.table_path,
-                   os.path.join(self.folder.name, f"client-{number}"))
+                   os.path.join(self.folder.name, f"client-{number}") if account else None)
             for number, (rate_code, reliable) in enumerate(clients)]
 
     def __enter__(self):
@@ -112,15 +123,12 @@ class Session:
 
     def durations_ns(self, first, last):
         count = min(last, DURATIONS) - first
-        return struct.unpack_from(f"<{count}I", self.table, DURATIONS_AT + 4 * first)
+        return struct.unpack_from(f"<{max(count, 0)}I", self.table, DURATIONS_AT + 4 * first)
 
-    def memory_kib(self):
-        for line in Path(f"/proc/{self.server.pid}/status").read_text().splitlines():
-            if line.startswith("VmRSS:"):
-                return int(line.split()[1])
-        return 0
-
-
-def percentile(ordered, share):
-    """`ordered` is sorted; the value below which `share` of them lie."""
-    return ordered[min(len(ordered) - 1, int(share * len(ordered)))]
+    def long_callbacks(self, first):
+        """The callbacks longer than half the period, from callback `first` on, as dicts."""
+        count = min(self.counters()["long_callbacks"], LONG_ROOM)
+        size = len(LONG_NAMES)
+        values = struct.unpack_from(f"<{count * size}q", self.table, LONG_AT)
+        rows = (dict(zip(LONG_NAMES, values[i * size:(i + 1) * size])) for i in range(count))
+        return [row for row in rows if row["number"] >= first]

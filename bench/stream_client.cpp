@@ -2,34 +2,26 @@
 // closed. Usage: stream_client PORT RATE_CODE RELIABLE(0|1) [TABLE OUTPUT]
 //
 // With TABLE (the paced capture's) it writes one line per audio packet to OUTPUT when it ends:
-// sequence number, nanoseconds from the entry of the callback that sent it to its arrival here.
+// sequence number, nanoseconds from the entry of the callback that sent it to its arrival here,
+// the time of arrival (CLOCK_MONOTONIC, nanoseconds), and nanoseconds from the beginning of its
+// encoding to its arrival (for raw sound the same as from the entry).
 
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <ctime>
-#include <poll.h>
-#include <unistd.h>
 #include <vector>
 
-#include <enet/enet.h>
-
+#include "bench/audio_client.h"
 #include "bench/capture_table.h"
 #include "stream/wire_format.h"
 
 namespace {
 
-constexpr int CONNECT_PATIENCE_MS = 10000;
-
-struct Options {
-    enet_uint16 port;
-    std::uint32_t rateCode;
-    bool reliable;
-};
-
 struct Arrival {
     std::uint32_t seq;
     std::int64_t delayNs;
+    std::int64_t timeNs;
+    std::int64_t encodeDelayNs;
 };
 
 /// Takes the time of arrival of audio packets; does nothing without a table.
@@ -40,22 +32,25 @@ class DelayMeter {
         arrivals.reserve(captureTable != nullptr ? ROOM : 0);
     }
 
-    void take(const ENetPacket& packet) {
+    void take(const ENetPacket& packet, std::int64_t arrival) {
         if (table == nullptr || packet.dataLength < wire::HEADER_LENGTH + sizeof(std::int64_t)) {
             return;
         }
-        timespec now = {};
-        ::clock_gettime(CLOCK_MONOTONIC, &now);
-        const std::int64_t arrival =
-            static_cast<std::int64_t>(now.tv_sec) * 1000000000 + now.tv_nsec;
         const wire::PacketHeader header = wire::readHeader(packet.data, packet.dataLength);
-        arrivals.push_back({header.seq, arrival - entryOf(header, packet)});
+        const std::int64_t delay = arrival - entryOf(header, packet);
+        const std::int64_t encodeDelay =
+            rateCode == wire::RATE_CODE_RAW
+                ? delay
+                : arrival - table->encodeStart[header.seq % CaptureTable::REMEMBERED].load();
+        arrivals.push_back({header.seq, delay, arrival, encodeDelay});
     }
 
     void write(const char* path) const {
         std::FILE* const file = std::fopen(path, "w");
         for (const Arrival& each : arrivals) {
-            std::fprintf(file, "%u %lld\n", each.seq, static_cast<long long>(each.delayNs));
+            std::fprintf(file, "%u %lld %lld %lld\n", each.seq,
+                         static_cast<long long>(each.delayNs), static_cast<long long>(each.timeNs),
+                         static_cast<long long>(each.encodeDelayNs));
         }
         std::fclose(file);
     }
@@ -79,42 +74,6 @@ class DelayMeter {
     std::vector<Arrival> arrivals;
 };
 
-void requestData(ENetPeer* peer, const Options& options) {
-    unsigned char message[wire::HEADER_LENGTH + sizeof "bench"] = {};
-    wire::PacketHeader header;
-    header.msgId = wire::MSGID_DATA;
-    header.flags = wire::makeFlags(options.reliable, false, options.rateCode);
-    wire::writeHeader(message, header);
-    std::snprintf(reinterpret_cast<char*>(message) + wire::HEADER_LENGTH, sizeof "bench", "bench");
-    enet_peer_send(peer, 0, enet_packet_create(message, sizeof message, ENET_PACKET_FLAG_RELIABLE));
-}
-
-/// Waits for the socket or for the end of standard input; false at the latter.
-bool waitForTraffic(const ENetHost& host) {
-    pollfd sources[2] = {{host.socket, POLLIN, 0}, {STDIN_FILENO, POLLIN, 0}};
-    ::poll(sources, 2, 100);
-    return (sources[1].revents & (POLLIN | POLLHUP)) == 0;
-}
-
-long countPackets(ENetHost& host, const Options& options, DelayMeter& meter) {
-    long packets = 0;
-    do {
-        ENetEvent event;
-        while (enet_host_service(&host, &event, 0) > 0) {
-            if (event.type == ENET_EVENT_TYPE_CONNECT) {
-                requestData(event.peer, options);
-            } else if (event.type == ENET_EVENT_TYPE_RECEIVE) {
-                ++packets;
-                meter.take(*event.packet);
-                enet_packet_destroy(event.packet);
-            } else if (event.type == ENET_EVENT_TYPE_DISCONNECT) {
-                return packets;
-            }
-        }
-    } while (waitForTraffic(host));
-    return packets;
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -122,27 +81,16 @@ int main(int argc, char** argv) {
         std::fputs("usage: stream_client PORT RATE_CODE RELIABLE [TABLE OUTPUT]\n", stderr);
         return 2;
     }
-    const Options options{static_cast<enet_uint16>(std::atoi(argv[1])),
-                          static_cast<std::uint32_t>(std::atoi(argv[2])), std::atoi(argv[3]) != 0};
-    ENetHost* const host = enet_host_create(nullptr, 1, 2, 0, 0);
-    ENetAddress address = {};
-    enet_address_set_host_ip(&address, "127.0.0.1");
-    address.port = options.port;
-    ENetPeer* const peer =
-        host == nullptr ? nullptr
-                        : enet_host_connect(host, &address, 2, wire::CONNECT_MULTI_CLIENT | 1U);
-    if (peer == nullptr) {
-        std::fputs("stream_client: no host\n", stderr);
-        return 1;
-    }
-    enet_peer_timeout(peer, 0, CONNECT_PATIENCE_MS, CONNECT_PATIENCE_MS);
-    DelayMeter meter(argc == 6 ? mapCaptureTable(argv[4], false) : nullptr, options.rateCode);
-    const long packets = countPackets(*host, options, meter);
+    const AudioChoice choice{static_cast<enet_uint16>(std::atoi(argv[1])),
+                             static_cast<std::uint32_t>(std::atoi(argv[2])),
+                             std::atoi(argv[3]) != 0};
+    DelayMeter meter(argc == 6 ? mapCaptureTable(argv[4], false) : nullptr, choice.rateCode);
+    const long packets = receiveAudio(
+        choice,
+        [&meter](const ENetPacket& packet, std::int64_t arrival) { meter.take(packet, arrival); });
     if (argc == 6) {
         meter.write(argv[5]);
     }
-    enet_peer_disconnect_now(peer, 0);
-    enet_host_destroy(host);
     std::fprintf(stderr, "stream_client: %ld packets\n", packets);
     return packets > 0 ? 0 : 1;
 }

@@ -27,7 +27,9 @@ packages_test=(
 )
 packages_check=(clang clang-tidy clang-format cppcheck)
 packages_analysis=("${packages_check[@]}" iwyu)
-packages_bench=(libbenchmark-dev)
+packages_bench=(
+    libbenchmark-dev binutils iproute2 pulseaudio pulseaudio-utils python3 strace valgrind
+)
 packages_package=(dpkg-dev lintian file)
 packages_trees=(debootstrap iproute2 python3)
 
@@ -88,7 +90,7 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
              openbox ImageMagick dbus-daemon at-spi2-core python3-gobject desktop-file-utils \
              appstream mandoc zsh systemd valgrind
          for the checks:  clang clang-tools-extra cppcheck
-         for benchmarks:  google-benchmark-devel
+         for benchmarks:  google-benchmark-devel strace valgrind pulseaudio pulseaudio-utils
 
 Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio opus curl libsndfile \
              speexdsp cli11 alsa-plugins librsvg
@@ -96,7 +98,7 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
          for the tests:   gtest xorg-server-xvfb xorg-xauth xdotool imagemagick dbus at-spi2-core \
              openbox python-gobject desktop-file-utils appstream mandoc zsh valgrind
          for the checks:  clang cppcheck
-         for benchmarks:  benchmark
+         for benchmarks:  benchmark strace valgrind pulseaudio
 
 Install them, then start the script again with VELANTRIX_SKIP_SETUP=1.
 NAMES

@@ -125,11 +125,6 @@ void obey(ClientSlot& slot, const wire::PacketHeader& header, const ENetPacket& 
 
 }  // namespace
 
-bool isStreaming(const ClientSlot& slot) {
-    return slot.peer != nullptr && slot.dataRequested != 0 &&
-           slot.peer->state == ENET_PEER_STATE_CONNECTED;
-}
-
 void handleConnect(const ENetEvent& event) {
     ++connectCount;
     reportToCore([](VelantrixServerNoGUI& core) { core.SetClientStatus(connectCount, "", false); });

@@ -27,7 +27,11 @@ extern std::array<ClientSlot, CLIENT_SLOTS> clientConn;
 extern std::int32_t connectCount;
 
 /// True when the slot's client is to receive audio now. Realtime-safe: yes.
-bool isStreaming(const ClientSlot& slot);
+/// Inline, because the send path asks it of every slot in every pass.
+inline bool isStreaming(const ClientSlot& slot) {
+    return slot.peer != nullptr && slot.dataRequested != 0 &&
+           slot.peer->state == ENET_PEER_STATE_CONNECTED;
+}
 
 /// Enters a new connection, replacing the oldest client of a full table and dropping clients that
 /// do not want company. `event` is a connect event. Thread: capture.

@@ -53,13 +53,19 @@ void encodeInUse(const unsigned char* buffer, EncodedBlock& encoded) {
     }
 }
 
-void sendPayload(const ClientSlot& slot, std::uint32_t seq, const Payload& payload) {
+/// What all packets of one pass have in common.
+struct Pass {
+    std::uint32_t seq;
+    bool altRate;
+};
+
+void sendPayload(const ClientSlot& slot, const Pass& pass, const Payload& payload) {
     wire::PacketHeader header;
-    header.seq = seq;
-    header.flags = wire::makeFlags(slot.reliable != 0, getVxOptionAltRate(), slot.rateCode);
+    header.seq = pass.seq;
+    header.flags = wire::makeFlags(slot.reliable != 0, pass.altRate, slot.rateCode);
     wire::writeHeader(payload.data, header);
-    if (seq % QUEUE_CHECK_INTERVAL == 0) {
-        trimOutgoingQueue(slot, seq);
+    if (pass.seq % QUEUE_CHECK_INTERVAL == 0) {
+        trimOutgoingQueue(slot, pass.seq);
     }
     ENetPacket* const packet = enet_packet_create(
         payload.data, payload.length,
@@ -75,10 +81,10 @@ void sendPayload(const ClientSlot& slot, std::uint32_t seq, const Payload& paylo
 }
 
 void sendRaw(const Payload& raw) {
-    const std::uint32_t seq = seqNum++;
+    const Pass pass{seqNum++, getVxOptionAltRate()};
     for (const ClientSlot& slot : clientConn) {
         if (isStreaming(slot) && slot.rateCode == wire::RATE_CODE_RAW) {
-            sendPayload(slot, seq, raw);
+            sendPayload(slot, pass, raw);
         }
     }
 }
@@ -86,7 +92,7 @@ void sendRaw(const Payload& raw) {
 void sendCompressed(const Payload& raw) {
     EncodedBlock encoded;
     encodeInUse(raw.data, encoded);
-    const std::uint32_t seq = seqNumComp++;
+    const Pass pass{seqNumComp++, getVxOptionAltRate()};
     for (const ClientSlot& slot : clientConn) {
         if (!isStreaming(slot) || slot.rateCode == wire::RATE_CODE_RAW) {
             continue;
@@ -96,7 +102,7 @@ void sendCompressed(const Payload& raw) {
             haveOpus ? Payload{encoded.area[slot.rateCode].data(),
                                static_cast<std::size_t>(encoded.length[slot.rateCode])}
                      : raw;
-        sendPayload(slot, seq, payload);
+        sendPayload(slot, pass, payload);
     }
 }
 

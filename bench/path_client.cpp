@@ -1,0 +1,127 @@
+// A client that judges the sound that it gets through a real sound server.
+// Usage: path_client PORT RATE_CODE RELIABLE(0|1) OUTPUT tone|clicks     Ends with standard input.
+//
+// OUTPUT gets a line for every event, the time of arrival (CLOCK_MONOTONIC, nanoseconds) first:
+//   gap N        N sequence numbers are missing before this packet
+//   back N       a sequence number that is N behind the expected one
+// and, raw sound only,
+//   silence      a packet of nothing but zeros
+//   glitch       a packet in which the tone (1 kHz at 48 kHz) is not continued
+//   click FRAME  a click begins at this frame of the packet (clicks only)
+// and a last line "packets N".
+
+#include <cinttypes>
+#include <cmath>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <vector>
+
+#include "bench/audio_client.h"
+#include "stream/wire_format.h"
+
+namespace {
+
+constexpr double TONE_PER_RATE = 1000.0 / 48000.0;
+constexpr double TONE_TOLERANCE = 64;  // Rounding alone makes at most 2.
+constexpr int CLICK_LEVEL = 8000;
+
+class Judge {
+  public:
+    Judge(std::FILE* file, bool raw, bool wantsClicks)
+        : output(file), isRaw(raw), clicks(wantsClicks) {}
+
+    void take(const ENetPacket& packet, std::int64_t time) {
+        if (packet.dataLength < wire::HEADER_LENGTH) {
+            return;
+        }
+        judgeSequence(wire::readHeader(packet.data, packet.dataLength).seq, time);
+        if (isRaw) {
+            readLeft(packet);
+            clicks ? findClick(time) : judgeTone(time);
+        }
+    }
+
+  private:
+    void judgeSequence(std::uint32_t seq, std::int64_t time) {
+        const auto distance = static_cast<std::int32_t>(seq - expected);
+        if (started && distance != 0) {
+            std::fprintf(output, "%" PRId64 " %s %d\n", time, distance > 0 ? "gap" : "back",
+                         std::abs(distance));
+            history = 0;
+        }
+        if (!started || distance >= 0) {
+            expected = seq + 1;
+        }
+        started = true;
+    }
+
+    void readLeft(const ENetPacket& packet) {
+        left.resize((packet.dataLength - wire::HEADER_LENGTH) / wire::BYTES_PER_FRAME);
+        for (std::size_t frame = 0; frame < left.size(); ++frame) {
+            std::memcpy(&left[frame],
+                        packet.data + wire::HEADER_LENGTH + frame * wire::BYTES_PER_FRAME,
+                        sizeof left[frame]);
+        }
+    }
+
+    /// A sine wave continues itself: each sample follows from the two before it.
+    void judgeTone(std::int64_t time) {
+        static const double FACTOR = 2 * std::cos(2 * M_PI * TONE_PER_RATE);
+        bool silent = true;
+        bool broken = false;
+        for (const std::int16_t sample : left) {
+            silent = silent && sample == 0;
+            broken = broken || (history >= 2 &&
+                                std::abs(FACTOR * last - beforeLast - sample) > TONE_TOLERANCE);
+            beforeLast = last;
+            last = sample;
+            history += history < 2 ? 1 : 0;
+        }
+        if (silent || broken) {
+            std::fprintf(output, "%" PRId64 " %s\n", time, silent ? "silence" : "glitch");
+        }
+    }
+
+    void findClick(std::int64_t time) {
+        for (std::size_t frame = 0; frame < left.size(); ++frame) {
+            const bool loud = std::abs(left[frame]) > CLICK_LEVEL;
+            if (loud && quietFrames > left.size()) {
+                std::fprintf(output, "%" PRId64 " click %zu\n", time, frame);
+            }
+            quietFrames = loud ? 0 : quietFrames + 1;
+        }
+    }
+
+    std::FILE* output;
+    bool isRaw;
+    bool clicks;
+    bool started = false;
+    std::uint32_t expected = 0;
+    std::vector<std::int16_t> left;
+    int history = 0;  ///< Samples known before the next one, at most 2.
+    double last = 0;
+    double beforeLast = 0;
+    std::size_t quietFrames = 0;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::FILE* const output = argc == 6 ? std::fopen(argv[4], "we") : nullptr;
+    if (output == nullptr || enet_initialize() != 0) {
+        std::fputs("usage: path_client PORT RATE_CODE RELIABLE OUTPUT tone|clicks\n", stderr);
+        return 2;
+    }
+    std::setvbuf(output, nullptr, _IOLBF, BUFSIZ);
+    const AudioChoice choice{static_cast<enet_uint16>(std::atoi(argv[1])),
+                             static_cast<std::uint32_t>(std::atoi(argv[2])),
+                             std::atoi(argv[3]) != 0};
+    Judge judge(output, choice.rateCode == wire::RATE_CODE_RAW,
+                std::strcmp(argv[5], "clicks") == 0);
+    const long packets = receiveAudio(
+        choice,
+        [&judge](const ENetPacket& packet, std::int64_t time) { judge.take(packet, time); });
+    std::fprintf(output, "packets %ld\n", packets);
+    return std::fclose(output) == 0 && packets > 0 ? 0 : 1;
+}

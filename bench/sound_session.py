@@ -1,0 +1,194 @@
+"""A streaming session on the real sound path: a private sound server, ALSA's bridge, PortAudio."""
+
+import array
+import itertools
+import math
+import os
+import random
+import re
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+from pathlib import Path
+
+sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "system"))
+
+from session import Client  # noqa: E402
+from sound import NULL_SINK, SoundServer, clean_environment  # noqa: E402
+
+RATE = 48000
+
+
+def busy_sound():
+    """One second of stereo that keeps an encoder busy, over and over."""
+    noise = random.Random(1)
+    frames = array.array("h")
+    for frame in range(RATE):
+        turn = 2 * math.pi * frame / RATE
+        hiss = noise.randrange(-512, 512)
+        frames.append(int(7000 * math.sin(440 * turn) + 4000 * math.sin(1318 * turn)) + hiss)
+        frames.append(int(8000 * math.sin(554 * turn)) + hiss)
+    return itertools.repeat(frames.tobytes())
+
+
+def tone():
+    """One second of the tone that path_client knows: 1 kHz on both sides, over and over."""
+    frames = array.array("h")
+    for frame in range(RATE):
+        frames.extend([round(8000 * math.sin(2 * math.pi * frame / 48))] * 2)
+    return itertools.repeat(frames.tobytes())
+
+
+class Player:
+    """pacat, fed with `pieces` as fast as it takes them or as they come.
+
+    `pieces` is an iterator of bytes, or a function that makes one from the pipe to the player.
+    """
+
+    def __init__(self, sound, pieces, latency_ms=None):
+        command = ["pacat", "--playback", "--raw", "--format=s16le", "--channels=2",
+                   f"--rate={RATE}", f"--device={NULL_SINK}"]
+        if latency_ms:
+            command.append(f"--latency-msec={latency_ms}")
+        self.process = subprocess.Popen(command, stdin=subprocess.PIPE, bufsize=0,
+                                        env=dict(clean_environment(), **sound.env))
+        self.stopping = False
+        pieces = pieces(self.process.stdin) if callable(pieces) else pieces
+        self.thread = threading.Thread(target=self._feed, args=(pieces,), daemon=True)
+        self.thread.start()
+
+    def _feed(self, pieces):
+        for piece in pieces:
+            if self.stopping:
+                break
+            try:
+                self.process.stdin.write(piece)
+            except BrokenPipeError:
+                break
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.stop()
+
+    def stop(self):
+        self.stopping = True
+        self.process.terminate()
+        self.process.wait(timeout=20)
+        self.thread.join(timeout=20)
+
+
+class Recorder:
+    """parec on the null sink's monitor with as little buffering as there can be.
+
+    `clicks` are the times at which the first loud sample after quiet ones was read, ns.
+    """
+
+    LOUD = 8000
+    QUIET_BYTES = 1400
+
+    def __init__(self, sound):
+        self.process = subprocess.Popen(
+            ["parec", "--raw", "--format=s16le", "--channels=2", f"--rate={RATE}",
+             f"--device={NULL_SINK}.monitor", "--latency-msec=1"], stdout=subprocess.PIPE,
+            env=dict(clean_environment(), **sound.env))
+        self.clicks = []
+        self.thread = threading.Thread(target=self._read, daemon=True)
+        self.thread.start()
+
+    def _read(self):
+        quiet, rest = 0, b""
+        while True:
+            data = os.read(self.process.stdout.fileno(), 4096)
+            if not data:
+                return
+            now, data = time.monotonic_ns(), rest + data
+            whole = len(data) - len(data) % 4
+            rest = data[whole:]
+            samples = array.array("h", data[:whole])
+            if samples and max(samples) > self.LOUD:
+                if quiet > self.QUIET_BYTES:
+                    self.clicks.append(now)
+                quiet = 0
+            else:
+                quiet += whole
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.terminate()
+        self.process.wait(timeout=20)
+        self.thread.join(timeout=20)
+
+
+class SoundSession:
+    """The server, headless, recording the monitor of a null sink, with clients of `Client`'s kind.
+
+    `make_client(rate_code, reliable, number)` gives the client's process when it is to be another.
+    """
+
+    PORT = 59010
+
+    def __init__(self, build, clients, make_client=None):
+        self.build = Path(build)
+        self.wanted = clients
+        self.make_client = make_client or self._stream_client
+        self.clients = []
+
+    def _stream_client(self, rate_code, reliable, _):
+        return Client(self.build, self.PORT, rate_code, reliable)
+
+    def __enter__(self):
+        self.folder = tempfile.TemporaryDirectory(prefix="velantrix-path-")
+        self.sound = SoundServer(RATE)
+        self.sound.__enter__()
+        self.log_path = Path(self.folder.name) / "server.log"
+        with open(self.log_path, "wb") as log:
+            self.server = subprocess.Popen(
+                [self.build / "VelantrixServer", "-nogui"], stdout=log, stderr=subprocess.STDOUT,
+                env=dict(clean_environment(), **self.sound.env, QT_QPA_PLATFORM="offscreen",
+                         VELANTRIX_SERVER_SAMPLE_RATE=str(RATE)))
+        self._wait_for_line("VelantrixServer: Audio capture running")
+        self.clients = [self.make_client(code, reliable, number)
+                        for number, (code, reliable) in enumerate(self.wanted)]
+        return self
+
+    def __exit__(self, *_):
+        for client in self.clients:
+            if client.process.poll() is None:
+                client.stop()
+        self.server.terminate()
+        self.server.wait(timeout=20)
+        self.sound.__exit__()
+        self.folder.cleanup()
+
+    def _wait_for_line(self, line):
+        for _ in range(600):
+            if line in self.lines():
+                return
+            if self.server.poll() is not None:
+                break
+            time.sleep(0.05)
+        raise RuntimeError("no capture: " + self.log_path.read_text(encoding="utf-8"))
+
+    def lines(self):
+        return self.log_path.read_text(encoding="utf-8", errors="replace").splitlines()
+
+    def input_latency_s(self):
+        """What PortAudio said that the input's latency is."""
+        found = re.search(r"input latency = (\S+) sec", "\n".join(self.lines()))
+        return float(found.group(1))
+
+    def sound_server_pid(self):
+        return self.sound.daemon.child.pid
+
+
+def latencies_us(sound, kind):
+    """(buffer, device) latency of the one stream of a kind ("sink-inputs", "source-outputs")."""
+    text = sound.control("list", kind)
+    found = re.search(r"Buffer Latency: (\d+) usec\s+\w+ Latency: (\d+) usec", text)
+    return (int(found.group(1)), int(found.group(2))) if found else None

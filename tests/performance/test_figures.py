@@ -1,0 +1,121 @@
+"""The tools that judge and show the figures: causes of long callbacks, resumable rows, the page."""
+
+import importlib.machinery
+import importlib.util
+import sys
+import tempfile
+import unittest
+import xml.dom.minidom
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+sys.path[:0] = [str(ROOT / "bench"), str(ROOT / "docs")]
+sys.dont_write_bytecode = True
+
+from callbacks import LATE_WAKE_UP, OURS, QUEUED, STALL, explain  # noqa: E402
+from results import Results, histogram, percentile  # noqa: E402
+from svg_chart import Chart  # noqa: E402
+from watch import StallWatch, overlaps  # noqa: E402
+
+MS = 1000000
+
+
+def call(wall, processor, queued=0, waited=0, passes=2):
+    return {"number": 1, "entry": 1000 * MS, "wall": wall * MS, "processor": processor * MS,
+            "queued": queued * MS, "waited": waited * MS, "passes": passes}
+
+
+class LongCallback(unittest.TestCase):
+    def test_stall_at_the_same_time_is_the_machines_fault(self):
+        self.assertEqual(explain(call(9, 8), [(1005 * MS, 1008 * MS)]), STALL)
+
+    def test_stall_at_another_time_excuses_nothing(self):
+        self.assertEqual(explain(call(9, 8), [(900 * MS, 999 * MS), (1010 * MS, 1020 * MS)]), OURS)
+
+    def test_work_is_ours(self):
+        self.assertEqual(explain(call(6, 4, waited=2), []), OURS)
+
+    def test_sleep_outside_of_the_intended_waits_is_ours(self):
+        self.assertEqual(explain(call(6, 0.5, waited=2), []), OURS)
+
+    def test_thread_that_was_ready_but_on_no_processor(self):
+        self.assertEqual(explain(call(6, 0.5, queued=4, waited=2), []), QUEUED)
+
+    def test_wait_of_1_ms_that_came_back_late(self):
+        self.assertEqual(explain(call(6, 0.5, waited=5.5), []), LATE_WAKE_UP)
+
+
+class Stalls(unittest.TestCase):
+    def test_spans_that_only_come_near_do_not_overlap(self):
+        stalls = [(10, 20), (30, 40)]
+        found = [overlaps(stalls, *span) for span in ((0, 9), (21, 29), (41, 50))]
+        self.assertEqual(found, [False] * 3)
+
+    def test_any_common_moment_overlaps(self):
+        stalls = [(10, 20), (30, 40)]
+        found = [overlaps(stalls, *span) for span in ((0, 10), (12, 13), (20, 22), (0, 50))]
+        self.assertEqual(found, [True] * 4)
+
+    def test_late_wake_ups_of_two_processors_are_joined(self):
+        watch = StallWatch.__new__(StallWatch)
+        watch.lines = lambda: [(0, 10, 20), (1, 40, 50), (1, 15, 30)]
+        self.assertEqual(watch.stalls(), [(10, 30), (40, 50)])
+
+
+class Rows(unittest.TestCase):
+    def test_rows_of_a_stopped_run_are_known(self):
+        with tempfile.TemporaryDirectory() as folder:
+            path = Path(folder) / "rows.csv"
+            Results(path, ["rate", "clients"]).add({"rate": "raw", "clients": 10, "p50": 0.2})
+            again = Results(path, ["rate", "clients"])
+            self.assertTrue(again.has(rate="raw", clients=10))
+            self.assertFalse(again.has(rate="raw", clients=1))
+            again.add({"rate": "raw", "clients": 1, "p50": 0.1})
+            self.assertEqual(path.read_text("ascii"),
+                             "rate,clients,p50\nraw,10,0.2\nraw,1,0.1\n")
+
+    def test_other_columns_do_not_get_into_a_file(self):
+        with tempfile.TemporaryDirectory() as folder:
+            path = Path(folder) / "rows.csv"
+            Results(path, ["rate"]).add({"rate": "raw", "p50": 0.2})
+            with self.assertRaises(SystemExit):
+                Results(path, ["rate"]).add({"rate": "64", "p99": 0.2})
+
+    def test_histogram_counts_everything_once(self):
+        counted = histogram([50000, 51000, 900000, 40 * MS])
+        self.assertEqual(sum(count for _, count in counted), 4)
+        self.assertGreaterEqual(counted[-1][0], 40)
+
+    def test_percentile_of_one_value(self):
+        self.assertEqual(percentile([7], 0.999), 7)
+
+
+class Page(unittest.TestCase):
+    @staticmethod
+    def plots():
+        loader = importlib.machinery.SourceFileLoader("plots", str(ROOT / "docs" / "plots"))
+        module = importlib.util.module_from_spec(importlib.util.spec_from_loader("plots", loader))
+        loader.exec_module(module)
+        return module
+
+    def test_page_and_pictures_are_those_of_the_files(self):
+        for path, text in self.plots().outputs().items():
+            self.assertEqual(path.read_text("utf-8"), text, f"{path.name}: run docs/plots")
+
+    def test_every_table_has_its_place(self):
+        plots = self.plots()
+        page = plots.PAGE.read_text("utf-8")
+        missing = [name for name in plots.TABLES if f"<!-- table: {name} -->" not in page]
+        self.assertEqual(missing, [])
+
+    def test_chart_is_well_formed(self):
+        for logarithmic in (False, True):
+            chart = Chart("a < b", "x", "y & z", x_log=logarithmic, y_log=logarithmic)
+            chart.add("line", [(0.5, 0.001), (20, 3)])
+            chart.add("dots", [(1, 2)], dots=True)
+            chart.limit(1, "limit")
+            xml.dom.minidom.parseString(chart.svg())
+
+
+if __name__ == "__main__":
+    unittest.main()
