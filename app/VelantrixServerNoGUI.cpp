@@ -1,5 +1,6 @@
 #include "app/VelantrixServerNoGUI.h"
 
+#include "app/Thread.h"
 #include "app/console.h"
 #include "app/core_life.h"
 #include "app/process_exit.h"

@@ -1,10 +1,10 @@
 #include <arpa/inet.h>
 #include <cstdio>
-#include <cstring>
 #include <ifaddrs.h>
 #include <memory>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include "app/VelantrixServerNoGUI.h"
 #include "app/console.h"

@@ -1,7 +1,6 @@
 #include "app/command_line.h"
 
 #include <atomic>
-#include <cstddef>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>

@@ -7,7 +7,6 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
-#include <cstring>
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>

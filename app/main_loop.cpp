@@ -10,6 +10,7 @@
 
 #include <QCoreApplication>
 #include <QSocketNotifier>
+// IWYU pragma: no_include <utility>
 
 namespace {
 

@@ -3,7 +3,7 @@
 #include <atomic>
 #include <cstdint>
 
-#include <portaudio.h>
+#include <portaudio.h>  // IWYU pragma: export
 
 /// The capture: one 16-bit stereo stream on the default input device, at 48000 or 44100 Hz.
 ///

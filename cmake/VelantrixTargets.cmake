@@ -28,6 +28,16 @@ if(VELANTRIX_SANITIZE)
   endif()
 endif()
 
+# Coverage: some processes end by _exit or a signal, as the product does; their counts are kept.
+if(VELANTRIX_COVERAGE)
+  add_compile_options(--coverage -fprofile-update=atomic)
+  add_link_options(--coverage)
+  add_library(vx_coverage_counts OBJECT ${CMAKE_SOURCE_DIR}/cmake/coverage_counts.cpp)
+  target_compile_options(vx_coverage_counts PRIVATE -fno-profile-arcs -fno-test-coverage)
+  target_sources(vx_flags INTERFACE
+    $<$<STREQUAL:$<TARGET_PROPERTY:TYPE>,EXECUTABLE>:$<TARGET_OBJECTS:vx_coverage_counts>>)
+endif()
+
 # vx_library(NAME source...): a static library with the project's flags, includable from the
 # source root ("stream/wire_format.h").
 function(vx_library name)

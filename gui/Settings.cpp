@@ -4,16 +4,32 @@
 #include <QString>
 #include <QVariant>
 
+namespace {
+
+/// A text that is never destroyed, and made without memory: before main() nothing could be
+/// reported.
+union KeptText {
+    KeptText() noexcept : text() {}
+    ~KeptText() {}
+    KeptText(const KeptText&) = delete;
+    KeptText& operator=(const KeptText&) = delete;
+
+    std::string text;
+};
+
+KeptText inputSelect;
+KeptText versionCheckResponse;
+
+}  // namespace
+
 bool Settings::Warn48kDone = false;
 MinToTrayOption Settings::MinToTray = MinToTrayOption::Taskbar;
-// NOLINTNEXTLINE(cert-err58-cpp): without memory before main() there is no program to save.
-std::string& Settings::InputSelect = *new std::string;
+std::string& Settings::InputSelect = inputSelect.text;
 std::int32_t Settings::FileDialogEncOptMP3 = 2;
 bool Settings::FileDialogTypeMP3 = true;
 bool Settings::EnableHotkeys = true;
 std::int32_t Settings::VersionCheckTime = 0;
-// NOLINTNEXTLINE(cert-err58-cpp): as above.
-std::string& Settings::VersionCheckResponse = *new std::string;
+std::string& Settings::VersionCheckResponse = versionCheckResponse.text;
 
 namespace {
 
@@ -39,6 +55,14 @@ class Store {
     QSettings file{QStringLiteral("Velantrix"), QStringLiteral("Server")};
 };
 
+/// Takes a new value over into the cache and the file.
+template <class Value>
+void keep(Value& cached, Value value, const char* key) {
+    Store store;
+    cached = value;
+    store.write(key, value);
+}
+
 QString inputSelectKey(const char* suffix) {
     return QStringLiteral("InputSelect") + QString::fromUtf8(suffix);
 }
@@ -59,9 +83,7 @@ void Settings::loadSettings() {
 }
 
 void Settings::setWarn48kDone(bool done) {
-    Store store;
-    Warn48kDone = done;
-    store.write("Warn48kDone", done);
+    keep(Warn48kDone, done, "Warn48kDone");
 }
 
 void Settings::setMinToTray(MinToTrayOption option) {
@@ -71,27 +93,19 @@ void Settings::setMinToTray(MinToTrayOption option) {
 }
 
 void Settings::setFileDialogEncOptMP3(int option) {
-    Store store;
-    FileDialogEncOptMP3 = option;
-    store.write("FileDialogEncOptMP3", option);
+    keep(FileDialogEncOptMP3, option, "FileDialogEncOptMP3");
 }
 
 void Settings::setFileDialogTypeMP3(bool isMP3) {
-    Store store;
-    FileDialogTypeMP3 = isMP3;
-    store.write("FileDialogTypeMP3", isMP3);
+    keep(FileDialogTypeMP3, isMP3, "FileDialogTypeMP3");
 }
 
 void Settings::setEnableHotkeys(bool enable) {
-    Store store;
-    EnableHotkeys = enable;
-    store.write("EnableHotkeys", enable);
+    keep(EnableHotkeys, enable, "EnableHotkeys");
 }
 
 void Settings::setVersionCheckTime(int minutes) {
-    Store store;
-    VersionCheckTime = minutes;
-    store.write("VersionCheckTime", minutes);
+    keep(VersionCheckTime, minutes, "VersionCheckTime");
 }
 
 void Settings::setVersionCheckResponse(const char* version) {

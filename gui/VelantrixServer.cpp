@@ -1,6 +1,7 @@
 #include "gui/VelantrixServer.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>

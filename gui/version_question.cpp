@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include "app/Thread.h"
+#include "app/VelantrixServerNoGUI.h"
 #include "app/core_life.h"
 #include "gui/VelantrixServer.h"
 #include "update/web_address.h"

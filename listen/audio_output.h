@@ -8,6 +8,7 @@
 
 #include <portaudio.h>
 
+#include "listen/audio_packet.h"
 #include "listen/playout.h"
 
 namespace vxlisten {

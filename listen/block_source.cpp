@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "listen/audio_packet.h"
 #include "listen/fades.h"
 
 namespace vxlisten {

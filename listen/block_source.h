@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "listen/jitter_buffer.h"
+#include "listen/packet_queue.h"
 #include "listen/stream_decoder.h"
 
 namespace vxlisten {

@@ -1,6 +1,7 @@
 #include "listen/checked_file.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>

@@ -4,6 +4,8 @@
 #include <future>
 #include <string>
 
+#include <enet/enet.h>
+
 #include "listen/options.h"
 #include "listen/outputs.h"
 #include "listen/receiver.h"

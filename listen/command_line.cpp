@@ -1,14 +1,20 @@
 #include "listen/command_line.h"
 
 #include <cmath>
+#include <cstdint>
 #include <cstdio>
 #include <map>
+#include <stdexcept>
+#include <string>
 #include <unistd.h>
+#include <utility>
 
 #include <CLI/CLI.hpp>
 
 #include "listen/delay_target.h"
+#include "listen/receiver.h"
 #include "listen/recorder.h"
+#include "stream/wire_format.h"
 
 namespace vxlisten {
 

@@ -1,11 +1,15 @@
 #include "listen/find_server.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdio>
+#include <string>
+#include <vector>
 
 #include "listen/command_line.h"
 #include "listen/discovery_client.h"
 #include "listen/receiver.h"
+#include "stream/wire_format.h"
 
 namespace vxlisten {
 

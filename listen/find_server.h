@@ -1,7 +1,5 @@
 #pragma once
 
-#include <string>
-
 #include "listen/options.h"
 
 namespace vxlisten {

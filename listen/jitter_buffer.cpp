@@ -1,5 +1,7 @@
 #include "listen/jitter_buffer.h"
 
+#include "listen/audio_packet.h"
+
 namespace vxlisten {
 
 namespace {

@@ -1,9 +1,13 @@
 #include <cstdio>
+#include <optional>
+#include <string>
+#include <vector>
 
 #include "listen/audio_output.h"
 #include "listen/client.h"
 #include "listen/command_line.h"
 #include "listen/find_server.h"
+#include "listen/options.h"
 #include "listen/stop_request.h"
 
 namespace {

@@ -1,9 +1,13 @@
 #include "listen/outputs.h"
 
 #include <algorithm>
+#include <array>
+#include <atomic>
+#include <optional>
 #include <unistd.h>
 
 #include "listen/clock.h"
+#include "listen/playout.h"
 
 namespace vxlisten {
 

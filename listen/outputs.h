@@ -4,7 +4,11 @@
 #include <memory>
 #include <string>
 
+#include "listen/audio_output.h"
+#include "listen/audio_packet.h"
+#include "listen/level_meter.h"
 #include "listen/options.h"
+#include "listen/pcm_sink.h"
 #include "listen/pipe_sink.h"
 #include "listen/recorder.h"
 #include "listen/sequence_tracker.h"

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <poll.h>
 #include <unistd.h>
+#include <vector>
 
 #include <climits>
 

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <optional>
+#include <string>
 
 #include "listen/pcm_sink.h"
 #include "listen/rate_adapter.h"

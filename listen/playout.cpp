@@ -2,6 +2,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <memory>
+
+#include <speex/speex_resampler.h>
+
+#include "listen/jitter_buffer.h"
 
 namespace vxlisten {
 

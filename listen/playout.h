@@ -1,11 +1,11 @@
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
 
+#include "listen/audio_packet.h"
 #include "listen/block_source.h"
 #include "listen/delay_target.h"
 #include "listen/drift_control.h"

@@ -4,6 +4,7 @@
 #include <cctype>
 #include <cstring>
 #include <limits>
+#include <vector>
 
 #include "stream/wire_format.h"
 

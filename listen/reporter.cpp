@@ -5,6 +5,7 @@
 #include <cstring>
 #include <sys/ioctl.h>
 #include <unistd.h>
+#include <vector>
 
 #include "listen/clock.h"
 #include "listen/display.h"

@@ -1,9 +1,11 @@
 #pragma once
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
+#include "listen/level_meter.h"
 #include "listen/options.h"
 #include "listen/peak_hold.h"
 #include "listen/statistics.h"

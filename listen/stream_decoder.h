@@ -7,6 +7,7 @@
 #include <opus/opus.h>
 
 #include "listen/audio_packet.h"
+#include "stream/wire_format.h"
 
 namespace vxlisten {
 

@@ -26,6 +26,7 @@ packages_test=(
     appstream mandoc zsh systemd valgrind
 )
 packages_check=(clang clang-tidy clang-format cppcheck)
+packages_analysis=("${packages_check[@]}" iwyu)
 packages_bench=(
     libbenchmark-dev binutils iproute2 pulseaudio pulseaudio-utils python3 strace valgrind
 )

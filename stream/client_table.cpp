@@ -1,6 +1,7 @@
 #include "stream/client_table.h"
 
 #include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <cstring>
 

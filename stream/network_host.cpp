@@ -1,5 +1,6 @@
 #include "stream/network_host.h"
 
+#include <array>
 #include <atomic>
 #include <cerrno>
 #include <cstdint>

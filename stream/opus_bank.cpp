@@ -1,5 +1,7 @@
 #include "stream/opus_bank.h"
 
+#include <cstdint>
+
 #include "app/console.h"
 #include "stream/wire_format.h"
 

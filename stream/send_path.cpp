@@ -1,6 +1,7 @@
 #include "stream/send_path.h"
 
 #include <array>
+#include <cstddef>
 
 #include <enet/enet.h>
 

@@ -11,9 +11,6 @@
 
 #include "tests/fakes/call_faults.h"
 
-/// There in a build that measures coverage.
-extern "C" [[gnu::weak]] void __gcov_dump();
-
 namespace {
 
 constexpr int PATIENCE_MS = 30000;
@@ -40,9 +37,6 @@ std::string contentsOf(int descriptor) {
     resetCalls();
     body();
     std::fflush(nullptr);
-    if (__gcov_dump != nullptr) {
-        __gcov_dump();
-    }
     _exit(testing::Test::HasFailure() ? FAILED_EXPECTATION : 0);
 }
 

@@ -142,6 +142,11 @@ class SystemTest(unittest.TestCase):
         if reports:
             self.fail("a sanitizer reports:\n" + "\n".join(reports))
 
+    def enterContext(self, manager):  # In unittest itself from Python 3.11 on.
+        value = manager.__enter__()
+        self.addCleanup(manager.__exit__, None, None, None)
+        return value
+
     def assert_lines_in_order(self, lines, expected):
         """Each expected line (text, or compiled pattern) comes, in this order."""
         position = 0

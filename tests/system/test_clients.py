@@ -11,28 +11,15 @@ from harness import (THERE_ADDRESS, HERE_ADDRESS, OtherNetwork, Server, SoundSer
 from probe import (DISCONNECT_REPLACED, FALLBACK_BYTES, FLAG_RELIABLE, MSGID_DATA, MSGID_FASTER,
                    MSGID_SLOWER, RAW_PACKET_BYTES, Probe, control_message, data_request,
                    sequence_gaps)
+from streaming import StreamingTest
 
 CAPACITY = 10
 
 
-class ClientTest(SystemTest):
-    """A streaming server with silence, and a probe, for each test."""
-
-    def setUp(self):
-        super().setUp()
-        self.sound = self.enterContext(SoundServer())
-        self.server = self.enterContext(Server(sound=self.sound, rate=48000))
-        self.probe = self.enterContext(Probe(self.folder))
-        self.server.wait_for_capture()
-
+class ClientTest(StreamingTest):
     def tearDown(self):
         self.assert_ends_cleanly(self.server)
         super().tearDown()
-
-    def enterContext(self, context):
-        value = context.__enter__()
-        self.addCleanup(context.__exit__, None, None, None)
-        return value
 
     def wait_line(self, text, start=0):
         return self.server.out.wait_for(text, start)
@@ -78,6 +65,8 @@ class OneClient(ClientTest):
         kinds = [p.flags for p in client.packets()]
         changes = [b for a, b in zip([None] + kinds, kinds) if a != b]
         self.assertEqual(changes, [3, 1 << 6 | 2, 5 << 6 | 3, 2])
+        last_line = "Sending uncompressed audio data to client 0"
+        wait_until(lambda: self.server.out.all().count(last_line) == 2, "two lines: " + last_line)
         self.assert_lines_in_order(self.server.out.all(), [
             "Sending audio data in reliable mode",
             "Sending uncompressed audio data to client 0",

@@ -3,9 +3,10 @@
 import re
 import time
 
-from harness import Server, SoundServer, SystemTest, has_sanitizer, main
-from probe import FALLBACK_BYTES, Probe, sequence_gaps
+from harness import has_sanitizer, main
+from probe import FALLBACK_BYTES, sequence_gaps
 from signals import noise
+from streaming import StreamingTest
 
 CLEARING = re.compile(r"^Clearing outgoing msg queue, outgoing/sent queue sizes: (\d+)/(\d+)$")
 REMOVED = re.compile(r"^Removed (\d+) outgoing messages$")
@@ -40,19 +41,10 @@ def matches(pattern, lines):
     return [tuple(map(int, found.groups())) for found in map(pattern.match, lines) if found]
 
 
-class SlowClient(SystemTest):
+class SlowClient(StreamingTest):
     def setUp(self):
         super().setUp()
-        self.sound = self.enterContext(SoundServer())
-        self.server = self.enterContext(Server(sound=self.sound, rate=48000))
-        self.probe = self.enterContext(Probe(self.folder))
-        self.server.wait_for_capture()
         self.witness = self.client(reliable=True)
-
-    def enterContext(self, manager):  # In unittest itself from Python 3.11 on.
-        value = manager.__enter__()
-        self.addCleanup(manager.__exit__, None, None, None)
-        return value
 
     def client(self, rate_code=0, reliable=True):
         client = self.probe.connect()

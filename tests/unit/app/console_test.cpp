@@ -103,6 +103,17 @@ TEST(Console, DeferredTextBeyondItsRoomIsCutButKeepsItsLineEnd) {
     }
 }
 
+TEST(Console, TextThatCannotBeFormattedIsLeftOut) {
+    const ChildRun run = runChild([] {
+        consoleStart();
+        const ConsoleDeferral deferral;
+        consolePrintf("%ls\n", L"\x20ac");  // Not a character of the "C" locale.
+        consolePuts("next");
+        consoleDrain(DRAIN_MS);
+    });
+    EXPECT_EQ(run.out, "next\n");
+}
+
 TEST(Console, DeferralBeforeTheWriterRunsWritesDirectly) {
     const ChildRun run = runChild([] {
         const ConsoleDeferral deferral;

@@ -179,6 +179,24 @@ TEST_P(StopSignal, SecondOneWhileShuttingDownEndsTheProcess) {
     EXPECT_EQ(run.out, "");
 }
 
+TEST_P(StopSignal, WithoutItsPipeItEndsTheProcess) {
+    const int number = GetParam();
+    const ChildRun run = runChild([number] {
+        const int next = dup(STDIN_FILENO);
+        close(next);
+        runEventLoop([number, next] {
+            // The pipe is among the first descriptors that were opened since.
+            for (int descriptor = next; descriptor < next + 16; ++descriptor) {
+                close(descriptor);
+            }
+            std::raise(number);
+            consolePuts("still here");
+        });
+    });
+    EXPECT_EQ(run.status, 1000 + number);
+    EXPECT_EQ(run.out, "");
+}
+
 INSTANTIATE_TEST_SUITE_P(MainLoop, StopSignal, testing::Values(SIGINT, SIGTERM),
                          [](const auto& each) { return each.param == SIGINT ? "Int" : "Term"; });
 

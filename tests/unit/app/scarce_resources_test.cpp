@@ -26,7 +26,7 @@ void throwOne(Thrown thrown) {
 }
 
 void takeAllDescriptors() {
-    const rlimit none{3, 3};
+    const rlimit none{3, 1024};
     ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
 }
 

@@ -18,6 +18,7 @@ namespace {
 bool refuseReuse = false;
 int receivesToFail = 0;
 int sendsToFail = 0;
+bool noDescriptorAfterReceive = false;
 int handleToBeClosed = -1;
 
 // The listening socket has the handle before it, the first that the process opens.
@@ -57,6 +58,12 @@ ssize_t __wrap_recvfrom(int handle, void* buffer, std::size_t room, int flags, s
         --receivesToFail;
         errno = ENOMEM;
         return -1;
+    }
+    if (noDescriptorAfterReceive) {
+        rlimit limit = {};
+        getrlimit(RLIMIT_NOFILE, &limit);
+        limit.rlim_cur = 0;
+        setrlimit(RLIMIT_NOFILE, &limit);
     }
     return received;
 }
@@ -142,6 +149,19 @@ TEST_F(MultiHost, FailedAnswersToTheFirstFormArePacedAndReportedWithTheirSocketC
                         "multiHost: Response socket sendto failed: Operation not permitted\n");
 }
 
+TEST_F(MultiHost, NoSocketForTheAnswerToTheFirstFormIsReportedAndTheSecondIsAnswered) {
+    addGroupRoute();
+    Responder responder([] { noDescriptorAfterReceive = true; });
+    ASSERT_TRUE(responder.waitUntilListening());
+    clientSide.enter();
+    const UdpClient client;
+    client.send(FIRST_FORM, SERVER_ADDRESS, PORT);
+    client.send(SECOND_FORM, SERVER_ADDRESS, PORT);
+    EXPECT_TRUE(client.receive(PATIENCE_MS));
+    EXPECT_EQ(responder.reported("\n"),
+              "multiHost: Response socket open failed: Too many open files\n");
+}
+
 TEST_F(RunningMultiHost, SenderThatCannotBeAnsweredIsReportedAndTheNextIsServed) {
     sendWithoutSourcePort(SECOND_FORM, SERVER_ADDRESS, PORT);
     const std::string report = "multiHost: Socket sendto failed: Invalid argument\n";
@@ -181,7 +201,7 @@ TEST_F(MultiHost, AnswerWithoutASocketIsReportedAndTheNextQueryServed) {
 
 TEST_F(MultiHost, NoSocketEndsItWithOne) {
     Responder responder([] {
-        const rlimit noSocket{STDERR_FILENO + 1, STDERR_FILENO + 1};
+        const rlimit noSocket{STDERR_FILENO + 1, 1024};
         setrlimit(RLIMIT_NOFILE, &noSocket);
     });
     EXPECT_EQ(responder.waitForResult(), 1);

@@ -36,6 +36,7 @@ Responder::Responder(const std::function<void()>& prepare) {
             close(handle);
         }
         prepare();
+        std::signal(SIGTERM, [](int) { _exit(0); });
         _exit(multiHost());
     }
     output.closeWritingEnd();
@@ -44,7 +45,7 @@ Responder::Responder(const std::function<void()>& prepare) {
 
 Responder::~Responder() {
     if (child > 0) {
-        kill(child, SIGKILL);
+        kill(child, SIGTERM);
         waitpid(child, nullptr, 0);
     }
 }

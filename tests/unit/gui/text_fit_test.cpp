@@ -1,5 +1,7 @@
 // The user's font and the fixed layout.
 
+#include "gui/text_fit.h"
+
 #include <QApplication>
 #include <QFontMetrics>
 #include <QLabel>
@@ -52,6 +54,16 @@ TEST_F(TextFit, FontThatFitsIsLeftAlone) {
     QApplication::setFont(QFont("DejaVu Sans", 8));
     const VelantrixServer window(nullptr);
     EXPECT_EQ(window.findChild<QLabel*>("label_2")->font().pointSizeF(), 8);
+}
+
+TEST_F(TextFit, TextThatNoFontFitsIsLeftAtTheSmallestOne) {
+    QWidget content;
+    content.setFont(QFont("DejaVu Sans", 10));
+    QLabel label("far too long for this", &content);
+    label.setFixedSize(2, 2);
+    fitFont(content);
+    EXPECT_LT(content.font().pointSizeF(), 10);
+    EXPECT_GT(content.font().pointSizeF(), 0);
 }
 
 TEST_F(TextFit, FontIsTheSameForAllOfTheContent) {

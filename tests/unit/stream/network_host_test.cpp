@@ -12,6 +12,7 @@
 #include "app/command_line.h"
 #include "audio/Audio.h"
 #include "stream/client_table.h"
+#include "stream/enet_mtu.h"
 #include "stream/opus_bank.h"
 #include "stream/report_target.h"
 #include "tests/fakes/call_faults.h"
@@ -265,6 +266,16 @@ TEST(NetworkHost, QuitThatWasFasterKeepsItsReportTarget) {
         }
         EXPECT_EQ(mainDialog.load(), everlasting);
     });
+}
+
+TEST(NetworkHost, SmallDatagramsAreEnlargedAndLargeOnesLeftAlone) {
+    ENetHost host = {};
+    host.mtu = AUDIO_MTU - 8;
+    raiseHostMtu(host);
+    EXPECT_EQ(host.mtu, AUDIO_MTU);
+    host.mtu = AUDIO_MTU + 1;
+    raiseHostMtu(host);
+    EXPECT_EQ(host.mtu, AUDIO_MTU + 1);
 }
 
 }  // namespace

@@ -1,0 +1,83 @@
+"""Runs the path-following analyzers of clang and gcc over our sources, one process per file.
+
+Usage: analyze.py BUILD JOBS FOLDER...    The status is 1 when one of them has found something.
+"""
+
+import concurrent.futures
+import json
+import pathlib
+import shlex
+import subprocess
+import sys
+
+# clang-tidy has run clang's usual checkers already; these are the ones it leaves out that suit code
+# like ours: sizes, pointers and iterators, files, and the strings of C.
+CLANG_CHECKERS = [
+    "core", "cplusplus", "unix",
+    "alpha.core.CastSize", "alpha.core.IdenticalExpr", "alpha.core.PointerSub",
+    "alpha.core.SizeofPtr", "alpha.core.TestAfterDivZero", "alpha.core.BoolAssignment",
+    "alpha.cplusplus.DeleteWithNonVirtualDtor", "alpha.cplusplus.EnumCastOutOfRange",
+    "alpha.cplusplus.InvalidatedIterator", "alpha.cplusplus.IteratorRange",
+    "alpha.cplusplus.MismatchedIterator", "alpha.cplusplus.STLAlgorithmModeling",
+    "alpha.nondeterminism.PointerSorting", "alpha.security.MallocOverflow",
+    "alpha.security.ReturnPtrRange", "alpha.security.cert.pos.34c", "alpha.unix.Chroot",
+    "alpha.unix.PthreadLock", "alpha.unix.Stream", "alpha.unix.cstring.NotNullTerminated",
+    "alpha.unix.cstring.OutOfBounds"]
+
+CLANG = ["--analyze", "-Xclang", "-analyzer-checker=" + ",".join(CLANG_CHECKERS),
+         "-Xclang", "-analyzer-output=text", "-Xclang", "-analyzer-werror",
+         "-Xclang", "-analyzer-disable-checker=unix.Vfork",
+         "-Xclang", "-analyzer-disable-checker=security.insecureAPI.vfork",
+         "-Xclang", "-analyzer-config",  # The iterators' checkers want this.
+         "-Xclang", "aggressive-binary-operation-simplification=true"]
+
+# In this analyzer's eyes, operator new may return null, and objects returned by value are not
+# initialised; clang's looks after both.
+GCC = ["-fanalyzer", "-O0", "-U_FORTIFY_SOURCE", "-Werror", "-Wno-analyzer-possible-null-argument",
+       "-Wno-analyzer-possible-null-dereference", "-Wno-analyzer-use-of-uninitialized-value"]
+
+
+def sources(build, folders):
+    """The command of each of our files, without what names its output."""
+    root = pathlib.Path(__file__).resolve().parent.parent
+    wanted = [root / folder for folder in folders]
+    commands = {}
+    for entry in json.loads((pathlib.Path(build) / "compile_commands.json").read_text()):
+        if pathlib.Path(entry["file"]).parent in wanted:
+            words = shlex.split(entry["command"])
+            words = words[next(i for i, word in enumerate(words) if word.endswith("++")) + 1:]
+            at = words.index("-o")
+            if words[at + 1].startswith("tests/"):
+                continue  # The same file, compiled with substitutes.
+            commands[entry["file"]] = (entry["directory"], words[:at] + words[at + 2:])
+    return commands
+
+
+def analyze(directory, words):
+    """What the two have to say about one file, and whether that is a finding."""
+    words = [word for word in words if not word.startswith("-Werror")]
+    text, found = "", False
+    for command in (["clang++", *CLANG, "-o", "/dev/null"], ["g++", *GCC, "-o", "/dev/null"]):
+        result = subprocess.run([command[0], *words, *command[1:]], cwd=directory, capture_output=True, text=True,
+                                check=False)
+        text += result.stdout + result.stderr
+        found = found or result.returncode != 0
+    return text, found
+
+
+def main():
+    build, jobs, folders = sys.argv[1], int(sys.argv[2]), sys.argv[3:]
+    commands = sources(build, folders)
+    if not commands:
+        sys.exit(f"{build} compiles nothing of {', '.join(folders)}")
+    wrong = False
+    with concurrent.futures.ThreadPoolExecutor(jobs) as pool:
+        for text, found in pool.map(lambda command: analyze(*command), commands.values()):
+            sys.stdout.write(text)
+            sys.stdout.flush()
+            wrong = wrong or found
+    sys.exit(1 if wrong else 0)
+
+
+if __name__ == "__main__":
+    main()
