@@ -3,6 +3,7 @@
 #include "app/VelantrixServerNoGUI.h"
 #include "app/command_line.h"
 #include "app/console.h"
+#include "app/core_life.h"
 #include "app/main_loop.h"
 #include "app/out_of_memory.h"
 #include "gui/VelantrixServer.h"
@@ -10,6 +11,12 @@
 namespace {
 
 constexpr int EXIT_DRAIN_MS = 500;
+
+/// An exit in the middle destroys what Qt keeps for the whole program, which the threads that use
+/// the core must not meet. Nobody serves their reports now: one that waits for its answer is left.
+void leaveCore() {
+    closeCore(nullptr, nullptr);
+}
 
 int runEventLoop() {
     const int result = QApplication::exec();
@@ -54,6 +61,7 @@ int runWithWindow(int& argc, char** argv) {
 int main(int argc, char** argv) {
     consoleStart();
     endWhenOutOfMemory();
+    setExitPreparation(leaveCore);
     const ArgumentScan scan = scanArguments(argc, argv);
     readStartEnvironment();
     choosePlatform(scan);

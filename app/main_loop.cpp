@@ -23,6 +23,7 @@ std::atomic<bool> installed{false};
 std::atomic<int> requestedStatus{0};
 std::atomic<bool> exitRequested{false};
 std::atomic<bool> exitBegun{false};
+void (*exitPreparation)() = nullptr;  // Touched by the main thread only.
 QSocketNotifier* notifier = nullptr;  // Owned by this module, touched by the main thread only.
 
 void handleRequest() {
@@ -32,6 +33,7 @@ void handleRequest() {
     }
     if (request == EXIT_REQUEST) {
         exitBegun.store(true);
+        prepareExit();
         std::exit(requestedStatus.load());
     }
     QCoreApplication::quit();
@@ -78,6 +80,18 @@ bool requestMainThreadExit(int status) {
     requestedStatus.store(status);
     exitRequested.store(true);
     return ::write(requestPipe[1], &EXIT_REQUEST, 1) == 1;
+}
+
+void setExitPreparation(void (*preparation)()) {
+    exitPreparation = preparation;
+}
+
+void prepareExit() {
+    void (*const preparation)() = exitPreparation;
+    exitPreparation = nullptr;
+    if (preparation != nullptr) {
+        preparation();
+    }
 }
 
 bool mainThreadExitBegun() {

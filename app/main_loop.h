@@ -17,6 +17,13 @@ void removeMainLoopRequests();
 /// so that nobody could answer. Does not wait. Thread: any but main.
 bool requestMainThreadExit(int status);
 
+/// Sets what the main thread does first when it exits before the event loop has ended by itself,
+/// such as keeping other threads from what the exit is going to destroy. Thread: main.
+void setExitPreparation(void (*preparation)());
+
+/// Does what setExitPreparation set, the first time it is called. Thread: main.
+void prepareExit();
+
 /// True once the main thread has begun the exit asked for.
 bool mainThreadExitBegun();
 

@@ -46,7 +46,11 @@ void ExitProcess(int status) {
         silenceStandardError();
     }
     consoleDrain(DRAIN_MS);
-    if (onMainThread() || !requestMainThreadExit(status)) {
+    if (onMainThread()) {
+        prepareExit();
+        std::exit(status);
+    }
+    if (!requestMainThreadExit(status)) {
         std::exit(status);
     }
     waitForMainThread();

@@ -4,7 +4,6 @@
 #include <memory>
 #include <string>
 
-#include "listen/audio_output.h"
 #include "listen/audio_packet.h"
 #include "listen/level_meter.h"
 #include "listen/options.h"

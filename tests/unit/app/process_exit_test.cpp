@@ -63,6 +63,28 @@ TEST(ExitProcessTest, MainThreadExitsAtOnceWithHandlersAndQuietStandardError) {
     EXPECT_EQ(run.err, "before\n");
 }
 
+TEST(ExitProcessTest, PreparationComesBeforeTheHandlersOnTheMainThreadAndOnce) {
+    const auto prepare = [] {
+        std::fputs(gettid() == getpid() ? "prepared on main\n" : "prepared on worker\n", stdout);
+    };
+    const ChildRun asked = runChild([prepare] {
+        startQuiet();
+        setExitPreparation(prepare);
+        runEventLoop([] { std::thread([] { ExitProcess(-1); }).detach(); });
+    });
+    EXPECT_EQ(asked.status, STATUS_OF_MINUS_ONE);
+    EXPECT_EQ(asked.out, "prepared on main\nexit on main\n");
+
+    const ChildRun own = runChild([prepare] {
+        startQuiet();
+        setExitPreparation(prepare);
+        prepareExit();
+        ExitProcess(-1);
+    });
+    EXPECT_EQ(own.status, STATUS_OF_MINUS_ONE);
+    EXPECT_EQ(own.out, "prepared on main\nexit on main\n");
+}
+
 TEST(ExitProcessTest, VerboseLeavesStandardErrorOpen) {
     const ChildRun run = runChild([] {
         startVerbose();

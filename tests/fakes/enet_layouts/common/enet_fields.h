@@ -75,6 +75,8 @@ struct ENetChannel {
 
 struct ENetEvent;
 
+enum ENetPeerState { ENET_PEER_STATE_DISCONNECTED = 0, ENET_PEER_STATE_CONNECTED = 5 };
+
 constexpr enet_uint32 ENET_PACKET_FLAG_RELIABLE = 1;
 ENetPacket* enet_packet_create(const void* data, std::size_t length, enet_uint32 flags);
 void enet_packet_destroy(ENetPacket* packet);

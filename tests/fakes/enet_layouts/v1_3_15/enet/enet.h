@@ -6,6 +6,7 @@
 
 /// A release with separate lists of reliable and unreliable commands.
 struct ENetPeer {
+    ENetPeerState state;
     ENetChannel* channels;
     enet_uint32 outgoingDataTotal;
     ENetList sentReliableCommands;

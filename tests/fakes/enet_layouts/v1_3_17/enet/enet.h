@@ -6,6 +6,7 @@
 
 /// A release with one list for all commands that wait.
 struct ENetPeer {
+    ENetPeerState state;
     ENetChannel* channels;
     enet_uint32 outgoingDataTotal;
     ENetList sentReliableCommands;

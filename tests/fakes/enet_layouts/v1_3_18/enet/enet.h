@@ -6,6 +6,7 @@
 
 /// A release with one list for reliable commands that carry data and one for all others.
 struct ENetPeer {
+    ENetPeerState state;
     ENetChannel* channels;
     enet_uint32 outgoingDataTotal;
     ENetList sentReliableCommands;
