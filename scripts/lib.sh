@@ -43,6 +43,14 @@ fail() {
     exit 1
 }
 
+# Starts the script again, with its arguments "$@", without random addresses where the system allows
+# that: the sanitizers' memory maps do not fit every layout.
+steady_addresses() {
+    if [ -z "${VELANTRIX_STEADY_ADDRESSES:-}" ] && setarch -R true 2>/dev/null; then
+        VELANTRIX_STEADY_ADDRESSES=1 exec setarch -R "$0" "$@"
+    fi
+}
+
 is_debian() {
     [ -r /etc/os-release ] || return 1
     local family

@@ -1,5 +1,7 @@
 #include "stream/event_backlog.h"
 
+#include <algorithm>
+
 namespace {
 
 void dropOldestMessages(ENetPeer& peer) {
@@ -19,13 +21,13 @@ void limitMessages(ENetHost& host) {
     host.maximumWaitingData = MAX_WAITING_BYTES;
 }
 
-void readNetworkDespiteBacklog(ENetHost& host) {
+int readNetworkDespiteBacklog(ENetHost& host) {
     if (enet_list_empty(&host.dispatchQueue)) {
-        return;
+        return 0;
     }
-    // An error shows again in the next regular call, which reports it.
-    enet_host_service(&host, nullptr, 0);
+    const int result = enet_host_service(&host, nullptr, 0);
     for (ENetPeer* peer = host.peers; peer < host.peers + host.peerCount; ++peer) {
         dropOldestMessages(*peer);
     }
+    return std::min(result, 0);
 }

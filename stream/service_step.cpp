@@ -11,6 +11,10 @@ namespace {
 
 constexpr enet_uint32 SERVICE_TIMEOUT_MS = 1;
 
+void reportError() {
+    consolePuts("Error returned from service call");
+}
+
 /// False for an event of another type.
 bool handle(const ENetEvent& event) {
     switch (event.type) {
@@ -34,13 +38,15 @@ int serviceHost() {
     ENetEvent event = {};
     const int result = enet_host_service(server, &event, SERVICE_TIMEOUT_MS);
     if (result < 0) {
-        consolePuts("Error returned from service call");
+        reportError();
         return result;
     }
     if (result == 0) {
         return 0;
     }
     const bool handled = handle(event);
-    readNetworkDespiteBacklog(*server);
+    if (readNetworkDespiteBacklog(*server) < 0) {
+        reportError();
+    }
     return handled ? result : 0;
 }

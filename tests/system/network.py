@@ -9,6 +9,7 @@ import sys
 from processes import die_with_parent
 
 MARK = "VELANTRIX_PRIVATE_NETWORK"
+OWN_MOUNTS = "VELANTRIX_OWN_MOUNTS"
 DISCOVERY_GROUP = "231.232.233.235"
 
 HERE_ADDRESS = "10.77.0.1"
@@ -20,8 +21,8 @@ def _fail(text):
 
 
 def _unshare_command():
-    """How this user makes a network namespace, with mounts of its own, or None."""
-    for options in (["-nm"], ["-rnm"]) if os.geteuid() == 0 else (["-rnm"],):
+    """How this user makes a network namespace, with mounts of its own if possible, or None."""
+    for options in ["-nm"], ["-rnm"], ["-n"], ["-rn"]:
         command = ["unshare", *options, "--"]
         if shutil.which("unshare") and subprocess.run(
                 command + ["true"], stderr=subprocess.DEVNULL).returncode == 0:
@@ -42,7 +43,7 @@ def join_private_network():
         command = _unshare_command()
         if command is None:
             return False
-        environment = dict(os.environ, **{MARK: "1"})
+        environment = dict(os.environ, **{MARK: "1", OWN_MOUNTS: "1" if "m" in command[1] else "0"})
         os.execvpe(command[0], command + [sys.executable] + sys.argv, environment)
     del os.environ[MARK]
     interfaces = set(_interfaces())
@@ -55,12 +56,17 @@ def join_private_network():
 
 
 def _hide_shared_memory():
-    """Mounts an empty /dev/shm.
+    """Mounts an empty /dev/shm where that is allowed.
 
     JACK's library, which the sound libraries try, keeps a database there for all programs of a
     user: one that is killed while it holds a lock makes every later start hang.
     """
-    subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/dev/shm"], check=True)
+    if os.environ.pop(OWN_MOUNTS, None) != "1":
+        return
+    mount = subprocess.run(["mount", "-t", "tmpfs", "-o", "mode=1777", "tmpfs", "/dev/shm"],
+                           check=False)
+    if mount.returncode != 0:
+        print("the shared memory of this system is used", file=sys.stderr)
 
 
 def enter_private_network():

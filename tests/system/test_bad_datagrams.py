@@ -8,7 +8,8 @@ import random
 import socket
 import time
 
-from harness import DEFAULT_PORT, Server, SoundServer, SystemTest, main
+from harness import (DEFAULT_PORT, Server, SoundServer, SystemTest, main, resident_bytes,
+                     with_prompt_release)
 from probe import Probe, sequence_gaps, wait_packets_of_all
 
 DISCOVERY_PORT = 59011
@@ -19,14 +20,6 @@ FLOOD = float(os.environ.get("VELANTRIX_FLOOD_SECONDS", "4"))
 
 # The server may keep what its allocator once needed, no more.
 MEMORY_BOUND = 4 * 1024 * 1024
-
-# The address sanitizer's allocator holds back what is freed, in all 256 MiB unless told.
-HOLD_BACK_LITTLE = "quarantine_size_mb=1:thread_local_quarantine_size_kb=64"
-
-
-def resident_bytes(process):
-    with open(f"/proc/{process.pid}/status", encoding="ascii") as status:
-        return next(int(line.split()[1]) * 1024 for line in status if line.startswith("VmRSS"))
 
 
 def flood(sockets, make_datagram, port, rate, seconds):
@@ -58,8 +51,7 @@ class BadDatagrams(SystemTest):
     def setUp(self):
         super().setUp()
         sound = self.enter(SoundServer())
-        options = ":".join([os.environ.get("ASAN_OPTIONS", ""), HOLD_BACK_LITTLE])
-        self.server = self.enter(Server(sound=sound, rate=48000, env={"ASAN_OPTIONS": options}))
+        self.server = self.enter(Server(sound=sound, rate=48000, env=with_prompt_release()))
         self.probe = self.enter(Probe(self.folder))
         self.server.wait_for_capture()
         self.clients = []

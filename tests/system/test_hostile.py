@@ -18,7 +18,7 @@ import test_window
 from attacker import Attacker
 from enet_wire import Recorder, connect_peers
 from harness import (DEFAULT_PORT, HERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
-                     main, wait_until)
+                     main, resident_bytes, wait_until, with_prompt_release)
 from probe import DISCONNECT_REPLACED, MULTI_CLIENT, Probe, sequence_gaps
 
 DATAGRAMS = int(os.environ.get("VELANTRIX_HOSTILE_DATAGRAMS", "4000"))
@@ -34,11 +34,6 @@ CONNECTED = re.compile(r"^A new client connected from ")
 DISCONNECTED = re.compile(r"^Client [\d.]+:\d+ disconnected$")
 
 
-def resident_bytes(process):
-    with open(f"/proc/{process.pid}/status", encoding="ascii") as status:
-        return next(int(line.split()[1]) * 1024 for line in status if line.startswith("VmRSS"))
-
-
 class HostileNetwork(unittest.TestCase):
     """One server with five good clients for all tests of a class."""
 
@@ -48,7 +43,7 @@ class HostileNetwork(unittest.TestCase):
         cls.addClassCleanup(shutil.rmtree, cls.folder, ignore_errors=True)
         cls.network = cls.enter(OtherNetwork())
         cls.sound = cls.enter(SoundServer())
-        cls.server = cls.enter(Server(sound=cls.sound, rate=48000))
+        cls.server = cls.enter(Server(sound=cls.sound, rate=48000, env=with_prompt_release()))
         cls.server.wait_for_capture()
         cls.probe = cls.enter(Probe(cls.folder))
         cls.seed = random.SystemRandom().getrandbits(32)

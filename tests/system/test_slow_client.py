@@ -3,7 +3,7 @@
 import re
 import time
 
-from harness import has_sanitizer, main
+from harness import has_sanitizer, main, resident_bytes
 from probe import FALLBACK_BYTES, sequence_gaps
 from signals import noise
 from streaming import StreamingTest
@@ -29,12 +29,6 @@ MEMORY_BOUND = 400 * 1024
 # What a stall of four times the length may take besides; a queue without a limit would grow by
 # 700 KiB more.
 MEMORY_SLACK = 200 * 1024
-
-
-def resident_bytes(process):
-    """Memory of the program's own, without the pages of its file and its libraries."""
-    with open(f"/proc/{process.pid}/status", encoding="ascii") as status:
-        return next(int(line.split()[1]) * 1024 for line in status if line.startswith("RssAnon"))
 
 
 def matches(pattern, lines):

@@ -265,11 +265,19 @@ CURLcode easyPerform(CURL* handle) {
                                                                          : realEasyPerform(handle);
 }
 
-/// What dlsym(RTLD_NEXT, name) means for the paced capture, the one library between us and the C
-/// library; asked there, the C library would take us for the caller.
-void* fromCLibrary(const char* name) {
-    static void* const library = next(&::dlopen, "dlopen")("libc.so.6", RTLD_LAZY | RTLD_NOLOAD);
-    return realDlsym()(library, name);
+/// What dlsym(RTLD_NEXT, name) means for the paced capture, which comes after us and replaces
+/// functions of the C library and of the codec; asked as it asks, dlsym would take us for the
+/// caller.
+void* afterCapture(const char* name) {
+    static const auto open = next(&::dlopen, "dlopen");
+    static void* const libraries[] = {open("libc.so.6", RTLD_LAZY | RTLD_NOLOAD),
+                                      open("libopus.so.0", RTLD_LAZY | RTLD_NOLOAD)};
+    for (void* const library : libraries) {
+        if (void* const found = realDlsym()(library, name)) {
+            return found;
+        }
+    }
+    return nullptr;
 }
 
 /// Puts `ours` in the place of `found` when `name` is the one meant.
@@ -288,7 +296,7 @@ extern "C" void* dlsym(void* library, const char* name) noexcept {
     if (tortureCall("dlsym", __builtin_return_address(0))) {
         return nullptr;
     }
-    void* found = library == RTLD_NEXT ? fromCLibrary(name) : realDlsym()(library, name);
+    void* found = library == RTLD_NEXT ? afterCapture(name) : realDlsym()(library, name);
     found = replace(name, "curl_global_init", found, realGlobalInit, &globalInit);
     found = replace(name, "curl_easy_init", found, realEasyInit, &easyInit);
     found = replace(name, "curl_easy_setopt", found, realEasySetopt, &easySetopt);

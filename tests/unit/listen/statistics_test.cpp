@@ -28,6 +28,7 @@ Playback playing() {
     p.bufferMs = 41.4;
     p.concealed = 4;
     p.skipped = 5;
+    p.stretched = 7;
     p.underruns = 6;
     return p;
 }
@@ -58,7 +59,8 @@ TEST(StatisticsText, ReportTellsWhatWasConcealedOnlyOfAClientThatPlayed) {
     EXPECT_EQ(toReport(s).find("concealed"), std::string::npos);
     s.playback = playing();
     const std::string report = toReport(s);
-    EXPECT_NE(report.find("\nconcealed: 4\nskipped: 5\nunderruns: 6\n"), std::string::npos)
+    EXPECT_NE(report.find("\nconcealed: 4\nskipped: 5\nstretched: 7\nunderruns: 6\n"),
+              std::string::npos)
         << report;
     EXPECT_NE(report.find("lost: 3\n"), std::string::npos) << report;
 }
