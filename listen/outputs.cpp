@@ -47,7 +47,14 @@ SinkState Outputs::take(const AudioPacket& packet, const SequenceStep& step, std
         stream_ += step.arrival == Arrival::Start ? 1 : 0;
         sound_->push(packet, stream_, now);
     }
-    const PcmSink* const stopped = timeline_.take(packet, step, now);
+    return judge(timeline_.take(packet, step, now));
+}
+
+SinkState Outputs::passSilence(std::int64_t now) {
+    return judge(timeline_.pass(now));
+}
+
+SinkState Outputs::judge(const PcmSink* stopped) {
     if (stopped == nullptr) {
         return SinkState::Open;
     }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <thread>
 #include <vector>
 
 #include "stream/wire_format.h"
@@ -95,7 +96,11 @@ void Receiver::requestData(const StreamChoice& choice) {
 ReceiverEvent Receiver::service(std::uint32_t milliseconds) {
     ENetEvent event = {};
     ReceiverEvent result;
-    if (enet_host_service(host_, &event, milliseconds) <= 0) {
+    const int found = enet_host_service(host_, &event, milliseconds);
+    if (found < 0) {  // At once, and perhaps again and again.
+        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+    }
+    if (found <= 0) {
         return result;
     }
     switch (event.type) {
