@@ -69,6 +69,8 @@ bool Client::prepare() {
     }
     counts_.server = receiver_.serverAddress();
     counts_.hostName = options_.host;
+    counts_.rateCode = options_.choice.rateCode;  // Until the first packet says what comes.
+    counts_.reliable = options_.choice.reliable;
     return startConnecting();
 }
 

@@ -38,7 +38,8 @@ bool Outputs::openSound(const Options& options) {
         warning_ = reason + "; recording without it";
         return true;
     }
-    error_ = reason + " (--no-play listens without it)";
+    error_ = reason +
+             (options.device.empty() ? " (--no-play listens without it)" : " (see --list-devices)");
     return false;
 }
 

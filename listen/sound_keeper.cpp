@@ -166,6 +166,7 @@ Playback SoundKeeper::figures() const {
     result.underruns = past_.underruns;
     result.deviceUnderruns = past_.deviceUnderruns;
     if (output_ == nullptr) {
+        result.device = !lost_;
         return result;
     }
     const PlayoutFigures& figures = output_->figures();

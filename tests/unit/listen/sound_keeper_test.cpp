@@ -103,6 +103,7 @@ TEST_F(SoundKeeperTest, WhileTheDeviceIsAwayThePausesGrowAndPacketsAreTaken) {
     const auto packet = vxlisten::parseAudioPacket(bytes.data(), bytes.size());
     EXPECT_EQ(watch(30 * SECOND), std::vector<std::string>({GONE}));
     keeper_->push(*packet, 1, now_);
+    EXPECT_FALSE(keeper_->figures().device);
     EXPECT_FALSE(keeper_->figures().playing);
     EXPECT_LE(device_.tries, 12) << "with equal pauses there would be 120";
     device_.present = true;
