@@ -95,6 +95,22 @@ class Recording(ListenTest):
         expected = self.path("a.wav").stat().st_size - 44
         self.assertEqual(len(recorded) * 2, expected)
 
+    def test_termination_completes_compressed_files(self):
+        for name in ("a.flac", "a.ogg"):
+            with start_listening("--no-play", "--record", self.path(name)) as client:
+                client.out.wait_for(re.compile("^connected .* Hz"))
+                self.assertEqual(client.stop(signal.SIGTERM), 0)
+                report = report_of("\n".join(client.out.all()))
+            written = int(report["frames"]) + int(report["filled-frames"])
+            self.assertGreater(written, 0)
+            data = self.path(name).read_bytes()
+            if name == "a.flac":
+                # The number of samples, which is written at the end: 36 bits at byte 21.
+                self.assertEqual(int.from_bytes(data[21:26], "big") & (1 << 36) - 1, written)
+            else:
+                last = data.rfind(b"OggS")
+                self.assertTrue(data[last + 5] & 4, "the last page is marked as the end")
+
     def test_a_full_disc_is_an_error(self):
         def limit():
             die_with_parent()
