@@ -30,6 +30,7 @@ packages_analysis=("${packages_check[@]}" iwyu)
 packages_bench=(
     libbenchmark-dev binutils iproute2 pulseaudio pulseaudio-utils python3 strace valgrind
 )
+packages_coverage=(gcovr)
 packages_package=(dpkg-dev lintian file)
 packages_trees=(debootstrap iproute2 python3)
 

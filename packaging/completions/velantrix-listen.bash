@@ -28,7 +28,7 @@ _velantrix_listen() {
             local name
             while IFS= read -r name; do
                 [[ $name == "$cur"* ]] && COMPREPLY+=("$(printf '%q' "$name")")
-            done < <(velantrix-listen --list-devices 2>/dev/null | cut -f 2)
+            done < <(velantrix-listen --list-devices 2>/dev/null)
             return
             ;;
         --port | --name | --buffer | --seconds)

@@ -32,8 +32,18 @@ class Documents(unittest.TestCase):
         for document, script in self.each(r"(?<![\w/.])((?:scripts|\.ci|packaging)/[\w./-]+\w)"):
             path = SOURCE / script[1]
             self.assertTrue(path.exists(), f"{document.name}: {script[1]}")
-            if script[1].startswith(("scripts/", ".ci/")):
+            if script[1].startswith(("scripts/", ".ci/")) and path.is_file() and not path.suffix:
                 self.assertTrue(os.access(path, os.X_OK), script[1])
+
+    def test_paths_in_backticks_exist(self):
+        folders = "bench|tests|docs|cmake|app|stream|listen"
+        found = 0
+        for document, path in self.each(rf"`((?:{folders})/[^`\s]*)`"):
+            if path[1].startswith("docs/figures") or re.search(r"[*?<{]", path[1]):
+                continue
+            found += 1
+            self.assertTrue((SOURCE / path[1]).exists(), f"{document.name}: {path[1]}")
+        self.assertGreater(found, 0)
 
     def test_build_options_and_presets_exist(self):
         cmake = "\n".join(path.read_text() for path in
