@@ -38,6 +38,8 @@ from relay import Relay
 
 PORT = 59010
 INTERVAL_S = 10
+SETTLING_S = 60
+MOST_EXCESS_MS = 45
 COLUMNS = ("time_s", "depth_ms", "target_ms", "jitter_ms", "correction_ppm", "underruns", "device",
            "late", "lost", "concealed", "skipped", "stretched", "rss_mb", "cpu_percent")
 
@@ -62,6 +64,7 @@ class Observer:
         self.begin = self.latest = time.monotonic()
         self.used = processor_seconds(client.pid)
         self.rows = []
+        self.client_time = -1.0
         self.complaints = []
 
     def latest_figures(self):
@@ -85,6 +88,12 @@ class Observer:
             skipped=play["skipped"], stretched=play.get("stretched", 0),
             rss_mb=round(resident_megabytes(self.client.pid), 1),
             cpu_percent=round((used - self.used) / (now - self.latest) * 100, 2))
+        if figures["time"] <= self.client_time:
+            self.complaints.append(f"the client's figures stand still at {row['time_s']} s")
+        self.client_time = figures["time"]
+        if row["time_s"] > SETTLING_S and row["depth_ms"] > row["target_ms"] + MOST_EXCESS_MS:
+            self.complaints.append(f"too much sound waits at {row['time_s']} s: "
+                                   f"{row['depth_ms']} ms for {row['target_ms']} ms")
         self.latest, self.used = now, used
         self.rows.append(row)
         self.table.write([row[name] for name in COLUMNS])
@@ -139,6 +148,9 @@ def play(choice, sound, server, table):
             observer.complaints.append("interrupted")
         if server.child.poll() is not None:
             observer.complaints.append("the server has ended")
+        expected = int(choice.seconds // INTERVAL_S)
+        if len(observer.rows) < max(1, expected):
+            observer.complaints.append(f"{len(observer.rows)} rows instead of {expected}")
         lines = observer.summary() if observer.rows else []
         return lines, observer.complaints
 

@@ -14,6 +14,7 @@ memory is the same for all.
 """
 
 import json
+import sys
 import time
 
 from listening import (Table, add_ears, arguments, name_programs, prefer, processor_seconds,
@@ -32,17 +33,30 @@ def underruns(client):
     return json.loads(lines[-1])["playback"]["underruns"] if lines else 0
 
 
+def check(clients, when):
+    """Ends the measurement unless every client plays what comes from the server."""
+    for rate, client in clients.items():
+        lines = client.out.all()
+        figures = json.loads(lines[-1]) if lines else None
+        if client.child.poll() is not None or figures is None:
+            sys.exit(f"{rate}: the client has ended or says nothing {when}")
+        if not figures["connected"] or not figures["playback"]["playing"]:
+            sys.exit(f"{rate}: nothing plays {when}")
+
+
 def measure(sound, seconds, table):
     environment = dict(clean_environment(), **add_ears(sound))
     clients = {rate: Process(listen_command("--rate", rate, "--stats=json"), environment)
                for rate in RATES}
     prefer(sound.daemon)
     time.sleep(SETTLING_S)
+    check(clients, "at the start")
     before = {rate: (processor_seconds(client.pid), underruns(client))
               for rate, client in clients.items()}
     begin = time.monotonic()
     time.sleep(seconds)
     span = time.monotonic() - begin
+    check(clients, "at the end")
     for rate, client in clients.items():
         used, dry = before[rate]
         share = (processor_seconds(client.pid) - used) / span * 100

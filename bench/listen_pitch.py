@@ -36,6 +36,8 @@ from signals import sine
 
 JUDGED_S = 30
 TONE = 1000
+PEAK = 12000
+LEAST_SHARE = 0.5
 HEARD_RATE = 48000
 FRAME_BYTES = 4
 WINDOW = HEARD_RATE // 10
@@ -62,6 +64,15 @@ def slope(values):
     middle = (len(straight) - 1) / 2
     return (sum((i - middle) * value for i, value in enumerate(straight)) /
             sum((i - middle) ** 2 for i in range(len(straight))))
+
+
+def tone_share(mono):
+    """How much of a tone of the played level is in it, 0 to 1 or so; the median over windows."""
+    cycle = HEARD_RATE // TONE
+    turns = [cmath.exp(-2j * math.pi * i / cycle) for i in range(cycle)]
+    sizes = [abs(sum(turns[i] * sum(mono[at + i:at + WINDOW:cycle]) for i in range(cycle)))
+             for at in range(0, len(mono) - WINDOW + 1, WINDOW)]
+    return statistics.median(sizes) / (PEAK * WINDOW / 2) if sizes else 0.0
 
 
 def frequency_of(mono):
@@ -103,13 +114,16 @@ def measure(capture, seconds, table):
     """One row for each rate; returns the largest error in cents."""
     worst = 0.0
     with SoundServer(capture) as sound, Server(sound=sound, rate=capture) as server:
-        sound.play(sine(TONE, 12000, capture, capture) * int(seconds + 30))
+        sound.play(sine(TONE, PEAK, capture, capture) * int(seconds + 30))
         server.wait_for_capture()
         listeners = [Listener(sound, rate) for rate in RATES]
         prefer(sound.daemon, server)
         time.sleep(seconds)
         for listener in listeners:
             heard, figures = listener.finish()
+            share = tone_share(heard)
+            if share < LEAST_SHARE:
+                sys.exit(f"{capture} Hz, {listener.rate}: only {share:.2f} of the tone was heard")
             frequency = frequency_of(heard)
             cents = 1200 * math.log2(frequency / TONE)
             worst = max(worst, abs(cents))

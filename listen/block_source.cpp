@@ -76,10 +76,11 @@ BlockSource::Block BlockSource::standIn(bool last) {
     if (!last) {
         return {Kind::Concealed, block_.data(), count};
     }
+    const Kind kind = streamChanged_ ? Kind::Ended : Kind::RanDry;
     pausing_ = true;
     streamChanged_ = false;
     decoder_.reset();
-    return {Kind::RanDry, block_.data(), count};
+    return {kind, block_.data(), count};
 }
 
 std::size_t BlockSource::conceal(bool last) {
@@ -124,8 +125,9 @@ void BlockSource::skip(std::size_t packets) {
     Samples discarded;
     for (std::size_t i = 0; i < packets && !buffer_.empty(); ++i) {
         const StoredPacket* const packet = buffer_.front();
-        if (packet != nullptr && i == 0) {
-            tailCount_ = decoder_.decode(packet->view(), tail_.data());
+        if (i == 0) {
+            tailCount_ = (packet != nullptr ? play(*packet) : standIn(false)).count;
+            tail_ = block_;
         } else if (packet != nullptr && packets - i <= WARM_UP_PACKETS) {
             decoder_.decode(packet->view(), discarded.data());
         }

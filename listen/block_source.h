@@ -20,6 +20,7 @@ class BlockSource {
         Sound,      ///< A packet that came in time.
         Concealed,  ///< Stands in for a lost packet.
         RanDry,     ///< The last block before a pause, because nothing is left.
+        Ended,      ///< The last block before a pause, because a new stream begins.
         Nothing,    ///< Pausing; resume() ends it.
     };
 

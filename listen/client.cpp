@@ -1,5 +1,6 @@
 #include "listen/client.h"
 
+#include <algorithm>
 #include <memory>
 #include <optional>
 
@@ -40,8 +41,9 @@ double bitRate(std::uint64_t bytes, std::int64_t microseconds) {
 int Client::run() {
     start_ = steadyNow();
     bitRateSince_ = start_;
-    nextFigures_ = start_ + reporter_.interval();
-    if (prepare()) {
+    const bool prepared = prepare();
+    nextFigures_ = steadyNow() + reporter_.interval();
+    if (prepared) {
         while (!ended_ && !stopRequested()) {
             step();
         }
@@ -67,6 +69,8 @@ bool Client::prepare() {
     }
     counts_.server = receiver_.serverAddress();
     counts_.hostName = options_.host;
+    counts_.rateCode = options_.choice.rateCode;  // Until the first packet says what comes.
+    counts_.reliable = options_.choice.reliable;
     return startConnecting();
 }
 
@@ -87,6 +91,19 @@ void Client::enter(Link link) {
 void Client::end(int status) {
     ended_ = true;
     status_ = status;
+}
+
+void Client::endExcused() {
+    excused_ = true;
+    end(STATUS_OK);
+}
+
+void Client::takeState(SinkState state) {
+    if (state == SinkState::Closed) {
+        endExcused();
+    } else if (state == SinkState::Failed) {
+        fail(outputs_.error());
+    }
 }
 
 void Client::fail(const std::string& sentence) {
@@ -144,23 +161,14 @@ void Client::handlePacket(const ENetPacket& packet) {
     counts_.sampleRate = audio->sampleRate;
     counts_.rateCode = audio->rateCode;
     counts_.reliable = audio->reliable;
-    switch (outputs_.take(*audio, tracker_.observe(*audio), steadyNow())) {
-        case SinkState::Open:
-            break;
-        case SinkState::Closed:
-            end(STATUS_OK);
-            break;
-        case SinkState::Failed:
-            fail(outputs_.error());
-            break;
-    }
+    takeState(outputs_.take(*audio, tracker_.observe(*audio), steadyNow()));
     lastAudio_ = steadyNow();  // After the outputs, which may have made it wait.
 }
 
 void Client::handleDisconnected(std::uint32_t data) {
     if (data == wire::DISCONNECT_REPLACED) {
         reporter_.announce("another listener has taken this one's place at " + counts_.server);
-        end(STATUS_OK);
+        endExcused();
     } else if (link_ == Link::Connecting) {
         loseConnection(counts_.server + " does not answer");
     } else {
@@ -184,22 +192,31 @@ void Client::loseConnection(const std::string& why) {
     }
     enter(Link::Waiting);
     waitUntil_ = linkSince_ + retryPause_.next() * MILLISECOND;
-    whereabouts_ = inBackground([options = options_, address = receiver_.address()] {
-        return locateAgain(options, address);
-    });
+    // One that hangs is kept: a second would hang as well.
+    if (!whereabouts_.valid() || isReady(whereabouts_)) {
+        whereabouts_ =
+            inBackground([options = options_, locate = locate_, address = receiver_.address()] {
+                return locate(options, address);
+            });
+    }
 }
 
-void Client::connectAgain() {
-    const std::string address = whereabouts_.get();
-    if (!address.empty() && address != receiver_.address() &&
-        receiver_.resolve(address, options_.port)) {
-        counts_.server = receiver_.serverAddress();
-        reporter_.announce("the server is now at " + counts_.server);
-        if (options_.found) {
-            counts_.hostName = address;
-        }
+/// True when the look-up has just brought another address, which holds from now on.
+bool Client::followServer() {
+    if (!whereabouts_.valid() || !isReady(whereabouts_)) {
+        return false;
     }
-    startConnecting();
+    const std::string address = whereabouts_.get();
+    if (address.empty() || address == receiver_.address() ||
+        !receiver_.resolve(address, options_.port)) {
+        return false;
+    }
+    counts_.server = receiver_.serverAddress();
+    reporter_.announce("the server is now at " + counts_.server);
+    if (options_.found) {
+        counts_.hostName = address;
+    }
+    return true;
 }
 
 void Client::giveUpSilentLine() {
@@ -217,8 +234,11 @@ void Client::watchTime() {
 void Client::watchConnection() {
     if (link_ == Link::Connecting && steadyNow() - linkSince_ >= CONNECT_PATIENCE) {
         loseConnection(counts_.server + " does not answer");
-    } else if (link_ == Link::Waiting && steadyNow() >= waitUntil_ && isReady(whereabouts_)) {
-        connectAgain();
+    } else if (link_ == Link::Waiting && steadyNow() >= waitUntil_) {
+        followServer();
+        startConnecting();  // To the old address when the look-up takes long.
+    } else if (link_ == Link::Connecting && followServer()) {
+        startConnecting();
     } else if (link_ == Link::Connected && steadyNow() - lastAudio_ >= SILENCE_PATIENCE) {
         giveUpSilentLine();
     }
@@ -231,8 +251,9 @@ void Client::watchOutputs() {
     }
     nextWatch_ = now + WATCH_INTERVAL;
     std::string news;
-    if (outputs_.watch(now, news) == SinkState::Closed) {
-        end(STATUS_OK);
+    takeState(outputs_.watch(now, news));
+    if (!ended_ && link_ != Link::Connected) {
+        takeState(outputs_.passSilence(now));
     }
     if (!news.empty()) {
         reporter_.announce(news);
@@ -252,7 +273,8 @@ void Client::watchFigures() {
     if (ended_ || steadyNow() < nextFigures_) {
         return;
     }
-    nextFigures_ += reporter_.interval();
+    // After a stall no lines come to make up for those that were due.
+    nextFigures_ = std::max(nextFigures_ + reporter_.interval(), steadyNow());
     measureBitRate();
     reporter_.show(figures());
     outputs_.clearLevels();
@@ -279,6 +301,12 @@ Statistics Client::wholeFigures() {
 }
 
 int Client::finish() {
+    if (status_ == STATUS_OK && !excused_ && link_ != Link::Connected) {
+        takeState(outputs_.passSilence(steadyNow()));
+    }
+    if (whereabouts_.valid() && !isReady(whereabouts_)) {
+        noteAbandoned();
+    }
     const Statistics statistics = wholeFigures();
     receiver_.disconnect(GOODBYE_MS);
     if (outputs_.finish() == SinkState::Failed && status_ == STATUS_OK) {
@@ -287,7 +315,7 @@ int Client::finish() {
     if (everConnected_) {
         reporter_.report(statistics);
     }
-    if (status_ == STATUS_OK && counts_.packets == 0) {
+    if (status_ == STATUS_OK && counts_.packets == 0 && !excused_) {
         fail("no audio has arrived");
     }
     return status_;

@@ -1,11 +1,13 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <future>
 #include <string>
 
 #include <enet/enet.h>
 
+#include "listen/find_server.h"
 #include "listen/options.h"
 #include "listen/outputs.h"
 #include "listen/receiver.h"
@@ -20,8 +22,12 @@ namespace vxlisten {
 /// figures. Everything on the thread that calls run().
 class Client {
   public:
+    /// Tells where a server is now, as locateAgain() does. Called in the background.
+    using Locate = std::function<std::string(const Options& options, const std::string& address)>;
+
     /// `options` is borrowed and must outlive this; its host is chosen.
-    explicit Client(const Options& options) : options_(options), reporter_(options) {}
+    explicit Client(const Options& options, Locate locate = locateAgain)
+        : options_(options), locate_(std::move(locate)), reporter_(options) {}
 
     /// Listens until the time is over, a stop is requested or nothing more can be done. Returns
     /// the exit status of the program, having told why when it is not 0.
@@ -41,7 +47,9 @@ class Client {
     void loseConnection(const std::string& why);
     void watchOutputs();
     void giveUpSilentLine();
-    void connectAgain();
+    bool followServer();
+    void endExcused();
+    void takeState(SinkState state);
     void watchTime();
     void watchConnection();
     void watchFigures();
@@ -53,17 +61,19 @@ class Client {
     int finish();
 
     const Options& options_;
+    Locate locate_;
     Reporter reporter_;
     Receiver receiver_;
     SequenceTracker tracker_;
     Outputs outputs_;
     RetryPause retryPause_;
     Statistics counts_;                     ///< What is counted here; figures() adds the rest.
-    std::future<std::string> whereabouts_;  ///< Waiting: where the server is now.
+    std::future<std::string> whereabouts_;  ///< A look-up of where the server is now.
     Link link_ = Link::Connecting;
     bool everConnected_ = false;
     bool ended_ = false;
     int status_ = 0;
+    bool excused_ = false;  ///< It has ended for a reason that asks for no audio.
     // Times in microseconds.
     std::int64_t start_ = 0;
     std::int64_t linkSince_ = 0;  ///< When the present state of the link began.

@@ -75,6 +75,9 @@ Complaint takeHost(const Words& words, Options& options) {
     options.port = words.port != 0 ? static_cast<std::uint16_t>(words.port) : options.port;
     options.portChosen = words.port != 0;
     const std::size_t colon = words.host.rfind(':');
+    if (colon != words.host.find(':')) {
+        return "'" + words.host + "': only names and IPv4 addresses are supported";
+    }
     options.host = words.host.substr(0, colon);
     if (colon == std::string::npos) {
         return {};
@@ -120,7 +123,7 @@ Complaint takeStream(const Words& words, bool nameGiven, Options& options) {
 Complaint takeOutput(const Words& words, bool secondsGiven, Options& options) {
     options.play = !words.noPlay && !options.toStdout;
     if (!options.device.empty() && !options.play) {
-        return "--device has no sense when nothing is played";
+        return "--device cannot be used with --no-play or --stdout";
     }
     if (secondsGiven && (!std::isfinite(options.seconds) || options.seconds <= 0)) {
         return "--seconds must be a number above 0";

@@ -6,6 +6,8 @@
 #include <cstdio>
 #include <optional>
 
+#include "listen/utf8.h"
+
 namespace vxlisten {
 
 namespace {
@@ -53,7 +55,7 @@ std::vector<std::string> pack(const std::vector<std::string>& fields, std::size_
         if (!lines.empty() && lines.back().size() + 2 + field.size() <= room) {
             lines.back() += "  " + field;
         } else {
-            lines.push_back(field.substr(0, room));
+            lines.push_back(cutText(field, room));
         }
     }
     return lines;
@@ -70,6 +72,7 @@ std::vector<std::string> headFields(const Statistics& s) {
     fields.emplace_back(!s.connected          ? "connecting"
                         : s.sampleRate == 0   ? "waiting for audio"
                         : !s.playback         ? "receiving"
+                        : !s.playback->device ? "no output device"
                         : s.playback->playing ? "playing"
                                               : "buffering");
     return fields;

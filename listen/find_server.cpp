@@ -25,7 +25,9 @@ DiscoverySearch makeSearch(const Options& options) {
     DiscoverySearch search;
     search.group = wire::DISCOVERY_GROUP;
     search.ports = {wire::DEFAULT_DISCOVERY_PORT};
-    if (options.portChosen && options.port + 1 != wire::DEFAULT_DISCOVERY_PORT) {
+    // The highest port has none above it.
+    if (options.portChosen && options.port < 65535 &&
+        options.port + 1 != wire::DEFAULT_DISCOVERY_PORT) {
         search.ports.push_back(static_cast<std::uint16_t>(options.port + 1));
     }
     return search;

@@ -1,9 +1,11 @@
 #include <cstdio>
+#include <cstdlib>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "listen/audio_output.h"
+#include "listen/background.h"
 #include "listen/client.h"
 #include "listen/command_line.h"
 #include "listen/find_server.h"
@@ -44,5 +46,10 @@ int main(int argc, char** argv) {
     if (commandLine.options.list) {
         return vxlisten::listServers(commandLine.options);
     }
-    return listenTo(commandLine.options);
+    const int status = listenTo(commandLine.options);
+    if (vxlisten::workAbandoned()) {
+        std::fflush(nullptr);
+        std::_Exit(status);
+    }
+    return status;
 }

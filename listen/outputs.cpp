@@ -38,7 +38,8 @@ bool Outputs::openSound(const Options& options) {
         warning_ = reason + "; recording without it";
         return true;
     }
-    error_ = reason + " (--no-play listens without it)";
+    error_ = reason +
+             (options.device.empty() ? " (--no-play listens without it)" : " (see --list-devices)");
     return false;
 }
 
@@ -47,7 +48,14 @@ SinkState Outputs::take(const AudioPacket& packet, const SequenceStep& step, std
         stream_ += step.arrival == Arrival::Start ? 1 : 0;
         sound_->push(packet, stream_, now);
     }
-    const PcmSink* const stopped = timeline_.take(packet, step, now);
+    return judge(timeline_.take(packet, step, now));
+}
+
+SinkState Outputs::passSilence(std::int64_t now) {
+    return judge(timeline_.pass(now));
+}
+
+SinkState Outputs::judge(const PcmSink* stopped) {
     if (stopped == nullptr) {
         return SinkState::Open;
     }

@@ -32,6 +32,10 @@ class Outputs {
     /// `news` is a sentence for the user when something happened to the output device.
     SinkState watch(std::int64_t now, std::string& news);
 
+    /// Puts silence in place of the sound that is missing while there is no connection; to be
+    /// called several times a second then. Returns how the sinks took it.
+    SinkState passSilence(std::int64_t now);
+
     /// Completes the recording. Failed: see error().
     SinkState finish();
 
@@ -49,6 +53,7 @@ class Outputs {
 
   private:
     [[nodiscard]] bool openSound(const Options& options);
+    SinkState judge(const PcmSink* stopped);
 
     Timeline timeline_;
     std::unique_ptr<Recorder> recorder_;

@@ -185,6 +185,9 @@ void Playout::playBlock() {
             target_.noteUnderrun();
             figures_.playing = false;
             break;
+        case BlockSource::Kind::Ended:
+            figures_.playing = false;
+            break;
         case BlockSource::Kind::Sound:
             stretch(block);
             break;

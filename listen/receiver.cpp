@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <chrono>
 #include <cstddef>
+#include <thread>
 #include <vector>
 
+#include "listen/utf8.h"
 #include "stream/wire_format.h"
 
 namespace vxlisten {
@@ -75,13 +77,13 @@ bool Receiver::connect(const StreamChoice& choice) {
 }
 
 void Receiver::requestData(const StreamChoice& choice) {
-    const std::size_t nameLength = std::min(choice.name.size(), wire::MAX_CLIENT_NAME);
-    std::vector<unsigned char> message(wire::HEADER_LENGTH + nameLength + 1, 0);
+    const std::string name = cutText(choice.name, wire::MAX_CLIENT_NAME);
+    std::vector<unsigned char> message(wire::HEADER_LENGTH + name.size() + 1, 0);
     wire::PacketHeader header;
     header.msgId = wire::MSGID_DATA;
     header.flags = wire::makeFlags(choice.reliable, false, choice.rateCode);
     wire::writeHeader(message.data(), header);
-    std::copy_n(choice.name.begin(), nameLength, message.begin() + wire::HEADER_LENGTH);
+    std::copy(name.begin(), name.end(), message.begin() + wire::HEADER_LENGTH);
     ENetPacket* const packet =
         enet_packet_create(message.data(), message.size(), ENET_PACKET_FLAG_RELIABLE);
     // ENet owns the packet from here on, unless it refuses it.
@@ -95,7 +97,11 @@ void Receiver::requestData(const StreamChoice& choice) {
 ReceiverEvent Receiver::service(std::uint32_t milliseconds) {
     ENetEvent event = {};
     ReceiverEvent result;
-    if (enet_host_service(host_, &event, milliseconds) <= 0) {
+    const int found = enet_host_service(host_, &event, milliseconds);
+    if (found < 0) {  // At once, and perhaps again and again.
+        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+    }
+    if (found <= 0) {
         return result;
     }
     switch (event.type) {

@@ -3,18 +3,22 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <poll.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 #include <vector>
 
 #include "listen/clock.h"
 #include "listen/display.h"
+#include "listen/stop_request.h"
 
 namespace vxlisten {
 
 namespace {
 
 constexpr std::int64_t DISPLAY_INTERVAL = 100 * MILLISECOND;
+constexpr int SENTENCE_PATIENCE_MS = 100;
+constexpr int LAST_PATIENCE_MS = 1000;
 constexpr std::size_t USUAL_COLUMNS = 80;
 constexpr const char* HIDE_CURSOR = "\x1b[?25l";
 constexpr const char* SHOW_CURSOR = "\x1b[?25h";
@@ -30,15 +34,22 @@ std::size_t columnsOf(int descriptor) {
     return known ? size.ws_col : USUAL_COLUMNS;
 }
 
-void writeAll(int descriptor, const std::string& text) {
+/// A terminal that is held or a pipe that nobody reads must not hold up the sound: what finds no
+/// room within `patience` milliseconds is left out. Returns whether it was written.
+bool writeAll(int descriptor, const std::string& text, int patience) {
+    pollfd waiting = {descriptor, POLLOUT, 0};
+    if (poll(&waiting, 1, patience) == 0) {
+        return false;
+    }
     std::size_t done = 0;
     while (done < text.size()) {
         const ssize_t written = ::write(descriptor, text.data() + done, text.size() - done);
-        if (written < 0 && errno != EINTR) {
-            return;  // Nobody reads; the figures are not worth ending for.
+        if (written < 0 && (errno != EINTR || stopRequested())) {
+            return false;  // Nobody reads; the figures are not worth ending for.
         }
         done += written > 0 ? static_cast<std::size_t>(written) : 0;
     }
+    return true;
 }
 
 }  // namespace
@@ -48,13 +59,18 @@ Reporter::Reporter(const Options& options)
       descriptor_(options.toStdout ? STDERR_FILENO : STDOUT_FILENO),
       display_(!options.quiet && options.stats == StatsStyle::Display && canRedraw(descriptor_)) {
     if (display_) {
-        write(HIDE_CURSOR);
+        write(HIDE_CURSOR, LAST_PATIENCE_MS);
     }
 }
 
 Reporter::~Reporter() {
+    showCursor();
+}
+
+void Reporter::showCursor() {
     if (display_) {
-        write(SHOW_CURSOR);
+        write(SHOW_CURSOR, LAST_PATIENCE_MS);
+        display_ = false;
     }
 }
 
@@ -62,8 +78,8 @@ std::int64_t Reporter::interval() const {
     return display_ ? DISPLAY_INTERVAL : SECOND;
 }
 
-void Reporter::write(const std::string& text) const {
-    writeAll(descriptor_, text);
+bool Reporter::write(const std::string& text, int patience) const {
+    return writeAll(descriptor_, text, patience);
 }
 
 void Reporter::show(const Statistics& statistics) {
@@ -83,8 +99,9 @@ void Reporter::draw(const Statistics& statistics) {
         held[i] = holds_[i].update(statistics.peakDbfs[i], now);
     }
     const std::vector<std::string> lines = layOutDisplay(statistics, held, columnsOf(descriptor_));
-    write(redraw(lines, lines_));
-    lines_ = lines.size();
+    if (write(redraw(lines, lines_))) {
+        lines_ = lines.size();
+    }
 }
 
 void Reporter::eraseDisplay() {
@@ -96,7 +113,7 @@ void Reporter::eraseDisplay() {
 
 void Reporter::sentence(const std::string& text) {
     eraseDisplay();
-    writeAll(STDERR_FILENO, "velantrix-listen: " + text + "\n");
+    writeAll(STDERR_FILENO, "velantrix-listen: " + text + "\n", SENTENCE_PATIENCE_MS);
 }
 
 void Reporter::announce(const std::string& text) {
@@ -110,11 +127,12 @@ void Reporter::complain(const std::string& text) {
 }
 
 void Reporter::report(const Statistics& statistics) {
+    showCursor();
     lines_ = 0;
     if (options_.stats == StatsStyle::Json) {
-        write(toJson(statistics, "end") + "\n");
+        write(toJson(statistics, "end") + "\n", LAST_PATIENCE_MS);
     } else if (!options_.quiet) {
-        write(toReport(statistics));
+        write(toReport(statistics), LAST_PATIENCE_MS);
     }
 }
 

@@ -26,7 +26,7 @@ class Reporter {
     /// How often show() wants to be called, in microseconds.
     [[nodiscard]] std::int64_t interval() const;
 
-    /// Prints the present figures.
+    /// Prints the present figures, or leaves them out where nobody takes them.
     void show(const Statistics& statistics);
 
     /// Prints a sentence without disturbing the display; nothing when quiet.
@@ -41,7 +41,8 @@ class Reporter {
   private:
     void draw(const Statistics& statistics);
     void eraseDisplay();
-    void write(const std::string& text) const;
+    bool write(const std::string& text, int patience = 0) const;
+    void showCursor();
     void sentence(const std::string& text);
 
     const Options& options_;

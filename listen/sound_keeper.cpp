@@ -1,5 +1,6 @@
 #include "listen/sound_keeper.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 
@@ -34,6 +35,7 @@ SoundKeeper::SoundKeeper(std::string device, double delayMs)
 
 SoundKeeper::~SoundKeeper() {
     if (opening_.valid() && opening_.wait_for(OPEN_PATIENCE) != std::future_status::ready) {
+        giveUp();
         return;
     }
     if (opening_.valid()) {
@@ -46,7 +48,14 @@ SoundKeeper::~SoundKeeper() {
         output.reset();
         gone.reset();
     });
-    closing.wait_for(CLOSE_PATIENCE);
+    if (closing.wait_for(CLOSE_PATIENCE) != std::future_status::ready) {
+        giveUp();
+    }
+}
+
+void SoundKeeper::giveUp() {
+    mute_.abandon();
+    noteAbandoned();
 }
 
 bool SoundKeeper::open(std::int64_t now) {
@@ -56,7 +65,7 @@ bool SoundKeeper::open(std::int64_t now) {
         output_.reset();
         return false;
     }
-    noteOpened(now);
+    noteOpened(std::max(now, steadyNow()));  // Opening may have taken seconds.
     return true;
 }
 
@@ -115,7 +124,7 @@ std::string SoundKeeper::takeOpened(std::int64_t now) {
     output_ = opening_.get();
     if (output_ == nullptr) {
         nextTry_ = now + pause_.next() * MILLISECOND;
-        return {};
+        return tellLost();
     }
     noteOpened(now);
     const bool wasLost = lost_;
@@ -127,8 +136,14 @@ std::string SoundKeeper::lose(std::int64_t now) {
     countPast();
     gone_ = std::move(output_);
     nextTry_ = now + pause_.next() * MILLISECOND;
+    return tellLost();
+}
+
+/// The sentence about a device that has gone, once until it is back.
+std::string SoundKeeper::tellLost() {
+    const bool told = lost_;
     lost_ = true;
-    return "the output device has gone, trying to open it again";
+    return told ? std::string() : "the output device has gone, trying to open it again";
 }
 
 std::string SoundKeeper::askForMore() {
@@ -151,6 +166,7 @@ Playback SoundKeeper::figures() const {
     result.underruns = past_.underruns;
     result.deviceUnderruns = past_.deviceUnderruns;
     if (output_ == nullptr) {
+        result.device = !lost_;
         return result;
     }
     const PlayoutFigures& figures = output_->figures();

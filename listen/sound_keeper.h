@@ -51,6 +51,8 @@ class SoundKeeper {
     void reopen();
     std::string takeOpened(std::int64_t now);
     std::string lose(std::int64_t now);
+    std::string tellLost();
+    void giveUp();
     std::string askForMore();
     void countPast();
     void noteOpened(std::int64_t now);

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 
+#include "listen/utf8.h"
 #include "stream/wire_format.h"
 
 namespace vxlisten {
@@ -23,9 +24,14 @@ std::string number(std::uint64_t value) {
 
 std::string quoted(const std::string& text) {
     std::string result = "\"";
-    for (const char c : text) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
         const auto byte = static_cast<unsigned char>(c);
-        if (byte < 0x20 || byte >= 0x7F) {
+        const std::size_t length = characterLength(text, i);
+        if (length > 1) {
+            result.append(text, i, length);
+            i += length - 1;
+        } else if (byte < 0x20 || byte >= 0x7F) {
             char escape[8];
             std::snprintf(escape, sizeof escape, "\\u%04x", byte);
             result += escape;

@@ -11,6 +11,7 @@ namespace vxlisten {
 
 /// What the playing side adds to the figures.
 struct Playback {
+    bool device = true;           ///< False while the output device is away. Display only.
     bool playing = false;         ///< False while it fills its buffer.
     double bufferMs = 0;          ///< Sound that waits to be played, a mean over some seconds.
     double targetMs = 0;          ///< How much should wait.

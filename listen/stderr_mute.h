@@ -12,6 +12,10 @@ class StderrMute {
   public:
     StderrMute();
     ~StderrMute();
+
+    /// Leaves everything as it is for good, for a library that may still write.
+    void abandon() { nowhere_ = nullptr; }
+
     StderrMute(const StderrMute&) = delete;
     StderrMute& operator=(const StderrMute&) = delete;
 

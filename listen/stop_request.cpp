@@ -22,6 +22,11 @@ void installStopRequest() {
     action.sa_flags = static_cast<int>(SA_RESETHAND);  // Blocking calls are to be interrupted.
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
+    struct sigaction before = {};
+    sigaction(SIGHUP, nullptr, &before);
+    if (before.sa_handler != SIG_IGN) {  // As nohup leaves it.
+        sigaction(SIGHUP, &action, nullptr);
+    }
     action.sa_handler = SIG_IGN;
     action.sa_flags = 0;
     sigaction(SIGPIPE, &action, nullptr);

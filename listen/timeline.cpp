@@ -10,6 +10,10 @@ namespace {
 constexpr std::int64_t MICROSECONDS = 1000000;
 /// What may arrive at once after a stall and so seems to be missing for longer than it was.
 constexpr std::int64_t BURST_ALLOWANCE = 2 * MICROSECONDS;
+/// How much faster than this machine's clock, one part in so many, a server's clock may run.
+constexpr std::int64_t CLOCK_TOLERANCE = 1000;
+/// Silence is held back so long: the next connection's first packet may hold sound of that time.
+constexpr std::int64_t PASS_MARGIN = MICROSECONDS / 10;
 constexpr std::size_t CHANNELS = 2;
 constexpr std::size_t PIECE_FRAMES = 480;
 
@@ -18,7 +22,32 @@ std::uint64_t framesIn(std::int64_t microseconds, int rate) {
            static_cast<std::uint64_t>(rate) / MICROSECONDS;
 }
 
+std::int64_t lengthOf(std::uint64_t frames, int rate) {
+    return rate > 0 ? static_cast<std::int64_t>(frames) * MICROSECONDS / rate : 0;
+}
+
 }  // namespace
+
+std::int64_t Timeline::reach() const {
+    return rateStart_ + lengthOf(rateFrames_, rate_);
+}
+
+void Timeline::begin(const AudioPacket& packet, std::int64_t now) {
+    if (!started_) {
+        start_ = rateStart_ = now - lengthOf(packet.frames, packet.sampleRate);
+    } else if (packet.sampleRate != rate_) {
+        rateStart_ = reach();
+        rateFrames_ = 0;
+    }
+    started_ = true;
+    rate_ = packet.sampleRate;
+}
+
+// Not by the time since the packet before: that may have waited while a disc or pipe was slow.
+std::uint64_t Timeline::mostFor(const AudioPacket& packet, std::int64_t now) const {
+    const std::int64_t allowance = BURST_ALLOWANCE + (now - start_) / CLOCK_TOLERANCE;
+    return framesIn(now - reach() + allowance, packet.sampleRate);
+}
 
 std::uint64_t Timeline::missingFrames(const AudioPacket& packet, const SequenceStep& step,
                                       std::int64_t now) const {
@@ -28,8 +57,7 @@ std::uint64_t Timeline::missingFrames(const AudioPacket& packet, const SequenceS
         return frames > packet.frames ? frames - packet.frames : 0;
     }
     if (step.arrival == Arrival::AfterGap) {
-        return std::min<std::uint64_t>(step.missing * packet.frames,
-                                       framesIn(elapsed + BURST_ALLOWANCE, packet.sampleRate));
+        return std::min<std::uint64_t>(step.missing * packet.frames, mostFor(packet, now));
     }
     return 0;
 }
@@ -42,7 +70,7 @@ PcmSink* Timeline::take(const AudioPacket& packet, const SequenceStep& step, std
         decoder_.reset();
     }
     const std::uint64_t missing = missingFrames(packet, step, now);
-    started_ = true;
+    begin(packet, now);
     lastArrival_ = now;
     if (PcmSink* const stopped = fill(missing, packet.sampleRate)) {
         return stopped;
@@ -59,6 +87,16 @@ PcmSink* Timeline::take(const AudioPacket& packet, const SequenceStep& step, std
     return hand(frames.data(), count, packet.sampleRate);
 }
 
+PcmSink* Timeline::pass(std::int64_t now) {
+    const std::int64_t due = std::min(now - PASS_MARGIN - lastArrival_, MICROSECONDS);
+    if (!started_ || due <= 0) {
+        return nullptr;
+    }
+    const std::uint64_t frames = framesIn(due, rate_);
+    lastArrival_ += lengthOf(frames, rate_);
+    return fill(frames, rate_);
+}
+
 PcmSink* Timeline::fill(std::uint64_t frames, int rate) {
     static constexpr std::array<std::int16_t, PIECE_FRAMES * CHANNELS> SILENCE{};
     framesFilled_ += frames;
@@ -73,6 +111,7 @@ PcmSink* Timeline::fill(std::uint64_t frames, int rate) {
 }
 
 PcmSink* Timeline::hand(const std::int16_t* frames, std::size_t count, int rate) {
+    rateFrames_ += count;
     for (PcmSink* const sink : sinks_) {
         if (sink->write(frames, count, rate) != SinkState::Open) {
             return sink;

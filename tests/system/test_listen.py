@@ -1,11 +1,16 @@
 """The listening client against the real server."""
 
 import array
+import contextlib
+import fcntl
 import json
+import os
 import re
 import resource
 import signal
+import statistics
 import subprocess
+import termios
 import time
 
 from harness import (DEFAULT_PORT, PATIENCE, Process, Server, SoundServer, SystemTest,
@@ -90,6 +95,22 @@ class Recording(ListenTest):
         expected = self.path("a.wav").stat().st_size - 44
         self.assertEqual(len(recorded) * 2, expected)
 
+    def test_termination_completes_compressed_files(self):
+        for name in ("a.flac", "a.ogg"):
+            with start_listening("--no-play", "--record", self.path(name)) as client:
+                client.out.wait_for(re.compile("^connected .* Hz"))
+                self.assertEqual(client.stop(signal.SIGTERM), 0)
+                report = report_of("\n".join(client.out.all()))
+            written = int(report["frames"]) + int(report["filled-frames"])
+            self.assertGreater(written, 0)
+            data = self.path(name).read_bytes()
+            if name == "a.flac":
+                # The number of samples, which is written at the end: 36 bits at byte 21.
+                self.assertEqual(int.from_bytes(data[21:26], "big") & (1 << 36) - 1, written)
+            else:
+                last = data.rfind(b"OggS")
+                self.assertTrue(data[last + 5] & 4, "the last page is marked as the end")
+
     def test_a_full_disc_is_an_error(self):
         def limit():
             die_with_parent()
@@ -153,10 +174,35 @@ class Pipe(ListenTest):
     def test_a_pipe_that_nobody_reads_does_not_hold_up_the_end(self):
         client = subprocess.Popen(listen_command("--stdout", "--quiet"), env=clean_environment(),
                                   stdout=subprocess.PIPE, preexec_fn=die_with_parent)
-        time.sleep(2)
+        def waiting():
+            count = array.array("i", [0])
+            fcntl.ioctl(client.stdout, termios.FIONREAD, count)
+            return count[0]
+        full = fcntl.fcntl(client.stdout, fcntl.F_GETPIPE_SZ)
+        # The last piece may find no room.
+        wait_until(lambda: waiting() > full - 4096, "the pipe is full")
         client.send_signal(signal.SIGTERM)
         self.assertEqual(client.wait(PATIENCE), 0)
         client.stdout.close()
+
+    def test_figures_that_nobody_reads_stop_neither_the_recording_nor_the_end(self):
+        reader, writer = os.pipe()
+        os.set_blocking(writer, False)
+        with contextlib.suppress(BlockingIOError):
+            while True:
+                os.write(writer, bytes(4096))
+        os.set_blocking(writer, True)
+        recording = self.path("a.wav")
+        client = subprocess.Popen(
+            listen_command("--no-play", "--stats=json", "--record", recording),
+            env=clean_environment(), stdout=writer, preexec_fn=die_with_parent)
+        os.close(writer)
+        # The first figures come after a second: three seconds of sound are well behind them.
+        wait_until(lambda: recording.exists() and recording.stat().st_size > 3 * self.rate * 4,
+                   "the recording goes on")
+        client.send_signal(signal.SIGTERM)
+        self.assertEqual(client.wait(PATIENCE), 0)
+        os.close(reader)
 
 
 class Playback(ListenTest):
@@ -191,18 +237,20 @@ class Playback(ListenTest):
         self.assertGreater(len(sound) / 2 / 48000, seconds - 3.5)
         self.assertLess(len(sound) / 2 / 48000, seconds + 1)
         middle = sound[len(sound) // 8 * 2:]
-        left = channel(middle, 0)[:48000 * 2]
-        right = channel(middle, 1)[:48000 * 2]
-        self.assertAlmostEqual(dominant_frequency(left, 48000), 1000, delta=0.6)
-        self.assertAlmostEqual(dominant_frequency(right, 48000), 400, delta=0.3)
-        for side in (left, right):
-            self.assertAlmostEqual(rms(side) / (12000 / 2 ** 0.5), 1, delta=0.12)
+        for number, frequency in ((0, 1000), (1, 400)):
+            side = channel(middle, number)[:48000 * 2]
+            # A busy machine's sound server drops out now and then; that spoils a few windows only.
+            windows = [side[at:at + 9600] for at in range(0, len(side) - 9599, 9600)]
+            measured = statistics.median(dominant_frequency(w, 48000) for w in windows)
+            self.assertAlmostEqual(measured, frequency, delta=frequency * 0.0006)
+            level = statistics.median(rms(w) for w in windows)
+            self.assertAlmostEqual(level / (12000 / 2 ** 0.5), 1, delta=0.12)
 
     def test_raw_sound_is_heard_as_it_was_played(self):
         heard, figures = self.hear(8)
         self.check_tone(heard, 8)
         self.assertEqual(set(figures[-1]["playback"]), PLAYBACK_FIGURES)
-        self.assertTrue(figures[-1]["playback"]["playing"])
+        self.assertTrue(any(f["playback"]["playing"] for f in figures))
 
     def test_opus_sound_is_heard_as_it_was_played(self):
         heard, _ = self.hear(8, "--rate", 128, "--best-effort")
@@ -239,9 +287,35 @@ class Persistence(ListenTest):
             elapsed = time.monotonic() - begin
             self.assertEqual(client.stop(), 0)
             report = report_of("\n".join(client.out.all()))
-        self.assertEqual(report["reconnects"], "1")
+        self.assertGreaterEqual(int(report["reconnects"]), 1)
         recorded, rate = read_wav(self.path("a.wav"))
         self.assertAlmostEqual(len(recorded) / 2 / rate, elapsed, delta=2.5)
+
+    def test_a_server_that_comes_back_with_another_rate_goes_on_in_the_same_recording(self):
+        with start_listening("--no-play", "--record", self.path("a.wav")) as client:
+            client.out.wait_for(re.compile("^connected .* 48000 Hz"))
+            begin = time.monotonic()
+            self.server.kill()
+            server = self.enterContext(Server(sound=self.sound, rate=44100))
+            server.wait_for_capture()
+            client.out.wait_for(re.compile("^connected .* 44100 Hz"), timeout=4 * PATIENCE)
+            elapsed = time.monotonic() - begin
+            self.assertEqual(client.stop(), 0)
+        recorded, rate = read_wav(self.path("a.wav"))
+        self.assertEqual(rate, 48000)
+        self.assertAlmostEqual(len(recorded) / 2 / rate, elapsed, delta=2.5)
+
+    def test_an_end_during_an_outage_leaves_the_recording_whole(self):
+        with start_listening("--no-play", "--record", self.path("a.wav")) as client:
+            client.out.wait_for(re.compile("^connected .* Hz"))
+            begin = time.monotonic()
+            self.server.kill()
+            client.err.wait_for(re.compile(f"{SERVER_GONE}, trying again"))
+            time.sleep(2)
+            elapsed = time.monotonic() - begin
+            self.assertEqual(client.stop(), 0)
+        recorded, rate = read_wav(self.path("a.wav"))
+        self.assertGreater(len(recorded) / 2 / rate, elapsed - 0.5)
 
     def test_once_ends_with_the_server(self):
         with start_listening("--no-play", "--once") as client:
@@ -362,7 +436,7 @@ class NoServer(SystemTest):
 
     def test_a_stop_while_connecting_ends_at_once(self):
         with start_listening("--no-play") as client:
-            time.sleep(0.5)
+            client.out.wait_for(re.compile("^waiting "))
             self.assertEqual(client.stop(signal.SIGINT), 1)
 
     def test_a_wrong_command_line_has_status_2(self):

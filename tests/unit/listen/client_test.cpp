@@ -1,7 +1,9 @@
 #include "listen/client.h"
 
 #include <atomic>
+#include <future>
 #include <thread>
+#include <unistd.h>
 
 #include <enet/enet.h>
 #include <gtest/gtest.h>
@@ -15,7 +17,7 @@ namespace {
 /// A server on the loopback interface that leaves its first `silent` clients without audio.
 class TestServer {
   public:
-    explicit TestServer(int silent) : silent_(silent) {
+    explicit TestServer(int silent, bool replaces = false) : silent_(silent), replaces_(replaces) {
         enet_initialize();
         ENetAddress address = {};
         enet_address_set_host(&address, "127.0.0.1");
@@ -53,6 +55,9 @@ class TestServer {
 
     void handle(const ENetEvent& event) {
         if (event.type == ENET_EVENT_TYPE_CONNECT) {
+            if (replaces_) {
+                enet_peer_disconnect(event.peer, wire::DISCONNECT_REPLACED);
+            }
             listening_ = ++clients > silent_ ? event.peer : nullptr;
         } else if (event.type == ENET_EVENT_TYPE_DISCONNECT) {
             listening_ = event.peer == listening_ ? nullptr : listening_;
@@ -62,6 +67,7 @@ class TestServer {
     }
 
     int silent_;
+    bool replaces_;  ///< Gives each client's place away at once.
     ENetHost* host_ = nullptr;
     ENetPeer* listening_ = nullptr;
     std::thread thread_;
@@ -84,7 +90,7 @@ TEST(Client, AConnectionThatStaysSilentIsMadeAnew) {
     TestServer server(1);
     const vxlisten::Options options = optionsFor(server, 8);
     EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_OK);
-    EXPECT_EQ(server.clients, 2);
+    EXPECT_GE(server.clients, 2);
 }
 
 TEST(Client, AConnectionWithSoundIsKept) {
@@ -92,4 +98,49 @@ TEST(Client, AConnectionWithSoundIsKept) {
     const vxlisten::Options options = optionsFor(server, 5);
     EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_OK);
     EXPECT_EQ(server.clients, 1);
+}
+
+TEST(Client, ALookUpThatHangsDoesNotHoldUpTheNextAttempt) {
+    TestServer server(1);
+    const vxlisten::Options options = optionsFor(server, 8);
+    std::promise<void> over;
+    auto lookUps = std::make_shared<std::atomic<int>>(0);
+    const auto hang = [lookUps, wait = over.get_future().share()](const vxlisten::Options&,
+                                                                  const std::string&) {
+        ++*lookUps;
+        wait.wait();
+        return std::string();
+    };
+    EXPECT_EQ(vxlisten::Client(options, hang).run(), vxlisten::STATUS_OK);
+    over.set_value();
+    EXPECT_GE(server.clients, 2);
+    EXPECT_EQ(*lookUps, 1);
+}
+
+TEST(Client, BeingReplacedBeforeTheFirstSoundIsNoError) {
+    TestServer server(1, true);
+    const vxlisten::Options options = optionsFor(server, 20);
+    EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_OK);
+}
+
+TEST(Client, NoSoundAtAllIsAnError) {
+    TestServer server(1000);
+    const vxlisten::Options options = optionsFor(server, 1);
+    EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_FAILURE);
+}
+
+TEST(Client, AReaderThatGoesBeforeTheFirstSoundIsNoError) {
+    TestServer server(1000);
+    vxlisten::Options options = optionsFor(server, 20);
+    options.toStdout = true;
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const int saved = dup(STDOUT_FILENO);
+    dup2(ends[1], STDOUT_FILENO);
+    close(ends[0]);
+    close(ends[1]);
+    const int status = vxlisten::Client(options).run();
+    dup2(saved, STDOUT_FILENO);
+    close(saved);
+    EXPECT_EQ(status, vxlisten::STATUS_OK);
 }

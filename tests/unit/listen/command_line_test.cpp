@@ -4,6 +4,7 @@
 
 #include "listen/retry_pause.h"
 #include "listen/statistics.h"
+#include "listen/utf8.h"
 
 using vxlisten::CommandLine;
 
@@ -75,6 +76,13 @@ TEST(CommandLine, NonsenseIsAUsageError) {
     }
 }
 
+TEST(CommandLine, AnAddressOfTheOtherKindIsRefusedWithTheReason) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(read({"fe80::1"}).status, vxlisten::STATUS_USAGE);
+    EXPECT_NE(testing::internal::GetCapturedStderr().find("only names and IPv4 addresses"),
+              std::string::npos);
+}
+
 TEST(CommandLine, HelpAndVersionEndWell) {
     EXPECT_EQ(read({"--help"}).status, vxlisten::STATUS_OK);
     EXPECT_EQ(read({"--version"}).status, vxlisten::STATUS_OK);
@@ -98,6 +106,43 @@ TEST(Statistics, JsonTextIsEscaped) {
     const std::string json = vxlisten::toJson(statistics, "stats");
     EXPECT_NE(json.find(R"("host":"a\"b\\c\u000a\u00ff")"), std::string::npos) << json;
     EXPECT_NE(json.find(R"("playback":null)"), std::string::npos);
+}
+
+TEST(Statistics, NamesInOtherScriptsPassIntoJsonAsTheyAre) {
+    vxlisten::Statistics statistics;
+    statistics.hostName =
+        "K\xc3\xbc"
+        "che \xe2\x82\xac \xf0\x9f\x8e\xb5 \xc3(";
+    const std::string json = vxlisten::toJson(statistics, "stats");
+    EXPECT_NE(json.find("\"host\":\"K\xc3\xbc"
+                        "che \xe2\x82\xac \xf0\x9f\x8e\xb5 \\u00c3(\""),
+              std::string::npos)
+        << json;
+}
+
+TEST(Text, IsCutBetweenCharacters) {
+    EXPECT_EQ(vxlisten::cutText("a\xc3\xbc"
+                                "b",
+                                2),
+              "a");
+    EXPECT_EQ(vxlisten::cutText("a\xc3\xbc"
+                                "b",
+                                3),
+              "a\xc3\xbc");
+    EXPECT_EQ(vxlisten::cutText("a\xc3\xbc"
+                                "b",
+                                4),
+              "a\xc3\xbc"
+              "b");
+    EXPECT_EQ(vxlisten::cutText("\xff\xff\xff", 2), "\xff\xff");
+}
+
+TEST(Text, OverlongFormsAndSurrogatesAreNoCharacters) {
+    EXPECT_EQ(vxlisten::characterLength("\xc0\x80", 0), 0u);
+    EXPECT_EQ(vxlisten::characterLength("\xe0\x80\x80", 0), 0u);
+    EXPECT_EQ(vxlisten::characterLength("\xed\xa0\x80", 0), 0u);
+    EXPECT_EQ(vxlisten::characterLength("\xf5\x80\x80\x80", 0), 0u);
+    EXPECT_EQ(vxlisten::characterLength("\xe2\x82", 0), 0u);
 }
 
 TEST(Statistics, RatesAreNamedAsOnTheCommandLine) {

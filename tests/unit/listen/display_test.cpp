@@ -90,3 +90,10 @@ TEST(PeakHold, HoldsThenSinks) {
     EXPECT_EQ(hold.update(-40, 4 * vxlisten::SECOND), -40);
     EXPECT_EQ(hold.update(-3, 5 * vxlisten::SECOND), -3);
 }
+
+TEST(Display, ADeviceThatIsAwayIsSaid) {
+    Statistics s = busy();
+    s.playback->playing = false;
+    s.playback->device = false;
+    EXPECT_NE(joined(layOutDisplay(s, s.peakDbfs, 80)).find("no output device"), std::string::npos);
+}

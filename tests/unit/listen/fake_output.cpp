@@ -11,7 +11,6 @@ namespace {
 PaStreamCallback* callback = nullptr;
 void* callbackData = nullptr;
 int streamPlace = 0;
-bool initialised = false;
 std::atomic<int> callers{0};
 
 /// Notes that PortAudio must not be used by two threads at once.
@@ -37,17 +36,17 @@ void FakeOutput::ask(bool underflow) {
 
 PaError Pa_Initialize() {
     const Entry entry;
-    EXPECT_FALSE(initialised);
+    EXPECT_FALSE(fakeOutput().initialised);
     ++fakeOutput().tries;
-    initialised = true;
+    fakeOutput().initialised = true;
     return paNoError;
 }
 
 PaError Pa_Terminate() {
     const Entry entry;
-    EXPECT_TRUE(initialised);
+    EXPECT_TRUE(fakeOutput().initialised);
     EXPECT_EQ(fakeOutput().open, 0);
-    initialised = false;
+    fakeOutput().initialised = false;
     return paNoError;
 }
 
@@ -76,7 +75,7 @@ PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters*,
                       const PaStreamParameters* output, double, unsigned long, PaStreamFlags,
                       PaStreamCallback* function, void* data) {
     const Entry entry;
-    EXPECT_TRUE(initialised);
+    EXPECT_TRUE(fakeOutput().initialised);
     EXPECT_EQ(++fakeOutput().open, 1);
     fakeOutput().latency = output->suggestedLatency;
     callback = function;

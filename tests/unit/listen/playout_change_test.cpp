@@ -82,6 +82,7 @@ TEST_F(PlayoutChange, RawToOpusAndBackIsClean) {
     play(2, 3, rawTone());
     EXPECT_NEAR(frequencyNow(), 1000.0, 0.5);
     EXPECT_LT(largestStep(played_), SMOOTH_STEP);
+    EXPECT_EQ(playout_.figures().underruns, 0u);
 }
 
 TEST_F(PlayoutChange, AnotherSampleRatePlaysAtItsOwnPitch) {
@@ -89,6 +90,7 @@ TEST_F(PlayoutChange, AnotherSampleRatePlaysAtItsOwnPitch) {
     play(2, 2, opusTone(2, 0, false));
     EXPECT_NEAR(frequencyNow(), 1000.0 * 44100 / 48000, 0.5);
     EXPECT_LT(largestStep(played_), SMOOTH_STEP);
+    EXPECT_EQ(playout_.figures().underruns, 0u);
 }
 
 TEST_F(PlayoutChange, AnotherBitRateInTheSameStreamGoesOnWithoutAPause) {
@@ -128,4 +130,29 @@ TEST_F(PlayoutChange, LostOpusPacketsAreConcealedWithoutClicks) {
     EXPECT_NEAR(static_cast<double>(playout_.figures().concealed), static_cast<double>(lost), 10.0);
     EXPECT_NEAR(frequencyNow(), 1000.0, 5.0);
     EXPECT_LT(largestStep(played_), SMOOTH_STEP * 3 / 2);
+}
+
+TEST(BlockSource, ASkipThatBeginsOrEndsAtALostPacketMakesNoClick) {
+    for (const std::uint32_t lost : {7U, 8U, 9U, 11U}) {
+        auto source = std::make_unique<vxlisten::BlockSource>();
+        for (std::uint32_t seq = 0; seq < 20; ++seq) {
+            const Bytes bytes = packets::make(seq, wire::makeFlags(true, true, 0),
+                                              packets::toBytes(packets::tone(338, seq * 338)));
+            vxlisten::StoredPacket stored;
+            stored.assign(*vxlisten::parseAudioPacket(bytes.data(), bytes.size()), 1, 0);
+            if (seq != lost) {
+                source->insert(stored);
+            }
+        }
+        source->resume();
+        std::vector<std::int16_t> played;
+        for (int i = 0; i < 12; ++i) {
+            if (i == 8) {
+                source->skip(3);
+            }
+            const auto block = source->next();
+            played.insert(played.end(), block.frames, block.frames + block.count * 2);
+        }
+        EXPECT_LT(largestStep(played), SMOOTH_STEP) << "packet " << lost << " lost";
+    }
 }

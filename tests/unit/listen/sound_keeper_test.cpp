@@ -1,10 +1,12 @@
 #include "listen/sound_keeper.h"
 
 #include <chrono>
+#include <cstdio>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "listen/background.h"
 #include "listen/clock.h"
 #include "tests/unit/listen/fake_output.h"
 #include "tests/unit/listen/packets.h"
@@ -101,6 +103,7 @@ TEST_F(SoundKeeperTest, WhileTheDeviceIsAwayThePausesGrowAndPacketsAreTaken) {
     const auto packet = vxlisten::parseAudioPacket(bytes.data(), bytes.size());
     EXPECT_EQ(watch(30 * SECOND), std::vector<std::string>({GONE}));
     keeper_->push(*packet, 1, now_);
+    EXPECT_FALSE(keeper_->figures().device);
     EXPECT_FALSE(keeper_->figures().playing);
     EXPECT_LE(device_.tries, 12) << "with equal pauses there would be 120";
     device_.present = true;
@@ -134,16 +137,40 @@ TEST_F(SoundKeeperTest, ADeviceThatRunsDryAgainAndAgainIsAskedForMoreLatency) {
     EXPECT_EQ(keeper_->figures().underruns, 3u) << "counts go on over the openings";
 }
 
-TEST_F(SoundKeeperTest, ASoundLibraryThatHangsDoesNotHoldUpTheEnd) {
+TEST_F(SoundKeeperTest, ADeviceThatIsAwayWhenMoreLatencyIsWantedIsToldOf) {
     openKeeper();
+    watch(4 * SECOND);
+    for (int i = 0; i < 3; ++i) {
+        device_.ask(true);
+    }
+    device_.present = false;
+    const auto told = watchUntilTold(GONE);
+    ASSERT_EQ(told.size(), 2u);
+    EXPECT_EQ(told[1], GONE);
+    EXPECT_TRUE(watch(5 * SECOND).empty()) << "once is enough";
+    device_.present = true;
+    EXPECT_EQ(watchUntilTold(AGAIN), std::vector<std::string>({AGAIN}));
+}
+
+TEST_F(SoundKeeperTest, ASoundLibraryThatHangsDoesNotHoldUpTheEnd) {
+    std::FILE* const usual = stderr;
+    openKeeper();
+    EXPECT_FALSE(vxlisten::workAbandoned());
     device_.closeHangs = true;
     const std::int64_t begin = vxlisten::steadyNow();
     keeper_.reset();
     EXPECT_LT(vxlisten::steadyNow() - begin, 20 * SECOND);
+    EXPECT_TRUE(vxlisten::workAbandoned());
+    EXPECT_NE(stderr, usual) << "what the library writes to must stay";
+    EXPECT_GE(std::fputs("", stderr), 0);
+    stderr = usual;
     device_.closeHangs = false;
     for (int i = 0; i < 5000 && device_.open > 0; ++i) {
         std::this_thread::sleep_for(std::chrono::milliseconds(2));
     }
     // The background still has PortAudio to end before the next test begins.
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    for (int i = 0; i < 5000 && device_.initialised; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    EXPECT_FALSE(device_.initialised);
 }

@@ -65,6 +65,60 @@ TEST_F(TimelineTest, APauseBetweenTwoConnectionsBecomesSilenceByTheClock) {
     EXPECT_EQ(frames(), 338u + 96000);
 }
 
+TEST_F(TimelineTest, AnOutageIsWrittenInStepWithTime) {
+    take(packets::raw(500));
+    std::size_t most = 0;
+    for (int i = 0; i < 100; ++i) {
+        now_ += 100'000;
+        const std::size_t before = frames();
+        EXPECT_EQ(timeline_.pass(now_), nullptr);
+        most = std::max(most, frames() - before);
+    }
+    EXPECT_LE(most, 4801u);
+    EXPECT_GE(frames(), 9u * 48000) << "an end during the outage leaves nothing out";
+    tracker_.restart();
+    take(packets::raw(0));
+    EXPECT_NEAR(static_cast<double>(frames()), 338.0 + 480000, 2.0);
+}
+
+TEST_F(TimelineTest, AfterASlowReaderTheSilenceOfAnOutageComesASecondAtATime) {
+    take(packets::raw(0));
+    now_ += 10'000'000;
+    for (std::size_t second = 1; second <= 5; ++second) {
+        timeline_.pass(now_);
+        EXPECT_EQ(frames(), 338 + second * 48000);
+    }
+}
+
+TEST_F(TimelineTest, NothingIsWrittenBeforeTheFirstSound) {
+    EXPECT_EQ(timeline_.pass(now_), nullptr);
+    EXPECT_EQ(frames(), 0u);
+}
+
+TEST_F(TimelineTest, ASinkThatTakesNoMoreSilenceIsTold) {
+    take(packets::raw(0));
+    sink_.limit = 338 + 480;
+    now_ += 1'000'000;
+    EXPECT_EQ(timeline_.pass(now_), &sink_);
+}
+
+TEST_F(TimelineTest, AGapBehindPacketsThatHadToWaitIsFilledWhole) {
+    take(packets::raw(0));
+    now_ += 7'000'000;
+    for (std::uint32_t seq = 1; seq <= 10; ++seq) {
+        take(packets::raw(seq));
+    }
+    take(packets::raw(901));
+    EXPECT_EQ(frames(), 902u * 338);
+}
+
+TEST_F(TimelineTest, ForgedGapsOneAfterTheOtherAreNoLongerThanTimeAllows) {
+    for (std::uint32_t i = 0; i < 10; ++i) {
+        take(packets::raw(i * 1000));
+    }
+    EXPECT_LE(frames(), 11u * 338 + 2 * 48000);
+}
+
 TEST_F(TimelineTest, AForgedGapIsNoLongerThanTimeAllows) {
     take(packets::raw(0));
     take(packets::raw(8000));
