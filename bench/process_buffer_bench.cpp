@@ -14,9 +14,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <fstream>
-#include <iostream>
 #include <string>
 #include <time.h>
 #include <unistd.h>
@@ -26,6 +24,7 @@
 
 #include "bench/bench_clients.h"
 #include "bench/bench_server.h"
+#include "bench/benchmark_table.h"
 #include "bench/call_timers.h"
 #include "stream/network_host.h"
 #include "stream/send_path.h"
@@ -143,15 +142,6 @@ void addRows() {
     }
 }
 
-/// Keeps standard output for the table: what the server prints goes nowhere.
-std::ofstream takeStandardOutput() {
-    const int kept = ::dup(STDOUT_FILENO);
-    const int nowhere = ::open("/dev/null", O_WRONLY);
-    ::dup2(nowhere, STDOUT_FILENO);
-    ::close(nowhere);
-    return std::ofstream("/proc/self/fd/" + std::to_string(kept), std::ios::app);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -159,9 +149,6 @@ int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
     createBenchServer();
     addRows();
-    benchmark::ConsoleReporter reporter(benchmark::ConsoleReporter::OO_Tabular);
-    reporter.SetOutputStream(&table);
-    reporter.SetErrorStream(&std::cerr);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    runBenchmarks(table);
     return 0;
 }

@@ -17,10 +17,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <fcntl.h>
 #include <fstream>
-#include <iostream>
-#include <string>
 #include <thread>
 #include <unistd.h>
 
@@ -29,6 +26,7 @@
 #include <benchmark/benchmark.h>
 
 #include "app/console.h"
+#include "bench/benchmark_table.h"
 #include "gui/VelantrixServer.h"
 
 namespace {
@@ -108,15 +106,6 @@ void windowReport(benchmark::State& state) {
     worker.join();
 }
 
-/// Keeps standard output for the table: what the server prints goes nowhere.
-std::ofstream takeStandardOutput() {
-    const int kept = ::dup(STDOUT_FILENO);
-    const int nowhere = ::open("/dev/null", O_WRONLY);
-    ::dup2(nowhere, STDOUT_FILENO);
-    ::close(nowhere);
-    return std::ofstream("/proc/self/fd/" + std::to_string(kept), std::ios::app);
-}
-
 void addRows() {
     benchmark::RegisterBenchmark("printed_line/deferred", deferredLine)->Iterations(20000);
     benchmark::RegisterBenchmark("printed_line/direct", directLine)->Iterations(20000);
@@ -146,10 +135,7 @@ int main(int argc, char** argv) {
     window = new VelantrixServer(nullptr);  // Left to the end of the process: no sound to close.
     window->show();
     addRows();
-    benchmark::ConsoleReporter reporter(benchmark::ConsoleReporter::OO_Tabular);
-    reporter.SetOutputStream(&table);
-    reporter.SetErrorStream(&std::cerr);
-    benchmark::RunSpecifiedBenchmarks(&reporter);
+    runBenchmarks(table);
     table.flush();
     ::_exit(0);
 }
