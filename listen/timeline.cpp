@@ -3,27 +3,28 @@
 #include <algorithm>
 #include <array>
 
+#include "listen/clock.h"
+
 namespace vxlisten {
 
 namespace {
 
-constexpr std::int64_t MICROSECONDS = 1000000;
 /// What may arrive at once after a stall and so seems to be missing for longer than it was.
-constexpr std::int64_t BURST_ALLOWANCE = 2 * MICROSECONDS;
+constexpr std::int64_t BURST_ALLOWANCE = 2 * SECOND;
 /// How much faster than this machine's clock, one part in so many, a server's clock may run.
 constexpr std::int64_t CLOCK_TOLERANCE = 1000;
 /// Silence is held back so long: the next connection's first packet may hold sound of that time.
-constexpr std::int64_t PASS_MARGIN = MICROSECONDS / 10;
+constexpr std::int64_t PASS_MARGIN = 100 * MILLISECOND;
 constexpr std::size_t CHANNELS = 2;
 constexpr std::size_t PIECE_FRAMES = 480;
 
 std::uint64_t framesIn(std::int64_t microseconds, int rate) {
     return static_cast<std::uint64_t>(std::max<std::int64_t>(0, microseconds)) *
-           static_cast<std::uint64_t>(rate) / MICROSECONDS;
+           static_cast<std::uint64_t>(rate) / SECOND;
 }
 
 std::int64_t lengthOf(std::uint64_t frames, int rate) {
-    return rate > 0 ? static_cast<std::int64_t>(frames) * MICROSECONDS / rate : 0;
+    return rate > 0 ? static_cast<std::int64_t>(frames) * SECOND / rate : 0;
 }
 
 }  // namespace
@@ -88,7 +89,7 @@ PcmSink* Timeline::take(const AudioPacket& packet, const SequenceStep& step, std
 }
 
 PcmSink* Timeline::pass(std::int64_t now) {
-    const std::int64_t due = std::min(now - PASS_MARGIN - lastArrival_, MICROSECONDS);
+    const std::int64_t due = std::min(now - PASS_MARGIN - lastArrival_, SECOND);
     if (!started_ || due <= 0) {
         return nullptr;
     }
