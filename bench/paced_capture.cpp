@@ -37,6 +37,7 @@ CaptureTable* table = nullptr;
 PaStreamCallback* callback = nullptr;
 double sampleRate = 48000;
 double speed = 1;
+double phase = -1;  ///< Negative: none.
 pthread_t captureThread;
 std::atomic<bool> stopRequested{false};
 thread_local bool inCallback = false;
@@ -123,10 +124,20 @@ void runCallback(std::uint64_t number, std::int16_t* block, std::int64_t period)
     table->callbacks.store(number + 1, std::memory_order_release);
 }
 
+/// Now, or the next moment with the wanted phase.
+std::int64_t firstDue(std::int64_t period) {
+    const std::int64_t now = clockNs(CLOCK_MONOTONIC);
+    if (phase < 0) {
+        return now;
+    }
+    const auto offset = static_cast<std::int64_t>(phase * static_cast<double>(period));
+    return (now / period + 1) * period + offset;
+}
+
 void* runCapture(void*) {
     std::vector<std::int16_t> sound = testsound::make();
     const auto period = static_cast<std::int64_t>(BLOCK_FRAMES * NS_PER_SECOND / sampleRate);
-    const std::int64_t start = clockNs(CLOCK_MONOTONIC);
+    const std::int64_t start = firstDue(period);
     for (std::uint64_t number = 0; !stopRequested.load(); ++number) {
         if (speed > 0) {
             const std::int64_t due =
@@ -164,6 +175,8 @@ PaError Pa_Initialize() {
     }
     const char* const wanted = std::getenv("PACED_CAPTURE_SPEED");
     speed = wanted == nullptr ? 1 : std::atof(wanted);
+    const char* const share = std::getenv("PACED_CAPTURE_PHASE");
+    phase = share == nullptr ? -1 : std::atof(share);
     return paNoError;
 }
 

@@ -37,17 +37,38 @@ def enter_private_network():
     os.execvp("unshare", ["unshare", flags, sys.executable, *sys.argv])
 
 
+class PrivateNetwork:
+    """One more network namespace, for a session that must not meet others on its ports.
+
+    A context manager; `prefix` are the words that run a command inside it.
+    """
+
+    def __enter__(self):
+        self.holder = subprocess.Popen(
+            ["unshare", "-n", "sh", "-c", "ip link set lo up && "
+             "ip route add 231.232.233.235/32 dev lo && echo ready && exec cat"],
+            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
+        if self.holder.stdout.readline() != b"ready\n":
+            raise RuntimeError("no network namespace")
+        self.prefix = ["nsenter", f"--net=/proc/{self.holder.pid}/ns/net", "--"]
+        return self
+
+    def __exit__(self, *_):
+        self.holder.stdin.close()
+        self.holder.wait(timeout=20)
+        self.holder.stdout.close()
+
+
 class Client:
     """One stream_client process, which keeps account of every packet when it has an `output`."""
 
-    def __init__(self, build, port, rate_code, reliable, table=None, output=None):
-        self.rate_code = rate_code
+    def __init__(self, build, port, rate_code, reliable, table=None, output=None, prefix=()):
         self.reliable = reliable
         self.output = output
         account = [table, output] if output else []
         self.process = subprocess.Popen(
-            [build / "stream_client", str(port), str(rate_code), "1" if reliable else "0",
-             *account], stdin=subprocess.PIPE, stderr=subprocess.DEVNULL)
+            [*prefix, build / "stream_client", str(port), str(rate_code),
+             "1" if reliable else "0", *account], stdin=subprocess.PIPE, stderr=subprocess.DEVNULL)
 
     def stop(self):
         self.process.stdin.close()
@@ -64,13 +85,15 @@ class Session:
 
     `output` is a descriptor that takes the server's lines instead of the session's log file;
     `account` tells the clients to keep account of every packet; `window` starts the server with
-    its window, which nobody sees.
+    its window, which nobody sees. `phase` shifts its blocks by a share of their period against the
+    machine's clock, and `prefix` are words before each command (of a PrivateNetwork), so that
+    several sessions can run at once without doing their work at the same moments.
     """
 
     PORT = 59010
 
     def __init__(self, build, clients, speed=1.0, server=None, output=None,
-                 account=True, window=False):
+                 account=True, window=False, phase=None, prefix=()):
         self.build = Path(build).resolve()
         self.folder = tempfile.TemporaryDirectory(prefix="velantrix-bench-")
         self.table_path = os.path.join(self.folder.name, "table")
@@ -78,17 +101,18 @@ class Session:
             os.environ, HOME=self.folder.name, XDG_CONFIG_HOME=self.folder.name,
             LD_PRELOAD=str(self.build / "libpaced_capture.so"),
             PACED_CAPTURE_TABLE=self.table_path, PACED_CAPTURE_SPEED=str(speed),
-            VELANTRIX_SERVER_SAMPLE_RATE="48000", QT_QPA_PLATFORM="offscreen")
+            VELANTRIX_SERVER_SAMPLE_RATE="48000", QT_QPA_PLATFORM="offscreen",
+            **({} if phase is None else {"PACED_CAPTURE_PHASE": str(phase)}))
         self.log = open(os.path.join(self.folder.name, "server.log"), "w", encoding="utf-8")
         self.server = subprocess.Popen(
-            [server or self.build / "VelantrixServer", *([] if window else ["-nogui"])],
+            [*prefix, server or self.build / "VelantrixServer", *([] if window else ["-nogui"])],
             env=environment, stdout=output or self.log, stderr=subprocess.STDOUT)
         self._wait_for_callbacks()
         with open(self.table_path, "rb") as file:
             self.table = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
         self.clients = [
             Client(self.build, self.PORT, rate_code, reliable, self.table_path,
-                   os.path.join(self.folder.name, f"client-{number}") if account else None)
+                   os.path.join(self.folder.name, f"client-{number}") if account else None, prefix)
             for number, (rate_code, reliable) in enumerate(clients)]
 
     def __enter__(self):
