@@ -115,7 +115,7 @@ class Sound(FaultTest):
 
 
 class Network(FaultTest):
-    """The cable to one client fails; another one, on this machine, must not notice."""
+    """The cable to one client fails; others, on this machine, must not notice."""
 
     def setUp(self):
         super().setUp()
@@ -125,7 +125,12 @@ class Network(FaultTest):
             Probe(self.folder / "far", prefix=self.other.command()))
         (self.folder / "far").mkdir()
         self.far = self.far_client()
-        self.witness = self.client()
+        self.witnesses = [self.client(), self.client(0, reliable=False)]
+        self.witnesses[1].refuse_thinning()
+
+    def assert_nobody_else_noticed(self):
+        for witness in self.witnesses:
+            self.assert_gapless(witness, mark=20)
 
     def far_client(self):
         return self.client(probe=self.far_probe, host=HERE_ADDRESS)
@@ -141,7 +146,7 @@ class Network(FaultTest):
         self.far.wait_packets(100)
         self.assertFalse(self.far.is_disconnected())
         self.assertIn(NO_SERVICE, self.server.out.all())
-        self.assert_gapless(self.witness)
+        self.assert_nobody_else_noticed()
         self.assert_ends_cleanly(self.server)
 
     def test_interface_that_stays_away_costs_its_client_the_connection(self):
@@ -149,7 +154,7 @@ class Network(FaultTest):
         self.wait_given_up(THERE_ADDRESS)
         ip("link", "set", "vxhere", "up")
         self.assert_gapless(self.far_client())
-        self.assert_gapless(self.witness)
+        self.assert_nobody_else_noticed()
         self.assert_ends_cleanly(self.server)
 
     def test_client_with_a_new_address_connects_anew_and_the_old_one_is_given_up(self):
@@ -159,7 +164,7 @@ class Network(FaultTest):
         again = self.far_client()
         self.wait_given_up(THERE_ADDRESS)
         self.assert_gapless(again)
-        self.assert_gapless(self.witness)
+        self.assert_nobody_else_noticed()
         self.assert_ends_cleanly(self.server)
 
     @unittest.skipUnless(LONG, "in the long version: VELANTRIX_LONG_FAULTS=1")
@@ -171,7 +176,7 @@ class Network(FaultTest):
             client.wait_disconnected()
             self.assert_gapless(self.client(port=router.port))
             self.server.out.wait_for(re.compile(r"^Client 127\.0\.0\.1:\d+ disconnected$"), line)
-        self.assert_gapless(self.witness)
+        self.assert_nobody_else_noticed()
 
 
 class Clock(FaultTest):
@@ -261,6 +266,11 @@ class Limits(FaultTest):
         hard = resource.prlimit(self.server.pid, what)[1]
         resource.prlimit(self.server.pid, what, (soft, hard))
 
+    def limit_memory(self, most):
+        # The address space alone does not stop the heaps of threads, which have theirs reserved.
+        for what in (resource.RLIMIT_AS, resource.RLIMIT_DATA):
+            self.limit(what, most)
+
     def ask(self, query, port=0):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asker:
             asker.bind(("0.0.0.0", port))
@@ -316,7 +326,7 @@ class Limits(FaultTest):
     def test_no_more_memory_while_streaming(self):
         self.start()
         listener = self.client()
-        self.limit(resource.RLIMIT_AS, 1)
+        self.limit_memory(1)
         for _ in range(3):
             client = self.client(1)
             self.assert_gapless(client)
@@ -324,8 +334,27 @@ class Limits(FaultTest):
             client.wait_disconnected()
         self.assertEqual(self.ask(QUERY2), RESPONSE)
         self.assert_gapless(listener)
-        self.limit(resource.RLIMIT_AS, resource.RLIM_INFINITY)
+        self.limit_memory(resource.RLIM_INFINITY)
         self.assert_gapless(self.client(2))
+        self.assert_ends_cleanly(self.server)
+
+    def test_memory_runs_out_while_clients_stand_still(self):
+        self.start()
+        listener = self.client()
+        still = [self.client() for _ in range(SLOTS - 2)]
+        self.limit_memory(1)
+        for client in still:
+            client.stall()
+        self.server.out.wait_for(SCARCE)  # What is kept for them took all that there was.
+        listener.wait_packets(50)
+        for client in still:
+            client.resume()
+        self.limit_memory(resource.RLIM_INFINITY)
+        for client in still:
+            client.wait_packets(50)
+        mark = len(listener.packets())
+        self.assert_gapless(listener, mark)
+        self.assert_gapless(self.client(1))
         self.assert_ends_cleanly(self.server)
 
 

@@ -2,6 +2,7 @@
 
 #include <ctime>
 
+#include <dlfcn.h>
 #include <enet/enet.h>
 #include <gtest/gtest.h>
 
@@ -20,11 +21,21 @@ TEST(EnetClock, IsTheMonotonicOneInsideTheLibraryToo) {
     ENetHost* const host = enet_host_create(nullptr, 1, 1, 0, 0);
     ASSERT_NE(host, nullptr);
     enet_time_set(12345);  // As if the calendar clock had been set.
-    steadyEnetClock();
     const enet_uint32 before = monotonicMilliseconds();
     enet_host_flush(host);
     EXPECT_LT(host->serviceTime - before, PATIENCE_MS);
     enet_host_destroy(host);
+}
+
+TEST(EnetClock, SetsTheLibrarysOwnClockRight) {
+    using TimeGet = enet_uint32 (*)();
+    const auto librarysOwn = reinterpret_cast<TimeGet>(dlsym(RTLD_NEXT, "enet_time_get"));
+    ASSERT_NE(librarysOwn, nullptr);
+    enet_time_set(12345);
+    const enet_uint32 before = monotonicMilliseconds();
+    ASSERT_GE(librarysOwn() - before, PATIENCE_MS);
+    steadyEnetClock();
+    EXPECT_LT(librarysOwn() - before, PATIENCE_MS);
 }
 
 TEST(EnetClock, IsSteadyBetweenTwoBlocks) {
