@@ -13,7 +13,13 @@ struct LongCallback {
     std::atomic<std::int64_t> processor;  ///< On a processor, as the kernel counts it.
     std::atomic<std::int64_t> queued;     ///< Ready to run, but on no processor.
     std::atomic<std::int64_t> waited;     ///< Inside poll, the time to get back included.
+    std::atomic<std::int64_t> calling;    ///< Of `processor`, inside sendmsg and recvmsg.
+    std::atomic<std::int64_t> calls;      ///< Of the two.
+    std::atomic<std::int64_t> encoding;   ///< Of `processor`, inside opus_encode.
+    std::atomic<std::int64_t> encodes;    ///< Calls of it.
     std::atomic<std::int64_t> passes;     ///< Calls of processBuffer: each may wait for 1 ms.
+    std::atomic<std::int64_t> firstCpu;   ///< Number of the processor at the entry.
+    std::atomic<std::int64_t> lastCpu;    ///< At the end.
 };
 
 /// What the paced capture knows about its callbacks, in a file that other processes map.
@@ -43,6 +49,11 @@ struct CaptureTable {
 
     std::atomic<std::uint64_t> encodes;
     std::atomic<std::int64_t> encodeTime;  ///< Inside opus_encode, ns, all together.
+
+    // The following three only with PACED_CAPTURE_ACCOUNT.
+    std::atomic<std::int64_t> calling;   ///< Processor time inside sendmsg and recvmsg, ns.
+    std::atomic<std::uint64_t> calls;    ///< Of the two, those that found nothing too.
+    std::atomic<std::int64_t> encoding;  ///< Processor time inside opus_encode, ns.
 
     std::atomic<std::uint32_t> duration[DURATIONS];  ///< Of callback n, ns.
 

@@ -17,6 +17,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -38,14 +39,20 @@ PaStreamCallback* callback = nullptr;
 double sampleRate = 48000;
 double speed = 1;
 double phase = -1;  ///< Negative: none.
+bool explaining = false;
 pthread_t captureThread;
 std::atomic<bool> stopRequested{false};
 thread_local bool inCallback = false;
 
 /// Of the present callback; touched by the capture thread only.
 struct Account {
-    std::int64_t waited = 0;  ///< Inside poll, ns.
+    std::int64_t waited = 0;    ///< Inside poll, ns.
+    std::int64_t calling = 0;   ///< Processor time inside sendmsg and recvmsg, ns.
+    std::int64_t calls = 0;     ///< Of the two.
+    std::int64_t encoding = 0;  ///< Processor time inside opus_encode, ns.
+    std::int64_t encodes = 0;   ///< Calls of it.
     std::int64_t passes = 1;
+    int firstCpu = 0;
     std::atomic<std::int64_t>* encodeStart = nullptr;  ///< Null: nothing compressed, or noted.
 };
 Account account;
@@ -72,6 +79,24 @@ Scheduling readScheduling() {
     return {behindRunning == nullptr ? 0 : std::strtoll(behindRunning, nullptr, 10)};
 }
 
+/// Adds the processor time of its life to a sum, when callbacks are to be explained.
+class ProcessorTime {
+  public:
+    ProcessorTime(std::int64_t& time, std::int64_t& calls)
+        : sum(time), start(explaining ? clockNs(CLOCK_THREAD_CPUTIME_ID) : 0) {
+        ++calls;
+    }
+    ProcessorTime(const ProcessorTime&) = delete;
+    ProcessorTime& operator=(const ProcessorTime&) = delete;
+    ~ProcessorTime() {
+        sum += explaining ? clockNs(CLOCK_THREAD_CPUTIME_ID) - start : 0;
+    }
+
+  private:
+    std::int64_t& sum;
+    std::int64_t start;
+};
+
 /// Notes which packets this callback sends. Raw packets are numbered by callbacks, compressed
 /// ones by completed groups of 480 frames.
 void noteEntry(std::uint64_t number, std::int64_t entry) {
@@ -79,6 +104,7 @@ void noteEntry(std::uint64_t number, std::int64_t entry) {
     const std::uint64_t before = number * BLOCK_FRAMES / COMPRESSED_FRAMES;
     const std::uint64_t after = (number + 1) * BLOCK_FRAMES / COMPRESSED_FRAMES;
     account = Account{};
+    account.firstCpu = ::sched_getcpu();
     if (after != before) {
         const std::uint64_t slot = before % CaptureTable::REMEMBERED;
         table->compressedEntry[slot].store(entry, std::memory_order_relaxed);
@@ -99,7 +125,13 @@ void noteLong(std::uint64_t number, std::int64_t entry, std::int64_t wall, std::
         room.processor.store(processor);
         room.queued.store(queued);
         room.waited.store(account.waited);
+        room.calling.store(account.calling);
+        room.calls.store(account.calls);
+        room.encoding.store(account.encoding);
+        room.encodes.store(account.encodes);
         room.passes.store(account.passes);
+        room.firstCpu.store(account.firstCpu);
+        room.lastCpu.store(::sched_getcpu());
     }
     table->longCallbacks.store(index + 1);
 }
@@ -116,6 +148,9 @@ void runCallback(std::uint64_t number, std::int16_t* block, std::int64_t period)
     const std::int64_t duration = clockNs(CLOCK_MONOTONIC) - entry;
     const std::int64_t processor = clockNs(CLOCK_THREAD_CPUTIME_ID) - processorStart;
     table->processorTime.fetch_add(processor);
+    table->calling.fetch_add(account.calling);
+    table->calls.fetch_add(static_cast<std::uint64_t>(account.calls));
+    table->encoding.fetch_add(account.encoding);
     table->duration[number % CaptureTable::DURATIONS].store(static_cast<std::uint32_t>(duration),
                                                             std::memory_order_relaxed);
     if (duration > period / 2) {
@@ -157,9 +192,7 @@ Function* theirs(const char* name) {
 }
 
 void count(std::atomic<std::uint64_t> CaptureTable::*counter) {
-    if (inCallback) {
-        (table->*counter).fetch_add(1, std::memory_order_relaxed);
-    }
+    (table->*counter).fetch_add(1, std::memory_order_relaxed);
 }
 
 }  // namespace
@@ -175,6 +208,8 @@ PaError Pa_Initialize() {
     }
     const char* const wanted = std::getenv("PACED_CAPTURE_SPEED");
     speed = wanted == nullptr ? 1 : std::atof(wanted);
+    const char* const explain = std::getenv("PACED_CAPTURE_ACCOUNT");
+    explaining = explain != nullptr && std::atoi(explain) != 0;
     const char* const share = std::getenv("PACED_CAPTURE_PHASE");
     phase = share == nullptr ? -1 : std::atof(share);
     return paNoError;
@@ -226,12 +261,20 @@ PaError Pa_CloseStream(PaStream*) {
 
 ssize_t sendmsg(int socket, const msghdr* message, int flags) {
     static auto* const real = theirs<decltype(sendmsg)>("sendmsg");
+    if (!inCallback) {
+        return real(socket, message, flags);
+    }
     count(&CaptureTable::sends);
+    const ProcessorTime time(account.calling, account.calls);
     return real(socket, message, flags);
 }
 
 ssize_t recvmsg(int socket, msghdr* message, int flags) {
     static auto* const real = theirs<decltype(recvmsg)>("recvmsg");
+    if (!inCallback) {
+        return real(socket, message, flags);
+    }
+    const ProcessorTime time(account.calling, account.calls);
     const ssize_t received = real(socket, message, flags);
     if (received > 0) {
         count(&CaptureTable::receives);
@@ -259,6 +302,7 @@ opus_int32 opus_encode(OpusEncoder* encoder, const opus_int16* frames, int count
         account.encodeStart->store(start, std::memory_order_relaxed);
         account.encodeStart = nullptr;
     }
+    const ProcessorTime time(account.encoding, account.encodes);
     const opus_int32 result = real(encoder, frames, count, packet, room);
     table->encodes.fetch_add(1, std::memory_order_relaxed);
     table->encodeTime.fetch_add(clockNs(CLOCK_MONOTONIC) - start, std::memory_order_relaxed);

@@ -1,11 +1,13 @@
-// Tells when the machine stood still: one thread per processor sleeps until every next whole
-// millisecond and writes a line whenever it wakes up late. What was late at the same time in the
-// server was then not the server's fault.
+// Tells when the machine stood still: one thread per processor sleeps half a millisecond at a time
+// and writes a line whenever it wakes up late. What was late at the same time in the server was then
+// not the server's fault.
 //
 // Usage: stall_watch OUTPUT     Ends when its standard input is closed.
 // Lines: processor, when it should have woken and when it did (CLOCK_MONOTONIC, nanoseconds).
 //
-// The threads have the ordinary priority, as the capture thread has.
+// The threads come before all ordinary ones where that is allowed (SCHED_FIFO), so that late means:
+// not even they got the processor. Otherwise they have the ordinary priority, as the capture thread
+// has, and see what other programs take as well.
 
 #include <atomic>
 #include <cerrno>
@@ -23,8 +25,8 @@
 namespace {
 
 constexpr std::int64_t NS_PER_SECOND = 1000000000;
-constexpr std::int64_t STEP_NS = 1000000;
-constexpr std::int64_t LATE_NS = 2000000;
+constexpr std::int64_t STEP_NS = 500000;
+constexpr std::int64_t LATE_NS = 200000;
 
 std::atomic<bool> stopRequested{false};
 
@@ -40,6 +42,9 @@ void stayOn(int processor) {
     CPU_SET(static_cast<unsigned>(processor), &set);
     ::pthread_setaffinity_np(::pthread_self(), sizeof set, &set);
     ::prctl(PR_SET_TIMERSLACK, 1, 0, 0, 0);
+    sched_param first = {};
+    first.sched_priority = 1;
+    ::pthread_setschedparam(::pthread_self(), SCHED_FIFO, &first);
 }
 
 void watch(int processor, std::FILE* output) {

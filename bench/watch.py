@@ -7,11 +7,55 @@ from bisect import bisect_left
 from pathlib import Path
 
 
-class StallWatch:
-    """Runs stall_watch beside a measurement; knows afterwards when the machine stood still.
+class Stalls:
+    """When the machine stood still, CLOCK_MONOTONIC nanoseconds.
 
-    A context manager. `stalls()` are (from, to) pairs in CLOCK_MONOTONIC nanoseconds, in order,
-    joined where they overlap.
+    `long` are (from, to) pairs of stalls of 2 ms and more on any processor, in order, joined where
+    they overlap.
+    """
+
+    LONG_NS = 2000000
+
+    def __init__(self, lines):
+        self.by_processor = {}
+        for processor, due, woke in sorted(lines, key=lambda line: line[1]):
+            self.by_processor.setdefault(processor, []).append((due, woke))
+        self.long = joined((due, woke) for _, due, woke in lines if woke - due > self.LONG_NS)
+
+    def overlap(self, start, end):
+        """Whether the span touches one of the long stalls."""
+        return next(overlapping(self.long, start, end), None) is not None
+
+    def time(self, processors, start, end):
+        """For how long within the span one of these processors stood still, short stalls too."""
+        return sum(to - since for since, to in joined(
+            (max(since, start), min(to, end)) for processor in set(processors)
+            for since, to in overlapping(self.by_processor.get(processor, []), start, end)))
+
+
+def joined(spans):
+    """The (from, to) pairs in order, those that overlap made one."""
+    result = []
+    for start, end in sorted(spans):
+        if result and start <= result[-1][1]:
+            result[-1] = (result[-1][0], max(result[-1][1], end))
+        else:
+            result.append((start, end))
+    return result
+
+
+def overlapping(spans, start, end):
+    """Those of the ordered, separate (from, to) pairs that touch the span."""
+    for since, to in spans[bisect_left(spans, start, key=lambda span: span[1]):]:
+        if since > end:
+            return
+        yield since, to
+
+
+class StallWatch:
+    """Runs stall_watch beside a measurement; `stalls()` are the ones seen so far.
+
+    A context manager.
     """
 
     def __init__(self, build, folder):
@@ -26,25 +70,11 @@ class StallWatch:
         self.process.stdin.close()
         self.process.wait(timeout=20)
 
-    def lines(self):
-        """(processor, due, woke) of every late wake-up."""
-        text = self.path.read_text(encoding="ascii") if self.path.exists() else ""
-        return [tuple(map(int, line.split())) for line in text.splitlines() if line.count(" ") == 2]
-
     def stalls(self):
-        joined = []
-        for _, due, woke in sorted(self.lines(), key=lambda line: line[1]):
-            if joined and due <= joined[-1][1]:
-                joined[-1] = (joined[-1][0], max(joined[-1][1], woke))
-            else:
-                joined.append((due, woke))
-        return joined
-
-
-def overlaps(stalls, start, end):
-    """Whether the span touches one of the ordered, separate stalls."""
-    first = bisect_left(stalls, start, key=lambda stall: stall[1])
-    return first < len(stalls) and stalls[first][0] <= end
+        text = self.path.read_text(encoding="ascii") if self.path.exists() else ""
+        # (processor, due, woke) of every late wake-up.
+        return Stalls([tuple(map(int, line.split())) for line in text.splitlines()
+                       if line.count(" ") == 2])
 
 
 class ProcessMeter:

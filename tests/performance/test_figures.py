@@ -12,54 +12,94 @@ ROOT = Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT / "bench"), str(ROOT / "docs")]
 sys.dont_write_bytecode = True
 
-from callbacks import LATE_WAKE_UP, OURS, QUEUED, STALL, explain  # noqa: E402
+from callbacks import LATE_WAKE_UP, OURS, QUEUED, SLOW_CALLS, STALL, explain  # noqa: E402
 from results import Results, histogram, percentile  # noqa: E402
 from svg_chart import Chart  # noqa: E402
-from watch import StallWatch, overlaps  # noqa: E402
+from watch import Stalls, StallWatch  # noqa: E402
 
 MS = 1000000
 
 
-def call(wall, processor, queued=0, waited=0, passes=2):
+def call(wall, processor, queued=0, waited=0, passes=2, calling=0, encoding=0):
+    """A callback on processor 0 with ten system calls and an encoding, times in ms."""
     return {"number": 1, "entry": 1000 * MS, "wall": wall * MS, "processor": processor * MS,
-            "queued": queued * MS, "waited": waited * MS, "passes": passes}
+            "queued": queued * MS, "waited": waited * MS, "passes": passes,
+            "calling": calling * MS, "calls": 10, "usual_call": 0.02 * MS,
+            "encoding": encoding * MS, "encodes": 1, "usual_encode": 0.2 * MS,
+            "first_cpu": 0, "last_cpu": 0}
+
+
+def stalls(*spans, processor=0):
+    """Stalls of one processor, in ms."""
+    return Stalls([(processor, since * MS, to * MS) for since, to in spans])
 
 
 class LongCallback(unittest.TestCase):
-    def test_stall_at_the_same_time_is_the_machines_fault(self):
-        self.assertEqual(explain(call(9, 8), [(1005 * MS, 1008 * MS)]), STALL)
+    def test_long_stall_at_the_same_time_is_the_machines_fault(self):
+        self.assertEqual(explain(call(9, 8), stalls((1005, 1008), processor=1)), STALL)
 
     def test_stall_at_another_time_excuses_nothing(self):
-        self.assertEqual(explain(call(9, 8), [(900 * MS, 999 * MS), (1010 * MS, 1020 * MS)]), OURS)
+        self.assertEqual(explain(call(9, 8), stalls((900, 999), (1010, 1020))), OURS)
+
+    def test_short_stalls_of_its_processor_count_for_what_they_took(self):
+        taken = call(5, 3, waited=2)
+        self.assertEqual(explain(taken, stalls((1001, 1002), (1003, 1003.6))), STALL)
+        self.assertEqual(explain(taken, stalls((1001, 1002))), OURS)
+
+    def test_short_stalls_of_another_processor_excuse_nothing(self):
+        self.assertEqual(explain(call(5, 3, waited=2), stalls((1001, 1002.9), processor=1)), OURS)
 
     def test_work_is_ours(self):
-        self.assertEqual(explain(call(6, 4, waited=2), []), OURS)
+        self.assertEqual(explain(call(6, 4, waited=2), stalls()), OURS)
+
+    def test_calls_that_took_longer_than_usual(self):
+        self.assertEqual(explain(call(6, 4, waited=2, calling=1, encoding=2.5), stalls()),
+                         SLOW_CALLS)
+
+    def test_slow_calls_do_not_excuse_work_of_our_own(self):
+        self.assertEqual(explain(call(8, 6, waited=2, calling=1, encoding=2.5), stalls()), OURS)
+
+    def test_more_calls_than_fit_are_ours(self):
+        self.assertEqual(explain(dict(call(6, 4, waited=2, calling=4), calls=200), stalls()), OURS)
 
     def test_sleep_outside_of_the_intended_waits_is_ours(self):
-        self.assertEqual(explain(call(6, 0.5, waited=2), []), OURS)
+        self.assertEqual(explain(call(6, 0.5, waited=2), stalls()), OURS)
 
     def test_thread_that_was_ready_but_on_no_processor(self):
-        self.assertEqual(explain(call(6, 0.5, queued=4, waited=2), []), QUEUED)
+        self.assertEqual(explain(call(6, 0.5, queued=4, waited=2), stalls()), QUEUED)
 
     def test_wait_of_1_ms_that_came_back_late(self):
-        self.assertEqual(explain(call(6, 0.5, waited=5.5), []), LATE_WAKE_UP)
+        self.assertEqual(explain(call(6, 0.5, waited=5.5), stalls()), LATE_WAKE_UP)
 
 
-class Stalls(unittest.TestCase):
+class StallsSeen(unittest.TestCase):
     def test_spans_that_only_come_near_do_not_overlap(self):
-        stalls = [(10, 20), (30, 40)]
-        found = [overlaps(stalls, *span) for span in ((0, 9), (21, 29), (41, 50))]
+        seen = stalls((10, 20), (30, 40))
+        found = [seen.overlap(since * MS, to * MS) for since, to in ((0, 9), (21, 29), (41, 50))]
         self.assertEqual(found, [False] * 3)
 
     def test_any_common_moment_overlaps(self):
-        stalls = [(10, 20), (30, 40)]
-        found = [overlaps(stalls, *span) for span in ((0, 10), (12, 13), (20, 22), (0, 50))]
+        seen = stalls((10, 20), (30, 40))
+        found = [seen.overlap(since * MS, to * MS)
+                 for since, to in ((0, 10), (12, 13), (20, 22), (0, 50))]
         self.assertEqual(found, [True] * 4)
 
+    def test_short_ones_are_not_among_the_long_ones(self):
+        self.assertEqual(stalls((10, 12), (20, 22.5)).long, [(20 * MS, 22.5 * MS)])
+
     def test_late_wake_ups_of_two_processors_are_joined(self):
-        watch = StallWatch.__new__(StallWatch)
-        watch.lines = lambda: [(0, 10, 20), (1, 40, 50), (1, 15, 30)]
-        self.assertEqual(watch.stalls(), [(10, 30), (40, 50)])
+        seen = Stalls([(0, 10 * MS, 20 * MS), (1, 40 * MS, 50 * MS), (1, 15 * MS, 30 * MS)])
+        self.assertEqual(seen.long, [(10 * MS, 30 * MS), (40 * MS, 50 * MS)])
+        self.assertEqual(seen.time((0,), 0, 100 * MS), 10 * MS)
+        self.assertEqual(seen.time((0, 1), 12 * MS, 45 * MS), 23 * MS)
+
+    def test_lines_of_the_watch(self):
+        with tempfile.TemporaryDirectory() as folder:
+            watch = StallWatch.__new__(StallWatch)
+            watch.path = Path(folder) / "stalls"
+            self.assertEqual(watch.stalls().long, [])
+            watch.path.write_text("0 1000000 5000000\n1 2000000 2300000\n0 90", "ascii")
+            self.assertEqual(watch.stalls().long, [(MS, 5 * MS)])
 
 
 class Rows(unittest.TestCase):
