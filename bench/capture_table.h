@@ -5,21 +5,27 @@
 #include <cstdint>
 
 /// A callback that took longer than half the block period, with what it spent the time on.
-/// Nanoseconds; `entry` is CLOCK_MONOTONIC.
+/// Nanoseconds; `entry` is CLOCK_MONOTONIC. What is marked (a) is zero without
+/// PACED_CAPTURE_ACCOUNT.
 struct LongCallback {
     std::atomic<std::int64_t> number;  ///< Of the callback, from 0.
     std::atomic<std::int64_t> entry;
     std::atomic<std::int64_t> wall;
-    std::atomic<std::int64_t> processor;  ///< On a processor, as the kernel counts it.
-    std::atomic<std::int64_t> queued;     ///< Ready to run, but on no processor.
-    std::atomic<std::int64_t> waited;     ///< Inside poll, the time to get back included.
-    std::atomic<std::int64_t> calling;    ///< Of `processor`, inside sendmsg and recvmsg.
-    std::atomic<std::int64_t> calls;      ///< Of the two.
-    std::atomic<std::int64_t> encoding;   ///< Of `processor`, inside opus_encode.
-    std::atomic<std::int64_t> encodes;    ///< Calls of it.
-    std::atomic<std::int64_t> passes;     ///< Calls of processBuffer: each may wait for 1 ms.
-    std::atomic<std::int64_t> firstCpu;   ///< Number of the processor at the entry.
-    std::atomic<std::int64_t> lastCpu;    ///< At the end.
+    std::atomic<std::int64_t> processor;      ///< On a processor, as the kernel counts it.
+    std::atomic<std::int64_t> queued;         ///< Ready to run, but on no processor.
+    std::atomic<std::int64_t> waited;         ///< Inside poll, the time to get back included.
+    std::atomic<std::int64_t> intended;       ///< Of `waited`, what the calls asked for at most.
+    std::atomic<std::int64_t> pollProcessor;  ///< Of `processor`, inside poll (a).
+    std::atomic<std::int64_t> pollQueued;     ///< Of `queued`, inside poll (a).
+    std::atomic<std::int64_t> sending;        ///< Of `processor`, inside sendmsg (a).
+    std::atomic<std::int64_t> sends;          ///< Calls of it.
+    std::atomic<std::int64_t> receiving;      ///< Of `processor`, inside recvmsg (a).
+    std::atomic<std::int64_t> receives;       ///< Calls of it, those that found nothing too.
+    std::atomic<std::int64_t> encoding;       ///< Of `processor`, inside opus_encode (a).
+    std::atomic<std::int64_t> encodes;        ///< Calls of it.
+    std::atomic<std::int64_t> passes;         ///< Calls of processBuffer: each may wait for 1 ms.
+    std::atomic<std::int64_t> firstCpu;       ///< Number of the processor at the entry.
+    std::atomic<std::int64_t> lastCpu;        ///< At the end.
 };
 
 /// What the paced capture knows about its callbacks, in a file that other processes map.
@@ -50,10 +56,13 @@ struct CaptureTable {
     std::atomic<std::uint64_t> encodes;
     std::atomic<std::int64_t> encodeTime;  ///< Inside opus_encode, ns, all together.
 
-    // The following three only with PACED_CAPTURE_ACCOUNT.
-    std::atomic<std::int64_t> calling;   ///< Processor time inside sendmsg and recvmsg, ns.
-    std::atomic<std::uint64_t> calls;    ///< Of the two, those that found nothing too.
-    std::atomic<std::int64_t> encoding;  ///< Processor time inside opus_encode, ns.
+    // Processor time inside these calls, ns; only with PACED_CAPTURE_ACCOUNT.
+    std::atomic<std::int64_t> sending;
+    std::atomic<std::int64_t> receiving;
+    std::atomic<std::int64_t> encoding;
+    std::atomic<std::uint64_t> receiveCalls;  ///< Of recvmsg, those that found nothing too.
+
+    std::atomic<std::uint64_t> lateEntries;  ///< Callbacks made over 1 ms behind their time.
 
     std::atomic<std::uint32_t> duration[DURATIONS];  ///< Of callback n, ns.
 

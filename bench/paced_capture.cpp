@@ -8,6 +8,7 @@
 // Each block holds a sound that keeps an encoder busy; its first two frames hold the entry time of
 // the callback (8 bytes, nanoseconds, machine order), which a raw client reads back.
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -33,6 +34,7 @@ namespace {
 using testsound::BLOCK_FRAMES;
 constexpr std::size_t COMPRESSED_FRAMES = 480;
 constexpr std::int64_t NS_PER_SECOND = 1000000000;
+constexpr std::int64_t NS_PER_MILLISECOND = 1000000;
 
 CaptureTable* table = nullptr;
 PaStreamCallback* callback = nullptr;
@@ -44,13 +46,21 @@ pthread_t captureThread;
 std::atomic<bool> stopRequested{false};
 thread_local bool inCallback = false;
 
+/// Calls of one function, and the processor time inside them (ns, only when explaining).
+struct Calls {
+    std::int64_t time = 0;
+    std::int64_t number = 0;
+};
+
 /// Of the present callback; touched by the capture thread only.
 struct Account {
-    std::int64_t waited = 0;    ///< Inside poll, ns.
-    std::int64_t calling = 0;   ///< Processor time inside sendmsg and recvmsg, ns.
-    std::int64_t calls = 0;     ///< Of the two.
-    std::int64_t encoding = 0;  ///< Processor time inside opus_encode, ns.
-    std::int64_t encodes = 0;   ///< Calls of it.
+    std::int64_t waited = 0;         ///< Inside poll, ns.
+    std::int64_t intended = 0;       ///< Of that, what the calls asked for at most, ns.
+    std::int64_t pollProcessor = 0;  ///< Processor time inside poll, ns, only when explaining.
+    std::int64_t pollQueued = 0;     ///< Time ready to run inside poll, likewise.
+    Calls send;
+    Calls receive;
+    Calls encode;
     std::int64_t passes = 1;
     int firstCpu = 0;
     std::atomic<std::int64_t>* encodeStart = nullptr;  ///< Null: nothing compressed, or noted.
@@ -79,21 +89,20 @@ Scheduling readScheduling() {
     return {behindRunning == nullptr ? 0 : std::strtoll(behindRunning, nullptr, 10)};
 }
 
-/// Adds the processor time of its life to a sum, when callbacks are to be explained.
-class ProcessorTime {
+/// Counts a call, and the processor time of its own life when callbacks are to be explained.
+class CountedCall {
   public:
-    ProcessorTime(std::int64_t& time, std::int64_t& calls)
-        : sum(time), start(explaining ? clockNs(CLOCK_THREAD_CPUTIME_ID) : 0) {
-        ++calls;
-    }
-    ProcessorTime(const ProcessorTime&) = delete;
-    ProcessorTime& operator=(const ProcessorTime&) = delete;
-    ~ProcessorTime() {
-        sum += explaining ? clockNs(CLOCK_THREAD_CPUTIME_ID) - start : 0;
+    explicit CountedCall(Calls& which)
+        : calls(which), start(explaining ? clockNs(CLOCK_THREAD_CPUTIME_ID) : 0) {}
+    CountedCall(const CountedCall&) = delete;
+    CountedCall& operator=(const CountedCall&) = delete;
+    ~CountedCall() {
+        ++calls.number;
+        calls.time += explaining ? clockNs(CLOCK_THREAD_CPUTIME_ID) - start : 0;
     }
 
   private:
-    std::int64_t& sum;
+    Calls& calls;
     std::int64_t start;
 };
 
@@ -125,10 +134,15 @@ void noteLong(std::uint64_t number, std::int64_t entry, std::int64_t wall, std::
         room.processor.store(processor);
         room.queued.store(queued);
         room.waited.store(account.waited);
-        room.calling.store(account.calling);
-        room.calls.store(account.calls);
-        room.encoding.store(account.encoding);
-        room.encodes.store(account.encodes);
+        room.intended.store(account.intended);
+        room.pollProcessor.store(account.pollProcessor);
+        room.pollQueued.store(account.pollQueued);
+        room.sending.store(account.send.time);
+        room.sends.store(account.send.number);
+        room.receiving.store(account.receive.time);
+        room.receives.store(account.receive.number);
+        room.encoding.store(account.encode.time);
+        room.encodes.store(account.encode.number);
         room.passes.store(account.passes);
         room.firstCpu.store(account.firstCpu);
         room.lastCpu.store(::sched_getcpu());
@@ -148,9 +162,10 @@ void runCallback(std::uint64_t number, std::int16_t* block, std::int64_t period)
     const std::int64_t duration = clockNs(CLOCK_MONOTONIC) - entry;
     const std::int64_t processor = clockNs(CLOCK_THREAD_CPUTIME_ID) - processorStart;
     table->processorTime.fetch_add(processor);
-    table->calling.fetch_add(account.calling);
-    table->calls.fetch_add(static_cast<std::uint64_t>(account.calls));
-    table->encoding.fetch_add(account.encoding);
+    table->sending.fetch_add(account.send.time);
+    table->receiving.fetch_add(account.receive.time);
+    table->receiveCalls.fetch_add(static_cast<std::uint64_t>(account.receive.number));
+    table->encoding.fetch_add(account.encode.time);
     table->duration[number % CaptureTable::DURATIONS].store(static_cast<std::uint32_t>(duration),
                                                             std::memory_order_relaxed);
     if (duration > period / 2) {
@@ -180,6 +195,8 @@ void* runCapture(void*) {
                                                   static_cast<double>(period) / speed);
             const timespec at = {due / NS_PER_SECOND, due % NS_PER_SECOND};
             ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr);
+            table->lateEntries.fetch_add(clockNs(CLOCK_MONOTONIC) - due > NS_PER_MILLISECOND ? 1
+                                                                                             : 0);
         }
         runCallback(number, &sound[number % testsound::BLOCKS * BLOCK_FRAMES * 2], period);
     }
@@ -265,7 +282,7 @@ ssize_t sendmsg(int socket, const msghdr* message, int flags) {
         return real(socket, message, flags);
     }
     count(&CaptureTable::sends);
-    const ProcessorTime time(account.calling, account.calls);
+    const CountedCall counted(account.send);
     return real(socket, message, flags);
 }
 
@@ -274,8 +291,10 @@ ssize_t recvmsg(int socket, msghdr* message, int flags) {
     if (!inCallback) {
         return real(socket, message, flags);
     }
-    const ProcessorTime time(account.calling, account.calls);
-    const ssize_t received = real(socket, message, flags);
+    const ssize_t received = [&] {
+        const CountedCall counted(account.receive);
+        return real(socket, message, flags);
+    }();
     if (received > 0) {
         count(&CaptureTable::receives);
     }
@@ -288,9 +307,17 @@ int poll(pollfd* descriptors, nfds_t number, int timeout) {
         return real(descriptors, number, timeout);
     }
     count(&CaptureTable::polls);
+    const Scheduling before = explaining ? readScheduling() : Scheduling{};
+    const std::int64_t processor = explaining ? clockNs(CLOCK_THREAD_CPUTIME_ID) : 0;
     const std::int64_t start = clockNs(CLOCK_MONOTONIC);
     const int result = real(descriptors, number, speed == 0 ? 0 : timeout);
-    account.waited += clockNs(CLOCK_MONOTONIC) - start;
+    const std::int64_t waited = clockNs(CLOCK_MONOTONIC) - start;
+    account.waited += waited;
+    account.intended += std::min(waited, timeout * NS_PER_MILLISECOND);
+    if (explaining) {
+        account.pollProcessor += clockNs(CLOCK_THREAD_CPUTIME_ID) - processor;
+        account.pollQueued += readScheduling().queued - before.queued;
+    }
     return result;
 }
 
@@ -302,7 +329,7 @@ opus_int32 opus_encode(OpusEncoder* encoder, const opus_int16* frames, int count
         account.encodeStart->store(start, std::memory_order_relaxed);
         account.encodeStart = nullptr;
     }
-    const ProcessorTime time(account.encoding, account.encodes);
+    const CountedCall counted(account.encode);
     const opus_int32 result = real(encoder, frames, count, packet, room);
     table->encodes.fetch_add(1, std::memory_order_relaxed);
     table->encodeTime.fetch_add(clockNs(CLOCK_MONOTONIC) - start, std::memory_order_relaxed);

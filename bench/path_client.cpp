@@ -6,15 +6,19 @@
 //   back N       a sequence number that is N behind the expected one
 // and, raw sound only,
 //   silence      a packet of nothing but zeros
-//   glitch       a packet in which the tone (1 kHz at 48 kHz) is not continued
+//   glitch       a packet in which the tone on the left (1 kHz at 48 kHz) is not continued, or the
+//                counter on the right, which goes on by one every 48 frames and begins again at
+//                -30000 after 29999
 //   click FRAME  a click begins at this frame of the packet (clicks only)
 // and a last line "packets N".
 
+#include <algorithm>
 #include <cinttypes>
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 #include <vector>
 
 #include "bench/audio_client.h"
@@ -25,6 +29,9 @@ namespace {
 constexpr double TONE_PER_RATE = 1000.0 / 48000.0;
 constexpr double TONE_TOLERANCE = 64;  // Rounding alone makes at most 2.
 constexpr int CLICK_LEVEL = 8000;
+constexpr int COUNTER_FRAMES = 48;  // One millisecond.
+constexpr int COUNTER_FIRST = -30000;
+constexpr int COUNTER_LAST = 29999;
 
 class Judge {
   public:
@@ -37,8 +44,8 @@ class Judge {
         }
         judgeSequence(wire::readHeader(packet.data, packet.dataLength).seq, time);
         if (isRaw) {
-            readLeft(packet);
-            clicks ? findClick(time) : judgeTone(time);
+            readSides(packet);
+            clicks ? findClick(time) : judgeSound(time);
         }
     }
 
@@ -49,6 +56,7 @@ class Judge {
             std::fprintf(output, "%" PRId64 " %s %d\n", time, distance > 0 ? "gap" : "back",
                          std::abs(distance));
             history = 0;
+            held = -1;
         }
         if (!started || distance >= 0) {
             expected = seq + 1;
@@ -56,31 +64,50 @@ class Judge {
         started = true;
     }
 
-    void readLeft(const ENetPacket& packet) {
+    void readSides(const ENetPacket& packet) {
         left.resize((packet.dataLength - wire::HEADER_LENGTH) / wire::BYTES_PER_FRAME);
-        for (std::size_t frame = 0; frame < left.size(); ++frame) {
-            std::memcpy(&left[frame],
-                        packet.data + wire::HEADER_LENGTH + frame * wire::BYTES_PER_FRAME,
-                        sizeof left[frame]);
+        right.resize(left.size());
+        const unsigned char* frame = packet.data + wire::HEADER_LENGTH;
+        for (std::size_t i = 0; i < left.size(); ++i, frame += wire::BYTES_PER_FRAME) {
+            std::memcpy(&left[i], frame, sizeof left[i]);
+            std::memcpy(&right[i], frame + sizeof left[i], sizeof right[i]);
+        }
+    }
+
+    void judgeSound(std::int64_t time) {
+        const bool silent = std::all_of(left.begin(), left.end(), [](int s) { return s == 0; });
+        bool good = true;
+        for (std::size_t i = 0; i < left.size(); ++i) {
+            const bool continues = continuesTone(left[i]);
+            good = continuesCounter(right[i]) && continues && good;
+        }
+        if (silent || !good) {
+            std::fprintf(output, "%" PRId64 " %s\n", time, silent ? "silence" : "glitch");
         }
     }
 
     /// A sine wave continues itself: each sample follows from the two before it.
-    void judgeTone(std::int64_t time) {
+    bool continuesTone(std::int16_t sample) {
         static const double FACTOR = 2 * std::cos(2 * M_PI * TONE_PER_RATE);
-        bool silent = true;
-        bool broken = false;
-        for (const std::int16_t sample : left) {
-            silent = silent && sample == 0;
-            broken = broken || (history >= 2 &&
-                                std::abs(FACTOR * last - beforeLast - sample) > TONE_TOLERANCE);
-            beforeLast = last;
-            last = sample;
-            history += history < 2 ? 1 : 0;
+        const bool known = history >= 2;
+        const double expectedSample = FACTOR * last - beforeLast;
+        beforeLast = last;
+        last = sample;
+        history += known ? 0 : 1;
+        return !known || std::abs(expectedSample - sample) <= TONE_TOLERANCE;
+    }
+
+    /// Lost or repeated frames show even when they are whole periods of the tone.
+    bool continuesCounter(int count) {
+        const int before = std::exchange(counter, count);
+        const int heldBefore = held;
+        if (count == before || held < 0) {
+            held = held < 0 ? 0 : held + (heldBefore > 0 ? 1 : 0);
+            return held <= COUNTER_FRAMES;
         }
-        if (silent || broken) {
-            std::fprintf(output, "%" PRId64 " %s\n", time, silent ? "silence" : "glitch");
-        }
+        held = 1;
+        const int next = before == COUNTER_LAST ? COUNTER_FIRST : before + 1;
+        return count == next && (heldBefore == 0 || heldBefore == COUNTER_FRAMES);
     }
 
     void findClick(std::int64_t time) {
@@ -99,6 +126,9 @@ class Judge {
     bool started = false;
     std::uint32_t expected = 0;
     std::vector<std::int16_t> left;
+    std::vector<std::int16_t> right;
+    int counter = 0;
+    int held = -1;    ///< Frames of the present count; 0: an unknown number, below: no count yet.
     int history = 0;  ///< Samples known before the next one, at most 2.
     double last = 0;
     double beforeLast = 0;

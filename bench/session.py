@@ -16,13 +16,18 @@ REMEMBERED = 1 << 16
 DURATIONS = 1 << 20
 COUNTERS_AT = 2 * REMEMBERED * 8 + 8  # Behind the first sequence numbers.
 COUNTER_NAMES = ("callbacks", "long_callbacks", "processor_ns", "sends", "receives", "polls",
-                 "encodes", "encode_ns", "calling_ns", "calls", "encoding_ns")
+                 "encodes", "encode_ns", "sending_ns", "receiving_ns", "encoding_ns",
+                 "receive_calls", "late_entries")
 DURATIONS_AT = COUNTERS_AT + 8 * len(COUNTER_NAMES)
-LONG_NAMES = ("number", "entry", "wall", "processor", "queued", "waited", "calling", "calls",
+LONG_NAMES = ("number", "entry", "wall", "processor", "queued", "waited", "intended",
+              "poll_processor", "poll_queued", "sending", "sends", "receiving", "receives",
               "encoding", "encodes", "passes", "first_cpu", "last_cpu")
 LONG_ROOM = 1 << 14
 LONG_AT = DURATIONS_AT + 4 * DURATIONS
 BLOCK_PERIOD_S = 338 / 48000
+BLOCKS_PER_GROUP = 480 / 338
+"""A group is what is encoded at once."""
+
 ALL_CHOICES = [(code, reliable) for code in (0, 5, 1, 2, 3) for reliable in (True, False)]
 RATE_CODES = {"raw": 0, "20": 5, "64": 1, "128": 2, "256": 3}
 
@@ -161,7 +166,8 @@ class Session:
         size = len(LONG_NAMES)
         values = struct.unpack_from(f"<{count * size}q", self.table, LONG_AT)
         total = self.counters()
-        usual = {"usual_call": total["calling_ns"] / max(total["calls"], 1),
+        usual = {"usual_send": total["sending_ns"] / max(total["sends"], 1),
+                 "usual_receive": total["receiving_ns"] / max(total["receive_calls"], 1),
                  "usual_encode": total["encoding_ns"] / max(total["encodes"], 1)}
         rows = (dict(zip(LONG_NAMES, values[i * size:(i + 1) * size]), **usual)
                 for i in range(count))

@@ -34,11 +34,19 @@ def busy_sound():
 
 
 def tone():
-    """One second of the tone that path_client knows: 1 kHz on both sides, over and over."""
-    frames = array.array("h")
-    for frame in range(RATE):
-        frames.extend([round(8000 * math.sin(2 * math.pi * frame / 48))] * 2)
-    return itertools.repeat(frames.tobytes())
+    """What path_client knows: 1 kHz on the left, on the right a counter of milliseconds.
+
+    In pieces of one second, again and again: the counter goes from -30000 to 29999.
+    """
+    sine = [round(8000 * math.sin(2 * math.pi * frame / 48)) for frame in range(48)]
+    pieces = []
+    for second in range(60):
+        frames = array.array("h")
+        for count in range(1000 * second - 30000, 1000 * second - 29000):
+            for sample in sine:
+                frames.extend((sample, count))
+        pieces.append(frames.tobytes())
+    return itertools.cycle(pieces)
 
 
 class Player:

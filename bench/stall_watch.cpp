@@ -1,6 +1,6 @@
 // Tells when the machine stood still: one thread per processor sleeps half a millisecond at a time
-// and writes a line whenever it wakes up late. What was late at the same time in the server was then
-// not the server's fault.
+// and writes a line whenever it wakes up late. What was late at the same time in the server was
+// then not the server's fault.
 //
 // Usage: stall_watch OUTPUT     Ends when its standard input is closed.
 // Lines: processor, when it should have woken and when it did (CLOCK_MONOTONIC, nanoseconds).
@@ -44,7 +44,9 @@ void stayOn(int processor) {
     ::prctl(PR_SET_TIMERSLACK, 1, 0, 0, 0);
     sched_param first = {};
     first.sched_priority = 1;
-    ::pthread_setschedparam(::pthread_self(), SCHED_FIFO, &first);
+    if (::pthread_setschedparam(::pthread_self(), SCHED_FIFO, &first) != 0) {
+        std::fputs("stall_watch: ordinary priority only: other programs count as stalls\n", stderr);
+    }
 }
 
 void watch(int processor, std::FILE* output) {

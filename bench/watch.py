@@ -22,14 +22,14 @@ class Stalls:
             self.by_processor.setdefault(processor, []).append((due, woke))
         self.long = joined((due, woke) for _, due, woke in lines if woke - due > self.LONG_NS)
 
-    def overlap(self, start, end):
-        """Whether the span touches one of the long stalls."""
-        return next(overlapping(self.long, start, end), None) is not None
-
     def time(self, processors, start, end):
-        """For how long within the span one of these processors stood still, short stalls too."""
+        """For how long within the span one of these processors stood still, short stalls too.
+
+        `processors` None stands for all.
+        """
+        chosen = self.by_processor if processors is None else set(processors)
         return sum(to - since for since, to in joined(
-            (max(since, start), min(to, end)) for processor in set(processors)
+            (max(since, start), min(to, end)) for processor in chosen
             for since, to in overlapping(self.by_processor.get(processor, []), start, end)))
 
 
@@ -46,10 +46,10 @@ def joined(spans):
 
 def overlapping(spans, start, end):
     """Those of the ordered, separate (from, to) pairs that touch the span."""
-    for since, to in spans[bisect_left(spans, start, key=lambda span: span[1]):]:
-        if since > end:
-            return
-        yield since, to
+    index = bisect_left(spans, start, key=lambda span: span[1])
+    while index < len(spans) and spans[index][0] <= end:
+        yield spans[index]
+        index += 1
 
 
 class StallWatch:

@@ -46,9 +46,9 @@ class Chart:
     Each series: {"name", "points": [(x, y)], and optionally "dashed", "dots", "colour"}.
     """
 
-    def __init__(self, title, x_label, y_label, x_log=False, y_log=False, y_from=None, y_to=None):
+    def __init__(self, title, x_label, y_label, x_log=False, y_log=False, y_from=None):
         self.title, self.x_label, self.y_label = title, x_label, y_label
-        self.x_log, self.y_log, self.y_from, self.y_to = x_log, y_log, y_from, y_to
+        self.x_log, self.y_log, self.y_from = x_log, y_log, y_from
         self.series = []
         self.limits = []
 
@@ -65,8 +65,7 @@ class Chart:
         ys = [y for each in self.series for _, y in each["points"]] + [y for y, _ in self.limits]
         low = self.y_from if self.y_from is not None else (min(ys) if self.y_log else 0)
         return (Axis(min(xs), max(xs), LEFT, WIDTH - RIGHT, self.x_log),
-                Axis(low, self.y_to or max(ys) * (1 if self.y_log else 1.05), HEIGHT - BOTTOM, TOP,
-                     self.y_log))
+                Axis(low, max(ys) * (1 if self.y_log else 1.05), HEIGHT - BOTTOM, TOP, self.y_log))
 
     def svg(self):
         x_axis, y_axis = self.axes()

@@ -12,7 +12,8 @@ ROOT = Path(__file__).resolve().parents[2]
 sys.path[:0] = [str(ROOT / "bench"), str(ROOT / "docs")]
 sys.dont_write_bytecode = True
 
-from callbacks import LATE_WAKE_UP, OURS, QUEUED, SLOW_CALLS, STALL, explain  # noqa: E402
+from callbacks import (LATE_WAKE_UP, OURS, QUEUED, SLOW_CALLS, STALL,  # noqa: E402
+                       WAITED_AGAIN, explain)
 from results import Results, histogram, percentile  # noqa: E402
 from svg_chart import Chart  # noqa: E402
 from watch import Stalls, StallWatch  # noqa: E402
@@ -20,13 +21,15 @@ from watch import Stalls, StallWatch  # noqa: E402
 MS = 1000000
 
 
-def call(wall, processor, queued=0, waited=0, passes=2, calling=0, encoding=0):
-    """A callback on processor 0 with ten system calls and an encoding, times in ms."""
-    return {"number": 1, "entry": 1000 * MS, "wall": wall * MS, "processor": processor * MS,
-            "queued": queued * MS, "waited": waited * MS, "passes": passes,
-            "calling": calling * MS, "calls": 10, "usual_call": 0.02 * MS,
-            "encoding": encoding * MS, "encodes": 1, "usual_encode": 0.2 * MS,
-            "first_cpu": 0, "last_cpu": 0}
+def call(wall, processor, queued=0, waited=0, intended=None, sending=0, encoding=0, **other):
+    """A callback of two passes on processor 0 with ten sends and an encoding, times in ms."""
+    times = {"wall": wall, "processor": processor, "queued": queued, "waited": waited,
+             "intended": min(waited, 2) if intended is None else intended, "poll_processor": 0,
+             "poll_queued": 0, "sending": sending, "receiving": 0, "encoding": encoding,
+             "usual_send": 0.02, "usual_receive": 0.001, "usual_encode": 0.2}
+    return {"number": 1, "entry": 1000 * MS, "sends": 10, "receives": 4, "encodes": 1, "passes": 2,
+            "first_cpu": 0, "last_cpu": 0, **{name: time * MS for name, time in times.items()},
+            **other}
 
 
 def stalls(*spans, processor=0):
@@ -35,35 +38,44 @@ def stalls(*spans, processor=0):
 
 
 class LongCallback(unittest.TestCase):
-    def test_long_stall_at_the_same_time_is_the_machines_fault(self):
-        self.assertEqual(explain(call(9, 8), stalls((1005, 1008), processor=1)), STALL)
+    def test_stall_of_its_processor_is_the_machines_fault(self):
+        self.assertEqual(explain(call(9, 8), stalls((1003, 1009))), STALL)
 
     def test_stall_at_another_time_excuses_nothing(self):
         self.assertEqual(explain(call(9, 8), stalls((900, 999), (1010, 1020))), OURS)
 
-    def test_short_stalls_of_its_processor_count_for_what_they_took(self):
+    def test_stall_of_another_processor_excuses_nothing(self):
+        self.assertEqual(explain(call(9, 8), stalls((1001, 1009), processor=1)), OURS)
+
+    def test_stalls_count_for_what_they_took(self):
         taken = call(5, 3, waited=2)
         self.assertEqual(explain(taken, stalls((1001, 1002), (1003, 1003.6))), STALL)
         self.assertEqual(explain(taken, stalls((1001, 1002))), OURS)
 
-    def test_short_stalls_of_another_processor_excuse_nothing(self):
-        self.assertEqual(explain(call(5, 3, waited=2), stalls((1001, 1002.9), processor=1)), OURS)
-
     def test_work_is_ours(self):
         self.assertEqual(explain(call(6, 4, waited=2), stalls()), OURS)
 
-    def test_calls_that_took_longer_than_usual(self):
-        self.assertEqual(explain(call(6, 4, waited=2, calling=1, encoding=2.5), stalls()),
+    def test_calls_that_took_over_twice_their_usual_time(self):
+        self.assertEqual(explain(call(6, 4, waited=2, sending=1, encoding=2.5), stalls()),
                          SLOW_CALLS)
 
+    def test_calls_that_took_a_little_longer_excuse_nothing(self):
+        self.assertEqual(explain(call(3.9, 1.9, waited=2, sending=0.3, encoding=0.4), stalls()),
+                         OURS)
+
     def test_slow_calls_do_not_excuse_work_of_our_own(self):
-        self.assertEqual(explain(call(8, 6, waited=2, calling=1, encoding=2.5), stalls()), OURS)
+        self.assertEqual(explain(call(8, 6, waited=2, sending=1, encoding=2.5), stalls()), OURS)
 
     def test_more_calls_than_fit_are_ours(self):
-        self.assertEqual(explain(dict(call(6, 4, waited=2, calling=4), calls=200), stalls()), OURS)
+        self.assertEqual(explain(call(6, 4, waited=2, sending=4, sends=200), stalls()), OURS)
 
-    def test_sleep_outside_of_the_intended_waits_is_ours(self):
+    def test_sleep_outside_of_the_waits_is_ours(self):
         self.assertEqual(explain(call(6, 0.5, waited=2), stalls()), OURS)
+
+    def test_sleep_outside_is_seen_beside_work_and_queueing_inside_of_a_wait(self):
+        inside = {"poll_processor": 0.2 * MS, "poll_queued": 1.5 * MS}
+        self.assertEqual(explain(call(7, 0.7, queued=1.5, waited=3.5, intended=2, **inside),
+                                 stalls()), OURS)
 
     def test_thread_that_was_ready_but_on_no_processor(self):
         self.assertEqual(explain(call(6, 0.5, queued=4, waited=2), stalls()), QUEUED)
@@ -71,18 +83,21 @@ class LongCallback(unittest.TestCase):
     def test_wait_of_1_ms_that_came_back_late(self):
         self.assertEqual(explain(call(6, 0.5, waited=5.5), stalls()), LATE_WAKE_UP)
 
+    def test_wait_that_began_anew(self):
+        self.assertEqual(explain(call(4.3, 0.5, waited=3.8, intended=3.7), stalls()), WAITED_AGAIN)
+
 
 class StallsSeen(unittest.TestCase):
-    def test_spans_that_only_come_near_do_not_overlap(self):
+    def test_spans_that_only_come_near_have_no_time_in_common(self):
         seen = stalls((10, 20), (30, 40))
-        found = [seen.overlap(since * MS, to * MS) for since, to in ((0, 9), (21, 29), (41, 50))]
-        self.assertEqual(found, [False] * 3)
+        found = [seen.time((0,), since * MS, to * MS) for since, to in ((0, 9), (21, 29), (41, 50))]
+        self.assertEqual(found, [0] * 3)
 
-    def test_any_common_moment_overlaps(self):
+    def test_common_time_is_that_of_the_parts(self):
         seen = stalls((10, 20), (30, 40))
-        found = [seen.overlap(since * MS, to * MS)
-                 for since, to in ((0, 10), (12, 13), (20, 22), (0, 50))]
-        self.assertEqual(found, [True] * 4)
+        found = [seen.time(None, since * MS, to * MS) // MS
+                 for since, to in ((0, 11), (12, 13), (19, 32), (0, 50))]
+        self.assertEqual(found, [1, 1, 3, 20])
 
     def test_short_ones_are_not_among_the_long_ones(self):
         self.assertEqual(stalls((10, 12), (20, 22.5)).long, [(20 * MS, 22.5 * MS)])
