@@ -33,6 +33,13 @@ void printAdvice() {
     consolePuts(" option try the SSL variant of cURL.");
 }
 
+const char* versionFileAddress() {
+    // Never destroyed: the version check thread may still read it while the process exits.
+    static const auto* const address =
+        new std::string(std::string(webAddress()) + VERSION_FILE_PATH);
+    return address->c_str();
+}
+
 std::int32_t minutesSinceEpoch() {
     return static_cast<std::int32_t>(std::time(nullptr) / SECONDS_PER_MINUTE);
 }
@@ -63,9 +70,8 @@ class OptionSetter {
 };
 
 CURLcode prepare(CURL* handle, WebIf* receiver) {
-    const std::string url = std::string(webAddress()) + VERSION_FILE_PATH;
     return OptionSetter(handle)
-        .set(CURLOPT_URL, url.c_str())
+        .set(CURLOPT_URL, versionFileAddress())
         .set(CURLOPT_FOLLOWLOCATION, 1L)
         .set(CURLOPT_MAXREDIRS, MOST_REDIRECTS)
         .set(CURLOPT_FAILONERROR, 1L)
@@ -94,8 +100,9 @@ std::optional<CURLcode> perform(CURL* handle, CURLcode prepared) {
 }  // namespace
 
 int WebIf::init() {
-    // Read here, so that a complaint about the variable shows at start-up.
-    webAddress();
+    // Made here, so that a complaint about the variable shows at start-up, and so that nothing
+    // needs memory for it when clients are being served: too little of it ends the program.
+    versionFileAddress();
     if (!loadCurlFunctions()) {
         printAdvice();
         curl_global_init2 = nullptr;
