@@ -28,6 +28,21 @@ Function* next(Function* /*ours*/, const char* name) {
     return reinterpret_cast<Function*>(nextFunction(name));
 }
 
+PaStreamCallback* serve = nullptr;
+
+int serveMarked(const void* input, void* output, unsigned long frames,
+                const PaStreamCallbackTimeInfo* times, PaStreamCallbackFlags flags,
+                void* userData) {
+    const ServingSound mark;
+    return serve(input, output, frames, times, flags, userData);
+}
+
+/// Puts a callback that marks its calls in the place of the server's.
+PaStreamCallback* marked(PaStreamCallback* callback) {
+    serve = callback;
+    return &serveMarked;
+}
+
 }  // namespace
 
 // The function named, or its failure: `failure` is a statement list that returns.
@@ -156,7 +171,8 @@ PaError Pa_Initialize() TORTURE(Pa_Initialize, (), return paInternalError)
     Pa_OpenStream(PaStream** stream, const PaStreamParameters* input,
                   const PaStreamParameters* output, double rate, unsigned long frames,
                   PaStreamFlags flags, PaStreamCallback* callback, void* userData)
-        TORTURE(Pa_OpenStream, (stream, input, output, rate, frames, flags, callback, userData),
+        TORTURE(Pa_OpenStream,
+                (stream, input, output, rate, frames, flags, marked(callback), userData),
                 return paDeviceUnavailable)
 
             PaError Pa_StartStream(PaStream* stream)

@@ -1,5 +1,6 @@
 // Allocations that fail, and a ledger of those that are not freed.
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <new>
@@ -28,7 +29,8 @@ class Ledger {
             Entry& entry = at(block, i);
             if (entry.block == nullptr || entry.block == &removed) {
                 entry = {block, site};
-                site->live.fetch_add(1);
+                const std::int32_t live = site->live.fetch_add(1) + 1;
+                site->peak.store(std::max(site->peak.load(), live));
                 return;
             }
         }

@@ -41,6 +41,7 @@ std::atomic<std::size_t> moduleCount{0};
 std::uint64_t faultHash = 0;
 std::uint32_t faultCall = 0;
 thread_local bool busy = false;
+thread_local bool servingSound = false;
 
 /// A caller within a watched module.
 struct Frame {
@@ -204,6 +205,9 @@ bool tortureCall(const char* function, const void* caller, TortureTable::Site** 
     TortureTable::Site* const found = length > 0 ? siteOf(function, way, length) : nullptr;
     bool fails = false;
     if (found != nullptr) {
+        if (servingSound) {
+            found->stream.store(1, std::memory_order_relaxed);
+        }
         fails = found->calls.fetch_add(1) + 1 == faultCall && found->hash.load() == faultHash;
         if (fails) {
             table->faults.fetch_add(1);
@@ -215,6 +219,14 @@ bool tortureCall(const char* function, const void* caller, TortureTable::Site** 
     busy = false;
     errno = savedErrno;
     return fails;
+}
+
+ServingSound::ServingSound() {
+    servingSound = true;
+}
+
+ServingSound::~ServingSound() {
+    servingSound = false;
 }
 
 void* nextFunction(const char* name) {

@@ -16,7 +16,9 @@ struct TortureTable {
     struct Site {
         std::atomic<std::uint64_t> hash;  ///< 0: free. The same in every run of one build.
         std::atomic<std::uint32_t> calls;
-        std::atomic<std::int32_t> live;  ///< Blocks allocated here that were not freed.
+        std::atomic<std::int32_t> live;     ///< Blocks allocated here that were not freed.
+        std::atomic<std::int32_t> peak;     ///< The largest value of `live`.
+        std::atomic<std::uint32_t> stream;  ///< 1: called while a block of sound is served.
         char function[NAME_ROOM];
         char way[WAY_ROOM];  ///< "module+offset" of the callers, innermost first.
     };
@@ -31,6 +33,15 @@ struct TortureTable {
 /// Returns true when this very call has to fail. `site` (may be null) becomes the call's site, or
 /// null when it does not count. Thread: any. Allocates nothing and keeps errno.
 bool tortureCall(const char* function, const void* caller, TortureTable::Site** site = nullptr);
+
+/// Marks the calls of this thread as the stream's for its lifetime.
+class ServingSound {
+  public:
+    ServingSound();
+    ~ServingSound();
+    ServingSound(const ServingSound&) = delete;
+    ServingSound& operator=(const ServingSound&) = delete;
+};
 
 /// Looks the modules up again, after a library was loaded.
 void refreshModules();
