@@ -35,6 +35,7 @@ class Report:
     killed: bool = False  # A stop signal takes its default action.
     of_stream: bool = False  # Also from the calls of the running stream.
     of_connection: bool = False  # One client may have to connect once more.
+    fewer: int = 0  # Descriptors that are not open for this reason.
 
 
 REPORTS = (
@@ -43,7 +44,8 @@ REPORTS = (
            fatal=True),
     Report(("pthread_create",), r"^Could not create version check thread, err", unchecked=True),
     Report(("pthread_create",), r"^Could not create (console|audio shutdown) thread, err"),
-    Report(("pipe2",), r"^Stop signals will end the program at once: pipe2", killed=True),
+    Report(("pipe2",), r"^Stop signals will end the program at once: pipe2", killed=True,
+           fewer=2),
     Report(("getifaddrs",), r"^getifaddrs: "),
     Report(HOST, r"^An error occurred while creating network server host", fatal=True),
     Report(("enet_initialize_with_callbacks",),
@@ -56,7 +58,7 @@ REPORTS = (
     Report((*SOUND, "Pa_CloseStream"), r"^An error occured while (opening|closing) the portaudio"),
     Report((*SOUND, "Pa_CloseStream"), r"^Error (message|number): "),
     Report(QUIET, r"^PortAudio Pa_Initialize call completed with return value 0$"),
-    Report(OPTION, r"^multiHost: (Socket|Bind) .*failed: "),
+    Report(OPTION, r"^multiHost: (Socket|Bind) .*failed: ", fewer=1),
     Report(LIBRARY, r"^Error, could not dl(open|sym)", unchecked=True),
     Report(LIBRARY, r"^ (Velantrix Server will continue|versions\. Please visit|new versions of"
            r"|libcurl using|option try)"),
@@ -134,7 +136,7 @@ class Judge:
                    (report.of_stream or not site.stream)] if outcome.faults else []
         seen = matching(reports, outcome.lines)
         return (self._status(outcome, number, seen) or self._lines(outcome, site, reports, seen) or
-                self._service(outcome, site, seen) or self._rest(outcome))
+                self._service(outcome, site, seen) or self._rest(outcome, seen))
 
     def _status(self, outcome, number, seen):
         """A stop signal whose own report to the main loop fails ends the server, too; that is the
@@ -179,13 +181,15 @@ class Judge:
             return "the version check has no outcome"
         return None
 
-    def _rest(self, outcome):
+    def _rest(self, outcome, seen):
         if outcome.ending > LONGEST_ENDING:
             return f"it takes {outcome.ending:.1f} s to end"
-        if len(outcome.descriptors) > len(self.descriptors):
+        usual = len(self.descriptors) - sum(report.fewer for report in seen)
+        if len(outcome.descriptors) > usual:
             more = collections.Counter(map(normal, outcome.descriptors))
             more.subtract(map(normal, self.descriptors))
-            return "descriptors leak: " + ", ".join(name for name in +more)
+            return (f"descriptors leak: {len(outcome.descriptors)}, else {usual}, "
+                    + ", ".join(+more))
         leaks = self.leaks(outcome)
         return "blocks leak: " + "; ".join(leaks) if leaks else None
 
