@@ -32,7 +32,7 @@ MOST_UNREACHED = 0.05  # Share of the chosen calls.
 # What a busy machine may cause: then a second session decides. A line on standard error is lost
 # when it comes while that is turned off for the sound library's start.
 PERHAPS_TIMING = ("the clients", "the failure", "the version check", "blocks", "descriptors",
-                "it takes")
+                  "it takes")
 
 
 def chosen_calls(sites, every):
