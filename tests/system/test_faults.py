@@ -343,6 +343,14 @@ class Limits(FaultTest):
                 self.assertIn(status, (0, FATAL), "\n".join(lines))
                 self.assertTrue(lines)
 
+    def test_starts_with_little_memory(self):
+        # With less, the system cannot load the libraries.
+        for mebibytes in (88, 96, 104, 112, 120, 128, 144, 160, 200, 320, 640, 1024):
+            with self.subTest(mebibytes=mebibytes):
+                status, lines = self.check_start(f"--as={mebibytes << 20}")
+                self.assertIn(status, (0, FATAL), "\n".join(lines))
+                self.assertTrue(lines)
+
     def test_no_more_memory_while_streaming(self):
         self.start()
         listener = self.client()
