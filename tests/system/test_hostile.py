@@ -29,7 +29,6 @@ MAX_PEERS, SLOTS = 32, 10
 # Rate code and delivery of the good clients.
 CHOICES = ((0, True), (0, False), (1, True), (3, False), (2, True))
 MEMORY_SHARE = 0.10  # Under a sanitizer, of all there is.
-MEMORY_BOUND = 1024 * 1024
 THINNED_SHARE = 0.05
 ARRIVING_SHARE = 0.9
 AT_ONCE = 5.0 if has_sanitizer() else 2.0
@@ -41,10 +40,6 @@ DISCONNECTED = re.compile(r"^Client [\d.]+:\d+ disconnected$")
 def server_memory(server):
     """A sanitizer's own memory counts in all its parts; without one the files' say nothing."""
     return resident_bytes(server, "VmRSS" if has_sanitizer() else "RssAnon")
-
-
-def memory_bound(before):
-    return MEMORY_SHARE * before if has_sanitizer() else MEMORY_BOUND
 
 
 def from_outside():
@@ -61,6 +56,11 @@ def from_outside():
 
 class HostileNetwork(unittest.TestCase):
     """One server with five good clients for all tests of a class."""
+
+    memory_bound = 1024 * 1024
+
+    def bound_of_memory(self):
+        return MEMORY_SHARE * self.memory if has_sanitizer() else self.memory_bound
 
     @classmethod
     def setUpClass(cls):
@@ -146,7 +146,7 @@ class HostileNetwork(unittest.TestCase):
     def assert_memory_is_back(self):
         now = server_memory(self.server)
         print(f"memory {self.memory // 1024} KiB before, {now // 1024} KiB after")
-        self.assertLess(abs(now - self.memory), memory_bound(self.memory))
+        self.assertLess(abs(now - self.memory), self.bound_of_memory())
 
     def connections(self):
         """How many connections the server's lines leave open."""
@@ -244,6 +244,10 @@ class HalfOpen(HostileNetwork):
 class Messages(HostileNetwork):
     """A connected client that sends without end."""
 
+    # While a busy machine keeps the server waiting, a whole socket's buffer of small messages
+    # gathers, which are unpacked at once; the heap stays that large. A lost message each is more.
+    memory_bound = 4 * 1024 * 1024
+
     def flood_messages(self, kind, rate=RATE, leaves=True):
         with self.nobody_loses():
             with self.attack("control", rate, MESSAGE_SECONDS, kind) as attacker:
@@ -257,7 +261,8 @@ class Messages(HostileNetwork):
                 if leaves:
                     attacker.leave()
         print(f"memory at the end of the flood: {peak // 1024} KiB")
-        self.assertLess(peak - self.memory, 2 * memory_bound(self.memory))
+        factor = 2 if has_sanitizer() else 1
+        self.assertLess(peak - self.memory, factor * self.bound_of_memory())
         gone = self.wait_connections(len(CHOICES))
         print(f"the attacker was gone after {gone:.1f} s")
         self.assert_newcomer_hears_at_once()
