@@ -9,12 +9,21 @@ namespace {
 
 constexpr int FATAL_STATUS = 255;
 
+thread_local bool throwing = false;
+
 // Without memory no exit handler can be trusted to run: only the line and the status are left.
 // Standard error may be turned off at this moment, so it goes where all lines go.
 [[noreturn]] void endProcess() {
     static constexpr char LINE[] = "VelantrixServer: not enough memory. Quitting.\n";
     [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, LINE, sizeof LINE - 1);
     ::_exit(FATAL_STATUS);
+}
+
+void onNoMemory() {
+    if (throwing) {
+        throw std::bad_alloc();
+    }
+    endProcess();
 }
 
 /// Qt throws by itself, past the handler of operator new.
@@ -33,6 +42,14 @@ constexpr int FATAL_STATUS = 255;
 }  // namespace
 
 void endWhenOutOfMemory() {
-    std::set_new_handler(endProcess);
+    std::set_new_handler(onNoMemory);
     std::set_terminate(onTerminate);
+}
+
+ThrowWhenOutOfMemory::ThrowWhenOutOfMemory() {
+    throwing = true;
+}
+
+ThrowWhenOutOfMemory::~ThrowWhenOutOfMemory() {
+    throwing = false;
 }

@@ -118,7 +118,9 @@ void createHost() {
         failHostCreation(errno);
     }
     raiseHostMtu(*server);
-    limitDatagrams(*server);
+    if (!limitDatagrams(*server)) {
+        consolePrintf("Warning, could not limit the length of datagrams, err = %d\n", errno);
+    }
     limitMessages(*server);
 }
 

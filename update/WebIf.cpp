@@ -4,6 +4,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -156,14 +157,14 @@ int WebIf::checkVersion(const char* currentVersion) {
         return 0;
     }
     Settings::setVersionCheckTime(now);
-    CURL* const handle = curl_easy_init2();
+    // Closed also when memory runs out, which is thrown.
+    const std::unique_ptr<CURL, void (*)(CURL*)> handle(
+        curl_easy_init2(), [](CURL* opened) { curl_easy_cleanup2(opened); });
     if (handle == nullptr) {
         consolePuts("WebIf::checkVersion: curl_easy_init() failed, can't check for new versions");
         return 0;
     }
-    const int result = fetch(handle) && fetchFrame(handle) ? judge(currentVersion) : 0;
-    curl_easy_cleanup2(handle);
-    return result;
+    return fetch(handle.get()) && fetchFrame(handle.get()) ? judge(currentVersion) : 0;
 }
 
 bool WebIf::fetch(void* handle) {

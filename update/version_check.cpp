@@ -1,6 +1,10 @@
+#include <new>
+
 #include "app/Thread.h"
 #include "app/VelantrixServerNoGUI.h"
+#include "app/console.h"
 #include "app/core_life.h"
+#include "app/out_of_memory.h"
 #include "update/WebIf.h"
 
 namespace {
@@ -16,7 +20,12 @@ void VelantrixServerNoGUI::versionCheckThreadFn() {
     if (!pin) {
         return;
     }
-    checkVersion();
+    const ThrowWhenOutOfMemory noReasonToEnd;  // The clients hear on without this check.
+    try {
+        checkVersion();
+    } catch (const std::bad_alloc&) {
+        consolePuts("Not enough memory to check for a new version");
+    }
     if (const CorePin after; after) {
         WebIf::cleanup();
     }

@@ -4,8 +4,8 @@ Runs as a process of its own, in the other network:
 
     attacker.py HOST KIND WORDS...
 
-It prints "ready" once the attack has begun, "sent N in S s" when a flood is over, and ends at the
-end of its input, without a word to the server. The kinds are the functions below.
+It prints "ready" once the attack has begun, "sent N of M in S s" when a flood is over, and ends at
+the end of its input, without a word to the server. The kinds are the functions below.
 """
 
 import random
@@ -13,6 +13,7 @@ import re
 import resource
 import select
 import socket
+import struct
 import subprocess
 import sys
 import time
@@ -37,8 +38,8 @@ def _sockets(count):
 
 def _flood(sockets, make_datagram, target, rate, count):
     say("ready")
-    seconds = flood(sockets, make_datagram, target, float(rate), int(count))
-    say(f"sent {count} in {seconds:.1f} s")
+    sent, seconds = flood(sockets, make_datagram, target, float(rate), int(count))
+    say(f"sent {sent} of {count} in {seconds:.1f} s")
 
 
 def _recorded(path):
@@ -64,6 +65,29 @@ def replay(host, count, rate, path):
     """A whole connection of somebody else's, datagram by datagram, again and again."""
     recorded = _recorded(path)
     _flood(_sockets(1), lambda i: recorded[i % len(recorded)], (host, SERVER_PORT), rate, count)
+
+
+def forged(host, count, rate, state):
+    """What a client has sent, again and again with its address and port on it, by a raw socket:
+    while that client is "connected", or when it is "gone"."""
+    (client,) = connect_peers((host, SERVER_PORT), 1, 0x80000001)
+    port = client.socket.getsockname()[1]
+    client.send(client.reliable(b"\1\0\0\0" + bytes(4) + b"\1\0\0\0" + bytes(4) + b"forged\0"))
+    end = time.monotonic() + 1
+    while time.monotonic() < end:
+        client.service()
+        time.sleep(0.005)
+    recorded = list(client.sent)
+    if state == "gone":
+        client.disconnect()
+
+    def make(number):
+        if state != "gone" and number % 100 == 0:
+            client.service()
+        data = recorded[number % len(recorded)]
+        return struct.pack("!HHHH", port, SERVER_PORT, 8 + len(data), 0) + data  # No checksum.
+    raw = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_UDP)
+    _flood([raw], make, (host, 0), rate, count)
 
 
 def connects(host, count, rate, ports):

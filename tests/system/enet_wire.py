@@ -22,6 +22,7 @@ SIZES = {ACKNOWLEDGE: 8, CONNECT: 48, VERIFY_CONNECT: 44, DISCONNECT: 8, PING: 4
 DATA_LENGTH_AT = {SEND_RELIABLE: 4, SEND_UNRELIABLE: 6, SEND_FRAGMENT: 6, SEND_UNSEQUENCED: 6, 12: 6}
 
 FRAGMENT_BYTES = 1000
+KEPT_DATAGRAMS = 200
 
 
 def _now():
@@ -57,7 +58,8 @@ def commands_of(datagram):
 class HandMadePeer:
     """One connection by hand, which keeps only those rules that its owner wants kept.
 
-    ``service`` acknowledges what has come. Connected once ``peer_id`` is known.
+    ``service`` acknowledges what has come. Connected once ``peer_id`` is known; ``sent`` keeps the
+    first datagrams.
     """
 
     def __init__(self, server, data, source=None):
@@ -72,12 +74,15 @@ class HandMadePeer:
         self.unsequenced = 0
         self.ping_sequence = 1
         self.audio_datagrams = 0
-        self.socket.send(connect_datagram(int.from_bytes(os.urandom(4), "big"), data))
+        self.sent = [connect_datagram(int.from_bytes(os.urandom(4), "big"), data)]
+        self.socket.send(self.sent[0])
 
     def send(self, commands):
         header = struct.pack("!HH", self.peer_id | self.session << 12 | SENT_TIME_FLAG, _now())
         try:
             self.socket.send(header + commands)
+            if len(self.sent) < KEPT_DATAGRAMS:
+                self.sent.append(header + commands)
         except (BlockingIOError, ConnectionRefusedError):
             pass
 
@@ -214,17 +219,18 @@ class Recorder:
 
 
 def flood(sockets, make_datagram, target, rate, count):
-    """Sends ``count`` datagrams, about ``rate`` a second; returns the seconds it took."""
+    """Makes ``count`` datagrams, about ``rate`` a second; returns how many could be sent, and the
+    seconds it took."""
     start = time.monotonic()
-    sent = 0
+    sent = refused = 0
     while sent < count:
         due = min(count, int((time.monotonic() - start) * rate) + 1)
         while sent < due:
             try:
                 sockets[sent % len(sockets)].sendto(make_datagram(sent), target)
             except OSError:  # No room just now, or nobody there: the next one.
-                pass
+                refused += 1
             sent += 1
         time.sleep(0.001)
-    return time.monotonic() - start
+    return count - refused, time.monotonic() - start
 

@@ -8,7 +8,6 @@ VELANTRIX_SERVER, VELANTRIX_LISTEN and VELANTRIX_FAKES) or by hand:
     VELANTRIX_FAKES=build python3 tests/system/test_start.py -v Class.test_name
 """
 
-import contextlib
 import functools
 import os
 import pathlib
@@ -32,7 +31,7 @@ __all__ = ["HERE_ADDRESS", "THERE_ADDRESS", "PATIENCE", "CAPTURE_RUNNING", "DEFA
            "wait_until", "with_prompt_release"]
 
 DEFAULT_PORT = 59010
-END_PATIENCE = 10.0
+END_PATIENCE = 30.0
 CAPTURE_RUNNING = "VelantrixServer: Audio capture running"
 
 
@@ -114,20 +113,23 @@ class Server(Process):
     def _end_by_itself(self):
         """A sanitizer looks for leaks when the program ends, not when it is killed."""
         if self.child.poll() is None:
-            self.send_signal(signal.SIGTERM)
-            with contextlib.suppress(subprocess.TimeoutExpired):
-                self.child.wait(END_PATIENCE)
+            status = self.stop(timeout=END_PATIENCE)
+            if status != 0:
+                raise AssertionError(f"{self.name} ended with status {status}:\n  "
+                                     + "\n  ".join(self.out.all() + self.err.all()))
 
     def wait_for_capture(self):
         """Waits until sound flows, from when on clients are served."""
         self.out.wait_for(CAPTURE_RUNNING)
 
     def __exit__(self, *problem):
-        if not any(problem) and has_sanitizer():
-            self._end_by_itself()
-        super().__exit__()
-        if self.own_home:
-            shutil.rmtree(self.own_home, ignore_errors=True)
+        try:
+            if not any(problem) and has_sanitizer():
+                self._end_by_itself()
+        finally:
+            super().__exit__()
+            if self.own_home:
+                shutil.rmtree(self.own_home, ignore_errors=True)
 
 
 def listen_command(*arguments, host="127.0.0.1"):

@@ -23,11 +23,16 @@ from probe import MSGID_FASTER, Probe, control_message, sequence_gaps
 DAY = 24 * 3600
 SLOTS = 10
 FATAL = 255
+ON_THE_SIDE = 10.0  # Seconds after the start.
+QUEUE = 30  # Packets that a reliable client's queue keeps at the least.
 DISCOVERY = ("127.0.0.1", 59011)
 QUERY, QUERY2, RESPONSE = b"VelantrixQuery", b"VelantrixQuery2", b"VelantrixResponse"
 NO_SERVICE = "Error returned from service call"
 SLOW_CLOSE = ("VelantrixServer: Audio shutdown is taking a long time, may be caused by an audio "
               "driver issue. Quitting.")
+STRANGERS = 3  # Fewer than there are slots beside the clients, in two shortages.
+MORE_THAN_QUEUED = 300
+KEPT_KIB = 64
 SCARCE = "Warning, not enough memory for network communication"
 
 LONG = os.environ.get("VELANTRIX_LONG_FAULTS") == "1"
@@ -64,7 +69,7 @@ class FaultTest(SystemTest):
         super().assert_ends_cleanly(server, number)
         taken = time.monotonic() - begin
         print(f"the server ended within {taken:.1f} s")
-        self.assertLess(taken, 20 if has_sanitizer() else 10)
+        self.assertLess(taken, 20 if has_sanitizer() else 5)
 
 
 class Sound(FaultTest):
@@ -132,6 +137,12 @@ class Network(FaultTest):
         for witness in self.witnesses:
             self.assert_gapless(witness, mark=20)
 
+    def wait_caught_up(self, client):
+        """Waits until a client hears what the first witness hears; how many packets it has then."""
+        wait_until(lambda: client.packets()[-1].seq >= self.witnesses[0].packets()[-1].seq,
+                   f"{client.name} has caught up")
+        return len(client.packets()) - 1
+
     def far_client(self):
         return self.client(probe=self.far_probe, host=HERE_ADDRESS)
 
@@ -140,12 +151,20 @@ class Network(FaultTest):
                                  timeout=60)
 
     def test_interface_that_comes_back_soon_costs_its_client_only_the_pause(self):
+        before = len(self.far.packets())
         ip("link", "set", "vxhere", "down")
         time.sleep(1.5)
         ip("link", "set", "vxhere", "up")
-        self.far.wait_packets(100)
-        self.assertFalse(self.far.is_disconnected())
+        mark = self.wait_caught_up(self.far)
+        self.assert_gapless(self.far, mark)
         self.assertIn(NO_SERVICE, self.server.out.all())
+        packets = self.far.packets()
+        self.assertEqual(sequence_gaps(packets[:before]), 0)
+        steps = [after.seq - one.seq for one, after in zip(packets, packets[1:])]
+        self.assertGreater(min(steps), 0, "out of order")
+        missing, meanwhile = sum(steps) - len(steps), packets[mark].seq - packets[before].seq
+        print(f"{missing} packets of {meanwhile} did not fit into the queue")
+        self.assertLessEqual(missing, meanwhile - QUEUE)
         self.assert_nobody_else_noticed()
         self.assert_ends_cleanly(self.server)
 
@@ -195,14 +214,15 @@ class Clock(FaultTest):
 
     def check_jump(self, seconds):
         clients = [self.client(0), self.client(1), self.client(0, reliable=False)]
+        clients[2].refuse_thinning()
+        marks = [len(client.wait_packets(20)) - 1 for client in clients]
         for _ in range(5):  # Each jump meets the capture thread somewhere else.
             self.set_clock(seconds)
             clients[0].wait_packets(7)
             self.set_clock(0)
             clients[0].wait_packets(7)
-        for client in clients[:2]:
-            self.assert_gapless(client)
-        clients[2].wait_packets(50)
+        for client, mark in zip(clients, marks):
+            self.assert_gapless(client, mark)
         self.set_clock(seconds)
         self.assert_gapless(self.client(3))
         self.assertFalse(any(client.is_disconnected() for client in clients))
@@ -267,9 +287,9 @@ class Limits(FaultTest):
         resource.prlimit(self.server.pid, what, (soft, hard))
 
     def limit_memory(self, most):
-        # The address space alone does not stop the heaps of threads, which have theirs reserved.
-        for what in (resource.RLIMIT_AS, resource.RLIMIT_DATA):
-            self.limit(what, most)
+        # Not the address space: the heaps of threads have theirs reserved, and once it is used up
+        # the kernel lets them write on in it whatever the limit of data says.
+        self.limit(resource.RLIMIT_DATA, most)
 
     def ask(self, query, port=0):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asker:
@@ -323,6 +343,14 @@ class Limits(FaultTest):
                 self.assertIn(status, (0, FATAL), "\n".join(lines))
                 self.assertTrue(lines)
 
+    def test_starts_with_little_memory(self):
+        # With less, the system cannot load the libraries.
+        for mebibytes in (88, 96, 104, 112, 120, 128, 144, 160, 200, 320, 640, 1024):
+            with self.subTest(mebibytes=mebibytes):
+                status, lines = self.check_start(f"--as={mebibytes << 20}")
+                self.assertIn(status, (0, FATAL), "\n".join(lines))
+                self.assertTrue(lines)
+
     def test_no_more_memory_while_streaming(self):
         self.start()
         listener = self.client()
@@ -343,12 +371,16 @@ class Limits(FaultTest):
         listener = self.client()
         still = [self.client() for _ in range(SLOTS - 2)]
         self.limit_memory(1)
+        began = time.monotonic()
         for client in still:
             client.stall()
         self.server.out.wait_for(SCARCE)  # What is kept for them took all that there was.
-        listener.wait_packets(50)
         for client in still:
             client.resume()
+        # What the program does on the side, such as its check for a new version, may fail too.
+        wait_until(lambda: time.monotonic() - began > ON_THE_SIDE, "the work on the side is over")
+        self.assertIsNone(self.server.child.poll(), self.server.out.all()[-1])
+        listener.wait_packets(50)
         self.limit_memory(resource.RLIM_INFINITY)
         for client in still:
             client.wait_packets(50)
@@ -377,24 +409,40 @@ class ScarceMemory(FaultTest):
         with open(f"/proc/{self.server.pid}/status", encoding="ascii") as status:
             return next(int(line.split()[1]) for line in status if line.startswith("RssAnon"))
 
-    def check_share(self, per_mille):
-        clients = [self.client(*choice) for choice in ((0, True), (0, False), (1, True), (4, True))]
-        before = self.memory()
-        counts = [client.statistics()["packets"] for client in clients]
+    def shortage(self, per_mille):
+        """Lets allocations fail for a while, in which strangers try to connect."""
         self.fail_share(per_mille)
-        for _ in range(SLOTS - len(clients)):
+        for _ in range(STRANGERS):
             self.probe.connect(wait=False)
-            time.sleep(SCARCE_SECONDS / SLOTS)
+            time.sleep(SCARCE_SECONDS / STRANGERS)
         self.fail_share(0)
-        self.assertIn(SCARCE, self.server.out.all())
+
+    def is_served(self, client):
+        """Whether a client hears on without a gap; false when it has lost its connection."""
+        already = client.statistics()["packets"]
+        wait_until(lambda: client.is_disconnected() or
+                   client.statistics()["packets"] > already + MORE_THAN_QUEUED,
+                   f"{client.name} hears again or has lost its connection", timeout=60)
+        if not client.is_disconnected():
+            self.assert_gapless(client, len(client.packets()) - 1)
+        return not client.is_disconnected()
+
+    def check_share(self, per_mille):
+        choices = ((0, True), (0, False), (1, True), (4, True))
+        clients = [self.client(*choice) for choice in choices]
+        clients[1].refuse_thinning()
+        self.shortage(per_mille)  # The heap grows to the size of a shortage.
+        served = [self.is_served(client) for client in clients]
+        before = self.memory()
+        self.shortage(per_mille)
+        served = [self.is_served(client) for client in clients]
+        after = self.memory()
+        print(f"{per_mille} of 1000 failed: served on {served}, memory {before} KiB before the "
+              f"second shortage, {after} KiB after")
         self.assertEqual(self.server.out.all().count(SCARCE), 1)
-        heard = [client.statistics()["packets"] - count for client, count in zip(clients, counts)]
-        print(f"{per_mille} of 1000 failed: packets heard meanwhile {heard}, memory "
-              f"{before} KiB before, {self.memory()} KiB after")
-        self.assertIsNone(self.server.child.poll())
-        self.assertGreater(min(heard), 0 if per_mille < 1000 else -1)
-        self.assertLess(self.memory() - before, 2048)
-        self.assert_gapless(self.client())
+        self.assertLess(after - before, KEPT_KIB)
+        for choice in choices:
+            self.assert_gapless(self.client(*choice))
         self.assert_ends_cleanly(self.server)
 
     def test_one_allocation_in_a_hundred(self):

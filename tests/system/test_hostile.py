@@ -18,7 +18,7 @@ import test_window
 from attacker import Attacker
 from enet_wire import Recorder, connect_peers
 from harness import (DEFAULT_PORT, HERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
-                     main, resident_bytes, wait_until, with_prompt_release)
+                     has_sanitizer, main, resident_bytes, wait_until, with_prompt_release)
 from probe import DISCONNECT_REPLACED, MULTI_CLIENT, Probe, sequence_gaps
 
 DATAGRAMS = int(os.environ.get("VELANTRIX_HOSTILE_DATAGRAMS", "4000"))
@@ -28,15 +28,39 @@ MESSAGE_SECONDS = max(2.0, DATAGRAMS / RATE)
 MAX_PEERS, SLOTS = 32, 10
 # Rate code and delivery of the good clients.
 CHOICES = ((0, True), (0, False), (1, True), (3, False), (2, True))
-MEMORY_SHARE = 0.10
+MEMORY_SHARE = 0.10  # Under a sanitizer, of all there is.
 THINNED_SHARE = 0.05
+ARRIVING_SHARE = 0.9
+AT_ONCE = 5.0 if has_sanitizer() else 2.0
 
 CONNECTED = re.compile(r"^A new client connected from ")
 DISCONNECTED = re.compile(r"^Client [\d.]+:\d+ disconnected$")
 
 
+def server_memory(server):
+    """A sanitizer's own memory counts in all its parts; without one the files' say nothing."""
+    return resident_bytes(server, "VmRSS" if has_sanitizer() else "RssAnon")
+
+
+def from_outside():
+    """How many UDP datagrams from the other network have reached this one's sockets, or found their
+    queues full: all that were received, less those that were sent to somebody here."""
+    with open("/proc/self/net/snmp", encoding="ascii") as table:
+        names, values = (line.split()[1:] for line in table if line.startswith("Udp:"))
+    udp = dict(zip(names, map(int, values)))
+    with open("/proc/self/net/dev", encoding="ascii") as table:
+        cable = next(line.split(":")[1].split() for line in table if "vxhere:" in line)
+    answers = int(cable[9])  # Packets that it sent.
+    return udp["InDatagrams"] + udp["InErrors"] - udp["OutDatagrams"] + answers
+
+
 class HostileNetwork(unittest.TestCase):
     """One server with five good clients for all tests of a class."""
+
+    memory_bound = 1024 * 1024
+
+    def bound_of_memory(self):
+        return MEMORY_SHARE * self.memory if has_sanitizer() else self.memory_bound
 
     @classmethod
     def setUpClass(cls):
@@ -45,6 +69,7 @@ class HostileNetwork(unittest.TestCase):
         cls.network = cls.enter(OtherNetwork())
         cls.sound = cls.enter(SoundServer())
         cls.server = cls.enter(Server(sound=cls.sound, rate=48000, env=with_prompt_release()))
+        cls.addClassCleanup(cls.check_end)
         cls.server.wait_for_capture()
         cls.probe = cls.enter(Probe(cls.folder))
         cls.seed = random.SystemRandom().getrandbits(32)
@@ -56,6 +81,13 @@ class HostileNetwork(unittest.TestCase):
         value = manager.__enter__()
         cls.addClassCleanup(manager.__exit__, None, None, None)
         return value
+
+    @classmethod
+    def check_end(cls):
+        status = cls.server.stop()
+        if status != 0:
+            raise AssertionError(f"the server ended with status {status}:\n  "
+                                 + "\n  ".join(cls.server.out.all() + cls.server.err.all()))
 
     @classmethod
     def good_client(cls, rate_code=0, reliable=True):
@@ -72,17 +104,27 @@ class HostileNetwork(unittest.TestCase):
     def nobody_loses(self):
         """Every good client hears every packet for as long as the context lasts, and after it."""
         marks = [len(client.packets()) - 1 for client in self.good]
-        self.memory = resident_bytes(self.server)
+        self.memory = server_memory(self.server)
         yield
         for client, mark in zip(self.good, marks):
             packets = client.wait_packets(40)[mark:]
             self.assertEqual(sequence_gaps(packets), 0, f"{client.name} of {len(packets)} packets")
             self.assertFalse(client.is_disconnected(), client.name)
 
+    def send_flood(self, kind, *words):
+        """A flood until its end, which must have reached this network's sockets."""
+        before = from_outside()
+        with self.attack(kind, *words) as attacker:
+            line = attacker.wait_sent()
+            sent, wanted = map(int, re.match(r"sent (\d+) of (\d+) ", line).groups())
+            self.assertGreater(sent, ARRIVING_SHARE * wanted, line)
+            wait_until(lambda: from_outside() - before > ARRIVING_SHARE * sent,
+                       f"{ARRIVING_SHARE:.0%} of {sent} datagrams arrive", timeout=5)
+            print(f"{kind}: {line}, {from_outside() - before} arrived")
+
     def flood(self, kind, *words):
         with self.nobody_loses(), self.usual_client() as usual:
-            with self.attack(kind, *words) as attacker:
-                print(f"{kind}: {attacker.wait_sent()}")
+            self.send_flood(kind, *words)
             packets = usual.wait_packets(40)
             missed = packets[-1].seq - packets[0].seq + 1 - len(packets)
             print(f"a best-effort client with ENet's own thinning missed {missed} of "
@@ -102,9 +144,9 @@ class HostileNetwork(unittest.TestCase):
         client.wait_disconnected()
 
     def assert_memory_is_back(self):
-        now = resident_bytes(self.server)
+        now = server_memory(self.server)
         print(f"memory {self.memory // 1024} KiB before, {now // 1024} KiB after")
-        self.assertLess(abs(now - self.memory), MEMORY_SHARE * self.memory)
+        self.assertLess(abs(now - self.memory), self.bound_of_memory())
 
     def connections(self):
         """How many connections the server's lines leave open."""
@@ -130,7 +172,9 @@ class HostileNetwork(unittest.TestCase):
     def assert_newcomer_hears_at_once(self):
         begin = time.monotonic()
         newcomer = self.good_client()
-        print(f"a new client heard 20 packets after {time.monotonic() - begin:.2f} s")
+        taken = time.monotonic() - begin
+        print(f"a new client heard 20 packets after {taken:.2f} s")
+        self.assertLess(taken, AT_ONCE)
         self.assertEqual(sequence_gaps(newcomer.packets()), 0)
         newcomer.disconnect()
         newcomer.wait_disconnected()
@@ -164,6 +208,12 @@ class Strangers(HostileNetwork):
     def test_replayed_datagrams(self):
         self.flood("replay", DATAGRAMS, RATE, self.record)
 
+    def test_replayed_datagrams_with_the_address_of_a_client_that_is_gone(self):
+        self.flood("forged", DATAGRAMS, RATE, "gone")
+
+    def test_replayed_datagrams_with_the_address_of_a_connected_client(self):
+        self.flood("forged", DATAGRAMS, RATE, "connected")
+
     def test_empty_and_longest_datagrams(self):
         self.flood("lengths", DATAGRAMS // 4, RATE // 4)
 
@@ -184,8 +234,7 @@ class HalfOpen(HostileNetwork):
 
     def test_connects_from_a_thousand_ports(self):
         with self.nobody_loses():
-            with self.attack("connects", DATAGRAMS, RATE, 1000) as attacker:
-                print(f"connects: {attacker.wait_sent()}")
+            self.send_flood("connects", DATAGRAMS, RATE, 1000)
             with self.attack("half_open", MAX_PEERS) as attacker:
                 attacker.out.wait_for("ready")
                 time.sleep(1)
@@ -194,6 +243,10 @@ class HalfOpen(HostileNetwork):
 
 class Messages(HostileNetwork):
     """A connected client that sends without end."""
+
+    # While a busy machine keeps the server waiting, a whole socket's buffer of small messages
+    # gathers, which are unpacked at once; the heap stays that large. A lost message each is more.
+    memory_bound = 4 * 1024 * 1024
 
     def flood_messages(self, kind, rate=RATE, leaves=True):
         with self.nobody_loses():
@@ -204,11 +257,12 @@ class Messages(HostileNetwork):
                 self.server.out.wait_for(
                     "Sending compressed audio data to client 4 at rate code 2", start)
                 print(f"{kind}: {attacker.wait_sent()}")
-                peak = resident_bytes(self.server)
+                peak = server_memory(self.server)
                 if leaves:
                     attacker.leave()
         print(f"memory at the end of the flood: {peak // 1024} KiB")
-        self.assertLess(peak - self.memory, 2 * MEMORY_SHARE * self.memory)
+        factor = 2 if has_sanitizer() else 1
+        self.assertLess(peak - self.memory, factor * self.bound_of_memory())
         gone = self.wait_connections(len(CHOICES))
         print(f"the attacker was gone after {gone:.1f} s")
         self.assert_newcomer_hears_at_once()
@@ -234,7 +288,7 @@ class Crowd(HostileNetwork):
         type(self).good = [client for client in self.good if not client.is_disconnected()]
         type(self).good += [self.good_client(*choice) for choice in CHOICES[len(self.good):]]
         self.wait_connections(len(CHOICES))
-        self.memory = resident_bytes(self.server)
+        self.memory = server_memory(self.server)
         time.sleep(1.1)  # Ages are whole seconds: the good clients must be older than the rest.
 
     def take_all_peers(self, data):
@@ -257,6 +311,7 @@ class Crowd(HostileNetwork):
             print(f"all but {SLOTS} were sent away within {kept:.1f} s")
             attacker.leave()
             attacker.out.wait_for(f"replaced {MAX_PEERS - len(CHOICES) - SLOTS}")
+            self.assert_newcomer_hears_at_once()
         self.assert_all_is_as_before()
 
     @unittest.skipUnless(LONG, "in the long version; the window's test has the same in short")

@@ -54,6 +54,20 @@ TEST(ScarceResources, NoMemoryForAnObjectEndsTheProgramWithALine) {
     EXPECT_EQ(run.status, FATAL);
     EXPECT_EQ(run.out, "VelantrixServer: not enough memory. Quitting.\n");
 }
+
+TEST(ScarceResources, NoMemoryForDispensableWorkIsThrownToItsOwner) {
+    const ChildRun run = runChild([] {
+        endWhenOutOfMemory();
+        volatile std::size_t tooMuch = std::numeric_limits<std::ptrdiff_t>::max();
+        {
+            const ThrowWhenOutOfMemory throws;
+            EXPECT_THROW(::operator delete(::operator new(tooMuch)), std::bad_alloc);
+        }
+        ::operator delete(::operator new(tooMuch));
+    });
+    EXPECT_EQ(run.status, FATAL);
+    EXPECT_EQ(run.out, "VelantrixServer: not enough memory. Quitting.\n");
+}
 #endif
 
 TEST(ScarceResources, NoMemoryThatALibraryThrowsEndsTheProgramWithALine) {
