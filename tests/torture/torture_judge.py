@@ -40,6 +40,7 @@ class Report:
 
 REPORTS = (
     Report(("operator new",), r"^VelantrixServer: not enough memory\. Quitting\.$", fatal=True),
+    Report(("operator new",), r"^Not enough memory to check for a new version$", unchecked=True),
     Report(("pthread_create",), r"^Could not create (audio|multicast receive) thread, err",
            fatal=True),
     Report(("pthread_create",), r"^Could not create version check thread, err", unchecked=True),
