@@ -53,10 +53,6 @@ extern "C" const char* __tsan_default_suppressions() {
         "called_from_lib:libQt5Widgets.so\n"
         "called_from_lib:libQt5DBus.so\n"
         "called_from_lib:libQt5XcbQpa.so\n"
-        // A signal's arguments, which that carries to the slot of another thread: read in the moc's
-        // code and copied for the slot, while the sender waits.
-        "race_top:VelantrixServer::qt_static_metacall\n"
-        "race_top:QString::QString\n"
         // The main loop below the toolkit's.
         "called_from_lib:libglib-2.0.so\n"
         // The buses' and the screen's messages, written by one thread and read by another.

@@ -22,14 +22,6 @@ std::size_t barPosition(double level, std::size_t width) {
     return static_cast<std::size_t>(std::lround(share * static_cast<double>(width)));
 }
 
-std::string plain(std::string text) {
-    for (char& c : text) {
-        const auto byte = static_cast<unsigned char>(c);
-        c = byte < 0x20 || byte == 0x7F ? '?' : c;
-    }
-    return text;
-}
-
 std::string formatted(const char* format, double value) {
     char text[64];
     std::snprintf(text, sizeof text, format, value);
@@ -62,7 +54,7 @@ std::vector<std::string> pack(const std::vector<std::string>& fields, std::size_
 }
 
 std::vector<std::string> headFields(const Statistics& s) {
-    std::vector<std::string> fields = {plain(s.hostName)};
+    std::vector<std::string> fields = {plainText(s.hostName)};
     if (s.server.compare(0, s.hostName.size() + 1, s.hostName + ":") == 0) {
         fields = {s.server};
     } else {

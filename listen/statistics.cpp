@@ -22,22 +22,23 @@ std::string number(std::uint64_t value) {
     return std::to_string(value);
 }
 
+/// What may steer a terminal is escaped; a byte that is no UTF-8 as the character of its number.
 std::string quoted(const std::string& text) {
     std::string result = "\"";
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        const char c = text[i];
-        const auto byte = static_cast<unsigned char>(c);
-        const std::size_t length = characterLength(text, i);
-        if (length > 1) {
-            result.append(text, i, length);
-            i += length - 1;
-        } else if (byte < 0x20 || byte >= 0x7F) {
+    std::size_t at = 0;
+    while (at < text.size()) {
+        const std::size_t length = std::max<std::size_t>(1, characterLength(text, at));
+        if (steersTerminal(text, at, length)) {
+            // Of U+0080 to U+009F the second byte is the number.
             char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x", byte);
+            std::snprintf(escape, sizeof escape, "\\u%04x",
+                          static_cast<unsigned>(static_cast<unsigned char>(text[at + length - 1])));
             result += escape;
         } else {
-            result += c == '"' || c == '\\' ? std::string("\\") + c : std::string(1, c);
+            result += text[at] == '"' || text[at] == '\\' ? "\\" : "";
+            result.append(text, at, length);
         }
+        at += length;
     }
     return result + '"';
 }

@@ -50,6 +50,25 @@ std::size_t characterLength(const std::string& text, std::size_t at) {
     return length;
 }
 
+bool steersTerminal(const std::string& text, std::size_t at, std::size_t length) {
+    const unsigned char first = byteAt(text, at);
+    if (length <= 1) {
+        return first < 0x20 || first >= 0x7F;
+    }
+    return first == 0xC2 && byteAt(text, at + 1) < 0xA0;
+}
+
+std::string plainText(const std::string& text) {
+    std::string result;
+    std::size_t at = 0;
+    while (at < text.size()) {
+        const std::size_t length = std::max<std::size_t>(1, characterLength(text, at));
+        result += steersTerminal(text, at, length) ? "?" : text.substr(at, length);
+        at += length;
+    }
+    return result;
+}
+
 std::string cutText(const std::string& text, std::size_t bytes) {
     if (text.size() <= bytes) {
         return text;

@@ -1,9 +1,16 @@
-// The listening client's way from received packets to sound: any row of packets at any time.
-// An input is a row of packets, each with a time and a length before it.
+// The listening client's ways from received packets to sound, the recorded and the played one: any
+// row of packets at any time. An input is a row of packets, each with three bytes before it: the
+// milliseconds since the last packet, and twice a part of its length (see lengthOf).
 
 #include "listen/audio_packet.h"
 
+#include <cmath>
+#include <memory>
+
+#include "listen/delay_target.h"
+#include "listen/drift_control.h"
 #include "listen/pcm_sink.h"
+#include "listen/playout.h"
 #include "listen/sequence_tracker.h"
 #include "listen/timeline.h"
 #include "tests/fuzz/fuzz_input.h"
@@ -11,6 +18,12 @@
 namespace {
 
 constexpr std::int64_t TIME_UNIT_US = 1000;
+constexpr std::int64_t PERIOD_US = 10000;
+constexpr int DEVICE_RATE = 48000;
+constexpr std::size_t DEVICE_FRAMES = 480;
+constexpr double CHOSEN_DELAY_MS = 40;
+/// Longer pauses between two packets leave the device standing still for the rest.
+constexpr int MOST_PERIODS = 8;
 
 class CheckingSink : public vxlisten::PcmSink {
   public:
@@ -32,10 +45,54 @@ class CheckingSink : public vxlisten::PcmSink {
     bool seen = false;
 };
 
-void checkPacket(const vxlisten::AudioPacket& packet, const std::string& bytes) {
-    require(packet.payloadLength + wire::HEADER_LENGTH == bytes.size(), "the payload is the rest");
+/// The output device: asks for sound at its own pace.
+class Device {
+  public:
+    void push(const vxlisten::AudioPacket& packet, std::uint32_t stream, std::int64_t now) {
+        playout_->push(packet, stream, now);
+    }
+
+    /// Lets the time pass until `now`.
+    void playUntil(std::int64_t now) {
+        for (int i = 0; i < MOST_PERIODS && time_ + PERIOD_US <= now; ++i) {
+            time_ += PERIOD_US;
+            playout_->render(sound_.data(), DEVICE_FRAMES, time_);
+            check();
+        }
+        standUntil(now);
+    }
+
+    /// Asks for nothing until `now`.
+    void standUntil(std::int64_t now) { time_ = std::max(time_, now - PERIOD_US); }
+
+  private:
+    void check() const {
+        const vxlisten::PlayoutFigures& figures = playout_->figures();
+        require(std::isfinite(figures.depthMs) && figures.depthMs >= 0, "the buffer has a depth");
+        require(figures.targetMs >= vxlisten::DelayTarget::LEAST_MS &&
+                    figures.targetMs <= vxlisten::DelayTarget::MOST_MS,
+                "the wanted depth is bounded");
+        require(std::abs(figures.correctionPpm) <= vxlisten::DriftControl::MOST_PPM,
+                "the speed is bounded");
+        require(std::isfinite(figures.jitterMs) && figures.jitterMs >= 0, "jitter is a time");
+    }
+
+    // Too large for the stack. The sound lies on the heap, with nothing behind it.
+    std::unique_ptr<vxlisten::Playout> playout_ =
+        std::make_unique<vxlisten::Playout>(DEVICE_RATE, CHOSEN_DELAY_MS);
+    std::vector<std::int16_t> sound_ = std::vector<std::int16_t>(2 * DEVICE_FRAMES);
+    std::int64_t time_ = 0;
+};
+
+void checkPacket(const vxlisten::AudioPacket& packet, std::size_t bytes) {
+    require(packet.payloadLength + wire::HEADER_LENGTH == bytes, "the payload is the rest");
     require(packet.payloadLength <= vxlisten::MAX_PAYLOAD, "no payload is longer than a block");
     require(packet.frames <= vxlisten::StreamDecoder::MAX_FRAMES, "the frames fit");
+}
+
+/// The three lower bits of `high` count 256s, the others are left for something else.
+std::size_t lengthOf(std::size_t low, std::size_t high) {
+    return low + 256U * (high % 8);
 }
 
 }  // namespace
@@ -50,16 +107,27 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     vxlisten::SequenceTracker tracker;
     vxlisten::Timeline timeline;
     timeline.addSink(&sink);
+    Device device;
+    std::uint32_t stream = 0;
     std::int64_t now = 0;
     while (!input.empty()) {
         now += TIME_UNIT_US * input.byte();
-        const std::size_t length = input.byte() + 256U * (input.byte() % 8);
-        const std::string bytes = input.bytes(length);
-        const auto packet = vxlisten::parseAudioPacket(
-            reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size());
+        const std::size_t low = input.byte();
+        const std::size_t high = input.byte();
+        const std::vector<unsigned char> bytes = input.exactBytes(lengthOf(low, high));
+        const auto packet = vxlisten::parseAudioPacket(bytes.data(), bytes.size());
         if (packet) {
-            checkPacket(*packet, bytes);
-            timeline.take(*packet, tracker.observe(*packet), now);
+            checkPacket(*packet, bytes.size());
+            const vxlisten::SequenceStep step = tracker.observe(*packet);
+            stream += step.arrival == vxlisten::Arrival::Start ? 1 : 0;
+            device.push(*packet, stream, now);
+            timeline.take(*packet, step, now);
+        }
+        const bool deviceStands = high >= 0x80;
+        if (deviceStands) {
+            device.standUntil(now);
+        } else {
+            device.playUntil(now);
         }
     }
     return 0;

@@ -78,7 +78,8 @@ class TableRun {
         ENetEvent event = {};
         event.type = ENET_EVENT_TYPE_RECEIVE;
         event.peer = live[input.byte() % live.size()];
-        const std::size_t length = input.byte() + 16U * (input.byte() % 32);
+        const std::size_t low = input.byte();
+        const std::size_t length = low + 16U * (input.byte() % 32);
         const std::string message = input.bytes(length);
         event.packet = enet_packet_create(message.data(), message.size(), 0);
         handleReceive(event);

@@ -8,6 +8,7 @@
 #include <fcntl.h>
 #include <string>
 #include <unistd.h>
+#include <vector>
 
 /// What every fuzz target starts from. Each defines LLVMFuzzerTestOneInput; libFuzzer or
 /// replay_main.cpp calls it, with LLVMFuzzerInitialize before.
@@ -50,6 +51,15 @@ class FuzzInput {
     std::string bytes(std::size_t length) {
         const std::size_t taken = std::min(length, static_cast<std::size_t>(end - at));
         std::string result(reinterpret_cast<const char*>(at), taken);
+        at += taken;
+        return result;
+    }
+
+    /// As bytes(), on the heap in a block of just this size, so that the address sanitizer sees
+    /// every step beyond it; a short text lies in room that its object has anyway.
+    std::vector<unsigned char> exactBytes(std::size_t length) {
+        const std::size_t taken = std::min(length, static_cast<std::size_t>(end - at));
+        std::vector<unsigned char> result(at, at + taken);
         at += taken;
         return result;
     }

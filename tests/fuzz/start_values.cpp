@@ -1,19 +1,62 @@
 // Any command line with any environment. An input is a row of texts that end with NUL: the values
 // of the variables below (empty: not set), then the arguments.
 
+#include <atomic>
+#include <cstdio>
 #include <cstring>
+#include <optional>
 #include <vector>
 
 #include "app/command_line.h"
+#include "audio/Audio.h"
 #include "discovery/query.h"
+#include "stream/send_path.h"
+#include "stream/wire_format.h"
 #include "tests/fuzz/fuzz_input.h"
 #include "update/web_address.h"
+
+// One capture device that cannot be opened takes PortAudio's place; it notes the wanted rate.
+namespace {
+
+constexpr double DEVICE_RATE = 48000;
+double wantedRate = 0;
+std::FILE* nowhere = nullptr;
+
+}  // namespace
+
+/// No sound is captured, so that nothing of the streaming side is needed.
+int processBuffer(char* /*buffer*/, int /*length*/, bool /*hasInput*/) {
+    return 0;
+}
+
+extern "C" {
+PaError Pa_Initialize() {
+    return paNoError;
+}
+PaError Pa_Terminate() {
+    return paNoError;
+}
+PaDeviceIndex Pa_GetDefaultInputDevice() {
+    return 0;
+}
+const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex) {
+    static PaDeviceInfo info;
+    info.defaultSampleRate = DEVICE_RATE;
+    return &info;
+}
+PaError Pa_OpenStream(PaStream**, const PaStreamParameters*, const PaStreamParameters*, double rate,
+                      unsigned long, PaStreamFlags, PaStreamCallback*, void*) {
+    wantedRate = rate;
+    return paDeviceUnavailable;
+}
+}
 
 namespace {
 
 constexpr const char* VARIABLES[] = {"VELANTRIX_SERVER_PORT", "VELANTRIX_SERVER_BINDADDR",
                                      "VELANTRIX_WEB_ADDRESS", "QT_QPA_PLATFORM",
-                                     "XDG_SESSION_TYPE",      "DISPLAY"};
+                                     "XDG_SESSION_TYPE",      "DISPLAY",
+                                     "WAYLAND_DISPLAY",       "VELANTRIX_SERVER_SAMPLE_RATE"};
 constexpr std::size_t LONGEST_ADDRESS = 255;
 constexpr const char* BUILT_IN = "http://www.velantrix.example";
 
@@ -49,6 +92,67 @@ void checkWebAddress() {
     require(isTwoPlainWords(browserCommand(address)), "the address stays one word of the shell");
 }
 
+/// The number that `text` is, when it is just a number of up to five digits.
+std::optional<int> plainNumber(const std::string& text) {
+    constexpr std::size_t MOST_DIGITS = 5;
+    if (text.empty() || text.size() > MOST_DIGITS ||
+        text.find_first_not_of("0123456789") != std::string::npos) {
+        return std::nullopt;
+    }
+    return std::stoi(text);
+}
+
+bool startsWithDigit(const std::string& text) {
+    return !text.empty() && text[0] >= '0' && text[0] <= '9';
+}
+
+std::string valueOf(const char* variable) {
+    const char* const value = std::getenv(variable);
+    return value != nullptr ? value : "";
+}
+
+/// A port from the environment: a plain number is taken, what does not begin with a digit is not.
+void checkPortVariable() {
+    const std::string text = valueOf("VELANTRIX_SERVER_PORT");
+    const char* const noArguments = "VelantrixServer";
+    scanArguments(1, &noArguments);
+    readStartEnvironment();
+    if (const std::optional<int> port = plainNumber(text)) {
+        require(getCmdPortNum() == *port, "a plain port is taken");
+        require(discoveryPort() == (*port + 1) % 65536, "discovery is one above it");
+    } else if (!startsWithDigit(text)) {
+        require(getCmdPortNum() == 0, "the default port is kept");
+        require(discoveryPort() == wire::DEFAULT_DISCOVERY_PORT, "so is discovery's");
+    }
+}
+
+void checkPortArgument(const std::string& text) {
+    const char* const arguments[] = {"VelantrixServer", "-p", text.c_str()};
+    scanArguments(3, arguments);
+    if (const std::optional<int> port = plainNumber(text)) {
+        require(getCmdPortNum() == *port, "a plain port is taken");
+    } else if (text.find_first_of("0123456789") == std::string::npos) {
+        require(getCmdPortNum() == 0, "what is no number leaves the default");
+    }
+}
+
+void checkSampleRate() {
+    const std::string text = valueOf("VELANTRIX_SERVER_SAMPLE_RATE");
+    std::atomic<bool> is48k{true};
+    std::FILE* const saved = stderr;
+    stderr = nowhere;
+    const int result = Audio::Open(0, is48k);
+    stderr = saved;
+    // The program opens once and keeps them for ever.
+    delete[] Audio::_CaptureBuffer;
+    delete[] Audio::_CaptureBufferComp;
+    require(result == paDeviceUnavailable && !is48k, "a failed capture has no rate");
+    require(wantedRate == 44100 || wantedRate == 48000, "there are two rates");
+    const std::optional<int> rate = plainNumber(text);
+    require(!rate || (wantedRate == 48000) == (*rate == 48000), "the user's rate is taken");
+    require(startsWithDigit(text) || wantedRate == DEVICE_RATE, "the device's rate is kept");
+}
+
 void checkStart(const std::vector<const char*>& arguments) {
     const ArgumentScan scan = scanArguments(static_cast<int>(arguments.size()), arguments.data());
     require(scan.platformSeen || !scan.waylandArg, "a platform's name follows its option");
@@ -61,6 +165,8 @@ void checkStart(const std::vector<const char*>& arguments) {
 
 int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     silenceStandardOutput();
+    nowhere = std::fopen("/dev/null", "we");
+    require(nowhere != nullptr, "reports can be thrown away");
     return 0;
 }
 
@@ -77,8 +183,12 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     for (const std::string& text : texts) {
         arguments.push_back(text.c_str());
     }
+    checkPortVariable();
+    for (const std::string& text : texts) {
+        checkPortArgument(text);
+    }
+    checkSampleRate();
     checkStart(arguments);
     checkWebAddress();
-    discoveryPort();
     return 0;
 }

@@ -1,5 +1,7 @@
 // A whole version check on answers of any content: a first page, and a second one for the case
 // that the first shows another in a frame. libcurl's functions and the settings are substitutes.
+// An input: how long the pieces are, the first page's length (two bytes), how often the pages are
+// repeated, which makes them longer than an input can be, then the pages.
 
 #include "update/version_page.h"
 
@@ -37,6 +39,9 @@ namespace {
 
 constexpr const char* CURRENT_VERSION = "3.1";
 constexpr std::size_t LEAST_ADDRESS = 8;
+constexpr std::size_t LARGEST_BODY = 1024UL * 1024;
+constexpr std::size_t MOST_PIECES = 16;
+constexpr std::size_t LAST_CODE_FOR_ONCE = 239;
 
 int anyHandle = 0;
 void* receiver = nullptr;
@@ -71,9 +76,13 @@ CURLcode easyPerform(CURL* /*handle*/) {
     require(transfers == 0 || (url.size() >= LEAST_ADDRESS && url.find('"') == std::string::npos),
             "the frame's address is what stood between the quotes");
     std::string page = pages[transfers++];
-    for (std::size_t at = 0; at < page.size(); at += piece) {
-        const std::size_t length = std::min(piece, page.size() - at);
-        if (WebIf::writeMemoryCallback(&page[at], 1, length, receiver) != length) {
+    // Each piece moves what came before it: of a long page they are longer.
+    const std::size_t most = std::max(piece, page.size() / MOST_PIECES);
+    for (std::size_t at = 0; at < page.size(); at += most) {
+        const std::size_t length = std::min(most, page.size() - at);
+        const std::size_t taken = WebIf::writeMemoryCallback(&page[at], 1, length, receiver);
+        require(taken == (at + length <= LARGEST_BODY ? length : 0), "1 MiB is taken, no more");
+        if (taken != length) {
             return CURLE_WRITE_ERROR;
         }
     }
@@ -81,6 +90,18 @@ CURLcode easyPerform(CURL* /*handle*/) {
 }
 
 void easyCleanup(CURL* /*handle*/) {}
+
+/// The text again and again, up to twice what is taken. Long pages take long: most codes stand for
+/// once, the highest ones for more and more, up to 65536 times.
+std::string repeated(const std::string& text, std::size_t code) {
+    const std::size_t root = code > LAST_CODE_FOR_ONCE ? code - LAST_CODE_FOR_ONCE : 1;
+    const std::size_t times = root * root * root * root;
+    std::string result;
+    for (std::size_t i = 0; i < times && result.size() < 2 * LARGEST_BODY; ++i) {
+        result += text;
+    }
+    return result;
+}
 
 const char* easyStrerror(CURLcode /*code*/) {
     return "error";
@@ -102,9 +123,11 @@ int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzInput input(data, size);
     piece = 1U + input.byte();
-    const std::size_t first = input.byte() + 256U * input.byte();
-    pages[0] = input.bytes(first);
-    pages[1] = input.rest();
+    const std::size_t low = input.byte();
+    const std::size_t first = low + 256U * input.byte();
+    const std::size_t code = input.byte();
+    pages[0] = repeated(input.bytes(first), code);
+    pages[1] = repeated(input.rest(), code);
     Settings::loadSettings();
     const std::string before = Settings::getVersionCheckResponse();
 

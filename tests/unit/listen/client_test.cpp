@@ -1,7 +1,13 @@
 #include "listen/client.h"
 
+#include <arpa/inet.h>
 #include <atomic>
+#include <cstring>
 #include <future>
+#include <netinet/in.h>
+#include <poll.h>
+#include <string>
+#include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 
@@ -34,8 +40,14 @@ class TestServer {
 
     std::uint16_t port = 0;
     std::atomic<int> clients{0};
+    std::atomic<bool> damages{false};  ///< Sends every packet without the end of its header first.
 
   private:
+    void send(const packets::Bytes& bytes, std::size_t length) {
+        enet_peer_send(listening_, 0,
+                       enet_packet_create(bytes.data(), length, ENET_PACKET_FLAG_RELIABLE));
+    }
+
     void run() {
         std::uint32_t seq = 0;
         while (!stop_) {
@@ -44,10 +56,11 @@ class TestServer {
                 handle(event);
             }
             const packets::Bytes bytes = packets::raw(seq++);
+            if (listening_ != nullptr && damages) {
+                send(bytes, wire::HEADER_LENGTH - 1);
+            }
             if (listening_ != nullptr) {
-                enet_peer_send(
-                    listening_, 0,
-                    enet_packet_create(bytes.data(), bytes.size(), ENET_PACKET_FLAG_RELIABLE));
+                send(bytes, bytes.size());
             }
             std::this_thread::sleep_for(std::chrono::milliseconds(7));
         }
@@ -74,14 +87,83 @@ class TestServer {
     std::atomic<bool> stop_{false};
 };
 
-vxlisten::Options optionsFor(const TestServer& server, double seconds) {
+/// Answers every datagram on the loopback interface as a server of the same protocol that turns a
+/// new connection down, with a number of its choice.
+class RefusingServer {
+  public:
+    explicit RefusingServer(std::uint32_t data)
+        : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+        refusal_.header.command = ENET_PROTOCOL_COMMAND_DISCONNECT;
+        refusal_.header.channelID = 0xFF;
+        refusal_.disconnect.data = htonl(data);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address);
+        socklen_t length = sizeof address;
+        getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
+        port = ntohs(address.sin_port);
+        thread_ = std::thread([this] { run(); });
+    }
+    ~RefusingServer() {
+        stop_ = true;
+        thread_.join();
+        close(socket_);
+    }
+    RefusingServer(const RefusingServer&) = delete;
+    RefusingServer& operator=(const RefusingServer&) = delete;
+
+    std::uint16_t port = 0;
+
+  private:
+    void run() const {
+        // The first of the client's connections, without a time; then the command.
+        char answer[2 + sizeof(ENetProtocolDisconnect)] = {};
+        std::memcpy(answer + 2, &refusal_, sizeof(ENetProtocolDisconnect));
+        while (!stop_) {
+            pollfd waiting = {socket_, POLLIN, 0};
+            char text[2048];
+            sockaddr_in sender = {};
+            socklen_t length = sizeof sender;
+            if (poll(&waiting, 1, 20) > 0 &&
+                recvfrom(socket_, text, sizeof text, 0, reinterpret_cast<sockaddr*>(&sender),
+                         &length) > 0) {
+                sendto(socket_, answer, sizeof answer, 0, reinterpret_cast<sockaddr*>(&sender),
+                       length);
+            }
+        }
+    }
+
+    int socket_;
+    ENetProtocol refusal_ = {};
+    std::thread thread_;
+    std::atomic<bool> stop_{false};
+};
+
+vxlisten::Options optionsFor(std::uint16_t port, double seconds) {
     vxlisten::Options options;
     options.host = "127.0.0.1";
-    options.port = server.port;
+    options.port = port;
     options.play = false;
     options.quiet = true;
     options.seconds = seconds;
     return options;
+}
+
+vxlisten::Options optionsFor(const TestServer& server, double seconds) {
+    return optionsFor(server.port, seconds);
+}
+
+/// What a client told of itself on standard error, and its status.
+struct Told {
+    int status;
+    std::string sentence;
+};
+
+Told runClient(const vxlisten::Options& options) {
+    testing::internal::CaptureStderr();
+    const int status = vxlisten::Client(options).run();
+    return {status, testing::internal::GetCapturedStderr()};
 }
 
 }  // namespace
@@ -143,4 +225,48 @@ TEST(Client, AReaderThatGoesBeforeTheFirstSoundIsNoError) {
     dup2(saved, STDOUT_FILENO);
     close(saved);
     EXPECT_EQ(status, vxlisten::STATUS_OK);
+}
+
+TEST(Client, AHostThatNobodyKnowsIsTold) {
+    vxlisten::Options options = optionsFor(std::uint16_t{7000}, 1);
+    options.host = std::string(300, 'x');  // Too long for any name: nobody is asked.
+    const Told told = runClient(options);
+    EXPECT_EQ(told.status, vxlisten::STATUS_FAILURE);
+    EXPECT_EQ(told.sentence, "velantrix-listen: there is no host named '" + options.host + "'\n");
+}
+
+TEST(Client, AServerThatTurnsTheConnectionDownIsTold) {
+    const RefusingServer server(0);
+    const Told told = runClient(optionsFor(server.port, 20));
+    EXPECT_EQ(told.status, vxlisten::STATUS_FAILURE);
+    EXPECT_EQ(told.sentence,
+              "velantrix-listen: 127.0.0.1:" + std::to_string(server.port) + " does not answer\n");
+}
+
+TEST(Client, ARefusalComesWithItsReason) {
+    const RefusingServer server(77);
+    vxlisten::Receiver receiver;
+    ASSERT_TRUE(receiver.open());
+    ASSERT_TRUE(receiver.resolve("127.0.0.1", server.port));
+    ASSERT_TRUE(receiver.connect({}));
+    vxlisten::ReceiverEvent event;
+    for (int i = 0; i < 2000 && event.type == vxlisten::ReceiverEvent::Type::None; ++i) {
+        event = receiver.service(5);
+    }
+    EXPECT_EQ(event.type, vxlisten::ReceiverEvent::Type::Disconnected);
+    EXPECT_EQ(event.disconnectData, 77U);
+}
+
+TEST(Client, PacketsWithADamagedHeaderAreCountedAndTheOthersHeard) {
+    TestServer server(0);
+    server.damages = true;
+    vxlisten::Options options = optionsFor(server, 1);
+    options.stats = vxlisten::StatsStyle::Json;
+    testing::internal::CaptureStdout();
+    const int status = vxlisten::Client(options).run();
+    const std::string printed = testing::internal::GetCapturedStdout();
+    EXPECT_EQ(status, vxlisten::STATUS_OK);
+    const std::string end = printed.substr(printed.find("\"type\":\"end\""));
+    EXPECT_EQ(end.find("\"damaged\":0,"), std::string::npos) << end;
+    EXPECT_EQ(end.find("\"packets\":0,"), std::string::npos) << end;
 }

@@ -69,6 +69,19 @@ TEST(Display, NamesCannotSteerTheTerminal) {
     EXPECT_EQ(joined(layOutDisplay(s, {-10, 0}, 80)).find('\x1b'), std::string::npos);
 }
 
+TEST(Display, NamesCannotSteerTheTerminalByCharactersBeyondAscii) {
+    Statistics s = busy();
+    for (const char* const name : {"evil\xc2\x9b[", "evil\x9b[", "evil\xc2"}) {
+        s.hostName = name;
+        const std::string text = joined(layOutDisplay(s, {-10, 0}, 80));
+        EXPECT_NE(text.find("evil?"), std::string::npos) << text;
+        EXPECT_EQ(text.find('\x9b'), std::string::npos);
+        EXPECT_EQ(text.find('\xc2'), std::string::npos);
+    }
+    s.hostName = "caf\xc3\xa9\xc2\xa0\xe2\x82\xac";
+    EXPECT_NE(joined(layOutDisplay(s, {-10, 0}, 80)).find(s.hostName), std::string::npos);
+}
+
 TEST(Display, MeterRunsFromMinus60ToZero) {
     EXPECT_EQ(meterBar(-120, -120, 10), "----------");
     EXPECT_EQ(meterBar(-30, -120, 10), "#####-----");

@@ -64,3 +64,13 @@ TEST(StatisticsText, ReportTellsWhatWasConcealedOnlyOfAClientThatPlayed) {
         << report;
     EXPECT_NE(report.find("lost: 3\n"), std::string::npos) << report;
 }
+
+TEST(StatisticsText, JsonEscapesWhatCouldSteerATerminal) {
+    Statistics s = listening();
+    s.hostName = "\x1b[2J \xc2\x9b\x9b \x7f \"\\ caf\xc3\xa9\xc2\xa0";
+    EXPECT_NE(toJson(s, "stats")
+                  .find("\"host\":\"\\u001b[2J \\u009b\\u009b \\u007f \\\"\\\\ "
+                        "caf\xc3\xa9\xc2\xa0\""),
+              std::string::npos)
+        << toJson(s, "stats");
+}
