@@ -1,8 +1,8 @@
 #include "stream/enet_clock.h"
 
 #include <ctime>
-
 #include <dlfcn.h>
+
 #include <enet/enet.h>
 #include <gtest/gtest.h>
 
