@@ -6,6 +6,7 @@
 #include "stream/client_table.h"
 #include "stream/event_backlog.h"
 #include "stream/network_host.h"
+#include "stream/stuck_peers.h"
 
 namespace {
 
@@ -32,9 +33,20 @@ bool handle(const ENetEvent& event) {
     }
 }
 
-}  // namespace
+/// After a lack of memory: gives back the peers that would wait for ever.
+void freeStuckPeers() {
+    while (ENetPeer* const peer = findStuckPeer(*server)) {
+        if (peer->state == ENET_PEER_STATE_DISCONNECTING) {
+            ENetEvent event = {};
+            event.type = ENET_EVENT_TYPE_DISCONNECT;
+            event.peer = peer;
+            handle(event);
+        }
+        enet_peer_reset(peer);
+    }
+}
 
-int serviceHost() {
+int serviceOnce() {
     ENetEvent event = {};
     const int result = enet_host_service(server, &event, SERVICE_TIMEOUT_MS);
     if (result < 0) {
@@ -49,4 +61,14 @@ int serviceHost() {
         reportError();
     }
     return handled ? result : 0;
+}
+
+}  // namespace
+
+int serviceHost() {
+    const int result = serviceOnce();
+    if (takeEnetMemoryFailure()) {
+        freeStuckPeers();
+    }
+    return result;
 }

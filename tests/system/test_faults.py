@@ -14,14 +14,14 @@ import struct
 import time
 import unittest
 
-from enet_wire import Recorder
+from enet_wire import Recorder, connect_peers
 from harness import (DEFAULT_PORT, HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, Server, SoundServer,
                      SystemTest, fake, has_sanitizer, main, wait_until)
 from network import ip
-from probe import MSGID_FASTER, Probe, control_message, sequence_gaps
+from probe import MSGID_FASTER, MULTI_CLIENT, Probe, control_message, sequence_gaps
 
 DAY = 24 * 3600
-SLOTS = 10
+SLOTS, MAX_PEERS = 10, 32
 FATAL = 255
 ON_THE_SIDE = 10.0  # Seconds after the start.
 QUEUE = 30  # Packets that a reliable client's queue keeps at the least.
@@ -453,6 +453,23 @@ class ScarceMemory(FaultTest):
 
     def test_all_allocations(self):
         self.check_share(1000)
+
+    def test_connections_that_fail_take_no_place_for_good(self):
+        here = ("127.0.0.1", DEFAULT_PORT)
+        self.fail_share(300)
+        for _ in range(6):  # Most of them end in the middle, and more than there are peers.
+            for peer in connect_peers(here, MAX_PEERS // 2, MULTI_CLIENT | 1, patience=0.5):
+                peer.disconnect()
+                peer.socket.close()
+        self.fail_share(0)
+        self.assertIn(SCARCE, self.server.out.all())
+        # ENet gives up the ones that it could answer within about 30 s.
+        peers = connect_peers(here, MAX_PEERS, MULTI_CLIENT, patience=60)
+        for peer in peers:
+            peer.socket.close()
+        self.assertEqual(len(peers), MAX_PEERS)
+        self.assert_ends_cleanly(self.server)
+
 
 
 if __name__ == "__main__":
