@@ -1,14 +1,16 @@
-"""Hours of audio in minutes: the server on a capture without pauses, and ten restless clients.
+"""Hours of audio in minutes: the server on a capture without pauses, and ten clients.
 
 Usage: soak.py BUILD_FOLDER HOURS [SEED]     (HOURS of audio time)
 
 Passes the wraps of ENet's 16-bit numbers many times and those of both 32-bit sequence counters.
-Fails when a packet is wrong, the server ends, a slot or a connection stays behind after everybody
-has left, descriptors are lost or memory grows. Prints a line every ten seconds.
+Fails when a packet is wrong or missing, a request stays without an answer, the server ends, its
+client table is wrong at any moment, a connection stays behind after everybody has left,
+descriptors are lost or memory grows. Prints a line every ten seconds.
 """
 
 import os
 import random
+import re
 import subprocess
 import sys
 import tempfile
@@ -20,9 +22,15 @@ from session import enter_private_network
 
 PORT = 59210
 CALLBACKS_PER_HOUR = 3600 * 48000 / 338
+WARM_UP_CALLBACKS = 8000
 REPORT_S = 10
-TIMEOUT_OF_VANISHED_S = 40
-ALLOWED_GROWTH = 1.10
+START_LIMIT_S = 60
+TIMEOUT_OF_VANISHED_S = 60
+LOG_LINES_SHOWN = 60
+# Everybody gone, the server holds what it held after the warm-up.
+ALLOWED_LOSS_BYTES = 64 * 1024
+# Of the resident memory while clients come and go, once their number of queues has settled.
+ALLOWED_GROWTH_KIB = 256
 READINGS_TO_JUDGE = 20
 
 
@@ -33,23 +41,96 @@ def memory_kib(pid):
     raise RuntimeError("no RssAnon")
 
 
-def descriptors(pid):
-    return len(os.listdir(f"/proc/{pid}/fd"))
+class Server:
+    """The soaking server with its log, whose end is shown when the run fails. A context manager."""
+
+    def __init__(self, build, folder):
+        self.build = build
+        self.table = os.path.join(folder, "table")
+        self.log = Path(folder, "log")
+        # The cache of freed memory that each thread keeps would count as memory in use.
+        environment = dict(os.environ, HOME=folder, XDG_CONFIG_HOME=folder,
+                           PACED_CAPTURE_TABLE=self.table, PACED_CAPTURE_SPEED="0",
+                           GLIBC_TUNABLES="glibc.malloc.tcache_count=0",
+                           LD_PRELOAD=str(build / "libpaced_capture.so"))
+        with open(self.log, "wb") as log:
+            self.process = subprocess.Popen([build / "soak_server", str(PORT)], env=environment,
+                                            stdout=log, stderr=log)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, failure, *_):
+        if self.process.poll() is None:
+            self.process.kill()
+            self.process.wait()
+        if failure is not None:
+            lines = self.log.read_text(encoding="utf-8", errors="replace").splitlines()
+            own = [line for line in lines if line.startswith("soak_server: ")]
+            print("the server's complaints and readings:", *own[:LOG_LINES_SHOWN],
+                  "its last lines:", *lines[-LOG_LINES_SHOWN:], sep="\n  ", flush=True)
+
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+
+    def idle_readings(self):
+        """The bytes in use that it has told so far, each time that nobody was connected."""
+        with open(self.log, encoding="utf-8", errors="replace") as log:
+            told = (re.match(r"soak_server: (\d+) bytes in use", line) for line in log)
+            return [int(match[1]) for match in told if match]
+
+    def idle_bytes(self, known, limit_s):
+        """The bytes in use at the first idle moment behind the `known` ones."""
+        deadline = time.monotonic() + limit_s
+        while time.monotonic() < deadline:
+            readings = self.idle_readings()
+            if len(readings) > known:
+                return readings[-1]
+            self.check_alive()
+            time.sleep(0.5)
+        raise SystemExit("the server did not become idle: a connection stays behind")
+
+    def check_alive(self):
+        if self.process.poll() is not None:
+            raise SystemExit(f"the server ended with status {self.process.returncode}")
+
+    def end(self):
+        self.process.terminate()
+        if self.process.wait(timeout=20) != 0:
+            raise SystemExit(f"the server ended with status {self.process.returncode}")
 
 
-def watch(server, clients):
-    """Waits for the clients; returns the memory readings in KiB, one every ten seconds."""
+def soak(server, callbacks, seed):
+    """Lets the clients run; returns memory readings in KiB and the bytes in use behind them."""
+    clients = subprocess.Popen([server.build / "soak_clients", str(PORT), server.table,
+                                str(callbacks), str(seed)])
     readings = []
     started = time.monotonic()
-    while clients.poll() is None:
-        time.sleep(REPORT_S if readings else 5)
-        if server.poll() is not None:
-            clients.kill()
-            raise SystemExit(f"the server ended with status {server.returncode}")
-        readings.append(memory_kib(server.pid))
-        print(f"{time.monotonic() - started:7.0f} s  {readings[-1]} KiB  "
-              f"{descriptors(server.pid)} descriptors", flush=True)
-    return readings
+    try:
+        while clients.poll() is None:
+            try:
+                clients.wait(timeout=REPORT_S if readings else REPORT_S / 2)
+            except subprocess.TimeoutExpired:
+                server.check_alive()
+                readings.append(memory_kib(server.process.pid))
+                print(f"{time.monotonic() - started:7.0f} s  {readings[-1]} KiB  "
+                      f"{server.descriptors()} descriptors", flush=True)
+    finally:
+        clients.kill()
+        clients.wait()
+    known = len(server.idle_readings())
+    if clients.returncode:
+        raise SystemExit(f"the clients ended with status {clients.returncode}")
+    return readings, server.idle_bytes(known, TIMEOUT_OF_VANISHED_S)
+
+
+def judge_resident(readings):
+    # The first minutes fill the allocator's pools.
+    settled = readings[len(readings) // 4:]
+    half = len(settled) // 2
+    if len(settled) >= READINGS_TO_JUDGE and \
+            max(settled[half:]) > max(settled[:half]) + ALLOWED_GROWTH_KIB:
+        raise SystemExit(f"resident memory grows: {settled} KiB")
 
 
 def main():
@@ -57,31 +138,20 @@ def main():
     seed = int(sys.argv[3]) if len(sys.argv) > 3 else random.randrange(10**6)
     sys.argv = [*sys.argv[:3], str(seed)]
     enter_private_network()
-    with tempfile.TemporaryDirectory() as folder:
-        table = os.path.join(folder, "table")
-        environment = dict(os.environ, HOME=folder, XDG_CONFIG_HOME=folder,
-                           PACED_CAPTURE_TABLE=table, PACED_CAPTURE_SPEED="0",
-                           LD_PRELOAD=str(build / "libpaced_capture.so"))
-        log = open(os.path.join(folder, "log"), "w", encoding="utf-8")
-        server = subprocess.Popen([build / "soak_server", str(PORT)], env=environment, stdout=log)
-        time.sleep(2)
-        before = descriptors(server.pid)
-        clients = subprocess.Popen([build / "soak_clients", str(PORT), table,
-                                    str(int(hours * CALLBACKS_PER_HOUR)), str(seed)])
-        readings = watch(server, clients)
-        time.sleep(TIMEOUT_OF_VANISHED_S)
-        after = descriptors(server.pid)
-        server.terminate()
-        server_status = server.wait(timeout=20)
-    settled = readings[len(readings) // 4:]
-    print(f"memory {min(settled)} to {max(settled)} KiB, descriptors {before} to {after}, "
-          f"server status {server_status}, clients status {clients.returncode}")
-    if clients.returncode or server_status or after > before:
-        raise SystemExit(1)
-    # The first minutes fill ENet's and the allocator's pools.
-    if len(settled) >= READINGS_TO_JUDGE and max(settled[len(settled) // 2:]) > \
-            ALLOWED_GROWTH * max(settled[:len(settled) // 2]):
-        raise SystemExit("memory grows")
+    with tempfile.TemporaryDirectory() as folder, Server(build, folder) as server:
+        server.idle_bytes(0, START_LIMIT_S)
+        before_bytes = soak(server, WARM_UP_CALLBACKS, seed + 1)[1]
+        before = server.descriptors()
+        readings, after_bytes = soak(server, int(hours * CALLBACKS_PER_HOUR), seed)
+        after = server.descriptors()
+        print(f"with nobody connected {before_bytes} bytes in use, then {after_bytes}; "
+              f"descriptors {before}, then {after}", flush=True)
+        server.end()
+        if after > before:
+            raise SystemExit("descriptors are lost")
+        if abs(after_bytes - before_bytes) >= ALLOWED_LOSS_BYTES:
+            raise SystemExit("memory is lost")
+        judge_resident(readings)
 
 
 if __name__ == "__main__":

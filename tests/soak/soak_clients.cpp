@@ -1,156 +1,110 @@
-// Ten clients that connect, change mode and rate, stall, vanish and return at random, and hold
-// every packet against what was played. Usage: soak_clients PORT TABLE CALLBACKS SEED
-// Ends when the server has made CALLBACKS more callbacks; status 1 when any packet was wrong or
-// some client received nothing.
+// Nine restless clients and a steady one, which hold every packet against what was played.
+// Usage: soak_clients PORT TABLE CALLBACKS SEED
+// Ends when the server has made CALLBACKS more callbacks; status 1 when any packet was wrong, some
+// client was not served, the capture stands still or, in a run of a quarter of an hour or more,
+// some kind of packet or some wrap was never heard.
 
-#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <random>
 #include <unistd.h>
 #include <vector>
 
 #include <enet/enet.h>
 
-#include "stream/wire_format.h"
-#include "tests/soak/packet_check.h"
+#include "bench/capture_table.h"
+#include "tests/soak/soak_client.h"
 
 namespace {
 
-constexpr std::size_t CLIENTS = 10;
-constexpr int LONGEST_WAIT_MS = 3000;
-constexpr int MOST_ERRORS_SHOWN = 20;
+constexpr unsigned CLIENTS = 10;
+constexpr std::chrono::seconds CAPTURE_LIMIT{60};
 
-using Clock = std::chrono::steady_clock;
+/// A quarter of an hour of sound. For its first three quarters nobody vanishes: no client is
+/// replaced, and the steady one's connection passes the wrap of ENet's 16-bit numbers.
+constexpr std::uint64_t PERIOD = 127800;
+constexpr std::uint64_t ORDERLY = PERIOD / 4 * 3;
 
-struct HostDeleter {
-    void operator()(ENetHost* host) const { enet_host_destroy(host); }
-};
+using Clients = std::vector<std::unique_ptr<SoakClient>>;
 
-class SoakClient {
+/// Tells a capture that works from one that stands still.
+class CaptureWatch {
   public:
-    SoakClient(std::uint16_t serverPort, const CaptureTable& table, unsigned seed)
-        : port(serverPort), check(table), random(seed) {}
-
-    /// Services the client's host and, when its time has come, does something else.
-    void step() {
-        if (Clock::now() >= nextChange) {
-            change();
-            nextChange = Clock::now() + std::chrono::milliseconds(pick(1, LONGEST_WAIT_MS));
+    bool alive(std::uint64_t callbacks) {
+        if (callbacks != seen) {
+            seen = callbacks;
+            since = Clock::now();
         }
-        if (!stalled && host != nullptr) {
-            service();
-        }
+        return Clock::now() - since < CAPTURE_LIMIT;
     }
-
-    void leave() {
-        if (host != nullptr && peer != nullptr && peer->state == ENET_PEER_STATE_CONNECTED) {
-            enet_peer_disconnect_now(peer, 0);
-        }
-        forget();
-    }
-
-    long packets = 0;
-    long errors = 0;
-    long connections = 0;
 
   private:
-    int pick(int least, int most) {
-        return std::uniform_int_distribution<int>(least, most)(random);
-    }
+    using Clock = std::chrono::steady_clock;
 
-    void change() {
-        stalled = false;
-        if (host == nullptr) {
-            connect();
-            return;
-        }
-        const int choice = pick(0, 9);
-        if (choice < 5) {
-            requestData();
-        } else if (choice < 7) {
-            stalled = true;
-        } else if (choice == 7) {
-            leave();
-        } else if (choice == 8) {
-            forget();  // Vanishes without a word.
-        }
-    }
-
-    void connect() {
-        host.reset(enet_host_create(nullptr, 1, 2, 0, 0));
-        ENetAddress address = {};
-        enet_address_set_host_ip(&address, "127.0.0.1");
-        address.port = port;
-        peer = enet_host_connect(host.get(), &address, 2, wire::CONNECT_MULTI_CLIENT | 1U);
-        check.restart();
-    }
-
-    void forget() {
-        host.reset();
-        peer = nullptr;
-    }
-
-    void requestData() {
-        if (peer == nullptr || peer->state != ENET_PEER_STATE_CONNECTED) {
-            return;
-        }
-        unsigned char message[wire::HEADER_LENGTH + 5] = {};
-        wire::PacketHeader header;
-        header.msgId = wire::MSGID_DATA;
-        header.flags = wire::makeFlags(pick(0, 1) == 1, false,
-                                       static_cast<std::uint32_t>(pick(0, 1) * pick(0, 7)));
-        wire::writeHeader(message, header);
-        enet_peer_send(peer, 0,
-                       enet_packet_create(message, sizeof message, ENET_PACKET_FLAG_RELIABLE));
-    }
-
-    void service() {
-        ENetEvent event;
-        for (int handled = 0;
-             handled < 200 && host != nullptr && enet_host_service(host.get(), &event, 0) > 0;
-             ++handled) {
-            if (event.type == ENET_EVENT_TYPE_CONNECT) {
-                ++connections;
-                requestData();
-            } else if (event.type == ENET_EVENT_TYPE_DISCONNECT) {
-                forget();
-            } else if (event.type == ENET_EVENT_TYPE_RECEIVE) {
-                take(*event.packet);
-                enet_packet_destroy(event.packet);
-            }
-        }
-    }
-
-    void take(const ENetPacket& packet) {
-        ++packets;
-        const std::string problem = check.check(packet);
-        if (!problem.empty() && ++errors <= MOST_ERRORS_SHOWN) {
-            std::fprintf(stderr, "soak_clients: %s\n", problem.c_str());
-        }
-    }
-
-    std::uint16_t port;
-    PacketCheck check;
-    std::mt19937 random;
-    std::unique_ptr<ENetHost, HostDeleter> host;
-    ENetPeer* peer = nullptr;
-    bool stalled = false;
-    Clock::time_point nextChange = Clock::now();
+    std::uint64_t seen = 0;
+    Clock::time_point since = Clock::now();
 };
 
-int report(const std::vector<std::unique_ptr<SoakClient>>& clients) {
-    long errors = 0;
-    bool allReceived = true;
-    for (std::size_t i = 0; i < clients.size(); ++i) {
-        std::printf("client %zu: %ld connections, %ld packets, %ld errors\n", i,
-                    clients[i]->connections, clients[i]->packets, clients[i]->errors);
-        errors += clients[i]->errors;
-        allReceived = allReceived && clients[i]->packets > 0;
+/// False when the capture stood still before `wanted` callbacks more had been made.
+bool run(const Clients& clients, const CaptureTable& table, std::uint64_t wanted) {
+    CaptureWatch watch;
+    const std::uint64_t start = table.callbacks.load();
+    for (std::uint64_t made = 0; made < wanted; made = table.callbacks.load() - start) {
+        if (!watch.alive(made)) {
+            std::fputs("soak_clients: the capture stands still\n", stderr);
+            return false;
+        }
+        for (const auto& client : clients) {
+            client->step(made % PERIOD >= ORDERLY);
+        }
+        ::usleep(200);
     }
-    return errors == 0 && allReceived ? 0 : 1;
+    return true;
+}
+
+/// True when `count` is not 0.
+bool demand(const char* name, long count) {
+    std::printf("%s: %ld\n", name, count);
+    if (count == 0) {
+        std::fprintf(stderr, "soak_clients: no %s\n", name);
+    }
+    return count != 0;
+}
+
+bool everythingHeard(const SoakTally& all) {
+    bool good = true;
+    for (std::size_t code = 0; code < all.byRateCode.size(); ++code) {
+        good = demand(("packets of rate code " + std::to_string(code)).c_str(),
+                      all.byRateCode[code]) &&
+               good;
+    }
+    good = demand("fallback packets", all.fallback) && good;
+    good = demand("reliable packets", all.reliable) && good;
+    good = demand("best-effort packets", all.bestEffort) && good;
+    good = demand("reliable packets that had to follow the last one", all.steps) && good;
+    good = demand("wraps of ENet's 16-bit numbers", all.enetWraps) && good;
+    good = demand("clients on both sides of the raw wrap", all.rawWraps) && good;
+    return demand("clients on both sides of the compressed wrap", all.compressedWraps) && good;
+}
+
+bool report(const Clients& clients, bool wholePeriod) {
+    SoakTally all;
+    bool allServed = true;
+    for (std::size_t i = 0; i < clients.size(); ++i) {
+        const SoakTally& heard = clients[i]->heard();
+        std::printf("client %zu: %ld connections, %ld packets, %ld requests kept, %ld errors\n", i,
+                    heard.connections, heard.packets(), heard.requestsKept, heard.errors);
+        all += heard;
+        allServed = allServed && heard.requestsKept > 0;
+    }
+    if (!wholePeriod) {
+        return all.errors == 0;
+    }
+    if (!allServed) {
+        std::fputs("soak_clients: a client was never served\n", stderr);
+    }
+    return everythingHeard(all) && allServed && all.errors == 0;
 }
 
 }  // namespace
@@ -161,22 +115,19 @@ int main(int argc, char** argv) {
         std::fputs("usage: soak_clients PORT TABLE CALLBACKS SEED\n", stderr);
         return 2;
     }
+    const auto port = static_cast<std::uint16_t>(std::atoi(argv[1]));
+    const std::uint64_t callbacks = std::strtoull(argv[3], nullptr, 10);
     const auto seed = static_cast<unsigned>(std::strtoul(argv[4], nullptr, 10));
     std::printf("seed %u\n", seed);
-    std::vector<std::unique_ptr<SoakClient>> clients;
+    Clients clients;
     for (unsigned i = 0; i < CLIENTS; ++i) {
         clients.push_back(std::make_unique<SoakClient>(
-            static_cast<std::uint16_t>(std::atoi(argv[1])), *table, seed * 100 + i));
+            port, *table, seed * 100 + i,
+            i == 0 ? SoakClient::Kind::Steady : SoakClient::Kind::Restless));
     }
-    const std::uint64_t target = table->callbacks.load() + std::strtoull(argv[3], nullptr, 10);
-    while (table->callbacks.load() < target) {
-        for (const auto& client : clients) {
-            client->step();
-        }
-        ::usleep(200);
-    }
+    const bool ran = run(clients, *table, callbacks);
     for (const auto& client : clients) {
         client->leave();
     }
-    return report(clients);
+    return report(clients, callbacks >= PERIOD) && ran ? 0 : 1;
 }

@@ -1,0 +1,23 @@
+#pragma once
+
+#include <atomic>
+
+#include "app/VelantrixServerNoGUI.h"
+
+/// A core that looks at the client table before each pass of the network, on the thread that owns
+/// it, and says how much memory is in use whenever everybody has left.
+class CheckingCore : public VelantrixServerNoGUI {
+  public:
+    /// Called with each block, when no event is half handled. Thread: capture.
+    void SetAudioCaptureActive() override;
+
+    /// How often the table was wrong. Thread: any.
+    [[nodiscard]] long faults() const { return faultCount.load(); }
+
+  private:
+    void noteIdle(bool nobody);
+    void require(bool condition, const char* text);
+
+    std::atomic<long> faultCount{0};
+    long idleBlocks = 0;
+};

@@ -1,0 +1,199 @@
+#include "tests/soak/soak_client.h"
+
+#include <cstdio>
+
+#include "stream/wire_format.h"
+
+namespace {
+
+constexpr int LONGEST_WAIT = 12000;  ///< Callbacks; three seconds or so.
+constexpr int LONGEST_STEADY_WAIT = 6000;
+constexpr int EVENTS_AT_ONCE = 200;
+constexpr long MOST_ERRORS_SHOWN = 20;
+
+/// Callbacks between two looks at the network that a client can miss and still keep up.
+constexpr std::uint64_t LATE_SERVICE = 1000;
+
+// ENet gives a silent client up after five seconds or more.
+constexpr std::chrono::milliseconds LONGEST_STALL{3000};
+constexpr std::chrono::milliseconds TOO_LONG_AWAY{4500};
+
+// The server's ENet takes the backlog of a stall for a poor network and then drops best-effort
+// audio until some pings have come back: seconds, which are minutes of sound here.
+constexpr enet_uint32 NO_SLOWING = 0;
+
+// A lost packet is repeated after half a second at first, after a stall only in its own time.
+constexpr std::chrono::milliseconds PATIENCE{1000};
+constexpr std::chrono::milliseconds PATIENCE_AFTER_STALL{3000};
+
+}  // namespace
+
+SoakClient::SoakClient(std::uint16_t serverPort, const CaptureTable& captureTable, unsigned seed,
+                       Kind kindOfClient)
+    : port(serverPort),
+      table(captureTable),
+      kind(kindOfClient),
+      packets(captureTable, tally),
+      requests(captureTable),
+      random(seed) {}
+
+void SoakClient::step(bool mayVanish) {
+    const std::uint64_t now = table.callbacks.load();
+    if (now >= nextChange) {
+        change(mayVanish);
+        nextChange = now + static_cast<std::uint64_t>(
+                               pick(1, kind == Kind::Steady ? LONGEST_STEADY_WAIT : LONGEST_WAIT));
+    }
+    if (stalled && Clock::now() - lastServiceTime > LONGEST_STALL) {
+        wakeUp();
+    }
+    if (!stalled && host != nullptr) {
+        service();
+    }
+}
+
+void SoakClient::leave() {
+    if (connected()) {
+        enet_peer_disconnect_now(peer, 0);
+    }
+    forget();
+}
+
+const SoakTally& SoakClient::heard() {
+    tally.requestsKept = requests.kept;
+    return tally;
+}
+
+int SoakClient::pick(int least, int most) {
+    return std::uniform_int_distribution<int>(least, most)(random);
+}
+
+bool SoakClient::connected() const {
+    return peer != nullptr && peer->state == ENET_PEER_STATE_CONNECTED;
+}
+
+void SoakClient::change(bool mayVanish) {
+    if (stalled) {
+        wakeUp();
+    }
+    if (host == nullptr) {
+        connect();
+        return;
+    }
+    const int choice = kind == Kind::Steady ? 0 : pick(0, 9);
+    if (choice < 5) {
+        requestData();
+    } else if (choice < 7) {
+        stall();
+    } else if (choice == 7 || (choice == 8 && !mayVanish)) {
+        leave();
+    } else if (choice == 8) {
+        forget();
+    }
+}
+
+void SoakClient::connect() {
+    host.reset(enet_host_create(nullptr, 1, 2, 0, 0));
+    ENetAddress address = {};
+    enet_address_set_host_ip(&address, "127.0.0.1");
+    address.port = port;
+    peer = enet_host_connect(host.get(), &address, 2, wire::CONNECT_MULTI_CLIENT | 1U);
+    packets.restart();
+    requests.restart();
+    catchingUp = false;
+    lastService = table.callbacks.load();
+    lastServiceTime = Clock::now();
+}
+
+void SoakClient::forget() {
+    host.reset();
+    peer = nullptr;
+    requests.restart();
+}
+
+void SoakClient::stall() {
+    stalled = true;
+    catchingUp = true;
+}
+
+void SoakClient::wakeUp() {
+    stalled = false;
+    requests.excuse();
+}
+
+std::uint32_t SoakClient::nextRequest() {
+    if (kind == Kind::Restless) {
+        const bool reliable = pick(0, 1) == 1;
+        return wire::makeFlags(reliable, false,
+                               static_cast<std::uint32_t>(pick(0, 1) * pick(0, 7)));
+    }
+    // Every other time raw, so that it meets the wraps of both counters from both sides.
+    const unsigned now = turn++;
+    return wire::makeFlags(true, false, now % 2 == 0 ? wire::RATE_CODE_RAW : 1 + now / 2 % 7);
+}
+
+void SoakClient::requestData() {
+    if (!connected()) {
+        return;
+    }
+    unsigned char message[wire::HEADER_LENGTH + 5] = {};
+    wire::PacketHeader header;
+    header.msgId = wire::MSGID_DATA;
+    header.flags = nextRequest();
+    wire::writeHeader(message, header);
+    enet_peer_send(peer, 0, enet_packet_create(message, sizeof message, ENET_PACKET_FLAG_RELIABLE));
+    requests.asked(header.flags);
+}
+
+void SoakClient::service() {
+    const Clock::time_point now = Clock::now();
+    if (now - lastServiceTime > TOO_LONG_AWAY) {
+        leave();  // The server may have given this client up meanwhile, without telling it.
+        return;
+    }
+    if (table.callbacks.load() - lastService > LATE_SERVICE) {
+        catchingUp = true;
+    }
+    const bool drained = handleEvents();
+    lastServiceTime = now;
+    if (drained && host != nullptr) {
+        lastService = table.callbacks.load();
+        note(requests.overdue(catchingUp ? PATIENCE_AFTER_STALL : PATIENCE));
+    }
+}
+
+/// False when there may be more to read.
+bool SoakClient::handleEvents() {
+    ENetEvent event;
+    for (int handled = 0; handled < EVENTS_AT_ONCE; ++handled) {
+        if (host == nullptr || enet_host_service(host.get(), &event, 0) <= 0) {
+            return true;
+        }
+        if (event.type == ENET_EVENT_TYPE_CONNECT) {
+            ++tally.connections;
+            enet_peer_throttle_configure(peer, ENET_PEER_PACKET_THROTTLE_INTERVAL,
+                                         ENET_PEER_PACKET_THROTTLE_SCALE, NO_SLOWING);
+            requestData();
+        } else if (event.type == ENET_EVENT_TYPE_DISCONNECT) {
+            forget();
+        } else if (event.type == ENET_EVENT_TYPE_RECEIVE) {
+            take(*event.packet);
+            enet_packet_destroy(event.packet);
+        }
+    }
+    return false;
+}
+
+void SoakClient::take(const ENetPacket& packet) {
+    note(packets.check(packet, catchingUp));
+    catchingUp = catchingUp && !packets.present();
+    const wire::PacketHeader header = wire::readHeader(packet.data, packet.dataLength);
+    note(requests.take(wire::makeFlags(header.reliable(), false, header.rateCode()),
+                       packets.present()));
+}
+
+void SoakClient::note(const std::string& problem) {
+    if (!problem.empty() && ++tally.errors <= MOST_ERRORS_SHOWN) {
+        std::fprintf(stderr, "soak_clients: %s\n", problem.c_str());
+    }
+}

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <random>
+#include <string>
+
+#include <enet/enet.h>
+
+#include "bench/capture_table.h"
+#include "tests/soak/packet_check.h"
+#include "tests/soak/request_check.h"
+#include "tests/soak/soak_tally.h"
+
+/// A client that connects, changes mode and rate, stalls, vanishes and returns at random, and
+/// holds every packet against what was asked for and what was played. Or a steady one, which asks
+/// for everything in turn, always reliably, and never goes.
+///
+/// Its waits are counted in callbacks, so that a run is the same at any speed.
+class SoakClient {
+  public:
+    enum class Kind { Restless, Steady };
+
+    SoakClient(std::uint16_t serverPort, const CaptureTable& captureTable, unsigned seed,
+               Kind kindOfClient);
+
+    /// Services the client's host and, when its time has come, does something else. `mayVanish`
+    /// lets it go without a word, so that it keeps its slot and others lose theirs.
+    void step(bool mayVanish);
+
+    void leave();
+
+    [[nodiscard]] const SoakTally& heard();
+
+  private:
+    using Clock = std::chrono::steady_clock;
+
+    struct HostDeleter {
+        void operator()(ENetHost* host) const { enet_host_destroy(host); }
+    };
+
+    int pick(int least, int most);
+    [[nodiscard]] bool connected() const;
+    void change(bool mayVanish);
+    void connect();
+    void forget();
+    void stall();
+    void wakeUp();
+    std::uint32_t nextRequest();
+    void requestData();
+    void service();
+    bool handleEvents();
+    void take(const ENetPacket& packet);
+    void note(const std::string& problem);
+
+    std::uint16_t port;
+    const CaptureTable& table;
+    Kind kind;
+    SoakTally tally;
+    PacketCheck packets;
+    RequestCheck requests;
+    std::mt19937 random;
+    std::unique_ptr<ENetHost, HostDeleter> host;
+    ENetPeer* peer = nullptr;
+    unsigned turn = 0;  ///< Requests of a steady client.
+    bool stalled = false;
+    bool catchingUp = false;        ///< Has stood still, and has not heard the present since.
+    std::uint64_t nextChange = 0;   ///< Callback.
+    std::uint64_t lastService = 0;  ///< Callback.
+    Clock::time_point lastServiceTime = Clock::now();
+};
