@@ -14,8 +14,12 @@
 namespace {
 
 constexpr long MOST_FAULTS_SHOWN = 20;
-constexpr long BLOCKS_TO_SETTLE = 500;
-constexpr useconds_t IDLE_PAUSE_US = 1000;
+constexpr long BLOCKS_TO_SETTLE = 200;
+
+// Even a minute at this pace, until connections without a client have timed out, takes a quarter
+// of the blocks before the wraps only.
+constexpr long BLOCKS_OF_SILENCE = 2000;
+constexpr useconds_t SILENT_PAUSE_US = 5000;
 
 /// True for a peer whose connect event has been handled and whose disconnect event has not.
 bool isCounted(const ENetPeer& peer) {
@@ -60,18 +64,26 @@ void CheckingCore::SetAudioCaptureActive() {
         require(slot.peer == nullptr || !isTwice(slot.peer), "a peer has two slots");
     }
     noteIdle(nobody);
+    waitForClients(nobody);
     VelantrixServerNoGUI::SetAudioCaptureActive();
 }
 
-/// Without clients the capture would race to the wraps with nobody there to hear them.
 void CheckingCore::noteIdle(bool nobody) {
     idleBlocks = nobody ? idleBlocks + 1 : 0;
     if (idleBlocks == BLOCKS_TO_SETTLE) {
         std::fprintf(stderr, "soak_server: %zu bytes in use with nobody connected\n",
                      ::mallinfo2().uordblks);
     }
-    if (nobody) {
-        ::usleep(IDLE_PAUSE_US);
+}
+
+/// Without clients the capture would race to the wraps with nobody there to hear them. A client
+/// that left in silence counts as connected until its time is over.
+void CheckingCore::waitForClients(bool nobody) {
+    const bool silent = server->totalReceivedPackets == receivedBefore;
+    receivedBefore = server->totalReceivedPackets;
+    silentBlocks = silent ? silentBlocks + 1 : 0;
+    if (nobody || silentBlocks > BLOCKS_OF_SILENCE) {
+        ::usleep(SILENT_PAUSE_US);
     }
 }
 

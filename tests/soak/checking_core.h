@@ -2,10 +2,13 @@
 
 #include <atomic>
 
+#include <enet/enet.h>
+
 #include "app/VelantrixServerNoGUI.h"
 
 /// A core that looks at the client table before each pass of the network, on the thread that owns
-/// it, and says how much memory is in use whenever everybody has left.
+/// it, and says how much memory is in use whenever everybody has left. It slows the capture down
+/// while no client is heard.
 class CheckingCore : public VelantrixServerNoGUI {
   public:
     /// Called with each block, when no event is half handled. Thread: capture.
@@ -16,8 +19,11 @@ class CheckingCore : public VelantrixServerNoGUI {
 
   private:
     void noteIdle(bool nobody);
+    void waitForClients(bool nobody);
     void require(bool condition, const char* text);
 
     std::atomic<long> faultCount{0};
     long idleBlocks = 0;
+    long silentBlocks = 0;
+    enet_uint32 receivedBefore = 0;  ///< Datagrams.
 };

@@ -29,6 +29,9 @@ class PacketCheck {
     /// True when the last packet held sound of the present, give or take a full backlog.
     [[nodiscard]] bool present() const { return previous.present; }
 
+    /// True when it was so young that nothing behind it can have been dropped.
+    [[nodiscard]] bool upToDate() const { return previous.upToDate; }
+
   private:
     struct DecoderDeleter {
         void operator()(OpusDecoder* decoder) const { opus_decoder_destroy(decoder); }
@@ -38,7 +41,7 @@ class PacketCheck {
     struct Previous {
         std::uint32_t flags = 0;
         bool present = false;
-        bool upToDate = false;  ///< So young that nothing behind it can have been dropped.
+        bool upToDate = false;
     };
 
     std::string checkForm(const ENetPacket& packet, const wire::PacketHeader& header) const;

@@ -11,9 +11,14 @@ namespace {
 constexpr std::uint64_t CALLBACKS_TO_ANSWER = 4000;
 constexpr long ROUNDS_TO_ANSWER = 100;
 
-std::string describe(std::uint32_t flags) {
+wire::PacketHeader headerOf(std::uint32_t flags) {
     wire::PacketHeader header;
     header.flags = flags;
+    return header;
+}
+
+std::string describe(std::uint32_t flags) {
+    const wire::PacketHeader header = headerOf(flags);
     return (header.reliable() ? "reliable, rate code " : "best-effort, rate code ") +
            std::to_string(header.rateCode());
 }
@@ -51,6 +56,18 @@ std::string RequestCheck::take(std::uint32_t flags, bool present) {
         excuse();
     }
     return {};
+}
+
+bool RequestCheck::latestReliable() const {
+    return !requests.empty() && headerOf(requests.back()).reliable();
+}
+
+bool RequestCheck::halvesPossible() const {
+    return std::any_of(requests.begin(), requests.end(), [](std::uint32_t flags) {
+        const std::uint32_t code = headerOf(flags).rateCode();
+        return headerOf(flags).reliable() && code != wire::RATE_CODE_RAW &&
+               wire::bitRateOf(code) == 0;
+    });
 }
 
 std::string RequestCheck::overdue(std::chrono::milliseconds patience) {

@@ -31,6 +31,12 @@ class RequestCheck {
     /// latest request has gone without an answer for too long; `patience` is its least time.
     std::string overdue(std::chrono::milliseconds patience);
 
+    /// False for best-effort audio, and when nothing has been asked for.
+    [[nodiscard]] bool latestReliable() const;
+
+    /// True when audio under way may be a reliable fallback packet, which ENet sends in two parts.
+    [[nodiscard]] bool halvesPossible() const;
+
     long kept = 0;  ///< Requests answered by sound of the present.
 
   private:

@@ -1,5 +1,6 @@
 #include "tests/soak/soak_client.h"
 
+#include <array>
 #include <cstdio>
 
 #include "stream/wire_format.h"
@@ -9,10 +10,14 @@ namespace {
 constexpr int LONGEST_WAIT = 12000;  ///< Callbacks; three seconds or so.
 constexpr int LONGEST_STEADY_WAIT = 6000;
 constexpr int EVENTS_AT_ONCE = 200;
+constexpr std::array<std::uint32_t, 4> OPUS_CODES = {1, 2, 3, 5};
 constexpr long MOST_ERRORS_SHOWN = 20;
 
 /// Callbacks between two looks at the network that a client can miss and still keep up.
 constexpr std::uint64_t LATE_SERVICE = 1000;
+
+/// The server drops the queue of a client that has more than 75 packets waiting for it.
+constexpr std::uint64_t QUEUE_DROPPED = 75;
 
 // ENet gives a silent client up after five seconds or more.
 constexpr std::chrono::milliseconds LONGEST_STALL{3000};
@@ -21,6 +26,7 @@ constexpr std::chrono::milliseconds TOO_LONG_AWAY{4500};
 // The server's ENet takes the backlog of a stall for a poor network and then drops best-effort
 // audio until some pings have come back: seconds, which are minutes of sound here.
 constexpr enet_uint32 NO_SLOWING = 0;
+constexpr std::chrono::milliseconds PATIENCE_WHEN_THROTTLED{15000};
 
 // A lost packet is repeated after half a second at first, after a stall only in its own time.
 constexpr std::chrono::milliseconds PATIENCE{1000};
@@ -101,6 +107,7 @@ void SoakClient::connect() {
     packets.restart();
     requests.restart();
     catchingUp = false;
+    mayHaveHalf = false;
     lastService = table.callbacks.load();
     lastServiceTime = Clock::now();
 }
@@ -114,6 +121,7 @@ void SoakClient::forget() {
 void SoakClient::stall() {
     stalled = true;
     catchingUp = true;
+    mayHaveHalf = true;
 }
 
 void SoakClient::wakeUp() {
@@ -122,14 +130,15 @@ void SoakClient::wakeUp() {
 }
 
 std::uint32_t SoakClient::nextRequest() {
-    if (kind == Kind::Restless) {
+    if (kind != Kind::Steady) {
         const bool reliable = pick(0, 1) == 1;
         return wire::makeFlags(reliable, false,
                                static_cast<std::uint32_t>(pick(0, 1) * pick(0, 7)));
     }
     // Every other time raw, so that it meets the wraps of both counters from both sides.
     const unsigned now = turn++;
-    return wire::makeFlags(true, false, now % 2 == 0 ? wire::RATE_CODE_RAW : 1 + now / 2 % 7);
+    return wire::makeFlags(
+        true, false, now % 2 == 0 ? wire::RATE_CODE_RAW : OPUS_CODES[now / 2 % OPUS_CODES.size()]);
 }
 
 void SoakClient::requestData() {
@@ -151,15 +160,34 @@ void SoakClient::service() {
         leave();  // The server may have given this client up meanwhile, without telling it.
         return;
     }
-    if (table.callbacks.load() - lastService > LATE_SERVICE) {
-        catchingUp = true;
-    }
+    const std::uint64_t missed = table.callbacks.load() - lastService;
+    catchingUp = catchingUp || missed > LATE_SERVICE;
+    mayHaveHalf = mayHaveHalf || missed > QUEUE_DROPPED;
     const bool drained = handleEvents();
     lastServiceTime = now;
     if (drained && host != nullptr) {
         lastService = table.callbacks.load();
-        note(requests.overdue(catchingUp ? PATIENCE_AFTER_STALL : PATIENCE));
+        judgeRequests();
     }
+}
+
+void SoakClient::judgeRequests() {
+    const std::string problem = requests.overdue(patience());
+    if (!problem.empty() && mayHaveHalf && requests.halvesPossible()) {
+        // Waits for the other half of a fallback packet whose queue was dropped, in vain: the
+        // protocol lets that happen, and the client connect again.
+        ++tally.stuck;
+        leave();
+        return;
+    }
+    note(problem);
+}
+
+std::chrono::milliseconds SoakClient::patience() const {
+    if (kind == Kind::Throttled && !requests.latestReliable()) {
+        return PATIENCE_WHEN_THROTTLED;
+    }
+    return catchingUp ? PATIENCE_AFTER_STALL : PATIENCE;
 }
 
 /// False when there may be more to read.
@@ -171,8 +199,10 @@ bool SoakClient::handleEvents() {
         }
         if (event.type == ENET_EVENT_TYPE_CONNECT) {
             ++tally.connections;
-            enet_peer_throttle_configure(peer, ENET_PEER_PACKET_THROTTLE_INTERVAL,
-                                         ENET_PEER_PACKET_THROTTLE_SCALE, NO_SLOWING);
+            if (kind != Kind::Throttled) {
+                enet_peer_throttle_configure(peer, ENET_PEER_PACKET_THROTTLE_INTERVAL,
+                                             ENET_PEER_PACKET_THROTTLE_SCALE, NO_SLOWING);
+            }
             requestData();
         } else if (event.type == ENET_EVENT_TYPE_DISCONNECT) {
             forget();
@@ -187,6 +217,7 @@ bool SoakClient::handleEvents() {
 void SoakClient::take(const ENetPacket& packet) {
     note(packets.check(packet, catchingUp));
     catchingUp = catchingUp && !packets.present();
+    mayHaveHalf = mayHaveHalf && !packets.upToDate();
     const wire::PacketHeader header = wire::readHeader(packet.data, packet.dataLength);
     note(requests.take(wire::makeFlags(header.reliable(), false, header.rateCode()),
                        packets.present()));

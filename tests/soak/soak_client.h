@@ -14,13 +14,14 @@
 #include "tests/soak/soak_tally.h"
 
 /// A client that connects, changes mode and rate, stalls, vanishes and returns at random, and
-/// holds every packet against what was asked for and what was played. Or a steady one, which asks
-/// for everything in turn, always reliably, and never goes.
+/// holds every packet against what was asked for and what was played. A throttled one is restless
+/// too, and lets the server's ENet hold best-effort audio back as it does by default. A steady one
+/// never goes, and asks in turn for everything that is good in reliable mode.
 ///
 /// Its waits are counted in callbacks, so that a run is the same at any speed.
 class SoakClient {
   public:
-    enum class Kind { Restless, Steady };
+    enum class Kind { Restless, Throttled, Steady };
 
     SoakClient(std::uint16_t serverPort, const CaptureTable& captureTable, unsigned seed,
                Kind kindOfClient);
@@ -50,6 +51,8 @@ class SoakClient {
     std::uint32_t nextRequest();
     void requestData();
     void service();
+    void judgeRequests();
+    [[nodiscard]] std::chrono::milliseconds patience() const;
     bool handleEvents();
     void take(const ENetPacket& packet);
     void note(const std::string& problem);
@@ -65,7 +68,8 @@ class SoakClient {
     ENetPeer* peer = nullptr;
     unsigned turn = 0;  ///< Requests of a steady client.
     bool stalled = false;
-    bool catchingUp = false;        ///< Has stood still, and has not heard the present since.
+    bool catchingUp = false;   ///< Has stood still, and has not heard the present since.
+    bool mayHaveHalf = false;  ///< Its queue may have been dropped, with half a packet under way.
     std::uint64_t nextChange = 0;   ///< Callback.
     std::uint64_t lastService = 0;  ///< Callback.
     Clock::time_point lastServiceTime = Clock::now();

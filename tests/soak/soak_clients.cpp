@@ -28,6 +28,14 @@ constexpr std::uint64_t ORDERLY = PERIOD / 4 * 3;
 
 using Clients = std::vector<std::unique_ptr<SoakClient>>;
 
+/// Some of the restless ones leave ENet's throttle as it is.
+SoakClient::Kind kindOf(unsigned index) {
+    if (index == 0) {
+        return SoakClient::Kind::Steady;
+    }
+    return index % 3 == 0 ? SoakClient::Kind::Throttled : SoakClient::Kind::Restless;
+}
+
 /// Tells a capture that works from one that stands still.
 class CaptureWatch {
   public:
@@ -93,8 +101,10 @@ bool report(const Clients& clients, bool wholePeriod) {
     bool allServed = true;
     for (std::size_t i = 0; i < clients.size(); ++i) {
         const SoakTally& heard = clients[i]->heard();
-        std::printf("client %zu: %ld connections, %ld packets, %ld requests kept, %ld errors\n", i,
-                    heard.connections, heard.packets(), heard.requestsKept, heard.errors);
+        std::printf(
+            "client %zu: %ld connections, %ld packets, %ld requests kept, %ld times stuck, "
+            "%ld errors\n",
+            i, heard.connections, heard.packets(), heard.requestsKept, heard.stuck, heard.errors);
         all += heard;
         allServed = allServed && heard.requestsKept > 0;
     }
@@ -118,12 +128,16 @@ int main(int argc, char** argv) {
     const auto port = static_cast<std::uint16_t>(std::atoi(argv[1]));
     const std::uint64_t callbacks = std::strtoull(argv[3], nullptr, 10);
     const auto seed = static_cast<unsigned>(std::strtoul(argv[4], nullptr, 10));
-    std::printf("seed %u\n", seed);
+    const std::uint64_t start = table->callbacks.load();
+    const std::uint64_t rawWrap = 0U - table->firstRaw.load();
+    std::printf("seed %u, from callback %llu, raw wrap at %llu\n", seed,
+                static_cast<unsigned long long>(start), static_cast<unsigned long long>(rawWrap));
+    if (callbacks >= PERIOD && start >= rawWrap) {
+        std::fputs("soak_clients: the wrap was passed before the start\n", stderr);
+    }
     Clients clients;
     for (unsigned i = 0; i < CLIENTS; ++i) {
-        clients.push_back(std::make_unique<SoakClient>(
-            port, *table, seed * 100 + i,
-            i == 0 ? SoakClient::Kind::Steady : SoakClient::Kind::Restless));
+        clients.push_back(std::make_unique<SoakClient>(port, *table, seed * 100 + i, kindOf(i)));
     }
     const bool ran = run(clients, *table, callbacks);
     for (const auto& client : clients) {

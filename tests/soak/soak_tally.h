@@ -15,6 +15,7 @@ struct SoakTally {
     long compressedWraps = 0;
     long enetWraps = 0;     ///< Of ENet's 16-bit numbers: 65,536 reliable packets on a connection.
     long requestsKept = 0;  ///< Requests answered by sound of the present.
+    long stuck = 0;         ///< Left after a pause, with half a reliable fallback packet.
     long connections = 0;
     long errors = 0;
 
@@ -32,6 +33,7 @@ struct SoakTally {
         compressedWraps += other.compressedWraps;
         enetWraps += other.enetWraps;
         requestsKept += other.requestsKept;
+        stuck += other.stuck;
         connections += other.connections;
         errors += other.errors;
         return *this;
