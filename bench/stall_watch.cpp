@@ -25,7 +25,7 @@
 namespace {
 
 constexpr std::int64_t NS_PER_SECOND = 1000000000;
-constexpr std::int64_t STEP_NS = 500000;
+constexpr std::int64_t STEP_NS = 1000000;
 constexpr std::int64_t LATE_NS = 200000;
 
 std::atomic<bool> stopRequested{false};

@@ -77,6 +77,25 @@ class StallWatch:
                        if line.count(" ") == 2])
 
 
+class Theft:
+    """The share of the processors' time that went to other guests of the same machine."""
+
+    def __init__(self):
+        self.at = self._read()
+
+    @staticmethod
+    def _read():
+        with open("/proc/stat", encoding="ascii") as file:
+            times = [int(word) for word in file.readline().split()[1:9]]
+        return times[7], sum(times)
+
+    def percent(self, until=None):
+        """From the making of this object to that of `until`, or to now."""
+        end = until.at if until else self._read()
+        stolen, everything = (now - was for now, was in zip(end, self.at))
+        return round(100 * stolen / max(everything, 1), 2)
+
+
 class ProcessMeter:
     """Figures of a process from /proc."""
 
