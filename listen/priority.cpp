@@ -1,10 +1,10 @@
 #include "listen/priority.h"
 
 #include <cstdlib>
-#include <dirent.h>
-#include <memory>
+#include <filesystem>
 #include <sched.h>
 #include <sys/resource.h>
+#include <system_error>
 
 namespace vxlisten {
 
@@ -13,10 +13,6 @@ namespace {
 /// Low among the real-time ones: a sound server has to go first.
 constexpr int REAL_TIME_PRIORITY = 2;
 constexpr int NICE = -11;
-
-struct DirectoryCloser {
-    void operator()(DIR* directory) const { closedir(directory); }
-};
 
 void raise(pid_t thread) {
     sched_param parameters = {};
@@ -32,12 +28,11 @@ void raise(pid_t thread) {
 }  // namespace
 
 void raisePriority() {
-    const std::unique_ptr<DIR, DirectoryCloser> tasks(opendir("/proc/self/task"));
-    while (const dirent* const task = tasks != nullptr ? readdir(tasks.get()) : nullptr) {
-        const auto thread = static_cast<pid_t>(std::strtol(task->d_name, nullptr, 10));
-        if (thread > 0) {
-            raise(thread);
-        }
+    // Nothing is raised where there is no such folder; threads may end meanwhile.
+    std::error_code error;
+    for (std::filesystem::directory_iterator task("/proc/self/task", error), end;
+         !error && task != end; task.increment(error)) {
+        raise(static_cast<pid_t>(std::strtol(task->path().filename().c_str(), nullptr, 10)));
     }
 }
 
