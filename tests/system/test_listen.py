@@ -417,6 +417,16 @@ class Finding(ListenTest):
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertRegex(result.stdout, r"\A\d+\.\d+\.\d+\.\d+\t\d+\.\d ms\n\Z")
 
+    def test_a_server_on_another_port_is_found_by_that_port(self):
+        self.server.stop()
+        with Server(sound=self.sound, rate=self.rate,
+                    env={"VELANTRIX_SERVER_PORT": "7000"}) as server:
+            server.wait_for_capture()
+            result = self.run_client("--no-play", "--seconds", "1", "--port", "7000")
+            self.assertEqual(result.returncode, 0, result.stderr)
+            self.assertGreater(int(report_of(result.stdout)["packets"]), 0)
+            self.assertIn(":7000", result.stdout)
+
 
 class NoServer(SystemTest):
     def test_nobody_to_find_is_an_error_after_three_seconds(self):
