@@ -4,12 +4,8 @@
 #include <atomic>
 #include <cstring>
 #include <future>
-#include <netinet/in.h>
-#include <poll.h>
 #include <string>
-#include <sys/socket.h>
 #include <thread>
-#include <unistd.h>
 
 #include <enet/enet.h>
 #include <gtest/gtest.h>
@@ -17,6 +13,7 @@
 #include "listen/clock.h"
 #include "listen/command_line.h"
 #include "tests/unit/listen/packets.h"
+#include "tests/unit/listen/udp_responder.h"
 
 namespace {
 
@@ -87,57 +84,27 @@ class TestServer {
     std::atomic<bool> stop_{false};
 };
 
-/// Answers every datagram on the loopback interface as a server of the same protocol that turns a
-/// new connection down, with a number of its choice.
-class RefusingServer {
+/// What a server of the same protocol sends that turns a new connection down with a number.
+std::string refusal(std::uint32_t data) {
+    ENetProtocol command = {};
+    command.header.command = ENET_PROTOCOL_COMMAND_DISCONNECT;
+    command.header.channelID = 0xFF;
+    command.disconnect.data = htonl(data);
+    // The first of the client's connections, without a time; then the command.
+    std::string datagram(2 + sizeof command.disconnect, '\0');
+    std::memcpy(&datagram[2], &command, sizeof command.disconnect);
+    return datagram;
+}
+
+/// Answers every datagram on the loopback interface with a refusal.
+class RefusingServer : public UdpResponder {
   public:
     explicit RefusingServer(std::uint32_t data)
-        : socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
-        refusal_.header.command = ENET_PROTOCOL_COMMAND_DISCONNECT;
-        refusal_.header.channelID = 0xFF;
-        refusal_.disconnect.data = htonl(data);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        socklen_t length = sizeof address;
-        getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
-        port = ntohs(address.sin_port);
-        thread_ = std::thread([this] { run(); });
-    }
-    ~RefusingServer() {
-        stop_ = true;
-        thread_.join();
-        close(socket_);
-    }
-    RefusingServer(const RefusingServer&) = delete;
-    RefusingServer& operator=(const RefusingServer&) = delete;
-
-    std::uint16_t port = 0;
-
-  private:
-    void run() const {
-        // The first of the client's connections, without a time; then the command.
-        char answer[2 + sizeof(ENetProtocolDisconnect)] = {};
-        std::memcpy(answer + 2, &refusal_, sizeof(ENetProtocolDisconnect));
-        while (!stop_) {
-            pollfd waiting = {socket_, POLLIN, 0};
-            char text[2048];
-            sockaddr_in sender = {};
-            socklen_t length = sizeof sender;
-            if (poll(&waiting, 1, 20) > 0 &&
-                recvfrom(socket_, text, sizeof text, 0, reinterpret_cast<sockaddr*>(&sender),
-                         &length) > 0) {
-                sendto(socket_, answer, sizeof answer, 0, reinterpret_cast<sockaddr*>(&sender),
-                       length);
-            }
-        }
-    }
-
-    int socket_;
-    ENetProtocol refusal_ = {};
-    std::thread thread_;
-    std::atomic<bool> stop_{false};
+        : UdpResponder("127.0.0.1", 0,
+                       [answer = refusal(data)](int handle, const std::string& /*text*/,
+                                                const sockaddr_in& sender) {
+                           sendText(handle, answer, sender);
+                       }) {}
 };
 
 vxlisten::Options optionsFor(std::uint16_t port, double seconds) {
@@ -237,17 +204,17 @@ TEST(Client, AHostThatNobodyKnowsIsTold) {
 
 TEST(Client, AServerThatTurnsTheConnectionDownIsTold) {
     const RefusingServer server(0);
-    const Told told = runClient(optionsFor(server.port, 20));
+    const Told told = runClient(optionsFor(server.port(), 20));
     EXPECT_EQ(told.status, vxlisten::STATUS_FAILURE);
-    EXPECT_EQ(told.sentence,
-              "velantrix-listen: 127.0.0.1:" + std::to_string(server.port) + " does not answer\n");
+    EXPECT_EQ(told.sentence, "velantrix-listen: 127.0.0.1:" + std::to_string(server.port()) +
+                                 " does not answer\n");
 }
 
 TEST(Client, ARefusalComesWithItsReason) {
     const RefusingServer server(77);
     vxlisten::Receiver receiver;
     ASSERT_TRUE(receiver.open());
-    ASSERT_TRUE(receiver.resolve("127.0.0.1", server.port));
+    ASSERT_TRUE(receiver.resolve("127.0.0.1", server.port()));
     ASSERT_TRUE(receiver.connect({}));
     vxlisten::ReceiverEvent event;
     for (int i = 0; i < 2000 && event.type == vxlisten::ReceiverEvent::Type::None; ++i) {

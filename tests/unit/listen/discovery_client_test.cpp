@@ -1,13 +1,13 @@
 #include "listen/discovery_client.h"
 
-#include <arpa/inet.h>
 #include <atomic>
-#include <poll.h>
-#include <sys/socket.h>
-#include <thread>
-#include <unistd.h>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include <gtest/gtest.h>
+
+#include "tests/unit/listen/udp_responder.h"
 
 using std::chrono::milliseconds;
 using vxlisten::discoverServers;
@@ -19,60 +19,37 @@ namespace {
 class Responder {
   public:
     explicit Responder(std::vector<std::string> answers, int ignored = 0)
-        : answers_(std::move(answers)), ignored_(ignored) {
-        socket_ = socket(AF_INET, SOCK_DGRAM, 0);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        bind(socket_, reinterpret_cast<sockaddr*>(&address), sizeof address);
-        socklen_t length = sizeof address;
-        getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length);
-        port = ntohs(address.sin_port);
-        thread_ = std::thread([this] { answer(); });
-    }
-    ~Responder() {
-        stop_ = true;
-        thread_.join();
-        close(socket_);
-    }
+        : answers_(std::move(answers)),
+          ignored_(ignored),
+          end_("127.0.0.1", 0,
+               [this](int handle, const std::string& text, const sockaddr_in& sender) {
+                   answer(handle, text, sender);
+               }) {}
 
-    std::uint16_t port = 0;
+    std::uint16_t port() const { return end_.port(); }
+
     std::atomic<int> queries{0};
     std::string query;
 
   private:
-    void answer() {
-        while (!stop_) {
-            pollfd waiting = {socket_, POLLIN, 0};
-            char text[100];
-            sockaddr_in sender = {};
-            socklen_t length = sizeof sender;
-            if (poll(&waiting, 1, 20) <= 0) {
-                continue;
-            }
-            const ssize_t count = recvfrom(socket_, text, sizeof text, 0,
-                                           reinterpret_cast<sockaddr*>(&sender), &length);
-            query.assign(text, static_cast<std::size_t>(std::max<ssize_t>(0, count)));
-            if (++queries > ignored_) {
-                for (const std::string& reply : answers_) {
-                    sendto(socket_, reply.data(), reply.size(), 0,
-                           reinterpret_cast<sockaddr*>(&sender), length);
-                }
+    void answer(int handle, const std::string& text, const sockaddr_in& sender) {
+        query = text;
+        if (++queries > ignored_) {
+            for (const std::string& reply : answers_) {
+                sendText(handle, reply, sender);
             }
         }
     }
 
     std::vector<std::string> answers_;
     int ignored_;
-    int socket_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    UdpResponder end_;
 };
 
 DiscoverySearch searchFor(const Responder& responder, int limitMs) {
     DiscoverySearch search;
     search.group = "127.0.0.1";
-    search.ports = {responder.port};
+    search.ports = {responder.port()};
     search.limit = milliseconds(limitMs);
     search.grace = milliseconds(50);
     return search;

@@ -2,13 +2,8 @@
 
 #include "listen/find_server.h"
 
-#include <arpa/inet.h>
-#include <atomic>
-#include <netinet/in.h>
-#include <poll.h>
+#include <optional>
 #include <string>
-#include <sys/socket.h>
-#include <thread>
 #include <unistd.h>
 #include <vector>
 
@@ -16,37 +11,24 @@
 
 #include "stream/wire_format.h"
 #include "tests/fakes/net_namespace.h"
+#include "tests/unit/listen/udp_responder.h"
 
 namespace {
-
-int boundSocket(const char* address, std::uint16_t port) {
-    const int handle = socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    sockaddr_in local = {};
-    local.sin_family = AF_INET;
-    local.sin_port = htons(port);
-    inet_pton(AF_INET, address, &local.sin_addr);
-    EXPECT_EQ(bind(handle, reinterpret_cast<const sockaddr*>(&local), sizeof local), 0);
-    return handle;
-}
 
 /// Servers with these addresses that hear queries at one port.
 class Servers {
   public:
-    Servers(const std::vector<const char*>& addresses, std::uint16_t port)
-        : listening_(boundSocket("0.0.0.0", port)) {
-        ip_mreq group = {};
-        inet_pton(AF_INET, wire::DISCOVERY_GROUP, &group.imr_multiaddr);
-        inet_pton(AF_INET, "127.0.0.1", &group.imr_interface);
-        EXPECT_EQ(setsockopt(listening_, IPPROTO_IP, IP_ADD_MEMBERSHIP, &group, sizeof group), 0);
+    Servers(const std::vector<const char*>& addresses, std::uint16_t port) {
         for (const char* const address : addresses) {
             answering_.push_back(boundSocket(address, 0));
         }
-        thread_ = std::thread([this] { run(); });
+        const auto heard = [this](int /*handle*/, const std::string& /*text*/,
+                                  const sockaddr_in& sender) { answer(sender); };
+        listening_.emplace("0.0.0.0", port, heard);
+        listening_->join(wire::DISCOVERY_GROUP);
     }
     ~Servers() {
-        stop_ = true;
-        thread_.join();
-        close(listening_);
+        listening_.reset();  // Its thread uses the others.
         for (const int handle : answering_) {
             close(handle);
         }
@@ -55,32 +37,14 @@ class Servers {
     Servers& operator=(const Servers&) = delete;
 
   private:
-    void run() {
-        while (!stop_) {
-            pollfd waiting = {listening_, POLLIN, 0};
-            char text[100];
-            sockaddr_in sender = {};
-            socklen_t length = sizeof sender;
-            if (poll(&waiting, 1, 20) > 0 &&
-                recvfrom(listening_, text, sizeof text, 0, reinterpret_cast<sockaddr*>(&sender),
-                         &length) > 0) {
-                answer(sender);
-            }
-        }
-    }
-
     void answer(const sockaddr_in& sender) const {
-        const std::string response = wire::DISCOVERY_RESPONSE;
         for (const int handle : answering_) {
-            sendto(handle, response.data(), response.size(), 0,
-                   reinterpret_cast<const sockaddr*>(&sender), sizeof sender);
+            sendText(handle, wire::DISCOVERY_RESPONSE, sender);
         }
     }
 
-    int listening_;
     std::vector<int> answering_;
-    std::atomic<bool> stop_{false};
-    std::thread thread_;
+    std::optional<UdpResponder> listening_;
 };
 
 class FindServer : public testing::Test {
