@@ -5,6 +5,7 @@
 # installed profile, and with the commands of README.md and SECURITY.md, it must do both.
 # Usage: firewall-check.sh     (scripts/firewall-test makes the world that it needs)
 set -eu
+. "$(dirname "$0")/check-lib.sh"
 server_address=10.59.0.1
 client_address=10.59.0.2
 group=231.232.233.235
@@ -15,17 +16,6 @@ die() {
     iptables-save >&2 || true
     nft list ruleset >&2 || true
     exit 1
-}
-
-# wait_until SECONDS COMMAND...: until the command succeeds.
-wait_until() {
-    left=$(($1 * 5))
-    shift
-    until "$@" >/dev/null 2>&1; do
-        left=$((left - 1))
-        [ "$left" -gt 0 ] || return 1
-        sleep 0.2
-    done
 }
 
 as_user() {
@@ -73,9 +63,7 @@ network() {
 
 start_server() {
     cd /home/user
-    as_user pulseaudio -n --daemonize=no --exit-idle-time=-1 --use-pid-file=no --disable-shm=1 \
-        -L "module-native-protocol-unix socket=$XDG_RUNTIME_DIR/native auth-anonymous=1" \
-        -L "module-null-sink sink_name=out rate=48000 channels=2" >pulseaudio.log 2>&1 &
+    play_into_nothing as_user
     wait_until 20 as_user pactl info || die "the sound server does not answer"
     as_user VelantrixServer -nogui >server.log 2>&1 &
     wait_until 30 grep -q "Audio capture running" server.log || die "the server does not capture"

@@ -4,6 +4,7 @@
 # ~/heard-*.wav, the server's lines in ~/server.log.
 # Usage: service-check.sh pulseaudio|pipewire  (scripts/service-test makes the world that it needs)
 set -eu
+. "$(dirname "$0")/check-lib.sh"
 cd "$HOME"
 unit=velantrix-server
 sound=$1   # Also the name of the sound server's own unit.
@@ -13,17 +14,6 @@ die() {
     systemctl --user --no-pager status $unit $sound >&2 || true
     tail -n 30 manager.log server.log >&2 || true
     exit 1
-}
-
-# wait_until SECONDS COMMAND...: until the command succeeds.
-wait_until() {
-    left=$(($1 * 5))
-    shift
-    until "$@" >/dev/null 2>&1; do
-        left=$((left - 1))
-        [ "$left" -gt 0 ] || return 1
-        sleep 0.2
-    done
 }
 
 property() {
