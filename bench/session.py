@@ -86,6 +86,15 @@ class Client:
             return [tuple(map(int, line.split())) for line in lines]
 
 
+def end_programs(clients, server):
+    """Ends the clients that still run, then their server."""
+    for client in clients:
+        if client.process.poll() is None:
+            client.stop()
+    server.terminate()
+    server.wait(timeout=20)
+
+
 class Session:
     """The server, headless, with clients given as (rate code, reliable) pairs.
 
@@ -127,11 +136,7 @@ class Session:
         return self
 
     def __exit__(self, *_):
-        for client in self.clients:
-            if client.process.poll() is None:
-                client.stop()
-        self.server.terminate()
-        self.server.wait(timeout=20)
+        end_programs(self.clients, self.server)
         self.log.close()
         self.folder.cleanup()
 

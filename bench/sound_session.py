@@ -15,7 +15,7 @@ from pathlib import Path
 
 sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "system"))
 
-from session import Client  # noqa: E402
+from session import Client, end_programs  # noqa: E402
 from sound import NULL_SINK, SoundServer, clean_environment  # noqa: E402
 
 RATE = 48000
@@ -166,11 +166,7 @@ class SoundSession:
         return self
 
     def __exit__(self, *_):
-        for client in self.clients:
-            if client.process.poll() is None:
-                client.stop()
-        self.server.terminate()
-        self.server.wait(timeout=20)
+        end_programs(self.clients, self.server)
         self.sound.__exit__()
         self.folder.cleanup()
 
