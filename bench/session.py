@@ -103,13 +103,15 @@ class Session:
     its window, which nobody sees. `phase` shifts its blocks by a share of their period against the
     machine's clock, and `prefix` are words before each command (of a PrivateNetwork), so that
     several sessions can run at once without doing their work at the same moments. `explain` takes
-    the callbacks apart, which costs a few microseconds in each.
+    the callbacks apart, which costs a few microseconds in each. `debugger` are words before the
+    server's command alone.
     """
 
     PORT = 59010
 
     def __init__(self, build, clients, speed=1.0, server=None, output=None,
-                 account=True, window=False, phase=None, prefix=(), explain=False):
+                 account=True, window=False, phase=None, prefix=(), explain=False,
+                 debugger=()):
         self.build = Path(build).resolve()
         self.folder = tempfile.TemporaryDirectory(prefix="velantrix-bench-")
         self.table_path = os.path.join(self.folder.name, "table")
@@ -122,7 +124,7 @@ class Session:
             **({} if phase is None else {"PACED_CAPTURE_PHASE": str(phase)}))
         self.log = open(os.path.join(self.folder.name, "server.log"), "w", encoding="utf-8")
         self.server = subprocess.Popen(
-            [*prefix, server or self.build / "VelantrixServer", *([] if window else ["-nogui"])],
+            [*prefix, *debugger, server or self.build / "VelantrixServer", *([] if window else ["-nogui"])],
             env=environment, stdout=output or self.log, stderr=subprocess.STDOUT)
         self._wait_for_callbacks()
         with open(self.table_path, "rb") as file:
@@ -141,7 +143,7 @@ class Session:
         self.folder.cleanup()
 
     def _wait_for_callbacks(self):
-        for _ in range(200):
+        for _ in range(1200):  # Long enough for a debugger that emulates the processor.
             if os.path.exists(self.table_path) and os.path.getsize(self.table_path) > 0:
                 return
             if self.server.poll() is not None:
