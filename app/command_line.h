@@ -10,12 +10,12 @@ struct ArgumentScan {
 };
 
 /// Reads all arguments after the program name. Starts from unset values, ignores unknown words
-/// and reports nothing. Thread: main, before any other thread exists.
+/// and reports nothing. Thread: main, before any thread but the console's exists.
 ArgumentScan scanArguments(int argc, const char* const* argv);
 
 /// Fills the port and the bind address from VELANTRIX_SERVER_PORT and VELANTRIX_SERVER_BINDADDR
 /// where the command line left them unset, and prints which one it took.
-/// Thread: main, before any other thread exists.
+/// Thread: main, before any thread but the console's exists.
 void readStartEnvironment();
 
 /// Warns about Wayland sessions and steers the toolkit to X11 where the session is one and

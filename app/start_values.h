@@ -2,8 +2,9 @@
 
 /// The values that the command line and the environment give the process.
 ///
-/// They are written by the main thread before any other thread exists and only read afterwards,
-/// so the getters need no lock; giving the bind address up is one atomic flag.
+/// They are written by the main thread while the only other one is the console's, which reads none
+/// of them, and only read afterwards, so the getters need no lock; giving the bind address up is
+/// one atomic flag.
 /// Thread: any. Realtime-safe: yes.
 
 /// UDP port chosen for the ENet host; 0 means not chosen (the host then uses its default).
