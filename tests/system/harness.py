@@ -24,15 +24,19 @@ from processes import PATIENCE, Lines, Process, die_with_parent, wait_until
 from sanitizers import collect_reports, take_reports
 from sound import SoundServer, clean_environment, private_home
 
-__all__ = ["HERE_ADDRESS", "THERE_ADDRESS", "PATIENCE", "CAPTURE_RUNNING", "DEFAULT_PORT",
-           "OtherNetwork", "Process", "Lines", "Server", "SoundServer", "SystemTest",
-           "clean_environment", "die_with_parent", "fake", "has_sanitizer", "listen",
+__all__ = ["HERE_ADDRESS", "THERE_ADDRESS", "PATIENCE", "BANNER", "CAPTURE_RUNNING",
+           "DEFAULT_PORT", "VERSION", "OtherNetwork", "Process", "Lines", "Server", "SoundServer",
+           "SystemTest", "clean_environment", "die_with_parent", "fake", "has_sanitizer", "listen",
            "listen_command", "main", "private_home", "program", "resident_bytes",
            "wait_until", "with_prompt_release"]
 
 DEFAULT_PORT = 59010
 END_PATIENCE = 30.0
 CAPTURE_RUNNING = "VelantrixServer: Audio capture running"
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+VERSION = re.search(r'VELANTRIX_VERSION "(.*)"',
+                    (SOURCE / "app/VelantrixServerNoGUI.h").read_text())[1]
+BANNER = f"Velantrix Server v{VERSION}"
 
 
 def program(variable):

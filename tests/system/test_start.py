@@ -4,12 +4,11 @@ import re
 import socket
 import subprocess
 
-from harness import (CAPTURE_RUNNING, DEFAULT_PORT, Server, SoundServer, SystemTest,
+from harness import (BANNER, CAPTURE_RUNNING, DEFAULT_PORT, Server, SoundServer, SystemTest,
                      clean_environment, fake, main, private_home, program)
 
 FATAL = 255
 
-BANNER = "Velantrix Server v3.1"
 NETWORK = "Initializing server network communication"
 PORTAUDIO = "Initializing PortAudio"
 OPENED = "Audio input device opened successfully"

@@ -5,8 +5,8 @@ import signal
 import socket
 import time
 
-from harness import (DEFAULT_PORT, Server, SoundServer, SystemTest, die_with_parent, fake, main,
-                     wait_until)
+from harness import (BANNER, DEFAULT_PORT, Server, SoundServer, SystemTest, die_with_parent, fake,
+                     main, wait_until)
 
 SLOW_CLOSE = ("VelantrixServer: Audio shutdown is taking a long time, may be caused by an audio "
               "driver issue. Quitting.")
@@ -41,7 +41,7 @@ class Signals(SystemTest):
         with SoundServer() as sound:
             for _ in range(5):
                 with Server(sound=sound) as server:
-                    server.out.wait_for("Velantrix Server v3.1")
+                    server.out.wait_for(BANNER)
                     self.assert_ends_cleanly(server)
 
 

@@ -6,12 +6,11 @@ import re
 import subprocess
 import time
 
-from harness import (CAPTURE_RUNNING, Server, SoundServer, SystemTest, has_sanitizer, main,
-                     program)
+from harness import (BANNER, CAPTURE_RUNNING, VERSION, Server, SoundServer, SystemTest,
+                     has_sanitizer, main, program)
 from probe import Probe
 from version_server import LATE, VERSION_FILE, VersionServer
 
-BANNER = "Velantrix Server v3.1"
 NEWS = "WebIf::checkVersion: A new version of Velantrix Server is available"
 CHECK_LINE = re.compile(r"^WebIf::")
 WAIT = 8.0
@@ -75,7 +74,7 @@ class Announcement(VersionTest):
             # The banner was printed a little before it was read.
             self.assertGreater(time.monotonic() - begin, WAIT - 1)
             self.assert_lines_in_order(server.out.all(), [
-                "WebIf::checkVersion: 5 bytes retrieved (3): 3.2 (3.1)", NEWS])
+                f"WebIf::checkVersion: 5 bytes retrieved (3): 3.2 ({VERSION})", NEWS])
             self.assert_ends_cleanly(server)
         self.assertEqual([request["path"] for request in self.web.requests()], [VERSION_FILE])
         stored = self.stored()
@@ -97,7 +96,7 @@ class Announcement(VersionTest):
                    VersionCheckResponse="3.2")
         with self.server() as server:
             self.assertEqual(self.run_past_the_check(server), [
-                "WebIf::checkVersion: 4 bytes retrieved (3): 3.2 (3.1)", NEWS])
+                f"WebIf::checkVersion: 4 bytes retrieved (3): 3.2 ({VERSION})", NEWS])
         self.assertEqual(len(self.web.requests()), 1)
         self.assertEqual(self.stored()["VersionCheckResponse"], "3.2")
 

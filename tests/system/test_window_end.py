@@ -12,7 +12,7 @@ import time
 import unittest
 
 from display import Display
-from harness import Server, SoundServer, SystemTest, main
+from harness import BANNER, Server, SoundServer, SystemTest, main
 from probe import Probe
 
 RUNS = int(os.environ.get("VELANTRIX_END_RUNS", "10"))
@@ -111,7 +111,7 @@ class End(SystemTest):
         with SoundServer() as sound:
             for run in range(RUNS):
                 with self.start(sound) as server:
-                    server.out.wait_for("Velantrix Server v3.1")
+                    server.out.wait_for(BANNER)
                     delay = generator.uniform(0, 0.5)
                     time.sleep(delay)
                     server.send_signal(signal.SIGTERM)
