@@ -96,8 +96,8 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
              alsa-plugins-pulseaudio librsvg2-tools
          for the demo:    pulseaudio pulseaudio-utils iproute python3
          for the tests:   gtest-devel gmock-devel xorg-x11-server-Xvfb xorg-x11-xauth xdotool \
-             openbox ImageMagick dbus-daemon at-spi2-core python3-gobject desktop-file-utils \
-             appstream mandoc zsh systemd valgrind
+             openbox ImageMagick dbus-daemon at-spi2-core python3-gobject xprop weston qt5-qtwayland \
+             desktop-file-utils appstream mandoc zsh systemd valgrind
          for the checks:  clang clang-tools-extra cppcheck
          for benchmarks:  google-benchmark-devel strace valgrind pulseaudio pulseaudio-utils
 
@@ -105,7 +105,8 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
              speexdsp cli11 alsa-plugins librsvg
          for the demo:    pulseaudio iproute2 python
          for the tests:   gtest xorg-server-xvfb xorg-xauth xdotool imagemagick dbus at-spi2-core \
-             openbox python-gobject desktop-file-utils appstream mandoc zsh valgrind
+             openbox python-gobject xorg-xprop weston qt5-wayland desktop-file-utils appstream \
+             mandoc zsh valgrind
          for the checks:  clang cppcheck
          for benchmarks:  benchmark strace valgrind pulseaudio
 
