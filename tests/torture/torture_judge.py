@@ -53,6 +53,7 @@ REPORTS = (
            r"^An error occurred while initializing network communication$", fatal=True),
     Report(("enet_address_set_host", "getaddrinfo"),
            r"^Warning, could not bind server to address .* Using INADDR_ANY"),
+    Report(("setsockopt",), r"^Warning, could not limit the length of datagrams, err = "),
     Report(("opus_encoder_create", "malloc"), r"^Warning, could not initialize Opus encoder"),
     Report(SOUND, r"^Error -?\d+ opening audio input device", silent=True),
     Report(SOUND, r"^Error: (No|Invalid) default input device"),
