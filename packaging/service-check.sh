@@ -91,7 +91,8 @@ wait_until 60 systemctl --user list-units || die "the user's service manager doe
 systemctl --user stop $units
 systemctl --user reset-failed
 
-echo "-- enabled, it starts with the session, after the sound server"
+echo "-- enabled, it starts with the session, after the sound server, whatever display is left over"
+systemctl --user set-environment DISPLAY=:77
 systemctl --user enable --quiet $unit
 systemctl --user start --no-block default.target $units
 wait_until 30 started 1 || die "the server does not capture"
