@@ -12,6 +12,7 @@ import subprocess
 import tempfile
 
 from processes import PATIENCE, die_with_parent, wait_until
+from screen import Screen
 
 BUS_LAUNCHERS = ("/usr/libexec/at-spi-bus-launcher", "/usr/lib/at-spi2-core/at-spi-bus-launcher")
 BUS_VARIABLE = "VELANTRIX_TEST_ACCESSIBILITY_BUS"
@@ -29,7 +30,7 @@ class Display:
         self.env = {"HOME": str(self.folder), "XDG_RUNTIME_DIR": str(self.folder)}
         try:
             self._start_bus()
-            self.env["DISPLAY"] = f":{self._start_screen()}"
+            self.env["DISPLAY"] = self.helpers.enter_context(Screen("1600x1000x24")).name
             self._start(["openbox"])
             # Led to the accessibility bus by its screen, the toolkit connects before it shows
             # anything; by the session bus or a variable, it often speaks too early and stays
@@ -46,17 +47,6 @@ class Display:
     def __exit__(self, *_):
         self.helpers.close()
         shutil.rmtree(self.folder, ignore_errors=True)
-
-    def _start_screen(self):
-        """Its number. Of two that start at the same moment one may find its number taken."""
-        for attempts_left in reversed(range(5)):
-            try:
-                return self._start_and_read(["Xvfb", "-screen", "0", "1600x1000x24", "-nolisten",
-                                             "tcp", "-noreset", "-displayfd", "{fd}"])
-            except AssertionError:
-                if attempts_left == 0:
-                    raise
-        return None
 
     def _start_bus(self):
         address = self._start_and_read([

@@ -1,10 +1,11 @@
 """The version check with the window, on a display without a screen, answered at the keyboard."""
 
-import os
+import contextlib
 import subprocess
 import time
 
 from harness import Process, clean_environment, main, wait_until
+from screen import Screen
 from test_version_check import BANNER, NEWS, QUIET_MINUTES, WAIT, VersionTest
 
 QUESTION = "Velantrix Version Notification"
@@ -22,21 +23,15 @@ class Display:
         self.manager = manager
 
     def __enter__(self):
-        reading, writing = os.pipe()
-        self.process = Process(["Xvfb", "-displayfd", str(writing), "-screen", "0", "1024x768x24",
-                                "-nolisten", "tcp"], clean_environment(), pass_fds=[writing])
-        os.close(writing)
-        with os.fdopen(reading) as number:
-            self.name = f":{number.readline().strip()}"
+        self.programs = contextlib.ExitStack()
+        self.name = self.programs.enter_context(Screen()).name
         if self.manager:
-            self.manager = Process(["openbox", "--sm-disable"],
-                                   dict(clean_environment(), DISPLAY=self.name))
+            self.programs.enter_context(Process(["openbox", "--sm-disable"],
+                                                dict(clean_environment(), DISPLAY=self.name)))
         return self
 
     def __exit__(self, *_):
-        if self.manager:
-            self.manager.__exit__()
-        self.process.__exit__()
+        self.programs.close()
 
     def xdotool(self, *words):
         done = subprocess.run(["xdotool", *words], env=dict(clean_environment(), DISPLAY=self.name),
