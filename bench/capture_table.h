@@ -30,7 +30,8 @@ struct LongCallback {
 
 /// What the paced capture knows about its callbacks, in a file that other processes map.
 ///
-/// Times are CLOCK_MONOTONIC nanoseconds. The capture thread is the only writer.
+/// Times are CLOCK_MONOTONIC nanoseconds. The capture thread is the only writer, but of
+/// `clientRounds`.
 struct CaptureTable {
     static constexpr std::size_t REMEMBERED = 1U << 16U;  ///< Power of two; indexed by sequence.
     static constexpr std::size_t DURATIONS = 1U << 20U;   ///< Two hours of callbacks.
@@ -71,7 +72,16 @@ struct CaptureTable {
 
     /// When the encoding of compressed packet `seq` began (its entry when nothing was encoded).
     std::atomic<std::int64_t> encodeStart[REMEMBERED];
+
+    /// How often clients of a capture without pauses have all had their turn; they write it.
+    std::atomic<std::uint64_t> clientRounds;
 };
 
-/// Maps `path`, creating it when `create` is set; null when that fails. Never unmapped.
-CaptureTable* mapCaptureTable(const char* path, bool create);
+enum class TableUse {
+    Make,  ///< By the capture: creates the file.
+    Read,
+    Tell,  ///< By clients that write `clientRounds`.
+};
+
+/// Maps the file `path`; null when that fails. Never unmapped.
+CaptureTable* mapCaptureTable(const char* path, TableUse use);

@@ -4,6 +4,8 @@
 // Environment: PACED_CAPTURE_TABLE  file for the CaptureTable (required)
 //              PACED_CAPTURE_SPEED  factor on real time (default 1; 0 = without any pause, not
 //                                   even that of the server's wait for its socket)
+//              PACED_CAPTURE_LEAD   with speed 0, after how many callbacks without a round of the
+//                                   clients the capture waits for one, a moment (default: never)
 //
 // Each block holds a sound that keeps an encoder busy; its first two frames hold the entry time of
 // the callback (8 bytes, nanoseconds, machine order), which a raw client reads back.
@@ -40,7 +42,8 @@ CaptureTable* table = nullptr;
 PaStreamCallback* callback = nullptr;
 double sampleRate = 48000;
 double speed = 1;
-double phase = -1;  ///< Negative: none.
+double phase = -1;       ///< Negative: none.
+std::uint64_t lead = 0;  ///< Callbacks; 0: no limit.
 bool explaining = false;
 pthread_t captureThread;
 std::atomic<bool> stopRequested{false};
@@ -184,10 +187,37 @@ std::int64_t firstDue(std::int64_t period) {
     return (now / period + 1) * period + offset;
 }
 
+/// Keeps the capture without pauses near its clients. Where there are none it goes on slowly.
+class ClientsPace {
+  public:
+    /// Before the callback with this number; waits for a tenth of a second at most.
+    void keep(std::uint64_t number) {
+        for (int waits = 0; rounds == table->clientRounds.load() && number - since >= lead;
+             ++waits) {
+            if (waits == LONGEST_WAIT) {
+                since = number;
+            }
+            ::usleep(STEP_US);
+        }
+        if (rounds != table->clientRounds.load()) {
+            rounds = table->clientRounds.load();
+            since = number;
+        }
+    }
+
+  private:
+    static constexpr useconds_t STEP_US = 500;
+    static constexpr int LONGEST_WAIT = 200;
+
+    std::uint64_t rounds = 0;
+    std::uint64_t since = 0;  ///< The callback before which the last round was seen.
+};
+
 void* runCapture(void*) {
     std::vector<std::int16_t> sound = testsound::make();
     const auto period = static_cast<std::int64_t>(BLOCK_FRAMES * NS_PER_SECOND / sampleRate);
     const std::int64_t start = firstDue(period);
+    ClientsPace pace;
     for (std::uint64_t number = 0; !stopRequested.load(); ++number) {
         if (speed > 0) {
             const std::int64_t due =
@@ -197,6 +227,8 @@ void* runCapture(void*) {
             ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr);
             table->lateEntries.fetch_add(clockNs(CLOCK_MONOTONIC) - due > NS_PER_MILLISECOND ? 1
                                                                                              : 0);
+        } else if (lead > 0) {
+            pace.keep(number);
         }
         runCallback(number, &sound[number % testsound::BLOCKS * BLOCK_FRAMES * 2], period);
     }
@@ -218,7 +250,7 @@ extern "C" {
 
 PaError Pa_Initialize() {
     const char* const path = std::getenv("PACED_CAPTURE_TABLE");
-    table = path == nullptr ? nullptr : mapCaptureTable(path, true);
+    table = path == nullptr ? nullptr : mapCaptureTable(path, TableUse::Make);
     if (table == nullptr) {
         std::fputs("paced capture: no table\n", stdout);
         return paInternalError;
@@ -229,6 +261,8 @@ PaError Pa_Initialize() {
     explaining = explain != nullptr && std::atoi(explain) != 0;
     const char* const share = std::getenv("PACED_CAPTURE_PHASE");
     phase = share == nullptr ? -1 : std::atof(share);
+    const char* const limit = std::getenv("PACED_CAPTURE_LEAD");
+    lead = limit == nullptr ? 0 : std::strtoull(limit, nullptr, 10);
     return paNoError;
 }
 

@@ -84,7 +84,8 @@ int main(int argc, char** argv) {
     const AudioChoice choice{static_cast<enet_uint16>(std::atoi(argv[1])),
                              static_cast<std::uint32_t>(std::atoi(argv[2])),
                              std::atoi(argv[3]) != 0};
-    DelayMeter meter(argc == 6 ? mapCaptureTable(argv[4], false) : nullptr, choice.rateCode);
+    DelayMeter meter(argc == 6 ? mapCaptureTable(argv[4], TableUse::Read) : nullptr,
+                     choice.rateCode);
     const long packets = receiveAudio(
         choice,
         [&meter](const ENetPacket& packet, std::int64_t arrival) { meter.take(packet, arrival); });

@@ -23,6 +23,9 @@ from session import enter_private_network
 PORT = 59210
 CALLBACKS_PER_HOUR = 3600 * 48000 / 338
 WARM_UP_CALLBACKS = 8000
+# Callbacks between two looks of the clients at their connections: less than a seventh of a second
+# of sound. Otherwise clients that a busy machine keeps waiting would be laps behind the capture.
+LEAD = "20"
 REPORT_S = 10
 START_LIMIT_S = 60
 TIMEOUT_OF_VANISHED_S = 60
@@ -51,6 +54,7 @@ class Server:
         # The cache of freed memory that each thread keeps would count as memory in use.
         environment = dict(os.environ, HOME=folder, XDG_CONFIG_HOME=folder,
                            PACED_CAPTURE_TABLE=self.table, PACED_CAPTURE_SPEED="0",
+                           PACED_CAPTURE_LEAD=LEAD,
                            GLIBC_TUNABLES="glibc.malloc.tcache_count=0",
                            LD_PRELOAD=str(build / "libpaced_capture.so"))
         with open(self.log, "wb") as log:

@@ -55,7 +55,7 @@ class CaptureWatch {
 };
 
 /// False when the capture stood still before `wanted` callbacks more had been made.
-bool run(const Clients& clients, const CaptureTable& table, std::uint64_t wanted) {
+bool run(const Clients& clients, CaptureTable& table, std::uint64_t wanted) {
     CaptureWatch watch;
     const std::uint64_t start = table.callbacks.load();
     for (std::uint64_t made = 0; made < wanted; made = table.callbacks.load() - start) {
@@ -66,6 +66,7 @@ bool run(const Clients& clients, const CaptureTable& table, std::uint64_t wanted
         for (const auto& client : clients) {
             client->step(made % PERIOD >= ORDERLY);
         }
+        table.clientRounds.fetch_add(1);
         ::usleep(200);
     }
     return true;
@@ -120,7 +121,7 @@ bool report(const Clients& clients, bool wholePeriod) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    const CaptureTable* const table = argc == 5 ? mapCaptureTable(argv[2], false) : nullptr;
+    CaptureTable* const table = argc == 5 ? mapCaptureTable(argv[2], TableUse::Tell) : nullptr;
     if (table == nullptr || enet_initialize() != 0) {
         std::fputs("usage: soak_clients PORT TABLE CALLBACKS SEED\n", stderr);
         return 2;

@@ -24,7 +24,7 @@ constexpr std::uint32_t BLOCKS_BEFORE_WRAP = 50000;
 
 bool startCloseToWrap() {
     const char* const path = std::getenv("PACED_CAPTURE_TABLE");
-    CaptureTable* const table = path == nullptr ? nullptr : mapCaptureTable(path, true);
+    CaptureTable* const table = path == nullptr ? nullptr : mapCaptureTable(path, TableUse::Make);
     if (table == nullptr) {
         return false;
     }
