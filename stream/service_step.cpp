@@ -57,8 +57,10 @@ int serviceOnce() {
         return 0;
     }
     const bool handled = handle(event);
-    if (readNetworkDespiteBacklog(*server) < 0) {
+    const int backlogResult = readNetworkDespiteBacklog(*server);
+    if (backlogResult < 0) {
         reportError();
+        return backlogResult;
     }
     return handled ? result : 0;
 }

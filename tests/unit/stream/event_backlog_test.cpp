@@ -78,6 +78,23 @@ TEST_F(EventBacklog, NetworkIsServicedOnceWhenNothingWaits) {
     EXPECT_EQ(countOf(Call::EnetHostService), calls);
 }
 
+TEST_F(EventBacklog, ErrorWhileMessagesWaitIsPrintedAndReturnedAndTheNextStepGoesOn) {
+    constexpr int ERROR = -7;  // None that ENet itself would return.
+    TestClient& busy = connect(COMPANY | 1);
+    fillWith(busy, 20);
+    const std::size_t waiting = waitingMessages(busy);
+    ASSERT_GE(waiting, 3U);
+    printed();
+    failCall(Call::EnetHostService, 2, ERROR);
+    EXPECT_EQ(serviceHost(), ERROR);
+    EXPECT_EQ(waitingMessages(busy), waiting - 1) << "the event before the error is handled";
+    const std::string lines = printed();
+    EXPECT_NE(lines.find("Got unrecognized message ID "), std::string::npos);
+    EXPECT_NE(lines.find("\nError returned from service call\n"), std::string::npos);
+    EXPECT_EQ(serviceHost(), 1);
+    EXPECT_EQ(waitingMessages(busy), waiting - 2);
+}
+
 TEST_F(EventBacklog, OldestOfTooManyMessagesAreDroppedAndTheLastIsObeyed) {
     TestClient& busy = connect(COMPANY | 1);
     constexpr std::uint32_t MESSAGES = 3 * MAX_WAITING_MESSAGES;
