@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <initializer_list>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -29,8 +30,12 @@ enum class Call {
 
 constexpr int EVERY_CALL = 0;
 
+/// As the error of failCall: opus_encode does nothing and returns 0.
+constexpr int RETURN_ZERO = std::numeric_limits<int>::max();
+
 /// Makes the `nth` call from now (1 is the next, EVERY_CALL all of them) fail with `error`: an
-/// error number, ENet's errno or Opus's code, as the function has it.
+/// error number, ENet's errno or Opus's code, as the function has it. A positive one makes
+/// opus_encoder_create give an encoder together with that Opus error, negated.
 void failCall(Call call, int nth, int error);
 
 /// Calls since the last reset.

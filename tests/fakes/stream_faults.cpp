@@ -89,17 +89,27 @@ void __wrap_enet_peer_disconnect(ENetPeer* peer, enet_uint32 data) {
 OpusEncoder* __wrap_opus_encoder_create(opus_int32 rate, int channels, int use, int* error) {
     const DivertedCall diverted;
     const int failure = noteCall(Call::OpusEncoderCreate, "opus_encoder_create");
-    if (failure != 0) {
+    if (failure < 0) {
         *error = failure;
         return nullptr;
     }
-    return __real_opus_encoder_create(rate, channels, use, error);
+    OpusEncoder* const encoder = __real_opus_encoder_create(rate, channels, use, error);
+    if (failure > 0) {
+        static OpusEncoder* suspect = nullptr;  // The library's matter, and no leak of the program.
+        suspect = encoder;
+        *error = -failure;
+        return suspect;
+    }
+    return encoder;
 }
 
 opus_int32 __wrap_opus_encode(OpusEncoder* encoder, const opus_int16* samples, int frames,
                               unsigned char* output, opus_int32 room) {
     const DivertedCall diverted;
     const int error = noteCall(Call::OpusEncode, "opus_encode", {frames, room});
+    if (error == RETURN_ZERO) {
+        return 0;
+    }
     return error != 0 ? error : __real_opus_encode(encoder, samples, frames, output, room);
 }
 }

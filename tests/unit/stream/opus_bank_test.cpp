@@ -67,6 +67,21 @@ TEST_P(MissingEncoder, IsWarnedOfOnceAndTheOthersAreThere) {
                            " (memory allocation failed)\n");
 }
 
+TEST_P(MissingEncoder, IsAlsoOneThatComesTogetherWithAnError) {
+    const std::size_t codes[] = {1, 2, 3, 5};
+    const int nth = GetParam();
+    const std::size_t missing = codes[nth - 1];
+    const ChildRun run = runChild([nth, missing, &codes] {
+        failCall(Call::OpusEncoderCreate, nth, -OPUS_INTERNAL_ERROR);
+        fillOpusBank();
+        for (const std::size_t code : codes) {
+            EXPECT_EQ(opusEnc.at(code) == nullptr, code == missing) << code;
+        }
+    });
+    EXPECT_EQ(run.out, "Warning, could not initialize Opus encoder " + std::to_string(missing) +
+                           " (internal error)\n");
+}
+
 INSTANTIATE_TEST_SUITE_P(OpusBank, MissingEncoder, testing::Values(1, 2, 3, 4));
 
 TEST(OpusBank, WithoutAnyEncoderFourWarningsArePrinted) {
