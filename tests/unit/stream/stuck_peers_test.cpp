@@ -2,10 +2,29 @@
 
 #include "stream/stuck_peers.h"
 
+#include <utility>
+
 #include "stream/client_table.h"
 #include "stream/network_host.h"
 #include "stream/service_step.h"
 #include "tests/fakes/live_server.h"
+
+namespace {
+
+/// Whether the service step is told of a lack of memory, once.
+bool toldLackOfMemory = false;
+
+}  // namespace
+
+extern "C" {
+
+bool __real__Z21takeEnetMemoryFailurev();
+
+// takeEnetMemoryFailure(): the name is the linker's.
+bool __wrap__Z21takeEnetMemoryFailurev() {
+    return std::exchange(toldLackOfMemory, false) || __real__Z21takeEnetMemoryFailurev();
+}
+}
 
 namespace {
 
@@ -59,6 +78,50 @@ TEST_F(StuckPeers, LeavingPeerWithoutACommandIsStuck) {
     EXPECT_EQ(findStuckPeer(*server), &peer);
     enet_peer_reset(&peer);
     clientConn.fill(ClientSlot{});
+}
+
+TEST_F(StuckPeers, LeavingPeerIsGivenBackAsDisconnectedAfterALackOfMemory) {
+    connect(COMPANY | 1);
+    TestClient& client = connect(COMPANY | 1);
+    ENetPeer& peer = peerOf(client);
+    enet_peer_disconnect(&peer, 0);
+    loseCommands(peer);
+    printed();
+    const std::size_t reports = core().statusReports.size();
+
+    serviceHost();
+    EXPECT_EQ(peer.state, ENET_PEER_STATE_DISCONNECTING) << "nobody told of a lack of memory";
+    EXPECT_EQ(connectCount, 2);
+
+    toldLackOfMemory = true;
+    EXPECT_EQ(serviceHost(), 0);
+    EXPECT_EQ(peer.state, ENET_PEER_STATE_DISCONNECTED);
+    EXPECT_EQ(connectCount, 1);
+    EXPECT_NE(clientConn[0].peer, nullptr);
+    EXPECT_EQ(clientConn[1].peer, nullptr);
+    EXPECT_EQ(clientConn[1].protocolVersion, 0U);
+    EXPECT_EQ(core().statusReports.size(), reports + 1);
+    EXPECT_EQ(core().statusReports.back(), (StatusReport{1, std::nullopt, false}));
+    EXPECT_EQ(printed(), "Client 127.0.0.1:" + std::to_string(client.port()) + " disconnected\n");
+    EXPECT_EQ(findStuckPeer(*server), nullptr);
+    EXPECT_EQ(slotOf(connect(COMPANY | 1)), 1) << "the slot is free for the next client";
+}
+
+TEST_F(StuckPeers, ConnectingPeerIsGivenBackWithoutAWordAfterALackOfMemory) {
+    TestClient silent(COMPANY | 1);
+    silent.service();
+    while (peerThatConnects() == nullptr) {
+        serviceHost();
+        silent.service();
+    }
+    ENetPeer& connecting = *peerThatConnects();
+    loseCommands(connecting);
+    toldLackOfMemory = true;
+    EXPECT_EQ(serviceHost(), 0);
+    EXPECT_EQ(connecting.state, ENET_PEER_STATE_DISCONNECTED);
+    EXPECT_EQ(connectCount, 0) << "it had not been counted yet";
+    EXPECT_TRUE(core().statusReports.empty());
+    EXPECT_EQ(printed(), "");
 }
 
 TEST_F(StuckPeers, ConnectedPeerWithNothingToSayIsNotStuck) {
