@@ -10,6 +10,11 @@ std::vector<HandOver>& handOvers() {
     return *list;
 }
 
+int& sendPathResult() {
+    static int result = 0;
+    return result;
+}
+
 int processBuffer(char* buffer, int length, bool hasInput) {
     constexpr int HEADER = 16;
     HandOver handOver{buffer, length, hasInput, {}, Audio::_CurrentCaptureIndexComp};
@@ -21,7 +26,7 @@ int processBuffer(char* buffer, int length, bool hasInput) {
     handOvers().push_back(std::move(handOver));
     // The header room belongs to the receiver, which fills it.
     std::memset(buffer, 'h', HEADER);
-    return 0;
+    return sendPathResult();
 }
 
 ChildRun runWithVerbose(bool verbose, const std::function<void()>& body) {

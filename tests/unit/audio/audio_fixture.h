@@ -22,5 +22,8 @@ struct HandOver {
 /// The hand-overs of this process, in their order; stands in for the send path.
 std::vector<HandOver>& handOvers();
 
+/// What the stand-in for the send path returns; 0 until a test says otherwise.
+int& sendPathResult();
+
 /// Runs `body` in a child process in which "-verbose" was given or not.
 ChildRun runWithVerbose(bool verbose, const std::function<void()>& body);

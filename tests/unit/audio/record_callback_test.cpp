@@ -164,6 +164,21 @@ TEST(RecordCallback, InputWithoutFramesHandsOverAHeaderOnly) {
     EXPECT_EQ(linesOf(run), "");
 }
 
+TEST(RecordCallback, WhateverTheSendPathReportsTheCaptureGoesOn) {
+    withOpenCapture([] {
+        for (const int result : {-1, int{paComplete}, int{paAbort}, 42}) {
+            SCOPED_TRACE(result);
+            sendPathResult() = result;
+            handOvers().clear();
+            EXPECT_EQ(call(ramp(BLOCK, 1)), 0);
+            EXPECT_EQ(call(ramp(BLOCK, 1)), 0);
+            EXPECT_EQ(callWithoutInput(BLOCK), 0);
+            EXPECT_EQ(callWithoutInput(0), 0);
+            EXPECT_GT(handOvers().size(), 4U) << "the compressed ones are among them";
+        }
+    });
+}
+
 TEST(RecordCallback, CompressedHandOverTakesTheInputFlagOfTheCallThatCompletesIt) {
     withOpenCapture([] {
         callWithoutInput(BLOCK);
