@@ -1,5 +1,9 @@
 #include <arpa/inet.h>
 #include <cerrno>
+#include <cstdlib>
+#include <ifaddrs.h>
+#include <net/if.h>
+#include <optional>
 #include <string>
 #include <sys/resource.h>
 
@@ -16,6 +20,10 @@ namespace {
 /// The address that cannot be written as text; 0: none.
 in_addr_t unwritable = 0;
 
+/// What getifaddrs() finds in place of the system's interfaces, while it is set: a borrowed list,
+/// null for an empty one.
+std::optional<ifaddrs*> madeUpInterfaces;
+
 }  // namespace
 
 extern "C" {
@@ -29,6 +37,25 @@ const char* __wrap_inet_ntop(int family, const void* address, char* text, sockle
         return nullptr;
     }
     return __real_inet_ntop(family, address, text, room);
+}
+
+int __real_getifaddrs(ifaddrs** list);
+void __real_freeifaddrs(ifaddrs* list);
+
+int __wrap_getifaddrs(ifaddrs** list) {
+    if (!madeUpInterfaces) {
+        return __real_getifaddrs(list);
+    }
+    *list = *madeUpInterfaces;
+    return 0;
+}
+
+void __wrap_freeifaddrs(ifaddrs* list) {
+    if (madeUpInterfaces) {
+        EXPECT_EQ(list, *madeUpInterfaces);
+    } else {
+        __real_freeifaddrs(list);
+    }
 }
 }
 
@@ -149,6 +176,21 @@ TEST(AddressDetection, ChosenBindAddressIsTakenWithoutALook) {
               "=> 192.168.1.50\nThis server's probable IPv4 address: 10.1.2.3\n=> 10.1.2.3\n");
 }
 
+TEST(AddressDetection, BindAddressFromTheEnvironmentIsTakenWithoutALook) {
+    EXPECT_EQ(inFreshNetwork([] {
+                  addAndRaise("first", "10.1.2.3/24");
+                  setenv("VELANTRIX_SERVER_BINDADDR", "192.168.1.60", 1);
+                  const char* const arguments[] = {"server"};
+                  scanArguments(1, arguments);
+                  readStartEnvironment();
+                  show();
+                  giveUpCmdBindAddr();
+                  show();
+              }),
+              "Using bind address 192.168.1.60 from environment\n=> 192.168.1.60\n"
+              "This server's probable IPv4 address: 10.1.2.3\n=> 10.1.2.3\n");
+}
+
 TEST(AddressDetection, AddressThatCannotBeWrittenIsReportedAndSkipped) {
     EXPECT_EQ(inFreshNetwork([] {
                   addAndRaise("first", "10.1.2.3/24");
@@ -160,6 +202,49 @@ TEST(AddressDetection, AddressThatCannotBeWrittenIsReportedAndSkipped) {
               "first: inet_ntop failed!\n" + NOTHING_FOUND +
                   "first: inet_ntop failed!\n"
                   "This server's probable IPv4 address: 10.9.9.9\n=> 10.9.9.9\n");
+}
+
+TEST(AddressDetection, EmptyInterfaceListYieldsUnknown) {
+    EXPECT_EQ(inFreshNetwork([] {
+                  addAndRaise("first", "10.1.2.3/24");
+                  madeUpInterfaces = nullptr;
+                  show();
+                  show();
+                  madeUpInterfaces.reset();
+                  show();
+                  madeUpInterfaces = nullptr;
+                  show();
+              }),
+              NOTHING_FOUND + NOTHING_FOUND +
+                  "This server's probable IPv4 address: 10.1.2.3\n=> 10.1.2.3\n=> (Unknown)\n");
+}
+
+/// An interface that is up, with this address or, null, without any.
+ifaddrs interfaceThatIsUp(char* name, sockaddr_in* address, ifaddrs* next) {
+    ifaddrs entry = {};
+    entry.ifa_next = next;
+    entry.ifa_name = name;
+    entry.ifa_flags = IFF_UP;
+    entry.ifa_addr = reinterpret_cast<sockaddr*>(address);
+    return entry;
+}
+
+TEST(AddressDetection, InterfaceWithoutAnAddressIsIgnored) {
+    EXPECT_EQ(inFreshNetwork([] {
+                  char tunnel[] = "tunnel";
+                  char card[] = "card";
+                  sockaddr_in address = {};
+                  address.sin_family = AF_INET;
+                  address.sin_addr.s_addr = inet_addr("10.4.5.6");
+                  ifaddrs last = interfaceThatIsUp(tunnel, nullptr, nullptr);
+                  ifaddrs usable = interfaceThatIsUp(card, &address, &last);
+                  ifaddrs first = interfaceThatIsUp(tunnel, nullptr, &usable);
+                  madeUpInterfaces = &last;
+                  show();
+                  madeUpInterfaces = &first;
+                  show();
+              }),
+              NOTHING_FOUND + "This server's probable IPv4 address: 10.4.5.6\n=> 10.4.5.6\n");
 }
 
 /// Runs `body` while no further file or socket can be opened.
