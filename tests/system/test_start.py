@@ -4,8 +4,8 @@ import re
 import socket
 import subprocess
 
-from harness import (BANNER, CAPTURE_RUNNING, DEFAULT_PORT, Server, SoundServer, SystemTest,
-                     clean_environment, fake, main, private_home, program)
+from harness import (BANNER, CAPTURE_RUNNING, DEFAULT_PORT, HERE_ADDRESS, OtherNetwork, Server,
+                     SoundServer, SystemTest, clean_environment, fake, main, private_home, program)
 
 FATAL = 255
 
@@ -195,6 +195,23 @@ class BindAddress(SystemTest):
                 HOST_FAILED + " or could not bind server to address '192.0.2.1' (check "
                 "environment variable VELANTRIX_SERVER_BINDADDR and/or command line parameter)",
                 ""])
+
+
+class OwnAddress(SystemTest):
+    def test_detected_address_is_told_before_the_banner(self):
+        with OtherNetwork(), Server() as server:
+            server.out.wait_for(PORTAUDIO)
+            address = f"This server's probable IPv4 address: {HERE_ADDRESS}"
+            self.assert_lines_in_order(server.out.all(), [address, BANNER])
+            self.assertEqual(server.out.all().count(address), 1)
+            self.assert_ends_cleanly(server)
+
+    def test_machine_without_a_network_is_told_so_before_the_banner(self):
+        with Server() as server:
+            server.out.wait_for(PORTAUDIO)
+            self.assert_lines_in_order(server.out.all(), [
+                "Could not determine this server's IPv4 address", BANNER])
+            self.assert_ends_cleanly(server)
 
 
 class FatalStarts(SystemTest):
