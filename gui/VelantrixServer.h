@@ -75,4 +75,6 @@ class VelantrixServer : public QMainWindow, public VelantrixServerNoGUI {
     QImage logoImage;
     QPalette connectedPalette;
     QPalette disconnectedPalette;
+
+    friend struct WindowTestAccess;
 };

@@ -5,11 +5,16 @@
 
 #include <QLabel>
 #include <QLineEdit>
+#include <QTimer>
 
 #include "app/start_values.h"
 #include "audio/Audio.h"
 #include "gui/VelantrixServer.h"
 #include "gui_test.h"
+
+struct WindowTestAccess {
+    static const QTimer& timer(const VelantrixServer& window) { return window.statusTimer; }
+};
 
 namespace {
 
@@ -27,6 +32,13 @@ class Window : public ::testing::Test {
 
     std::string report(int count, const char* name) {
         window.SetClientStatus(count, name, true);
+        return status().text().toStdString();
+    }
+
+    /// As report(), but as the capture thread does it.
+    std::string reportFromWorker(int count, const char* name) {
+        const Worker worker([this, count, name] { window.SetClientStatus(count, name, false); });
+        EXPECT_TRUE(spinUntil([&worker] { return worker.done(); }));
         return status().text().toStdString();
     }
 
@@ -112,6 +124,13 @@ TEST_F(WindowDeathTest, SoundLabelIsRewrittenOnlyWhenTheStateChanges) {
     });
 }
 
+TEST_F(Window, TimerIsSetToOneSecond) {
+    const QTimer& timer = WindowTestAccess::timer(window);
+    EXPECT_TRUE(timer.isActive());
+    EXPECT_FALSE(timer.isSingleShot());
+    EXPECT_EQ(timer.interval(), 1000);
+}
+
 TEST_F(WindowDeathTest, TimerTicksByItself) {
     EXPECT_IN_FRESH_PROCESS({
         EXPECT_TRUE(spinUntil([this] { return sound().text() == FAILED; }));
@@ -124,6 +143,23 @@ TEST_F(WindowStatus, NamedClientThenUnnamedSecondForgetsTheName) {
     EXPECT_EQ(report(1, "P"), "Connected to P");
     EXPECT_EQ(report(2, ""), "Connected (2)");
     EXPECT_EQ(report(1, nullptr), "Connected");
+}
+
+TEST_F(WindowStatus, NamedClientThenUnnamedSecondForgetsTheNameFromAWorkerToo) {
+    EXPECT_EQ(reportFromWorker(1, "P"), "Connected to P");
+    EXPECT_EQ(reportFromWorker(2, ""), "Connected (2)");
+    EXPECT_EQ(reportFromWorker(1, nullptr), "Connected");
+}
+
+TEST_F(WindowStatus, NameFromAWorkerIsKeptAndForgottenAsADirectOne) {
+    EXPECT_EQ(reportFromWorker(1, "P"), "Connected to P");
+    EXPECT_EQ(reportFromWorker(2, nullptr), "Connected to P (2)");
+    EXPECT_EQ(report(1, nullptr), "Connected to P");
+    EXPECT_EQ(reportFromWorker(2, ""), "Connected (2)");
+    EXPECT_EQ(report(1, "Q"), "Connected to Q");
+    EXPECT_EQ(reportFromWorker(1, nullptr), "Connected to Q");
+    EXPECT_EQ(reportFromWorker(0, nullptr), "Disconnected");
+    EXPECT_EQ(reportFromWorker(1, nullptr), "Connected");
 }
 
 TEST_F(WindowStatus, NameIsKeptWhenAnotherClientLeaves) {
