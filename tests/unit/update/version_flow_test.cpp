@@ -1,12 +1,16 @@
 // The version check thread of the core, which outlives the core.
 
 #include <chrono>
+#include <exception>
 #include <memory>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "app/VelantrixServerNoGUI.h"
+#include "app/core_life.h"
+#include "app/out_of_memory.h"
 #include "web_if_fixture.h"
 
 struct CoreTestAccess {
@@ -19,6 +23,32 @@ constexpr int WAIT_BEFORE_CHECK_MS = 8000;
 constexpr auto LONGEST_SHUTDOWN = std::chrono::seconds(20);  // 3 s on a machine that is not busy.
 
 std::vector<std::string> events;
+
+/// Finds no memory when it checks.
+class ScarceCore : public VelantrixServerNoGUI {
+  public:
+    int checkVersion() override {
+        events.emplace_back("check");
+        std::get_new_handler()();  // What operator new does then, which a sanitizer's leaves out.
+        return 1;
+    }
+};
+
+/// While it lives, a lack of memory is handled as in the running server.
+class HandledLackOfMemory {
+  public:
+    HandledLackOfMemory() { endWhenOutOfMemory(); }
+    ~HandledLackOfMemory() {
+        std::set_new_handler(newHandler);
+        std::set_terminate(terminateHandler);
+    }
+    HandledLackOfMemory(const HandledLackOfMemory&) = delete;
+    HandledLackOfMemory& operator=(const HandledLackOfMemory&) = delete;
+
+  private:
+    std::new_handler newHandler = std::get_new_handler();
+    std::terminate_handler terminateHandler = std::get_terminate();
+};
 
 /// Tells when it is checked.
 class WatchedCore : public VelantrixServerNoGUI {
@@ -72,6 +102,18 @@ TEST_F(VersionFlow, HeadlessCheckReturnsWhetherThereIsNews) {
     server.answer({"3.2\n"});
     EXPECT_EQ(core.checkVersion(), 1);
     EXPECT_EQ(core.checkVersion(), 0);
+}
+
+TEST_F(VersionFlow, LackOfMemoryIsPrintedAndTheServerGoesOn) {
+    const HandledLackOfMemory handled;
+    ScarceCore core;
+    shortenWait([] {});
+    ::testing::internal::CaptureStdout();
+    CoreTestAccess::runVersionCheckThread(core);
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              "Not enough memory to check for a new version\n");
+    EXPECT_EQ(events, (std::vector<std::string>{"wait", "check", "cleanup"}));
+    EXPECT_TRUE(CorePin());
 }
 
 TEST_F(VersionFlow, CoreGoneDuringTheWaitEndsTheThreadQuietly) {
