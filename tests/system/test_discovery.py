@@ -1,5 +1,6 @@
 """Finding the server: the discovery thread of the running program."""
 
+import re
 import socket
 import subprocess
 import sys
@@ -95,6 +96,27 @@ class Discovery(SystemTest):
             env=clean_environment(), capture_output=True, text=True, check=False)
         self.assertEqual(asked.returncode, 0, asked.stderr)
         return asked.stdout
+
+    def test_server_answers_whether_or_not_a_client_is_connected(self):
+        with SoundServer() as sound, Server(sound=sound, rate=48000) as server, \
+                Probe(self.folder) as probe:
+            server.wait_for_capture()
+            wait_for_discovery()
+            self.assert_found()
+            client = probe.connect()
+            self.assert_found()
+            client.request()
+            client.wait_packets(5)
+            self.assert_found()
+            client.wait_packets(5)
+            client.disconnect()
+            server.out.wait_for(re.compile(r"^Client \S+ disconnected$"))
+            self.assert_found()
+            self.assert_ends_cleanly(server)
+
+    def assert_found(self):
+        self.assertEqual(query(SECOND_FORM), (RESPONSE, ("127.0.0.1", PORT)))
+        self.assertEqual(query(SECOND_FORM, host=DISCOVERY_GROUP)[0], RESPONSE)
 
     def test_datagrams_cannot_forge_lines(self):
         with Server() as server:

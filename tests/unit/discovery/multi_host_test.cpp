@@ -2,6 +2,9 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <fstream>
+#include <string>
+#include <vector>
 
 #include "tests/unit/discovery/multi_host_fixture.h"
 
@@ -145,6 +148,43 @@ TEST_F(MultiHost, PortFollowsTheEnvironment) {
     ASSERT_TRUE(client.receive(PATIENCE_MS));
     client.send(FIRST_FORM, GROUP, 7001);
     ASSERT_TRUE(atDiscoveryPort.receive(PATIENCE_MS));
+}
+
+/// The UDP ports other than PORT that are bound in the thread's network.
+std::vector<std::uint16_t> otherBoundPorts() {
+    std::ifstream table("/proc/thread-self/net/udp");
+    std::string line;
+    std::getline(table, line);  // The headings.
+    std::vector<std::uint16_t> ports;
+    while (std::getline(table, line)) {
+        const std::size_t colon = line.find(':', line.find(':') + 1);
+        const auto port =
+            static_cast<std::uint16_t>(std::stoul(line.substr(colon + 1, 4), nullptr, 16));
+        if (port != PORT) {
+            ports.push_back(port);
+        }
+    }
+    return ports;
+}
+
+TEST_F(MultiHost, HighestPortOfTheEnvironmentLetsTheSystemChooseOne) {
+    addGroupRoute();
+    const UdpClient holder(PORT);  // The system must choose another.
+    Responder responder([] { setenv("VELANTRIX_SERVER_PORT", "65535", 1); });
+    ASSERT_TRUE(responder.waitUntilListening()) << responder.reportedSoFar();
+    ASSERT_EQ(otherBoundPorts().size(), 1U);
+    const std::uint16_t chosen = otherBoundPorts().front();
+    EXPECT_GE(chosen, 1024) << "a port of the privileged";
+    clientSide.enter();
+    const UdpClient client;
+    for (const std::string& receiver : {SERVER_ADDRESS, GROUP}) {
+        client.send(SECOND_FORM, receiver, chosen);
+        const auto answer = client.receive(PATIENCE_MS);
+        ASSERT_TRUE(answer) << receiver;
+        EXPECT_EQ(answer->text, RESPONSE);
+        EXPECT_EQ(answer->port, chosen);
+    }
+    EXPECT_EQ(responder.reportedSoFar(), "");
 }
 
 TEST_F(MultiHost, TwoServersOfOneMachineBothListen) {
