@@ -1,8 +1,10 @@
 #include "audio/Audio.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
+#include <limits>
 #include <mutex>
 #include <unistd.h>
 
@@ -92,7 +94,9 @@ int chooseRate(double deviceRate) {
         "PortAudio reported default input device sample rate is %d (may not be accurate)\n", rate);
     const char* const wanted = std::getenv("VELANTRIX_SERVER_SAMPLE_RATE");
     if (wanted != nullptr && wanted[0] >= '0' && wanted[0] <= '9') {
-        rate = static_cast<int>(std::strtol(wanted, nullptr, 10));
+        // Cut off at its lower bits, a number out of range could look like one that we stream.
+        constexpr long GREATEST = std::numeric_limits<int>::max();
+        rate = static_cast<int>(std::min(std::strtol(wanted, nullptr, 10), GREATEST));
     }
     if (rate != RATE_48K && rate != RATE_44K1) {
         std::fprintf(stderr, "Sample rate %d not supported, using %d\n", rate, RATE_44K1);

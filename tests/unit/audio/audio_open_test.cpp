@@ -146,6 +146,8 @@ const RateCase RATE_CASES[] = {
      "Sample rate 32000 not supported, using 44100\n"},
     {"OverrideOfAnUnsupportedDevice", 96000.0, "48000", 96000, 48000, ""},
     {"OverrideZero", 48000.0, "0", 48000, 44100, "Sample rate 0 not supported, using 44100\n"},
+    {"OverrideThatWouldBe48000InItsLowerBits", 48000.0, "4295015296", 48000, 44100,
+     "Sample rate 2147483647 not supported, using 44100\n"},
     {"OverrideWithTrailingText", 44100.0, "48000Hz", 44100, 48000, ""},
     {"OverrideThatIsNoNumber", 48000.0, "abc", 48000, 48000, ""},
     {"OverrideEmpty", 48000.0, "", 48000, 48000, ""},
