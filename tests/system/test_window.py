@@ -10,8 +10,7 @@ import time
 import unittest
 
 from display import Display, View
-from harness import (DEFAULT_PORT, PATIENCE, Process, Server, SoundServer, SystemTest,
-                     clean_environment, listen_command, main, wait_until)
+from harness import (DEFAULT_PORT, PATIENCE, Server, SoundServer, SystemTest, main, wait_until)
 from probe import Probe
 
 STATUS_TIP = "Information on connected clients"
@@ -82,15 +81,6 @@ class Texts(SystemTest):
                 second.disconnect()
                 self.wait_status(view, "Disconnected")
             self.assert_ends_cleanly(server)
-
-    def test_listening_client_shows_under_its_name(self):
-        command = listen_command("--no-play", "--name", "K\u00fcche \u266b")
-        with SoundServer() as sound, seen_server(sound=sound, rate=48000) as (server, view):
-            server.wait_for_capture()
-            with Process(command, clean_environment()) as client:
-                self.wait_status(view, "Connected to K\u00fcche \u266b")
-                self.assertEqual(client.stop(signal.SIGTERM), 0)
-            self.wait_status(view, "Disconnected")
 
     def test_address_is_the_bind_address(self):
         with seen_server("-b", "127.0.0.9") as (_, view):

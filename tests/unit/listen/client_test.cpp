@@ -4,8 +4,10 @@
 #include <atomic>
 #include <cstring>
 #include <future>
+#include <mutex>
 #include <string>
 #include <thread>
+#include <unistd.h>
 
 #include <enet/enet.h>
 #include <gtest/gtest.h>
@@ -33,6 +35,12 @@ class TestServer {
         thread_.join();
         enet_host_destroy(host_);
         enet_deinitialize();
+    }
+
+    /// The last Data request, byte by byte.
+    std::string request() {
+        const std::lock_guard<std::mutex> guard(requestLock_);
+        return request_;
     }
 
     std::uint16_t port = 0;
@@ -72,6 +80,9 @@ class TestServer {
         } else if (event.type == ENET_EVENT_TYPE_DISCONNECT) {
             listening_ = event.peer == listening_ ? nullptr : listening_;
         } else if (event.type == ENET_EVENT_TYPE_RECEIVE) {
+            const std::lock_guard<std::mutex> guard(requestLock_);
+            request_.assign(reinterpret_cast<const char*>(event.packet->data),
+                            event.packet->dataLength);
             enet_packet_destroy(event.packet);
         }
     }
@@ -80,6 +91,8 @@ class TestServer {
     bool replaces_;  ///< Gives each client's place away at once.
     ENetHost* host_ = nullptr;
     ENetPeer* listening_ = nullptr;
+    std::mutex requestLock_;
+    std::string request_;
     std::thread thread_;
     std::atomic<bool> stop_{false};
 };
@@ -164,6 +177,19 @@ TEST(Client, ALookUpThatHangsDoesNotHoldUpTheNextAttempt) {
     over.set_value();
     EXPECT_GE(server.clients, 2);
     EXPECT_EQ(*lookUps, 1);
+}
+
+TEST(Client, TheRequestCarriesTheNameAndTheChoice) {
+    TestServer server(0);
+    vxlisten::Options options = optionsFor(server, 0.2);
+    options.choice.name = "K\u00fcche \u266b";
+    options.choice.rateCode = 2;
+    options.choice.reliable = true;
+    EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_OK);
+    const std::string request = server.request();
+    ASSERT_GT(request.size(), wire::HEADER_LENGTH);
+    EXPECT_EQ(request.substr(wire::HEADER_LENGTH), options.choice.name + '\0');
+    EXPECT_EQ(request.substr(8, 4), std::string("\x81\0\0\0", 4));  // Reliable, rate code 2.
 }
 
 TEST(Client, BeingReplacedBeforeTheFirstSoundIsNoError) {
