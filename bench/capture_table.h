@@ -30,8 +30,8 @@ struct LongCallback {
 
 /// What the paced capture knows about its callbacks, in a file that other processes map.
 ///
-/// Times are CLOCK_MONOTONIC nanoseconds. The capture thread is the only writer, but of
-/// `clientRounds`.
+/// Times are CLOCK_MONOTONIC nanoseconds. All but `clientRounds` is written by the capture
+/// thread alone.
 struct CaptureTable {
     static constexpr std::size_t REMEMBERED = 1U << 16U;  ///< Power of two; indexed by sequence.
     static constexpr std::size_t DURATIONS = 1U << 20U;   ///< Two hours of callbacks.

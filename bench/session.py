@@ -124,7 +124,8 @@ class Session:
             **({} if phase is None else {"PACED_CAPTURE_PHASE": str(phase)}))
         self.log = open(os.path.join(self.folder.name, "server.log"), "w", encoding="utf-8")
         self.server = subprocess.Popen(
-            [*prefix, *debugger, server or self.build / "VelantrixServer", *([] if window else ["-nogui"])],
+            [*prefix, *debugger, server or self.build / "VelantrixServer",
+             *([] if window else ["-nogui"])],
             env=environment, stdout=output or self.log, stderr=subprocess.STDOUT)
         self._wait_for_callbacks()
         with open(self.table_path, "rb") as file:

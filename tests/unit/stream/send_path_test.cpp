@@ -1,58 +1,19 @@
 #include "stream/send_path.h"
 
 #include <algorithm>
-#include <numeric>
 
 #include <opus/opus.h>
 
 #include "audio/Audio.h"
 #include "stream/client_table.h"
-#include "stream/enet_unsent.h"
 #include "stream/network_host.h"
 #include "stream/opus_bank.h"
-#include "stream/queue_trim.h"
 #include "tests/fakes/call_faults.h"
-#include "tests/fakes/live_server.h"
+#include "tests/unit/stream/send_path_fixture.h"
 
 namespace {
 
-constexpr int RAW = 1368;
-constexpr int COMPRESSED = 1936;
-constexpr std::uint32_t RELIABLE = 1;
-constexpr std::uint32_t BEST_EFFORT = 0;
-
-constexpr std::uint32_t rate(std::uint32_t code) {
-    return code << 6;
-}
-
 using Arguments = std::vector<std::vector<int>>;
-
-class SendPath : public LiveServer {
-  protected:
-    void SetUp() override {
-        LiveServer::SetUp();
-        buffer.resize(2000);
-        std::iota(buffer.begin(), buffer.end(), static_cast<char>(1));
-    }
-    int process(int length, bool hasInput = true) {
-        return processBuffer(buffer.data(), length, hasInput);
-    }
-    /// The packet that answers one block; the test fails when there is none.
-    const ReceivedPacket& receive(TestClient& client) {
-        const std::size_t before = received;
-        pumpUntil([&client, before] { return client.packets.size() > before; });
-        ++received;
-        return client.packets.back();
-    }
-    std::vector<unsigned char> payloadOf(int length) {
-        return {buffer.begin() + 16, buffer.begin() + length};
-    }
-    static std::vector<unsigned char> payloadOf(const ReceivedPacket& packet) {
-        return {packet.bytes.begin() + 16, packet.bytes.end()};
-    }
-    std::vector<char> buffer;
-    std::size_t received = 0;
-};
 
 TEST_F(SendPath, WithoutClientsOnlyTheCountersAdvance) {
     process(RAW);
@@ -427,91 +388,6 @@ TEST_F(SendPath, TenClientsOfMixedChoicesEachReceiveTheirs) {
         EXPECT_EQ(clients[i]->packets[0].reliable, (requests[i] & 1) != 0);
     }
 }
-
-/// A packet of either pass and how many commands ENet makes of it.
-struct CheckedPacket {
-    const char* name;
-    std::uint32_t request;
-    int length;
-    std::size_t commands;
-};
-
-void PrintTo(const CheckedPacket& packet, std::ostream* out) {
-    *out << packet.name;
-}
-
-/// The queue check where the send path calls it, with a client whose queue is too long.
-class QueueCheck : public SendPath, public testing::WithParamInterface<CheckedPacket> {
-  protected:
-    static constexpr std::size_t TOO_MANY = QUEUE_TRIM_THRESHOLD + 1;
-
-    TestClient& streamingClient() {
-        TestClient& client = stream(GetParam().request);
-        pumpUntil([] { return enet_list_empty(&peer().sentReliableCommands); });
-        printed();
-        return client;
-    }
-    /// Queues commands that have never been sent.
-    static void fillQueue() {
-        for (std::size_t i = 0; i < TOO_MANY; ++i) {
-            enet_peer_send(&peer(), 0, enet_packet_create("old", 3, ENET_PACKET_FLAG_RELIABLE));
-        }
-    }
-    int processAt(std::uint32_t seq) {
-        seqNum = seq;
-        seqNumComp = seq;
-        return process(GetParam().length);
-    }
-    /// Reliable commands on the audio channel, whether they have gone out or not.
-    static std::size_t audioCommands() {
-        std::size_t count = 0;
-        const auto countAudio = [&count](const ENetOutgoingCommand& command) {
-            count += command.command.header.channelID != ENET_CONTROL_CHANNEL ? 1 : 0;
-        };
-        visitWaitingReliable(peer(), countAudio);
-        visitReliableOf(peer().sentReliableCommands, countAudio);
-        return count;
-    }
-    static ENetPeer& peer() { return *clientConn[0].peer; }
-};
-
-TEST_P(QueueCheck, RunsBeforeThePacketOfADivisibleNumberIsQueued) {
-    TestClient& client = streamingClient();
-    for (const std::uint32_t seq : {0U, 15U, 30U, 4294967295U}) {
-        SCOPED_TRACE(seq);
-        fillQueue();
-        ASSERT_EQ(audioCommands(), TOO_MANY);
-        processAt(seq);
-        ASSERT_EQ(audioCommands(), GetParam().commands) << "of this packet, and no other";
-        ASSERT_EQ(printed(),
-                  "Clearing outgoing msg queue, outgoing/sent queue sizes: 76/0\n"
-                  "Removed 76 outgoing messages\n");
-        ASSERT_EQ(receive(client).header.seq, seq);
-        ASSERT_EQ(client.packets.size(), received) << "what was removed came all the same";
-        pumpUntil([] { return enet_list_empty(&peer().sentReliableCommands); });
-    }
-}
-
-TEST_P(QueueCheck, DoesNotRunAtOtherNumbers) {
-    TestClient& client = streamingClient();
-    for (const std::uint32_t seq : {1U, 2U, 3U, 4U, 5U, 10U, 14U, 16U, 29U, 100U, 4294967294U}) {
-        SCOPED_TRACE(seq);
-        const std::size_t before = client.packets.size();
-        fillQueue();
-        processAt(seq);
-        ASSERT_EQ(audioCommands(), TOO_MANY + GetParam().commands);
-        pumpUntil([&client, before] { return client.packets.size() > before + TOO_MANY; });
-        ASSERT_EQ(client.packets.back().header.seq, seq);
-        ASSERT_EQ(printed(), "");
-        pumpUntil([] { return enet_list_empty(&peer().sentReliableCommands); });
-    }
-}
-
-INSTANTIATE_TEST_SUITE_P(SendPath, QueueCheck,
-                         testing::Values(CheckedPacket{"RawPacket", RELIABLE, RAW, 1},
-                                         CheckedPacket{"FallbackInTwoFragments", RELIABLE | rate(4),
-                                                       COMPRESSED, 2}),
-                         [](const auto& each) { return std::string(each.param.name); });
 
 TEST(TwosCompShort, IsTheUnsignedValueOfItsBytes) {
     EXPECT_EQ(twosCompShort(0, 0), 0);
