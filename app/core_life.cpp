@@ -3,7 +3,6 @@
 #include <atomic>
 
 #include "app/Thread.h"
-#include "app/VelantrixServerNoGUI.h"
 #include "stream/report_target.h"
 
 namespace {

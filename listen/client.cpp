@@ -8,7 +8,6 @@
 #include "listen/background.h"
 #include "listen/clock.h"
 #include "listen/command_line.h"
-#include "listen/find_server.h"
 #include "listen/pcm_sink.h"
 #include "listen/stop_request.h"
 #include "stream/wire_format.h"

@@ -4,12 +4,14 @@
 #include <functional>
 #include <future>
 #include <string>
+#include <utility>
 
 #include <enet/enet.h>
 
 #include "listen/find_server.h"
 #include "listen/options.h"
 #include "listen/outputs.h"
+#include "listen/pcm_sink.h"
 #include "listen/receiver.h"
 #include "listen/reporter.h"
 #include "listen/retry_pause.h"

@@ -1,6 +1,7 @@
 #include "listen/find_server.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <string>

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <string>
+
 #include "listen/options.h"
 
 namespace vxlisten {

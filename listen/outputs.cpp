@@ -2,12 +2,10 @@
 
 #include <algorithm>
 #include <array>
-#include <atomic>
 #include <optional>
 #include <unistd.h>
 
 #include "listen/clock.h"
-#include "listen/playout.h"
 
 namespace vxlisten {
 

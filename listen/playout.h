@@ -1,9 +1,12 @@
 #pragma once
 
+#include <array>
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
+
+#include <speex/speex_resampler.h>
 
 #include "listen/audio_packet.h"
 #include "listen/block_source.h"
@@ -11,6 +14,7 @@
 #include "listen/drift_control.h"
 #include "listen/packet_queue.h"
 #include "listen/rate_adapter.h"
+#include "listen/stream_decoder.h"
 #include "listen/stretch.h"
 
 namespace vxlisten {

@@ -1,11 +1,14 @@
 #include "listen/sound_keeper.h"
 
 #include <algorithm>
+#include <atomic>
 #include <chrono>
 #include <cstdio>
+#include <utility>
 
 #include "listen/background.h"
 #include "listen/clock.h"
+#include "listen/playout.h"
 #include "listen/priority.h"
 
 namespace vxlisten {

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "listen/audio_output.h"
+#include "listen/audio_packet.h"
 #include "listen/device_latency.h"
 #include "listen/retry_pause.h"
 #include "listen/statistics.h"

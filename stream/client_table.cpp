@@ -1,7 +1,6 @@
 #include "stream/client_table.h"
 
 #include <algorithm>
-#include <cstddef>
 #include <cstdio>
 #include <cstring>
 

@@ -4,6 +4,7 @@
 #include <cstddef>
 
 #include <enet/enet.h>
+#include <opus/opus.h>
 
 #include "audio/Audio.h"
 #include "stream/client_table.h"

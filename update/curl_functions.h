@@ -2,7 +2,7 @@
 
 // The options by which protocols are limited have newer names in newer libraries only.
 #define CURL_DISABLE_DEPRECATION
-#include <curl/curl.h>
+#include <curl/curl.h>  // IWYU pragma: export
 
 /// libcurl's functions as found in the library at run time; the program is not linked with it.
 ///
