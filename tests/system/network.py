@@ -3,6 +3,7 @@
 import os
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 
@@ -85,6 +86,13 @@ def ip(*arguments, there=None):
     """Runs iproute2's ``ip`` here, or inside the other network ``there``."""
     prefix = there.command() if there else []
     subprocess.run([*prefix, "ip", *arguments], check=True)
+
+
+def discovery_group_joined():
+    """Whether some socket of this network has joined the discovery group."""
+    group = f"{int.from_bytes(socket.inet_aton(DISCOVERY_GROUP), 'little'):08X}"
+    with open("/proc/self/net/igmp", encoding="ascii") as memberships:
+        return group in memberships.read()
 
 
 class OtherNetwork:

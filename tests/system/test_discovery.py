@@ -7,7 +7,7 @@ import sys
 
 from harness import (HERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
                      clean_environment, fake, main, wait_until)
-from network import DISCOVERY_GROUP, ip
+from network import DISCOVERY_GROUP, discovery_group_joined, ip
 from probe import Probe
 
 PORT = 59011
@@ -39,13 +39,7 @@ def query(form, port=PORT, host="127.0.0.1", timeout=PATIENCE):
 
 
 def wait_for_discovery():
-    """Waits until some socket of this network has joined the group."""
-    group = f"{int.from_bytes(socket.inet_aton(DISCOVERY_GROUP), 'little'):08X}"
-
-    def joined():
-        with open("/proc/self/net/igmp", encoding="ascii") as memberships:
-            return group in memberships.read()
-    wait_until(joined, "the discovery group is joined")
+    wait_until(discovery_group_joined, "the discovery group is joined")
 
 
 def route_group_over_loopback():

@@ -1,5 +1,7 @@
-// Calls of the system and of the sound, network, codec and web libraries that fail.
+// Calls of the system and of the sound, network, codec and web libraries that fail. Which others
+// the programs make, and why they are left alone, stands in torture_imports.py.
 
+#include <arpa/inet.h>
 #include <cerrno>
 #include <cstdarg>
 #include <dlfcn.h>
@@ -8,6 +10,7 @@
 #include <netdb.h>
 #include <poll.h>
 #include <pthread.h>
+#include <semaphore.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -153,8 +156,30 @@ int ioctl(int descriptor, unsigned long request, ...) noexcept {
     return real(descriptor, request, value);
 }
 
-/// Not made to fail: shortens the wait before the version check.
+/// A room that is too small.
+const char* inet_ntop(int family, const void* address, char* text, socklen_t room) noexcept {
+    if (tortureCall("inet_ntop", __builtin_return_address(0))) {
+        errno = ENOSPC;
+        return nullptr;
+    }
+    static auto* const real = next(&::inet_ntop, "inet_ntop");
+    return real(family, address, text, room);
+}
+
+/// A signal comes before the wait is over.
+int sem_wait(sem_t* semaphore) {
+    if (tortureCall("sem_wait", __builtin_return_address(0))) {
+        FAIL_WITH(EINTR);
+    }
+    static auto* const real = next(&::sem_wait, "sem_wait");
+    return real(semaphore);
+}
+
+/// A signal comes at once. Shortens the wait before the version check, too.
 int usleep(useconds_t microseconds) {
+    if (tortureCall("usleep", __builtin_return_address(0))) {
+        FAIL_WITH(EINTR);
+    }
     static auto* const real = next(&::usleep, "usleep");
     return real(microseconds >= LONG_SLEEP ? SHORTENED_SLEEP : microseconds);
 }

@@ -5,7 +5,7 @@ import dataclasses
 import re
 import signal
 
-from torture_session import ENOUGH_PACKETS, VERSION_FOUND, run_session
+from torture_session import ENOUGH_PACKETS, QUERIES, VERSION_FOUND, run_session
 
 BASELINES = 4
 FATAL = 255
@@ -35,6 +35,7 @@ class Report:
     killed: bool = False  # A stop signal takes its default action.
     of_stream: bool = False  # Also from the calls of the running stream.
     of_connection: bool = False  # One client may have to connect once more.
+    unanswered: int = 0  # Discovery queries without an answer.
     fewer: int = 0  # Descriptors that are not open for this reason.
 
 
@@ -48,6 +49,7 @@ REPORTS = (
     Report(("pipe2",), r"^Stop signals will end the program at once: pipe2", killed=True,
            fewer=2),
     Report(("getifaddrs",), r"^getifaddrs: "),
+    Report(("inet_ntop",), r"^\w+: inet_ntop failed!$"),
     Report(HOST, r"^An error occurred while creating network server host", fatal=True),
     Report(("enet_initialize_with_callbacks",),
            r"^An error occurred while initializing network communication$", fatal=True),
@@ -60,7 +62,9 @@ REPORTS = (
     Report((*SOUND, "Pa_CloseStream"), r"^An error occured while (opening|closing) the portaudio"),
     Report((*SOUND, "Pa_CloseStream"), r"^Error (message|number): "),
     Report(QUIET, r"^PortAudio Pa_Initialize call completed with return value 0$"),
-    Report(OPTION, r"^multiHost: (Socket|Bind) .*failed: ", fewer=1),
+    Report(OPTION, r"^multiHost: (Socket|Bind) .*failed: ", fewer=1, unanswered=len(QUERIES)),
+    Report(("socket",), r"^multiHost: Response socket open failed: ", unanswered=1),
+    Report(("sendto",), r"^multiHost: (Socket|Response socket) sendto failed: ", unanswered=1),
     Report(LIBRARY, r"^Error, could not dl(open|sym)", unchecked=True),
     Report(LIBRARY, r"^ (Velantrix Server will continue|versions\. Please visit|new versions of"
            r"|libcurl using|option try)"),
@@ -74,8 +78,8 @@ REPORTS = (
 )
 
 # These never fail without one of their reports.
-REPORTING = {"operator new", "pthread_create", "pipe2", "getifaddrs", "bind", "enet_host_create",
-             "enet_initialize_with_callbacks", "enet_address_set_host", "getaddrinfo",
+REPORTING = {"operator new", "pthread_create", "pipe2", "getifaddrs", "inet_ntop", "bind", "sendto",
+             "enet_host_create", "enet_initialize_with_callbacks", "enet_address_set_host", "getaddrinfo",
              "opus_encoder_create", *SOUND, "Pa_CloseStream", *LIBRARY, "curl_easy_init",
              "curl_easy_setopt", "curl_easy_perform", "realloc", "enet_host_service"}
 
@@ -95,9 +99,10 @@ def matching(reports, lines):
 
 
 class Judge:
-    """Knows what sessions without a failure look like."""
+    """Knows what sessions without a failure look like, the server started with `arguments`."""
 
-    def __init__(self, web):
+    def __init__(self, web, arguments):
+        self.arguments = arguments
         self.lines = {"", *OF_A_STALLED_CLIENT}
         self.sites = {}
         self.live = collections.Counter()
@@ -106,10 +111,12 @@ class Judge:
         self.before_end = set()
         self.sessions = collections.Counter()  # In how many a site was called.
         for _ in range(BASELINES):
-            outcome = run_session(web)
-            if outcome.status != 0 or min(outcome.packets) < ENOUGH_PACKETS:
-                raise AssertionError(f"a session without failure went wrong: {outcome.status}, "
-                                     f"{outcome.packets}\n  " + "\n  ".join(outcome.lines))
+            outcome = run_session(web, arguments)
+            if outcome.status != 0 or min(outcome.packets) < ENOUGH_PACKETS or \
+                    outcome.answers < len(QUERIES):
+                raise AssertionError(
+                    f"a session without failure went wrong: {outcome.status}, {outcome.packets}, "
+                    f"{outcome.answers} answers\n  " + "\n  ".join(outcome.lines))
             if not any(VERSION_FOUND in line for line in outcome.lines):
                 raise AssertionError("no version check:\n  " + "\n  ".join(outcome.lines))
             self.learn(outcome)
@@ -133,6 +140,11 @@ class Judge:
         """Those of all sessions, with the number of calls that each of them made."""
         return {number: site for number, site in self.sites.items()
                 if self.sessions[number] == BASELINES}
+
+    def other_sites(self):
+        """Those that depend on time: only some sessions came by them."""
+        return {number: site for number, site in self.sites.items()
+                if self.sessions[number] < BASELINES}
 
     def new_lines(self, outcome):
         return [line for line in outcome.lines if normal(line) not in self.lines]
@@ -181,6 +193,8 @@ class Judge:
             return None
         if min(outcome.packets) < ENOUGH_PACKETS and not any(report.silent for report in seen):
             return f"the clients got only {outcome.packets} packets"
+        if outcome.answers + sum(report.unanswered for report in seen) < len(QUERIES):
+            return f"the queries got only {outcome.answers} answers"
         if outcome.reconnected > (1 if any(report.of_connection for report in seen) else 0):
             return f"the clients had to connect once more, {outcome.reconnected} of them"
         line_lost = site.function == "write" and outcome.asked

@@ -6,18 +6,26 @@ import mmap
 import os
 import pathlib
 import re
+import socket
 import struct
 import tempfile
 import time
 
 from harness import Process, clean_environment, fake, private_home, program
+from network import discovery_group_joined
 from probe import MULTI_CLIENT, Probe, data_request
 
 SITES, SITE_FORMAT = 4096, "<QIiiI32s192s"
 TABLE_HEAD = 8
 COUNTERS_AT = 2 * (1 << 16) * 8 + 8  # The paced capture's count of callbacks.
 START_PATIENCE, CONNECT_PATIENCE, STREAM_PATIENCE, CHECK_PATIENCE = 5.0, 4.0, 8.0, 4.0
-SETTLE_PATIENCE, END_PATIENCE = 1.5, 30.0
+SETTLE_PATIENCE, END_PATIENCE, ANSWER_PATIENCE = 1.5, 30.0, 1.0
+# How the server is started. Without an address it looks at the interfaces.
+AT_AN_ADDRESS, ANYWHERE = ("-b", "127.0.0.1"), ()
+DISCOVERY_PORT = 59011
+# The queries: where each is sent from, since the first form is answered at a fixed port.
+QUERIES = ((b"VelantrixQuery", ("127.0.0.2", DISCOVERY_PORT)),
+           (b"VelantrixQuery2", ("127.0.0.2", 0)))
 ENOUGH_PACKETS = 40
 OPUS_CODE = 2
 VERSION_FOUND = "A new version of"
@@ -47,6 +55,7 @@ class Outcome:
     sites_before_end: frozenset  # Hashes of those called before the signal.
     descriptors: list  # What is open after the clients have gone; empty: ended before.
     asked: bool  # The version check came to the web server.
+    answers: int  # Of the discovery queries.
     ending: float  # Seconds from the signal to the end.
 
 
@@ -78,7 +87,7 @@ def poll_until(condition, patience):
 class Session:
     """One life of the server, in a folder of its own."""
 
-    def __init__(self, folder, web, fault=None, descriptors=None):
+    def __init__(self, folder, web, arguments, fault=None, descriptors=None):
         self.folder = folder
         self.table = folder / "torture-table"
         self.capture = folder / "capture-table"
@@ -95,8 +104,7 @@ class Session:
             MALLOC_PERTURB_="165")  # What is read before it is set, or after free, shows.
         if fault:
             environment["TORTURE_FAULT"] = fault
-        self.server = Process([program("VELANTRIX_SERVER"), "-nogui", "-b", "127.0.0.1"],
-                              environment)
+        self.server = Process([program("VELANTRIX_SERVER"), "-nogui", *arguments], environment)
 
     def ended(self):
         return self.server.child.poll() is not None
@@ -158,6 +166,29 @@ class Session:
         except AssertionError:
             pass
 
+    def send_queries(self, sockets):
+        """Asks for the server in both forms; returns one socket each, opened in `sockets`."""
+        poll_until(lambda: discovery_group_joined() or self.ended(), ANSWER_PATIENCE)
+        asking = []
+        for form, address in QUERIES:
+            client = sockets.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+            client.setsockopt(socket.SOL_SOCKET, socket.SO_REUSEADDR, 1)
+            client.bind(address)
+            client.settimeout(ANSWER_PATIENCE)
+            client.sendto(form, ("127.0.0.1", DISCOVERY_PORT))
+            asking.append(client)
+        return asking
+
+    @staticmethod
+    def answers(asking):
+        """How many of the queries have been answered."""
+        count = 0
+        for client in asking:
+            with contextlib.suppress(OSError):  # It took too long, or nobody was there.
+                client.recvfrom(64)
+                count += 1
+        return count
+
     def descriptors(self):
         """What each open descriptor of the server stands for."""
         found = []
@@ -187,12 +218,14 @@ class Session:
 
     def run(self):
         packets, reconnected = [0, 0], 0
-        with self.server:
+        with self.server, contextlib.ExitStack() as sockets:
             poll_until(lambda: self.captures() or self.ended() or self.printed(NO_SOUND),
                        START_PATIENCE)
+            asking = self.send_queries(sockets)
             if self.captures() and not self.ended():
                 packets, reconnected = self.stream()
             poll_until(lambda: self.ended() or self.printed(CHECK_DONE), CHECK_PATIENCE)
+            answers = self.answers(asking)
             time.sleep(0.05)
             descriptors = self.settled_descriptors()
             before_end = frozenset(read_table(self.table)[1])
@@ -200,10 +233,10 @@ class Session:
             lines = self.lines()
         faults, sites = read_table(self.table)
         return Outcome(status, lines, packets, reconnected, faults, sites, before_end, descriptors,
-                       bool(self.web.requests()), ending)
+                       bool(self.web.requests()), answers, ending)
 
 
-def run_session(web, fault=None, descriptors=None):
+def run_session(web, arguments, fault=None, descriptors=None):
     """`descriptors` is how many are usually open before the end; None: not known."""
     with tempfile.TemporaryDirectory(prefix="velantrix-torture-") as folder:
-        return Session(pathlib.Path(folder), web, fault, descriptors).run()
+        return Session(pathlib.Path(folder), web, arguments, fault, descriptors).run()
