@@ -2,10 +2,11 @@
 
 Usage: soak.py BUILD_FOLDER HOURS [SEED]     (HOURS of audio time)
 
-Passes the wraps of ENet's 16-bit numbers many times and those of both 32-bit sequence counters.
-Fails when a packet is wrong or missing, a request stays without an answer, the server ends, its
-client table is wrong at any moment, a connection stays behind after everybody has left,
-descriptors are lost or memory grows. Prints a line every ten seconds.
+Passes a wrap of ENet's 16-bit numbers in most quarters of an hour, and those of both 32-bit sequence
+counters once. Fails when a packet is wrong or missing, a request stays without an answer, the
+server ends, its client table is wrong at any moment, a connection stays behind after everybody has
+left, descriptors are lost or memory grows. Prints a line every ten seconds; at each of them the
+server holds no descriptor more than with nobody connected, since one socket serves all clients.
 """
 
 import os
@@ -104,7 +105,17 @@ class Server:
             raise SystemExit(f"the server ended with status {self.process.returncode}")
 
 
-def soak(server, callbacks, seed):
+def report(server, seconds, most_descriptors):
+    """Prints a line; returns the memory in KiB. `most_descriptors` may be None: any number."""
+    server.check_alive()
+    memory, descriptors = memory_kib(server.process.pid), server.descriptors()
+    print(f"{seconds:7.0f} s  {memory} KiB  {descriptors} descriptors", flush=True)
+    if most_descriptors is not None and descriptors > most_descriptors:
+        raise SystemExit(f"descriptors are lost: {descriptors} instead of {most_descriptors}")
+    return memory
+
+
+def soak(server, callbacks, seed, most_descriptors=None):
     """Lets the clients run; returns memory readings in KiB and the bytes in use behind them."""
     clients = subprocess.Popen([server.build / "soak_clients", str(PORT), server.table,
                                 str(callbacks), str(seed)])
@@ -115,10 +126,7 @@ def soak(server, callbacks, seed):
             try:
                 clients.wait(timeout=REPORT_S if readings else REPORT_S / 2)
             except subprocess.TimeoutExpired:
-                server.check_alive()
-                readings.append(memory_kib(server.process.pid))
-                print(f"{time.monotonic() - started:7.0f} s  {readings[-1]} KiB  "
-                      f"{server.descriptors()} descriptors", flush=True)
+                readings.append(report(server, time.monotonic() - started, most_descriptors))
     finally:
         clients.kill()
         clients.wait()
@@ -146,7 +154,7 @@ def main():
         server.idle_bytes(0, START_LIMIT_S)
         before_bytes = soak(server, WARM_UP_CALLBACKS, seed + 1)[1]
         before = server.descriptors()
-        readings, after_bytes = soak(server, int(hours * CALLBACKS_PER_HOUR), seed)
+        readings, after_bytes = soak(server, int(hours * CALLBACKS_PER_HOUR), seed, before)
         after = server.descriptors()
         print(f"with nobody connected {before_bytes} bytes in use, then {after_bytes}; "
               f"descriptors {before}, then {after}", flush=True)
