@@ -5,7 +5,9 @@ Usage: analyze.py BUILD JOBS FOLDER...    The status is 1 when one of them has f
 
 import concurrent.futures
 import json
+import os
 import pathlib
+import re
 import shlex
 import subprocess
 import sys
@@ -31,10 +33,12 @@ CLANG = ["--analyze", "-Xclang", "-analyzer-checker=" + ",".join(CLANG_CHECKERS)
          "-Xclang", "-analyzer-config",  # The iterators' checkers want this.
          "-Xclang", "aggressive-binary-operation-simplification=true"]
 
-# In this analyzer's eyes, operator new may return null, and objects returned by value are not
-# initialised; clang's looks after both.
-GCC = ["-fanalyzer", "-O0", "-U_FORTIFY_SOURCE", "-Werror", "-Wno-analyzer-possible-null-argument",
-       "-Wno-analyzer-possible-null-dereference", "-Wno-analyzer-use-of-uninitialized-value"]
+GCC = ["-fanalyzer", "-O0", "-U_FORTIFY_SOURCE", "-fdiagnostics-format=json"]
+
+# In this analyzer's eyes, operator new may return null, and objects returned by value, which have no
+# name, are not initialised; clang's looks after both. The same warnings about what malloc returns,
+# and about variables, count.
+GCC_MISTAKES = re.compile(r"possibly-NULL 'operator new|use of uninitialized value '<unknown>'")
 
 
 def sources(build, folders):
@@ -53,16 +57,37 @@ def sources(build, folders):
     return commands
 
 
+def clang_findings(directory, words):
+    result = subprocess.run(["clang++", *words, *CLANG, "-o", "/dev/null"], cwd=directory,
+                            capture_output=True, text=True, check=False)
+    return result.stdout + result.stderr, result.returncode != 0
+
+
+def place_of(location):
+    return "{file}:{line}".format(**location["caret"])
+
+
+def gcc_findings(directory, words):
+    """As one line each, and one for each step on the way there."""
+    result = subprocess.run(["g++", *words, *GCC, "-o", "/dev/null"], cwd=directory,
+                            capture_output=True, text=True, check=False,
+                            env={**os.environ, "LC_ALL": "C"})
+    lines = []
+    for finding in json.loads(result.stderr or "[]"):
+        if not GCC_MISTAKES.search(finding["message"]):
+            lines.append(f"{place_of(finding['locations'][0])}: {finding['message']} "
+                         f"[{finding.get('option', finding['kind'])}]\n")
+            lines += ["    {}:{}: {}\n".format(step["location"]["file"], step["location"]["line"],
+                                              step["description"])
+                      for step in finding.get("path", []) if "location" in step]
+    return "".join(lines), bool(lines)
+
+
 def analyze(directory, words):
     """What the two have to say about one file, and whether that is a finding."""
     words = [word for word in words if not word.startswith("-Werror")]
-    text, found = "", False
-    for command in (["clang++", *CLANG, "-o", "/dev/null"], ["g++", *GCC, "-o", "/dev/null"]):
-        result = subprocess.run([command[0], *words, *command[1:]], cwd=directory, capture_output=True, text=True,
-                                check=False)
-        text += result.stdout + result.stderr
-        found = found or result.returncode != 0
-    return text, found
+    findings = [find(directory, words) for find in (clang_findings, gcc_findings)]
+    return "".join(text for text, _ in findings), any(found for _, found in findings)
 
 
 def main():
