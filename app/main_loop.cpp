@@ -34,7 +34,7 @@ void handleRequest() {
     if (request == EXIT_REQUEST) {
         exitBegun.store(true);
         prepareExit();
-        std::exit(requestedStatus.load());
+        std::exit(requestedStatus.load());  // NOLINT(concurrency-mt-unsafe): the main thread's.
     }
     QCoreApplication::quit();
 }

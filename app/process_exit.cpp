@@ -48,9 +48,10 @@ void ExitProcess(int status) {
     consoleDrain(DRAIN_MS);
     if (onMainThread()) {
         prepareExit();
-        std::exit(status);
+        std::exit(status);  // NOLINT(concurrency-mt-unsafe): the main thread's.
     }
     if (!requestMainThreadExit(status)) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no main loop that could do it.
         std::exit(status);
     }
     waitForMainThread();

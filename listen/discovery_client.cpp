@@ -7,6 +7,7 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
+#include <system_error>
 #include <unistd.h>
 
 #include "listen/stop_request.h"
@@ -81,7 +82,7 @@ class Search {
             lastError_ = sent < 0 ? errno : lastError_;
         }
         if (!everSent_) {
-            result_.error = std::strerror(lastError_);
+            result_.error = std::generic_category().message(lastError_);
         }
         return everSent_;
     }

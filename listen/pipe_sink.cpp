@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 #include <poll.h>
+#include <system_error>
 #include <unistd.h>
 #include <vector>
 
@@ -72,7 +72,7 @@ SinkState PipeSink::stop(int errorNumber) {
     if (errorNumber == EPIPE) {
         return state_ = SinkState::Closed;
     }
-    error_ = std::string("cannot write to standard output: ") + std::strerror(errorNumber);
+    error_ = "cannot write to standard output: " + std::generic_category().message(errorNumber);
     return state_ = SinkState::Failed;
 }
 

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cctype>
-#include <cstring>
 #include <limits>
+#include <system_error>
 #include <vector>
 
 #include "stream/wire_format.h"
@@ -38,6 +38,11 @@ SF_INFO describe(int format, int rate) {
     info.channels = CHANNELS;
     info.format = format;
     return info;
+}
+
+/// The system's words for an error number.
+std::string reasonOf(int number) {
+    return std::generic_category().message(number);
 }
 
 bool hasEnding(const std::string& path, const std::string& ending) {
@@ -76,7 +81,7 @@ bool Recorder::open(const std::string& path) {
         return false;
     }
     if (!file_.open(path)) {
-        fail(std::strerror(file_.errorNumber()));
+        fail(reasonOf(file_.errorNumber()));
         return false;
     }
     return true;
@@ -99,7 +104,7 @@ bool Recorder::startFile(int rate) {
     SF_INFO info = describe(format_, adapter_->rate());
     sound_ = file_.openSound(info);
     if (sound_ == nullptr || file_.errorNumber() != 0) {
-        fail(file_.errorNumber() != 0 ? std::strerror(file_.errorNumber()) : sf_strerror(nullptr));
+        fail(file_.errorNumber() != 0 ? reasonOf(file_.errorNumber()) : sf_strerror(nullptr));
         return false;
     }
     return true;
@@ -134,7 +139,7 @@ SinkState Recorder::write(const std::int16_t* frames, std::size_t count, int rat
         const bool whole =
             sf_writef_short(sound_, converted.data() + done * CHANNELS, piece) == piece;
         if (file_.errorNumber() != 0) {
-            return fail(std::strerror(file_.errorNumber()));
+            return fail(reasonOf(file_.errorNumber()));
         }
         if (!whole) {
             return fail(sf_strerror(sound_));
@@ -157,7 +162,7 @@ SinkState Recorder::finish() {
     const int result = sf_close(sound_);
     sound_ = nullptr;
     if (!file_.close()) {
-        return fail(std::strerror(file_.errorNumber()));
+        return fail(reasonOf(file_.errorNumber()));
     }
     return result == 0 ? state() : fail(sf_error_number(result));
 }

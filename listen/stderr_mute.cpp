@@ -13,7 +13,7 @@ StderrMute::StderrMute() : nowhere_(std::fopen("/dev/null", "we")), saved_(stder
 StderrMute::~StderrMute() {
     if (nowhere_ != nullptr) {
         stderr = saved_;
-        std::fclose(nowhere_);
+        std::fclose(nowhere_);  // NOLINT(cert-err33-c): nothing was to be kept.
     }
 }
 
