@@ -1,7 +1,7 @@
 """Puts the figures of a coverage run into the generated part of docs/coverage.md.
 
-Ends with status 1 when a file with lines not reached has no reason below that part, or a reason no
-such file; the figures have been written then.
+Ends with status 1 when the reasons below that part are not about all lines of a file that are not
+reached, or about a file that has none; the figures have been written then.
 
 Usage: coverage_table.py COVERAGE.json SUMMARY.json DOCUMENT    (both files as gcovr writes them)
 """
@@ -26,31 +26,53 @@ def ranges(numbers):
     return ", ".join(text)
 
 
-def files_with_reasons(text):
-    """The files that the document's section of reasons names, in backticks."""
+def lines_with_reasons(text):
+    """How many lines of each file the document's section of reasons is about.
+
+    The section names a file in backticks, in each reason anew, and behind it in brackets how many
+    lines the reason is about; None: there is no such number.
+    """
     section = text.partition(f"\n{REASONS}\n")[2].partition("\n## ")[0]
-    return set(re.findall(r"`(\w+/[\w.]+\.(?:cpp|h))`", section))
+    counts = {}
+    for name, number in re.findall(r"`(\w+/[\w.]+\.(?:cpp|h))`(?:\s+\((\d+)\))?", section):
+        known = counts.setdefault(name, None)
+        if number:
+            counts[name] = (known or 0) + int(number)
+    return counts
+
+
+def contradiction(name, lines, reasons):
+    """What is wrong with the reasons for the lines of a file that are not reached, or nothing."""
+    if name not in reasons:
+        return f"{name} has lines that are not reached, and no reason for them"
+    if reasons[name] is None:
+        return f"{name} has a reason, but not for how many lines: `{name}` ({len(lines)})"
+    if len(lines) > reasons[name]:
+        return (f"{name} has {len(lines)} lines that are not reached, and reasons for "
+                f"{reasons[name]} of them")
+    return None
 
 
 def contradictions(missing, text):
-    """Sentences about files whose missing lines and whose reasons do not go together."""
-    wanting = {name for name, lines in missing.items() if lines}
-    reasons = files_with_reasons(text)
-    return ([f"{name} has lines that are not reached, and no reason for them"
-             for name in sorted(wanting - reasons)] +
+    """Sentences about files whose missing lines and whose reasons do not go together. Fewer lines
+    than there are reasons for are none: some depend on time."""
+    wanting = {name: lines for name, lines in missing.items() if lines}
+    reasons = lines_with_reasons(text)
+    sentences = [contradiction(name, lines, reasons) for name, lines in sorted(wanting.items())]
+    return ([sentence for sentence in sentences if sentence] +
             [f"{name} has a reason, and no line that is not reached"
-             for name in sorted(reasons - wanting)])
+             for name in sorted(reasons.keys() - wanting.keys())])
 
 
 def main():
     coverage, summary = (json.loads(pathlib.Path(name).read_text()) for name in sys.argv[1:3])
     document = pathlib.Path(sys.argv[3])
-    missing = {file["file"]: ranges({line["line_number"] for line in file["lines"]
-                                     if line["count"] == 0 and not line.get("gcovr/noncode")})
+    missing = {file["file"]: {line["line_number"] for line in file["lines"]
+                              if line["count"] == 0 and not line.get("gcovr/noncode")}
                for file in coverage["files"]}
     rows = [f"| `{file['filename']}` | {file['line_total']} | {file['line_percent']} "
             f"| {file['branch_percent'] if file['branch_total'] else '-'} "
-            f"| {missing[file['filename']]} |" for file in summary["files"]]
+            f"| {ranges(missing[file['filename']])} |" for file in summary["files"]]
     head = [f"Lines: {summary['line_percent']} % ({summary['line_covered']} of "
             f"{summary['line_total']})", "",
             f"Branches: {summary['branch_percent']} % ({summary['branch_covered']} of "

@@ -48,9 +48,29 @@ class CoverageTable(unittest.TestCase):
              self.document], check=False, text=True, stderr=subprocess.PIPE)
 
     def test_lines_with_a_reason_are_written(self):
-        result = self.write({2, 3, 5}, "`app/one.cpp`: a failure of the system.")
+        result = self.write({2, 3, 5}, "`app/one.cpp` (3): a failure of the system.")
         self.assertEqual((result.returncode, result.stderr), (0, ""))
         self.assertIn("| `app/one.cpp` | 5 | 50 | - | 2-3, 5 |", self.document.read_text())
+
+    def test_a_line_more_than_there_are_reasons_for_is_an_error(self):
+        result = self.write({2, 3, 5}, "`app/one.cpp` (2): a failure of the system.")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("app/one.cpp has 3 lines that are not reached, and reasons for 2 of them",
+                      result.stderr)
+
+    def test_a_line_less_than_there_are_reasons_for_is_none(self):
+        result = self.write({2}, "`app/one.cpp` (2): a failure of the system.")
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+
+    def test_the_lines_of_several_reasons_are_added(self):
+        result = self.write({2, 3, 5}, "`app/one.cpp` (2): a failure of the system.\n"
+                                       "- `app/one.cpp`\n  (1), the end: another.")
+        self.assertEqual((result.returncode, result.stderr), (0, ""))
+
+    def test_a_reason_that_tells_no_number_of_lines_is_an_error(self):
+        result = self.write({2, 3}, "`app/one.cpp`: a failure of the system.")
+        self.assertEqual(result.returncode, 1)
+        self.assertIn("not for how many lines: `app/one.cpp` (2)", result.stderr)
 
     def test_a_file_without_missing_lines_needs_no_reason(self):
         result = self.write(set(), "nothing.")
