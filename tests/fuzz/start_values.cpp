@@ -1,6 +1,7 @@
 // Any command line with any environment. An input is a row of texts that end with NUL: the values
 // of the variables below (empty: not set), then the arguments.
 
+#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstring>
@@ -102,6 +103,12 @@ std::optional<int> plainNumber(const std::string& text) {
     return std::stoi(text);
 }
 
+/// The digits that `text` begins with, without zeros in front: a number of any size.
+std::string leadingNumber(const std::string& text) {
+    const std::string digits = text.substr(0, text.find_first_not_of("0123456789"));
+    return digits.substr(std::min(digits.find_first_not_of('0'), digits.size()));
+}
+
 bool startsWithDigit(const std::string& text) {
     return !text.empty() && text[0] >= '0' && text[0] <= '9';
 }
@@ -148,8 +155,8 @@ void checkSampleRate() {
     delete[] Audio::_CaptureBufferComp;
     require(result == paDeviceUnavailable && !is48k, "a failed capture has no rate");
     require(wantedRate == 44100 || wantedRate == 48000, "there are two rates");
-    const std::optional<int> rate = plainNumber(text);
-    require(!rate || (wantedRate == 48000) == (*rate == 48000), "the user's rate is taken");
+    require(!startsWithDigit(text) || (wantedRate == 48000) == (leadingNumber(text) == "48000"),
+            "the user's rate is taken");
     require(startsWithDigit(text) || wantedRate == DEVICE_RATE, "the device's rate is kept");
 }
 
