@@ -31,6 +31,7 @@ packages_bench=(
     libbenchmark-dev binutils iproute2 pulseaudio pulseaudio-utils python3 strace valgrind
 )
 packages_coverage=(gcovr)
+packages_fuzzcoverage=(llvm)
 packages_package=(dpkg-dev lintian file)
 packages_trees=(debootstrap iproute2 python3)
 
@@ -169,6 +170,27 @@ ensure_packages() {
     fi
     if [ ${#missing[@]} -gt 0 ]; then
         install_packages "${missing[@]}"
+    fi
+}
+
+# Debian keeps clang's own sanitizers apart, under a name with its version.
+ensure_clang_runtime() {
+    local runtime
+    runtime=libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev
+    if apt-cache show "$runtime" >/dev/null 2>&1; then
+        packages_runtime=("$runtime")
+        ensure_packages runtime
+    fi
+}
+
+# Sets `alone` to the words that start a program in a network of its own; none where the system does
+# not allow that.
+find_private_network() {
+    alone=()
+    if unshare -n true 2>/dev/null; then
+        alone=(unshare -n)
+    elif unshare -rn true 2>/dev/null; then
+        alone=(unshare -rn)
     fi
 }
 
