@@ -32,6 +32,10 @@ constexpr std::chrono::milliseconds PATIENCE_WHEN_THROTTLED{15000};
 constexpr std::chrono::milliseconds PATIENCE{1000};
 constexpr std::chrono::milliseconds PATIENCE_AFTER_STALL{3000};
 
+// A machine that keeps this process waiting makes receive buffers overflow. What ENet measured of
+// a wait before is in the time after which it repeats a reliable packet: some seconds.
+constexpr std::chrono::milliseconds RECOVERY{10000};
+
 }  // namespace
 
 SoakClient::SoakClient(std::uint16_t serverPort, const CaptureTable& captureTable, unsigned seed,
@@ -161,6 +165,7 @@ void SoakClient::service() {
         return;
     }
     const std::uint64_t missed = table.callbacks.load() - lastService;
+    noticeStarvation(missed);
     catchingUp = catchingUp || missed > LATE_SERVICE;
     mayHaveHalf = mayHaveHalf || missed > QUEUE_DROPPED;
     const bool drained = handleEvents();
@@ -168,6 +173,13 @@ void SoakClient::service() {
     if (drained && host != nullptr) {
         lastService = table.callbacks.load();
         judgeRequests();
+    }
+}
+
+void SoakClient::noticeStarvation(std::uint64_t missed) {
+    if (missed > QUEUE_DROPPED && !catchingUp) {
+        tally.starved += recovering() ? 0 : 1;
+        recoveredAt = Clock::now() + RECOVERY;
     }
 }
 
@@ -186,6 +198,9 @@ void SoakClient::judgeRequests() {
 std::chrono::milliseconds SoakClient::patience() const {
     if (kind == Kind::Throttled && !requests.latestReliable()) {
         return PATIENCE_WHEN_THROTTLED;
+    }
+    if (recovering()) {
+        return RECOVERY;
     }
     return catchingUp ? PATIENCE_AFTER_STALL : PATIENCE;
 }
@@ -215,7 +230,7 @@ bool SoakClient::handleEvents() {
 }
 
 void SoakClient::take(const ENetPacket& packet) {
-    note(packets.check(packet, catchingUp));
+    note(packets.check(packet, catchingUp || recovering()));
     catchingUp = catchingUp && !packets.present();
     mayHaveHalf = mayHaveHalf && !packets.upToDate();
     const wire::PacketHeader header = wire::readHeader(packet.data, packet.dataLength);

@@ -51,6 +51,12 @@ class SoakClient {
     std::uint32_t nextRequest();
     void requestData();
     void service();
+    /// Looks whether it was kept from its network for `missed` callbacks without wanting it.
+    void noticeStarvation(std::uint64_t missed);
+
+    /// Whether it may still lack what overflowed its receive buffer.
+    [[nodiscard]] bool recovering() const { return Clock::now() < recoveredAt; }
+
     void judgeRequests();
     [[nodiscard]] std::chrono::milliseconds patience() const;
     bool handleEvents();
@@ -70,6 +76,7 @@ class SoakClient {
     bool stalled = false;
     bool catchingUp = false;   ///< Has stood still, and has not heard the present since.
     bool mayHaveHalf = false;  ///< Its queue may have been dropped, with half a packet under way.
+    Clock::time_point recoveredAt;  ///< Until then it may hear the past, for want of a processor.
     std::uint64_t nextChange = 0;   ///< Callback.
     std::uint64_t lastService = 0;  ///< Callback.
     Clock::time_point lastServiceTime = Clock::now();

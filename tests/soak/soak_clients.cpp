@@ -117,8 +117,9 @@ bool report(const Clients& clients, long periods) {
         const SoakTally& heard = clients[i]->heard();
         std::printf(
             "client %zu: %ld connections, %ld packets, %ld requests kept, %ld times stuck, "
-            "%ld errors\n",
-            i, heard.connections, heard.packets(), heard.requestsKept, heard.stuck, heard.errors);
+            "%ld times starved, %ld errors\n",
+            i, heard.connections, heard.packets(), heard.requestsKept, heard.stuck, heard.starved,
+            heard.errors);
         all += heard;
         allServed = allServed && heard.requestsKept >= periods * REQUESTS_OF_A_CLIENT;
     }

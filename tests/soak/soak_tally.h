@@ -16,6 +16,7 @@ struct SoakTally {
     long enetWraps = 0;     ///< Of ENet's 16-bit numbers: 65,536 reliable packets on a connection.
     long requestsKept = 0;  ///< Requests answered by sound of the present.
     long stuck = 0;         ///< Left after a pause, with half a reliable fallback packet.
+    long starved = 0;       ///< Times without a processor, of which the past may come for a while.
     long connections = 0;
     long errors = 0;
 
@@ -34,6 +35,7 @@ struct SoakTally {
         enetWraps += other.enetWraps;
         requestsKept += other.requestsKept;
         stuck += other.stuck;
+        starved += other.starved;
         connections += other.connections;
         errors += other.errors;
         return *this;
