@@ -21,6 +21,27 @@
 
 namespace {
 
+/// Whether the system refuses the filter that limits datagrams.
+bool filterRefused = false;
+
+}  // namespace
+
+extern "C" {
+
+bool __real__Z14limitDatagramsRK9_ENetHost(const ENetHost& host);
+
+// limitDatagrams(): the name is the linker's.
+bool __wrap__Z14limitDatagramsRK9_ENetHost(const ENetHost& host) {
+    if (filterRefused) {
+        errno = ENOMEM;
+        return false;
+    }
+    return __real__Z14limitDatagramsRK9_ENetHost(host);
+}
+}
+
+namespace {
+
 using Arguments = std::vector<const char*>;
 
 const char* const INITIALIZING = "Initializing server network communication\n";
@@ -199,6 +220,13 @@ TEST(NetworkHost, SocketThatWouldHangTheAudioEndsTheProcess) {
     const ChildRun run = runHost({}, [] { failCall(Call::EnetSocketSetOption, 1, ENOBUFS); });
     EXPECT_NE(run.out.find(CREATION_FAILED), std::string::npos) << run.out;
     EXPECT_EQ(run.status, 255);
+}
+
+TEST(NetworkHost, RefusedLimitOfDatagramsIsWarnedOfAndTheServerGoesOn) {
+    const ChildRun run = runHost({}, [] { filterRefused = true; });
+    EXPECT_EQ(run.out, std::string(INITIALIZING) + DEFAULT_PORT +
+                           "Warning, could not limit the length of datagrams, err = 12\n" +
+                           CAPTURE);
 }
 
 TEST(NetworkHost, OtherFailureNamesTheBindAddress) {
