@@ -40,10 +40,10 @@ extern "C" const char* __tsan_default_options() {
     return "history_size=4:print_suppressions=0";
 }
 
-// But for the first two, these are libraries. They are not built with the sanitizer, which so cannot
-// see how they keep their own threads apart. called_from_lib leaves out what a library calls itself (memcpy, free and the
-// like), not what our callbacks do below it; race_top looks at the innermost function only. Nothing
-// wider: it would hide races of ours.
+// But for the first two, these are libraries. They are not built with the sanitizer, which so
+// cannot see how they keep their own threads apart. called_from_lib leaves out what a library calls
+// itself (memcpy, free and the like), not what our callbacks do below it; race_top looks at the
+// innermost function only. Nothing wider: it would hide races of ours.
 extern "C" const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() {
     return
