@@ -17,6 +17,7 @@ import signal
 import subprocess
 import sys
 import tempfile
+import time
 import unittest
 
 from network import HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, enter_private_network
@@ -180,6 +181,16 @@ class SystemTest(unittest.TestCase):
 
     def assert_ends_cleanly(self, server, number=signal.SIGTERM):
         self.assertEqual(server.stop(number), 0, "\n".join(server.out.all() + server.err.all()))
+
+    def assert_ends_in_time(self, server, number=signal.SIGTERM):
+        """As above, also when the sound library hangs, for which the server waits 3 s. Returns the
+        seconds that it took."""
+        begin = time.monotonic()
+        SystemTest.assert_ends_cleanly(self, server, number)
+        taken = time.monotonic() - begin
+        print(f"the server ended within {taken:.1f} s")
+        self.assertLess(taken, 20 if has_sanitizer() else 5)
+        return taken
 
 
 def main():

@@ -6,7 +6,7 @@ import re
 import struct
 import subprocess
 
-from harness import DEFAULT_PORT, Process, clean_environment, fake, wait_until
+from harness import DEFAULT_PORT, PATIENCE, Process, clean_environment, fake, wait_until
 
 MSGID_AUDIO, MSGID_DATA, MSGID_FASTER, MSGID_SLOWER = range(4)
 FLAG_RELIABLE, FLAG_ALT_RATE = 1, 2
@@ -79,10 +79,14 @@ class Client:
             re.compile(rf"^connected {self.name} port (\d+)$"), self.start)
         return int(self.probe.out.all()[line].split()[-1])
 
-    def wait_disconnected(self):
+    def is_connected(self):
+        return any(line.startswith(f"connected {self.name} ")
+                   for line in self.probe.out.all()[self.start:])
+
+    def wait_disconnected(self, timeout=PATIENCE):
         """Returns the disconnect data."""
         line = self.probe.out.wait_for(
-            re.compile(rf"^disconnected {self.name} data (\d+)$"), self.start)
+            re.compile(rf"^disconnected {self.name} data (\d+)$"), self.start, timeout)
         return int(self.probe.out.all()[line].split()[-1])
 
     def is_disconnected(self):

@@ -16,7 +16,7 @@ import unittest
 
 from enet_wire import Recorder, connect_peers
 from harness import (DEFAULT_PORT, HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, Server, SoundServer,
-                     SystemTest, fake, has_sanitizer, main, wait_until)
+                     SystemTest, fake, main, wait_until)
 from network import ip
 from probe import MSGID_FASTER, MULTI_CLIENT, Probe, control_message, sequence_gaps
 
@@ -30,6 +30,7 @@ QUERY, QUERY2, RESPONSE = b"VelantrixQuery", b"VelantrixQuery2", b"VelantrixResp
 NO_SERVICE = "Error returned from service call"
 SLOW_CLOSE = ("VelantrixServer: Audio shutdown is taking a long time, may be caused by an audio "
               "driver issue. Quitting.")
+TIME_OUTS = 60.0  # Seconds: 5 on a quick machine, at most 30 from the packet that they are for.
 STRANGERS = 3  # Fewer than there are slots beside the clients, in two shortages.
 MORE_THAN_QUEUED = 300
 KEPT_KIB = 64
@@ -63,14 +64,6 @@ class FaultTest(SystemTest):
         self.assertEqual(sequence_gaps(packets), 0, client.name)
         self.assertFalse(client.is_disconnected())
 
-    def assert_ends_cleanly(self, server, number=signal.SIGTERM):
-        """Also when the sound library hangs, for which the server waits 3 s."""
-        begin = time.monotonic()
-        super().assert_ends_cleanly(server, number)
-        taken = time.monotonic() - begin
-        print(f"the server ended within {taken:.1f} s")
-        self.assertLess(taken, 20 if has_sanitizer() else 5)
-
 
 class Sound(FaultTest):
     """The sound server goes, stands still, comes again."""
@@ -88,33 +81,51 @@ class Sound(FaultTest):
         wait_until(quiet, "no more sound comes")
         self.assertIsNone(self.server.child.poll())
 
+    def assert_everybody_is_lost(self, clients):
+        """Apps lose their connection by ENet's time-outs, and nobody gets a new one."""
+        newcomer = self.probe.connect(wait=False)
+        begin = time.monotonic()
+        for client in clients:
+            client.wait_disconnected(TIME_OUTS)
+            print(f"{client.name} lost its connection after {time.monotonic() - begin:.1f} s")
+        self.assertFalse(newcomer.is_connected())
+        self.assertIsNone(self.server.child.poll())
+
     def test_killed_sound_server_ends_the_stream_but_not_the_program(self):
+        clients = [self.listener, self.client(0, reliable=False), self.client(1)]
         self.sound.stop()
         self.assert_capture_stops()
-        self.assert_ends_cleanly(self.server)
+        self.assert_everybody_is_lost(clients)
+        self.assert_ends_in_time(self.server)
+
+    def test_end_right_after_the_sound_server_was_killed(self):
+        self.sound.stop()
+        self.assert_capture_stops()
+        self.assert_ends_in_time(self.server)
 
     def test_restarted_sound_server_is_used_after_the_next_start(self):
         self.sound.stop()
         self.assert_capture_stops()
         self.sound.start()
         self.assert_capture_stops()
+        self.assert_everybody_is_lost([self.listener])
         self.assertEqual(self.server.out.all().count("Initializing PortAudio"), 1)
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
         self.start()
         self.assert_gapless(self.client())
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
 
     def test_stopped_sound_server_only_makes_a_pause(self):
         self.sound.daemon.send_signal(signal.SIGSTOP)
         self.assert_capture_stops()
         self.sound.daemon.send_signal(signal.SIGCONT)
         self.assert_gapless(self.listener)
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
 
     def test_end_while_the_sound_server_stands_still(self):
         self.sound.daemon.send_signal(signal.SIGSTOP)
         self.assert_capture_stops()
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
         self.assertEqual(self.server.out.all().count(SLOW_CLOSE), 1)
         self.sound.daemon.send_signal(signal.SIGCONT)
 
@@ -166,7 +177,7 @@ class Network(FaultTest):
         print(f"{missing} packets of {meanwhile} did not fit into the queue")
         self.assertLessEqual(missing, meanwhile - QUEUE)
         self.assert_nobody_else_noticed()
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
 
     def test_interface_that_stays_away_costs_its_client_the_connection(self):
         ip("link", "set", "vxhere", "down")
@@ -174,7 +185,7 @@ class Network(FaultTest):
         ip("link", "set", "vxhere", "up")
         self.assert_gapless(self.far_client())
         self.assert_nobody_else_noticed()
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
 
     def test_client_with_a_new_address_connects_anew_and_the_old_one_is_given_up(self):
         ip("addr", "add", "10.77.0.3/24", "dev", "vxthere", there=self.other)
@@ -184,7 +195,7 @@ class Network(FaultTest):
         self.wait_given_up(THERE_ADDRESS)
         self.assert_gapless(again)
         self.assert_nobody_else_noticed()
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
 
     @unittest.skipUnless(LONG, "in the long version: VELANTRIX_LONG_FAULTS=1")
     def test_client_whose_router_changes_its_port_connects_anew(self):
@@ -226,7 +237,7 @@ class Clock(FaultTest):
         self.set_clock(seconds)
         self.assert_gapless(self.client(3))
         self.assertFalse(any(client.is_disconnected() for client in clients))
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
 
     def test_day_forward(self):
         self.check_jump(DAY)
@@ -315,7 +326,7 @@ class Limits(FaultTest):
                                                             resource.RLIMIT_NOFILE)[1])
         self.assertEqual(self.ask(QUERY2), RESPONSE)
         self.assertEqual(self.open_descriptors(), before)
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
 
     def ask_first_form(self):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asker:
@@ -364,7 +375,7 @@ class Limits(FaultTest):
         self.assert_gapless(listener)
         self.limit_memory(resource.RLIM_INFINITY)
         self.assert_gapless(self.client(2))
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
 
     def test_memory_runs_out_while_clients_stand_still(self):
         self.start()
@@ -387,7 +398,7 @@ class Limits(FaultTest):
         mark = len(listener.packets())
         self.assert_gapless(listener, mark)
         self.assert_gapless(self.client(1))
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
 
 
 class ScarceMemory(FaultTest):
@@ -443,7 +454,7 @@ class ScarceMemory(FaultTest):
         self.assertLess(after - before, KEPT_KIB)
         for choice in choices:
             self.assert_gapless(self.client(*choice))
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
 
     def test_one_allocation_in_a_hundred(self):
         self.check_share(10)
@@ -468,7 +479,7 @@ class ScarceMemory(FaultTest):
         for peer in peers:
             peer.socket.close()
         self.assertEqual(len(peers), MAX_PEERS)
-        self.assert_ends_cleanly(self.server)
+        self.assert_ends_in_time(self.server)
 
 
 

@@ -3,7 +3,6 @@
 import os
 import signal
 import socket
-import time
 
 from harness import (BANNER, DEFAULT_PORT, Server, SoundServer, SystemTest, die_with_parent, fake,
                      main, wait_until)
@@ -23,7 +22,7 @@ class Signals(SystemTest):
                 server.wait_for_capture()
             else:
                 server.err.wait_for("Error -10000 opening audio input device")
-            self.assert_ends_cleanly(server, number)
+            self.assert_ends_in_time(server, number)
             self.assertNotIn(SLOW_CLOSE, server.out.all())
 
     def test_interrupt_while_streaming_gives_status_0(self):
@@ -42,7 +41,7 @@ class Signals(SystemTest):
             for _ in range(5):
                 with Server(sound=sound) as server:
                     server.out.wait_for(BANNER)
-                    self.assert_ends_cleanly(server)
+                    self.assert_ends_in_time(server)
 
 
 class HangingClose(SystemTest):
@@ -52,12 +51,8 @@ class HangingClose(SystemTest):
     def test_exit_comes_after_3_seconds_with_the_message_and_status_0(self):
         with SoundServer() as sound, self.start(sound) as server:
             server.wait_for_capture()
-            begin = time.monotonic()
-            self.assert_ends_cleanly(server)
-            taken = time.monotonic() - begin
+            self.assertGreaterEqual(self.assert_ends_in_time(server), 3.0)
             self.assertEqual(server.out.all().count(SLOW_CLOSE), 1)
-            self.assertGreaterEqual(taken, 3.0)
-            self.assertLess(taken, 20.0)
 
     def check_second_signal(self, first, second):
         with SoundServer() as sound, self.start(sound) as server:
@@ -81,7 +76,7 @@ class FailingClose(SystemTest):
                 sound=sound, preload=fake("preload_faults.so"),
                 env={"VELANTRIX_FAULTS": "close-fails"}) as server:
             server.wait_for_capture()
-            self.assert_ends_cleanly(server)
+            self.assert_ends_in_time(server)
             self.assertEqual(server.err.all(), [
                 "An error occured while closing the portaudio stream",
                 "Error number: -9986",
