@@ -2,6 +2,7 @@
 descriptors, memory. docs/faults.md says the same for its users."""
 
 import contextlib
+import fcntl
 import os
 import pathlib
 import random
@@ -11,6 +12,7 @@ import shutil
 import signal
 import socket
 import struct
+import termios
 import time
 import unittest
 
@@ -34,6 +36,17 @@ TIME_OUTS = 60.0  # Seconds: 5 on a quick machine, at most 30 from the packet th
 STRANGERS = 3  # Fewer than there are slots beside the clients, in two shortages.
 MORE_THAN_QUEUED = 300
 KEPT_KIB = 64
+PAGE = 4096
+QUEUED_LINES = 256  # Of the capture thread, while nobody reads: DEFERRED_LINES in app/console.cpp.
+MORE_LINES = 100
+AT_A_TIME = 100  # Messages; the server forgets all but the newest 256 that wait.
+UNKNOWN_MESSAGE = 1000
+LAST_MESSAGE = 9999
+PRINTED_NUMBER = "Got unrecognized message ID %d\n"
+PRINTED_NUMBERS = re.compile(r"^Got unrecognized message ID (\d+)$", re.MULTILINE)
+LOST_LINES = re.compile(r"^\((\d+) lines lost: standard output was not read in time\)$",
+                        re.MULTILINE)
+OTHER_LINES = 6  # Of a data request, and of the check for a new version.
 SCARCE = "Warning, not enough memory for network communication"
 
 LONG = os.environ.get("VELANTRIX_LONG_FAULTS") == "1"
@@ -256,7 +269,7 @@ class Output(FaultTest):
             talker.send(control_message(MSGID_FASTER))
         self.assert_gapless(listener)
         self.assert_gapless(talker)
-        self.assertEqual(self.server.stop(signal.SIGTERM), 0)
+        self.assert_ends_in_time(self.server)
 
     def test_closed(self):
         self.check(">&-")
@@ -264,27 +277,81 @@ class Output(FaultTest):
     def test_full_disc(self):
         self.check(">/dev/full")
 
-    def test_pipe_that_nobody_reads(self):
-        pipe = self.folder / "pipe"
-        os.mkfifo(pipe)
-        reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
-        self.addCleanup(os.close, reader)
-        try:
-            self.check(f">{pipe}")
-        except AssertionError as error:
-            raise AssertionError(f"{error}\nunread: {os.read(reader, 65536)}") from error
-
-    def test_pipe_whose_reader_has_gone(self):
+    def start_into_pipe(self):
+        """Starts the server with a pipe as its output; returns the reading end, which waits for
+        nothing."""
         pipe = self.folder / "pipe"
         os.mkfifo(pipe)
         reader = os.open(pipe, os.O_RDONLY | os.O_NONBLOCK)
         self.start(captures=False, prefix=["sh", "-c", f'exec "$@" >{pipe}', "sh"])
+        return reader
+
+    def read(self, reader):
+        with contextlib.suppress(BlockingIOError):
+            return os.read(reader, 65536).decode()
+        return ""
+
+    def fill(self, reader, listener, talker):
+        """Has more lines printed than the pipe and the queue behind it hold, and reads none of
+        them; returns the numbers in these lines."""
+        self.read(reader)
+        room = fcntl.fcntl(reader, fcntl.F_SETPIPE_SZ, PAGE)
+        line = len(PRINTED_NUMBER % UNKNOWN_MESSAGE)
+        numbers = range(UNKNOWN_MESSAGE,
+                        UNKNOWN_MESSAGE + room // line + QUEUED_LINES + MORE_LINES)
+        for number in numbers:
+            talker.send(control_message(number))
+            if number % AT_A_TIME == AT_A_TIME - 1:
+                listener.wait_packets(AT_A_TIME)
+        talker.request(2)
+        wait_until(lambda: talker.packets()[-1].rate_code == 2, "the last message is obeyed")
+        unread = struct.unpack("=i", fcntl.ioctl(reader, termios.FIONREAD, bytes(4)))[0]
+        print(f"{unread} of {room} bytes wait in the pipe")
+        self.assertGreater(unread, room - line)
+        return numbers
+
+    def test_pipe_that_nobody_reads(self):
+        reader = self.start_into_pipe()
+        self.addCleanup(os.close, reader)
+        listener, talker = self.client(), self.client(1)
+        mark = len(listener.packets()) - 1
+        self.fill(reader, listener, talker)
+        self.assert_gapless(listener, mark)
+        self.assert_gapless(talker)
+        self.assert_ends_in_time(self.server)
+
+    def test_pipe_that_is_read_again_tells_of_the_lines_that_were_lost(self):
+        reader = self.start_into_pipe()
+        self.addCleanup(os.close, reader)
+        listener, talker = self.client(), self.client(1)
+        wanted = self.fill(reader, listener, talker)
+        text = ""
+
+        def read_on(pattern):
+            nonlocal text
+            text += self.read(reader)
+            return pattern.search(text)
+        lost = int(wait_until(lambda: read_on(LOST_LINES), "the sentence about lost lines")[1])
+        numbers = list(map(int, PRINTED_NUMBERS.findall(text)))
+        print(f"{len(numbers)} of {len(wanted)} lines came, {lost} were lost")
+        self.assertEqual(numbers, list(wanted[:len(numbers)]))
+        self.assertGreaterEqual(len(numbers), QUEUED_LINES)
+        self.assertIn(lost - (len(wanted) - len(numbers)), range(OTHER_LINES + 1))
+        talker.send(control_message(LAST_MESSAGE))
+        wait_until(lambda: read_on(re.compile(re.escape(PRINTED_NUMBER % LAST_MESSAGE))),
+                   "the output goes on")
+        self.assert_gapless(listener)
+        self.assert_gapless(talker)
+        self.assert_ends_in_time(self.server)
+
+    def test_pipe_whose_reader_has_gone(self):
+        reader = self.start_into_pipe()
         listener = self.client()
         os.close(reader)
         for _ in range(50):
             listener.send(control_message(MSGID_FASTER))
         self.assert_gapless(listener)
-        self.assertEqual(self.server.stop(signal.SIGTERM), 0)
+        self.assert_ends_in_time(self.server)
 
 
 class Limits(FaultTest):
