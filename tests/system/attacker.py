@@ -24,6 +24,8 @@ from processes import Process
 SERVER_PORT, DISCOVERY_PORT = 59010, 59011
 LONGEST_DATAGRAM = 65507
 FRAGMENTED_MESSAGE = 30_000_000  # Bytes; ENet itself would take up to 32 MiB.
+AHEAD = 1.1  # A sender of messages aims at so many times its rate.
+PATIENCE = 60.0  # Seconds.
 
 
 def _sockets(count):
@@ -50,7 +52,7 @@ def _recorded(path):
 
 def noise(host, count, rate, seed, path):
     """Random datagrams, and recorded ones with damages, half each."""
-    generator = random.Random(int(seed))
+    generator = random.Random(f"{seed} {count}")  # When the rest is sent once more: other ones.
     recorded = _recorded(path)
 
     def make(number):
@@ -92,18 +94,16 @@ def forged(host, count, rate, state):
 
 def connects(host, count, rate, ports):
     """Asks for connections from many ports and answers nothing."""
-    generator = random.Random(1)
+    generator = random.Random(int(count))
     _flood(_sockets(int(ports)),
            lambda _: connect_datagram(generator.getrandbits(32), 0x80000001),
            (host, SERVER_PORT), rate, count)
 
 
-def lengths(host, count, rate):
-    """Empty and longest datagrams, to both ports in turn."""
+def lengths(host, count, rate, port):
+    """Empty and longest datagrams."""
     longest = bytes(LONGEST_DATAGRAM)
-    for port in (SERVER_PORT, DISCOVERY_PORT):
-        _flood(_sockets(2), lambda i: b"" if i % 2 else longest, (host, port), rate,
-               int(count) // 2)
+    _flood(_sockets(2), lambda i: b"" if i % 2 else longest, (host, int(port)), rate, count)
 
 
 def discovery(host, count, rate):
@@ -135,8 +135,10 @@ def peers(host, count, data):
                 peer.disconnect()
 
 
-def control(host, rate, seconds, kind):
-    """One connected client that sends control messages without end and hears nothing."""
+def control(host, rate, kind):
+    """One connected client that sends control messages until a line of input comes, and hears
+    nothing. It then goes on until it has sent so many a second on the average, or lost patience;
+    another line lets it say good-bye."""
     (peer,) = connect_peers((host, SERVER_PORT), 1, 0x80000001)
     say("ready")
     request = b"\1\0\0\0" + bytes(4) + b"\1\0\0\0" + bytes(4) + b"flood\0"
@@ -145,14 +147,20 @@ def control(host, rate, seconds, kind):
                 "empty": lambda: peer.unsequenced_command(b""),
                 "packed": lambda: b"".join(peer.unsequenced_command(b"") for _ in range(400)),
                 "fragments": lambda: peer.fragment(sent, FRAGMENTED_MESSAGE)}[kind]
-    sent, start = 0, time.monotonic()
-    while (passed := time.monotonic() - start) < float(seconds):
-        while sent < passed * float(rate):
-            peer.send(commands())
+    rate, ends = float(rate), False
+    sent, passed, start, next_one = 0, 0.0, time.monotonic(), None
+    while not ends or sent < passed * rate and passed < PATIENCE:
+        while sent < passed * rate * AHEAD:
+            next_one = next_one or commands()
+            if not peer.send(next_one):  # No room just now.
+                break
+            next_one = None
             sent += 1
         peer.service()
         time.sleep(0.001)
-    say(f"sent {sent} in {passed:.1f} s")
+        ends = ends or _input_waits() and bool(sys.stdin.readline())
+        passed = time.monotonic() - start
+    say(f"sent {sent} in {passed:.3f} s")
     while not _input_waits():
         peer.service()
         time.sleep(0.005)
@@ -179,6 +187,11 @@ class Attacker(Process):
         """Waits for the end of a flood and returns its line."""
         line = self.out.wait_for(re.compile("^sent "), timeout=timeout)
         return self.out.all()[line]
+
+    def stop_sending(self):
+        """Lets a sender of messages come to its end; returns its line."""
+        self.leave()
+        return self.wait_sent()
 
     def leave(self):
         """Lets connected peers say good-bye."""

@@ -78,13 +78,15 @@ class HandMadePeer:
         self.socket.send(self.sent[0])
 
     def send(self, commands):
+        """False when there was no room for it."""
         header = struct.pack("!HH", self.peer_id | self.session << 12 | SENT_TIME_FLAG, _now())
         try:
             self.socket.send(header + commands)
             if len(self.sent) < KEPT_DATAGRAMS:
                 self.sent.append(header + commands)
         except (BlockingIOError, ConnectionRefusedError):
-            pass
+            return False
+        return True
 
     def service(self):
         while True:
