@@ -4,8 +4,13 @@ A callback may wait for 1 ms at the end of each of its passes, and it may work. 
 that was done to it: the machine stood still, another program had the processor, a wait came back
 late, ENet's service call began its wait anew because a datagram had come, or the same calls of the
 kernel and of the encoder took more than twice their mean.
+
+ENet waits anew only while its clock, in whole milliseconds, has not moved on since the service call
+began. What it asks for by that, all its waits of a pass together, is always less than 2 ms. When
+the waits asked for more, something else than ENet's repetition did, and none of it is excused.
 """
 
+from results import milliseconds
 from session import BLOCK_PERIOD_S
 
 LIMIT_NS = BLOCK_PERIOD_S * 1e9 / 2
@@ -20,6 +25,11 @@ STALL, QUEUED, LATE_WAKE_UP = "machine stood still", "no processor", "late wake-
 WAITED_AGAIN, SLOW_CALLS, OURS = "waited again", "slow calls", "ours"
 
 
+TIMES = ("wall", "processor", "queued", "waited", "intended", "poll_processor", "poll_queued",
+         "sending", "receiving", "encoding")
+NUMBERS = ("sends", "receives", "encodes", "passes")
+
+
 def work(call):
     """What it worked, and slept elsewhere than in poll."""
     processor = call["processor"] - call["poll_processor"]
@@ -29,6 +39,12 @@ def work(call):
 
 def first_waits(call):
     return min(call["intended"], call["passes"] * WAIT_NS)
+
+
+def waits_anew(call):
+    """What ENet waited for again."""
+    more = call["intended"] - first_waits(call)
+    return more if more < call["passes"] * WAIT_NS else 0
 
 
 def excess_of_calls(call):
@@ -42,10 +58,14 @@ def excess_of_calls(call):
     return excess
 
 
+def time_stood_still(call, stalls):
+    return stalls.time((call["first_cpu"], call["last_cpu"]), call["entry"],
+                       call["entry"] + call["wall"])
+
+
 def explain(call, stalls):
-    stood_still = stalls.time((call["first_cpu"], call["last_cpu"]), call["entry"],
-                              call["entry"] + call["wall"])
-    own = work(call) + first_waits(call)
+    stood_still = time_stood_still(call, stalls)
+    own = work(call) + call["intended"] - waits_anew(call)
     if own > LIMIT_NS:
         # The processor's clock runs on while the machine stands still.
         own -= min(stood_still, work(call))
@@ -53,10 +73,14 @@ def explain(call, stalls):
             return STALL
         return SLOW_CALLS if own - excess_of_calls(call) <= LIMIT_NS else OURS
     causes = {STALL: stood_still, QUEUED: call["queued"],
-              WAITED_AGAIN: call["intended"] - first_waits(call),
+              WAITED_AGAIN: waits_anew(call),
               LATE_WAKE_UP: call["waited"] - call["intended"] - call["poll_queued"] - stood_still}
     return max(causes, key=causes.get)
 
 
-def ours(causes):
-    return sum(cause == OURS for cause in causes)
+def described(call, stalls, start_ns):
+    """All that a cause is judged by, as columns of a row: times in ms, the entry since a start."""
+    return {"entry_ms": milliseconds(call["entry"] - start_ns),
+            **{name: milliseconds(call[name]) for name in TIMES},
+            "stood_still": milliseconds(time_stood_still(call, stalls)),
+            **{name: call[name] for name in NUMBERS}, "cause": explain(call, stalls)}

@@ -86,6 +86,14 @@ class LongCallback(unittest.TestCase):
     def test_wait_that_began_anew(self):
         self.assertEqual(explain(call(4.3, 0.5, waited=3.8, intended=3.7), stalls()), WAITED_AGAIN)
 
+    def test_wait_that_was_meant_to_be_longer_is_ours(self):
+        self.assertEqual(explain(call(5.5, 0.5, waited=5, intended=5, passes=1), stalls()), OURS)
+        self.assertEqual(explain(call(4.5, 0.5, waited=4, intended=4), stalls()), OURS)
+
+    def test_longer_wait_is_ours_beside_what_the_machine_did(self):
+        self.assertEqual(explain(call(12.5, 0.5, waited=12, intended=10), stalls((1001, 1003))),
+                         OURS)
+
 
 class StallsSeen(unittest.TestCase):
     def test_spans_that_only_come_near_have_no_time_in_common(self):
