@@ -45,8 +45,16 @@ def share_of(path, program):
     return next((name for name, pattern in SHARES if re.search(pattern, path)), "other")
 
 
+def counts_of(program, which):
+    """{share: instructions} of one processBuffer call, "raw" or "compressed", with ten clients.
+
+    `program` is instruction_count.
+    """
+    sums = callgrind(program, [which, str(CALLS)], PROCESS_BUFFER)
+    return {name: value / CALLS for name, value in sums.items()}
+
+
 def stream_rows(build):
     """(call, {share: instructions of one call}) of processBuffer with ten clients."""
     for which in ("raw", "compressed"):
-        sums = callgrind(build / "instruction_count", [which, str(CALLS)], PROCESS_BUFFER)
-        yield which, {name: value / CALLS for name, value in sums.items()}
+        yield which, counts_of(build / "instruction_count", which)

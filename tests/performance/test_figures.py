@@ -1,4 +1,4 @@
-"""The tools that judge and show the figures: causes of long callbacks, resumable rows, the page."""
+"""The tools that judge and show the figures: causes of long callbacks, counts, rows, the page."""
 
 import importlib.machinery
 import importlib.util
@@ -9,11 +9,13 @@ import xml.dom.minidom
 from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
-sys.path[:0] = [str(ROOT / "bench"), str(ROOT / "docs")]
+sys.path[:0] = [str(ROOT / "bench"), str(ROOT / "docs"), str(ROOT / "tests" / "performance")]
 sys.dont_write_bytecode = True
 
+import instruction_guard  # noqa: E402
 from callbacks import (LATE_WAKE_UP, OURS, QUEUED, SLOW_CALLS, STALL,  # noqa: E402
                        WAITED_AGAIN, explain)
+from profile_counts import read  # noqa: E402
 from results import Results, histogram, percentile  # noqa: E402
 from svg_chart import Chart  # noqa: E402
 from watch import Stalls, StallWatch  # noqa: E402
@@ -93,6 +95,27 @@ class LongCallback(unittest.TestCase):
     def test_longer_wait_is_ours_beside_what_the_machine_did(self):
         self.assertEqual(explain(call(12.5, 0.5, waited=12, intended=10), stalls((1001, 1003))),
                          OURS)
+
+
+class InstructionGuard(unittest.TestCase):
+    def test_counts_within_the_slack_are_right(self):
+        for now in (900, 1000, 1100):
+            self.assertEqual(instruction_guard.complaint(now, 1000), "")
+
+    def test_count_above_the_slack(self):
+        self.assertIn("more expensive", instruction_guard.complaint(1101, 1000))
+
+    def test_count_that_fell_by_more_than_the_slack(self):
+        self.assertIn("fell", instruction_guard.complaint(899, 1000))
+
+    def test_function_that_was_not_found(self):
+        self.assertIn("nothing", instruction_guard.complaint(0, 1000))
+
+    def test_shares_are_summed_without_what_a_callee_cost(self):
+        text = ("ob=/x/program\nfn=processBuffer(char*, int, bool) [clone .cold]\n10 5\n"
+                "cob=/lib/libenet.so.7\ncfn=enet_host_flush\ncalls=1 3\n11 70\n"
+                "ob=/lib/libenet.so.7\nfn=enet_host_flush\n3 70\n")
+        self.assertEqual(read(text, "/y/program"), {"ours": 5, "ENet": 70})
 
 
 class StallsSeen(unittest.TestCase):
