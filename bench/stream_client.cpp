@@ -5,6 +5,8 @@
 // sequence number, nanoseconds from the entry of the callback that sent it to its arrival here,
 // the time of arrival (CLOCK_MONOTONIC, nanoseconds), and nanoseconds from the beginning of its
 // encoding to its arrival (for raw sound the same as from the entry).
+//
+// Environment: BENCH_CLIENT_MTU  bytes of a datagram that the client asks for (default: ENet's own)
 
 #include <cstdio>
 #include <cstdlib>
