@@ -23,6 +23,14 @@ from watch import Stalls, StallWatch  # noqa: E402
 MS = 1000000
 
 
+def script(folder, name):
+    """The module of a script whose name has no ending."""
+    loader = importlib.machinery.SourceFileLoader(name, str(ROOT / folder / name))
+    module = importlib.util.module_from_spec(importlib.util.spec_from_loader(name, loader))
+    loader.exec_module(module)
+    return module
+
+
 def call(wall, processor, queued=0, waited=0, intended=None, sending=0, encoding=0, **other):
     """A callback of two passes on processor 0 with ten sends and an encoding, times in ms."""
     times = {"wall": wall, "processor": processor, "queued": queued, "waited": waited,
@@ -118,6 +126,32 @@ class InstructionGuard(unittest.TestCase):
         self.assertEqual(read(text, "/y/program"), {"ours": 5, "ENet": 70})
 
 
+class RealPath(unittest.TestCase):
+    SHORT, LONG = (1000, 1005), (1000, 1600)
+
+    def is_fault(self, kind, at_ms, reliable=True, *spans):
+        return script("bench", "real_path").is_fault(kind, at_ms * MS, reliable, stalls(*spans))
+
+    def test_number_that_came_again_is_never_excused(self):
+        self.assertTrue(self.is_fault("back", 1100, True, self.LONG))
+
+    def test_gap_of_a_reliable_client(self):
+        self.assertTrue(self.is_fault("gap", 1100, True))
+        self.assertTrue(self.is_fault("gap", 1100, True, self.SHORT))
+
+    def test_gap_of_a_reliable_client_whose_queue_filled_in_a_stall(self):
+        self.assertFalse(self.is_fault("gap", 2000, True, self.LONG))
+        self.assertTrue(self.is_fault("gap", 4000, True, self.LONG))
+
+    def test_gap_of_a_best_effort_client(self):
+        self.assertFalse(self.is_fault("gap", 1100, False))
+
+    def test_broken_tone_within_a_second_of_a_stall(self):
+        self.assertFalse(self.is_fault("glitch", 1900, True, self.SHORT))
+        self.assertTrue(self.is_fault("glitch", 2100, True, self.SHORT))
+        self.assertTrue(self.is_fault("silence", 1100, True))
+
+
 class StallsSeen(unittest.TestCase):
     def test_spans_that_only_come_near_have_no_time_in_common(self):
         seen = stalls((10, 20), (30, 40))
@@ -177,19 +211,12 @@ class Rows(unittest.TestCase):
 
 
 class Page(unittest.TestCase):
-    @staticmethod
-    def plots():
-        loader = importlib.machinery.SourceFileLoader("plots", str(ROOT / "docs" / "plots"))
-        module = importlib.util.module_from_spec(importlib.util.spec_from_loader("plots", loader))
-        loader.exec_module(module)
-        return module
-
     def test_page_and_pictures_are_those_of_the_files(self):
-        for path, text in self.plots().outputs().items():
+        for path, text in script("docs", "plots").outputs().items():
             self.assertEqual(path.read_text("utf-8"), text, f"{path.name}: run docs/plots")
 
     def test_every_table_has_its_place(self):
-        plots = self.plots()
+        plots = script("docs", "plots")
         page = plots.PAGE.read_text("utf-8")
         missing = [name for name in plots.TABLES if f"<!-- table: {name} -->" not in page]
         self.assertEqual(missing, [])
