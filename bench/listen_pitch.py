@@ -10,7 +10,7 @@ shifts the phase, does not matter. Comma-separated values, one line a stream:
   frequency_hz    measured
   cents           the error
   correction_ppm  what the client said at the end
-The shape to expect: a few hundredths of a cent, for all clocks here are the same one; a correction
+The shape to expect: a fraction of a cent, for all clocks here are the same one; a correction
 never exceeds 0.87 cents. Status 1 when an error is one cent or more.
 
     python3 bench/listen_pitch.py [--build DIR] [--seconds 240] [--csv FILE]

@@ -10,7 +10,7 @@
 //   window_tick/address     the tenth tick, which looks for this machine's address
 //   status_report/window    SetClientStatus from a worker thread until the main thread, otherwise
 //                           idle in its event loop, has shown it
-// Expected shape: nanoseconds for what the callback does itself; tens of microseconds where it
+// Expected shape: nanoseconds for what the callback does itself; a hundred microseconds where it
 // has to wait for the main thread, which happens when somebody comes, goes or changes its choice.
 
 #include <atomic>

@@ -5,7 +5,7 @@ runs in a network namespace of its own, under ctest (which gives the paths of th
 VELANTRIX_SERVER, VELANTRIX_LISTEN and VELANTRIX_FAKES) or by hand:
 
     VELANTRIX_SERVER=build/VelantrixServer VELANTRIX_LISTEN=build/velantrix-listen \\
-    VELANTRIX_FAKES=build python3 tests/system/test_start.py -v Class.test_name
+    VELANTRIX_FAKES=build/tests/fakes python3 tests/system/test_start.py -v Class.test_name
 """
 
 import functools

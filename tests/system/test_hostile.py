@@ -75,7 +75,8 @@ class HostileNetwork(unittest.TestCase):
 
     # What the server allocates; of a sanitizer's memory the greatest part is its own, of any kind.
     judged_memory = "VmRSS" if has_sanitizer() else "RssAnon"
-    thinned_share = 0.05
+    # Of the packets that a client with ENet's own thinning may miss: up to 13 % on a busy machine.
+    thinned_share = 0.2
 
     @classmethod
     def setUpClass(cls):
