@@ -75,8 +75,7 @@ class HostileNetwork(unittest.TestCase):
 
     # What the server allocates; of a sanitizer's memory the greatest part is its own, of any kind.
     judged_memory = "VmRSS" if has_sanitizer() else "RssAnon"
-    # Of the packets that a client with ENet's own thinning may miss: up to 13 % on a busy machine.
-    thinned_share = 0.2
+    thinned_share = 0.05
 
     @classmethod
     def setUpClass(cls):
