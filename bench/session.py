@@ -32,6 +32,12 @@ ALL_CHOICES = [(code, reliable) for code in (0, 5, 1, 2, 3) for reliable in (Tru
 RATE_CODES = {"raw": 0, "20": 5, "64": 1, "128": 2, "256": 3}
 
 
+def choices(rate, mode, clients):
+    """(rate code, reliable) of so many clients; "four" are the compressed rates in turn."""
+    codes = [code for code in RATE_CODES.values() if code] if rate == "four" else [RATE_CODES[rate]]
+    return [(codes[i % len(codes)], mode == "reliable") for i in range(clients)]
+
+
 def enter_private_network():
     """Runs this script again inside a new network namespace with only a loopback device."""
     if os.environ.get("VX_BENCH_NAMESPACE") == "1":
