@@ -6,9 +6,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "app/VelantrixServerNoGUI.h"
-#include "app/console.h"
-#include "app/start_values.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/console.h"
+#include "app/base/start_values.h"
 
 namespace {
 

@@ -8,7 +8,7 @@
 #include <QString>
 #include <QtGlobal>
 
-#include "app/console.h"
+#include "app/base/console.h"
 
 namespace {
 

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/start_values.h"  // IWYU pragma: export
+#include "app/base/start_values.h"  // IWYU pragma: export
 
 /// What the argument scan found, apart from the process-wide values of start_values.h.
 struct ArgumentScan {

@@ -2,8 +2,8 @@
 
 #include <atomic>
 
-#include "app/Thread.h"
-#include "stream/report_target.h"
+#include "app/base/Thread.h"
+#include "app/base/core_pin.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 #include <QApplication>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/console.h"
+#include "app/base/main_loop.h"
+#include "app/base/out_of_memory.h"
 #include "app/command_line.h"
-#include "app/console.h"
 #include "app/core_life.h"
-#include "app/main_loop.h"
-#include "app/out_of_memory.h"
 #include "gui/VelantrixServer.h"
 
 namespace {

@@ -8,8 +8,8 @@
 #include <mutex>
 #include <unistd.h>
 
-#include "app/console.h"
-#include "app/start_values.h"
+#include "app/base/console.h"
+#include "app/base/start_values.h"
 #include "stream/wire_format.h"
 
 PaStream* Audio::stream = nullptr;

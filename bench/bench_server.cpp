@@ -6,12 +6,12 @@
 
 #include <enet/enet.h>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/core_pin.h"
 #include "stream/client_table.h"
 #include "stream/enet_mtu.h"
 #include "stream/network_host.h"
 #include "stream/opus_bank.h"
-#include "stream/report_target.h"
 #include "stream/service_step.h"
 
 namespace {

@@ -25,7 +25,7 @@
 #include <QTemporaryDir>
 #include <benchmark/benchmark.h>
 
-#include "app/console.h"
+#include "app/base/console.h"
 #include "bench/benchmark_table.h"
 #include "gui/VelantrixServer.h"
 

@@ -9,8 +9,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "app/Thread.h"
-#include "app/console.h"
+#include "app/base/Thread.h"
+#include "app/base/console.h"
 #include "discovery/query.h"
 #include "stream/wire_format.h"
 

@@ -5,8 +5,8 @@
 #include <string>
 #include <unistd.h>
 
-#include "app/Thread.h"
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/Thread.h"
+#include "app/base/VelantrixServerNoGUI.h"
 #include "app/core_life.h"
 #include "gui/VelantrixServer.h"
 #include "update/web_address.h"

@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/console.h"
+#include "app/base/console.h"
+#include "app/base/core_pin.h"
 #include "stream/enet_mtu.h"
-#include "stream/report_target.h"
 #include "stream/wire_format.h"
 
 std::array<ClientSlot, CLIENT_SLOTS> clientConn{};

@@ -7,17 +7,17 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/Thread.h"
-#include "app/console.h"
-#include "app/process_exit.h"
-#include "app/start_values.h"
+#include "app/base/Thread.h"
+#include "app/base/console.h"
+#include "app/base/core_pin.h"
+#include "app/base/process_exit.h"
+#include "app/base/start_values.h"
 #include "audio/Audio.h"
 #include "stream/client_table.h"
 #include "stream/datagram_limit.h"
 #include "stream/enet_mtu.h"
 #include "stream/event_backlog.h"
 #include "stream/opus_bank.h"
-#include "stream/report_target.h"
 #include "stream/wire_format.h"
 
 ENetHost* server = nullptr;

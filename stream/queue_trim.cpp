@@ -5,7 +5,7 @@
 
 #include <enet/enet.h>
 
-#include "app/console.h"
+#include "app/base/console.h"
 #include "stream/enet_unsent.h"
 
 namespace {

@@ -6,13 +6,13 @@
 #include <enet/enet.h>
 #include <opus/opus.h>
 
+#include "app/base/core_pin.h"
 #include "audio/Audio.h"
 #include "stream/client_table.h"
 #include "stream/enet_clock.h"
 #include "stream/network_host.h"
 #include "stream/opus_bank.h"
 #include "stream/queue_trim.h"
-#include "stream/report_target.h"
 #include "stream/service_step.h"
 #include "stream/wire_format.h"
 

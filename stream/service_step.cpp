@@ -2,7 +2,7 @@
 
 #include <enet/enet.h>
 
-#include "app/console.h"
+#include "app/base/console.h"
 #include "stream/client_table.h"
 #include "stream/event_backlog.h"
 #include "stream/network_host.h"

@@ -9,7 +9,7 @@
 #include <string>
 #include <string_view>
 
-#include "app/console.h"
+#include "app/base/console.h"
 #include "app/core_life.h"
 #include "gui/Settings.h"
 #include "update/curl_functions.h"

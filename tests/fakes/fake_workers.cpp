@@ -4,12 +4,12 @@
 #include <mutex>
 #include <unistd.h>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/core_pin.h"
 #include "audio/Audio.h"
 #include "discovery/multi_host.h"
 #include "gui/Settings.h"
 #include "stream/network_host.h"
-#include "stream/report_target.h"
 #include "update/WebIf.h"
 
 ENetHost* server = nullptr;

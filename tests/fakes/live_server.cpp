@@ -6,12 +6,12 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
+#include "app/base/core_pin.h"
 #include "audio/Audio.h"
 #include "stream/client_table.h"
 #include "stream/enet_mtu.h"
 #include "stream/network_host.h"
 #include "stream/opus_bank.h"
-#include "stream/report_target.h"
 #include "stream/send_path.h"
 #include "stream/service_step.h"
 #include "tests/fakes/call_faults.h"

@@ -9,7 +9,7 @@
 
 #include <gtest/gtest.h>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
 #include "tests/fakes/test_client.h"
 
 /// One call of SetClientStatus.

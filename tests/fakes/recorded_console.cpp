@@ -3,7 +3,7 @@
 #include <cstdarg>
 #include <cstdio>
 
-#include "app/console.h"
+#include "app/base/console.h"
 
 std::vector<std::string>& recordedConsole() {
     static std::vector<std::string> lines;

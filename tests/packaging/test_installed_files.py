@@ -80,7 +80,7 @@ class InstalledFiles(unittest.TestCase):
         root = ElementTree.parse(info).getroot()
         entry = root.find("launchable").text
         self.assertTrue((self.usr / "share/applications" / entry).exists())
-        banner = (SOURCE / "app/VelantrixServerNoGUI.h").read_text()
+        banner = (SOURCE / "app/base/VelantrixServerNoGUI.h").read_text()
         version = re.search(r'VELANTRIX_VERSION "(.*)"', banner).group(1)
         self.assertEqual(root.find("releases/release").get("version"), version)
 

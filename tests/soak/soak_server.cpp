@@ -9,9 +9,9 @@
 
 #include <QCoreApplication>
 
+#include "app/base/console.h"
+#include "app/base/main_loop.h"
 #include "app/command_line.h"
-#include "app/console.h"
-#include "app/main_loop.h"
 #include "bench/capture_table.h"
 #include "stream/client_table.h"
 #include "stream/send_path.h"

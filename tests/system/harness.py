@@ -36,7 +36,7 @@ END_PATIENCE = 30.0
 CAPTURE_RUNNING = "VelantrixServer: Audio capture running"
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 VERSION = re.search(r'VELANTRIX_VERSION "(.*)"',
-                    (SOURCE / "app/VelantrixServerNoGUI.h").read_text())[1]
+                    (SOURCE / "app/base/VelantrixServerNoGUI.h").read_text())[1]
 BANNER = f"Velantrix Server v{VERSION}"
 
 

@@ -9,9 +9,9 @@
 
 #include <gtest/gtest.h>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/console.h"
 #include "app/command_line.h"
-#include "app/console.h"
 #include "tests/fakes/net_namespace.h"
 #include "tests/fakes/transcript.h"
 

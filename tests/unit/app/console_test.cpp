@@ -1,4 +1,4 @@
-#include "app/console.h"
+#include "app/base/console.h"
 
 #include <array>
 #include <cerrno>
@@ -12,7 +12,7 @@
 
 #include <gtest/gtest.h>
 
-#include "app/Thread.h"
+#include "app/base/Thread.h"
 #include "tests/fakes/child_run.h"
 
 namespace {

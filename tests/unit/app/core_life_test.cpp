@@ -7,9 +7,9 @@
 
 #include <gtest/gtest.h>
 
-#include "app/Thread.h"
-#include "app/VelantrixServerNoGUI.h"
-#include "stream/report_target.h"
+#include "app/base/Thread.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/core_pin.h"
 #include "tests/fakes/child_run.h"
 #include "tests/fakes/fake_workers.h"
 

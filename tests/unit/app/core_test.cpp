@@ -10,8 +10,8 @@
 
 #include <gtest/gtest.h>
 
-#include "app/Thread.h"
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/Thread.h"
+#include "app/base/VelantrixServerNoGUI.h"
 #include "tests/fakes/call_faults.h"
 #include "tests/fakes/child_run.h"
 #include "tests/fakes/fake_workers.h"

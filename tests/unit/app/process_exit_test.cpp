@@ -1,4 +1,4 @@
-#include "app/process_exit.h"
+#include "app/base/process_exit.h"
 
 #include <atomic>
 #include <csignal>
@@ -11,10 +11,10 @@
 #include <QTimer>
 #include <gtest/gtest.h>
 
-#include "app/Thread.h"
+#include "app/base/Thread.h"
+#include "app/base/console.h"
+#include "app/base/main_loop.h"
 #include "app/command_line.h"
-#include "app/console.h"
-#include "app/main_loop.h"
 #include "tests/fakes/child_run.h"
 
 namespace {

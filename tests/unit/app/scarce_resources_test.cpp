@@ -9,9 +9,9 @@
 
 #include <gtest/gtest.h>
 
-#include "app/console.h"
-#include "app/main_loop.h"
-#include "app/out_of_memory.h"
+#include "app/base/console.h"
+#include "app/base/main_loop.h"
+#include "app/base/out_of_memory.h"
 #include "tests/fakes/call_faults.h"
 #include "tests/fakes/child_run.h"
 

@@ -1,4 +1,4 @@
-#include "app/Thread.h"
+#include "app/base/Thread.h"
 
 #include <atomic>
 #include <cerrno>
@@ -10,7 +10,7 @@
 
 #include <gtest/gtest.h>
 
-#include "app/ThreadMember.h"
+#include "app/base/ThreadMember.h"
 #include "tests/fakes/call_faults.h"
 #include "tests/fakes/child_run.h"
 

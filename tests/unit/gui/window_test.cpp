@@ -7,7 +7,7 @@
 #include <QLineEdit>
 #include <QTimer>
 
-#include "app/start_values.h"
+#include "app/base/start_values.h"
 #include "audio/Audio.h"
 #include "gui/VelantrixServer.h"
 #include "gui_test.h"

@@ -2,11 +2,11 @@
 #include <cstring>
 #include <mutex>
 
-#include "app/console.h"
+#include "app/base/console.h"
+#include "app/base/core_pin.h"
 #include "audio/Audio.h"
 #include "stream/client_table.h"
 #include "stream/network_host.h"
-#include "stream/report_target.h"
 #include "stream/send_path.h"
 #include "tests/fakes/callback_watch.h"
 #include "tests/fakes/fake_portaudio.h"

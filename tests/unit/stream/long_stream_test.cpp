@@ -14,7 +14,7 @@
 #include <enet/enet.h>
 #include <gtest/gtest.h>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
 #include "stream/client_table.h"
 #include "stream/network_host.h"
 #include "stream/wire_format.h"

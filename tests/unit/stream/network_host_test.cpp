@@ -8,13 +8,13 @@
 
 #include <gtest/gtest.h>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/core_pin.h"
 #include "app/command_line.h"
 #include "audio/Audio.h"
 #include "stream/client_table.h"
 #include "stream/enet_mtu.h"
 #include "stream/opus_bank.h"
-#include "stream/report_target.h"
 #include "tests/fakes/call_faults.h"
 #include "tests/fakes/child_run.h"
 #include "tests/fakes/fake_portaudio.h"

@@ -8,9 +8,9 @@
 #include <thread>
 #include <vector>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/out_of_memory.h"
 #include "app/core_life.h"
-#include "app/out_of_memory.h"
 #include "web_if_fixture.h"
 
 struct CoreTestAccess {

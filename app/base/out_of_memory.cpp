@@ -1,4 +1,4 @@
-#include "app/out_of_memory.h"
+#include "app/base/out_of_memory.h"
 
 #include <cstdlib>
 #include <exception>

@@ -1,4 +1,4 @@
-#include "app/main_loop.h"
+#include "app/base/main_loop.h"
 
 #include <atomic>
 #include <cerrno>

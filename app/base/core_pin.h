@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "app/VelantrixServerNoGUI.h"  // IWYU pragma: export
+#include "app/base/VelantrixServerNoGUI.h"  // IWYU pragma: export
 #include "app/core_life.h"
 
 /// The core object that receives the streaming side's reports; borrowed. Set by enetHost, pointed

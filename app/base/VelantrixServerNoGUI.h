@@ -2,7 +2,7 @@
 
 #include <atomic>
 
-#include "app/ThreadMember.h"
+#include "app/base/ThreadMember.h"
 
 /// The version of this program: what the banner names and the version check compares.
 #define VELANTRIX_VERSION "3.1"

@@ -1,14 +1,14 @@
-#include "app/process_exit.h"
+#include "app/base/process_exit.h"
 
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "app/Thread.h"
-#include "app/console.h"
-#include "app/main_loop.h"
-#include "app/start_values.h"
+#include "app/base/Thread.h"
+#include "app/base/console.h"
+#include "app/base/main_loop.h"
+#include "app/base/start_values.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "app/Thread.h"
+#include "app/base/Thread.h"
 
 #include <cerrno>
 #include <sched.h>

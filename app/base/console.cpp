@@ -1,4 +1,4 @@
-#include "app/console.h"
+#include "app/base/console.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "app/Thread.h"
+#include "app/base/Thread.h"
 
 /// What a thread is to call: a member function without arguments on an object that it borrows.
 template <class T>
