@@ -1,7 +1,7 @@
-#include "app/base/VelantrixServerNoGUI.h"
 
 #include "app/base/Thread.h"
 #include "app/base/console.h"
+#include "app/base/core_pin.h"
 #include "app/base/process_exit.h"
 #include "app/core_life.h"
 #include "audio/Audio.h"

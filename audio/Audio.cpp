@@ -18,12 +18,6 @@ char* Audio::_CaptureBufferComp = nullptr;
 std::int32_t Audio::_CaptureBufferSizeComp = 0;
 std::int32_t Audio::_CurrentCaptureIndexComp = wire::HEADER_LENGTH;
 
-std::atomic<bool> vxOptionAltRate{false};
-
-bool getVxOptionAltRate() {
-    return vxOptionAltRate.load(std::memory_order_relaxed);
-}
-
 namespace {
 
 constexpr int RATE_48K = 48000;

@@ -37,11 +37,3 @@ class Audio {
     static std::int32_t _CaptureBufferSizeComp;    ///< Bytes in _CaptureBufferComp.
     static std::int32_t _CurrentCaptureIndexComp;  ///< Next free byte in _CaptureBufferComp.
 };
-
-/// True while the capture runs at 48000 Hz. Written by the network thread through Audio::Open
-/// before the stream starts, read by the capture thread and the window.
-extern std::atomic<bool> vxOptionAltRate;
-
-/// True when the capture runs at 48000 Hz, false at 44100 Hz and without a capture. Thread: any.
-/// Realtime-safe: yes.
-bool getVxOptionAltRate();

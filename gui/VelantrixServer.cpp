@@ -12,8 +12,8 @@
 #include <QPixmap>
 
 #include "app/core_life.h"
-#include "audio/Audio.h"
 #include "gui/text_fit.h"
+#include "stream/capture_rate.h"
 
 namespace {
 

@@ -6,8 +6,7 @@
 #include <unistd.h>
 
 #include "app/base/Thread.h"
-#include "app/base/VelantrixServerNoGUI.h"
-#include "app/core_life.h"
+#include "app/base/core_pin.h"
 #include "gui/VelantrixServer.h"
 #include "update/web_address.h"
 

@@ -13,6 +13,7 @@
 #include "app/base/process_exit.h"
 #include "app/base/start_values.h"
 #include "audio/Audio.h"
+#include "stream/capture_rate.h"
 #include "stream/client_table.h"
 #include "stream/datagram_limit.h"
 #include "stream/enet_mtu.h"
@@ -21,7 +22,6 @@
 #include "stream/wire_format.h"
 
 ENetHost* server = nullptr;
-std::atomic<VelantrixServerNoGUI*> mainDialog{nullptr};
 
 namespace {
 

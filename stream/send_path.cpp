@@ -7,7 +7,7 @@
 #include <opus/opus.h>
 
 #include "app/base/core_pin.h"
-#include "audio/Audio.h"
+#include "stream/capture_rate.h"
 #include "stream/client_table.h"
 #include "stream/enet_clock.h"
 #include "stream/network_host.h"

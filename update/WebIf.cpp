@@ -10,7 +10,7 @@
 #include <string_view>
 
 #include "app/base/console.h"
-#include "app/core_life.h"
+#include "app/base/core_pin.h"
 #include "gui/Settings.h"
 #include "update/curl_functions.h"
 #include "update/version_page.h"

@@ -1,10 +1,9 @@
 #include <new>
 
 #include "app/base/Thread.h"
-#include "app/base/VelantrixServerNoGUI.h"
 #include "app/base/console.h"
+#include "app/base/core_pin.h"
 #include "app/base/out_of_memory.h"
-#include "app/core_life.h"
 #include "update/WebIf.h"
 
 namespace {

@@ -13,7 +13,6 @@
 #include "update/WebIf.h"
 
 ENetHost* server = nullptr;
-std::atomic<VelantrixServerNoGUI*> mainDialog{nullptr};
 
 namespace {
 

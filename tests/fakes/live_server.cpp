@@ -7,7 +7,7 @@
 #include <unistd.h>
 
 #include "app/base/core_pin.h"
-#include "audio/Audio.h"
+#include "stream/capture_rate.h"
 #include "stream/client_table.h"
 #include "stream/enet_mtu.h"
 #include "stream/network_host.h"

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "audio/Audio.h"
+#include "stream/capture_rate.h"
 #include "tests/fakes/child_run.h"
 #include "tests/fakes/fake_portaudio.h"
 

@@ -11,7 +11,6 @@
 #include <portaudio.h>
 
 #include "app/base/core_pin.h"
-#include "app/core_life.h"
 #include "gui/VelantrixServer.h"
 #include "gui_test.h"
 

@@ -8,9 +8,9 @@
 #include <QTimer>
 
 #include "app/base/start_values.h"
-#include "audio/Audio.h"
 #include "gui/VelantrixServer.h"
 #include "gui_test.h"
+#include "stream/capture_rate.h"
 
 struct WindowTestAccess {
     static const QTimer& timer(const VelantrixServer& window) { return window.statusTimer; }

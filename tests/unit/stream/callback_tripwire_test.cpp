@@ -5,6 +5,7 @@
 #include "app/base/console.h"
 #include "app/base/core_pin.h"
 #include "audio/Audio.h"
+#include "stream/capture_rate.h"
 #include "stream/client_table.h"
 #include "stream/network_host.h"
 #include "stream/send_path.h"

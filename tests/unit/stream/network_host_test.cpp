@@ -11,7 +11,7 @@
 #include "app/base/VelantrixServerNoGUI.h"
 #include "app/base/core_pin.h"
 #include "app/command_line.h"
-#include "audio/Audio.h"
+#include "stream/capture_rate.h"
 #include "stream/client_table.h"
 #include "stream/enet_mtu.h"
 #include "stream/opus_bank.h"

@@ -4,7 +4,7 @@
 
 #include <opus/opus.h>
 
-#include "audio/Audio.h"
+#include "stream/capture_rate.h"
 #include "stream/client_table.h"
 #include "stream/network_host.h"
 #include "stream/opus_bank.h"

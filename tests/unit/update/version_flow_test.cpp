@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/core_pin.h"
 #include "app/base/out_of_memory.h"
-#include "app/core_life.h"
 #include "web_if_fixture.h"
 
 struct CoreTestAccess {
