@@ -65,7 +65,7 @@ void describe(CLI::App& app, Words& words, Options& options) {
     app.add_flag("--stats", words.stats,
                  "Print figures once a second; --stats=json as JSON objects");
     app.add_flag("--quiet", options.quiet, "Print nothing but errors");
-    app.set_version_flag("--version", "velantrix-listen " VELANTRIX_VERSION);
+    app.set_version_flag("--version", "velantrix-listen " VELANTRIX_LISTEN_VERSION);
 }
 
 /// One sentence about what is wrong, empty when nothing is.

@@ -4,9 +4,6 @@
 
 #include "app/base/ThreadMember.h"
 
-/// The version of this program: what the banner names and the version check compares.
-#define VELANTRIX_VERSION "3.1"
-
 /// The server core: owns the worker threads and is the interface through which the network and
 /// audio code report to whatever front end is present. Used as it is, it prints to standard
 /// output; the main window derives from it and shows the reports instead.

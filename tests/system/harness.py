@@ -35,8 +35,8 @@ DEFAULT_PORT = 59010
 END_PATIENCE = 30.0
 CAPTURE_RUNNING = "VelantrixServer: Audio capture running"
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
-VERSION = re.search(r'VELANTRIX_VERSION "(.*)"',
-                    (SOURCE / "app/base/VelantrixServerNoGUI.h").read_text())[1]
+VERSION = re.search(r"project\(VelantrixServer VERSION (\d+\.\d+)",
+                    (SOURCE / "CMakeLists.txt").read_text())[1]
 BANNER = f"Velantrix Server v{VERSION}"
 
 

@@ -208,7 +208,7 @@ TEST(CoreLife, NetworkThreadThatStartsAfterTheEndKeepsTheEverlastingCore) {
         reportMessage("after the end");
         EXPECT_EQ(frontEndReports, 1);
     });
-    EXPECT_EQ(run.out, "Velantrix Server v3.1\nafter the end\n");
+    EXPECT_EQ(run.out, "Velantrix Server v" VELANTRIX_VERSION "\nafter the end\n");
 }
 
 }  // namespace

@@ -72,7 +72,7 @@ TEST(CoreInit, PrintsTheBannerAndStartsThreeThreads) {
         EXPECT_EQ(countOf(Call::PthreadCreate), 3);
         EXPECT_EQ(fakeWorkers().hostCore.load(), core);
     });
-    EXPECT_EQ(run.out, "Velantrix Server v3.1\n");
+    EXPECT_EQ(run.out, "Velantrix Server v" VELANTRIX_VERSION "\n");
     EXPECT_EQ(run.status, 0);
 }
 
@@ -122,7 +122,7 @@ TEST_P(FailedThreadStart, IsReportedWithItsCode) {
         core->init();
         EXPECT_EQ(countOf(Call::PthreadCreate), 3);
     });
-    EXPECT_EQ(run.out, std::string("Velantrix Server v3.1\n") + failure.line);
+    EXPECT_EQ(run.out, std::string("Velantrix Server v" VELANTRIX_VERSION "\n") + failure.line);
     EXPECT_EQ(run.status, failure.status);
 }
 
@@ -142,7 +142,8 @@ TEST(CoreInit, ThreadThatAlreadyRunsIsReportedAsTen) {
         EXPECT_EQ(CoreTestAccess::startAudioThread(*core), 0);
         core->init();
     });
-    EXPECT_EQ(run.out, "Velantrix Server v3.1\nCould not create audio thread, err = 10\n");
+    EXPECT_EQ(run.out,
+              "Velantrix Server v" VELANTRIX_VERSION "\nCould not create audio thread, err = 10\n");
     EXPECT_EQ(run.status, 255);
 }
 

@@ -49,7 +49,7 @@ using WindowStatus = Window;
 using WindowDeathTest = Window;  // Its statics exist once per process.
 
 TEST_F(Window, BeforeTheFirstTickItKnowsNoSoundAndNoClient) {
-    EXPECT_EQ(window.windowTitle().toStdString(), "Velantrix Server  v3.1    ");
+    EXPECT_EQ(window.windowTitle().toStdString(), "Velantrix Server  v" VELANTRIX_VERSION "    ");
     EXPECT_EQ(status().text(), "Disconnected");
     EXPECT_EQ(sound().text(), "");
     EXPECT_EQ(address().text(), VelantrixServerNoGUI::GetIPAddress());
@@ -65,7 +65,8 @@ TEST_F(Window, AddressIsTheBindAddress) {
 TEST_F(WindowDeathTest, TitleLosesTheVersionAtTheSecondTick) {
     EXPECT_IN_FRESH_PROCESS({
         tick();
-        EXPECT_EQ(window.windowTitle().toStdString(), "Velantrix Server  v3.1    ");
+        EXPECT_EQ(window.windowTitle().toStdString(),
+                  "Velantrix Server  v" VELANTRIX_VERSION "    ");
         tick();
         EXPECT_EQ(window.windowTitle().toStdString(), "Velantrix Server");
         window.setWindowTitle("another");
@@ -134,7 +135,8 @@ TEST_F(Window, TimerIsSetToOneSecond) {
 TEST_F(WindowDeathTest, TimerTicksByItself) {
     EXPECT_IN_FRESH_PROCESS({
         EXPECT_TRUE(spinUntil([this] { return sound().text() == FAILED; }));
-        EXPECT_EQ(window.windowTitle().toStdString(), "Velantrix Server  v3.1    ");
+        EXPECT_EQ(window.windowTitle().toStdString(),
+                  "Velantrix Server  v" VELANTRIX_VERSION "    ");
         EXPECT_TRUE(spinUntil([this] { return window.windowTitle() == "Velantrix Server"; }));
     });
 }
