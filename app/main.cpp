@@ -6,6 +6,7 @@
 #include "app/core_life.h"
 #include "app/main_loop.h"
 #include "app/out_of_memory.h"
+#include "app/process_exit.h"
 #include "gui/VelantrixServer.h"
 
 namespace {
@@ -20,6 +21,8 @@ void leaveCore() {
 
 int runEventLoop() {
     const int result = QApplication::exec();
+    // A sound library that hangs in its start-up may let its exit handlers hang, too.
+    limitExit(finalStatus(result));
     if (getVerbose()) {
         consolePrintf("Exec returned with result %d\n", result);
     }
