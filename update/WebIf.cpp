@@ -88,7 +88,7 @@ CURLcode prepare(CURL* handle, WebIf* receiver) {
 
 /// Performs a prepared transfer, which may take for ever, without holding up the destruction of
 /// the core object. No result when the core went away: then settings and objects that end with
-/// the process may not be touched any more.
+/// the process, libcurl's among them, may not be touched any more.
 std::optional<CURLcode> perform(CURL* handle, CURLcode prepared) {
     if (prepared != CURLE_OK) {
         return prepared;
@@ -158,8 +158,11 @@ int WebIf::checkVersion(const char* currentVersion) {
     }
     Settings::setVersionCheckTime(now);
     // Closed also when memory runs out, which is thrown.
-    const std::unique_ptr<CURL, void (*)(CURL*)> handle(
-        curl_easy_init2(), [](CURL* opened) { curl_easy_cleanup2(opened); });
+    const std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init2(), [](CURL* opened) {
+        if (const CorePin pin; pin) {
+            curl_easy_cleanup2(opened);
+        }
+    });
     if (handle == nullptr) {
         consolePuts("WebIf::checkVersion: curl_easy_init() failed, can't check for new versions");
         return 0;

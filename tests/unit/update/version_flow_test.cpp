@@ -124,11 +124,25 @@ TEST_F(VersionFlow, CoreGoneDuringTheWaitEndsTheThreadQuietly) {
     EXPECT_EQ(events, std::vector<std::string>{"wait"});
 }
 
-// The answer comes once the core has gone, and is not looked at.
+CURL* keptHandle = nullptr;
+decltype(curl_easy_init2) openHandle = nullptr;
+decltype(curl_easy_cleanup2) releaseHandle = nullptr;
+
+/// Has libcurl's handle remembered when it is opened, and only told when it is released.
+void keepHandle() {
+    openHandle = curl_easy_init2;
+    releaseHandle = curl_easy_cleanup2;
+    curl_easy_init2 = [] { return keptHandle = openHandle(); };
+    curl_easy_cleanup2 = [](CURL*) { events.emplace_back("release"); };
+}
+
+// The answer comes once the core has gone, and is not looked at. What libcurl keeps for the whole
+// program may have gone, too.
 TEST_F(VersionFlow, CoreGoneDuringTheFetchEndsTheThreadQuietly) {
     auto core = std::make_unique<VelantrixServerNoGUI>();
     VelantrixServerNoGUI* const raw = core.get();
     shortenWait([] {});
+    keepHandle();
     server.answer({"3.2\n", 200, "", "late"});
     ::testing::internal::CaptureStdout();
     std::thread thread([raw] { CoreTestAccess::runVersionCheckThread(*raw); });
@@ -142,6 +156,7 @@ TEST_F(VersionFlow, CoreGoneDuringTheFetchEndsTheThreadQuietly) {
     EXPECT_EQ(events, std::vector<std::string>{"wait"});
     EXPECT_STREQ(Settings::getVersionCheckResponse(), "");
     EXPECT_EQ(Settings::getVersionCheckTime(), NOW);
+    releaseHandle(keptHandle);
 }
 
 }  // namespace
