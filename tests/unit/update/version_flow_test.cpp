@@ -1,5 +1,6 @@
 // The version check thread of the core, which outlives the core.
 
+#include <atomic>
 #include <chrono>
 #include <exception>
 #include <memory>
@@ -7,6 +8,9 @@
 #include <string>
 #include <thread>
 #include <vector>
+
+#include <QLockFile>
+#include <QSettings>
 
 #include "app/VelantrixServerNoGUI.h"
 #include "app/core_life.h"
@@ -121,6 +125,38 @@ TEST_F(VersionFlow, CoreGoneDuringTheWaitEndsTheThreadQuietly) {
     WatchedCore* const raw = core.get();
     shortenWait([&core] { core.reset(); });
     CoreTestAccess::runVersionCheckThread(*raw);
+    EXPECT_EQ(events, std::vector<std::string>{"wait"});
+}
+
+/// Tells another thread when it is checked.
+class AnnouncingCore : public VelantrixServerNoGUI {
+  public:
+    int checkVersion() override {
+        checking.store(true);
+        return VelantrixServerNoGUI::checkVersion();
+    }
+
+    static std::atomic<bool> checking;
+};
+
+std::atomic<bool> AnnouncingCore::checking{false};
+
+// As with a settings file on a slow disc: storing the time waits for the file's lock.
+TEST_F(VersionFlow, CoreGoneWhileTheTimeIsStoredFetchesNothing) {
+    auto core = std::make_unique<AnnouncingCore>();
+    AnnouncingCore* const raw = core.get();
+    shortenWait([] {});
+    server.answer({"3.2\n"});
+    QLockFile disc(QSettings("Velantrix", "Server").fileName() + ".lock");
+    ASSERT_TRUE(disc.lock());
+    std::thread thread([raw] { CoreTestAccess::runVersionCheckThread(*raw); });
+    while (!AnnouncingCore::checking.load()) {
+        reallySleep(1);
+    }
+    core.reset();
+    disc.unlock();
+    thread.join();
+    EXPECT_TRUE(server.takeRequests().empty());
     EXPECT_EQ(events, std::vector<std::string>{"wait"});
 }
 
