@@ -65,13 +65,11 @@ int getCmdPortNum() {
     return CmdPortNum;
 }
 
-char* getCmdBindAddr() {
-    // The last character is always the terminator: an empty text without writing to the value,
-    // which the main thread may be reading.
-    return bindAddrGivenUp.load(std::memory_order_relaxed) ? &CmdBindAddr[LONGEST_ADDRESS]
-                                                           : CmdBindAddr;
+const char* getCmdBindAddr() {
+    return bindAddrGivenUp.load(std::memory_order_relaxed) ? "" : CmdBindAddr;
 }
 
+// A flag, because the main thread may be reading the text.
 void giveUpCmdBindAddr() {
     bindAddrGivenUp.store(true, std::memory_order_relaxed);
 }
@@ -137,17 +135,16 @@ void readStartEnvironment() {
 }
 
 void choosePlatform(const ArgumentScan& scan) {
-    const bool chosenByUser = scan.platformSeen || !qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM");
     if (scan.platformSeen) {
         if (scan.waylandArg) {
             printWaylandWarning();
         }
-    } else {
-        applySessionRules();
+        return;
     }
-    const bool haveDisplay =
-        !qEnvironmentVariableIsEmpty("DISPLAY") || !qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY");
-    if (scan.nogui && !chosenByUser && !haveDisplay) {
+    applySessionRules();
+    const QString platform = qEnvironmentVariable("QT_QPA_PLATFORM");
+    const bool takesX11 = platform.isEmpty() || platform == QLatin1String("xcb");
+    if (scan.nogui && takesX11 && qEnvironmentVariableIsEmpty("DISPLAY")) {
         qputenv("QT_QPA_PLATFORM", "offscreen");
     }
 }

@@ -19,7 +19,7 @@ ArgumentScan scanArguments(int argc, const char* const* argv);
 void readStartEnvironment();
 
 /// Warns about Wayland sessions and steers the toolkit to X11 where the session is one and
-/// nobody chose a platform. Without a window and without a display it chooses the toolkit's
-/// "offscreen" platform, so that a machine with no display at all can run the server.
+/// nobody chose a platform. Without a window it chooses the toolkit's "offscreen" platform where
+/// X11 would be taken and there is no X11 display, so that the toolkit does not end the process.
 /// May set QT_QPA_PLATFORM. Thread: main, before the application object is built.
 void choosePlatform(const ArgumentScan& scan);

@@ -4,6 +4,7 @@
 #include "app/base/console.h"
 #include "app/base/main_loop.h"
 #include "app/base/out_of_memory.h"
+#include "app/base/process_exit.h"
 #include "app/command_line.h"
 #include "app/core_life.h"
 #include "gui/VelantrixServer.h"
@@ -20,6 +21,8 @@ void leaveCore() {
 
 int runEventLoop() {
     const int result = QApplication::exec();
+    // A sound library that hangs in its start-up may let its exit handlers hang, too.
+    limitExit(finalStatus(result));
     if (getVerbose()) {
         consolePrintf("Exec returned with result %d\n", result);
     }

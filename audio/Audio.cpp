@@ -26,8 +26,7 @@ constexpr int RATE_44K1 = 44100;
 // PortAudio may not be opened and closed at once, which a quit during start-up would do.
 // Never held by the callback.
 std::mutex lifeMutex;
-bool openWasCalled = false;
-bool closedBeforeOpen = false;
+bool closed = false;
 
 /// Sends standard error to "/dev/null" for its lifetime, for the whole process.
 class QuietStandardError {
@@ -167,11 +166,9 @@ PaError openCapture(std::atomic<bool>& isRate48k) {
 int Audio::Open(int /*unused*/, std::atomic<bool>& isRate48k) {
     const std::lock_guard<std::mutex> alone(lifeMutex);
     isRate48k.store(false);
-    if (closedBeforeOpen) {
-        closedBeforeOpen = false;
+    if (closed) {
         return paNotInitialized;
     }
-    openWasCalled = true;
     allocateBuffers();
     const PaError err = openCapture(isRate48k);
     if (err != paNoError) {
@@ -183,8 +180,7 @@ int Audio::Open(int /*unused*/, std::atomic<bool>& isRate48k) {
 
 int Audio::Close() {
     const std::lock_guard<std::mutex> alone(lifeMutex);
-    closedBeforeOpen = !openWasCalled;
-    openWasCalled = false;
+    closed = true;
     const PaError err = Pa_CloseStream(stream);
     Pa_Terminate();
     stream = nullptr;

@@ -60,8 +60,9 @@ int VelantrixServer::checkVersion() {
         return 0;
     }
     const int result = VelantrixServerNoGUI::checkVersion();
-    if (result == 0) {
-        return 0;
+    const CorePin pin;  // What the check wrote may have outlasted the window, on a slow disc.
+    if (result == 0 || !pin) {
+        return result;
     }
     const int answer = showQuestion(
         QMessageBox::Information, "Velantrix Version Notification",

@@ -36,11 +36,11 @@ int Thread::start(void* (*fn)(void*), void* arg) {
     if (handle != 0) {
         return ALREADY_STARTED;
     }
-    pthread_t created = 0;
-    const int error = fn == nullptr ? pthread_create(&created, &attributes, s_Run, this)
-                                    : pthread_create(&created, &attributes, fn, arg);
-    if (error == 0) {
-        handle = created;
+    // Stored before the thread runs, which may ask for it at once.
+    const int error = fn == nullptr ? pthread_create(&handle, &attributes, s_Run, this)
+                                    : pthread_create(&handle, &attributes, fn, arg);
+    if (error != 0) {
+        handle = 0;
     }
     return statusOf(error);
 }

@@ -17,7 +17,8 @@ class Thread {
     Thread(const Thread&) = delete;
     Thread& operator=(const Thread&) = delete;
 
-    /// Starts `fn(arg)` on a new thread, or run() of this object when `fn` is null.
+    /// Starts `fn(arg)` on a new thread, or run() of this object when `fn` is null. The new thread
+    /// may use tid() at once.
     [[nodiscard]] int start(void* (*fn)(void*), void* arg);
 
     /// Waits for the thread to end. The exit value is dropped: `*result` is never written.

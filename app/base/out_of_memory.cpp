@@ -5,16 +5,21 @@
 #include <new>
 #include <unistd.h>
 
+#include "app/base/process_exit.h"
+
 namespace {
 
 constexpr int FATAL_STATUS = 255;
+constexpr unsigned READER_PATIENCE_S = 1;
 
 thread_local bool throwing = false;
+std::terminate_handler otherTermination = nullptr;
 
 // Without memory no exit handler can be trusted to run: only the line and the status are left.
 // Standard error may be turned off at this moment, so it goes where all lines go.
 [[noreturn]] void endProcess() {
     static constexpr char LINE[] = "VelantrixServer: not enough memory. Quitting.\n";
+    limitExit(FATAL_STATUS, READER_PATIENCE_S);
     [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, LINE, sizeof LINE - 1);
     ::_exit(FATAL_STATUS);
 }
@@ -36,6 +41,7 @@ void onNoMemory() {
         } catch (...) {
         }
     }
+    otherTermination();
     std::abort();
 }
 
@@ -43,7 +49,7 @@ void onNoMemory() {
 
 void endWhenOutOfMemory() {
     std::set_new_handler(onNoMemory);
-    std::set_terminate(onTerminate);
+    otherTermination = std::set_terminate(onTerminate);
 }
 
 ThrowWhenOutOfMemory::ThrowWhenOutOfMemory() {

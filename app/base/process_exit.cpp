@@ -1,5 +1,7 @@
 #include "app/base/process_exit.h"
 
+#include <atomic>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -13,9 +15,14 @@
 namespace {
 
 constexpr int ANSWER_PATIENCE_MS = 3000;
-constexpr int EXIT_PATIENCE_MS = 30000;
 constexpr int WAIT_STEP_MS = 10;
 constexpr int DRAIN_MS = 500;
+
+std::atomic<int> statusInTheEnd{0};
+
+void endNow(int /*signal*/) {
+    ::_exit(statusInTheEnd.load());
+}
 
 void silenceStandardError() {
     std::fflush(stderr);
@@ -28,20 +35,24 @@ bool onMainThread() {
     return ::gettid() == ::getpid();
 }
 
-/// Waits for the main thread's exit. Returns only when it does not come.
+/// Waits for the main thread's exit, however long it takes. Returns only when none begins.
 void waitForMainThread() {
-    for (int waited = 0; waited < ANSWER_PATIENCE_MS && !mainThreadExitBegun();
+    for (int waited = 0; waited < ANSWER_PATIENCE_MS || mainThreadExitBegun();
          waited += WAIT_STEP_MS) {
         Sleep(WAIT_STEP_MS);
-    }
-    if (mainThreadExitBegun()) {
-        Sleep(EXIT_PATIENCE_MS);
     }
 }
 
 }  // namespace
 
+void limitExit(int status, unsigned seconds) {
+    statusInTheEnd.store(status);
+    std::signal(SIGALRM, endNow);
+    ::alarm(seconds);
+}
+
 void ExitProcess(int status) {
+    limitExit(status);
     if (!getVerbose()) {
         silenceStandardError();
     }

@@ -12,9 +12,8 @@ int getCmdPortNum();
 
 /// Address text that the ENet host binds to, NUL-terminated; empty means any address.
 ///
-/// Never null. Points at the process-wide value (room for 255 characters), or at an empty text
-/// once the address was given up.
-char* getCmdBindAddr();
+/// Never null; at most 255 characters. Empty from the moment on when the address was given up.
+const char* getCmdBindAddr();
 
 /// Empties the bind address for everybody, because it cannot be used. Thread: network.
 void giveUpCmdBindAddr();

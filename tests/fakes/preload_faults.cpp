@@ -8,7 +8,12 @@
 //   enet-init        ENet cannot be initialised
 //   host-create      ENet's host cannot be created, for a reason other than a busy port
 //   opus-second      the second Opus encoder cannot be created
+//   exit-hangs       an exit handler never returns; alarms of any length come after a second
+//   slow-disc        what is written to a disc other than by the main thread is not there before
+//                    the main thread has slept 100 times for a millisecond; ENet's host is created
+//                    after the first such write has begun
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
@@ -31,9 +36,41 @@ Function* original(Function* /*replacement*/, const char* name) {
     return reinterpret_cast<Function*>(::dlsym(RTLD_NEXT, name));
 }
 
+std::atomic<bool> writing{false};
+std::atomic<int> naps{0};
+
+bool onMainThread() {
+    return ::gettid() == ::getpid();
+}
+
+[[gnu::destructor]] void exitHandler() {
+    while (fault("exit-hangs")) {
+        ::pause();
+    }
+}
+
 }  // namespace
 
 extern "C" {
+
+unsigned alarm(unsigned seconds) {
+    return original(&alarm, "alarm")(fault("exit-hangs") ? 1 : seconds);
+}
+
+int usleep(useconds_t microseconds) {
+    if (onMainThread() && microseconds == 1000) {
+        ++naps;
+    }
+    return original(&usleep, "usleep")(microseconds);
+}
+
+int fdatasync(int descriptor) {
+    writing.store(true);
+    while (fault("slow-disc") && !onMainThread() && naps.load() < 100) {
+        ::usleep(100);
+    }
+    return original(&fdatasync, "fdatasync")(descriptor);
+}
 
 PaError Pa_CloseStream(PaStream* stream) {
     while (fault("close-hangs")) {
@@ -67,6 +104,9 @@ int enet_initialize_with_callbacks(ENetVersion version, const ENetCallbacks* cal
 
 ENetHost* enet_host_create(const ENetAddress* address, size_t peers, size_t channels,
                            enet_uint32 incoming, enet_uint32 outgoing) {
+    while (fault("slow-disc") && !writing.load()) {
+        ::usleep(100);
+    }
     if (fault("host-create")) {
         errno = EACCES;
         return nullptr;

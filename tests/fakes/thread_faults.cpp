@@ -13,6 +13,7 @@ int __wrap_pthread_create(pthread_t* thread, const pthread_attr_t* attributes, v
                           void* argument) {
     const int error = noteCall(Call::PthreadCreate, "pthread_create");
     if (error != 0) {
+        *thread = pthread_self();  // Undefined then.
         return error;
     }
     const int result = __real_pthread_create(thread, attributes, fn, argument);

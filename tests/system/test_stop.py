@@ -70,6 +70,35 @@ class HangingClose(SystemTest):
         self.check_second_signal(signal.SIGINT, signal.SIGTERM)
 
 
+class HangingOpen(SystemTest):
+    def test_sound_server_that_stood_still_before_the_start_does_not_hold_up_the_end(self):
+        with SoundServer() as sound:
+            sound.daemon.send_signal(signal.SIGSTOP)
+            with Server(sound=sound) as server:
+                server.out.wait_for("Initializing PortAudio")
+                self.assertGreaterEqual(self.assert_ends_in_time(server), 3.0)
+                self.assertEqual(server.out.all().count(SLOW_CLOSE), 1)
+            sound.daemon.send_signal(signal.SIGCONT)
+
+
+class HangingExit(SystemTest):
+    """A library's exit handler never returns. The limit of 30 s is cut to one second."""
+
+    def start(self):
+        return Server(preload=fake("preload_faults.so"), env={"VELANTRIX_FAULTS": "exit-hangs"})
+
+    def test_ordinary_end_comes_all_the_same_with_status_0(self):
+        with self.start() as server:
+            server.err.wait_for("Error -10000 opening audio input device")
+            self.assert_ends_in_time(server)
+
+    def test_forced_end_comes_all_the_same_with_status_255(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
+            holder.bind(("0.0.0.0", DEFAULT_PORT))
+            with self.start() as server:
+                self.assertEqual(server.wait(), FATAL)
+
+
 class FailingClose(SystemTest):
     def test_failed_close_is_reported_and_the_status_is_0(self):
         with SoundServer() as sound, Server(

@@ -8,7 +8,7 @@ import subprocess
 
 NEVER_MADE_TO_FAIL = {
     "they cannot fail, or only for arguments that are wrong":
-        "abort _exit exit raise getpid gettid getenv clock_gettime gettimeofday time signal "
+        "abort _exit exit raise alarm getpid gettid getenv clock_gettime gettimeofday time signal "
         "sigaction setvbuf strcmp strlen strncpy strtol memchr memcmp memcpy memmove memset inet_pton "
         "pthread_mutex_lock pthread_mutex_unlock sem_init sem_post",
     "on Linux they cannot fail for a thread that exists and is not joined twice":

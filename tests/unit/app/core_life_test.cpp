@@ -12,6 +12,7 @@
 #include "app/base/core_pin.h"
 #include "tests/fakes/child_run.h"
 #include "tests/fakes/fake_workers.h"
+#include "tests/fakes/sleep_watch.h"
 
 namespace {
 
@@ -103,6 +104,47 @@ TEST(CoreLife, ReportThatEndsInTimeIsWaitedFor) {
         core.reset();
         capture.join();
         EXPECT_TRUE(leftBeforeTheEnd.load());
+    });
+}
+
+constexpr int PIN_PATIENCE_STEPS = 500;
+constexpr int PIN_STEP_MS = 1;
+
+/// Closes a core while a thread holds a pin, which it releases within the `nth` step of the wait.
+/// Returns how many steps were waited.
+int stepsUntilPinIsReleasedDuring(int nth) {
+    const VelantrixServerNoGUI core;
+    static std::atomic<bool> pinned{false};
+    static std::atomic<bool> release{false};
+    std::thread worker([] {
+        const CorePin pin;
+        pinned.store(true);
+        waitUntil(release);
+    });
+    waitUntil(pinned);
+    duringSleep() = [nth, &worker](int milliseconds) {
+        if (milliseconds == PIN_STEP_MS && sleepsOf(PIN_STEP_MS) == nth) {
+            release.store(true);
+            worker.join();
+        }
+    };
+    closeCore(nullptr, nullptr);
+    duringSleep() = nullptr;
+    const int steps = sleepsOf(PIN_STEP_MS);
+    release.store(true);
+    if (worker.joinable()) {
+        worker.join();
+    }
+    return steps;
+}
+
+TEST(CoreLife, ThreadThatUsesTheCoreIsWaitedForUntilItHasDone) {
+    runChild([] { EXPECT_EQ(stepsUntilPinIsReleasedDuring(200), 200); });
+}
+
+TEST(CoreLife, ThreadThatUsesTheCoreForLongIsWaitedForHalfASecond) {
+    runChild([] {
+        EXPECT_EQ(stepsUntilPinIsReleasedDuring(PIN_PATIENCE_STEPS + 1), PIN_PATIENCE_STEPS);
     });
 }
 

@@ -63,6 +63,15 @@ TEST(ExitProcessTest, MainThreadExitsAtOnceWithHandlersAndQuietStandardError) {
     EXPECT_EQ(run.err, "before\n");
 }
 
+TEST(ExitProcessTest, MainThreadWithARunningLoopExitsItself) {
+    const ChildRun run = runChild([] {
+        startQuiet();
+        runEventLoop([] { QTimer::singleShot(0, [] { ExitProcess(-1); }); });
+    });
+    EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
+    EXPECT_EQ(run.out, "exit on main\n");
+}
+
 TEST(ExitProcessTest, PreparationComesBeforeTheHandlersOnTheMainThreadAndOnce) {
     const auto prepare = [] {
         std::fputs(gettid() == getpid() ? "prepared on main\n" : "prepared on worker\n", stdout);
@@ -130,6 +139,30 @@ TEST(ExitProcessTest, WorkerThatIsFasterThanTheEventLoopIsStillAnswered) {
     });
     EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
     EXPECT_EQ(run.out, "exit on main\n");
+}
+
+TEST(ExitProcessTest, SlowExitOfTheMainThreadIsWaitedFor) {
+    const ChildRun run = runChild([] {
+        startQuiet();
+        std::atexit([] { Sleep(3500); });  // Longer than a main thread may take to begin it.
+        runEventLoop([] { std::thread([] { ExitProcess(-1); }).detach(); });
+    });
+    EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
+    EXPECT_EQ(run.out, "exit on main\n");
+}
+
+TEST(ExitProcessTest, ExitThatHangsIsEnded) {
+    const ChildRun run = runChild([] {
+        std::atexit([] {
+            const bool limited = alarm(1) > 0;  // Shortens the limit that was set.
+            while (limited) {
+                pause();
+            }
+            _exit(0);
+        });
+        ExitProcess(-1);
+    });
+    EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
 }
 
 TEST(ExitProcessTest, TwoWorkersAtOnceGiveTheSameStatus) {

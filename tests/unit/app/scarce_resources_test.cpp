@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <limits>
 #include <new>
 #include <sys/resource.h>
@@ -79,7 +80,25 @@ TEST(ScarceResources, NoMemoryThatALibraryThrowsEndsTheProgramWithALine) {
     EXPECT_EQ(run.out, "VelantrixServer: not enough memory. Quitting.\n");
 }
 
-TEST(ScarceResources, OtherUncaughtExceptionStillAborts) {
+/// Gives standard output to a full pipe that nobody reads.
+void blockStandardOutput() {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const std::string page(static_cast<std::size_t>(fcntl(ends[1], F_SETPIPE_SZ, 1)), 'x');
+    ASSERT_EQ(write(ends[1], page.data(), page.size()), static_cast<ssize_t>(page.size()));
+    ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
+}
+
+TEST(ScarceResources, NoMemoryEndsTheProgramAlsoWhenNobodyReadsTheLine) {
+    const ChildRun run = runChild([]() noexcept {
+        blockStandardOutput();
+        endWhenOutOfMemory();
+        throwOne(std::bad_alloc());
+    });
+    EXPECT_EQ(run.status, FATAL);
+}
+
+TEST(ScarceResources, OtherUncaughtExceptionStillAbortsWithTheUsualText) {
     const ChildRun run = runChild([]() noexcept {
         const rlimit none{0, 0};
         setrlimit(RLIMIT_CORE, &none);
@@ -87,6 +106,7 @@ TEST(ScarceResources, OtherUncaughtExceptionStillAborts) {
         throwOne(1);
     });
     EXPECT_EQ(run.status, ENDED_BY_SIGNAL + SIGABRT);
+    EXPECT_EQ(run.err, "terminate called after throwing an instance of 'int'\n");
 }
 
 TEST(ScarceResources, NoPipeForStopSignalsIsTold) {

@@ -59,6 +59,28 @@ TEST_F(ThreadTest, HandleIsZeroBeforeAStartAndAfterAJoin) {
     EXPECT_EQ(thread.tid(), 0U);
 }
 
+TEST_F(ThreadTest, HandleIsThereForAThreadThatAsksAtOnce) {
+    static std::atomic<pthread_t> seen{0};
+    static std::atomic<bool> asked{false};
+    Thread thread;
+    afterThreadCreation() = [] {
+        while (!asked.load()) {
+            Sleep(1);
+        }
+    };
+    ASSERT_EQ(thread.start(
+                  [](void* own) -> void* {
+                      seen.store(static_cast<Thread*>(own)->tid());
+                      asked.store(true);
+                      return nullptr;
+                  },
+                  &thread),
+              0);
+    afterThreadCreation() = nullptr;
+    EXPECT_EQ(seen.load(), thread.tid());
+    EXPECT_EQ(thread.join(nullptr), 0);
+}
+
 TEST_F(ThreadTest, SecondStartReturnsTenAndCreatesNothing) {
     Thread thread;
     Gate gate;

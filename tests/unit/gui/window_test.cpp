@@ -1,13 +1,12 @@
 // What the window shows: title, sound, address and who is connected.
 
-#include <cstring>
 #include <string>
 
 #include <QLabel>
 #include <QLineEdit>
 #include <QTimer>
 
-#include "app/base/start_values.h"
+#include "app/command_line.h"
 #include "gui/VelantrixServer.h"
 #include "gui_test.h"
 #include "stream/capture_rate.h"
@@ -56,10 +55,11 @@ TEST_F(Window, BeforeTheFirstTickItKnowsNoSoundAndNoClient) {
 }
 
 TEST_F(Window, AddressIsTheBindAddress) {
-    std::strcpy(getCmdBindAddr(), "192.168.77.50");
+    const char* const arguments[] = {"server", "-b", "192.168.77.50"};
+    scanArguments(3, arguments);
     window.UpdateState();
     EXPECT_EQ(address().text(), "192.168.77.50");
-    getCmdBindAddr()[0] = '\0';
+    scanArguments(1, arguments);
 }
 
 TEST_F(WindowDeathTest, TitleLosesTheVersionAtTheSecondTick) {
