@@ -10,17 +10,14 @@
 // Each block holds a sound that keeps an encoder busy; its first two frames hold the entry time of
 // the callback (8 bytes, nanoseconds, machine order), which a raw client reads back.
 
-#include <algorithm>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
 #include <dlfcn.h>
-#include <fcntl.h>
 #include <poll.h>
 #include <pthread.h>
-#include <sched.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -36,44 +33,19 @@ namespace {
 using testsound::BLOCK_FRAMES;
 constexpr std::size_t COMPRESSED_FRAMES = 480;
 constexpr std::int64_t NS_PER_SECOND = 1000000000;
-constexpr std::int64_t NS_PER_MILLISECOND = 1000000;
 
 CaptureTable* table = nullptr;
 PaStreamCallback* callback = nullptr;
 double sampleRate = 48000;
 double speed = 1;
-double phase = -1;       ///< Negative: none.
 std::uint64_t lead = 0;  ///< Callbacks; 0: no limit.
-bool explaining = false;
 pthread_t captureThread;
 std::atomic<bool> stopRequested{false};
 thread_local bool inCallback = false;
 
-/// Calls of one function, and the processor time inside them (ns, only when explaining).
-struct Calls {
-    std::int64_t time = 0;
-    std::int64_t number = 0;
-};
-
-/// Of the present callback; touched by the capture thread only.
-struct Account {
-    std::int64_t waited = 0;         ///< Inside poll, ns.
-    std::int64_t intended = 0;       ///< Of that, what the calls asked for at most, ns.
-    std::int64_t pollProcessor = 0;  ///< Processor time inside poll, ns, only when explaining.
-    std::int64_t pollQueued = 0;     ///< Time ready to run inside poll, likewise.
-    Calls send;
-    Calls receive;
-    Calls encode;
-    std::int64_t passes = 1;
-    int firstCpu = 0;
-    std::atomic<std::int64_t>* encodeStart = nullptr;  ///< Null: nothing compressed, or noted.
-};
-Account account;
-
-/// What the kernel knows about the time of this thread.
-struct Scheduling {
-    std::int64_t queued = 0;  ///< Ready to run, but on no processor, ns.
-};
+/// Of the compressed packet that the present callback sends; null once noted, and where there is
+/// none. Touched by the capture thread only.
+std::atomic<std::int64_t>* encodeStart = nullptr;
 
 std::int64_t clockNs(clockid_t clock) {
     timespec now = {};
@@ -81,80 +53,22 @@ std::int64_t clockNs(clockid_t clock) {
     return now.tv_sec * NS_PER_SECOND + now.tv_nsec;
 }
 
-/// Of the calling thread; zero where the kernel does not count it.
-Scheduling readScheduling() {
-    static const int file = ::open("/proc/thread-self/schedstat", O_RDONLY | O_CLOEXEC);
-    char text[96] = {};
-    if (::pread(file, text, sizeof text - 1, 0) <= 0) {
-        return {};
-    }
-    const char* const behindRunning = std::strchr(text, ' ');
-    return {behindRunning == nullptr ? 0 : std::strtoll(behindRunning, nullptr, 10)};
-}
-
-/// Counts a call, and the processor time of its own life when callbacks are to be explained.
-class CountedCall {
-  public:
-    explicit CountedCall(Calls& which)
-        : calls(which), start(explaining ? clockNs(CLOCK_THREAD_CPUTIME_ID) : 0) {}
-    CountedCall(const CountedCall&) = delete;
-    CountedCall& operator=(const CountedCall&) = delete;
-    ~CountedCall() {
-        ++calls.number;
-        calls.time += explaining ? clockNs(CLOCK_THREAD_CPUTIME_ID) - start : 0;
-    }
-
-  private:
-    Calls& calls;
-    std::int64_t start;
-};
-
 /// Notes which packets this callback sends. Raw packets are numbered by callbacks, compressed
 /// ones by completed groups of 480 frames.
 void noteEntry(std::uint64_t number, std::int64_t entry) {
     table->rawEntry[number % CaptureTable::REMEMBERED].store(entry, std::memory_order_relaxed);
     const std::uint64_t before = number * BLOCK_FRAMES / COMPRESSED_FRAMES;
     const std::uint64_t after = (number + 1) * BLOCK_FRAMES / COMPRESSED_FRAMES;
-    account = Account{};
-    account.firstCpu = ::sched_getcpu();
+    encodeStart = nullptr;
     if (after != before) {
         const std::uint64_t slot = before % CaptureTable::REMEMBERED;
         table->compressedEntry[slot].store(entry, std::memory_order_relaxed);
         table->encodeStart[slot].store(entry, std::memory_order_relaxed);
-        account.passes = 2;
-        account.encodeStart = &table->encodeStart[slot];
+        encodeStart = &table->encodeStart[slot];
     }
 }
 
-void noteLong(std::uint64_t number, std::int64_t entry, std::int64_t wall, std::int64_t processor,
-              std::int64_t queued) {
-    const std::uint64_t index = table->longCallbacks.load();
-    if (index < CaptureTable::LONG_CALLBACKS) {
-        LongCallback& room = table->longCallback[index];
-        room.number.store(static_cast<std::int64_t>(number));
-        room.entry.store(entry);
-        room.wall.store(wall);
-        room.processor.store(processor);
-        room.queued.store(queued);
-        room.waited.store(account.waited);
-        room.intended.store(account.intended);
-        room.pollProcessor.store(account.pollProcessor);
-        room.pollQueued.store(account.pollQueued);
-        room.sending.store(account.send.time);
-        room.sends.store(account.send.number);
-        room.receiving.store(account.receive.time);
-        room.receives.store(account.receive.number);
-        room.encoding.store(account.encode.time);
-        room.encodes.store(account.encode.number);
-        room.passes.store(account.passes);
-        room.firstCpu.store(account.firstCpu);
-        room.lastCpu.store(::sched_getcpu());
-    }
-    table->longCallbacks.store(index + 1);
-}
-
-void runCallback(std::uint64_t number, std::int16_t* block, std::int64_t period) {
-    const Scheduling before = readScheduling();
+void runCallback(std::uint64_t number, std::int16_t* block) {
     const std::int64_t processorStart = clockNs(CLOCK_THREAD_CPUTIME_ID);
     const std::int64_t entry = clockNs(CLOCK_MONOTONIC);
     noteEntry(number, entry);
@@ -162,29 +76,8 @@ void runCallback(std::uint64_t number, std::int16_t* block, std::int64_t period)
     inCallback = true;
     callback(block, nullptr, BLOCK_FRAMES, nullptr, 0, nullptr);
     inCallback = false;
-    const std::int64_t duration = clockNs(CLOCK_MONOTONIC) - entry;
-    const std::int64_t processor = clockNs(CLOCK_THREAD_CPUTIME_ID) - processorStart;
-    table->processorTime.fetch_add(processor);
-    table->sending.fetch_add(account.send.time);
-    table->receiving.fetch_add(account.receive.time);
-    table->receiveCalls.fetch_add(static_cast<std::uint64_t>(account.receive.number));
-    table->encoding.fetch_add(account.encode.time);
-    table->duration[number % CaptureTable::DURATIONS].store(static_cast<std::uint32_t>(duration),
-                                                            std::memory_order_relaxed);
-    if (duration > period / 2) {
-        noteLong(number, entry, duration, processor, readScheduling().queued - before.queued);
-    }
+    table->processorTime.fetch_add(clockNs(CLOCK_THREAD_CPUTIME_ID) - processorStart);
     table->callbacks.store(number + 1, std::memory_order_release);
-}
-
-/// Now, or the next moment with the wanted phase.
-std::int64_t firstDue(std::int64_t period) {
-    const std::int64_t now = clockNs(CLOCK_MONOTONIC);
-    if (phase < 0) {
-        return now;
-    }
-    const auto offset = static_cast<std::int64_t>(phase * static_cast<double>(period));
-    return (now / period + 1) * period + offset;
 }
 
 /// Keeps the capture without pauses near its clients. Where there are none it goes on slowly.
@@ -216,7 +109,7 @@ class ClientsPace {
 void* runCapture(void*) {
     std::vector<std::int16_t> sound = testsound::make();
     const auto period = static_cast<std::int64_t>(BLOCK_FRAMES * NS_PER_SECOND / sampleRate);
-    const std::int64_t start = firstDue(period);
+    const std::int64_t start = clockNs(CLOCK_MONOTONIC);
     ClientsPace pace;
     for (std::uint64_t number = 0; !stopRequested.load(); ++number) {
         if (speed > 0) {
@@ -225,12 +118,10 @@ void* runCapture(void*) {
                                                   static_cast<double>(period) / speed);
             const timespec at = {due / NS_PER_SECOND, due % NS_PER_SECOND};
             ::clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &at, nullptr);
-            table->lateEntries.fetch_add(clockNs(CLOCK_MONOTONIC) - due > NS_PER_MILLISECOND ? 1
-                                                                                             : 0);
         } else if (lead > 0) {
             pace.keep(number);
         }
-        runCallback(number, &sound[number % testsound::BLOCKS * BLOCK_FRAMES * 2], period);
+        runCallback(number, &sound[number % testsound::BLOCKS * BLOCK_FRAMES * 2]);
     }
     return nullptr;
 }
@@ -257,10 +148,6 @@ PaError Pa_Initialize() {
     }
     const char* const wanted = std::getenv("PACED_CAPTURE_SPEED");
     speed = wanted == nullptr ? 1 : std::atof(wanted);
-    const char* const explain = std::getenv("PACED_CAPTURE_ACCOUNT");
-    explaining = explain != nullptr && std::atoi(explain) != 0;
-    const char* const share = std::getenv("PACED_CAPTURE_PHASE");
-    phase = share == nullptr ? -1 : std::atof(share);
     const char* const limit = std::getenv("PACED_CAPTURE_LEAD");
     lead = limit == nullptr ? 0 : std::strtoull(limit, nullptr, 10);
     return paNoError;
@@ -312,24 +199,16 @@ PaError Pa_CloseStream(PaStream*) {
 
 ssize_t sendmsg(int socket, const msghdr* message, int flags) {
     static auto* const real = theirs<decltype(sendmsg)>("sendmsg");
-    if (!inCallback) {
-        return real(socket, message, flags);
+    if (inCallback) {
+        count(&CaptureTable::sends);
     }
-    count(&CaptureTable::sends);
-    const CountedCall counted(account.send);
     return real(socket, message, flags);
 }
 
 ssize_t recvmsg(int socket, msghdr* message, int flags) {
     static auto* const real = theirs<decltype(recvmsg)>("recvmsg");
-    if (!inCallback) {
-        return real(socket, message, flags);
-    }
-    const ssize_t received = [&] {
-        const CountedCall counted(account.receive);
-        return real(socket, message, flags);
-    }();
-    if (received > 0) {
+    const ssize_t received = real(socket, message, flags);
+    if (inCallback && received > 0) {
         count(&CaptureTable::receives);
     }
     return received;
@@ -341,31 +220,18 @@ int poll(pollfd* descriptors, nfds_t number, int timeout) {
         return real(descriptors, number, timeout);
     }
     count(&CaptureTable::polls);
-    const Scheduling before = explaining ? readScheduling() : Scheduling{};
-    const std::int64_t processor = explaining ? clockNs(CLOCK_THREAD_CPUTIME_ID) : 0;
-    const std::int64_t start = clockNs(CLOCK_MONOTONIC);
-    const int result = real(descriptors, number, speed == 0 ? 0 : timeout);
-    const std::int64_t waited = clockNs(CLOCK_MONOTONIC) - start;
-    account.waited += waited;
-    account.intended += std::min(waited, timeout * NS_PER_MILLISECOND);
-    if (explaining) {
-        account.pollProcessor += clockNs(CLOCK_THREAD_CPUTIME_ID) - processor;
-        account.pollQueued += readScheduling().queued - before.queued;
-    }
-    return result;
+    return real(descriptors, number, speed == 0 ? 0 : timeout);
 }
 
 opus_int32 opus_encode(OpusEncoder* encoder, const opus_int16* frames, int count,
                        unsigned char* packet, opus_int32 room) {
     static auto* const real = theirs<decltype(opus_encode)>("opus_encode");
     const std::int64_t start = clockNs(CLOCK_MONOTONIC);
-    if (account.encodeStart != nullptr) {
-        account.encodeStart->store(start, std::memory_order_relaxed);
-        account.encodeStart = nullptr;
+    if (encodeStart != nullptr) {
+        encodeStart->store(start, std::memory_order_relaxed);
+        encodeStart = nullptr;
     }
-    const CountedCall counted(account.encode);
     const opus_int32 result = real(encoder, frames, count, packet, room);
-    table->encodes.fetch_add(1, std::memory_order_relaxed);
     table->encodeTime.fetch_add(clockNs(CLOCK_MONOTONIC) - start, std::memory_order_relaxed);
     return result;
 }
