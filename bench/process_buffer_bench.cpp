@@ -20,12 +20,12 @@
 
 #include <benchmark/benchmark.h>
 
-#include "bench/bench_clients.h"
-#include "bench/bench_server.h"
 #include "bench/call_timers.h"
 #include "stream/network_host.h"
 #include "stream/send_path.h"
 #include "stream/wire_format.h"
+#include "tests/support/bench_clients.h"
+#include "tests/support/bench_server.h"
 
 namespace {
 

@@ -10,8 +10,8 @@
 #include "app/base/Thread.h"
 #include "app/base/VelantrixServerNoGUI.h"
 #include "app/base/core_pin.h"
-#include "tests/fakes/child_run.h"
-#include "tests/fakes/fake_workers.h"
+#include "tests/support/child_run.h"
+#include "tests/support/fake_workers.h"
 
 namespace {
 
