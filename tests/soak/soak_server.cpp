@@ -12,10 +12,10 @@
 #include "app/base/console.h"
 #include "app/base/main_loop.h"
 #include "app/command_line.h"
-#include "bench/capture_table.h"
 #include "stream/client_table.h"
 #include "stream/send_path.h"
 #include "tests/soak/checking_core.h"
+#include "tests/support/capture_table.h"
 
 namespace {
 

@@ -12,8 +12,8 @@
 #include "app/base/VelantrixServerNoGUI.h"
 #include "app/base/console.h"
 #include "app/command_line.h"
-#include "tests/fakes/net_namespace.h"
-#include "tests/fakes/transcript.h"
+#include "tests/support/net_namespace.h"
+#include "tests/support/transcript.h"
 
 namespace {
 

@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/fakes/child_run.h"
+#include "tests/support/child_run.h"
 
 namespace {
 

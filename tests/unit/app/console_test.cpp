@@ -13,7 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "app/base/Thread.h"
-#include "tests/fakes/child_run.h"
+#include "tests/support/child_run.h"
 
 namespace {
 

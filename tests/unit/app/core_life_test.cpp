@@ -10,9 +10,9 @@
 #include "app/base/Thread.h"
 #include "app/base/VelantrixServerNoGUI.h"
 #include "app/base/core_pin.h"
-#include "tests/fakes/child_run.h"
-#include "tests/fakes/fake_workers.h"
-#include "tests/fakes/sleep_watch.h"
+#include "tests/support/child_run.h"
+#include "tests/support/fake_workers.h"
+#include "tests/support/sleep_watch.h"
 
 namespace {
 

@@ -12,10 +12,10 @@
 
 #include "app/base/Thread.h"
 #include "app/base/VelantrixServerNoGUI.h"
-#include "tests/fakes/call_faults.h"
-#include "tests/fakes/child_run.h"
-#include "tests/fakes/fake_workers.h"
-#include "tests/fakes/sleep_watch.h"
+#include "tests/support/call_faults.h"
+#include "tests/support/child_run.h"
+#include "tests/support/fake_workers.h"
+#include "tests/support/sleep_watch.h"
 
 /// Reaches the core's flags.
 struct CoreTestAccess {

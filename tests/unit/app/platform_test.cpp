@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "app/command_line.h"
-#include "tests/fakes/child_run.h"
+#include "tests/support/child_run.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include "app/base/console.h"
 #include "app/base/main_loop.h"
 #include "app/command_line.h"
-#include "tests/fakes/child_run.h"
+#include "tests/support/child_run.h"
 
 namespace {
 

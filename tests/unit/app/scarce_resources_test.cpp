@@ -13,8 +13,8 @@
 #include "app/base/console.h"
 #include "app/base/main_loop.h"
 #include "app/base/out_of_memory.h"
-#include "tests/fakes/call_faults.h"
-#include "tests/fakes/child_run.h"
+#include "tests/support/call_faults.h"
+#include "tests/support/child_run.h"
 
 namespace {
 

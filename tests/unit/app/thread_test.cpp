@@ -11,8 +11,8 @@
 #include <gtest/gtest.h>
 
 #include "app/base/ThreadMember.h"
-#include "tests/fakes/call_faults.h"
-#include "tests/fakes/child_run.h"
+#include "tests/support/call_faults.h"
+#include "tests/support/child_run.h"
 
 namespace {
 

@@ -8,8 +8,8 @@
 
 #include "audio/Audio.h"
 #include "stream/capture_rate.h"
-#include "tests/fakes/child_run.h"
-#include "tests/fakes/fake_portaudio.h"
+#include "tests/support/child_run.h"
+#include "tests/support/fake_portaudio.h"
 
 /// What the code under test handed to the sending side.
 struct HandOver {

@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include "listen/playout.h"
-#include "tests/fakes/callback_watch.h"
+#include "tests/support/callback_watch.h"
 #include "tests/unit/listen/packets.h"
 
 namespace {

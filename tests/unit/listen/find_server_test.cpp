@@ -10,7 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "stream/wire_format.h"
-#include "tests/fakes/net_namespace.h"
+#include "tests/support/net_namespace.h"
 #include "tests/unit/listen/udp_responder.h"
 
 namespace {

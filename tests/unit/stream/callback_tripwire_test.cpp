@@ -9,9 +9,9 @@
 #include "stream/client_table.h"
 #include "stream/network_host.h"
 #include "stream/send_path.h"
-#include "tests/fakes/callback_watch.h"
-#include "tests/fakes/fake_portaudio.h"
-#include "tests/fakes/live_server.h"
+#include "tests/support/callback_watch.h"
+#include "tests/support/fake_portaudio.h"
+#include "tests/support/live_server.h"
 
 namespace {
 

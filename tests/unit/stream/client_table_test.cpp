@@ -5,8 +5,8 @@
 
 #include "stream/network_host.h"
 #include "stream/service_step.h"
-#include "tests/fakes/call_faults.h"
-#include "tests/fakes/live_server.h"
+#include "tests/support/call_faults.h"
+#include "tests/support/live_server.h"
 
 namespace {
 

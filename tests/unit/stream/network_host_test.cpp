@@ -15,9 +15,9 @@
 #include "stream/client_table.h"
 #include "stream/enet_mtu.h"
 #include "stream/opus_bank.h"
-#include "tests/fakes/call_faults.h"
-#include "tests/fakes/child_run.h"
-#include "tests/fakes/fake_portaudio.h"
+#include "tests/support/call_faults.h"
+#include "tests/support/child_run.h"
+#include "tests/support/fake_portaudio.h"
 
 namespace {
 

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/fakes/recorded_console.h"
+#include "tests/support/recorded_console.h"
 #include "tests/unit/stream/queued_peer.h"
 
 // Compiled once per generation of ENet; see queued_peer.h.

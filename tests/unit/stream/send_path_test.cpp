@@ -8,7 +8,7 @@
 #include "stream/client_table.h"
 #include "stream/network_host.h"
 #include "stream/opus_bank.h"
-#include "tests/fakes/call_faults.h"
+#include "tests/support/call_faults.h"
 #include "tests/unit/stream/send_path_fixture.h"
 
 namespace {

@@ -7,7 +7,7 @@
 #include "stream/client_table.h"
 #include "stream/network_host.h"
 #include "stream/service_step.h"
-#include "tests/fakes/live_server.h"
+#include "tests/support/live_server.h"
 
 namespace {
 
