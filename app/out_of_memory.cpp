@@ -5,6 +5,8 @@
 #include <new>
 #include <unistd.h>
 
+#include "app/console.h"
+
 namespace {
 
 constexpr int FATAL_STATUS = 255;
@@ -14,8 +16,8 @@ thread_local bool throwing = false;
 // Without memory no exit handler can be trusted to run: only the line and the status are left.
 // Standard error may be turned off at this moment, so it goes where all lines go.
 [[noreturn]] void endProcess() {
-    static constexpr char LINE[] = "VelantrixServer: not enough memory. Quitting.\n";
-    [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, LINE, sizeof LINE - 1);
+    consolePuts("VelantrixServer: not enough memory. Quitting.");
+    consoleDrain();
     ::_exit(FATAL_STATUS);
 }
 

@@ -15,10 +15,8 @@ namespace {
 constexpr int ANSWER_PATIENCE_MS = 3000;
 constexpr int EXIT_PATIENCE_MS = 30000;
 constexpr int WAIT_STEP_MS = 10;
-constexpr int DRAIN_MS = 500;
 
 void silenceStandardError() {
-    std::fflush(stderr);
     const int nowhere = ::open("/dev/null", O_WRONLY);
     ::dup2(nowhere, STDERR_FILENO);
     ::close(nowhere);
@@ -42,10 +40,10 @@ void waitForMainThread() {
 }  // namespace
 
 void ExitProcess(int status) {
+    consoleDrain();
     if (!getVerbose()) {
         silenceStandardError();
     }
-    consoleDrain(DRAIN_MS);
     if (onMainThread()) {
         prepareExit();
         std::exit(status);  // NOLINT(concurrency-mt-unsafe): the main thread's.
