@@ -14,6 +14,7 @@
 #include "app/out_of_memory.h"
 #include "tests/fakes/call_faults.h"
 #include "tests/fakes/child_run.h"
+#include "tests/fakes/held_line.h"
 
 namespace {
 
@@ -70,13 +71,15 @@ TEST(ScarceResources, NoMemoryForDispensableWorkIsThrownToItsOwner) {
 }
 #endif
 
-TEST(ScarceResources, NoMemoryThatALibraryThrowsEndsTheProgramWithALine) {
+TEST(ScarceResources, NoMemoryThatALibraryThrowsEndsTheProgramWithALineAfterThoseBefore) {
     const ChildRun run = runChild([]() noexcept {
+        consoleStart();
         endWhenOutOfMemory();
+        const HeldLine held(50);
         throwOne(std::bad_alloc());
     });
     EXPECT_EQ(run.status, FATAL);
-    EXPECT_EQ(run.out, "VelantrixServer: not enough memory. Quitting.\n");
+    EXPECT_EQ(run.out, "held\nVelantrixServer: not enough memory. Quitting.\n");
 }
 
 TEST(ScarceResources, OtherUncaughtExceptionStillAborts) {
