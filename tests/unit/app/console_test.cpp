@@ -189,11 +189,34 @@ TEST(Console, LongTextOfAnOrdinaryThreadIsWrittenWhole) {
         const ChildRun queued = runChild([&text] {
             consoleStart();
             consolePuts(text.c_str());
-            consolePuts("next");
+            for (int i = 0; i < 600; ++i) {  // Once around the queue.
+                consolePrintf("line %d\n", i);
+                if (i % 100 == 0) {
+                    consoleDrain(DRAIN_MS);
+                }
+            }
             consoleDrain(DRAIN_MS);
         });
-        EXPECT_EQ(queued.out, text + "\nnext\n");
+        EXPECT_EQ(queued.out, text + '\n' + numberedLines(600));
     }
+}
+
+TEST(Console, LongTextGoesWholeThroughAPipeThatTakesItInParts) {
+    runChild([] {
+        const Ends ends = openNonblockingPipe();
+        std::string text;
+        for (int i = 0; i < 20000; ++i) {
+            text += std::to_string(i) + ' ';
+        }
+        std::string seen;
+        {
+            const OutputTo output(ends[1]);
+            consoleStart();
+            consolePuts(text.c_str());
+            seen = readUntil(ends, "\n");
+        }
+        EXPECT_EQ(seen, text + '\n');
+    });
 }
 
 TEST(Console, LinesKeepTheirOrderWhicheverThreadPrintsThem) {
@@ -324,17 +347,24 @@ TEST(Console, OrdinaryThreadsLeaveRoomForTheCapture) {
 TEST(Console, LossIsToldAlsoWhileOthersGoOnPrinting) {
     runChild([] {
         const Ends ends = openPipe();
+        fcntl(ends[1], F_SETPIPE_SZ, 4096);
         std::string seen;
         {
             const OutputTo output(ends[1]);
             consoleStart();
             std::atomic<bool> enough{false};
             std::thread printer([&enough] {
+                const std::string line(200, '.');
                 while (!enough.load()) {
-                    consolePuts("one more");
+                    consolePuts(line.c_str());
                 }
             });
-            seen = readUntil(ends, "lines lost");
+            // Read so slowly that the queue is never empty.
+            char piece[400];
+            for (int i = 0; i < DRAIN_MS && seen.find("lines lost") == std::string::npos; ++i) {
+                seen.append(piece, static_cast<std::size_t>(read(ends[0], piece, sizeof piece)));
+                Sleep(1);
+            }
             enough.store(true);
             printer.join();
         }
@@ -356,6 +386,9 @@ TEST_P(StalledReader, HoldsNobodyAndIsToldOfWhatItMissed) {
                 const auto deferral =
                     std::get<1>(GetParam()) ? std::make_unique<ConsoleDeferral>() : nullptr;
                 consolePrintf("line %d\n", i);
+                if (i % 100 == 0) {
+                    Sleep(1);  // For the writing thread: until the output is full nothing is lost.
+                }
             }
             seen = readUntilCounted(ends, 20000);
             consolePuts("back again");
