@@ -122,11 +122,10 @@ void* runWriter(void* /*unused*/) {
         while (::sem_wait(&wakeUp) != 0) {
         }
         const unsigned end = next + QUEUE_LINES;
-        for (Line* line = &lines[next % QUEUE_LINES];
-             next != end && line->complete.load(std::memory_order_acquire);
-             line = &lines[next % QUEUE_LINES]) {
-            writeLine(*line);
-            line->complete.store(false, std::memory_order_relaxed);
+        while (next != end && lines[next % QUEUE_LINES].complete.load(std::memory_order_acquire)) {
+            Line& line = lines[next % QUEUE_LINES];
+            writeLine(line);
+            line.complete.store(false, std::memory_order_relaxed);
             written.store(++next, std::memory_order_release);
         }
         // Behind what stood before the loss, but not behind all that others go on printing.

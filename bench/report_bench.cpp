@@ -3,7 +3,6 @@
 // Columns are Google Benchmark's (--benchmark_out=FILE writes them as JSON): wall and processor
 // time of one call.
 //   printed_line/deferred   a line printed in the capture callback: into the queue, a post
-//   printed_line/direct     the same line printed by an ordinary thread: into "/dev/null"
 //   status_report/headless  SetClientStatus of the core without a window
 //   capture_flag            SetAudioCaptureActive, once for every raw block
 //   window_tick/usual       the window's timer, nine times out of ten
@@ -37,28 +36,18 @@ constexpr int LINES_PER_PAUSE = 100;  // Fewer than the queue takes.
 
 VelantrixServer* window = nullptr;
 
-void printLine() {
-    consolePrintf("Client %s:%u disconnected\n", "192.168.178.123", 50123U);
-}
-
 void deferredLine(benchmark::State& state) {
     int lines = 0;
     for (auto _ : state) {
         {
             const ConsoleDeferral deferral;
-            printLine();
+            consolePrintf("Client %s:%u disconnected\n", "192.168.178.123", 50123U);
         }
         if (++lines % LINES_PER_PAUSE == 0) {
             state.PauseTiming();
             consoleDrain(1000);
             state.ResumeTiming();
         }
-    }
-}
-
-void directLine(benchmark::State& state) {
-    for (auto _ : state) {
-        printLine();
     }
 }
 
@@ -110,7 +99,6 @@ void windowReport(benchmark::State& state) {
 
 void addRows() {
     benchmark::RegisterBenchmark("printed_line/deferred", deferredLine)->Iterations(20000);
-    benchmark::RegisterBenchmark("printed_line/direct", directLine)->Iterations(20000);
     benchmark::RegisterBenchmark("status_report/headless", headlessReport)->Iterations(100000);
     benchmark::RegisterBenchmark("capture_flag", captureFlag)->Iterations(1000000);
     benchmark::RegisterBenchmark("window_tick/address",
