@@ -21,7 +21,7 @@ using InterfaceList = std::unique_ptr<ifaddrs, decltype(&freeifaddrs)>;
 InterfaceList listInterfaces() {
     ifaddrs* first = nullptr;
     if (getifaddrs(&first) != 0) {
-        std::perror("getifaddrs");
+        consolePerror("getifaddrs");
         first = nullptr;
     }
     return {first, freeifaddrs};

@@ -11,8 +11,6 @@
 
 namespace {
 
-constexpr int EXIT_DRAIN_MS = 500;
-
 /// An exit in the middle destroys what Qt keeps for the whole program, which the threads that use
 /// the core must not meet. Nobody serves their reports now: one that waits for its answer is left.
 void leaveCore() {
@@ -69,6 +67,5 @@ int main(int argc, char** argv) {
     readStartEnvironment();
     choosePlatform(scan);
     const int result = scan.nogui ? runHeadless(argc, argv) : runWithWindow(argc, argv);
-    consoleDrain(EXIT_DRAIN_MS);
     return finalStatus(result);
 }

@@ -32,7 +32,7 @@ bool closed = false;
 class QuietStandardError {
   public:
     QuietStandardError() {
-        std::fflush(stderr);
+        consoleDrain();
         saved = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
         const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
         // What cannot be put back stays as it is: chatter is better than silence for ever.
@@ -69,12 +69,12 @@ PaError initializePortAudio() {
 const PaDeviceInfo* findInputDevice(PaStreamParameters& parameters) {
     parameters.device = Pa_GetDefaultInputDevice();
     if (parameters.device == paNoDevice) {
-        std::fputs("Error: No default input device.\n", stderr);
+        consoleError("Error: No default input device.\n");
         return nullptr;
     }
     const PaDeviceInfo* const info = Pa_GetDeviceInfo(parameters.device);
     if (info == nullptr) {
-        std::fputs("Error: Invalid default input device.\n", stderr);
+        consoleError("Error: Invalid default input device.\n");
     }
     return info;
 }
@@ -92,7 +92,7 @@ int chooseRate(double deviceRate) {
         rate = static_cast<int>(std::min(std::strtol(wanted, nullptr, 10), GREATEST));
     }
     if (rate != RATE_48K && rate != RATE_44K1) {
-        std::fprintf(stderr, "Sample rate %d not supported, using %d\n", rate, RATE_44K1);
+        consoleError("Sample rate %d not supported, using %d\n", rate, RATE_44K1);
         rate = RATE_44K1;
     }
     return rate;
@@ -172,8 +172,8 @@ int Audio::Open(int /*unused*/, std::atomic<bool>& isRate48k) {
     allocateBuffers();
     const PaError err = openCapture(isRate48k);
     if (err != paNoError) {
-        std::fputs("An error occured while opening the portaudio stream\n", stderr);
-        std::fprintf(stderr, "Error message: %s\n", Pa_GetErrorText(err));
+        consoleError("An error occured while opening the portaudio stream\n");
+        consoleError("Error message: %s\n", Pa_GetErrorText(err));
     }
     return err;
 }
@@ -185,9 +185,9 @@ int Audio::Close() {
     Pa_Terminate();
     stream = nullptr;
     if (err != paNoError) {
-        std::fputs("An error occured while closing the portaudio stream\n", stderr);
-        std::fprintf(stderr, "Error number: %d\n", err);
-        std::fprintf(stderr, "Error message: %s\n", Pa_GetErrorText(err));
+        consoleError("An error occured while closing the portaudio stream\n");
+        consoleError("Error number: %d\n", err);
+        consoleError("Error message: %s\n", Pa_GetErrorText(err));
     }
     return err;
 }

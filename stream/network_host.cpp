@@ -131,7 +131,7 @@ void createHost() {
 void openAudio() {
     const int result = Audio::Open(0, vxOptionAltRate);
     if (result != 0) {
-        std::fprintf(stderr, "Error %d opening audio input device\n", result);
+        consoleError("Error %d opening audio input device\n", result);
     } else {
         consolePuts("Audio input device opened successfully");
     }

@@ -7,163 +7,131 @@
 #include <csignal>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <fcntl.h>
-#include <poll.h>
 #include <pthread.h>
 #include <semaphore.h>
-#include <string>
 #include <unistd.h>
-
-#include <climits>
 
 namespace {
 
-constexpr std::size_t DEFERRED_LINE_ROOM = 256;
-constexpr unsigned DEFERRED_LINES = 256;
-constexpr int READER_PATIENCE_MS = 1000;
+constexpr std::size_t LINE_ROOM = 256;
+constexpr unsigned QUEUE_LINES = 512;  // A power of two: the counts of lines wrap.
+constexpr unsigned QUEUE_LINES_OF_OTHERS = QUEUE_LINES / 2;
+constexpr useconds_t FULL_PIPE_PAUSE_US = 10000;
 
-struct DeferredLine {
+struct Line {
+    std::atomic<bool> complete{false};
+    int descriptor = 0;
     std::size_t length = 0;
-    char text[DEFERRED_LINE_ROOM] = {};
+    char* longText = nullptr;  ///< Owned; in place of `text`, where that has not enough room.
+    char text[LINE_ROOM] = {};
 };
 
-// Single producer (the thread that holds a ConsoleDeferral), single consumer (the writing
-// thread). Everything here has a trivial destructor: both may still run while the process exits.
-std::array<DeferredLine, DEFERRED_LINES> lines;
-std::atomic<unsigned> produced{0};
-std::atomic<unsigned> consumed{0};
+// A ring. A thread that prints takes the next line, fills it and declares it complete; the writing
+// thread writes complete lines in order and gives them back. A thread that is held up between the
+// two delays what is written, but nobody who prints. Everything here has a trivial destructor: it
+// is used until the process ends.
+std::array<Line, QUEUE_LINES> lines;
+std::atomic<unsigned> taken{0};
+std::atomic<unsigned> written{0};
 std::atomic<unsigned> lost{0};
 sem_t wakeUp;
 
 std::atomic<bool> writerRuns{false};
-std::atomic<bool> readerStalled{false};
-std::atomic_flag writing = ATOMIC_FLAG_INIT;
 thread_local bool deferring = false;
 
-void writeAll(const char* text, std::size_t length) {
+/// Null when the thread's part of the queue is full.
+Line* takeLine() {
+    const auto room = static_cast<int>(deferring ? QUEUE_LINES : QUEUE_LINES_OF_OTHERS);
+    unsigned next = taken.load(std::memory_order_relaxed);
+    do {
+        // Negative when others have taken and written more meanwhile; then the exchange fails.
+        if (static_cast<int>(next - written.load(std::memory_order_acquire)) >= room) {
+            return nullptr;
+        }
+    } while (!taken.compare_exchange_weak(next, next + 1, std::memory_order_relaxed));
+    return &lines[next % QUEUE_LINES];
+}
+
+void fill(Line& line, int descriptor, const char* format, std::va_list arguments) {
+    std::va_list again;
+    va_copy(again, arguments);
+    const int wanted = std::vsnprintf(line.text, sizeof line.text, format, arguments);
+    line.descriptor = descriptor;
+    line.length = static_cast<std::size_t>(std::max(wanted, 0));
+    if (line.length >= sizeof line.text &&
+        (deferring || ::vasprintf(&line.longText, format, again) < 0)) {
+        line.longText = nullptr;
+        line.length = sizeof line.text - 1;
+        line.text[line.length - 1] = '\n';
+    }
+    va_end(again);
+}
+
+void writeAll(int descriptor, const char* text, std::size_t length) {
     while (length > 0) {
-        const ssize_t written = ::write(STDOUT_FILENO, text, length);
-        if (written > 0) {
-            text += written;
-            length -= static_cast<std::size_t>(written);
-        } else if (written < 0 && errno == EAGAIN) {
-            pollfd ready{STDOUT_FILENO, POLLOUT, 0};
-            ::poll(&ready, 1, READER_PATIENCE_MS);
-        } else if (written == 0 || errno != EINTR) {
+        const ssize_t count = ::write(descriptor, text, length);
+        if (count > 0) {
+            text += count;
+            length -= static_cast<std::size_t>(count);
+        } else if (count < 0 && errno == EAGAIN) {
+            ::usleep(FULL_PIPE_PAUSE_US);  // Not poll, which takes a terminal's last byte for room.
+        } else if (count == 0 || errno != EINTR) {
             return;  // Closed, full disc: the line is gone, the program is not.
         }
     }
 }
 
-/// Takes the turn to write. While one thread has it no other one fills the pipe, so what poll says
-/// holds for the write that follows. Polled, because a wait with a limit is wanted.
-bool takeTurn(int milliseconds) {
-    while (writing.test_and_set(std::memory_order_acquire)) {
-        if (milliseconds-- <= 0) {
-            return false;
-        }
-        ::usleep(1000);
-    }
-    return true;
+void writeLine(Line& line) {
+    writeAll(line.descriptor, line.longText != nullptr ? line.longText : line.text, line.length);
+    std::free(line.longText);
+    line.longText = nullptr;
 }
 
-void passTurn() {
-    writing.clear(std::memory_order_release);
-}
-
-/// Writes while the pipe has room, waiting for it at most `patience` milliseconds each time.
-bool writeInPieces(const char* text, std::size_t length, int patience) {
-    while (length > 0) {
-        pollfd ready{STDOUT_FILENO, POLLOUT, 0};
-        if (::poll(&ready, 1, patience) == 0) {
-            return false;
-        }
-        const std::size_t piece = std::min<std::size_t>(length, PIPE_BUF);
-        writeAll(text, piece);
-        text += piece;
-        length -= piece;
-    }
-    return true;
-}
-
-/// Writes from an ordinary thread: patient once, then not at all until the reader is back.
-void writeWhileRead(const char* text, std::size_t length) {
-    const int patience = readerStalled.load(std::memory_order_relaxed) ? 0 : READER_PATIENCE_MS;
-    bool complete = false;
-    if (takeTurn(patience)) {
-        complete = writeInPieces(text, length, patience);
-        passTurn();
-    }
-    readerStalled.store(!complete, std::memory_order_relaxed);
-    if (!complete) {
-        lost.fetch_add(1, std::memory_order_relaxed);
-    }
-}
-
-/// Writes from the writing thread, which may wait for ever.
-void writePatiently(const char* text, std::size_t length) {
-    while (!takeTurn(READER_PATIENCE_MS)) {
-    }
-    writeAll(text, length);
-    passTurn();
-}
-
-void defer(const char* format, std::va_list arguments) {
-    const unsigned head = produced.load(std::memory_order_relaxed);
-    if (head - consumed.load(std::memory_order_acquire) == DEFERRED_LINES) {
-        lost.fetch_add(1, std::memory_order_relaxed);
+void print(int descriptor, const char* format, std::va_list arguments) {
+    if (!writerRuns.load(std::memory_order_acquire)) {
+        Line line;
+        fill(line, descriptor, format, arguments);
+        writeLine(line);
         return;
     }
-    DeferredLine& line = lines[head % DEFERRED_LINES];
-    const int wanted = std::vsnprintf(line.text, sizeof line.text, format, arguments);
-    if (wanted < 0) {
-        return;
+    if (Line* const line = takeLine(); line != nullptr) {
+        fill(*line, descriptor, format, arguments);
+        line->complete.store(true, std::memory_order_release);
+    } else {
+        lost.fetch_add(1, std::memory_order_relaxed);
     }
-    line.length = static_cast<std::size_t>(wanted);
-    if (line.length >= sizeof line.text) {
-        line.length = sizeof line.text - 1;
-        line.text[line.length - 1] = '\n';
-    }
-    produced.store(head + 1, std::memory_order_release);
     ::sem_post(&wakeUp);
 }
 
-void writeNow(const char* format, std::va_list arguments) {
-    char room[1024];
-    std::va_list again;
-    va_copy(again, arguments);
-    const int wanted = std::vsnprintf(room, sizeof room, format, arguments);
-    if (wanted >= static_cast<int>(sizeof room)) {
-        std::string text(static_cast<std::size_t>(wanted) + 1, '\0');
-        std::vsnprintf(text.data(), text.size(), format, again);
-        writeWhileRead(text.data(), static_cast<std::size_t>(wanted));
-    } else if (wanted > 0) {
-        writeWhileRead(room, static_cast<std::size_t>(wanted));
-    }
-    va_end(again);
-}
-
 void reportLostLines() {
-    const unsigned count = lost.exchange(0, std::memory_order_relaxed);
+    const unsigned count = lost.load(std::memory_order_relaxed);
     if (count > 0) {
         char text[96];
         const int length = std::snprintf(
             text, sizeof text, "(%u lines lost: standard output was not read in time)\n", count);
-        writePatiently(text, static_cast<std::size_t>(length));
+        writeAll(STDOUT_FILENO, text, static_cast<std::size_t>(length));
+        lost.fetch_sub(count, std::memory_order_release);
     }
 }
 
 void* runWriter(void* /*unused*/) {
-    for (;;) {
+    for (unsigned next = 0;;) {
         while (::sem_wait(&wakeUp) != 0) {
         }
-        unsigned tail = consumed.load(std::memory_order_relaxed);
-        while (tail != produced.load(std::memory_order_acquire)) {
-            const DeferredLine& line = lines[tail % DEFERRED_LINES];
-            writePatiently(line.text, line.length);
-            consumed.store(++tail, std::memory_order_release);
+        const unsigned end = next + QUEUE_LINES;
+        while (next != end && lines[next % QUEUE_LINES].complete.load(std::memory_order_acquire)) {
+            Line& line = lines[next % QUEUE_LINES];
+            writeLine(line);
+            line.complete.store(false, std::memory_order_relaxed);
+            written.store(++next, std::memory_order_release);
         }
-        reportLostLines();
+        // Behind what stood before the loss, but not behind all that others go on printing.
+        if (next == end || next == taken.load(std::memory_order_relaxed)) {
+            reportLostLines();
+        }
     }
 }
 
@@ -179,35 +147,44 @@ void openMissingDescriptors() {
 
 void ignoreSignal(int) {}
 
+/// What was printed before an abort, such as the toolkit's without a display, may say why.
+void abortLater(int) {
+    consoleDrain();
+    ::raise(SIGABRT);
+}
+
+// Handlers, not SIG_IGN: programs that we start get the default action back.
+void handleSignal(int number, void (*handler)(int), int flags) {
+    struct sigaction action = {};
+    action.sa_handler = handler;
+    action.sa_flags = flags;
+    ::sigaction(number, &action, nullptr);
+}
+
 }  // namespace
 
 void consoleStart() {
     openMissingDescriptors();
-    // A handler, not SIG_IGN: programs that we start get the default action back.
-    struct sigaction onBrokenPipe = {};
-    onBrokenPipe.sa_handler = ignoreSignal;
-    onBrokenPipe.sa_flags = SA_RESTART;
-    ::sigaction(SIGPIPE, &onBrokenPipe, nullptr);
+    handleSignal(SIGPIPE, ignoreSignal, SA_RESTART);
+    handleSignal(SIGABRT, abortLater, SA_RESETHAND);
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     ::sem_init(&wakeUp, 0, 0);
     pthread_t writer = 0;
     const int error = ::pthread_create(&writer, nullptr, runWriter, nullptr);
     if (error != 0) {
-        std::fprintf(stderr, "Could not create console thread, err = %d\n", error);
+        consoleError("Could not create console thread, err = %d\n", error);
         return;
     }
     ::pthread_detach(writer);
     writerRuns.store(true, std::memory_order_release);
+    // The first to be registered is the last to be called.
+    static_cast<void>(std::atexit([] { consoleDrain(); }));
 }
 
 void consolePrintf(const char* format, ...) {
     std::va_list arguments;
     va_start(arguments, format);
-    if (deferring && writerRuns.load(std::memory_order_acquire)) {
-        defer(format, arguments);
-    } else {
-        writeNow(format, arguments);
-    }
+    print(STDOUT_FILENO, format, arguments);
     va_end(arguments);
 }
 
@@ -215,11 +192,23 @@ void consolePuts(const char* text) {
     consolePrintf("%s\n", text);
 }
 
+void consoleError(const char* format, ...) {
+    std::va_list arguments;
+    va_start(arguments, format);
+    print(STDERR_FILENO, format, arguments);
+    va_end(arguments);
+}
+
+void consolePerror(const char* text) {
+    char room[128];
+    consoleError("%s: %s\n", text, ::strerror_r(errno, room, sizeof room));
+}
+
 void consoleDrain(int milliseconds) {
-    for (int waited = 0;
-         waited < milliseconds && writerRuns.load(std::memory_order_acquire) &&
-         consumed.load(std::memory_order_acquire) != produced.load(std::memory_order_acquire);
-         ++waited) {
+    const unsigned goal = taken.load(std::memory_order_relaxed);
+    while ((static_cast<int>(goal - written.load(std::memory_order_acquire)) > 0 ||
+            lost.load(std::memory_order_acquire) > 0) &&
+           milliseconds-- > 0) {
         ::usleep(1000);
     }
 }

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cerrno>
 #include <csignal>
-#include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
 #include <unistd.h>
@@ -11,6 +10,8 @@
 #include <QCoreApplication>
 #include <QSocketNotifier>
 // IWYU pragma: no_include <utility>
+
+#include "app/base/console.h"
 
 namespace {
 
@@ -54,7 +55,7 @@ void onStopSignal(int number) {
 
 void installMainLoopRequests() {
     if (::pipe2(requestPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
-        std::perror("Stop signals will end the program at once: pipe2");
+        consolePerror("Stop signals will end the program at once: pipe2");
         return;
     }
     notifier = new QSocketNotifier(requestPipe[0], QSocketNotifier::Read);

@@ -5,6 +5,7 @@
 #include <new>
 #include <unistd.h>
 
+#include "app/base/console.h"
 #include "app/base/process_exit.h"
 
 namespace {
@@ -18,9 +19,9 @@ std::terminate_handler otherTermination = nullptr;
 // Without memory no exit handler can be trusted to run: only the line and the status are left.
 // Standard error may be turned off at this moment, so it goes where all lines go.
 [[noreturn]] void endProcess() {
-    static constexpr char LINE[] = "VelantrixServer: not enough memory. Quitting.\n";
     limitExit(FATAL_STATUS, READER_PATIENCE_S);
-    [[maybe_unused]] const ssize_t written = ::write(STDOUT_FILENO, LINE, sizeof LINE - 1);
+    consolePuts("VelantrixServer: not enough memory. Quitting.");
+    consoleDrain();
     ::_exit(FATAL_STATUS);
 }
 

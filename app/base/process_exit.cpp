@@ -16,7 +16,6 @@ namespace {
 
 constexpr int ANSWER_PATIENCE_MS = 3000;
 constexpr int WAIT_STEP_MS = 10;
-constexpr int DRAIN_MS = 500;
 
 std::atomic<int> statusInTheEnd{0};
 
@@ -25,7 +24,6 @@ void endNow(int /*signal*/) {
 }
 
 void silenceStandardError() {
-    std::fflush(stderr);
     const int nowhere = ::open("/dev/null", O_WRONLY);
     ::dup2(nowhere, STDERR_FILENO);
     ::close(nowhere);
@@ -53,10 +51,10 @@ void limitExit(int status, unsigned seconds) {
 
 void ExitProcess(int status) {
     limitExit(status);
+    consoleDrain();
     if (!getVerbose()) {
         silenceStandardError();
     }
-    consoleDrain(DRAIN_MS);
     if (onMainThread()) {
         prepareExit();
         std::exit(status);  // NOLINT(concurrency-mt-unsafe): the main thread's.

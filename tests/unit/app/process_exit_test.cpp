@@ -16,6 +16,7 @@
 #include "app/base/main_loop.h"
 #include "app/command_line.h"
 #include "tests/support/child_run.h"
+#include "tests/support/held_line.h"
 
 namespace {
 
@@ -191,16 +192,16 @@ TEST(ExitProcessTest, MainThreadThatNeverAnswersIsNotWaitedForForLong) {
     EXPECT_EQ(run.out, "unflushed") << "flushed once, and no exit handler has run";
 }
 
-TEST(ExitProcessTest, QueuedLinesAreWrittenFirst) {
+TEST(ExitProcessTest, WhatWasPrintedIsWrittenBeforeStandardErrorIsTurnedOff) {
     const ChildRun run = runChild([] {
+        startQuiet();
         consoleStart();
-        {
-            const ConsoleDeferral deferral;
-            consolePuts("queued");
-        }
+        const HeldLine held(50);
+        consoleError("queued\n");
         ExitProcess(-1);
     });
-    EXPECT_EQ(run.out, "queued\n");
+    EXPECT_EQ(run.out, "held\nexit on main\n");
+    EXPECT_EQ(run.err, "queued\n");
     EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
 }
 

@@ -15,6 +15,7 @@
 #include "app/base/out_of_memory.h"
 #include "tests/support/call_faults.h"
 #include "tests/support/child_run.h"
+#include "tests/support/held_line.h"
 
 namespace {
 
@@ -71,13 +72,15 @@ TEST(ScarceResources, NoMemoryForDispensableWorkIsThrownToItsOwner) {
 }
 #endif
 
-TEST(ScarceResources, NoMemoryThatALibraryThrowsEndsTheProgramWithALine) {
+TEST(ScarceResources, NoMemoryThatALibraryThrowsEndsTheProgramWithALineAfterThoseBefore) {
     const ChildRun run = runChild([]() noexcept {
+        consoleStart();
         endWhenOutOfMemory();
+        const HeldLine held(50);
         throwOne(std::bad_alloc());
     });
     EXPECT_EQ(run.status, FATAL);
-    EXPECT_EQ(run.out, "VelantrixServer: not enough memory. Quitting.\n");
+    EXPECT_EQ(run.out, "held\nVelantrixServer: not enough memory. Quitting.\n");
 }
 
 /// Gives standard output to a full pipe that nobody reads.
