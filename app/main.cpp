@@ -1,11 +1,11 @@
 #include <QApplication>
 
 #include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/command_line.h"
 #include "app/base/console.h"
 #include "app/base/main_loop.h"
 #include "app/base/out_of_memory.h"
 #include "app/base/process_exit.h"
-#include "app/command_line.h"
 #include "app/core_life.h"
 #include "gui/VelantrixServer.h"
 

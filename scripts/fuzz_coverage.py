@@ -16,7 +16,7 @@ FILES = {
     "control_message": ("stream/client_table.cpp",),
     "discovery_datagram": ("discovery/multi_host.cpp", "discovery/query.cpp"),
     "settings_file": ("gui/Settings.cpp",),
-    "start_values": ("app/command_line.cpp", "discovery/query.cpp", "update/web_address.cpp"),
+    "start_values": ("app/base/command_line.cpp", "discovery/query.cpp", "update/web_address.cpp"),
     "version_page": ("update/version_page.cpp", "update/WebIf.cpp"),
 }
 

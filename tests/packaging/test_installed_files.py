@@ -117,7 +117,7 @@ class InstalledFiles(unittest.TestCase):
             self.assertIn(command, readme)
 
     def test_server_manual_and_completions_name_every_option(self):
-        scan = (SOURCE / "app/command_line.cpp").read_text()
+        scan = (SOURCE / "app/base/command_line.cpp").read_text()
         options = set(re.findall(r'"(-[a-z]+)"', scan))
         self.assertEqual(options, set(SERVER_OPTIONS))
         for text in (self.manual("VelantrixServer"),):

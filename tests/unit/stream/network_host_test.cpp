@@ -9,8 +9,8 @@
 #include <gtest/gtest.h>
 
 #include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/command_line.h"
 #include "app/base/core_pin.h"
-#include "app/command_line.h"
 #include "stream/capture_rate.h"
 #include "stream/client_table.h"
 #include "stream/enet_mtu.h"
