@@ -24,6 +24,7 @@ bool handle(const ENetEvent& event) {
             return true;
         case ENET_EVENT_TYPE_DISCONNECT:
             handleDisconnect(event);
+            unlinkFromDispatch(*server, *event.peer);
             return true;
         case ENET_EVENT_TYPE_RECEIVE:
             handleReceive(event);

@@ -23,3 +23,13 @@ ENetPeer* findStuckPeer(ENetHost& host) {
     }
     return nullptr;
 }
+
+void unlinkFromDispatch(ENetHost& host, const ENetPeer& peer) {
+    for (ENetListIterator node = enet_list_begin(&host.dispatchQueue);
+         node != enet_list_end(&host.dispatchQueue); node = enet_list_next(node)) {
+        if (node == &peer.dispatchList) {
+            enet_list_remove(node);
+            return;
+        }
+    }
+}

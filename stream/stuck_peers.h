@@ -6,3 +6,9 @@
 /// null. Such a peer has no time-out, since those are kept with the commands: it would never be
 /// free again. Thread: capture, outside of calls of ENet. Realtime-safe: yes.
 ENetPeer* findStuckPeer(ENetHost& host);
+
+/// Takes a peer whose connection has ended out of the host's dispatch queue. ENet leaves it there
+/// when it times out in the very service call in which a message of it came; linked a second time
+/// for the next client, it would make a ring of the queue, in which ENet turns for ever.
+/// Thread: capture, outside of calls of ENet. Realtime-safe: yes.
+void unlinkFromDispatch(ENetHost& host, const ENetPeer& peer);

@@ -4,10 +4,8 @@
 
 #include <utility>
 
-#include "stream/client_table.h"
-#include "stream/network_host.h"
-#include "stream/service_step.h"
-#include "tests/fakes/live_server.h"
+#include "stream/send_path.h"
+#include "tests/unit/stream/strangers_fixture.h"
 
 namespace {
 
@@ -122,6 +120,34 @@ TEST_F(StuckPeers, ConnectingPeerIsGivenBackWithoutAWordAfterALackOfMemory) {
     EXPECT_EQ(connectCount, 0) << "it had not been counted yet";
     EXPECT_TRUE(core().statusReports.empty());
     EXPECT_EQ(printed(), "");
+}
+
+class DispatchQueue : public Strangers {};
+
+/// The acknowledgement brings to light that another command is overdue, which ENet then finds in
+/// the same service call.
+TEST_F(DispatchQueue, PeerThatTimesOutWithItsMessageQueuedIsNotLinkedAnyMore) {
+    HandMadeClient& stranger = arrive(longAgo());
+    shiftClock(std::chrono::seconds(2));
+    listenUntil([&stranger] { return !stranger.unanswered.empty(); });
+    const HandMadeClient::Command patient = stranger.unanswered.front();
+    for (int i = 0; i < 4; ++i) {
+        stranger.send(acknowledgement(CONTROL_CHANNEL, 0, stranger.serverTime) * 32);
+    }
+    pumpFor(20);
+    stranger.unanswered.clear();
+    stranger.send(reliable(1, dataRequest(1)));
+    listenUntil([] { return clientConn[0].dataRequested != 0; });
+    std::vector<char> block(wire::RAW_BUFFER_LENGTH, 'a');
+    processBuffer(block.data(), static_cast<int>(block.size()), true);
+    shiftClock(std::chrono::seconds(31));
+    stranger.send(acknowledgement(patient.channel, patient.number, patient.sentTime) +
+                  reliable(2, controlMessage(2)));
+    EXPECT_EQ(serviceHost(), 1);
+    ASSERT_EQ(connectCount, 0);
+    EXPECT_EQ(peerOf(stranger).state, ENET_PEER_STATE_DISCONNECTED);
+    ASSERT_TRUE(enet_list_empty(&server->dispatchQueue));
+    tell(connect(COMPANY | 1), controlMessage(2));
 }
 
 TEST_F(StuckPeers, ConnectedPeerWithNothingToSayIsNotStuck) {
