@@ -39,14 +39,10 @@ void showMessage(const char* text) {
     ExitProcess(-1);
 }
 
-/// Since it was last asked for. Written by whichever thread calls ENet.
-std::atomic<bool> memoryFailed{false};
-
 // ENet's own reaction to a failed allocation is abort(). Coming back makes the call fail instead,
 // and a lost packet is better than a lost server. Told once: it may happen for every packet.
 void onEnetOutOfMemory() {
     static std::atomic<bool> told{false};
-    memoryFailed.store(true, std::memory_order_relaxed);
     if (!told.exchange(true)) {
         consolePuts("Warning, not enough memory for network communication");
     }
@@ -138,11 +134,6 @@ void openAudio() {
 }
 
 }  // namespace
-
-bool takeEnetMemoryFailure() {
-    return memoryFailed.load(std::memory_order_relaxed) &&
-           memoryFailed.exchange(false, std::memory_order_relaxed);
-}
 
 void enetHost(VelantrixServerNoGUI* core) {
     // A quit that was faster than this thread has already put the everlasting core here.

@@ -34,17 +34,19 @@ bool handle(const ENetEvent& event) {
     }
 }
 
-/// After a lack of memory: gives back the peers that would wait for ever.
-void freeStuckPeers() {
-    while (ENetPeer* const peer = findStuckPeer(*server)) {
-        if (peer->state == ENET_PEER_STATE_DISCONNECTING) {
-            ENetEvent event = {};
-            event.type = ENET_EVENT_TYPE_DISCONNECT;
-            event.peer = peer;
-            handle(event);
-        }
-        enet_peer_reset(peer);
+/// Gives back a peer that ENet would keep for ever; one in each step.
+void freeStuckPeer() {
+    ENetPeer* const peer = findStuckPeer(*server);
+    if (peer == nullptr) {
+        return;
     }
+    if (peer->state >= ENET_PEER_STATE_CONNECTED) {
+        ENetEvent event = {};
+        event.type = ENET_EVENT_TYPE_DISCONNECT;
+        event.peer = peer;
+        handle(event);
+    }
+    enet_peer_reset(peer);
 }
 
 int serviceOnce() {
@@ -70,8 +72,6 @@ int serviceOnce() {
 
 int serviceHost() {
     const int result = serviceOnce();
-    if (takeEnetMemoryFailure()) {
-        freeStuckPeers();
-    }
+    freeStuckPeer();
     return result;
 }

@@ -1,5 +1,7 @@
 #include "stream/stuck_peers.h"
 
+#include <algorithm>
+
 #include "stream/enet_unsent.h"
 
 namespace {
@@ -11,17 +13,24 @@ bool awaitsAnswer(ENetPeer& peer) {
     return found;
 }
 
+bool isStuck(ENetPeer& peer) {
+    switch (peer.state) {
+        case ENET_PEER_STATE_ACKNOWLEDGING_CONNECT:
+        case ENET_PEER_STATE_DISCONNECTING:
+            return !awaitsAnswer(peer);
+        case ENET_PEER_STATE_ACKNOWLEDGING_DISCONNECT:
+            return enet_list_empty(&peer.acknowledgements);
+        default:
+            return false;
+    }
+}
+
 }  // namespace
 
 ENetPeer* findStuckPeer(ENetHost& host) {
-    for (ENetPeer* peer = host.peers; peer < host.peers + host.peerCount; ++peer) {
-        const bool mustBeAnswered = peer->state == ENET_PEER_STATE_ACKNOWLEDGING_CONNECT ||
-                                    peer->state == ENET_PEER_STATE_DISCONNECTING;
-        if (mustBeAnswered && !awaitsAnswer(*peer)) {
-            return peer;
-        }
-    }
-    return nullptr;
+    ENetPeer* const end = host.peers + host.peerCount;
+    ENetPeer* const found = std::find_if(host.peers, end, isStuck);
+    return found != end ? found : nullptr;
 }
 
 void unlinkFromDispatch(ENetHost& host, const ENetPeer& peer) {

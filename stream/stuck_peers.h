@@ -2,9 +2,11 @@
 
 #include <enet/enet.h>
 
-/// Returns a peer that waits for the answer to a command which ENet had no memory to queue, or
-/// null. Such a peer has no time-out, since those are kept with the commands: it would never be
-/// free again. Thread: capture, outside of calls of ENet. Realtime-safe: yes.
+/// Returns a peer that ENet would keep for ever, or null: one that waits for the answer to a
+/// command which ENet had no memory to queue, since time-outs are kept with the commands; or one
+/// that said good-bye and wants an acknowledgement, which ENet has no memory for, or cannot give
+/// because the good-bye names no sending time. Thread: capture, outside of calls of ENet.
+/// Realtime-safe: yes.
 ENetPeer* findStuckPeer(ENetHost& host);
 
 /// Takes a peer whose connection has ended out of the host's dispatch queue. ENet leaves it there

@@ -1,125 +1,201 @@
-// Peers for whose next command ENet had no memory.
+// Every way in which a client can leave, or cannot: its place is free again, and who had come is
+// told to have gone, once.
 
 #include "stream/stuck_peers.h"
 
-#include <utility>
+#include <cstdlib>
 
 #include "stream/send_path.h"
 #include "tests/unit/stream/strangers_fixture.h"
 
 namespace {
 
-/// Whether the service step is told of a lack of memory, once.
-bool toldLackOfMemory = false;
+constexpr int PLENTY = -1;
+int allocationsLeft = PLENTY;
 
-}  // namespace
-
-extern "C" {
-
-bool __real__Z21takeEnetMemoryFailurev();
-
-// takeEnetMemoryFailure(): the name is the linker's.
-bool __wrap__Z21takeEnetMemoryFailurev() {
-    return std::exchange(toldLackOfMemory, false) || __real__Z21takeEnetMemoryFailurev();
-}
-}
-
-namespace {
-
-class StuckPeers : public LiveServer {
-  protected:
-    static ENetPeer& peerOf(const TestClient& client) {
-        return *clientConn.at(static_cast<std::size_t>(slotOf(client))).peer;
-    }
-
-    static ENetPeer* peerThatConnects() {
-        for (ENetPeer* peer = server->peers; peer < server->peers + server->peerCount; ++peer) {
-            if (peer->state == ENET_PEER_STATE_ACKNOWLEDGING_CONNECT) {
-                return peer;
-            }
-        }
+void* scarceMalloc(std::size_t size) {
+    if (allocationsLeft == 0) {
         return nullptr;
     }
+    allocationsLeft -= allocationsLeft > 0 ? 1 : 0;
+    return std::malloc(size);
+}
 
-    /// As if there had been no memory for the peer's commands.
-    static void loseCommands(ENetPeer& peer) { enet_peer_reset_queues(&peer); }
+void endure() {}
+
+/// While one exists, ENet gets no memory after so many allocations.
+class RefusedMemory {
+  public:
+    explicit RefusedMemory(int allowed = 0) {
+        ENetCallbacks callbacks = {};
+        callbacks.malloc = scarceMalloc;
+        callbacks.free = std::free;
+        callbacks.no_memory = endure;
+        EXPECT_EQ(enet_initialize_with_callbacks(ENET_VERSION, &callbacks), 0);
+        allocationsLeft = allowed;
+    }
+    ~RefusedMemory() { allocationsLeft = PLENTY; }
+    RefusedMemory(const RefusedMemory&) = delete;
+    RefusedMemory& operator=(const RefusedMemory&) = delete;
 };
 
-TEST_F(StuckPeers, PeerWhoseAnswerIsUnderWayIsNotStuck) {
-    TestClient silent(COMPANY | 1);
-    silent.service();
-    while (peerThatConnects() == nullptr) {
-        serviceHost();
-        silent.service();
+class StuckPeers : public Strangers {
+  protected:
+    /// One that is being thrown out, and has been told so.
+    HandMadeClient& arriveAndBeThrownOut() {
+        HandMadeClient& stranger = arrive();
+        enet_peer_disconnect(&peerOf(stranger), wire::DISCONNECT_REPLACED);
+        listenUntil([&stranger] { return stranger.disconnectData.has_value(); });
+        return stranger;
     }
-    EXPECT_EQ(findStuckPeer(*server), nullptr);
-}
 
-TEST_F(StuckPeers, ConnectingPeerWithoutACommandIsStuck) {
-    TestClient silent(COMPANY | 1);
-    silent.service();
-    while (peerThatConnects() == nullptr) {
+    /// The place is given back; with one line and one report if its client had been counted.
+    void expectGone(const HandMadeClient& stranger, bool counted) {
+        listenUntil([&stranger] { return peerOf(stranger).state == ENET_PEER_STATE_DISCONNECTED; });
         serviceHost();
-        silent.service();
+        EXPECT_EQ(connectCount, others);
+        const std::string line =
+            "Client 127.0.0.1:" + std::to_string(stranger.port()) + " disconnected\n";
+        const std::string lines = printed();
+        EXPECT_EQ(lines.find(line) != std::string::npos, counted) << lines;
+        EXPECT_EQ(lines.find(line), lines.rfind(line)) << lines;
+        EXPECT_EQ(core().statusReports.size(), (counted ? 2U : 0U) + static_cast<unsigned>(others));
+        EXPECT_EQ(slotOf(connect(COMPANY | 1)), others) << "the slot is free for the next client";
     }
-    ENetPeer* const connecting = peerThatConnects();
-    loseCommands(*connecting);
-    EXPECT_EQ(findStuckPeer(*server), connecting);
+
+    std::int32_t others = 0;
+};
+
+struct Goodbye {
+    const char* name;
+    bool withTime;
+    bool wantsAcknowledgement;
+};
+
+void PrintTo(const Goodbye& way, std::ostream* out) {
+    *out << way.name;
 }
 
-TEST_F(StuckPeers, LeavingPeerWithoutACommandIsStuck) {
-    TestClient& client = connect(COMPANY | 1);
-    ENetPeer& peer = peerOf(client);
-    enet_peer_disconnect(&peer, 0);
-    EXPECT_EQ(findStuckPeer(*server), nullptr);
-    loseCommands(peer);
-    EXPECT_EQ(findStuckPeer(*server), &peer);
-    enet_peer_reset(&peer);
-    clientConn.fill(ClientSlot{});
+class WaysToLeave : public StuckPeers, public testing::WithParamInterface<Goodbye> {
+  protected:
+    static void leave(HandMadeClient& stranger) {
+        stranger.send(goodbye(GetParam().wantsAcknowledgement), GetParam().withTime);
+    }
+};
+
+TEST_P(WaysToLeave, Connected) {
+    HandMadeClient& stranger = arrive();
+    leave(stranger);
+    expectGone(stranger, true);
+    stranger.listen();
+    EXPECT_EQ(stranger.acknowledgements, GetParam().withTime && GetParam().wantsAcknowledgement);
 }
 
-TEST_F(StuckPeers, LeavingPeerIsGivenBackAsDisconnectedAfterALackOfMemory) {
-    connect(COMPANY | 1);
-    TestClient& client = connect(COMPANY | 1);
-    ENetPeer& peer = peerOf(client);
-    enet_peer_disconnect(&peer, 0);
-    loseCommands(peer);
-    printed();
-    const std::size_t reports = core().statusReports.size();
+TEST_P(WaysToLeave, WithMessagesThatWait) {
+    HandMadeClient& stranger = arrive();
+    stranger.send(reliable(1, controlMessage(2)) + reliable(2, controlMessage(2)));
+    listenUntil([&] { return !enet_list_empty(&peerOf(stranger).dispatchedCommands); });
+    leave(stranger);
+    expectGone(stranger, true);
+}
 
+TEST_P(WaysToLeave, Connecting) {
+    HandMadeClient& stranger = begin();
+    leave(stranger);
+    expectGone(stranger, false);
+}
+
+TEST_P(WaysToLeave, InTheDatagramThatCompletesTheConnection) {
+    HandMadeClient& stranger = begin();
+    stranger.send(acknowledgement(CONTROL_CHANNEL, stranger.unanswered.at(0).number,
+                                  stranger.unanswered.at(0).sentTime) +
+                      goodbye(GetParam().wantsAcknowledgement),
+                  GetParam().withTime);
+    expectGone(stranger, true);
+}
+
+TEST_P(WaysToLeave, ConnectedWhileMessagesOfAnotherWaitAndNotEnteredYet) {
+    HandMadeClient& busy = arrive();
+    others = 1;
+    HandMadeClient& stranger = begin();
+    busy.send(reliable(1, controlMessage(2)) + reliable(2, controlMessage(2)) +
+              reliable(3, controlMessage(2)));
+    EXPECT_EQ(serviceHost(), 1);
+    stranger.acknowledgeAll();
+    leave(stranger);
+    expectGone(stranger, false);
+}
+
+TEST_P(WaysToLeave, BeingThrownOut) {
+    HandMadeClient& stranger = arriveAndBeThrownOut();
+    leave(stranger);
+    expectGone(stranger, true);
+}
+
+TEST_P(WaysToLeave, WithMemoryRefused) {
+    HandMadeClient& stranger = arrive();
+    leave(stranger);
+    {
+        const RefusedMemory none;
+        serviceHost();
+    }
+    expectGone(stranger, true);
+}
+
+INSTANTIATE_TEST_SUITE_P(Goodbyes, WaysToLeave,
+                         testing::Values(Goodbye{"WithTimeToBeAcknowledged", true, true},
+                                         Goodbye{"WithTime", true, false},
+                                         Goodbye{"WithoutTimeToBeAcknowledged", false, true},
+                                         Goodbye{"WithoutTime", false, false}),
+                         [](const testing::TestParamInfo<Goodbye>& each) {
+                             return each.param.name;
+                         });
+
+TEST_F(StuckPeers, AllPlacesAreFreeAfterAsManyGoodbyesThatCannotBeAcknowledged) {
+    for (std::size_t i = 0; i < server->peerCount; ++i) {
+        arrive().send(goodbye(true), false);
+    }
+    listenUntil([] { return connectCount == 0; });
+    for (std::size_t i = 0; i < server->peerCount; ++i) {
+        arrive();
+    }
+}
+
+TEST_F(StuckPeers, ThrownOutInTheOrdinaryWay) {
+    HandMadeClient& stranger = arriveAndBeThrownOut();
+    EXPECT_EQ(findStuckPeer(*server), nullptr) << "its answer may still come";
+    stranger.acknowledgeAll();
+    expectGone(stranger, true);
+}
+
+TEST_F(StuckPeers, ThrownOutWithMemoryRefused) {
+    HandMadeClient& stranger = arrive();
+    {
+        const RefusedMemory none;
+        enet_peer_disconnect(&peerOf(stranger), wire::DISCONNECT_REPLACED);
+    }
+    expectGone(stranger, true);
+}
+
+TEST_F(StuckPeers, ConnectingWithMemoryRefused) {
+    const HandMadeClient stranger;
+    const RefusedMemory forTheAnswer(1);
     serviceHost();
-    EXPECT_EQ(peer.state, ENET_PEER_STATE_DISCONNECTING) << "nobody told of a lack of memory";
-    EXPECT_EQ(connectCount, 2);
-
-    toldLackOfMemory = true;
-    EXPECT_EQ(serviceHost(), 0);
-    EXPECT_EQ(peer.state, ENET_PEER_STATE_DISCONNECTED);
-    EXPECT_EQ(connectCount, 1);
-    EXPECT_NE(clientConn[0].peer, nullptr);
-    EXPECT_EQ(clientConn[1].peer, nullptr);
-    EXPECT_EQ(clientConn[1].protocolVersion, 0U);
-    EXPECT_EQ(core().statusReports.size(), reports + 1);
-    EXPECT_EQ(core().statusReports.back(), (StatusReport{1, std::nullopt, false}));
-    EXPECT_EQ(printed(), "Client 127.0.0.1:" + std::to_string(client.port()) + " disconnected\n");
-    EXPECT_EQ(findStuckPeer(*server), nullptr);
-    EXPECT_EQ(slotOf(connect(COMPANY | 1)), 1) << "the slot is free for the next client";
+    for (const ENetPeer* peer = server->peers; peer < server->peers + server->peerCount; ++peer) {
+        EXPECT_EQ(peer->state, ENET_PEER_STATE_DISCONNECTED);
+    }
+    EXPECT_EQ(printed(), "");
 }
 
-TEST_F(StuckPeers, ConnectingPeerIsGivenBackWithoutAWordAfterALackOfMemory) {
-    TestClient silent(COMPANY | 1);
-    silent.service();
-    while (peerThatConnects() == nullptr) {
-        serviceHost();
-        silent.service();
-    }
-    ENetPeer& connecting = *peerThatConnects();
-    loseCommands(connecting);
-    toldLackOfMemory = true;
-    EXPECT_EQ(serviceHost(), 0);
-    EXPECT_EQ(connecting.state, ENET_PEER_STATE_DISCONNECTED);
-    EXPECT_EQ(connectCount, 0) << "it had not been counted yet";
-    EXPECT_TRUE(core().statusReports.empty());
-    EXPECT_EQ(printed(), "");
+TEST_F(StuckPeers, ConnectingPeerIsNotStuckBeforeItAnswers) {
+    begin();
+    EXPECT_EQ(findStuckPeer(*server), nullptr);
+}
+
+TEST_F(StuckPeers, ConnectedPeerWithNothingToSayIsNotStuck) {
+    HandMadeClient& stranger = arrive();
+    enet_peer_reset_queues(&peerOf(stranger));
+    EXPECT_EQ(findStuckPeer(*server), nullptr);
 }
 
 class DispatchQueue : public Strangers {};
@@ -148,12 +224,6 @@ TEST_F(DispatchQueue, PeerThatTimesOutWithItsMessageQueuedIsNotLinkedAnyMore) {
     EXPECT_EQ(peerOf(stranger).state, ENET_PEER_STATE_DISCONNECTED);
     ASSERT_TRUE(enet_list_empty(&server->dispatchQueue));
     tell(connect(COMPANY | 1), controlMessage(2));
-}
-
-TEST_F(StuckPeers, ConnectedPeerWithNothingToSayIsNotStuck) {
-    TestClient& client = connect(COMPANY | 1);
-    loseCommands(peerOf(client));
-    EXPECT_EQ(findStuckPeer(*server), nullptr);
 }
 
 }  // namespace
