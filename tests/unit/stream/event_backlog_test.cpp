@@ -162,15 +162,4 @@ TEST_F(EventBacklog, OldestOfTooManyMessagesAreDroppedAndTheLastIsObeyed) {
     EXPECT_LT(std::count(lines.begin(), lines.end(), '\n'), MESSAGES);
 }
 
-TEST_F(EventBacklog, MessageOfMoreBytesThanTheBoundIsNotTaken) {
-    limitMessages(*server);
-    TestClient& client = connect(COMPANY | 1);
-    tell(client, std::vector<unsigned char>(MAX_MESSAGE_BYTES, 'x'));
-    printed();
-    client.send(std::vector<unsigned char>(MAX_MESSAGE_BYTES + 1, 'x'));
-    pumpFor(300);
-    EXPECT_EQ(printed(), "");
-    EXPECT_TRUE(enet_list_empty(&peerOf(client).channels[0].incomingReliableCommands));
-}
-
 }  // namespace
