@@ -10,12 +10,6 @@
 
 namespace {
 
-constexpr enet_uint32 SERVICE_TIMEOUT_MS = 1;
-
-void reportError() {
-    consolePuts("Error returned from service call");
-}
-
 /// False for an event of another type.
 bool handle(const ENetEvent& event) {
     switch (event.type) {
@@ -51,21 +45,11 @@ void freeStuckPeer() {
 
 int serviceOnce() {
     ENetEvent event = {};
-    const int result = enet_host_service(server, &event, SERVICE_TIMEOUT_MS);
+    const int result = nextEvent(*server, event);
     if (result < 0) {
-        reportError();
-        return result;
+        consolePuts("Error returned from service call");
     }
-    if (result == 0) {
-        return 0;
-    }
-    const bool handled = handle(event);
-    const int backlogResult = readNetworkDespiteBacklog(*server);
-    if (backlogResult < 0) {
-        reportError();
-        return backlogResult;
-    }
-    return handled ? result : 0;
+    return result > 0 && !handle(event) ? 0 : result;
 }
 
 }  // namespace

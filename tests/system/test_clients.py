@@ -263,6 +263,13 @@ class BadMessages(ClientTest):
                     self.send_and_wait(self.client, message, "Got Data request")
         self.client.wait_packets(10)
 
+    def test_message_of_a_megabyte_is_cut_like_any_other(self):
+        message = data_request(1, name="n" * (1 << 20))
+        line = self.send_and_wait(self.client, message, "Got Data request")
+        self.assertEqual(self.wait_following(line, 2)[1],
+                         "Sending compressed audio data to client 1 at rate code 1")
+        self.send_and_wait(self.client, data_request(2), "Got Data request")
+
     def test_unknown_ids_are_named(self):
         self.send_and_wait(self.client, control_message(4), "Got unrecognized message ID 4")
         self.send_and_wait(self.client, control_message(0xFFFFFFFF),
