@@ -1,7 +1,5 @@
 #include "stream/event_backlog.h"
 
-#include "stream/long_message.h"
-
 namespace {
 
 constexpr enet_uint32 SERVICE_TIMEOUT_MS = 1;
@@ -56,10 +54,6 @@ int takeEvent(ENetHost& host, ENetEvent& event) {
 void limitMessages(ENetHost& host) {
     host.maximumPacketSize = MAX_MESSAGE_BYTES;
     host.maximumWaitingData = MAX_WAITING_BYTES;
-    host.intercept = [](ENetHost* receiver, ENetEvent* /*event*/) {
-        cutLongMessages(receiver->receivedData, receiver->receivedDataLength);
-        return 0;
-    };
 }
 
 int nextEvent(ENetHost& host, ENetEvent& event) {

@@ -9,8 +9,11 @@
 constexpr std::size_t MAX_WAITING_MESSAGES = 256;
 constexpr std::size_t MAX_WAITING_BYTES = std::size_t{64} * 1024;
 
-/// Lets ENet take no more from a client than the bounds above, and keep no more than the beginning
-/// of a long message; a reliable client sends again what found no room. Thread: network.
+/// How much of a client's message is kept; control messages have less than 300 bytes.
+constexpr std::size_t MAX_MESSAGE_BYTES = std::size_t{16} * 1024;
+
+/// Lets ENet take no more from a client than the bounds above; a reliable client sends again what
+/// found no room. Thread: network.
 void limitMessages(ENetHost& host);
 
 /// Takes the next event, as enet_host_service does with a time-out of 1 ms, and reads the network

@@ -13,6 +13,7 @@
 #include "app/start_values.h"
 #include "audio/Audio.h"
 #include "stream/client_table.h"
+#include "stream/datagram_guard.h"
 #include "stream/datagram_limit.h"
 #include "stream/enet_mtu.h"
 #include "stream/event_backlog.h"
@@ -122,6 +123,7 @@ void createHost() {
         consolePrintf("Warning, could not limit the length of datagrams, err = %d\n", errno);
     }
     limitMessages(*server);
+    guardDatagrams(*server);
 }
 
 void openAudio() {

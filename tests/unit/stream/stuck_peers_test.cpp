@@ -3,41 +3,11 @@
 
 #include "stream/stuck_peers.h"
 
-#include <cstdlib>
-
 #include "stream/send_path.h"
+#include "tests/fakes/enet_memory.h"
 #include "tests/unit/stream/strangers_fixture.h"
 
 namespace {
-
-constexpr int PLENTY = -1;
-int allocationsLeft = PLENTY;
-
-void* scarceMalloc(std::size_t size) {
-    if (allocationsLeft == 0) {
-        return nullptr;
-    }
-    allocationsLeft -= allocationsLeft > 0 ? 1 : 0;
-    return std::malloc(size);
-}
-
-void endure() {}
-
-/// While one exists, ENet gets no memory after so many allocations.
-class RefusedMemory {
-  public:
-    explicit RefusedMemory(int allowed = 0) {
-        ENetCallbacks callbacks = {};
-        callbacks.malloc = scarceMalloc;
-        callbacks.free = std::free;
-        callbacks.no_memory = endure;
-        EXPECT_EQ(enet_initialize_with_callbacks(ENET_VERSION, &callbacks), 0);
-        allocationsLeft = allowed;
-    }
-    ~RefusedMemory() { allocationsLeft = PLENTY; }
-    RefusedMemory(const RefusedMemory&) = delete;
-    RefusedMemory& operator=(const RefusedMemory&) = delete;
-};
 
 class StuckPeers : public Strangers {
   protected:
