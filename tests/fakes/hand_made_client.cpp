@@ -119,7 +119,7 @@ Bytes unreliableFragment(std::uint16_t reliableNumber, const Fragment& fragment)
     return fragmentOf(ENET_PROTOCOL_COMMAND_SEND_UNRELIABLE_FRAGMENT, reliableNumber, fragment);
 }
 
-HandMadeClient::HandMadeClient(std::uint32_t connectData)
+HandMadeClient::HandMadeClient(std::uint32_t connectData, const Bytes& more)
     : socket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
     sockaddr_in address = {};
     address.sin_family = AF_INET;
@@ -128,7 +128,7 @@ HandMadeClient::HandMadeClient(std::uint32_t connectData)
     EXPECT_EQ(::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
     const Bytes datagram =
         u16(ENET_PROTOCOL_MAXIMUM_PEER_ID | ENET_PROTOCOL_HEADER_FLAG_SENT_TIME) + u16(0) +
-        connectCommand(connectData);
+        connectCommand(connectData) + more;
     EXPECT_EQ(::send(socket, datagram.data(), datagram.size(), 0),
               static_cast<ssize_t>(datagram.size()));
 }

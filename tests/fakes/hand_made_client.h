@@ -41,7 +41,9 @@ Bytes operator*(const Bytes& command, int times);
 /// wants kept. It says nothing by itself but its first word, the wish to connect.
 class HandMadeClient {
   public:
-    explicit HandMadeClient(std::uint32_t connectData = wire::CONNECT_MULTI_CLIENT | 1);
+    /// `more`: commands in the datagram of that word.
+    explicit HandMadeClient(std::uint32_t connectData = wire::CONNECT_MULTI_CLIENT | 1,
+                            const Bytes& more = {});
     ~HandMadeClient();
     HandMadeClient(const HandMadeClient&) = delete;
     HandMadeClient& operator=(const HandMadeClient&) = delete;

@@ -20,8 +20,8 @@ class Strangers : public LiveServer {
     }
 
     /// One whose wish to connect the server has answered.
-    HandMadeClient& begin(std::uint32_t connectData = COMPANY | 1) {
-        strangers.push_back(std::make_unique<HandMadeClient>(connectData));
+    HandMadeClient& begin(const Bytes& more = {}) {
+        strangers.push_back(std::make_unique<HandMadeClient>(COMPANY | 1, more));
         HandMadeClient& stranger = *strangers.back();
         listenUntil([&stranger] { return stranger.peerId.has_value(); });
         return stranger;
@@ -45,6 +45,19 @@ class Strangers : public LiveServer {
             }
             return done();
         });
+    }
+
+    /// Lets the clock run faster while the server works, once for each 100 ms.
+    void letTimePass(std::chrono::milliseconds time, const std::function<void()>& meanwhile) {
+        constexpr std::chrono::milliseconds STEP{100};
+        for (std::chrono::milliseconds passed{0}; passed < time; passed += STEP) {
+            shiftClock(STEP);
+            serviceHost();
+            for (const auto& stranger : strangers) {
+                stranger->listen();
+            }
+            meanwhile();
+        }
     }
 
     /// A sending time as long ago as an acknowledgement can name it: 32 s at least.

@@ -168,6 +168,80 @@ TEST_F(StuckPeers, ConnectedPeerWithNothingToSayIsNotStuck) {
     EXPECT_EQ(findStuckPeer(*server), nullptr);
 }
 
+/// What SECURITY.md promises, and a little more.
+constexpr std::chrono::seconds PATIENCE{42};
+
+/// Clients that fall silent after an acknowledgement that names a time long ago.
+class Silence : public StuckPeers {
+  protected:
+    void expectGoneInTime(const HandMadeClient& stranger, bool counted) {
+        letTimePass(PATIENCE, [] { sendBlock(); });
+        EXPECT_EQ(peerOf(stranger).state, ENET_PEER_STATE_DISCONNECTED);
+        expectGone(stranger, counted);
+    }
+
+    static void sendBlock() {
+        std::vector<char> block(wire::RAW_BUFFER_LENGTH, 'a');
+        processBuffer(block.data(), static_cast<int>(block.size()), true);
+    }
+};
+
+TEST_F(Silence, OfAConnectedClientEnds) {
+    expectGoneInTime(arrive(longAgo()), true);
+}
+
+TEST_F(Silence, OfAClientThatHearsEnds) {
+    for (const std::uint32_t reliably : {0U, 1U}) {
+        HandMadeClient& stranger = arrive(longAgo());
+        stranger.send(reliable(1, dataRequest(reliably)));
+        listenUntil([] { return clientConn[0].dataRequested != 0; });
+        letTimePass(PATIENCE, [] { sendBlock(); });
+        EXPECT_EQ(peerOf(stranger).state, ENET_PEER_STATE_DISCONNECTED);
+        EXPECT_EQ(connectCount, 0);
+    }
+}
+
+TEST_F(Silence, OfAClientThatSendsMessagesEnds) {
+    HandMadeClient& stranger = arrive(longAgo());
+    std::uint16_t number = 0;
+    letTimePass(PATIENCE, [&] {
+        ++number;
+        stranger.send(reliable(number, controlMessage(2)) + unsequenced(number, controlMessage(3)));
+    });
+    EXPECT_EQ(connectCount, 0);
+}
+
+TEST_F(Silence, OfAClientThatConnectsEnds) {
+    expectGoneInTime(begin(acknowledgement(CONTROL_CHANNEL, 0, longAgo())), false);
+}
+
+TEST_F(Silence, OfAClientThatIsThrownOutEnds) {
+    HandMadeClient& stranger = arrive(longAgo());
+    enet_peer_disconnect(&peerOf(stranger), wire::DISCONNECT_REPLACED);
+    expectGoneInTime(stranger, true);
+}
+
+TEST_F(Silence, IsNotWhatAnswersLate) {
+    HandMadeClient& stranger = begin();
+    constexpr std::size_t STEPS = 80;  // Of letTimePass.
+    std::vector<std::vector<HandMadeClient::Command>> underWay(STEPS);
+    std::size_t step = 0;
+    letTimePass(std::chrono::minutes(3), [&] {
+        std::vector<HandMadeClient::Command>& due = underWay[++step % STEPS];
+        std::swap(due, stranger.unanswered);
+        stranger.acknowledgeAll();
+    });
+    EXPECT_EQ(connectCount, 1);
+}
+
+TEST_F(Silence, IsNotThatOfTheServerItself) {
+    HandMadeClient& stranger = arrive();
+    shiftClock(std::chrono::minutes(2));
+    pumpFor(20);
+    EXPECT_EQ(connectCount, 1);
+    EXPECT_EQ(peerOf(stranger).state, ENET_PEER_STATE_CONNECTED);
+}
+
 class DispatchQueue : public Strangers {};
 
 /// The acknowledgement brings to light that another command is overdue, which ENet then finds in
