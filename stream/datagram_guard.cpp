@@ -106,6 +106,13 @@ bool isFull(const ENetList& list) {
     return waiting == MAX_EARLY_COMMANDS;
 }
 
+/// Only a server sends VERIFY_CONNECT, to whom it takes for its client: forged connects would let
+/// two servers hear each other for ever. ENet sees a good-bye in its place.
+std::size_t turnIntoGoodbye(enet_uint8* verifyConnect) {
+    *verifyConnect = ENET_PROTOCOL_COMMAND_DISCONNECT;
+    return sizeof(ENetProtocolDisconnect);
+}
+
 /// The client that a datagram names, and whether it has room.
 class Sender {
   public:
@@ -162,6 +169,9 @@ std::size_t permittedLength(const ENetHost& host) {
         }
         if (count == MAX_DATAGRAM_COMMANDS) {
             return 0;
+        }
+        if (type == ENET_PROTOCOL_COMMAND_VERIFY_CONNECT) {
+            return at + turnIntoGoodbye(command);
         }
         if (isFragment(type)) {
             cutLongMessage(command);

@@ -1,6 +1,7 @@
 #include "tests/fakes/hand_made_client.h"
 
 #include <arpa/inet.h>
+#include <netinet/udp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -51,6 +52,14 @@ std::size_t sizeOf(const Bytes& datagram, std::size_t at) {
         default:
             return size;
     }
+}
+
+sockaddr_in loopback(std::uint16_t port) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(port);
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    return address;
 }
 
 }  // namespace
@@ -119,13 +128,22 @@ Bytes unreliableFragment(std::uint16_t reliableNumber, const Fragment& fragment)
     return fragmentOf(ENET_PROTOCOL_COMMAND_SEND_UNRELIABLE_FRAGMENT, reliableNumber, fragment);
 }
 
+void sendForged(std::uint16_t from, std::uint16_t to, std::uint16_t peerId, const Bytes& commands) {
+    const int raw = ::socket(AF_INET, SOCK_RAW | SOCK_CLOEXEC, IPPROTO_UDP);
+    const Bytes payload = u16(peerId | ENET_PROTOCOL_HEADER_FLAG_SENT_TIME) + u16(0) + commands;
+    const auto length = static_cast<unsigned>(sizeof(udphdr) + payload.size());
+    const Bytes datagram = u16(from) + u16(to) + u16(length) + u16(0) + payload;  // No checksum.
+    const sockaddr_in address = loopback(0);
+    EXPECT_EQ(::sendto(raw, datagram.data(), datagram.size(), 0,
+                       reinterpret_cast<const sockaddr*>(&address), sizeof address),
+              static_cast<ssize_t>(datagram.size()));
+    ::close(raw);
+}
+
 HandMadeClient::HandMadeClient(std::uint32_t connectData, const Bytes& more)
     : socket(::socket(AF_INET, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0)) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_port = htons(wire::DEFAULT_SERVER_PORT);
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    EXPECT_EQ(::connect(socket, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    const sockaddr_in address = loopback(wire::DEFAULT_SERVER_PORT);
+    EXPECT_EQ(::connect(socket, reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
     const Bytes datagram =
         u16(ENET_PROTOCOL_MAXIMUM_PEER_ID | ENET_PROTOCOL_HEADER_FLAG_SENT_TIME) + u16(0) +
         connectCommand(connectData) + more;

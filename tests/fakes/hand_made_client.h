@@ -34,6 +34,10 @@ struct Fragment {
 Bytes reliableFragment(const Fragment& fragment);
 Bytes unreliableFragment(std::uint16_t reliableNumber, const Fragment& fragment);
 
+/// Sends to a port of 127.0.0.1 a datagram to nobody's peer, or to a peer, as if it came from
+/// another port there. Needs the rights of the network namespace.
+void sendForged(std::uint16_t from, std::uint16_t to, std::uint16_t peerId, const Bytes& commands);
+
 Bytes operator+(Bytes left, const Bytes& right);
 Bytes operator*(const Bytes& command, int times);
 

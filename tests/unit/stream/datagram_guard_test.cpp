@@ -181,4 +181,55 @@ TEST_F(DatagramGuard, RealClientLosesNoMessageOfABurstThatBeganWithALoss) {
     EXPECT_EQ(connectCount, 1);
 }
 
+struct DestroyHost {
+    void operator()(ENetHost* host) const { enet_host_destroy(host); }
+};
+
+/// A server of another make in the same network.
+class TwoServers : public Strangers {
+  protected:
+    TwoServers() {
+        ENetAddress address = {ENET_HOST_ANY, OTHER};
+        other.reset(enet_host_create(&address, 4, 2, 0, 0));
+    }
+
+    void SetUp() override {
+        Strangers::SetUp();
+        ASSERT_NE(other, nullptr);
+    }
+
+    /// The other one may hear, and both may answer.
+    void talk() {
+        ENetEvent event = {};
+        enet_host_service(other.get(), &event, 0);
+        serviceHost();
+    }
+
+    static constexpr std::uint16_t OURS = wire::DEFAULT_SERVER_PORT;
+    static constexpr std::uint16_t OTHER = OURS + 10;
+    std::unique_ptr<ENetHost, DestroyHost> other;
+};
+
+TEST_F(TwoServers, AreNotTiedTogetherByForgedConnects) {
+    const Bytes answer = acknowledgement(CONTROL_CHANNEL, 1, 0);
+    sendForged(OTHER, OURS, ENET_PROTOCOL_MAXIMUM_PEER_ID, connectCommand(COMPANY | 1));
+    talk();
+    sendForged(OTHER, OURS, 0, answer);
+    talk();
+    ASSERT_EQ(connectCount, 1);
+    sendForged(OURS, OTHER, ENET_PROTOCOL_MAXIMUM_PEER_ID, connectCommand(COMPANY | 1));
+    sendForged(OURS, OTHER, 0, answer);
+    letTimePass(std::chrono::minutes(1), [this] { talk(); });
+    EXPECT_EQ(connectCount, 0);
+}
+
+TEST_F(TwoServers, NobodyIsTiedToItself) {
+    sendForged(OURS, OURS, ENET_PROTOCOL_MAXIMUM_PEER_ID, connectCommand(COMPANY | 1));
+    pumpFor(5);
+    sendForged(OURS, OURS, 0, acknowledgement(CONTROL_CHANNEL, 1, 0));
+    letTimePass(std::chrono::minutes(1), [] {});
+    EXPECT_EQ(connectCount, 0);
+    EXPECT_EQ(server->peers[0].state, ENET_PEER_STATE_DISCONNECTED);
+}
+
 }  // namespace

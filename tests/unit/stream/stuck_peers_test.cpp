@@ -131,6 +131,19 @@ TEST_F(StuckPeers, AllPlacesAreFreeAfterAsManyGoodbyesThatCannotBeAcknowledged) 
     }
 }
 
+TEST_F(StuckPeers, ConnectingPeerThatAnswersAsAServerIsNoClient) {
+    HandMadeClient& stranger = begin();
+    stranger.send(verifyConnectCommand());
+    expectGone(stranger, false);
+}
+
+TEST_F(StuckPeers, ConnectedPeerThatAnswersAsAServerIsNoClient) {
+    HandMadeClient& stranger = arrive();
+    stranger.send(verifyConnectCommand() + reliable(1, controlMessage(2)));
+    expectGone(stranger, true);
+    EXPECT_EQ(stranger.acknowledgements, 0);
+}
+
 TEST_F(StuckPeers, ThrownOutInTheOrdinaryWay) {
     HandMadeClient& stranger = arriveAndBeThrownOut();
     EXPECT_EQ(findStuckPeer(*server), nullptr) << "its answer may still come";
