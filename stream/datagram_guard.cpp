@@ -152,8 +152,9 @@ class Sender {
 /// How much of the received datagram ENet may read; 0: nothing.
 std::size_t permittedLength(const ENetHost& host) {
     const std::size_t length = host.receivedDataLength;
-    if (length < PEER_ID_LENGTH) {
-        return length;
+    const bool canBeAnswered = host.receivedAddress.port != 0;
+    if (length < PEER_ID_LENGTH || !canBeAnswered) {
+        return 0;
     }
     const unsigned peerWord = readU16(host.receivedData);
     Sender sender(host, peerWord);

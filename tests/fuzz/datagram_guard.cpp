@@ -11,6 +11,7 @@ namespace {
 void guard(std::vector<unsigned char>& datagram) {
     static ENetHost host = {};
     guardDatagrams(host);
+    host.receivedAddress.port = 1;
     host.receivedData = datagram.data();
     host.receivedDataLength = datagram.size();
     host.intercept(&host, nullptr);

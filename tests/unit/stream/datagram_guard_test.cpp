@@ -181,6 +181,16 @@ TEST_F(DatagramGuard, RealClientLosesNoMessageOfABurstThatBeganWithALoss) {
     EXPECT_EQ(connectCount, 1);
 }
 
+TEST_F(DatagramGuard, NobodyIsAtPortZero) {
+    for (int i = 0; i < 20; ++i) {
+        sendForged(0, wire::DEFAULT_SERVER_PORT, ENET_PROTOCOL_MAXIMUM_PEER_ID,
+                   connectCommand(COMPANY | 1));
+        pumpFor(1);
+        EXPECT_EQ(server->peers[0].state, ENET_PEER_STATE_DISCONNECTED);
+    }
+    EXPECT_EQ(printed(), "");
+}
+
 struct DestroyHost {
     void operator()(ENetHost* host) const { enet_host_destroy(host); }
 };

@@ -64,6 +64,7 @@ TEST_F(LongMessage, JustOverTheBoundIsObeyed) {
 void guard(std::vector<unsigned char>& datagram) {
     static ENetHost host = {};
     guardDatagrams(host);
+    host.receivedAddress.port = 1;
     host.receivedData = datagram.data();
     host.receivedDataLength = datagram.size();
     host.intercept(&host, nullptr);
@@ -172,7 +173,6 @@ INSTANTIATE_TEST_SUITE_P(LongMessage, LongMessagePiece,
 TEST(LongMessageDatagram, PieceBehindCommandsOfEveryKindIsFound) {
     Datagram datagram(true);
     datagram.addCommand(1, sizeof(ENetProtocolAcknowledge), 0);
-    datagram.addCommand(3, sizeof(ENetProtocolVerifyConnect), 0);
     datagram.addCommand(4, sizeof(ENetProtocolDisconnect), 0);
     datagram.addCommand(5, sizeof(ENetProtocolPing), 0);
     datagram.addCommand(6, sizeof(ENetProtocolSendReliable), 4);
