@@ -18,6 +18,7 @@
 #include "stream/event_backlog.h"
 #include "stream/opus_bank.h"
 #include "stream/report_target.h"
+#include "stream/vanished_peer.h"
 #include "stream/wire_format.h"
 
 ENetHost* server = nullptr;
@@ -126,6 +127,7 @@ void createHost() {
         consolePrintf("Warning, could not limit the length of datagrams, err = %d\n", errno);
     }
     limitMessages(*server);
+    enlargeSendBuffer(*server);
 }
 
 void openAudio() {
