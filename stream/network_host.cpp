@@ -19,6 +19,7 @@
 #include "stream/event_backlog.h"
 #include "stream/opus_bank.h"
 #include "stream/report_target.h"
+#include "stream/vanished_peer.h"
 #include "stream/wire_format.h"
 
 ENetHost* server = nullptr;
@@ -124,6 +125,7 @@ void createHost() {
     }
     limitMessages(*server);
     guardDatagrams(*server);
+    enlargeSendBuffer(*server);
 }
 
 void openAudio() {

@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include <enet/time.h>
-
 #include "stream/enet_unsent.h"
 
 namespace {
@@ -15,23 +13,17 @@ bool awaitsAnswer(ENetPeer& peer) {
     return found;
 }
 
-/// Since when there was something to acknowledge and nothing was; 0: there is nothing.
-enet_uint32 silentSince(const ENetPeer& peer) {
-    enet_uint32 since = peer.earliestTimeout;  // Of what was sent more than once.
-    if (since == 0 &&
-        peer.sentReliableCommands.sentinel.next != &peer.sentReliableCommands.sentinel) {
-        since =
-            reinterpret_cast<const ENetOutgoingCommand*>(peer.sentReliableCommands.sentinel.next)
-                ->sentTime;
+/// Whether nothing has been acknowledged for too long though there was something to acknowledge.
+bool isSilent(ENetPeer& peer) {
+    enet_uint32 since = peer.earliestTimeout;  // Of what has had to be sent again.
+    if (since == 0) {
+        if (enet_list_empty(&peer.sentReliableCommands)) {
+            return false;
+        }
+        since = static_cast<ENetOutgoingCommand*>(enet_list_front(&peer.sentReliableCommands))
+                    ->sentTime;
     }
-    const bool answeredSince =
-        peer.lastReceiveTime != 0 && since != 0 && ENET_TIME_LESS(since, peer.lastReceiveTime);
-    return answeredSince ? peer.lastReceiveTime : since;
-}
-
-bool isSilent(const ENetPeer& peer) {
-    const enet_uint32 since = silentSince(peer);
-    return since != 0 && ENET_TIME_DIFFERENCE(peer.host->serviceTime, since) >= LONGEST_SILENCE_MS;
+    return peer.host->serviceTime - since >= LONGEST_SILENCE_MS;
 }
 
 bool isStuck(ENetPeer& peer) {
