@@ -20,10 +20,9 @@
 #include "stream/enet_mtu.h"
 #include "stream/event_backlog.h"
 #include "stream/opus_bank.h"
+#include "stream/service_step.h"
 #include "stream/vanished_peer.h"
 #include "stream/wire_format.h"
-
-ENetHost* server = nullptr;
 
 namespace {
 

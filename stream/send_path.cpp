@@ -10,7 +10,6 @@
 #include "stream/capture_rate.h"
 #include "stream/client_table.h"
 #include "stream/enet_clock.h"
-#include "stream/network_host.h"
 #include "stream/opus_bank.h"
 #include "stream/queue_trim.h"
 #include "stream/service_step.h"

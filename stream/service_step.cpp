@@ -5,8 +5,9 @@
 #include "app/base/console.h"
 #include "stream/client_table.h"
 #include "stream/event_backlog.h"
-#include "stream/network_host.h"
 #include "stream/stuck_peers.h"
+
+ENetHost* server = nullptr;
 
 namespace {
 

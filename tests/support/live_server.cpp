@@ -12,7 +12,6 @@
 #include "stream/datagram_guard.h"
 #include "stream/enet_mtu.h"
 #include "stream/event_backlog.h"
-#include "stream/network_host.h"
 #include "stream/opus_bank.h"
 #include "stream/send_path.h"
 #include "stream/service_step.h"

@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <ctime>
 
-#include "stream/network_host.h"
 #include "stream/service_step.h"
 #include "tests/support/call_faults.h"
 #include "tests/support/live_server.h"

@@ -7,7 +7,6 @@
 #include <vector>
 
 #include "stream/client_table.h"
-#include "stream/network_host.h"
 #include "stream/send_path.h"
 #include "stream/service_step.h"
 #include "tests/support/call_faults.h"

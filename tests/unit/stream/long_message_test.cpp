@@ -8,7 +8,7 @@
 #include "stream/client_table.h"
 #include "stream/datagram_guard.h"
 #include "stream/event_backlog.h"
-#include "stream/network_host.h"
+#include "stream/service_step.h"
 #include "tests/support/call_faults.h"
 #include "tests/support/live_server.h"
 

@@ -16,6 +16,7 @@
 #include "stream/client_table.h"
 #include "stream/enet_mtu.h"
 #include "stream/opus_bank.h"
+#include "stream/service_step.h"
 #include "tests/support/call_faults.h"
 #include "tests/support/child_run.h"
 #include "tests/support/fake_portaudio.h"

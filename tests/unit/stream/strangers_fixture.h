@@ -5,7 +5,6 @@
 #include <vector>
 
 #include "stream/client_table.h"
-#include "stream/network_host.h"
 #include "stream/service_step.h"
 #include "tests/support/hand_made_client.h"
 #include "tests/support/live_server.h"

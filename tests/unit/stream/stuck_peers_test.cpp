@@ -6,7 +6,6 @@
 #include <utility>
 
 #include "stream/client_table.h"
-#include "stream/network_host.h"
 #include "stream/send_path.h"
 #include "stream/service_step.h"
 #include "tests/support/enet_memory.h"

@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "stream/client_table.h"
-#include "stream/network_host.h"
+#include "stream/service_step.h"
 #include "tests/support/call_faults.h"
 #include "tests/unit/stream/send_path_fixture.h"
 
