@@ -1,3 +1,5 @@
+#include <memory>
+
 #include <QApplication>
 
 #include "app/base/VelantrixServerNoGUI.h"
@@ -27,8 +29,19 @@ int runEventLoop() {
     return result;
 }
 
+/// The "offscreen" platform is left as it is: when it is destroyed it first reads all fonts, and
+/// where memory is short the font library crashes then.
+struct DestroyUnlessOffscreen {
+    void operator()(const QApplication* application) const {
+        if (QGuiApplication::platformName() != QLatin1String("offscreen")) {
+            delete application;
+        }
+    }
+};
+
 int runHeadless(int& argc, char** argv) {
-    const QApplication application(argc, argv, 0);
+    const std::unique_ptr<const QApplication, DestroyUnlessOffscreen> application(
+        new QApplication(argc, argv, 0));
     VelantrixServerNoGUI::GetIPAddress();
     installMainLoopRequests();
     int result = 0;

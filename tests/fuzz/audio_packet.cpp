@@ -4,6 +4,7 @@
 
 #include "listen/audio_packet.h"
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 

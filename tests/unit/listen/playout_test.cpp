@@ -1,5 +1,6 @@
 #include "listen/playout.h"
 
+#include <algorithm>
 #include <iostream>
 
 #include <gtest/gtest.h>

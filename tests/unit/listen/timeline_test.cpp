@@ -1,5 +1,7 @@
 #include "listen/timeline.h"
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
 #include "tests/unit/listen/packets.h"
