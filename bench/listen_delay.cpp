@@ -26,9 +26,9 @@
 #include <enet/enet.h>
 
 #include "listen/clock.h"
-#include "listen/playout.h"
-#include "listen/priority.h"
-#include "listen/receiver.h"
+#include "listen/device/priority.h"
+#include "listen/network/receiver.h"
+#include "listen/playout/playout.h"
 
 namespace {
 

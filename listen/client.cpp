@@ -4,11 +4,11 @@
 #include <memory>
 #include <optional>
 
-#include "listen/audio_packet.h"
 #include "listen/background.h"
 #include "listen/clock.h"
 #include "listen/command_line.h"
-#include "listen/pcm_sink.h"
+#include "listen/network/audio_packet.h"
+#include "listen/sinks/pcm_sink.h"
 #include "listen/stop_request.h"
 #include "stream/wire_format.h"
 

@@ -8,15 +8,15 @@
 
 #include <enet/enet.h>
 
+#include "listen/console/reporter.h"
+#include "listen/console/statistics.h"
 #include "listen/find_server.h"
+#include "listen/network/receiver.h"
+#include "listen/network/sequence_tracker.h"
 #include "listen/options.h"
 #include "listen/outputs.h"
-#include "listen/pcm_sink.h"
-#include "listen/receiver.h"
-#include "listen/reporter.h"
 #include "listen/retry_pause.h"
-#include "listen/sequence_tracker.h"
-#include "listen/statistics.h"
+#include "listen/sinks/pcm_sink.h"
 
 namespace vxlisten {
 

@@ -11,9 +11,9 @@
 
 #include <CLI/CLI.hpp>
 
-#include "listen/delay_target.h"
-#include "listen/receiver.h"
-#include "listen/recorder.h"
+#include "listen/network/receiver.h"
+#include "listen/playout/delay_target.h"
+#include "listen/sinks/recorder.h"
 #include "stream/wire_format.h"
 
 namespace vxlisten {

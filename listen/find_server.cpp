@@ -8,8 +8,8 @@
 #include <vector>
 
 #include "listen/command_line.h"
-#include "listen/discovery_client.h"
-#include "listen/receiver.h"
+#include "listen/network/discovery_client.h"
+#include "listen/network/receiver.h"
 #include "stream/wire_format.h"
 
 namespace vxlisten {

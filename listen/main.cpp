@@ -4,10 +4,10 @@
 #include <string>
 #include <vector>
 
-#include "listen/audio_output.h"
 #include "listen/background.h"
 #include "listen/client.h"
 #include "listen/command_line.h"
+#include "listen/device/audio_output.h"
 #include "listen/find_server.h"
 #include "listen/options.h"
 #include "listen/stop_request.h"

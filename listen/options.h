@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "listen/receiver.h"
+#include "listen/network/receiver.h"
 #include "stream/wire_format.h"
 
 namespace vxlisten {

@@ -4,16 +4,16 @@
 #include <memory>
 #include <string>
 
-#include "listen/audio_packet.h"
-#include "listen/level_meter.h"
+#include "listen/audio/level_meter.h"
+#include "listen/console/statistics.h"
+#include "listen/device/sound_keeper.h"
+#include "listen/network/audio_packet.h"
+#include "listen/network/sequence_tracker.h"
 #include "listen/options.h"
-#include "listen/pcm_sink.h"
-#include "listen/pipe_sink.h"
-#include "listen/recorder.h"
-#include "listen/sequence_tracker.h"
-#include "listen/sound_keeper.h"
-#include "listen/statistics.h"
-#include "listen/timeline.h"
+#include "listen/sinks/pcm_sink.h"
+#include "listen/sinks/pipe_sink.h"
+#include "listen/sinks/recorder.h"
+#include "listen/sinks/timeline.h"
 
 namespace vxlisten {
 

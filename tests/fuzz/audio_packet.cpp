@@ -2,17 +2,17 @@
 // row of packets at any time. An input is a row of packets, each with three bytes before it: the
 // milliseconds since the last packet, and twice a part of its length (see lengthOf).
 
-#include "listen/audio_packet.h"
+#include "listen/network/audio_packet.h"
 
 #include <cmath>
 #include <memory>
 
-#include "listen/delay_target.h"
-#include "listen/drift_control.h"
-#include "listen/pcm_sink.h"
-#include "listen/playout.h"
-#include "listen/sequence_tracker.h"
-#include "listen/timeline.h"
+#include "listen/network/sequence_tracker.h"
+#include "listen/playout/delay_target.h"
+#include "listen/playout/drift_control.h"
+#include "listen/playout/playout.h"
+#include "listen/sinks/pcm_sink.h"
+#include "listen/sinks/timeline.h"
 #include "tests/fuzz/fuzz_input.h"
 
 namespace {

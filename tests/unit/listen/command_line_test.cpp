@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "listen/console/statistics.h"
 #include "listen/retry_pause.h"
-#include "listen/statistics.h"
 #include "listen/utf8.h"
 
 using vxlisten::CommandLine;

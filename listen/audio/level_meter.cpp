@@ -1,0 +1,52 @@
+#include "listen/audio/level_meter.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdlib>
+
+namespace vxlisten {
+
+namespace {
+
+constexpr double FULL_SCALE = 32768.0;
+
+double toDbfs(double value) {
+    return value > 0 ? std::max(SILENCE_DBFS, 20.0 * std::log10(value / FULL_SCALE)) : SILENCE_DBFS;
+}
+
+double rootMean(double squares, std::uint64_t count) {
+    return count > 0 ? std::sqrt(squares / static_cast<double>(count)) : 0.0;
+}
+
+}  // namespace
+
+void LevelMeter::add(const std::int16_t* frames, std::size_t count) {
+    for (std::size_t i = 0; i < count * CHANNELS; ++i) {
+        const int value = frames[i];
+        peak_[i % CHANNELS] = std::max(peak_[i % CHANNELS], std::abs(value));
+        squares_[i % CHANNELS] += static_cast<double>(value) * value;
+    }
+    frames_ += count;
+}
+
+double LevelMeter::peakDbfs(std::size_t channel) const {
+    return toDbfs(peak_[channel]);
+}
+
+double LevelMeter::rmsDbfs(std::size_t channel) const {
+    return toDbfs(rootMean(squares_[channel], frames_));
+}
+
+double LevelMeter::peakDbfs() const {
+    return toDbfs(peak());
+}
+
+double LevelMeter::rmsDbfs() const {
+    return toDbfs(rootMean(squares_[0] + squares_[1], frames_ * CHANNELS));
+}
+
+int LevelMeter::peak() const {
+    return std::max(peak_[0], peak_[1]);
+}
+
+}  // namespace vxlisten

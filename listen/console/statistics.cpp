@@ -1,0 +1,174 @@
+#include "listen/console/statistics.h"
+
+#include <algorithm>
+#include <cmath>
+#include <cstdio>
+
+#include "listen/utf8.h"
+#include "stream/wire_format.h"
+
+namespace vxlisten {
+
+namespace {
+
+/// Text of a number with `decimals` digits after the point, whatever the locale.
+std::string number(double value, int decimals) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.*f", decimals, value);
+    return text;
+}
+
+std::string number(std::uint64_t value) {
+    return std::to_string(value);
+}
+
+/// What may steer a terminal is escaped; a byte that is no UTF-8 as the character of its number.
+std::string quoted(const std::string& text) {
+    std::string result = "\"";
+    std::size_t at = 0;
+    while (at < text.size()) {
+        const std::size_t length = std::max<std::size_t>(1, characterLength(text, at));
+        if (steersTerminal(text, at, length)) {
+            // Of U+0080 to U+009F the second byte is the number.
+            char escape[8];
+            std::snprintf(escape, sizeof escape, "\\u%04x",
+                          static_cast<unsigned>(static_cast<unsigned char>(text[at + length - 1])));
+            result += escape;
+        } else {
+            result += text[at] == '"' || text[at] == '\\' ? "\\" : "";
+            result.append(text, at, length);
+        }
+        at += length;
+    }
+    return result + '"';
+}
+
+/// Builds a JSON object field by field.
+class JsonObject {
+  public:
+    JsonObject& add(const char* key, const std::string& value) {
+        text_ += (text_.size() > 1 ? ",\"" : "\"") + std::string(key) + "\":" + value;
+        return *this;
+    }
+    JsonObject& add(const char* key, const std::array<double, LevelMeter::CHANNELS>& pair) {
+        return add(key, "[" + number(pair[0], 2) + "," + number(pair[1], 2) + "]");
+    }
+    [[nodiscard]] std::string end() const { return text_ + "}"; }
+
+  private:
+    std::string text_ = "{";
+};
+
+std::string playbackJson(const Playback& p) {
+    JsonObject object;
+    object.add("playing", p.playing ? "true" : "false")
+        .add("buffer_ms", number(p.bufferMs, 1))
+        .add("target_ms", number(p.targetMs, 1))
+        .add("jitter_ms", number(p.jitterMs, 1))
+        .add("output_latency_ms", number(p.outputLatencyMs, 1))
+        .add("correction_ppm", number(p.correctionPpm, 1))
+        .add("concealed", number(p.concealed))
+        .add("skipped", number(p.skipped))
+        .add("stretched", number(p.stretched))
+        .add("underruns", number(p.underruns))
+        .add("device_underruns", number(p.deviceUnderruns));
+    return object.end();
+}
+
+double louder(const std::array<double, LevelMeter::CHANNELS>& pair) {
+    return std::max(pair[0], pair[1]);
+}
+
+/// Mean level of both channels together.
+double together(const std::array<double, LevelMeter::CHANNELS>& pair) {
+    const double power = (std::pow(10.0, pair[0] / 10.0) + std::pow(10.0, pair[1] / 10.0)) / 2.0;
+    return std::max(SILENCE_DBFS, 10.0 * std::log10(power));
+}
+
+}  // namespace
+
+std::string rateName(std::uint32_t rateCode) {
+    if (rateCode == wire::RATE_CODE_RAW) {
+        return "raw";
+    }
+    const std::int32_t bitRate = wire::bitRateOf(rateCode);
+    return bitRate > 0 ? "opus-" + std::to_string(bitRate / 1000)
+                       : "code-" + std::to_string(rateCode);
+}
+
+const char* deliveryName(bool reliable) {
+    return reliable ? "reliable" : "best-effort";
+}
+
+std::string toJson(const Statistics& s, const char* type) {
+    JsonObject object;
+    object.add("type", quoted(type))
+        .add("time", number(s.time, 3))
+        .add("server", quoted(s.server))
+        .add("host", quoted(s.hostName))
+        .add("connected", s.connected ? "true" : "false")
+        .add("sample_rate", std::to_string(s.sampleRate))
+        .add("rate", quoted(rateName(s.rateCode)))
+        .add("delivery", quoted(deliveryName(s.reliable)))
+        .add("kbit_per_s", number(s.kilobitsPerSecond, 1))
+        .add("round_trip_ms", number(s.roundTripMs))
+        .add("packets", number(s.packets))
+        .add("bytes", number(s.bytes))
+        .add("lost", number(s.lost))
+        .add("late", number(s.late))
+        .add("duplicates", number(s.duplicates))
+        .add("damaged", number(s.damaged))
+        .add("frames", number(s.frames))
+        .add("filled_frames", number(s.filledFrames))
+        .add("reconnects", number(s.reconnects))
+        .add("peak_dbfs", s.peakDbfs)
+        .add("rms_dbfs", s.rmsDbfs)
+        .add("playback", s.playback ? playbackJson(*s.playback) : "null");
+    return object.end();
+}
+
+std::string toLine(const Statistics& s) {
+    std::string text = s.connected ? "connected" : "waiting";
+    text += " " + s.server + " " + std::to_string(s.sampleRate) + " Hz " + rateName(s.rateCode) +
+            " " + deliveryName(s.reliable) + " " + number(s.kilobitsPerSecond, 0) +
+            " kbit/s peak " + number(louder(s.peakDbfs), 1) + " dBFS lost " + number(s.lost) +
+            " late " + number(s.late);
+    if (s.playback) {
+        text += " concealed " + number(s.playback->concealed) + " underruns " +
+                number(s.playback->underruns) + " buffer " + number(s.playback->bufferMs, 0) +
+                " ms";
+    }
+    return text;
+}
+
+std::string toReport(const Statistics& s) {
+    std::string text;
+    const auto line = [&text](const char* key, const std::string& value) {
+        text += std::string(key) + ": " + value + "\n";
+    };
+    line("server", s.server);
+    line("seconds", number(s.time, 3));
+    line("packets", number(s.packets));
+    line("bytes", number(s.bytes));
+    line("lost", number(s.lost));
+    line("late", number(s.late));
+    line("duplicates", number(s.duplicates));
+    line("damaged", number(s.damaged));
+    line("rate", std::to_string(s.sampleRate));
+    line("format", rateName(s.rateCode));
+    line("delivery", deliveryName(s.reliable));
+    line("frames", number(s.frames));
+    line("filled-frames", number(s.filledFrames));
+    line("reconnects", number(s.reconnects));
+    line("peak-dbfs", number(louder(s.peakDbfs), 2));
+    line("rms-dbfs", number(together(s.rmsDbfs), 2));
+    if (s.playback) {
+        line("concealed", number(s.playback->concealed));
+        line("skipped", number(s.playback->skipped));
+        line("stretched", number(s.playback->stretched));
+        line("underruns", number(s.playback->underruns));
+    }
+    return text;
+}
+
+}  // namespace vxlisten
