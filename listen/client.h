@@ -25,7 +25,7 @@ namespace vxlisten {
 class Client {
   public:
     /// Tells where a server is now, as locateAgain() does. Called in the background.
-    using Locate = std::function<std::string(const Options& options, const std::string& address)>;
+    using Locate = std::function<std::string(const ServerChoice&, const std::string& address)>;
 
     /// `options` is borrowed and must outlive this; its host is chosen.
     explicit Client(const Options& options, Locate locate = locateAgain)

@@ -72,26 +72,28 @@ void describe(CLI::App& app, Words& words, Options& options) {
 using Complaint = std::string;
 
 Complaint takeHost(const Words& words, Options& options) {
-    options.port = words.port != 0 ? static_cast<std::uint16_t>(words.port) : options.port;
-    options.portChosen = words.port != 0;
+    options.server.port =
+        words.port != 0 ? static_cast<std::uint16_t>(words.port) : options.server.port;
+    options.server.portChosen = words.port != 0;
     const std::size_t colon = words.host.rfind(':');
     if (colon != words.host.find(':')) {
         return "'" + words.host + "': only names and IPv4 addresses are supported";
     }
-    options.host = words.host.substr(0, colon);
+    options.server.host = words.host.substr(0, colon);
     if (colon == std::string::npos) {
         return {};
     }
     int port = 0;
-    if (options.host.empty() || !CLI::detail::lexical_cast(words.host.substr(colon + 1), port) ||
-        port < 1 || port > 65535) {
+    if (options.server.host.empty() ||
+        !CLI::detail::lexical_cast(words.host.substr(colon + 1), port) || port < 1 ||
+        port > 65535) {
         return "'" + words.host + "' is not HOST or HOST:PORT";
     }
     if (words.port != 0 && words.port != port) {
         return "HOST and --port name different ports";
     }
-    options.port = static_cast<std::uint16_t>(port);
-    options.portChosen = true;
+    options.server.port = static_cast<std::uint16_t>(port);
+    options.server.portChosen = true;
     return {};
 }
 

@@ -1,6 +1,7 @@
 #include "listen/console/display.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
@@ -51,6 +52,13 @@ std::vector<std::string> pack(const std::vector<std::string>& fields, std::size_
         }
     }
     return lines;
+}
+
+/// `text` with a "?" in place of every character that could steer a terminal.
+std::string plainText(std::string text) {
+    std::replace_if(
+        text.begin(), text.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
+    return text;
 }
 
 std::vector<std::string> headFields(const Statistics& s) {

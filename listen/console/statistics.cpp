@@ -1,10 +1,10 @@
 #include "listen/console/statistics.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 #include <cstdio>
 
-#include "listen/utf8.h"
 #include "stream/wire_format.h"
 
 namespace vxlisten {
@@ -22,23 +22,17 @@ std::string number(std::uint64_t value) {
     return std::to_string(value);
 }
 
-/// What may steer a terminal is escaped; a byte that is no UTF-8 as the character of its number.
 std::string quoted(const std::string& text) {
     std::string result = "\"";
-    std::size_t at = 0;
-    while (at < text.size()) {
-        const std::size_t length = std::max<std::size_t>(1, characterLength(text, at));
-        if (steersTerminal(text, at, length)) {
-            // Of U+0080 to U+009F the second byte is the number.
+    for (const char c : text) {
+        if (std::iscntrl(static_cast<unsigned char>(c)) != 0) {
             char escape[8];
-            std::snprintf(escape, sizeof escape, "\\u%04x",
-                          static_cast<unsigned>(static_cast<unsigned char>(text[at + length - 1])));
+            std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(c));
             result += escape;
         } else {
-            result += text[at] == '"' || text[at] == '\\' ? "\\" : "";
-            result.append(text, at, length);
+            result += c == '"' || c == '\\' ? "\\" : "";
+            result += c;
         }
-        at += length;
     }
     return result + '"';
 }

@@ -122,8 +122,8 @@ class RefusingServer : public UdpResponder {
 
 vxlisten::Options optionsFor(std::uint16_t port, double seconds) {
     vxlisten::Options options;
-    options.host = "127.0.0.1";
-    options.port = port;
+    options.server.host = "127.0.0.1";
+    options.server.port = port;
     options.play = false;
     options.quiet = true;
     options.seconds = seconds;
@@ -167,7 +167,7 @@ TEST(Client, ALookUpThatHangsDoesNotHoldUpTheNextAttempt) {
     const vxlisten::Options options = optionsFor(server, 8);
     std::promise<void> over;
     auto lookUps = std::make_shared<std::atomic<int>>(0);
-    const auto hang = [lookUps, wait = over.get_future().share()](const vxlisten::Options&,
+    const auto hang = [lookUps, wait = over.get_future().share()](const vxlisten::ServerChoice&,
                                                                   const std::string&) {
         ++*lookUps;
         wait.wait();
@@ -222,10 +222,11 @@ TEST(Client, AReaderThatGoesBeforeTheFirstSoundIsNoError) {
 
 TEST(Client, AHostThatNobodyKnowsIsTold) {
     vxlisten::Options options = optionsFor(std::uint16_t{7000}, 1);
-    options.host = std::string(300, 'x');  // Too long for any name: nobody is asked.
+    options.server.host = std::string(300, 'x');  // Too long for any name: nobody is asked.
     const Told told = runClient(options);
     EXPECT_EQ(told.status, vxlisten::STATUS_FAILURE);
-    EXPECT_EQ(told.sentence, "velantrix-listen: there is no host named '" + options.host + "'\n");
+    EXPECT_EQ(told.sentence,
+              "velantrix-listen: there is no host named '" + options.server.host + "'\n");
 }
 
 TEST(Client, AServerThatTurnsTheConnectionDownIsTold) {

@@ -65,12 +65,19 @@ TEST(StatisticsText, ReportTellsWhatWasConcealedOnlyOfAClientThatPlayed) {
     EXPECT_NE(report.find("lost: 3\n"), std::string::npos) << report;
 }
 
-TEST(StatisticsText, JsonEscapesWhatCouldSteerATerminal) {
+TEST(StatisticsText, JsonEscapesWhatCouldSteerATerminalAndPassesOtherScripts) {
     Statistics s = listening();
-    s.hostName = "\x1b[2J \xc2\x9b\x9b \x7f \"\\ caf\xc3\xa9\xc2\xa0";
+    s.hostName = "\x1b[2J \n\x7f \"\\ caf\xc3\xa9 \xe2\x82\xac";
     EXPECT_NE(toJson(s, "stats")
-                  .find("\"host\":\"\\u001b[2J \\u009b\\u009b \\u007f \\\"\\\\ "
-                        "caf\xc3\xa9\xc2\xa0\""),
+                  .find("\"host\":\"\\u001b[2J \\u000a\\u007f \\\"\\\\ "
+                        "caf\xc3\xa9 \xe2\x82\xac\""),
               std::string::npos)
         << toJson(s, "stats");
+    EXPECT_NE(toJson(s, "stats").find(R"("playback":null)"), std::string::npos);
+}
+
+TEST(StatisticsText, RatesAreNamedAsOnTheCommandLine) {
+    EXPECT_EQ(vxlisten::rateName(0), "raw");
+    EXPECT_EQ(vxlisten::rateName(5), "opus-20");
+    EXPECT_EQ(vxlisten::rateName(6), "code-6");
 }
