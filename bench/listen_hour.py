@@ -11,7 +11,7 @@ A line of comma-separated values every ten seconds:
   correction_ppm  how much faster than nominal the client plays
   underruns       times that the sound ran dry since the start
   device          those among them in the device, that is, in the sound server
-  late, lost, concealed, skipped, stretched   packets since the start
+  lost, concealed, skipped, stretched   packets since the start
   rss_mb          resident memory of the client
   cpu_percent     its processor time over the last ten seconds, of one core
 Expected shape: depth around the target of 40 ms, no counts after the first ten seconds, memory
@@ -41,7 +41,7 @@ INTERVAL_S = 10
 SETTLING_S = 60
 MOST_EXCESS_MS = 45
 COLUMNS = ("time_s", "depth_ms", "target_ms", "jitter_ms", "correction_ppm", "underruns", "device",
-           "late", "lost", "concealed", "skipped", "stretched", "rss_mb", "cpu_percent")
+           "lost", "concealed", "skipped", "stretched", "rss_mb", "cpu_percent")
 
 
 def options():
@@ -84,7 +84,7 @@ class Observer:
             target_ms=play["target_ms"], jitter_ms=play["jitter_ms"],
             correction_ppm=play["correction_ppm"], underruns=play["underruns"],
             device=play.get("device_underruns", 0),
-            late=figures["late"], lost=figures["lost"], concealed=play["concealed"],
+            lost=figures["lost"], concealed=play["concealed"],
             skipped=play["skipped"], stretched=play.get("stretched", 0),
             rss_mb=round(resident_megabytes(self.client.pid), 1),
             cpu_percent=round((used - self.used) / (now - self.latest) * 100, 2))
@@ -117,7 +117,7 @@ class Observer:
                      sum(row["cpu_percent"] for row in steady) / len(steady),
                      max(row["cpu_percent"] for row in steady)),
                  f"memory {first['rss_mb']} MB at the start, {last['rss_mb']} MB at the end"]
-        for name in ("late", "lost", "concealed", "skipped", "stretched"):
+        for name in ("lost", "concealed", "skipped", "stretched"):
             lines.append(f"{name} {last[name] - first[name]}")
         return lines
 

@@ -284,8 +284,6 @@ Statistics Client::figures() {
     result.connected = link_ == Link::Connected;
     result.roundTripMs = receiver_.roundTripTime();
     result.lost = tracker_.lost();
-    result.late = tracker_.late();
-    result.duplicates = tracker_.duplicates();
     outputs_.describe(result);
     return result;
 }

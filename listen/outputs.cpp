@@ -1,6 +1,5 @@
 #include "listen/outputs.h"
 
-#include <algorithm>
 #include <array>
 #include <optional>
 #include <unistd.h>
@@ -43,7 +42,7 @@ bool Outputs::openSound(const Options& options) {
 
 SinkState Outputs::take(const AudioPacket& packet, const SequenceStep& step, std::int64_t now) {
     if (sound_ != nullptr) {
-        stream_ += step.arrival == Arrival::Start ? 1 : 0;
+        stream_ += step.start ? 1 : 0;
         sound_->push(packet, stream_, now);
     }
     return judge(timeline_.take(packet, step, now));
@@ -83,11 +82,9 @@ void Outputs::describe(Statistics& statistics) {
     const LevelMeter& level = timeline_.recentLevel();
     statistics.peakDbfs = {level.peakDbfs(0), level.peakDbfs(1)};
     statistics.rmsDbfs = {level.rmsDbfs(0), level.rmsDbfs(1)};
-    if (sound_ == nullptr) {
-        return;
+    if (sound_ != nullptr) {
+        statistics.playback = sound_->figures();
     }
-    statistics.playback = sound_->figures();
-    statistics.late = std::max(statistics.late, sound_->late());
 }
 
 void Outputs::describeWholeLevel(Statistics& statistics) const {

@@ -91,7 +91,6 @@ std::vector<std::string> countFields(const Statistics& s) {
                          formatted("/%.0f ms", s.playback->targetMs));
     }
     fields.push_back(counted("lost", s.lost));
-    fields.push_back(counted("late", s.late));
     if (s.playback) {
         fields.push_back(counted("concealed", s.playback->concealed));
         fields.push_back(counted("underruns", s.playback->underruns));

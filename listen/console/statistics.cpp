@@ -109,8 +109,6 @@ std::string toJson(const Statistics& s, const char* type) {
         .add("packets", number(s.packets))
         .add("bytes", number(s.bytes))
         .add("lost", number(s.lost))
-        .add("late", number(s.late))
-        .add("duplicates", number(s.duplicates))
         .add("damaged", number(s.damaged))
         .add("frames", number(s.frames))
         .add("filled_frames", number(s.filledFrames))
@@ -125,8 +123,7 @@ std::string toLine(const Statistics& s) {
     std::string text = s.connected ? "connected" : "waiting";
     text += " " + s.server + " " + std::to_string(s.sampleRate) + " Hz " + rateName(s.rateCode) +
             " " + deliveryName(s.reliable) + " " + number(s.kilobitsPerSecond, 0) +
-            " kbit/s peak " + number(louder(s.peakDbfs), 1) + " dBFS lost " + number(s.lost) +
-            " late " + number(s.late);
+            " kbit/s peak " + number(louder(s.peakDbfs), 1) + " dBFS lost " + number(s.lost);
     if (s.playback) {
         text += " concealed " + number(s.playback->concealed) + " underruns " +
                 number(s.playback->underruns) + " buffer " + number(s.playback->bufferMs, 0) +
@@ -145,8 +142,6 @@ std::string toReport(const Statistics& s) {
     line("packets", number(s.packets));
     line("bytes", number(s.bytes));
     line("lost", number(s.lost));
-    line("late", number(s.late));
-    line("duplicates", number(s.duplicates));
     line("damaged", number(s.damaged));
     line("rate", std::to_string(s.sampleRate));
     line("format", rateName(s.rateCode));

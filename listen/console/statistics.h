@@ -39,8 +39,6 @@ struct Statistics {
     std::uint64_t packets = 0;       ///< Audio packets received.
     std::uint64_t bytes = 0;         ///< Their bytes, headers of the audio packets included.
     std::uint64_t lost = 0;          ///< Sequence numbers that never came.
-    std::uint64_t late = 0;          ///< Packets that came after their turn.
-    std::uint64_t duplicates = 0;    ///< Packets that came twice.
     std::uint64_t damaged = 0;       ///< Packets that are no audio or cannot be decoded.
     std::uint64_t frames = 0;        ///< Stereo frames decoded.
     std::uint64_t filledFrames = 0;  ///< Frames of silence in place of missing sound.

@@ -157,7 +157,6 @@ std::string SoundKeeper::askForMore() {
 }
 
 void SoundKeeper::countPast() {
-    pastLate_ = late();
     past_ = figures();
 }
 
@@ -186,10 +185,6 @@ Playback SoundKeeper::figures() const {
     result.deviceUnderruns += ofDevice;
     result.underruns += figures.underruns + ofDevice;
     return result;
-}
-
-std::uint64_t SoundKeeper::late() const {
-    return pastLate_ + (output_ != nullptr ? output_->figures().late.load() : 0);
 }
 
 }  // namespace vxlisten

@@ -41,9 +41,6 @@ class SoundKeeper {
     /// The figures of the playing side, counted over all openings.
     [[nodiscard]] Playback figures() const;
 
-    /// Packets that came after their turn.
-    [[nodiscard]] std::uint64_t late() const;
-
     [[nodiscard]] const std::string& error() const { return error_; }
 
   private:
@@ -73,7 +70,6 @@ class SoundKeeper {
     std::int64_t lastCall_ = 0;  ///< and when that count last rose.
     std::int64_t nextTry_ = 0;
     Playback past_;  ///< Counts of the openings before this one.
-    std::uint64_t pastLate_ = 0;
     std::string error_;
 };
 

@@ -116,11 +116,7 @@ void Playout::takePackets() {
                 noteArrival(*packet);
                 break;
             case JitterBuffer::Inserted::Late:
-                increment(figures_.late);
-                noteArrival(*packet);
-                break;
             case JitterBuffer::Inserted::Duplicate:
-                increment(figures_.duplicates);
                 break;
         }
         queue_.pop();

@@ -22,8 +22,6 @@ namespace vxlisten {
 /// What the playing side tells. Written by the thread that renders, read by any.
 struct PlayoutFigures {
     std::atomic<std::uint64_t> concealed{0};  ///< Packets that something else was played for.
-    std::atomic<std::uint64_t> late{0};       ///< Packets that came after their turn.
-    std::atomic<std::uint64_t> duplicates{0};
     std::atomic<std::uint64_t> underruns{0};  ///< Times that the sound ran dry.
     std::atomic<std::uint64_t> skipped{0};    ///< Packets left out to catch up.
     std::atomic<std::uint64_t> stretched{0};  ///< Packets played longer, to buffer more.

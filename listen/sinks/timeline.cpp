@@ -52,22 +52,16 @@ std::uint64_t Timeline::mostFor(const AudioPacket& packet, std::int64_t now) con
 
 std::uint64_t Timeline::missingFrames(const AudioPacket& packet, const SequenceStep& step,
                                       std::int64_t now) const {
-    const std::int64_t elapsed = now - lastArrival_;
-    if (step.arrival == Arrival::Start && started_) {
-        const std::uint64_t frames = framesIn(elapsed, packet.sampleRate);
-        return frames > packet.frames ? frames - packet.frames : 0;
-    }
-    if (step.arrival == Arrival::AfterGap) {
+    if (!step.start) {
         return std::min<std::uint64_t>(step.missing * packet.frames, mostFor(packet, now));
     }
-    return 0;
+    const std::uint64_t elapsed =
+        started_ ? framesIn(now - lastArrival_, packet.sampleRate) : packet.frames;
+    return elapsed - std::min<std::uint64_t>(elapsed, packet.frames);
 }
 
 PcmSink* Timeline::take(const AudioPacket& packet, const SequenceStep& step, std::int64_t now) {
-    if (step.arrival == Arrival::Late || step.arrival == Arrival::Duplicate) {
-        return nullptr;
-    }
-    if (step.arrival == Arrival::Start) {
+    if (step.start) {
         decoder_.reset();
     }
     const std::uint64_t missing = missingFrames(packet, step, now);

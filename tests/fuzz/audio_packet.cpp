@@ -119,7 +119,7 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         if (packet) {
             checkPacket(*packet, bytes.size());
             const vxlisten::SequenceStep step = tracker.observe(*packet);
-            stream += step.arrival == vxlisten::Arrival::Start ? 1 : 0;
+            stream += step.start ? 1 : 0;
             device.push(*packet, stream, now);
             timeline.take(*packet, step, now);
         }

@@ -125,14 +125,6 @@ TEST_F(TimelineTest, AForgedGapIsNoLongerThanTimeAllows) {
     EXPECT_LE(frames(), 2u * 338 + 2 * 48000);
 }
 
-TEST_F(TimelineTest, LateAndDoublePacketsLeaveNoTrace) {
-    take(packets::raw(0));
-    take(packets::raw(2));
-    take(packets::raw(1));
-    take(packets::raw(2));
-    EXPECT_EQ(frames(), 3u * 338);
-}
-
 TEST_F(TimelineTest, ADamagedPacketBecomesSilence) {
     take(packets::make(0, wire::makeFlags(true, true, 1), packets::Bytes(7, 0xFF)));
     EXPECT_EQ(frames(), 480u);
