@@ -4,11 +4,15 @@
 #include <cmath>
 #include <cstdlib>
 
+#include "listen/clock.h"
+
 namespace vxlisten {
 
 namespace {
 
 constexpr double FULL_SCALE = 32768.0;
+constexpr std::int64_t HOLD_TIME = 1500 * MILLISECOND;
+constexpr double FALL_PER_SECOND = 20.0;  ///< dB.
 
 double toDbfs(double value) {
     return value > 0 ? std::max(SILENCE_DBFS, 20.0 * std::log10(value / FULL_SCALE)) : SILENCE_DBFS;
@@ -47,6 +51,18 @@ double LevelMeter::rmsDbfs() const {
 
 int LevelMeter::peak() const {
     return std::max(peak_[0], peak_[1]);
+}
+
+double PeakHold::update(double peakDbfs, std::int64_t now) {
+    const double seconds = static_cast<double>(now - last_) / static_cast<double>(SECOND);
+    last_ = now;
+    if (peakDbfs >= held_) {
+        held_ = peakDbfs;
+        heldSince_ = now;
+    } else if (now - heldSince_ > HOLD_TIME) {
+        held_ = std::max(peakDbfs, held_ - FALL_PER_SECOND * seconds);
+    }
+    return held_;
 }
 
 }  // namespace vxlisten

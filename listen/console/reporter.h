@@ -6,7 +6,6 @@
 #include <string>
 
 #include "listen/audio/level_meter.h"
-#include "listen/console/peak_hold.h"
 #include "listen/console/statistics.h"
 #include "listen/options.h"
 

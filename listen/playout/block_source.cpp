@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "listen/audio/fades.h"
+#include "listen/audio/splicing.h"
 #include "listen/network/audio_packet.h"
 
 namespace vxlisten {

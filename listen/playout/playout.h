@@ -9,8 +9,8 @@
 #include <speex/speex_resampler.h>
 
 #include "listen/audio/rate_adapter.h"
+#include "listen/audio/splicing.h"
 #include "listen/audio/stream_decoder.h"
-#include "listen/audio/stretch.h"
 #include "listen/network/audio_packet.h"
 #include "listen/playout/block_source.h"
 #include "listen/playout/delay_target.h"

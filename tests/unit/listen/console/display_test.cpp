@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include "listen/audio/level_meter.h"
 #include "listen/clock.h"
-#include "listen/console/peak_hold.h"
 
 using vxlisten::layOutDisplay;
 using vxlisten::meterBar;

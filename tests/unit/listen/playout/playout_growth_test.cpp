@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "listen/audio/stretch.h"
+#include "listen/audio/splicing.h"
 #include "listen/playout/playout.h"
 #include "tests/unit/listen/packets.h"
 #include "tests/unit/listen/playout/virtual_stream.h"
