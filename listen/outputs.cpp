@@ -41,11 +41,14 @@ bool Outputs::openSound(const Options& options) {
 }
 
 SinkState Outputs::take(const AudioPacket& packet, const SequenceStep& step, std::int64_t now) {
-    if (sound_ != nullptr) {
-        stream_ += step.start ? 1 : 0;
-        sound_->push(packet, stream_, now);
-    }
-    return judge(timeline_.take(packet, step, now));
+    BlockQueue* const played = sound_ != nullptr ? sound_->queue() : nullptr;
+    const DecodedBlock sound =
+        decoder_.decode(packet, step, [played, now](const DecodedBlock& block) {
+            if (played != nullptr) {
+                played->push(block, now);
+            }
+        });
+    return judge(timeline_.take(packet, step, sound, now));
 }
 
 SinkState Outputs::passSilence(std::int64_t now) {

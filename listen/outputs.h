@@ -5,6 +5,7 @@
 #include <string>
 
 #include "listen/audio/level_meter.h"
+#include "listen/audio/stream_decoder.h"
 #include "listen/console/statistics.h"
 #include "listen/device/sound_keeper.h"
 #include "listen/network/audio_packet.h"
@@ -55,11 +56,11 @@ class Outputs {
     [[nodiscard]] bool openSound(const Options& options);
     SinkState judge(const PcmSink* stopped);
 
+    StreamDecoder decoder_;
     Timeline timeline_;
     std::unique_ptr<Recorder> recorder_;
     std::unique_ptr<PipeSink> pipe_;
     std::unique_ptr<SoundKeeper> sound_;
-    std::uint32_t stream_ = 0;  ///< Counts the starts, for the playing side.
     std::string error_;
     std::string warning_;
 };

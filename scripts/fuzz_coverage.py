@@ -11,8 +11,9 @@ import sys
 # with the outcome.
 FILES = {
     "audio_packet": ("listen/network/audio_packet.cpp", "listen/network/sequence_tracker.cpp",
-                     "listen/audio/stream_decoder.cpp", "listen/sinks/timeline.cpp", "listen/playout/playout.cpp",
-                     "listen/playout/jitter_buffer.cpp"),
+                     "listen/audio/stream_decoder.cpp", "listen/sinks/timeline.cpp",
+                     "listen/playout/block_queue.cpp", "listen/playout/block_source.cpp",
+                     "listen/playout/playout.cpp"),
     "control_message": ("stream/client_table.cpp",),
     "discovery_datagram": ("discovery/multi_host.cpp", "discovery/query.cpp"),
     "settings_file": ("gui/Settings.cpp",),

@@ -71,11 +71,10 @@ void crossfade(std::int16_t* frames, const std::int16_t* other, std::size_t coun
     }
 }
 
-void mirror(const std::int16_t* source, std::int16_t* target, std::size_t count) {
-    for (std::size_t i = 0; i < count; ++i) {
-        for (std::size_t c = 0; c < CHANNELS; ++c) {
-            target[i * CHANNELS + c] = source[(count - 1 - i) * CHANNELS + c];
-        }
+void mirror(std::int16_t* frames, std::size_t count) {
+    for (std::size_t i = 0; i < count / 2; ++i) {
+        std::swap_ranges(frames + i * CHANNELS, frames + (i + 1) * CHANNELS,
+                         frames + (count - 1 - i) * CHANNELS);
     }
 }
 

@@ -13,9 +13,9 @@ void fade(std::int16_t* frames, std::size_t count, double from, double to);
 /// Realtime-safe: yes.
 void crossfade(std::int16_t* frames, const std::int16_t* other, std::size_t count);
 
-/// Writes the frames of `source` in reverse order to `target`: a continuation of `source` without
-/// a step. Realtime-safe: yes.
-void mirror(const std::int16_t* source, std::int16_t* target, std::size_t count);
+/// Turns the order of `count` stereo frames round, so that they go on without a step from where
+/// they ended. Realtime-safe: yes.
+void mirror(std::int16_t* frames, std::size_t count);
 
 /// Most frames that stretch() adds.
 constexpr std::size_t STRETCH_MOST_ADDED = 240;

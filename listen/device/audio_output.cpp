@@ -109,10 +109,6 @@ bool AudioOutput::start(PaDeviceIndex device, double delayMs, double latencyMs) 
     return result == paNoError || fail(Pa_GetErrorText(result));
 }
 
-void AudioOutput::push(const AudioPacket& packet, std::uint32_t stream, std::int64_t now) {
-    playout_->push(packet, stream, now);
-}
-
 bool AudioOutput::alive() const {
     return Pa_IsStreamActive(stream_) == 1;
 }

@@ -9,7 +9,7 @@
 
 #include <portaudio.h>
 
-#include "listen/network/audio_packet.h"
+#include "listen/playout/block_queue.h"
 #include "listen/playout/playout.h"
 
 namespace vxlisten {
@@ -21,8 +21,8 @@ struct OutputDevice {
     bool isDefault = false;
 };
 
-/// Plays the stream on an output device. Opening, closing and push() belong to one thread; the
-/// sound is made on PortAudio's own thread.
+/// Plays the stream on an output device. Opening and closing belong to one thread; the sound is
+/// made on PortAudio's own thread.
 class AudioOutput {
   public:
     AudioOutput() = default;
@@ -38,8 +38,8 @@ class AudioOutput {
     /// `latencyMs` what the device itself shall keep at least. False on failure, see error().
     [[nodiscard]] bool open(const std::string& device, double delayMs, double latencyMs);
 
-    /// Hands over a packet of the stream number `stream` that came at `now` (microseconds).
-    void push(const AudioPacket& packet, std::uint32_t stream, std::int64_t now);
+    /// Where the sound goes that is to be played; only when open.
+    [[nodiscard]] BlockQueue& queue() { return playout_->queue(); }
 
     /// False once the device has gone.
     [[nodiscard]] bool alive() const;

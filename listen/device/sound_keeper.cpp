@@ -86,12 +86,6 @@ bool SoundKeeper::hasGone(std::int64_t now) {
     return !output_->alive() || now - lastCall_ >= DEVICE_PATIENCE;
 }
 
-void SoundKeeper::push(const AudioPacket& packet, std::uint32_t stream, std::int64_t now) {
-    if (output_ != nullptr) {
-        output_->push(packet, stream, now);
-    }
-}
-
 void SoundKeeper::reopen() {
     opening_ = inBackground([old = std::move(gone_), device = device_, delay = delayMs_,
                              latency = latency_.milliseconds()]() mutable {

@@ -9,7 +9,7 @@
 #include "listen/device/audio_output.h"
 #include "listen/device/device_latency.h"
 #include "listen/device/stderr_mute.h"
-#include "listen/network/audio_packet.h"
+#include "listen/playout/block_queue.h"
 #include "listen/retry_pause.h"
 
 namespace vxlisten {
@@ -31,8 +31,9 @@ class SoundKeeper {
     /// Opens the device for the first time. May take a moment. False on failure, see error().
     [[nodiscard]] bool open(std::int64_t now);
 
-    /// Hands over a packet of the stream number `stream` that came at `now` (microseconds).
-    void push(const AudioPacket& packet, std::uint32_t stream, std::int64_t now);
+    /// Where the sound goes that is to be played, until watch() is called again; null while there
+    /// is no device.
+    [[nodiscard]] BlockQueue* queue() { return output_ != nullptr ? &output_->queue() : nullptr; }
 
     /// Looks after the device; to be called several times a second. Returns a sentence for the
     /// user when something happened, else an empty text. Does not block.

@@ -4,9 +4,6 @@ namespace vxlisten {
 
 namespace {
 
-constexpr int RATE = 44100;
-constexpr int ALTERNATIVE_RATE = 48000;
-
 /// Encoding and frame count by rate code and payload length; false when no server sends that.
 bool classify(AudioPacket& packet) {
     if (packet.rateCode == wire::RATE_CODE_RAW) {
@@ -38,7 +35,7 @@ std::optional<AudioPacket> parseAudioPacket(const unsigned char* data, std::size
     packet.seq = header.seq;
     packet.rateCode = header.rateCode();
     packet.reliable = header.reliable();
-    packet.sampleRate = header.altRate() ? ALTERNATIVE_RATE : RATE;
+    packet.sampleRate = SAMPLE_RATES[header.altRate() ? 1 : 0];
     packet.payload = data + wire::HEADER_LENGTH;
     packet.payloadLength = length - wire::HEADER_LENGTH;
     if (!classify(packet)) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -10,6 +11,9 @@ namespace vxlisten {
 
 /// Bytes of the longest payload that an audio packet may carry: one fallback block.
 constexpr std::size_t MAX_PAYLOAD = wire::COMPRESSED_BUFFER_LENGTH - wire::HEADER_LENGTH;
+
+/// Rates in Hz that captured sound can have.
+constexpr std::array<int, 2> SAMPLE_RATES = {44100, 48000};
 
 /// How a packet's payload is written.
 enum class Encoding {
@@ -24,7 +28,7 @@ struct AudioPacket {
     std::uint32_t seq = 0;
     std::uint32_t rateCode = 0;
     bool reliable = false;
-    int sampleRate = 0;      ///< True rate of the captured sound in Hz, compressed or not.
+    int sampleRate = 0;      ///< Of the captured sound, compressed or not: one of SAMPLE_RATES.
     std::size_t frames = 0;  ///< Stereo frames that the payload stands for.
     const unsigned char* payload = nullptr;
     std::size_t payloadLength = 0;  ///< Bytes, at most MAX_PAYLOAD.

@@ -5,19 +5,16 @@
 #include <cstdint>
 
 #include "listen/audio/stream_decoder.h"
-#include "listen/playout/jitter_buffer.h"
-#include "listen/playout/packet_queue.h"
+#include "listen/playout/block_queue.h"
 
 namespace vxlisten {
 
-/// Turns the packets of a jitter buffer into an unbroken row of blocks of sound: decodes, stands
-/// in for lost packets, and fades where the sound stops, starts or leaps. Opus packets are replaced
-/// by libopus's own concealment, raw ones by the mirrored block before, faded out.
-/// Not thread-safe. Realtime-safe: yes, once built.
+/// Makes an unbroken row of blocks of the sound that waits in a queue: fades where it stops, starts
+/// or leaps. Everything on the thread that pops. Realtime-safe: yes.
 class BlockSource {
   public:
     enum class Kind {
-        Sound,      ///< A packet that came in time.
+        Sound,      ///< A packet's own.
         Concealed,  ///< Stands in for a lost packet.
         RanDry,     ///< The last block before a pause, because nothing is left.
         Ended,      ///< The last block before a pause, because a new stream begins.
@@ -30,8 +27,12 @@ class BlockSource {
         std::size_t count = 0;                 ///< Frames.
     };
 
-    /// Hands a packet to the buffer. A packet of a new stream pauses the sound.
-    JitterBuffer::Inserted insert(const StoredPacket& packet);
+    /// `queue` is borrowed and must outlive this.
+    explicit BlockSource(BlockQueue& queue) : queue_(queue) {}
+
+    /// Takes account of the next block that has come; null when there is none. A new stream throws
+    /// away what waits before it and pauses the sound.
+    const QueuedBlock* takeArrival();
 
     /// The next block of sound.
     Block next();
@@ -42,28 +43,30 @@ class BlockSource {
     /// Ends the pause; the next block fades in.
     void resume();
 
-    /// Leaves out `packets` turns; the sound before fades over into the sound after them.
-    void skip(std::size_t packets);
+    /// Leaves out up to `blocks` blocks; the sound before fades over into the sound after them.
+    void skip(std::size_t blocks);
 
-    [[nodiscard]] const JitterBuffer& buffer() const { return buffer_; }
+    /// True when no block waits that has been taken account of. The next ones tell of those.
+    [[nodiscard]] bool empty() const { return seen_ == 0; }
+    [[nodiscard]] std::size_t depthFrames() const { return depthFrames_; }
+    /// Frames of the latest block, 0 before the first, and its sample rate in Hz.
+    [[nodiscard]] std::size_t blockFrames() const { return blockFrames_; }
+    [[nodiscard]] int sampleRate() const { return sampleRate_; }
 
   private:
-    static constexpr std::size_t ROOM = StreamDecoder::MAX_FRAMES * 2;
-    using Samples = std::array<std::int16_t, ROOM>;
+    using Samples = std::array<std::int16_t, 2 * StreamDecoder::MAX_FRAMES>;
 
-    Block play(const StoredPacket& packet);
-    Block standIn(bool last);
-    std::size_t conceal(bool last);
-    std::size_t concealRaw();
-    void smoothStart(std::size_t count);
+    Block fadeOut();
+    void drop(std::size_t blocks);
 
-    JitterBuffer buffer_;
-    StreamDecoder decoder_;
+    BlockQueue& queue_;
+    std::size_t seen_ = 0;         ///< Blocks that wait and have been taken account of,
+    std::size_t depthFrames_ = 0;  ///< and their frames.
+    std::size_t blockFrames_ = 0;
+    int sampleRate_ = 0;
     bool pausing_ = true;
     bool fadeIn_ = true;
-    bool streamChanged_ = false;  ///< The buffer holds a new stream, the sound is still the old.
-    bool opus_ = false;           ///< The latest packet was Opus.
-    unsigned missingRun_ = 0;     ///< Packets concealed in a row.
+    bool streamChanged_ = false;  ///< A new stream waits, the sound is still the old.
     std::size_t tailCount_ = 0;   ///< Frames in tail_ that the next block fades over from.
     std::size_t lastCount_ = 0;   ///< Frames in block_ of the latest sound.
     Samples block_{};

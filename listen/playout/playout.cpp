@@ -1,12 +1,11 @@
 #include "listen/playout/playout.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cmath>
 #include <memory>
 
 #include <speex/speex_resampler.h>
-
-#include "listen/playout/jitter_buffer.h"
 
 namespace vxlisten {
 
@@ -69,17 +68,11 @@ double toMs(std::size_t frames, int rate) {
 
 }  // namespace
 
-Playout::Playout(int deviceRate, double delayMs, StreamRates streamRates)
-    : deviceRate_(deviceRate), streamRates_(streamRates), target_(delayMs), fifo_(FIFO_SAMPLES) {
-    std::transform(streamRates.begin(), streamRates.end(), resamplers_.begin(),
+Playout::Playout(int deviceRate, double delayMs)
+    : deviceRate_(deviceRate), target_(delayMs), fifo_(FIFO_SAMPLES) {
+    std::transform(SAMPLE_RATES.begin(), SAMPLE_RATES.end(), resamplers_.begin(),
                    [deviceRate](int rate) { return makeResampler(rate, deviceRate); });
     figures_.targetMs = target_.milliseconds();
-}
-
-void Playout::push(const AudioPacket& packet, std::uint32_t stream, std::int64_t now) {
-    if (packet.frames > 0) {
-        queue_.push(packet, stream, now);
-    }
 }
 
 void Playout::render(std::int16_t* output, std::size_t frames, std::int64_t now) {
@@ -88,7 +81,7 @@ void Playout::render(std::int16_t* output, std::size_t frames, std::int64_t now)
             ? 0.0
             : std::clamp(static_cast<double>(now - lastRender_) / MICROSECONDS, 0.0, LONGEST_STEP);
     lastRender_ = now;
-    takePackets();
+    takeArrivals();
     target_.pass(seconds);
     while (frames > 0) {
         const std::size_t piece = std::min(frames, FIFO_SAMPLES / 8);
@@ -104,45 +97,27 @@ void Playout::render(std::int16_t* output, std::size_t frames, std::int64_t now)
     control(seconds);
 }
 
-void Playout::takePackets() {
-    while (const StoredPacket* const packet = queue_.front()) {
-        switch (source_.insert(*packet)) {
-            case JitterBuffer::Inserted::NewStream:
-                firstSeq_ = packet->head.seq;
-                target_.restart();
-                noteArrival(*packet);
-                break;
-            case JitterBuffer::Inserted::Kept:
-                noteArrival(*packet);
-                break;
-            case JitterBuffer::Inserted::Late:
-            case JitterBuffer::Inserted::Duplicate:
-                break;
+void Playout::takeArrivals() {
+    while (const QueuedBlock* const block = source_.takeArrival()) {
+        if (block->join == Join::NewStream) {
+            target_.restart();
         }
-        queue_.pop();
+        if (!block->concealed) {
+            const double blockMs = toMs(block->count, block->sampleRate);
+            target_.noteArrival(static_cast<std::int64_t>(block->turn * blockMs * 1000.0),
+                                block->arrival, blockMs);
+        }
     }
-}
-
-void Playout::noteArrival(const StoredPacket& packet) {
-    const auto turn = static_cast<std::int32_t>(packet.head.seq - firstSeq_);
-    const double packetMs = toMs(packet.head.frames, packet.head.sampleRate);
-    target_.noteArrival(static_cast<std::int64_t>(turn * packetMs * 1000.0), packet.arrival,
-                        packetMs);
 }
 
 void Playout::watchStart(std::size_t wanted) {
-    const JitterBuffer& buffer = source_.buffer();
-    if (!source_.pausing() || buffer.empty()) {
-        return;
-    }
     const double goal = target_.milliseconds() + toMs(wanted, deviceRate_);
-    const double depth = toMs(buffer.depthFrames(), buffer.sampleRate());
-    if (depth < goal) {
+    const double depth = toMs(source_.depthFrames(), source_.sampleRate());
+    if (!source_.pausing() || source_.empty() || depth < goal) {
         return;
     }
-    prepareResampler(buffer.sampleRate());
-    const double packetMs = toMs(buffer.packetFrames(), buffer.sampleRate());
-    const auto excess = static_cast<std::size_t>((depth - goal) / packetMs);
+    prepareResampler(source_.sampleRate());
+    const auto excess = static_cast<std::size_t>((depth - goal) / blockMs());
     source_.skip(excess);
     // What came before the device was ready has never been missed.
     increment(figures_.skipped, everPlayed_ ? excess : 0);
@@ -235,10 +210,9 @@ void Playout::prepareResampler(int rate) {
         return;
     }
     streamRate_ = rate;
-    const auto at = std::find(streamRates_.begin(), streamRates_.end(), rate);
-    resampler_ = at != streamRates_.end()
-                     ? resamplers_[static_cast<std::size_t>(at - streamRates_.begin())].get()
-                     : nullptr;
+    const auto* const at = std::find(SAMPLE_RATES.begin(), SAMPLE_RATES.end(), rate);
+    assert(at != SAMPLE_RATES.end());
+    resampler_ = resamplers_[static_cast<std::size_t>(at - SAMPLE_RATES.begin())].get();
     if (resampler_ != nullptr) {
         speex_resampler_reset_mem(resampler_);
     }
@@ -246,8 +220,11 @@ void Playout::prepareResampler(int rate) {
 }
 
 double Playout::depthMs() const {
-    const JitterBuffer& buffer = source_.buffer();
-    return toMs(buffer.depthFrames(), buffer.sampleRate()) + toMs(waiting(), deviceRate_);
+    return toMs(source_.depthFrames(), source_.sampleRate()) + toMs(waiting(), deviceRate_);
+}
+
+double Playout::blockMs() const {
+    return toMs(source_.blockFrames(), source_.sampleRate());
 }
 
 void Playout::watchDepth(double seconds) {
@@ -266,9 +243,8 @@ void Playout::watchDepth(double seconds) {
 }
 
 void Playout::skipDown() {
-    const JitterBuffer& buffer = source_.buffer();
     const double excess = std::min(depthMs(), meanDepth_) - target_.milliseconds();
-    const double packets = excess / toMs(buffer.packetFrames(), buffer.sampleRate());
+    const double packets = excess / blockMs();
     if (packets >= 1.0) {
         source_.skip(static_cast<std::size_t>(packets));
         increment(figures_.skipped, static_cast<std::uint64_t>(packets));

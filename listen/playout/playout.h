@@ -12,10 +12,10 @@
 #include "listen/audio/splicing.h"
 #include "listen/audio/stream_decoder.h"
 #include "listen/network/audio_packet.h"
+#include "listen/playout/block_queue.h"
 #include "listen/playout/block_source.h"
 #include "listen/playout/delay_target.h"
 #include "listen/playout/drift_control.h"
-#include "listen/playout/packet_queue.h"
 
 namespace vxlisten {
 
@@ -34,18 +34,14 @@ struct PlayoutFigures {
 
 /// Plays a stream of packets at the pace of an output device: keeps the right amount of sound
 /// buffered, whatever the network and the two clocks do, and resamples to the device's rate.
-/// One thread pushes packets, one renders. Times are given, not taken from a clock.
+/// One thread pushes into the queue, one renders. Times are given, not taken from a clock.
 class Playout {
   public:
-    /// Rates in Hz that the sound of a stream can have.
-    using StreamRates = std::array<int, 2>;
-
     /// `deviceRate` in Hz; `delayMs` is the sound to keep buffered.
-    Playout(int deviceRate, double delayMs, StreamRates streamRates = {44100, 48000});
+    Playout(int deviceRate, double delayMs);
 
-    /// Hands over a packet of the stream number `stream` that came at `now` (microseconds).
-    /// Thread: the one that pushes.
-    void push(const AudioPacket& packet, std::uint32_t stream, std::int64_t now);
+    /// Where the sound goes that is to be played.
+    [[nodiscard]] BlockQueue& queue() { return queue_; }
 
     /// Writes `frames` stereo frames for the device. `now` (microseconds) is the time of the call.
     /// Thread: the one that renders. Realtime-safe: yes.
@@ -55,8 +51,7 @@ class Playout {
     [[nodiscard]] const PlayoutFigures& figures() const { return figures_; }
 
   private:
-    void takePackets();
-    void noteArrival(const StoredPacket& packet);
+    void takeArrivals();
     void watchStart(std::size_t wanted);
     void watchDepth(double seconds);
     void skipDown();
@@ -69,18 +64,18 @@ class Playout {
     void prepareResampler(int rate);
     void applyCorrection();
     [[nodiscard]] double depthMs() const;
+    [[nodiscard]] double blockMs() const;
     [[nodiscard]] std::size_t waiting() const { return (fifoEnd_ - fifoStart_) / 2; }
 
     static constexpr std::size_t FIFO_SAMPLES = 1 << 15;
 
     int deviceRate_;
-    StreamRates streamRates_;
-    PacketQueue queue_;
-    BlockSource source_;
+    BlockQueue queue_;
+    BlockSource source_{queue_};
     DelayTarget target_;
     DriftControl drift_;
     /// One for each rate that a stream can have, made beforehand.
-    std::array<Resampler, std::tuple_size_v<StreamRates>> resamplers_;
+    std::array<Resampler, SAMPLE_RATES.size()> resamplers_;
     SpeexResamplerState* resampler_ = nullptr;  ///< The one in use.
     bool stretching_ = false;
     unsigned sinceStretch_ = 0;  ///< Packets.
@@ -92,9 +87,8 @@ class Playout {
     std::size_t fifoStart_ = 0;
     std::size_t fifoEnd_ = 0;
     std::int64_t lastRender_ = -1;
-    std::uint32_t firstSeq_ = 0;  ///< Of the present stream.
-    double meanDepth_ = 0;        ///< Milliseconds, over the last seconds.
-    double sinceControl_ = 0;     ///< Seconds since the correction was set.
+    double meanDepth_ = 0;     ///< Milliseconds, over the last seconds.
+    double sinceControl_ = 0;  ///< Seconds since the correction was set.
     PlayoutFigures figures_;
 };
 

@@ -60,26 +60,22 @@ std::uint64_t Timeline::missingFrames(const AudioPacket& packet, const SequenceS
     return elapsed - std::min<std::uint64_t>(elapsed, packet.frames);
 }
 
-PcmSink* Timeline::take(const AudioPacket& packet, const SequenceStep& step, std::int64_t now) {
-    if (step.start) {
-        decoder_.reset();
-    }
+PcmSink* Timeline::take(const AudioPacket& packet, const SequenceStep& step,
+                        const DecodedBlock& sound, std::int64_t now) {
     const std::uint64_t missing = missingFrames(packet, step, now);
     begin(packet, now);
     lastArrival_ = now;
     if (PcmSink* const stopped = fill(missing, packet.sampleRate)) {
         return stopped;
     }
-    std::array<std::int16_t, StreamDecoder::MAX_FRAMES * CHANNELS> frames;
-    const std::size_t count = decoder_.decode(packet, frames.data());
-    if (count == 0) {
+    if (sound.count == 0) {
         damaged_ += packet.frames > 0 ? 1 : 0;
         return fill(packet.frames, packet.sampleRate);
     }
-    level_.add(frames.data(), count);
-    recentLevel_.add(frames.data(), count);
-    framesDecoded_ += count;
-    return hand(frames.data(), count, packet.sampleRate);
+    level_.add(sound.frames, sound.count);
+    recentLevel_.add(sound.frames, sound.count);
+    framesDecoded_ += sound.count;
+    return hand(sound.frames, sound.count, packet.sampleRate);
 }
 
 PcmSink* Timeline::pass(std::int64_t now) {

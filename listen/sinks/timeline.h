@@ -12,16 +12,18 @@
 
 namespace vxlisten {
 
-/// Decodes the stream in order of arrival and hands it to the sinks with silence in place of what
-/// is missing, so that every moment of the recording is where it was in time. Not thread-safe.
+/// Hands the sound to the sinks with silence in place of what is missing, so that every moment of
+/// the recording is where it was in time. Not thread-safe.
 class Timeline {
   public:
     /// Adds a sink; borrowed, must outlive this.
     void addSink(PcmSink* sink) { sinks_.push_back(sink); }
 
-    /// Takes a packet that `step` judged; `now` is its time of arrival in microseconds. Returns
-    /// the first sink that takes no more, null when all go on.
-    PcmSink* take(const AudioPacket& packet, const SequenceStep& step, std::int64_t now);
+    /// Takes the sound of a packet that `step` judged, none when the packet is damaged; `now` is
+    /// its time of arrival in microseconds. Returns the first sink that takes no more, null when
+    /// all go on.
+    PcmSink* take(const AudioPacket& packet, const SequenceStep& step, const DecodedBlock& sound,
+                  std::int64_t now);
 
     /// Writes the silence that is due at `now` (microseconds) while there is no connection, a
     /// second of it at most, so that it keeps pace with time instead of coming all at once at the
@@ -47,7 +49,6 @@ class Timeline {
     PcmSink* fill(std::uint64_t frames, int rate);
     PcmSink* hand(const std::int16_t* frames, std::size_t count, int rate);
 
-    StreamDecoder decoder_;
     std::vector<PcmSink*> sinks_;
     LevelMeter level_;
     LevelMeter recentLevel_;

@@ -7,6 +7,7 @@
 #include <cmath>
 #include <memory>
 
+#include "listen/audio/stream_decoder.h"
 #include "listen/network/sequence_tracker.h"
 #include "listen/playout/delay_target.h"
 #include "listen/playout/drift_control.h"
@@ -48,8 +49,8 @@ class CheckingSink : public vxlisten::PcmSink {
 /// The output device: asks for sound at its own pace.
 class Device {
   public:
-    void push(const vxlisten::AudioPacket& packet, std::uint32_t stream, std::int64_t now) {
-        playout_->push(packet, stream, now);
+    void push(const vxlisten::DecodedBlock& block, std::int64_t now) {
+        playout_->queue().push(block, now);
     }
 
     /// Lets the time pass until `now`.
@@ -105,10 +106,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzInput input(data, size);
     CheckingSink sink;
     vxlisten::SequenceTracker tracker;
+    vxlisten::StreamDecoder decoder;
     vxlisten::Timeline timeline;
     timeline.addSink(&sink);
     Device device;
-    std::uint32_t stream = 0;
     std::int64_t now = 0;
     while (!input.empty()) {
         now += TIME_UNIT_US * input.byte();
@@ -119,9 +120,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         if (packet) {
             checkPacket(*packet, bytes.size());
             const vxlisten::SequenceStep step = tracker.observe(*packet);
-            stream += step.start ? 1 : 0;
-            device.push(*packet, stream, now);
-            timeline.take(*packet, step, now);
+            const vxlisten::DecodedBlock sound = decoder.decode(
+                *packet, step,
+                [&](const vxlisten::DecodedBlock& block) { device.push(block, now); });
+            timeline.take(*packet, step, sound, now);
         }
         const bool deviceStands = high >= 0x80;
         if (deviceStands) {

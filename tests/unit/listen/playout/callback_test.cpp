@@ -5,6 +5,7 @@
 #include "listen/playout/playout.h"
 #include "tests/fakes/callback_watch.h"
 #include "tests/unit/listen/packets.h"
+#include "tests/unit/listen/playout/packet_feed.h"
 
 namespace {
 
@@ -13,14 +14,14 @@ using Packet = packets::Bytes;
 /// Plays packets on a device of `deviceRate`, watching its callback.
 class PlayoutCallback : public testing::TestWithParam<int> {
   protected:
-    void play(const std::vector<Packet>& stream, std::uint32_t number) {
+    void play(const std::vector<Packet>& stream) {
         const std::size_t frames = static_cast<std::size_t>(GetParam()) / 100;
         std::vector<std::int16_t> output(frames * 2);
         for (std::size_t i = 0; i < stream.size(); ++i) {
             const auto packet = vxlisten::parseAudioPacket(stream[i].data(), stream[i].size());
             ASSERT_TRUE(packet);
             if (i % 23 != 5) {
-                playout_.push(*packet, number, now_);
+                feed_.push(*packet, now_);
             }
             now_ += 10000;
             const CallbackWatch watch;
@@ -48,6 +49,7 @@ class PlayoutCallback : public testing::TestWithParam<int> {
     }
 
     vxlisten::Playout playout_{GetParam(), 40};
+    PacketFeed feed_{playout_.queue()};
     std::int64_t now_ = 0;
 };
 
@@ -56,9 +58,9 @@ class PlayoutCallback : public testing::TestWithParam<int> {
 TEST_P(PlayoutCallback, NeverTouchesTheHeapOrALockWhateverTheStreamDoes) {
     const auto streams = {opus(300, true), raw(300, true), raw(300, false), opus(300, false)};
     CallbackWatch::reset();
-    std::uint32_t number = 0;
     for (const auto& stream : streams) {
-        play(stream, ++number);
+        feed_.restart();
+        play(stream);
     }
     EXPECT_EQ(CallbackWatch::allocations(), 0);
     EXPECT_EQ(CallbackWatch::releases(), 0);

@@ -6,6 +6,7 @@
 
 #include "listen/playout/playout.h"
 #include "tests/unit/listen/packets.h"
+#include "tests/unit/listen/playout/packet_feed.h"
 #include "tests/unit/listen/playout/virtual_stream.h"
 
 using packets::Bytes;
@@ -22,10 +23,9 @@ constexpr int SMOOTH_STEP = 10000 * 131 / 1000 * 3 / 2 + 100;
 /// Plays packets of real streams, made one after the other, on a device of 48000 Hz.
 class PlayoutChange : public testing::Test {
   protected:
-    /// Plays `seconds` of what `next` makes, as the stream number `stream`. A packet that `lost`
-    /// chooses does not arrive.
+    /// Plays `seconds` of what `next` makes. A packet that `lost` chooses does not arrive.
     void play(
-        double seconds, std::uint32_t stream, const std::function<Bytes()>& next,
+        double seconds, const std::function<Bytes()>& next,
         const std::function<bool()>& lost = [] { return false; }) {
         const double end = now_ + seconds;
         while (now_ < end) {
@@ -36,7 +36,7 @@ class PlayoutChange : public testing::Test {
                 ASSERT_TRUE(packet);
                 sent_ += static_cast<double>(packet->frames) / packet->sampleRate;
                 if (!lost()) {
-                    playout_.push(*packet, stream, microseconds());
+                    feed_.push(*packet, microseconds());
                 }
             }
             std::vector<std::int16_t> output(PERIOD_FRAMES * 2);
@@ -68,6 +68,7 @@ class PlayoutChange : public testing::Test {
     std::int64_t microseconds() const { return static_cast<std::int64_t>(now_ * 1e6); }
 
     vxlisten::Playout playout_{DEVICE_RATE, 40};
+    PacketFeed feed_{playout_.queue()};
     double now_ = 0;
     double sent_ = 0;
     std::vector<std::int16_t> played_;
@@ -76,27 +77,27 @@ class PlayoutChange : public testing::Test {
 }  // namespace
 
 TEST_F(PlayoutChange, RawToOpusAndBackIsClean) {
-    play(2, 1, rawTone());
-    play(2, 2, opusTone(2));
+    play(2, rawTone());
+    play(2, opusTone(2));
     EXPECT_NEAR(frequencyNow(), 1000.0, 0.5);
-    play(2, 3, rawTone());
+    play(2, rawTone());
     EXPECT_NEAR(frequencyNow(), 1000.0, 0.5);
     EXPECT_LT(largestStep(played_), SMOOTH_STEP);
     EXPECT_EQ(playout_.figures().underruns, 0u);
 }
 
 TEST_F(PlayoutChange, AnotherSampleRatePlaysAtItsOwnPitch) {
-    play(2, 1, opusTone(2));
-    play(2, 2, opusTone(2, 0, false));
+    play(2, opusTone(2));
+    play(2, opusTone(2, 0, false));
     EXPECT_NEAR(frequencyNow(), 1000.0 * 44100 / 48000, 0.5);
     EXPECT_LT(largestStep(played_), SMOOTH_STEP);
     EXPECT_EQ(playout_.figures().underruns, 0u);
 }
 
 TEST_F(PlayoutChange, AnotherBitRateInTheSameStreamGoesOnWithoutAPause) {
-    play(2, 1, opusTone(3));
+    play(2, opusTone(3));
     const std::uint64_t before = playout_.figures().underruns;
-    play(2, 1, opusTone(1, static_cast<std::uint32_t>(sent_ * 100 + 0.5)));
+    play(2, opusTone(1, static_cast<std::uint32_t>(sent_ * 100 + 0.5)));
     EXPECT_NEAR(frequencyNow(), 1000.0, 0.5);
     EXPECT_EQ(playout_.figures().underruns, before);
     EXPECT_EQ(playout_.figures().concealed, 0u);
@@ -104,7 +105,7 @@ TEST_F(PlayoutChange, AnotherBitRateInTheSameStreamGoesOnWithoutAPause) {
 }
 
 TEST_F(PlayoutChange, FallbackPacketsPlay) {
-    play(2, 1, [seq = std::uint32_t{0}]() mutable {
+    play(2, [seq = std::uint32_t{0}]() mutable {
         const Bytes bytes = packets::make(seq, wire::makeFlags(false, true, 4),
                                           packets::toBytes(packets::tone(480, seq * 480)));
         ++seq;
@@ -119,9 +120,9 @@ TEST_F(PlayoutChange, LostOpusPacketsAreConcealedWithoutClicks) {
     std::cout << "random seed " << seed << "\n";
     std::mt19937 random(seed);
     const auto stream = opusTone(2);
-    play(1, 1, stream);
+    play(1, stream);
     std::uint64_t lost = 0;
-    play(20, 1, stream, [&] {
+    play(20, stream, [&] {
         const bool now = random() % 20 == 0;
         lost += now ? 1 : 0;
         return now;
@@ -134,23 +135,25 @@ TEST_F(PlayoutChange, LostOpusPacketsAreConcealedWithoutClicks) {
 
 TEST(BlockSource, ASkipThatBeginsOrEndsAtALostPacketMakesNoClick) {
     for (const std::uint32_t lost : {7U, 8U, 9U, 11U}) {
-        auto source = std::make_unique<vxlisten::BlockSource>();
+        vxlisten::BlockQueue queue;
+        vxlisten::BlockSource source(queue);
+        PacketFeed feed(queue);
         for (std::uint32_t seq = 0; seq < 20; ++seq) {
             const Bytes bytes = packets::make(seq, wire::makeFlags(true, true, 0),
                                               packets::toBytes(packets::tone(338, seq * 338)));
-            vxlisten::StoredPacket stored;
-            stored.assign(*vxlisten::parseAudioPacket(bytes.data(), bytes.size()), 1, 0);
             if (seq != lost) {
-                source->insert(stored);
+                feed.push(*vxlisten::parseAudioPacket(bytes.data(), bytes.size()), 0);
             }
         }
-        source->resume();
+        while (source.takeArrival() != nullptr) {
+        }
+        source.resume();
         std::vector<std::int16_t> played;
         for (int i = 0; i < 12; ++i) {
             if (i == 8) {
-                source->skip(3);
+                source.skip(3);
             }
-            const auto block = source->next();
+            const auto block = source.next();
             played.insert(played.end(), block.frames, block.frames + block.count * 2);
         }
         EXPECT_LT(largestStep(played), SMOOTH_STEP) << "packet " << lost << " lost";

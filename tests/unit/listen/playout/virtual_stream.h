@@ -3,22 +3,24 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <random>
 #include <vector>
 
 #include "listen/playout/playout.h"
+#include "tests/unit/listen/playout/packet_feed.h"
 
 /// A server, a network and an output device that live in virtual time.
 namespace virtual_stream {
 
 constexpr double TAU = 6.283185307179586;
+constexpr int RATE = 48000;  ///< Of stream and device, Hz.
+constexpr std::size_t PACKET_FRAMES = 338;
 
 struct Conditions {
-    int sampleRate = 48000;  ///< Of stream and device, Hz.
-    std::size_t packetFrames = 338;
     double serverPpm = 0;  ///< How much faster than the device the server's clock runs.
-    double tone = 1000;    ///< Hz, as captured.
+    int tone = 1000;       ///< Hz, as captured.
     double amplitude = 10000;
     double delayMs = 40;   ///< What the playout is to keep.
     double periodMs = 10;  ///< Of the output device.
@@ -26,7 +28,8 @@ struct Conditions {
 };
 
 /// Decides what the network does with packet number `index`, sent at `sent` (microseconds): calls
-/// the function with each time at which it arrives.
+/// the function with the time at which it arrives, if it does. None overtakes another, as with
+/// ENet.
 using Network = std::function<void(std::uint64_t index, std::int64_t sent,
                                    const std::function<void(std::int64_t)>&)>;
 
@@ -41,12 +44,21 @@ class Simulation {
     Simulation(const Conditions& setup, Network network)
         : setup_(setup),
           network_(std::move(network)),
-          playout_(setup.sampleRate, setup.delayMs, {setup.sampleRate, setup.sampleRate}) {}
+          playout_(RATE, setup.delayMs),
+          feed_(playout_.queue()) {
+        for (int i = 0; i < RATE; ++i) {
+            const double angle = TAU * setup.tone * i / RATE;
+            const auto value =
+                static_cast<std::int16_t>(std::lround(setup.amplitude * std::sin(angle)));
+            second_.insert(second_.end(), {value, value});
+        }
+        second_.insert(second_.end(), second_.begin(), second_.begin() + 2 * PACKET_FRAMES);
+    }
 
     /// Lets `seconds` pass. What the device plays is appended to played() unless `keep` is false.
     void run(double seconds, bool keep = true) {
         const auto end = now_ + static_cast<std::int64_t>(seconds * 1e6);
-        const auto frames = static_cast<std::size_t>(setup_.sampleRate * setup_.periodMs / 1000.0);
+        const auto frames = static_cast<std::size_t>(RATE * setup_.periodMs / 1000.0);
         std::vector<std::int16_t> output(frames * 2);
         const auto period = static_cast<std::int64_t>(setup_.periodMs * 1000);
         while (now_ + period <= end) {
@@ -66,7 +78,7 @@ class Simulation {
     void setNetwork(Network network) { network_ = std::move(network); }
 
     /// Starts another stream, as after a new connection.
-    void startNewStream() { ++stream_; }
+    void startNewStream() { feed_.restart(); }
 
     void forgetDepth() { leastDepth_ = 1e9, greatestDepth_ = 0; }
 
@@ -84,7 +96,7 @@ class Simulation {
     };
 
     std::int64_t sendTime(std::uint64_t index) const {
-        const double packetUs = 1e6 * static_cast<double>(setup_.packetFrames) / setup_.sampleRate;
+        const double packetUs = 1e6 * static_cast<double>(PACKET_FRAMES) / RATE;
         return static_cast<std::int64_t>(static_cast<double>(index + 1) * packetUs /
                                          (1.0 + setup_.serverPpm * 1e-6));
     }
@@ -93,50 +105,39 @@ class Simulation {
         while (sendTime(sent_) <= now) {
             const std::uint64_t index = sent_++;
             network_(index, sendTime(index), [&](std::int64_t arrival) {
-                flying_.push_back({arrival, index});
+                latest_ = std::max(latest_, arrival);
+                flying_.push_back({latest_, index});
             });
         }
-        std::stable_sort(flying_.begin(), flying_.end(), [](const InFlight& a, const InFlight& b) {
-            return a.arrival < b.arrival;
-        });
     }
 
     void deliverUntil(std::int64_t now) {
-        std::size_t done = 0;
-        for (; done < flying_.size() && flying_[done].arrival <= now; ++done) {
-            deliver(flying_[done]);
+        while (!flying_.empty() && flying_.front().arrival <= now) {
+            deliver(flying_.front());
+            flying_.pop_front();
         }
-        flying_.erase(flying_.begin(), flying_.begin() + static_cast<std::ptrdiff_t>(done));
     }
 
     void deliver(const InFlight& flight) {
-        std::vector<unsigned char> payload(setup_.packetFrames * 4);
-        for (std::size_t i = 0; i < setup_.packetFrames; ++i) {
-            const double frame = static_cast<double>(flight.index * setup_.packetFrames + i);
-            const double value =
-                setup_.amplitude * std::sin(TAU * setup_.tone * frame / setup_.sampleRate);
-            const auto sample = static_cast<std::uint16_t>(std::lround(value));
-            for (std::size_t c = 0; c < 2; ++c) {
-                payload[i * 4 + c * 2] = static_cast<unsigned char>(sample & 0xFF);
-                payload[i * 4 + c * 2 + 1] = static_cast<unsigned char>(sample >> 8);
-            }
-        }
         vxlisten::AudioPacket packet;
         packet.seq = setup_.firstSeq + static_cast<std::uint32_t>(flight.index);
-        packet.sampleRate = setup_.sampleRate;
-        packet.frames = setup_.packetFrames;
-        packet.payload = payload.data();
-        packet.payloadLength = payload.size();
-        playout_.push(packet, stream_, flight.arrival);
+        packet.sampleRate = RATE;
+        packet.frames = PACKET_FRAMES;
+        packet.payload = reinterpret_cast<const unsigned char*>(
+            &second_[2 * (flight.index * PACKET_FRAMES % RATE)]);
+        packet.payloadLength = 4 * PACKET_FRAMES;
+        feed_.push(packet, flight.arrival);
     }
 
     Conditions setup_;
     Network network_;
     vxlisten::Playout playout_;
+    PacketFeed feed_;
     std::int64_t now_ = 0;
     std::uint64_t sent_ = 0;
-    std::uint32_t stream_ = 1;
-    std::vector<InFlight> flying_;
+    std::deque<InFlight> flying_;
+    std::int64_t latest_ = 0;
+    std::vector<std::int16_t> second_;  ///< The sound of a second, and a packet's more.
     std::vector<std::int16_t> played_;
     double leastDepth_ = 1e9;
     double greatestDepth_ = 0;

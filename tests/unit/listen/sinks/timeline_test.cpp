@@ -31,13 +31,16 @@ class TimelineTest : public testing::Test {
 
     PcmSink* take(const packets::Bytes& bytes) {
         const auto packet = vxlisten::parseAudioPacket(bytes.data(), bytes.size());
-        return timeline_.take(*packet, tracker_.observe(*packet), now_);
+        const auto step = tracker_.observe(*packet);
+        const auto sound = decoder_.decode(*packet, step, [](const auto&) {});
+        return timeline_.take(*packet, step, sound, now_);
     }
 
     std::size_t frames() const { return sink_.samples.size() / 2; }
 
     std::int64_t now_ = 1'000'000;
     vxlisten::SequenceTracker tracker_;
+    vxlisten::StreamDecoder decoder_;
     vxlisten::Timeline timeline_;
     MemorySink sink_;
 };
