@@ -193,9 +193,9 @@ void Client::loseConnection(const std::string& why) {
     waitUntil_ = linkSince_ + retryPause_.next() * MILLISECOND;
     // One that hangs is kept: a second would hang as well.
     if (!whereabouts_.valid() || isReady(whereabouts_)) {
-        whereabouts_ =
-            inBackground([server = options_.server, locate = locate_,
-                          address = receiver_.address()] { return locate(server, address); });
+        whereabouts_ = inBackground([server = options_.server, address = receiver_.address()] {
+            return locateAgain(server, address);
+        });
     }
 }
 

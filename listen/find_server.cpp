@@ -21,7 +21,6 @@ constexpr std::chrono::milliseconds SHORT_LIMIT{1000};
 /// A server's discovery port is one above the port that its environment chose, if it did.
 DiscoverySearch makeSearch(const ServerChoice& choice) {
     DiscoverySearch search;
-    search.group = wire::DISCOVERY_GROUP;
     search.ports = {wire::DEFAULT_DISCOVERY_PORT};
     // The highest port has none above it.
     if (choice.portChosen && choice.port < 65535 &&

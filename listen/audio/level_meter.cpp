@@ -41,18 +41,6 @@ double LevelMeter::rmsDbfs(std::size_t channel) const {
     return toDbfs(rootMean(squares_[channel], frames_));
 }
 
-double LevelMeter::peakDbfs() const {
-    return toDbfs(peak());
-}
-
-double LevelMeter::rmsDbfs() const {
-    return toDbfs(rootMean(squares_[0] + squares_[1], frames_ * CHANNELS));
-}
-
-int LevelMeter::peak() const {
-    return std::max(peak_[0], peak_[1]);
-}
-
 double PeakHold::update(double peakDbfs, std::int64_t now) {
     const double seconds = static_cast<double>(now - last_) / static_cast<double>(SECOND);
     last_ = now;

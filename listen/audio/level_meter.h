@@ -24,13 +24,6 @@ class LevelMeter {
     [[nodiscard]] double peakDbfs(std::size_t channel) const;
     [[nodiscard]] double rmsDbfs(std::size_t channel) const;
 
-    /// The louder channel's peak, and the mean level of both channels together.
-    [[nodiscard]] double peakDbfs() const;
-    [[nodiscard]] double rmsDbfs() const;
-
-    /// Largest sample value, 0 to 32768.
-    [[nodiscard]] int peak() const;
-
   private:
     std::array<int, CHANNELS> peak_{};
     std::array<double, CHANNELS> squares_{};

@@ -74,7 +74,7 @@ class Search {
             sockaddr_in target = {};
             target.sin_family = AF_INET;
             target.sin_port = htons(port);
-            inet_pton(AF_INET, search_.group.c_str(), &target.sin_addr);
+            inet_pton(AF_INET, wire::DISCOVERY_GROUP, &target.sin_addr);
             const ssize_t sent = sendto(socket_.descriptor(), wire::DISCOVERY_QUERY2,
                                         std::strlen(wire::DISCOVERY_QUERY2), 0,
                                         reinterpret_cast<const sockaddr*>(&target), sizeof target);

@@ -15,7 +15,6 @@ struct FoundServer {
 
 /// How to look for servers.
 struct DiscoverySearch {
-    std::string group;                 ///< Address that the queries go to.
     std::vector<std::uint16_t> ports;  ///< Ports that the queries go to.
     std::chrono::milliseconds limit{3000};
     /// After the first answer: how long to wait for more of them. Not above `limit`.

@@ -11,6 +11,7 @@
 
 #include "stream/wire_format.h"
 #include "tests/fakes/net_namespace.h"
+#include "tests/unit/listen/loopback_test.h"
 #include "tests/unit/listen/udp_responder.h"
 
 namespace {
@@ -47,14 +48,8 @@ class Servers {
     std::optional<UdpResponder> listening_;
 };
 
-class FindServer : public testing::Test {
+class FindServer : public LoopbackTest {
   protected:
-    FindServer() {
-        ip("link set lo up");
-        ip("route add 231.232.233.235/32 dev lo");
-    }
-
-    const NetNamespace network_;
     vxlisten::ServerChoice choice_;
 };
 

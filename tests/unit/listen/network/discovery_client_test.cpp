@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include "stream/wire_format.h"
+#include "tests/unit/listen/loopback_test.h"
 #include "tests/unit/listen/udp_responder.h"
 
 using std::chrono::milliseconds;
@@ -21,10 +23,12 @@ class Responder {
     explicit Responder(std::vector<std::string> answers, int ignored = 0)
         : answers_(std::move(answers)),
           ignored_(ignored),
-          end_("127.0.0.1", 0,
+          end_("0.0.0.0", 0,
                [this](int handle, const std::string& text, const sockaddr_in& sender) {
                    answer(handle, text, sender);
-               }) {}
+               }) {
+        end_.join(wire::DISCOVERY_GROUP);
+    }
 
     std::uint16_t port() const { return end_.port(); }
 
@@ -46,9 +50,10 @@ class Responder {
     UdpResponder end_;
 };
 
+class DiscoveryClient : public LoopbackTest {};
+
 DiscoverySearch searchFor(const Responder& responder, int limitMs) {
     DiscoverySearch search;
-    search.group = "127.0.0.1";
     search.ports = {responder.port()};
     search.limit = milliseconds(limitMs);
     search.grace = milliseconds(50);
@@ -57,7 +62,7 @@ DiscoverySearch searchFor(const Responder& responder, int limitMs) {
 
 }  // namespace
 
-TEST(DiscoveryClient, FindsTheServerThatAnswers) {
+TEST_F(DiscoveryClient, FindsTheServerThatAnswers) {
     const Responder responder({"VelantrixResponse"});
     const auto result = discoverServers(searchFor(responder, 3000));
     ASSERT_EQ(result.servers.size(), 1u);
@@ -66,19 +71,19 @@ TEST(DiscoveryClient, FindsTheServerThatAnswers) {
     EXPECT_EQ(responder.query, "VelantrixQuery2");
 }
 
-TEST(DiscoveryClient, AsksAgainWhenAQueryGetsLost) {
+TEST_F(DiscoveryClient, AsksAgainWhenAQueryGetsLost) {
     const Responder responder({"VelantrixResponse"}, 2);
     const auto result = discoverServers(searchFor(responder, 20000));
     EXPECT_EQ(result.servers.size(), 1u);
     EXPECT_GE(responder.queries, 3);
 }
 
-TEST(DiscoveryClient, ListsAServerOnceHoweverOftenItAnswers) {
+TEST_F(DiscoveryClient, ListsAServerOnceHoweverOftenItAnswers) {
     const Responder responder({"VelantrixResponse", "VelantrixResponse"});
     EXPECT_EQ(discoverServers(searchFor(responder, 3000)).servers.size(), 1u);
 }
 
-TEST(DiscoveryClient, EndsWithTheServerThatIsWanted) {
+TEST_F(DiscoveryClient, EndsWithTheServerThatIsWanted) {
     const Responder responder({"VelantrixResponse"});
     DiscoverySearch search = searchFor(responder, 60000);
     search.grace = milliseconds(60000);
@@ -88,7 +93,7 @@ TEST(DiscoveryClient, EndsWithTheServerThatIsWanted) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::seconds(30));
 }
 
-TEST(DiscoveryClient, TakesNothingElseForAnAnswer) {
+TEST_F(DiscoveryClient, TakesNothingElseForAnAnswer) {
     const Responder responder({"velantrixresponse", "VelantrixResponse2", "VelantrixRespons",
                                std::string("VelantrixResponse\0", 18), "", std::string(90, 'x')});
     EXPECT_TRUE(discoverServers(searchFor(responder, 700)).servers.empty());

@@ -101,7 +101,7 @@ TEST_P(LossyRecording, HasTheRightLengthAndLevel) {
     EXPECT_NEAR(static_cast<double>(info.frames), 96000.0, 2000.0);
     vxlisten::LevelMeter meter;
     meter.add(recorded.data() + 48000, 48000);
-    EXPECT_NEAR(meter.rmsDbfs(), -13.3, 1.0);
+    EXPECT_NEAR(meter.rmsDbfs(0), -13.3, 1.0);
 }
 
 INSTANTIATE_TEST_SUITE_P(Recording, LossyRecording, testing::Values("a.ogg", "b.opus"));

@@ -149,8 +149,8 @@ TEST_F(TimelineTest, ASinkThatTakesNoMoreIsTold) {
 TEST_F(TimelineTest, LevelsAreThoseOfTheSoundNotOfTheSilence) {
     take(packets::make(0, wire::makeFlags(true, true, 0), packets::toBytes(packets::tone(480))));
     take(packets::make(5, wire::makeFlags(true, true, 0), packets::toBytes(packets::tone(480))));
-    EXPECT_NEAR(timeline_.level().rmsDbfs(), -13.3, 0.1);
-    EXPECT_NEAR(timeline_.level().peakDbfs(), -10.3, 0.1);
+    EXPECT_NEAR(timeline_.level().rmsDbfs(0), -13.3, 0.1);
+    EXPECT_NEAR(timeline_.level().peakDbfs(1), -10.3, 0.1);
     timeline_.recentLevel().clear();
-    EXPECT_EQ(timeline_.recentLevel().peakDbfs(), vxlisten::SILENCE_DBFS);
+    EXPECT_EQ(timeline_.recentLevel().peakDbfs(0), vxlisten::SILENCE_DBFS);
 }
