@@ -1,6 +1,6 @@
 #include "listen/outputs.h"
 
-#include <array>
+#include <cassert>
 #include <optional>
 #include <unistd.h>
 
@@ -41,6 +41,7 @@ bool Outputs::openSound(const Options& options) {
 }
 
 SinkState Outputs::take(const AudioPacket& packet, const SequenceStep& step, std::int64_t now) {
+    assert(thread_.here());
     BlockQueue* const played = sound_ != nullptr ? sound_->queue() : nullptr;
     const DecodedBlock sound =
         decoder_.decode(packet, step, [played, now](const DecodedBlock& block) {
@@ -64,6 +65,7 @@ SinkState Outputs::judge(const PcmSink* stopped) {
 }
 
 SinkState Outputs::watch(std::int64_t now, std::string& news) {
+    assert(thread_.here());
     if (sound_ != nullptr) {
         news = sound_->watch(now);
     }

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "common/thread_check.h"
 #include "listen/audio/level_meter.h"
 #include "listen/audio/stream_decoder.h"
 #include "listen/console/statistics.h"
@@ -63,6 +64,7 @@ class Outputs {
     std::unique_ptr<SoundKeeper> sound_;
     std::string error_;
     std::string warning_;
+    ThreadCheck thread_;
 };
 
 }  // namespace vxlisten

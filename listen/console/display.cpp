@@ -1,6 +1,7 @@
 #include "listen/console/display.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cctype>
 #include <cmath>
 #include <cstdint>
@@ -107,6 +108,7 @@ std::string meterLine(const char* name, double level, double held, std::size_t r
 }  // namespace
 
 std::string meterBar(double level, double held, std::size_t width) {
+    assert(width >= 3);
     const std::size_t full = barPosition(level, width);
     std::string bar = std::string(full, '#') + std::string(width - full, '-');
     const std::size_t mark = barPosition(held, width);

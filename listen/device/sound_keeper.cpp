@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <chrono>
 #include <cstdio>
 #include <utility>
@@ -86,6 +87,11 @@ bool SoundKeeper::hasGone(std::int64_t now) {
     return !output_->alive() || now - lastCall_ >= DEVICE_PATIENCE;
 }
 
+BlockQueue* SoundKeeper::queue() {
+    assert(thread_.here());
+    return output_ != nullptr ? &output_->queue() : nullptr;
+}
+
 void SoundKeeper::reopen() {
     opening_ = inBackground([old = std::move(gone_), device = device_, delay = delayMs_,
                              latency = latency_.milliseconds()]() mutable {
@@ -99,6 +105,7 @@ void SoundKeeper::reopen() {
 }
 
 std::string SoundKeeper::watch(std::int64_t now) {
+    assert(thread_.here());
     if (opening_.valid()) {
         return isReady(opening_) ? takeOpened(now) : std::string();
     }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "common/thread_check.h"
 #include "listen/console/statistics.h"
 #include "listen/device/audio_output.h"
 #include "listen/device/device_latency.h"
@@ -33,7 +34,7 @@ class SoundKeeper {
 
     /// Where the sound goes that is to be played, until watch() is called again; null while there
     /// is no device.
-    [[nodiscard]] BlockQueue* queue() { return output_ != nullptr ? &output_->queue() : nullptr; }
+    [[nodiscard]] BlockQueue* queue();
 
     /// Looks after the device; to be called several times a second. Returns a sentence for the
     /// user when something happened, else an empty text. Does not block.
@@ -72,6 +73,7 @@ class SoundKeeper {
     std::int64_t nextTry_ = 0;
     Playback past_;  ///< Counts of the openings before this one.
     std::string error_;
+    ThreadCheck thread_;
 };
 
 }  // namespace vxlisten

@@ -1,6 +1,7 @@
 #include "listen/network/receiver.h"
 
 #include <algorithm>
+#include <cassert>
 #include <chrono>
 #include <cstddef>
 #include <thread>
@@ -65,6 +66,7 @@ bool Receiver::resolve(const std::string& host, std::uint16_t port) {
 }
 
 bool Receiver::connect(const StreamChoice& choice) {
+    assert(thread_.here() && host_ != nullptr);
     drop();
     const std::uint32_t data =
         PROTOCOL_VERSION | (choice.multiClient ? wire::CONNECT_MULTI_CLIENT : 0U);
@@ -77,6 +79,7 @@ bool Receiver::connect(const StreamChoice& choice) {
 }
 
 void Receiver::requestData(const StreamChoice& choice) {
+    assert(thread_.here() && peer_ != nullptr);
     const std::string name = cutText(choice.name, wire::MAX_CLIENT_NAME);
     std::vector<unsigned char> message(wire::HEADER_LENGTH + name.size() + 1, 0);
     wire::PacketHeader header;
@@ -95,6 +98,7 @@ void Receiver::requestData(const StreamChoice& choice) {
 }
 
 ReceiverEvent Receiver::service(std::uint32_t milliseconds) {
+    assert(thread_.here() && host_ != nullptr);
     ENetEvent event = {};
     ReceiverEvent result;
     const int found = enet_host_service(host_, &event, milliseconds);

@@ -6,6 +6,8 @@
 
 #include <enet/enet.h>
 
+#include "common/thread_check.h"
+
 namespace vxlisten {
 
 /// Frees a received packet.
@@ -52,7 +54,7 @@ class Receiver {
     /// older connection without a word. False when it could not be started.
     [[nodiscard]] bool connect(const StreamChoice& choice);
 
-    /// Asks for audio; at any time once connected, to start it or to change the choice.
+    /// Asks for audio; at any time while connected, to start it or to change the choice.
     void requestData(const StreamChoice& choice);
 
     /// Waits at most `milliseconds` for an event.
@@ -77,6 +79,7 @@ class Receiver {
     ENetHost* host_ = nullptr;  ///< Owned.
     ENetPeer* peer_ = nullptr;  ///< Borrowed from the host.
     ENetAddress address_ = {};
+    ThreadCheck thread_;
 };
 
 }  // namespace vxlisten

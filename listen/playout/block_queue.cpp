@@ -6,6 +6,7 @@
 namespace vxlisten {
 
 void BlockQueue::push(const DecodedBlock& block, std::int64_t now) {
+    assert(pushing_.here());
     if (block.count == 0) {
         return;
     }
@@ -29,6 +30,7 @@ void BlockQueue::push(const DecodedBlock& block, std::int64_t now) {
 }
 
 std::size_t BlockQueue::size() const {
+    assert(popping_.here());
     return pushed_.load(std::memory_order_acquire) - popped_.load(std::memory_order_relaxed);
 }
 

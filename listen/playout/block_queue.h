@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <vector>
 
+#include "common/thread_check.h"
 #include "listen/audio/stream_decoder.h"
 
 namespace vxlisten {
@@ -49,6 +50,8 @@ class BlockQueue {
     std::atomic<std::size_t> popped_{0};
     bool newStream_ = true;  ///< The next block begins one. Of the thread that pushes, as turn_.
     std::uint32_t turn_ = 0;
+    ThreadCheck pushing_;
+    ThreadCheck popping_;
 };
 
 }  // namespace vxlisten

@@ -1,6 +1,7 @@
 #include "listen/sinks/recorder.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cctype>
 #include <limits>
 #include <system_error>
@@ -126,6 +127,7 @@ void Recorder::refreshHeader(std::size_t frames) {
 }
 
 SinkState Recorder::write(const std::int16_t* frames, std::size_t count, int rate) {
+    assert(!finished_);
     if (!error_.empty() || (sound_ == nullptr && !startFile(rate))) {
         return SinkState::Failed;
     }
