@@ -1,9 +1,10 @@
 #include "listen/command_line.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <map>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
@@ -20,11 +21,13 @@ namespace vxlisten {
 
 namespace {
 
-const std::map<std::string, std::uint32_t>& rateNames() {
-    static const std::map<std::string, std::uint32_t> names = {
-        {"raw", wire::RATE_CODE_RAW}, {"64", 1}, {"128", 2}, {"256", 3}, {"20", 5}};
-    return names;
-}
+struct Rate {
+    const char* name;
+    std::uint32_t code;
+};
+
+constexpr Rate RATES[] = {
+    {"raw", wire::RATE_CODE_RAW}, {"64", 1}, {"128", 2}, {"256", 3}, {"20", 5}};
 
 std::string ownName() {
     char name[wire::MAX_CLIENT_NAME + 1] = "";
@@ -109,11 +112,13 @@ Complaint takeStats(const Words& words, Options& options) {
 }
 
 Complaint takeStream(const Words& words, bool nameGiven, Options& options) {
-    const auto rate = rateNames().find(words.rate);
-    if (rate == rateNames().end()) {
+    const auto* const rate =
+        std::find_if(std::begin(RATES), std::end(RATES),
+                     [&words](const Rate& known) { return known.name == words.rate; });
+    if (rate == std::end(RATES)) {
         return "--rate must be raw, 20, 64, 128 or 256";
     }
-    options.choice.rateCode = rate->second;
+    options.choice.rateCode = rate->code;
     options.choice.reliable = !words.bestEffort;
     options.choice.multiClient = !words.single;
     if (!nameGiven) {
