@@ -24,16 +24,6 @@ std::size_t barPosition(double level, std::size_t width) {
     return static_cast<std::size_t>(std::lround(share * static_cast<double>(width)));
 }
 
-std::string formatted(const char* format, double value) {
-    char text[64];
-    std::snprintf(text, sizeof text, format, value);
-    return text;
-}
-
-std::string counted(const char* name, std::uint64_t count) {
-    return std::string(name) + " " + std::to_string(count);
-}
-
 std::string clockText(double seconds) {
     const auto whole = static_cast<unsigned long>(seconds);
     char text[64];
@@ -81,28 +71,29 @@ std::vector<std::string> headFields(const Statistics& s) {
 
 std::vector<std::string> streamFields(const Statistics& s) {
     return {std::to_string(s.sampleRate) + " Hz", rateName(s.rateCode), deliveryName(s.reliable),
-            formatted("%.0f kbit/s", s.kilobitsPerSecond),
+            number(s.kilobitsPerSecond, 0) + " kbit/s",
             "RTT " + std::to_string(s.roundTripMs) + " ms"};
 }
 
 std::vector<std::string> countFields(const Statistics& s) {
     std::vector<std::string> fields;
     if (s.playback) {
-        fields.push_back(formatted("buffer %.0f", s.playback->bufferMs) +
-                         formatted("/%.0f ms", s.playback->targetMs));
+        fields.push_back("buffer " + number(s.playback->bufferMs, 0) + "/" +
+                         number(s.playback->targetMs, 0) + " ms");
     }
-    fields.push_back(counted("lost", s.lost));
+    fields.push_back("lost " + std::to_string(s.lost));
     if (s.playback) {
-        fields.push_back(counted("concealed", s.playback->concealed));
-        fields.push_back(counted("underruns", s.playback->underruns));
+        fields.push_back("concealed " + std::to_string(s.playback->concealed));
+        fields.push_back("underruns " + std::to_string(s.playback->underruns));
     }
     return fields;
 }
 
 std::string meterLine(const char* name, double level, double held, std::size_t room) {
     const std::size_t width = std::min(LONGEST_BAR, room - 2 - LEVEL_TEXT);
+    const std::string text = number(std::max(level, -99.9), 1) + " dBFS";
     return std::string(name) + " " + meterBar(level, held, width) +
-           formatted("%7.1f dBFS", std::max(level, -99.9));
+           std::string(LEVEL_TEXT - text.size(), ' ') + text;
 }
 
 }  // namespace

@@ -11,17 +11,6 @@ namespace vxlisten {
 
 namespace {
 
-/// Text of a number with `decimals` digits after the point, whatever the locale.
-std::string number(double value, int decimals) {
-    char text[64];
-    std::snprintf(text, sizeof text, "%.*f", decimals, value);
-    return text;
-}
-
-std::string number(std::uint64_t value) {
-    return std::to_string(value);
-}
-
 std::string quoted(const std::string& text) {
     std::string result = "\"";
     for (const char c : text) {
@@ -61,11 +50,11 @@ std::string playbackJson(const Playback& p) {
         .add("jitter_ms", number(p.jitterMs, 1))
         .add("output_latency_ms", number(p.outputLatencyMs, 1))
         .add("correction_ppm", number(p.correctionPpm, 1))
-        .add("concealed", number(p.concealed))
-        .add("skipped", number(p.skipped))
-        .add("stretched", number(p.stretched))
-        .add("underruns", number(p.underruns))
-        .add("device_underruns", number(p.deviceUnderruns));
+        .add("concealed", std::to_string(p.concealed))
+        .add("skipped", std::to_string(p.skipped))
+        .add("stretched", std::to_string(p.stretched))
+        .add("underruns", std::to_string(p.underruns))
+        .add("device_underruns", std::to_string(p.deviceUnderruns));
     return object.end();
 }
 
@@ -80,6 +69,12 @@ double together(const std::array<double, LevelMeter::CHANNELS>& pair) {
 }
 
 }  // namespace
+
+std::string number(double value, int decimals) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%.*f", decimals, value);
+    return text;
+}
 
 std::string rateName(std::uint32_t rateCode) {
     if (rateCode == wire::RATE_CODE_RAW) {
@@ -105,14 +100,14 @@ std::string toJson(const Statistics& s, const char* type) {
         .add("rate", quoted(rateName(s.rateCode)))
         .add("delivery", quoted(deliveryName(s.reliable)))
         .add("kbit_per_s", number(s.kilobitsPerSecond, 1))
-        .add("round_trip_ms", number(s.roundTripMs))
-        .add("packets", number(s.packets))
-        .add("bytes", number(s.bytes))
-        .add("lost", number(s.lost))
-        .add("damaged", number(s.damaged))
-        .add("frames", number(s.frames))
-        .add("filled_frames", number(s.filledFrames))
-        .add("reconnects", number(s.reconnects))
+        .add("round_trip_ms", std::to_string(s.roundTripMs))
+        .add("packets", std::to_string(s.packets))
+        .add("bytes", std::to_string(s.bytes))
+        .add("lost", std::to_string(s.lost))
+        .add("damaged", std::to_string(s.damaged))
+        .add("frames", std::to_string(s.frames))
+        .add("filled_frames", std::to_string(s.filledFrames))
+        .add("reconnects", std::to_string(s.reconnects))
         .add("peak_dbfs", s.peakDbfs)
         .add("rms_dbfs", s.rmsDbfs)
         .add("playback", s.playback ? playbackJson(*s.playback) : "null");
@@ -123,11 +118,12 @@ std::string toLine(const Statistics& s) {
     std::string text = s.connected ? "connected" : "waiting";
     text += " " + s.server + " " + std::to_string(s.sampleRate) + " Hz " + rateName(s.rateCode) +
             " " + deliveryName(s.reliable) + " " + number(s.kilobitsPerSecond, 0) +
-            " kbit/s peak " + number(louder(s.peakDbfs), 1) + " dBFS lost " + number(s.lost);
+            " kbit/s peak " + number(louder(s.peakDbfs), 1) + " dBFS lost " +
+            std::to_string(s.lost);
     if (s.playback) {
-        text += " concealed " + number(s.playback->concealed) + " underruns " +
-                number(s.playback->underruns) + " buffer " + number(s.playback->bufferMs, 0) +
-                " ms";
+        text += " concealed " + std::to_string(s.playback->concealed) + " underruns " +
+                std::to_string(s.playback->underruns) + " buffer " +
+                number(s.playback->bufferMs, 0) + " ms";
     }
     return text;
 }
@@ -139,23 +135,23 @@ std::string toReport(const Statistics& s) {
     };
     line("server", s.server);
     line("seconds", number(s.time, 3));
-    line("packets", number(s.packets));
-    line("bytes", number(s.bytes));
-    line("lost", number(s.lost));
-    line("damaged", number(s.damaged));
+    line("packets", std::to_string(s.packets));
+    line("bytes", std::to_string(s.bytes));
+    line("lost", std::to_string(s.lost));
+    line("damaged", std::to_string(s.damaged));
     line("rate", std::to_string(s.sampleRate));
     line("format", rateName(s.rateCode));
     line("delivery", deliveryName(s.reliable));
-    line("frames", number(s.frames));
-    line("filled-frames", number(s.filledFrames));
-    line("reconnects", number(s.reconnects));
+    line("frames", std::to_string(s.frames));
+    line("filled-frames", std::to_string(s.filledFrames));
+    line("reconnects", std::to_string(s.reconnects));
     line("peak-dbfs", number(louder(s.peakDbfs), 2));
     line("rms-dbfs", number(together(s.rmsDbfs), 2));
     if (s.playback) {
-        line("concealed", number(s.playback->concealed));
-        line("skipped", number(s.playback->skipped));
-        line("stretched", number(s.playback->stretched));
-        line("underruns", number(s.playback->underruns));
+        line("concealed", std::to_string(s.playback->concealed));
+        line("skipped", std::to_string(s.playback->skipped));
+        line("stretched", std::to_string(s.playback->stretched));
+        line("underruns", std::to_string(s.playback->underruns));
     }
     return text;
 }

@@ -113,9 +113,22 @@ bool AudioOutput::alive() const {
     return Pa_IsStreamActive(stream_) == 1;
 }
 
-double AudioOutput::latencyMs() const {
+Playback AudioOutput::figures() const {
+    const PlayoutFigures& figures = playout_->figures();
     const PaStreamInfo* const info = Pa_GetStreamInfo(stream_);
-    return info != nullptr ? info->outputLatency * 1000.0 : 0.0;
+    Playback result;
+    result.playing = figures.playing;
+    result.bufferMs = figures.depthMs;
+    result.targetMs = figures.targetMs;
+    result.jitterMs = figures.jitterMs;
+    result.outputLatencyMs = info != nullptr ? info->outputLatency * 1000.0 : 0.0;
+    result.correctionPpm = figures.correctionPpm;
+    result.concealed = figures.concealed;
+    result.skipped = figures.skipped;
+    result.stretched = figures.stretched;
+    result.deviceUnderruns = deviceUnderruns_;
+    result.underruns = figures.underruns + result.deviceUnderruns;
+    return result;
 }
 
 void AudioOutput::render(std::int16_t* output, std::size_t frames, bool underflow) {

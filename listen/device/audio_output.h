@@ -9,6 +9,7 @@
 
 #include <portaudio.h>
 
+#include "listen/device/playback.h"
 #include "listen/playout/block_queue.h"
 #include "listen/playout/playout.h"
 
@@ -48,13 +49,10 @@ class AudioOutput {
     [[nodiscard]] std::uint64_t calls() const { return calls_; }
 
     /// Figures of the playing side; only when open.
-    [[nodiscard]] const PlayoutFigures& figures() const { return playout_->figures(); }
+    [[nodiscard]] Playback figures() const;
 
     /// Times that the device itself was not fed in time.
     [[nodiscard]] std::uint64_t deviceUnderruns() const { return deviceUnderruns_; }
-
-    /// Milliseconds from rendering a sample to its sounding, as the device says.
-    [[nodiscard]] double latencyMs() const;
 
     /// One sentence about what went wrong, without a line end.
     [[nodiscard]] const std::string& error() const { return error_; }

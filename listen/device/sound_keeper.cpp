@@ -137,7 +137,7 @@ std::string SoundKeeper::takeOpened(std::int64_t now) {
 }
 
 std::string SoundKeeper::lose(std::int64_t now) {
-    countPast();
+    past_ = figures();
     gone_ = std::move(output_);
     nextTry_ = now + pause_.next() * MILLISECOND;
     return tellLost();
@@ -151,40 +151,24 @@ std::string SoundKeeper::tellLost() {
 }
 
 std::string SoundKeeper::askForMore() {
-    countPast();
+    past_ = figures();
     gone_ = std::move(output_);
     reopen();
     return "the output device runs dry again and again, " + askedFor(latency_.milliseconds());
 }
 
-void SoundKeeper::countPast() {
-    past_ = figures();
-}
-
 Playback SoundKeeper::figures() const {
     Playback result;
-    result.concealed = past_.concealed;
-    result.skipped = past_.skipped;
-    result.stretched = past_.stretched;
-    result.underruns = past_.underruns;
-    result.deviceUnderruns = past_.deviceUnderruns;
-    if (output_ == nullptr) {
+    if (output_ != nullptr) {
+        result = output_->figures();
+    } else {
         result.device = !lost_;
-        return result;
     }
-    const PlayoutFigures& figures = output_->figures();
-    result.playing = figures.playing;
-    result.bufferMs = figures.depthMs;
-    result.targetMs = figures.targetMs;
-    result.jitterMs = figures.jitterMs;
-    result.outputLatencyMs = output_->latencyMs();
-    result.correctionPpm = figures.correctionPpm;
-    result.concealed += figures.concealed;
-    result.skipped += figures.skipped;
-    result.stretched += figures.stretched;
-    const std::uint64_t ofDevice = output_->deviceUnderruns();
-    result.deviceUnderruns += ofDevice;
-    result.underruns += figures.underruns + ofDevice;
+    result.concealed += past_.concealed;
+    result.skipped += past_.skipped;
+    result.stretched += past_.stretched;
+    result.underruns += past_.underruns;
+    result.deviceUnderruns += past_.deviceUnderruns;
     return result;
 }
 

@@ -6,9 +6,9 @@
 #include <string>
 
 #include "common/thread_check.h"
-#include "listen/console/statistics.h"
 #include "listen/device/audio_output.h"
 #include "listen/device/device_latency.h"
+#include "listen/device/playback.h"
 #include "listen/device/stderr_mute.h"
 #include "listen/playout/block_queue.h"
 #include "listen/retry_pause.h"
@@ -54,7 +54,6 @@ class SoundKeeper {
     std::string tellLost();
     void giveUp();
     std::string askForMore();
-    void countPast();
     void noteOpened(std::int64_t now);
     bool hasGone(std::int64_t now);
 

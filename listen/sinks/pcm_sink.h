@@ -25,11 +25,17 @@ class PcmSink {
     /// Takes `count` interleaved stereo frames of `rate` Hz. May block.
     virtual SinkState write(const std::int16_t* frames, std::size_t count, int rate) = 0;
 
-    /// Completes what was written; nothing is written afterwards. May block.
-    virtual SinkState finish() = 0;
+    /// One sentence about the first failure, without a line end; empty for none.
+    [[nodiscard]] const std::string& error() const { return error_; }
 
-    /// One sentence about the failure, without a line end.
-    [[nodiscard]] virtual std::string error() const = 0;
+  protected:
+    SinkState fail(const std::string& sentence) {
+        error_ = error_.empty() ? sentence : error_;
+        return SinkState::Failed;
+    }
+
+  private:
+    std::string error_;
 };
 
 }  // namespace vxlisten

@@ -72,8 +72,8 @@ SinkState PipeSink::stop(int errorNumber) {
     if (errorNumber == EPIPE) {
         return state_ = SinkState::Closed;
     }
-    error_ = "cannot write to standard output: " + std::generic_category().message(errorNumber);
-    return state_ = SinkState::Failed;
+    return state_ = fail("cannot write to standard output: " +
+                         std::generic_category().message(errorNumber));
 }
 
 }  // namespace vxlisten

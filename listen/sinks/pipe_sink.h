@@ -3,7 +3,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <optional>
-#include <string>
 
 #include "listen/audio/rate_adapter.h"
 #include "listen/sinks/pcm_sink.h"
@@ -21,9 +20,6 @@ class PipeSink : public PcmSink {
     /// True once nobody can read any more what is written. Does not block.
     [[nodiscard]] bool readerGone() const;
 
-    SinkState finish() override { return state_; }
-    [[nodiscard]] std::string error() const override { return error_; }
-
   private:
     [[nodiscard]] bool waitForRoom() const;
     SinkState writeBytes(const char* bytes, std::size_t count);
@@ -32,7 +28,6 @@ class PipeSink : public PcmSink {
     int descriptor_;
     SinkState state_ = SinkState::Open;
     std::optional<RateAdapter> adapter_;
-    std::string error_;
 };
 
 }  // namespace vxlisten

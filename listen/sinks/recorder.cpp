@@ -77,26 +77,20 @@ bool Recorder::knowsEnding(const std::string& path) {
 bool Recorder::open(const std::string& path) {
     path_ = path;
     format_ = formatOf(path);
-    if (format_ == 0) {
-        fail("the file must end in .wav, .flac, .ogg or .opus");
-        return false;
-    }
+    assert(format_ != 0);
     if (!file_.open(path)) {
-        fail(reasonOf(file_.errorNumber()));
+        refuse(reasonOf(file_.errorNumber()));
         return false;
     }
     return true;
 }
 
-SinkState Recorder::fail(const std::string& reason) {
-    if (error_.empty()) {
-        error_ = "cannot record to '" + path_ + "': " + reason;
-    }
-    return SinkState::Failed;
+SinkState Recorder::refuse(const std::string& reason) {
+    return fail("cannot record to '" + path_ + "': " + reason);
 }
 
 SinkState Recorder::state() const {
-    return error_.empty() ? SinkState::Open : SinkState::Failed;
+    return error().empty() ? SinkState::Open : SinkState::Failed;
 }
 
 bool Recorder::startFile(int rate) {
@@ -105,7 +99,7 @@ bool Recorder::startFile(int rate) {
     SF_INFO info = describe(format_, adapter_->rate());
     sound_ = file_.openSound(info);
     if (sound_ == nullptr || file_.errorNumber() != 0) {
-        fail(file_.errorNumber() != 0 ? reasonOf(file_.errorNumber()) : sf_strerror(nullptr));
+        refuse(file_.errorNumber() != 0 ? reasonOf(file_.errorNumber()) : sf_strerror(nullptr));
         return false;
     }
     return true;
@@ -128,23 +122,23 @@ void Recorder::refreshHeader(std::size_t frames) {
 
 SinkState Recorder::write(const std::int16_t* frames, std::size_t count, int rate) {
     assert(!finished_);
-    if (!error_.empty() || (sound_ == nullptr && !startFile(rate))) {
+    if (!error().empty() || (sound_ == nullptr && !startFile(rate))) {
         return SinkState::Failed;
     }
     const auto& converted = adapter_->convert(frames, count, rate);
     const std::size_t total = converted.size() / CHANNELS;
     if (wouldOutgrowFormat(total)) {
-        return fail("a WAV file cannot hold more than 4 GB, record to .flac instead");
+        return refuse("a WAV file cannot hold more than 4 GB, record to .flac instead");
     }
     for (std::size_t done = 0; done < total; done += PIECE_FRAMES) {
         const auto piece = static_cast<sf_count_t>(std::min(PIECE_FRAMES, total - done));
         const bool whole =
             sf_writef_short(sound_, converted.data() + done * CHANNELS, piece) == piece;
         if (file_.errorNumber() != 0) {
-            return fail(reasonOf(file_.errorNumber()));
+            return refuse(reasonOf(file_.errorNumber()));
         }
         if (!whole) {
-            return fail(sf_strerror(sound_));
+            return refuse(sf_strerror(sound_));
         }
     }
     framesWritten_ += total;
@@ -164,9 +158,9 @@ SinkState Recorder::finish() {
     const int result = sf_close(sound_);
     sound_ = nullptr;
     if (!file_.close()) {
-        return fail(reasonOf(file_.errorNumber()));
+        return refuse(reasonOf(file_.errorNumber()));
     }
-    return result == 0 ? state() : fail(sf_error_number(result));
+    return result == 0 ? state() : refuse(sf_error_number(result));
 }
 
 }  // namespace vxlisten

@@ -24,20 +24,21 @@ class Recorder : public PcmSink {
     /// True when `path` ends in a format that the installed libsndfile writes.
     static bool knowsEnding(const std::string& path);
 
-    /// Creates the file, so that an unwritable one is told before the stream starts. False on
-    /// failure, see error().
+    /// Creates the file, so that an unwritable one is told before the stream starts. Its ending is
+    /// known. False on failure, see error().
     [[nodiscard]] bool open(const std::string& path);
 
     SinkState write(const std::int16_t* frames, std::size_t count, int rate) override;
-    SinkState finish() override;
-    [[nodiscard]] std::string error() const override { return error_; }
+
+    /// Completes the file; nothing is written afterwards. May block.
+    SinkState finish();
 
   private:
     bool startFile(int rate);
     /// Once a second of sound brings a WAV file's header up to date, so that the file can be read
     /// even if the program is killed.
     void refreshHeader(std::size_t frames);
-    SinkState fail(const std::string& reason);
+    SinkState refuse(const std::string& reason);
     [[nodiscard]] SinkState state() const;
     [[nodiscard]] bool wouldOutgrowFormat(std::size_t frames) const;
 
@@ -49,7 +50,6 @@ class Recorder : public PcmSink {
     bool finished_ = false;
     std::uint64_t framesWritten_ = 0;
     std::size_t framesSinceHeader_ = 0;
-    std::string error_;
 };
 
 }  // namespace vxlisten

@@ -39,9 +39,6 @@ class CheckingSink : public vxlisten::PcmSink {
         return vxlisten::SinkState::Open;
     }
 
-    vxlisten::SinkState finish() override { return vxlisten::SinkState::Open; }
-    [[nodiscard]] std::string error() const override { return {}; }
-
   private:
     bool seen = false;
 };

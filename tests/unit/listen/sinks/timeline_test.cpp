@@ -17,8 +17,6 @@ class MemorySink : public PcmSink {
         rates.push_back(rate);
         return samples.size() / 2 >= limit ? SinkState::Closed : SinkState::Open;
     }
-    SinkState finish() override { return SinkState::Open; }
-    std::string error() const override { return {}; }
 
     std::vector<std::int16_t> samples;
     std::vector<int> rates;
