@@ -104,26 +104,18 @@ void Reporter::draw(const Statistics& statistics) {
     }
 }
 
-void Reporter::eraseDisplay() {
+void Reporter::announce(const std::string& sentence) {
+    if (!options_.quiet) {
+        complain(sentence);
+    }
+}
+
+void Reporter::complain(const std::string& sentence) {
     if (lines_ > 0) {
         write(redraw({}, lines_));
         lines_ = 0;
     }
-}
-
-void Reporter::sentence(const std::string& text) {
-    eraseDisplay();
-    writeAll(STDERR_FILENO, "velantrix-listen: " + text + "\n", SENTENCE_PATIENCE_MS);
-}
-
-void Reporter::announce(const std::string& text) {
-    if (!options_.quiet) {
-        sentence(text);
-    }
-}
-
-void Reporter::complain(const std::string& text) {
-    sentence(text);
+    writeAll(STDERR_FILENO, "velantrix-listen: " + sentence + "\n", SENTENCE_PATIENCE_MS);
 }
 
 void Reporter::report(const Statistics& statistics) {

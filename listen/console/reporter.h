@@ -31,7 +31,7 @@ class Reporter {
     /// Prints a sentence without disturbing the display; nothing when quiet.
     void announce(const std::string& sentence);
 
-    /// Prints an error.
+    /// Prints an error, without disturbing the display.
     void complain(const std::string& sentence);
 
     /// Prints the report at the end; the display stays as it is.
@@ -39,10 +39,8 @@ class Reporter {
 
   private:
     void draw(const Statistics& statistics);
-    void eraseDisplay();
     bool write(const std::string& text, int patience = 0) const;
     void showCursor();
-    void sentence(const std::string& text);
 
     const Options& options_;
     int descriptor_;

@@ -24,27 +24,17 @@ constexpr Milliseconds QUERY_INTERVAL{500};
 constexpr Milliseconds POLL_STEP{50};
 constexpr std::size_t ANSWER_ROOM = 64;
 
-/// A UDP socket that closes itself.
-class Socket {
-  public:
-    Socket() : descriptor_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
-    ~Socket() {
-        if (descriptor_ >= 0) {
-            close(descriptor_);
-        }
-    }
-    Socket(const Socket&) = delete;
-    Socket& operator=(const Socket&) = delete;
-
-    [[nodiscard]] int descriptor() const { return descriptor_; }
-
-  private:
-    int descriptor_;
-};
-
 class Search {
   public:
-    explicit Search(const DiscoverySearch& search) : search_(search) {}
+    explicit Search(const DiscoverySearch& search)
+        : search_(search), socket_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
+    ~Search() {
+        if (socket_ >= 0) {
+            close(socket_);
+        }
+    }
+    Search(const Search&) = delete;
+    Search& operator=(const Search&) = delete;
 
     DiscoveryResult run() {
         const Clock::time_point start = Clock::now();
@@ -56,7 +46,7 @@ class Search {
             }
             const bool hadNone = result_.servers.empty();
             waitForAnswers();
-            if (isWantedFound()) {
+            if (isKnown(search_.wanted)) {
                 break;
             }
             if (hadNone && !result_.servers.empty()) {
@@ -75,9 +65,9 @@ class Search {
             target.sin_family = AF_INET;
             target.sin_port = htons(port);
             inet_pton(AF_INET, wire::DISCOVERY_GROUP, &target.sin_addr);
-            const ssize_t sent = sendto(socket_.descriptor(), wire::DISCOVERY_QUERY2,
-                                        std::strlen(wire::DISCOVERY_QUERY2), 0,
-                                        reinterpret_cast<const sockaddr*>(&target), sizeof target);
+            const ssize_t sent =
+                sendto(socket_, wire::DISCOVERY_QUERY2, std::strlen(wire::DISCOVERY_QUERY2), 0,
+                       reinterpret_cast<const sockaddr*>(&target), sizeof target);
             everSent_ = everSent_ || sent >= 0;
             lastError_ = sent < 0 ? errno : lastError_;
         }
@@ -88,14 +78,14 @@ class Search {
     }
 
     void waitForAnswers() {
-        pollfd waiting = {socket_.descriptor(), POLLIN, 0};
+        pollfd waiting = {socket_, POLLIN, 0};
         if (poll(&waiting, 1, static_cast<int>(POLL_STEP.count())) <= 0) {
             return;
         }
         char answer[ANSWER_ROOM];
         sockaddr_in sender = {};
         socklen_t senderLength = sizeof sender;
-        const ssize_t length = recvfrom(socket_.descriptor(), answer, sizeof answer, 0,
+        const ssize_t length = recvfrom(socket_, answer, sizeof answer, 0,
                                         reinterpret_cast<sockaddr*>(&sender), &senderLength);
         const std::size_t expected = std::strlen(wire::DISCOVERY_RESPONSE);
         if (length == static_cast<ssize_t>(expected) &&
@@ -110,10 +100,6 @@ class Search {
             [&address](const FoundServer& server) { return server.address == address; });
     }
 
-    [[nodiscard]] bool isWantedFound() const {
-        return !search_.wanted.empty() && isKnown(search_.wanted);
-    }
-
     void remember(const sockaddr_in& sender) {
         char text[INET_ADDRSTRLEN] = "";
         inet_ntop(AF_INET, &sender.sin_addr, text, sizeof text);
@@ -124,7 +110,7 @@ class Search {
     }
 
     const DiscoverySearch& search_;
-    Socket socket_;
+    int socket_;
     Clock::time_point queryTime_;
     bool everSent_ = false;
     int lastError_ = 0;

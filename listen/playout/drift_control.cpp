@@ -21,8 +21,7 @@ double DriftControl::update(double deviationMs, double seconds) {
         integral_ =
             std::clamp(integral_ + PPM_PER_MS_SECOND * deviationMs * seconds, -MOST_PPM, MOST_PPM);
     }
-    ppm_ = std::clamp(PPM_PER_MS * deviationMs + integral_, -MOST_PPM, MOST_PPM);
-    return ppm_;
+    return std::clamp(PPM_PER_MS * deviationMs + integral_, -MOST_PPM, MOST_PPM);
 }
 
 }  // namespace vxlisten

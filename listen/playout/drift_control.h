@@ -14,12 +14,8 @@ class DriftControl {
     /// returns the correction: how many parts per million faster to play.
     double update(double deviationMs, double seconds);
 
-    /// The correction that update() returned last.
-    [[nodiscard]] double ppm() const { return ppm_; }
-
   private:
     double integral_ = 0;
-    double ppm_ = 0;
 };
 
 }  // namespace vxlisten

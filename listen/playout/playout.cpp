@@ -258,17 +258,16 @@ void Playout::control(double seconds) {
         return;
     }
     if (!source_.pausing()) {
-        drift_.update(meanDepth_ - target_.milliseconds(), sinceControl_);
-        applyCorrection();
+        correct(drift_.update(meanDepth_ - target_.milliseconds(), sinceControl_));
     }
     sinceControl_ = 0;
 }
 
-void Playout::applyCorrection() {
-    figures_.correctionPpm = drift_.ppm();
+void Playout::correct(double ppm) {
+    figures_.correctionPpm = ppm;
     if (resampler_ != nullptr) {
         // What rounding takes now is given back later.
-        ratioCarry_ = setRatio(resampler_, streamRate_, deviceRate_, drift_.ppm(), ratioCarry_);
+        ratioCarry_ = setRatio(resampler_, streamRate_, deviceRate_, ppm, ratioCarry_);
     }
 }
 

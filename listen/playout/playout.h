@@ -62,7 +62,7 @@ class Playout {
     void playBlock();
     void resample(const std::int16_t* frames, std::size_t count);
     void prepareResampler(int rate);
-    void applyCorrection();
+    void correct(double ppm);
     [[nodiscard]] double depthMs() const;
     [[nodiscard]] double blockMs() const;
     [[nodiscard]] std::size_t waiting() const { return (fifoEnd_ - fifoStart_) / 2; }
