@@ -154,7 +154,7 @@ class InstalledFiles(unittest.TestCase):
         self.assertEqual(documented - options, set(), "documented, but not there")
 
     def test_listening_client_manual_explains_every_member_of_the_statistics(self):
-        members = re.findall(r'[.]add\("(\w+)"', (SOURCE / "listen/statistics.cpp").read_text())
+        members = re.findall(r'[.]add\("(\w+)"', (SOURCE / "listen/console/statistics.cpp").read_text())
         self.assertIn("packets", members)
         explained = set(re.findall(r"\w+", "\n".join(
             re.findall(r"^\.It Va (.*)$", self.manual("velantrix-listen"), re.MULTILINE))))
