@@ -12,12 +12,12 @@
 
 #include <enet/enet.h>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
 #include "stream/client_table.h"
 #include "stream/enet_clock.h"
 #include "stream/event_backlog.h"
 #include "stream/network_host.h"
-#include "stream/report_target.h"
+#include "app/base/core_pin.h"
 #include "stream/send_path.h"
 #include "stream/service_step.h"
 #include "stream/wire_format.h"
