@@ -394,7 +394,7 @@ class Shown(SystemTest):
 
     def wait_status(self, view, text):
         wait_until(lambda: view.lines().get(test_window.STATUS_TIP) == text,
-                   f"the status line says {text!r}")
+                   f"the status line says {text!r}", 60)  # ENet waits up to 30 s for who is silent.
 
     def test_count_follows_the_crowd(self):
         test_window.setUpModule()
