@@ -44,6 +44,8 @@ int runWithWindow(int& argc, char** argv) {
 #if QT_VERSION_MAJOR < 6  // Qt 6 scales by itself.
     QApplication::setAttribute(Qt::AA_EnableHighDpiScaling);
     QApplication::setAttribute(Qt::AA_UseHighDpiPixmaps);
+    QApplication::setHighDpiScaleFactorRoundingPolicy(
+        Qt::HighDpiScaleFactorRoundingPolicy::PassThrough);
 #endif
     const QApplication application(argc, argv);
     installMainLoopRequests();
