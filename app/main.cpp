@@ -47,6 +47,7 @@ int runWithWindow(int& argc, char** argv) {
     QApplication::setHighDpiScaleFactorRoundingPolicy(
         Qt::HighDpiScaleFactorRoundingPolicy::PassThrough);
 #endif
+    QApplication::setDesktopFileName("example.velantrix.server");
     const QApplication application(argc, argv);
     installMainLoopRequests();
     int result = 0;
