@@ -1,4 +1,4 @@
-"""How the window of the real program looks on a private screen: its scale."""
+"""How the window of the real program looks on a private screen: its scale and its pictures."""
 
 import contextlib
 import os
@@ -7,12 +7,14 @@ import subprocess
 import unittest
 
 from display import Display
-from harness import Server, SystemTest, main, wait_until
+from harness import SOURCE, Server, SystemTest, main, wait_until
 
 SIZE = (701, 328)
 # What stands on a plain background: left, top, width, height.
 TEXTS = {"address label": (30, 40, 121, 22), "status": (165, 96, 240, 21),
          "sound": (30, 150, 381, 22)}
+LOGO = (530, 10, 160, 120)
+ICON_SIZE = 64
 FACTORS = (1, 1.25, 1.5, 2)
 LAYOUT_DELTA = 2.5
 
@@ -59,6 +61,12 @@ def crop(area, scale=1):
     return ["-crop", f"{width}x{height}+{left}+{top}", "+repage"]
 
 
+def colours(path, *arguments):
+    """Red, green, blue and opacity of all pixels."""
+    values = convert(path, *arguments, "-depth", "8", "RGBA:-")
+    return list(zip(*[iter(values)] * 4))
+
+
 class Window(SystemTest):
     @contextlib.contextmanager
     def window(self, dpi=96, **variables):
@@ -72,6 +80,12 @@ class Window(SystemTest):
         marks = "-".join(map(str, ["window", dpi, *variables.values()]))
         with self.window(dpi, **variables) as window:
             return Picture(window, f"{os.environ.get('VELANTRIX_PICTURES', self.folder)}/{marks}.png")
+
+    def assert_shows(self, shown, name):
+        """Half transparent pixels depend on the background, and on who rounds."""
+        image = colours(SOURCE / "gui/images" / name)
+        self.assertEqual(len(shown), len(image))
+        self.assertEqual(sum(a != b for a, b in zip(shown, image) if b[3] == 255), 0, name)
 
 
 class Scale(Window):
@@ -94,6 +108,23 @@ class Scale(Window):
 
     def test_by_the_users_variable(self):
         self.check(lambda factor: {"QT_SCALE_FACTOR": str(factor)})
+
+
+class Images(Window):
+    """The program was linked with its pictures."""
+
+    def test_window_has_its_icon(self):
+        with self.window() as window:
+            words = display.run("xprop", "-id", window, "-f", "_NET_WM_ICON", "32c", "-notype",
+                                "_NET_WM_ICON")
+        width, height, *values = map(int, re.findall(r"\d+", words))
+        self.assertEqual((width, height), (ICON_SIZE, ICON_SIZE))
+        shown = [((value >> 16) & 255, (value >> 8) & 255, value & 255, value >> 24)
+                 for value in values]
+        self.assert_shows(shown, "vx-icon-sm.png")
+
+    def test_logo_stands_in_the_window(self):
+        self.assert_shows(colours(self.picture().path, *crop(LOGO)), "win_bitmap.bmp")
 
 
 if __name__ == "__main__":
