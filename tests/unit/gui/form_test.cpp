@@ -193,7 +193,8 @@ class UsersFont : public ::testing::Test {
 TEST_F(UsersFont, OfAnySizeLeavesNoTextCutOff) {
     QFont pixels("DejaVu Sans");
     pixels.setPixelSize(40);
-    for (const QFont& font : {QFont("DejaVu Sans", 9), QFont("DejaVu Sans", 30), pixels}) {
+    const QFont bold("DejaVu Sans", 9, QFont::Bold);
+    for (const QFont& font : {bold, QFont("DejaVu Sans", 30), pixels}) {
         QApplication::setFont(font);
         const VelantrixServer window(nullptr);
         for (const char* const name : {"label", "label_2", "pushButtonTest"}) {
