@@ -1,9 +1,9 @@
-#include "app/VelantrixServerNoGUI.h"
 
-#include "app/Thread.h"
-#include "app/console.h"
+#include "app/base/Thread.h"
+#include "app/base/console.h"
+#include "app/base/core_pin.h"
+#include "app/base/process_exit.h"
 #include "app/core_life.h"
-#include "app/process_exit.h"
 #include "audio/Audio.h"
 #include "discovery/multi_host.h"
 #include "gui/Settings.h"

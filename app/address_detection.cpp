@@ -6,9 +6,9 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "app/VelantrixServerNoGUI.h"
-#include "app/console.h"
-#include "app/start_values.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/console.h"
+#include "app/base/start_values.h"
 
 namespace {
 
@@ -21,7 +21,7 @@ using InterfaceList = std::unique_ptr<ifaddrs, decltype(&freeifaddrs)>;
 InterfaceList listInterfaces() {
     ifaddrs* first = nullptr;
     if (getifaddrs(&first) != 0) {
-        std::perror("getifaddrs");
+        consolePerror("getifaddrs");
         first = nullptr;
     }
     return {first, freeifaddrs};

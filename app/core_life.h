@@ -1,56 +1,7 @@
 #pragma once
 
-class VelantrixServerNoGUI;
-
-/// Keeps threads that outlive the core object away from it once it is destroyed.
-///
-/// The capture, network, discovery and version check threads are never joined: they go on while
-/// the main thread destroys the core. A thread holds a CorePin for as long as it uses the object.
-/// The destructors first make new pins fail and new reports go to a plain core that lives until
-/// the process ends, then wait for the pins still held, then destroy. The wait is short and
-/// bounded: a thread that is blocked inside a report when it runs out is released later, and
-/// touches nothing of the object on its way out.
-
-enum class CoreStage {
-    Alive,     ///< In use.
-    Closing,   ///< The window's part is going; the core's own members are still there.
-    Destroyed  ///< No part of the object may be touched.
-};
-
-/// A use of the core object by another thread. Realtime-safe: yes (one atomic increment).
-class CorePin {
-  public:
-    CorePin();
-    ~CorePin();
-    CorePin(const CorePin&) = delete;
-    CorePin& operator=(const CorePin&) = delete;
-
-    /// The stage of the core when the pin was taken. Alive allows everything; Closing allows the
-    /// core's own members but no virtual call; Destroyed allows nothing.
-    [[nodiscard]] CoreStage stage() const { return stageSeen; }
-
-    /// True when the whole object may be used.
-    explicit operator bool() const { return stageSeen == CoreStage::Alive; }
-
-  private:
-    CoreStage stageSeen;
-};
-
-/// Gives the calling thread's pins up while it waits for something long, and takes them again.
-/// Without a pin on this thread it changes nothing. Thread: version check.
-class CoreUnpin {
-  public:
-    CoreUnpin();
-    ~CoreUnpin();
-    CoreUnpin(const CoreUnpin&) = delete;
-    CoreUnpin& operator=(const CoreUnpin&) = delete;
-
-    /// Takes the pins again; false when the object may no longer be used.
-    [[nodiscard]] bool repin();
-
-  private:
-    int pinsGivenUp;
-};
+/// The steps by which the core object goes while other threads may be using it; see
+/// app/base/core_pin.h.
 
 /// Called by the core's constructor. Thread: main.
 void markCoreAlive();

@@ -1,16 +1,17 @@
+#include <memory>
+
 #include <QApplication>
 
-#include "app/VelantrixServerNoGUI.h"
-#include "app/command_line.h"
-#include "app/console.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/command_line.h"
+#include "app/base/console.h"
+#include "app/base/main_loop.h"
+#include "app/base/out_of_memory.h"
+#include "app/base/process_exit.h"
 #include "app/core_life.h"
-#include "app/main_loop.h"
-#include "app/out_of_memory.h"
 #include "gui/VelantrixServer.h"
 
 namespace {
-
-constexpr int EXIT_DRAIN_MS = 500;
 
 /// An exit in the middle destroys what Qt keeps for the whole program, which the threads that use
 /// the core must not meet. Nobody serves their reports now: one that waits for its answer is left.
@@ -20,14 +21,27 @@ void leaveCore() {
 
 int runEventLoop() {
     const int result = QApplication::exec();
+    // A sound library that hangs in its start-up may let its exit handlers hang, too.
+    limitExit(finalStatus(result));
     if (getVerbose()) {
         consolePrintf("Exec returned with result %d\n", result);
     }
     return result;
 }
 
+/// The "offscreen" platform is left as it is: when it is destroyed it first reads all fonts, and
+/// where memory is short the font library crashes then.
+struct DestroyUnlessOffscreen {
+    void operator()(const QApplication* application) const {
+        if (QGuiApplication::platformName() != QLatin1String("offscreen")) {
+            delete application;
+        }
+    }
+};
+
 int runHeadless(int& argc, char** argv) {
-    const QApplication application(argc, argv, 0);
+    const std::unique_ptr<const QApplication, DestroyUnlessOffscreen> application(
+        new QApplication(argc, argv, 0));
     VelantrixServerNoGUI::GetIPAddress();
     installMainLoopRequests();
     int result = 0;
@@ -71,6 +85,5 @@ int main(int argc, char** argv) {
     readStartEnvironment();
     choosePlatform(scan);
     const int result = scan.nogui ? runHeadless(argc, argv) : runWithWindow(argc, argv);
-    consoleDrain(EXIT_DRAIN_MS);
     return finalStatus(result);
 }

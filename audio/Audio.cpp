@@ -8,8 +8,8 @@
 #include <mutex>
 #include <unistd.h>
 
-#include "app/console.h"
-#include "app/start_values.h"
+#include "app/base/console.h"
+#include "app/base/start_values.h"
 #include "stream/wire_format.h"
 
 PaStream* Audio::stream = nullptr;
@@ -17,12 +17,6 @@ char* Audio::_CaptureBuffer = nullptr;
 char* Audio::_CaptureBufferComp = nullptr;
 std::int32_t Audio::_CaptureBufferSizeComp = 0;
 std::int32_t Audio::_CurrentCaptureIndexComp = wire::HEADER_LENGTH;
-
-std::atomic<bool> vxOptionAltRate{false};
-
-bool getVxOptionAltRate() {
-    return vxOptionAltRate.load(std::memory_order_relaxed);
-}
 
 namespace {
 
@@ -32,14 +26,13 @@ constexpr int RATE_44K1 = 44100;
 // PortAudio may not be opened and closed at once, which a quit during start-up would do.
 // Never held by the callback.
 std::mutex lifeMutex;
-bool openWasCalled = false;
-bool closedBeforeOpen = false;
+bool closed = false;
 
 /// Sends standard error to "/dev/null" for its lifetime, for the whole process.
 class QuietStandardError {
   public:
     QuietStandardError() {
-        std::fflush(stderr);
+        consoleDrain();
         saved = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
         const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
         // What cannot be put back stays as it is: chatter is better than silence for ever.
@@ -76,12 +69,12 @@ PaError initializePortAudio() {
 const PaDeviceInfo* findInputDevice(PaStreamParameters& parameters) {
     parameters.device = Pa_GetDefaultInputDevice();
     if (parameters.device == paNoDevice) {
-        std::fputs("Error: No default input device.\n", stderr);
+        consoleError("Error: No default input device.\n");
         return nullptr;
     }
     const PaDeviceInfo* const info = Pa_GetDeviceInfo(parameters.device);
     if (info == nullptr) {
-        std::fputs("Error: Invalid default input device.\n", stderr);
+        consoleError("Error: Invalid default input device.\n");
     }
     return info;
 }
@@ -99,7 +92,7 @@ int chooseRate(double deviceRate) {
         rate = static_cast<int>(std::min(std::strtol(wanted, nullptr, 10), GREATEST));
     }
     if (rate != RATE_48K && rate != RATE_44K1) {
-        std::fprintf(stderr, "Sample rate %d not supported, using %d\n", rate, RATE_44K1);
+        consoleError("Sample rate %d not supported, using %d\n", rate, RATE_44K1);
         rate = RATE_44K1;
     }
     return rate;
@@ -173,31 +166,28 @@ PaError openCapture(std::atomic<bool>& isRate48k) {
 int Audio::Open(int /*unused*/, std::atomic<bool>& isRate48k) {
     const std::lock_guard<std::mutex> alone(lifeMutex);
     isRate48k.store(false);
-    if (closedBeforeOpen) {
-        closedBeforeOpen = false;
+    if (closed) {
         return paNotInitialized;
     }
-    openWasCalled = true;
     allocateBuffers();
     const PaError err = openCapture(isRate48k);
     if (err != paNoError) {
-        std::fputs("An error occured while opening the portaudio stream\n", stderr);
-        std::fprintf(stderr, "Error message: %s\n", Pa_GetErrorText(err));
+        consoleError("An error occured while opening the portaudio stream\n");
+        consoleError("Error message: %s\n", Pa_GetErrorText(err));
     }
     return err;
 }
 
 int Audio::Close() {
     const std::lock_guard<std::mutex> alone(lifeMutex);
-    closedBeforeOpen = !openWasCalled;
-    openWasCalled = false;
+    closed = true;
     const PaError err = Pa_CloseStream(stream);
     Pa_Terminate();
     stream = nullptr;
     if (err != paNoError) {
-        std::fputs("An error occured while closing the portaudio stream\n", stderr);
-        std::fprintf(stderr, "Error number: %d\n", err);
-        std::fprintf(stderr, "Error message: %s\n", Pa_GetErrorText(err));
+        consoleError("An error occured while closing the portaudio stream\n");
+        consoleError("Error number: %d\n", err);
+        consoleError("Error message: %s\n", Pa_GetErrorText(err));
     }
     return err;
 }

@@ -20,7 +20,7 @@ class Audio {
     static int Open(int unused, std::atomic<bool>& isRate48k);
 
     /// Closes the stream and terminates PortAudio; returns the result of the close. May hang with
-    /// a bad driver. Called before Open() it makes that Open() fail. Thread: audio shutdown.
+    /// a bad driver. An Open() that comes later fails. Thread: audio shutdown.
     static int Close();
 
     /// PortAudio's stream callback; always returns paContinue. Only `input` (null: silence is
@@ -37,11 +37,3 @@ class Audio {
     static std::int32_t _CaptureBufferSizeComp;    ///< Bytes in _CaptureBufferComp.
     static std::int32_t _CurrentCaptureIndexComp;  ///< Next free byte in _CaptureBufferComp.
 };
-
-/// True while the capture runs at 48000 Hz. Written by the network thread through Audio::Open
-/// before the stream starts, read by the capture thread and the window.
-extern std::atomic<bool> vxOptionAltRate;
-
-/// True when the capture runs at 48000 Hz, false at 44100 Hz and without a capture. Thread: any.
-/// Realtime-safe: yes.
-bool getVxOptionAltRate();

@@ -2,7 +2,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "app/console.h"
+#include "app/base/console.h"
 #include "audio/Audio.h"
 #include "stream/send_path.h"
 #include "stream/wire_format.h"

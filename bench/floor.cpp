@@ -26,8 +26,8 @@
 
 #include <opus/opus.h>
 
-#include "bench/test_sound.h"
 #include "stream/wire_format.h"
+#include "tests/support/test_sound.h"
 
 namespace {
 

@@ -21,8 +21,8 @@
 #include <utility>
 #include <vector>
 
-#include "bench/audio_client.h"
 #include "stream/wire_format.h"
+#include "tests/support/audio_client.h"
 
 namespace {
 

@@ -14,21 +14,18 @@
 #include <cmath>
 #include <cstdio>
 #include <cstdlib>
-#include <fstream>
 #include <string>
 #include <time.h>
-#include <unistd.h>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
-#include "bench/bench_clients.h"
-#include "bench/bench_server.h"
-#include "bench/benchmark_table.h"
 #include "bench/call_timers.h"
-#include "stream/network_host.h"
 #include "stream/send_path.h"
+#include "stream/service_step.h"
 #include "stream/wire_format.h"
+#include "tests/support/bench_clients.h"
+#include "tests/support/bench_server.h"
 
 namespace {
 
@@ -145,10 +142,9 @@ void addRows() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    std::ofstream table = takeStandardOutput();
     benchmark::Initialize(&argc, argv);
     createBenchServer();
     addRows();
-    runBenchmarks(table);
+    benchmark::RunSpecifiedBenchmarks();
     return 0;
 }

@@ -13,18 +13,8 @@ import time
 from pathlib import Path
 
 REMEMBERED = 1 << 16
-DURATIONS = 1 << 20
 COUNTERS_AT = 2 * REMEMBERED * 8 + 8  # Behind the first sequence numbers.
-COUNTER_NAMES = ("callbacks", "long_callbacks", "processor_ns", "sends", "receives", "polls",
-                 "encodes", "encode_ns", "sending_ns", "receiving_ns", "encoding_ns",
-                 "receive_calls", "late_entries")
-DURATIONS_AT = COUNTERS_AT + 8 * len(COUNTER_NAMES)
-LONG_NAMES = ("number", "entry", "wall", "processor", "queued", "waited", "intended",
-              "poll_processor", "poll_queued", "sending", "sends", "receiving", "receives",
-              "encoding", "encodes", "passes", "first_cpu", "last_cpu")
-LONG_ROOM = 1 << 14
-LONG_AT = DURATIONS_AT + 4 * DURATIONS
-BLOCK_PERIOD_S = 338 / 48000
+COUNTER_NAMES = ("callbacks", "processor_ns", "sends", "receives", "polls", "encode_ns")
 BLOCKS_PER_GROUP = 480 / 338
 """A group is what is encoded at once."""
 
@@ -47,28 +37,6 @@ def enter_private_network():
     os.environ["VX_BENCH_NAMESPACE"] = "1"
     flags = "-n" if os.geteuid() == 0 else "-rn"
     os.execvp("unshare", ["unshare", flags, sys.executable, *sys.argv])
-
-
-class PrivateNetwork:
-    """One more network namespace, for a session that must not meet others on its ports.
-
-    A context manager; `prefix` are the words that run a command inside it.
-    """
-
-    def __enter__(self):
-        self.holder = subprocess.Popen(
-            ["unshare", "-n", "sh", "-c", "ip link set lo up && "
-             "ip route add 231.232.233.235/32 dev lo && echo ready && exec cat"],
-            stdin=subprocess.PIPE, stdout=subprocess.PIPE)
-        if self.holder.stdout.readline() != b"ready\n":
-            raise RuntimeError("no network namespace")
-        self.prefix = ["nsenter", f"--net=/proc/{self.holder.pid}/ns/net", "--"]
-        return self
-
-    def __exit__(self, *_):
-        self.holder.stdin.close()
-        self.holder.wait(timeout=20)
-        self.holder.stdout.close()
 
 
 class Client:
@@ -104,35 +72,24 @@ def end_programs(clients, server):
 class Session:
     """The server, headless, with clients given as (rate code, reliable) pairs.
 
-    `output` is a descriptor that takes the server's lines instead of the session's log file;
-    `account` tells the clients to keep account of every packet; `window` starts the server with
-    its window, which nobody sees. `phase` shifts its blocks by a share of their period against the
-    machine's clock, and `prefix` are words before each command (of a PrivateNetwork), so that
-    several sessions can run at once without doing their work at the same moments. `explain` takes
-    the callbacks apart, which costs a few microseconds in each. `debugger` are words before the
-    server's command alone.
+    `account` tells the clients to keep account of every packet; `prefix` are words before each
+    command.
     """
 
     PORT = 59010
 
-    def __init__(self, build, clients, speed=1.0, server=None, output=None,
-                 account=True, window=False, phase=None, prefix=(), explain=False,
-                 debugger=()):
+    def __init__(self, build, clients, account=True, prefix=()):
         self.build = Path(build).resolve()
         self.folder = tempfile.TemporaryDirectory(prefix="velantrix-bench-")
         self.table_path = os.path.join(self.folder.name, "table")
         environment = dict(
             os.environ, HOME=self.folder.name, XDG_CONFIG_HOME=self.folder.name,
             LD_PRELOAD=str(self.build / "libpaced_capture.so"),
-            PACED_CAPTURE_TABLE=self.table_path, PACED_CAPTURE_SPEED=str(speed),
-            PACED_CAPTURE_ACCOUNT="1" if explain else "0",
-            VELANTRIX_SERVER_SAMPLE_RATE="48000", QT_QPA_PLATFORM="offscreen",
-            **({} if phase is None else {"PACED_CAPTURE_PHASE": str(phase)}))
+            PACED_CAPTURE_TABLE=self.table_path,
+            VELANTRIX_SERVER_SAMPLE_RATE="48000", QT_QPA_PLATFORM="offscreen")
         self.log = open(os.path.join(self.folder.name, "server.log"), "w", encoding="utf-8")
-        self.server = subprocess.Popen(
-            [*prefix, *debugger, server or self.build / "VelantrixServer",
-             *([] if window else ["-nogui"])],
-            env=environment, stdout=output or self.log, stderr=subprocess.STDOUT)
+        self.server = subprocess.Popen([*prefix, self.build / "VelantrixServer", "-nogui"],
+                                       env=environment, stdout=self.log, stderr=subprocess.STDOUT)
         self._wait_for_callbacks()
         with open(self.table_path, "rb") as file:
             self.table = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
@@ -150,7 +107,7 @@ class Session:
         self.folder.cleanup()
 
     def _wait_for_callbacks(self):
-        for _ in range(1200):  # Long enough for a debugger that emulates the processor.
+        for _ in range(200):
             if os.path.exists(self.table_path) and os.path.getsize(self.table_path) > 0:
                 return
             if self.server.poll() is not None:
@@ -166,23 +123,3 @@ class Session:
     def counters(self):
         values = struct.unpack_from(f"<{len(COUNTER_NAMES)}q", self.table, COUNTERS_AT)
         return dict(zip(COUNTER_NAMES, values))
-
-    def durations_ns(self, first, last):
-        count = min(last, DURATIONS) - first
-        return struct.unpack_from(f"<{max(count, 0)}I", self.table, DURATIONS_AT + 4 * first)
-
-    def long_callbacks(self, first):
-        """The callbacks longer than half the period, from callback `first` on, as dicts.
-
-        With the mean processor time of a system call and of an encoding beside each.
-        """
-        count = min(self.counters()["long_callbacks"], LONG_ROOM)
-        size = len(LONG_NAMES)
-        values = struct.unpack_from(f"<{count * size}q", self.table, LONG_AT)
-        total = self.counters()
-        usual = {"usual_send": total["sending_ns"] / max(total["sends"], 1),
-                 "usual_receive": total["receiving_ns"] / max(total["receive_calls"], 1),
-                 "usual_encode": total["encoding_ns"] / max(total["encodes"], 1)}
-        rows = (dict(zip(LONG_NAMES, values[i * size:(i + 1) * size]), **usual)
-                for i in range(count))
-        return [row for row in rows if row["number"] >= first]

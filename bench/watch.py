@@ -10,27 +10,20 @@ from pathlib import Path
 class Stalls:
     """When the machine stood still, CLOCK_MONOTONIC nanoseconds.
 
-    `long` are (from, to) pairs of stalls of 2 ms and more on any processor, in order, joined where
-    they overlap.
+    `lines` are (from, to) pairs of late wake-ups on any processor; `long` those of 2 ms and more,
+    in order, joined where they overlap.
     """
 
     LONG_NS = 2000000
 
     def __init__(self, lines):
-        self.by_processor = {}
-        for processor, due, woke in sorted(lines, key=lambda line: line[1]):
-            self.by_processor.setdefault(processor, []).append((due, woke))
-        self.long = joined((due, woke) for _, due, woke in lines if woke - due > self.LONG_NS)
+        self.all = joined(lines)
+        self.long = joined((due, woke) for due, woke in lines if woke - due > self.LONG_NS)
 
-    def time(self, processors, start, end):
-        """For how long within the span one of these processors stood still, short stalls too.
-
-        `processors` None stands for all.
-        """
-        chosen = self.by_processor if processors is None else set(processors)
-        return sum(to - since for since, to in joined(
-            (max(since, start), min(to, end)) for processor in chosen
-            for since, to in overlapping(self.by_processor.get(processor, []), start, end)))
+    def time(self, start, end):
+        """For how long within the span a processor stood still, short stalls too."""
+        return sum(min(to, end) - max(since, start)
+                   for since, to in overlapping(self.all, start, end))
 
 
 def joined(spans):
@@ -72,13 +65,13 @@ class StallWatch:
 
     def stalls(self):
         text = self.path.read_text(encoding="ascii") if self.path.exists() else ""
-        # (processor, due, woke) of every late wake-up.
-        return Stalls([tuple(map(int, line.split())) for line in text.splitlines()
+        # (processor, due, woke) of every late wake-up; the last line may be half written.
+        return Stalls([tuple(map(int, line.split()[1:])) for line in text.splitlines()
                        if line.count(" ") == 2])
 
 
-class Theft:
-    """The share of the processors' time that went to other guests of the same machine."""
+class StealTime:
+    """The share of the processors' time that the hypervisor gave to other guests."""
 
     def __init__(self):
         self.at = self._read()
@@ -89,10 +82,9 @@ class Theft:
             times = [int(word) for word in file.readline().split()[1:9]]
         return times[7], sum(times)
 
-    def percent(self, until=None):
-        """From the making of this object to that of `until`, or to now."""
-        end = until.at if until else self._read()
-        stolen, everything = (now - was for now, was in zip(end, self.at))
+    def percent(self):
+        """From the making of this object to now."""
+        stolen, everything = (now - was for now, was in zip(self._read(), self.at))
         return round(100 * stolen / max(everything, 1), 2)
 
 
@@ -102,18 +94,11 @@ class ProcessMeter:
     def __init__(self, pid):
         self.folder = Path(f"/proc/{pid}")
 
-    def _status(self, names):
-        values = {}
-        for line in (self.folder / "status").read_text(encoding="ascii").splitlines():
-            name, _, rest = line.partition(":")
-            if name in names:
-                values[name] = int(rest.split()[0])
-        return values
-
     def memory_mb(self):
         """Resident memory, and the part of it that is the process's own (not files)."""
-        values = self._status(("VmRSS", "RssAnon"))
-        return values["VmRSS"] / 1024, values["RssAnon"] / 1024
+        lines = (self.folder / "status").read_text(encoding="ascii").splitlines()
+        values = {line.split(":")[0]: line.split()[1] for line in lines if line.endswith("kB")}
+        return int(values["VmRSS"]) / 1024, int(values["RssAnon"]) / 1024
 
     def processor_ms(self):
         """Processor time of all living threads, in milliseconds."""
@@ -127,17 +112,6 @@ class ProcessMeter:
 
     def descriptors(self):
         return len(os.listdir(self.folder / "fd"))
-
-    def wakeups(self):
-        """Voluntary context switches by thread: how often each began to wait, and woke up."""
-        counts = {}
-        for task in (self.folder / "task").iterdir():
-            text = (task / "status").read_text(encoding="ascii")
-            for line in text.splitlines():
-                if line.startswith("voluntary_ctxt_switches:"):
-                    counts[f"{(task / 'comm').read_text().strip()} {task.name}"] = int(
-                        line.split()[1])
-        return counts
 
 
 def wait_while_alive(process, seconds):

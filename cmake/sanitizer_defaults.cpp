@@ -1,6 +1,6 @@
 // What the sanitizers are to overlook, and why: only things in the libraries that come with the
-// system, and that threads of ours are not joined. Linked into our programs when they are built with
-// sanitizers; run-time options add to it.
+// system, and that threads of ours are not joined. Linked into our programs when they are built
+// with sanitizers; run-time options add to it.
 
 #if defined(__SANITIZE_ADDRESS__)
 

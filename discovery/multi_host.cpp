@@ -3,14 +3,13 @@
 #include <arpa/inet.h>
 #include <cerrno>
 #include <cstdint>
-#include <cstdio>
 #include <cstring>
 #include <netinet/in.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include "app/Thread.h"
-#include "app/console.h"
+#include "app/base/Thread.h"
+#include "app/base/console.h"
 #include "discovery/query.h"
 #include "stream/wire_format.h"
 
@@ -82,7 +81,7 @@ bool setUp(const UdpSocket& socket, std::uint16_t port) {
         failure = "multiHost: Socket multicast group add failed";
     }
     if (failure != nullptr) {
-        std::perror(failure);
+        consolePerror(failure);
     }
     return failure == nullptr;
 }
@@ -99,7 +98,7 @@ bool setUp(const UdpSocket& socket, std::uint16_t port) {
 void report(const char* failure, int error) {
     if (error != 0) {
         errno = error;
-        std::perror(failure);
+        consolePerror(failure);
     }
 }
 
@@ -108,7 +107,7 @@ void report(const char* failure, int error) {
 [[nodiscard]] int answerAtFixedPort(const sockaddr_in& sender, std::uint16_t port) {
     const UdpSocket socket;
     if (!socket.isOpen()) {
-        std::perror("multiHost: Response socket open failed");
+        consolePerror("multiHost: Response socket open failed");
         return 0;
     }
     sockaddr_in receiver = sender;

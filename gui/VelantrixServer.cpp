@@ -13,7 +13,7 @@
 #include <QPixmap>
 
 #include "app/core_life.h"
-#include "audio/Audio.h"
+#include "stream/capture_rate.h"
 
 namespace {
 

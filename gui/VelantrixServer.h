@@ -7,7 +7,7 @@
 #include <QString>
 #include <QTimer>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
 #include "ui_VelantrixServer.h"
 
 /// The main window, which is also the server core: it shows the server's address, whether sound

@@ -3,7 +3,7 @@
 #include <QMessageBox>
 #include <QString>
 
-#include "app/core_life.h"
+#include "app/base/core_pin.h"
 #include "gui/VelantrixServer.h"
 
 namespace {

@@ -5,9 +5,8 @@
 #include <string>
 #include <unistd.h>
 
-#include "app/Thread.h"
-#include "app/VelantrixServerNoGUI.h"
-#include "app/core_life.h"
+#include "app/base/Thread.h"
+#include "app/base/core_pin.h"
 #include "gui/VelantrixServer.h"
 #include "update/web_address.h"
 
@@ -61,8 +60,9 @@ int VelantrixServer::checkVersion() {
         return 0;
     }
     const int result = VelantrixServerNoGUI::checkVersion();
-    if (result == 0) {
-        return 0;
+    const CorePin pin;  // What the check wrote may have outlasted the window, on a slow disc.
+    if (result == 0 || !pin) {
+        return result;
     }
     const int answer = showQuestion(
         QMessageBox::Information, "Velantrix Version Notification",

@@ -10,13 +10,15 @@ import sys
 # What each target is about: the files that take foreign bytes apart, and those that have to live
 # with the outcome.
 FILES = {
-    "audio_packet": ("listen/audio_packet.cpp", "listen/sequence_tracker.cpp",
-                     "listen/stream_decoder.cpp", "listen/timeline.cpp", "listen/playout.cpp",
-                     "listen/jitter_buffer.cpp"),
+    "audio_packet": ("listen/network/audio_packet.cpp", "listen/network/sequence_tracker.cpp",
+                     "listen/audio/stream_decoder.cpp", "listen/sinks/timeline.cpp",
+                     "listen/playout/block_queue.cpp", "listen/playout/block_source.cpp",
+                     "listen/playout/playout.cpp"),
     "control_message": ("stream/client_table.cpp",),
+    "datagram_guard": ("stream/datagram_guard.cpp",),
     "discovery_datagram": ("discovery/multi_host.cpp", "discovery/query.cpp"),
     "settings_file": ("gui/Settings.cpp",),
-    "start_values": ("app/command_line.cpp", "discovery/query.cpp", "update/web_address.cpp"),
+    "start_values": ("app/base/command_line.cpp", "discovery/query.cpp", "update/web_address.cpp"),
     "version_page": ("update/version_page.cpp", "update/WebIf.cpp"),
 }
 

@@ -29,7 +29,7 @@ packages_qt6=(qt6-base-dev qt6-wayland)
 packages_check=(clang clang-tidy clang-format cppcheck)
 packages_analysis=("${packages_check[@]}" iwyu)
 packages_bench=(
-    libbenchmark-dev binutils iproute2 pulseaudio pulseaudio-utils python3 strace valgrind
+    libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib valgrind
 )
 packages_coverage=(gcovr)
 packages_fuzzcoverage=(llvm)
@@ -101,7 +101,7 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
              openbox ImageMagick dbus-daemon at-spi2-core python3-gobject xprop weston qt5-qtwayland \
              desktop-file-utils appstream mandoc zsh systemd valgrind
          for the checks:  clang clang-tools-extra cppcheck
-         for benchmarks:  google-benchmark-devel strace valgrind pulseaudio pulseaudio-utils
+         for benchmarks:  google-benchmark-devel python3-matplotlib valgrind pulseaudio pulseaudio-utils
 
 Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio opus curl libsndfile \
              speexdsp cli11 alsa-plugins librsvg
@@ -110,7 +110,7 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
              openbox python-gobject xorg-xprop weston qt5-wayland desktop-file-utils appstream \
              mandoc zsh valgrind
          for the checks:  clang cppcheck
-         for benchmarks:  benchmark strace valgrind pulseaudio
+         for benchmarks:  benchmark python-matplotlib valgrind pulseaudio
 
 Qt 6 does as well: qt6-qtbase-devel and qt6-qtwayland, or qt6-base and qt6-wayland.
 

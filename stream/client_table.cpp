@@ -4,9 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/console.h"
+#include "app/base/console.h"
+#include "app/base/core_pin.h"
 #include "stream/enet_mtu.h"
-#include "stream/report_target.h"
 #include "stream/wire_format.h"
 
 std::array<ClientSlot, CLIENT_SLOTS> clientConn{};
@@ -70,6 +70,22 @@ void dropSingleClients() {
             slot = ClientSlot{};
         }
     }
+}
+
+/// The slot that holds the peer itself, which ENet gives to the next client that comes; where none
+/// does, the first of its address. Null: there is none of either.
+ClientSlot* slotOfDisconnected(const ENetPeer& peer) {
+    ClientSlot* first = nullptr;
+    for (ClientSlot& slot : clientConn) {
+        if (slot.peer == &peer) {
+            return &slot;
+        }
+        if (first == nullptr && slot.peer != nullptr &&
+            sameAddress(slot.peer->address, peer.address)) {
+            first = &slot;
+        }
+    }
+    return first;
 }
 
 /// Copies the NUL-terminated name behind the header, cut to what fits and to the packet.
@@ -153,18 +169,8 @@ void handleDisconnect(const ENetEvent& event) {
     consolePrintf("Client %s:%u disconnected\n", ipToString(event.peer->address.host, address),
                   static_cast<unsigned>(event.peer->address.port));
 
-    const auto first =
-        std::find_if(clientConn.begin(), clientConn.end(), [&event](const ClientSlot& slot) {
-            return slot.peer != nullptr && sameAddress(slot.peer->address, event.peer->address);
-        });
-    if (first != clientConn.end()) {
-        *first = ClientSlot{};
-    }
-    // ENet gives this peer to the next client that comes: no slot may keep it.
-    for (ClientSlot& slot : clientConn) {
-        if (slot.peer == event.peer) {
-            slot = ClientSlot{};
-        }
+    if (ClientSlot* const slot = slotOfDisconnected(*event.peer)) {
+        *slot = ClientSlot{};
     }
 }
 

@@ -7,21 +7,22 @@
 #include <cstdio>
 #include <cstring>
 
-#include "app/Thread.h"
-#include "app/console.h"
-#include "app/process_exit.h"
-#include "app/start_values.h"
+#include "app/base/Thread.h"
+#include "app/base/console.h"
+#include "app/base/core_pin.h"
+#include "app/base/process_exit.h"
+#include "app/base/start_values.h"
 #include "audio/Audio.h"
+#include "stream/capture_rate.h"
 #include "stream/client_table.h"
+#include "stream/datagram_guard.h"
 #include "stream/datagram_limit.h"
 #include "stream/enet_mtu.h"
 #include "stream/event_backlog.h"
 #include "stream/opus_bank.h"
-#include "stream/report_target.h"
+#include "stream/service_step.h"
+#include "stream/vanished_peer.h"
 #include "stream/wire_format.h"
-
-ENetHost* server = nullptr;
-std::atomic<VelantrixServerNoGUI*> mainDialog{nullptr};
 
 namespace {
 
@@ -39,14 +40,10 @@ void showMessage(const char* text) {
     ExitProcess(-1);
 }
 
-/// Since it was last asked for. Written by whichever thread calls ENet.
-std::atomic<bool> memoryFailed{false};
-
 // ENet's own reaction to a failed allocation is abort(). Coming back makes the call fail instead,
 // and a lost packet is better than a lost server. Told once: it may happen for every packet.
 void onEnetOutOfMemory() {
     static std::atomic<bool> told{false};
-    memoryFailed.store(true, std::memory_order_relaxed);
     if (!told.exchange(true)) {
         consolePuts("Warning, not enough memory for network communication");
     }
@@ -126,23 +123,20 @@ void createHost() {
         consolePrintf("Warning, could not limit the length of datagrams, err = %d\n", errno);
     }
     limitMessages(*server);
+    guardDatagrams(*server);
+    enlargeSendBuffer(*server);
 }
 
 void openAudio() {
     const int result = Audio::Open(0, vxOptionAltRate);
     if (result != 0) {
-        std::fprintf(stderr, "Error %d opening audio input device\n", result);
+        consoleError("Error %d opening audio input device\n", result);
     } else {
         consolePuts("Audio input device opened successfully");
     }
 }
 
 }  // namespace
-
-bool takeEnetMemoryFailure() {
-    return memoryFailed.load(std::memory_order_relaxed) &&
-           memoryFailed.exchange(false, std::memory_order_relaxed);
-}
 
 void enetHost(VelantrixServerNoGUI* core) {
     // A quit that was faster than this thread has already put the everlasting core here.

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-#include "app/console.h"
+#include "app/base/console.h"
 #include "stream/wire_format.h"
 
 std::array<OpusEncoder*, OPUS_BANK_SIZE> opusEnc{};

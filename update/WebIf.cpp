@@ -1,5 +1,6 @@
 #include "update/WebIf.h"
 
+#include <atomic>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -9,8 +10,8 @@
 #include <string>
 #include <string_view>
 
-#include "app/console.h"
-#include "app/core_life.h"
+#include "app/base/console.h"
+#include "app/base/core_pin.h"
 #include "gui/Settings.h"
 #include "update/curl_functions.h"
 #include "update/version_page.h"
@@ -88,7 +89,7 @@ CURLcode prepare(CURL* handle, WebIf* receiver) {
 
 /// Performs a prepared transfer, which may take for ever, without holding up the destruction of
 /// the core object. No result when the core went away: then settings and objects that end with
-/// the process may not be touched any more.
+/// the process, libcurl's among them, may not be touched any more.
 std::optional<CURLcode> perform(CURL* handle, CURLcode prepared) {
     if (prepared != CURLE_OK) {
         return prepared;
@@ -96,6 +97,15 @@ std::optional<CURLcode> perform(CURL* handle, CURLcode prepared) {
     CoreUnpin unpin;
     const CURLcode result = curl_easy_perform2(handle);
     return unpin.repin() ? std::optional(result) : std::nullopt;
+}
+
+void release(CURL* handle) {
+    static std::atomic<CURL*> left{nullptr};  // Remembered, so that it does not count as a leak.
+    if (const CorePin pin; pin) {
+        curl_easy_cleanup2(handle);
+    } else {
+        left.store(handle);
+    }
 }
 
 }  // namespace
@@ -157,9 +167,11 @@ int WebIf::checkVersion(const char* currentVersion) {
         return 0;
     }
     Settings::setVersionCheckTime(now);
+    if (!CorePin()) {
+        return 0;  // A slow disc has outlasted it.
+    }
     // Closed also when memory runs out, which is thrown.
-    const std::unique_ptr<CURL, void (*)(CURL*)> handle(
-        curl_easy_init2(), [](CURL* opened) { curl_easy_cleanup2(opened); });
+    const std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init2(), release);
     if (handle == nullptr) {
         consolePuts("WebIf::checkVersion: curl_easy_init() failed, can't check for new versions");
         return 0;

@@ -2,7 +2,7 @@
 
 #include <dlfcn.h>
 
-#include "app/console.h"
+#include "app/base/console.h"
 
 decltype(&::curl_global_init) curl_global_init2 = nullptr;
 decltype(&::curl_global_cleanup) curl_global_cleanup2 = nullptr;

@@ -1,10 +1,9 @@
 #include <new>
 
-#include "app/Thread.h"
-#include "app/VelantrixServerNoGUI.h"
-#include "app/console.h"
-#include "app/core_life.h"
-#include "app/out_of_memory.h"
+#include "app/base/Thread.h"
+#include "app/base/console.h"
+#include "app/base/core_pin.h"
+#include "app/base/out_of_memory.h"
 #include "update/WebIf.h"
 
 namespace {

@@ -1,7 +1,7 @@
 // What stands in for the version check in a build without it: nothing is loaded, waited for or
 // fetched.
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
 #include "update/WebIf.h"
 
 int WebIf::init() {

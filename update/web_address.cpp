@@ -2,7 +2,7 @@
 
 #include <cstdlib>
 
-#include "app/console.h"
+#include "app/base/console.h"
 #include "built_in_address.h"
 
 namespace {

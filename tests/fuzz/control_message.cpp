@@ -7,9 +7,9 @@
 
 #include <enet/enet.h>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/core_pin.h"
 #include "stream/client_table.h"
-#include "stream/report_target.h"
 #include "stream/wire_format.h"
 #include "tests/fuzz/fuzz_input.h"
 

@@ -39,7 +39,7 @@ class Documents(unittest.TestCase):
         folders = "bench|tests|docs|cmake|app|stream|listen"
         found = 0
         for document, path in self.each(rf"`((?:{folders})/[^`\s]*)`"):
-            if path[1].startswith("docs/figures") or re.search(r"[*?<{]", path[1]):
+            if re.search(r"[*?<{]", path[1]):
                 continue
             found += 1
             self.assertTrue((SOURCE / path[1]).exists(), f"{document.name}: {path[1]}")

@@ -80,8 +80,7 @@ class InstalledFiles(unittest.TestCase):
         root = ElementTree.parse(info).getroot()
         entry = root.find("launchable").text
         self.assertTrue((self.usr / "share/applications" / entry).exists())
-        banner = (SOURCE / "app/VelantrixServerNoGUI.h").read_text()
-        version = re.search(r'VELANTRIX_VERSION "(.*)"', banner).group(1)
+        version = re.search(r"VERSION (\d+\.\d+)", (SOURCE / "CMakeLists.txt").read_text()).group(1)
         self.assertEqual(root.find("releases/release").get("version"), version)
 
     def test_icons_have_the_size_of_their_folder_and_show_something(self):
@@ -118,7 +117,7 @@ class InstalledFiles(unittest.TestCase):
             self.assertIn(command, readme)
 
     def test_server_manual_and_completions_name_every_option(self):
-        scan = (SOURCE / "app/command_line.cpp").read_text()
+        scan = (SOURCE / "app/base/command_line.cpp").read_text()
         options = set(re.findall(r'"(-[a-z]+)"', scan))
         self.assertEqual(options, set(SERVER_OPTIONS))
         for text in (self.manual("VelantrixServer"),):
@@ -155,7 +154,7 @@ class InstalledFiles(unittest.TestCase):
         self.assertEqual(documented - options, set(), "documented, but not there")
 
     def test_listening_client_manual_explains_every_member_of_the_statistics(self):
-        members = re.findall(r'[.]add\("(\w+)"', (SOURCE / "listen/statistics.cpp").read_text())
+        members = re.findall(r'[.]add\("(\w+)"', (SOURCE / "listen/console/statistics.cpp").read_text())
         self.assertIn("packets", members)
         explained = set(re.findall(r"\w+", "\n".join(
             re.findall(r"^\.It Va (.*)$", self.manual("velantrix-listen"), re.MULTILINE))))

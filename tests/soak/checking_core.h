@@ -4,7 +4,7 @@
 
 #include <enet/enet.h>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
 
 /// A core that looks at the client table before each pass of the network, on the thread that owns
 /// it, and says how much memory is in use whenever everybody has left. It slows the capture down

@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "bench/test_sound.h"
+#include "tests/support/test_sound.h"
 
 namespace {
 

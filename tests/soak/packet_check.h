@@ -9,9 +9,9 @@
 #include <enet/enet.h>
 #include <opus/opus.h>
 
-#include "bench/capture_table.h"
 #include "stream/wire_format.h"
 #include "tests/soak/soak_tally.h"
+#include "tests/support/capture_table.h"
 
 /// Holds every audio packet of one connection against what the paced capture played, and when.
 class PacketCheck {

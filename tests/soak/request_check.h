@@ -5,7 +5,7 @@
 #include <deque>
 #include <string>
 
-#include "bench/capture_table.h"
+#include "tests/support/capture_table.h"
 
 /// Holds the audio of one connection against what its client has asked for: each packet has the
 /// mode and rate of a request, in the order of the requests, and the latest one is answered soon.

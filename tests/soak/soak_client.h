@@ -8,10 +8,10 @@
 
 #include <enet/enet.h>
 
-#include "bench/capture_table.h"
 #include "tests/soak/packet_check.h"
 #include "tests/soak/request_check.h"
 #include "tests/soak/soak_tally.h"
+#include "tests/support/capture_table.h"
 
 /// A client that connects, changes mode and rate, stalls, vanishes and returns at random, and
 /// holds every packet against what was asked for and what was played. A throttled one is restless

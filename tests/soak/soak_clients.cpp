@@ -15,8 +15,8 @@
 
 #include <enet/enet.h>
 
-#include "bench/capture_table.h"
 #include "tests/soak/soak_client.h"
+#include "tests/support/capture_table.h"
 
 namespace {
 

@@ -9,13 +9,13 @@
 
 #include <QCoreApplication>
 
-#include "app/command_line.h"
-#include "app/console.h"
-#include "app/main_loop.h"
-#include "bench/capture_table.h"
+#include "app/base/command_line.h"
+#include "app/base/console.h"
+#include "app/base/main_loop.h"
 #include "stream/client_table.h"
 #include "stream/send_path.h"
 #include "tests/soak/checking_core.h"
+#include "tests/support/capture_table.h"
 
 namespace {
 

@@ -5,7 +5,7 @@ runs in a network namespace of its own, under ctest (which gives the paths of th
 VELANTRIX_SERVER, VELANTRIX_LISTEN and VELANTRIX_FAKES) or by hand:
 
     VELANTRIX_SERVER=build/VelantrixServer VELANTRIX_LISTEN=build/velantrix-listen \\
-    VELANTRIX_FAKES=build/tests/fakes python3 tests/system/test_start.py -v Class.test_name
+    VELANTRIX_FAKES=build/tests/support python3 tests/system/test_start.py -v Class.test_name
 """
 
 import functools
@@ -35,8 +35,8 @@ DEFAULT_PORT = 59010
 END_PATIENCE = 30.0
 CAPTURE_RUNNING = "VelantrixServer: Audio capture running"
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
-VERSION = re.search(r'VELANTRIX_VERSION "(.*)"',
-                    (SOURCE / "app/VelantrixServerNoGUI.h").read_text())[1]
+VERSION = re.search(r"project\(VelantrixServer VERSION (\d+\.\d+)",
+                    (SOURCE / "CMakeLists.txt").read_text())[1]
 BANNER = f"Velantrix Server v{VERSION}"
 
 
@@ -70,7 +70,7 @@ def resident_bytes(process, what="VmRSS"):
 
 
 def fake(name):
-    """Path of a test program or preload library built in tests/fakes."""
+    """Path of a test program or preload library built in tests/support."""
     folder = os.environ.get("VELANTRIX_FAKES")
     path = pathlib.Path(folder or "/nonexistent") / name
     if not path.exists():

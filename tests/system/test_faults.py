@@ -5,9 +5,11 @@ import contextlib
 import fcntl
 import os
 import pathlib
+import pty
 import random
 import re
 import resource
+import select
 import shutil
 import signal
 import socket
@@ -37,7 +39,7 @@ STRANGERS = 3  # Fewer than there are slots beside the clients, in two shortages
 MORE_THAN_QUEUED = 300
 KEPT_KIB = 64
 PAGE = 4096
-QUEUED_LINES = 256  # Of the capture thread, while nobody reads: DEFERRED_LINES in app/console.cpp.
+QUEUED_LINES = 512  # Of the capture thread, while nobody reads: QUEUE_LINES in app/base/console.cpp.
 MORE_LINES = 100
 AT_A_TIME = 100  # Messages; the server forgets all but the newest 256 that wait.
 UNKNOWN_MESSAGE = 1000
@@ -71,6 +73,16 @@ class FaultTest(SystemTest):
         client.request(rate_code, reliable)
         client.wait_packets(20)
         return client
+
+    def ask(self, query, port=0):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asker:
+            asker.bind(("0.0.0.0", port))
+            asker.settimeout(2)
+            asker.sendto(query, DISCOVERY)
+            try:
+                return asker.recv(100)
+            except TimeoutError:
+                return None
 
     def assert_gapless(self, client, mark=0):
         packets = client.wait_packets(50)[mark:]
@@ -344,6 +356,24 @@ class Output(FaultTest):
         self.assert_gapless(talker)
         self.assert_ends_in_time(self.server)
 
+    def test_terminal_that_nobody_reads(self):
+        terminal = pty.openpty()
+        for end in terminal:
+            self.addCleanup(os.close, end)
+        self.start(captures=False,
+                   prefix=["sh", "-c", f'exec "$@" >{os.ttyname(terminal[1])}', "sh"])
+        listener = self.client()
+        stranger = self.stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
+
+        def takes_nothing_more():
+            for _ in range(AT_A_TIME):
+                stranger.sendto(b"printed" * 30, DISCOVERY)
+            return not select.select([], [terminal[1]], [], 0)[1]
+        wait_until(takes_nothing_more, "the terminal is full")
+        self.assertEqual(self.ask(QUERY2), RESPONSE)
+        self.assert_gapless(listener)
+        self.assert_ends_in_time(self.server)
+
     def test_pipe_whose_reader_has_gone(self):
         reader = self.start_into_pipe()
         listener = self.client()
@@ -368,16 +398,6 @@ class Limits(FaultTest):
         # Not the address space: the heaps of threads have theirs reserved, and once it is used up
         # the kernel lets them write on in it whatever the limit of data says.
         self.limit(resource.RLIMIT_DATA, most)
-
-    def ask(self, query, port=0):
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asker:
-            asker.bind(("0.0.0.0", port))
-            asker.settimeout(2)
-            asker.sendto(query, DISCOVERY)
-            try:
-                return asker.recv(100)
-            except TimeoutError:
-                return None
 
     def test_no_descriptor_left_while_streaming(self):
         self.start()

@@ -105,7 +105,7 @@ class StartWithoutSound(SystemTest):
             self.assert_ends_cleanly(server)
 
     def test_session_of_wayland_is_announced_before_the_banner(self):
-        with Server(env={"XDG_SESSION_TYPE": "Wayland"}) as server:
+        with Server(env={"XDG_SESSION_TYPE": "Wayland", "WAYLAND_DISPLAY": "wayland-0"}) as server:
             server.out.wait_for(PORTAUDIO)
             self.assert_lines_in_order(server.out.all(), [
                 re.compile("^Warning: Ignoring XDG_SESSION_TYPE=wayland. Start VelantrixServer "

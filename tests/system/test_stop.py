@@ -44,6 +44,14 @@ class Signals(SystemTest):
                     self.assert_ends_in_time(server)
 
 
+class WithoutDisplay(SystemTest):
+    def test_fonts_are_not_read_at_the_end(self):
+        with Server(env={"FONTCONFIG_FILE": str(self.folder / "missing")}) as server:
+            server.out.wait_for(BANNER)
+            self.assert_ends_cleanly(server)
+            self.assertFalse([line for line in server.err.all() if "Fontconfig" in line])
+
+
 class HangingClose(SystemTest):
     def start(self, sound):
         return Server(sound=sound, preload=fake("preload_faults.so"), env=CLOSE_HANGS)
@@ -68,6 +76,35 @@ class HangingClose(SystemTest):
 
     def test_terminate_after_an_interrupt_ends_at_once_by_the_signal(self):
         self.check_second_signal(signal.SIGINT, signal.SIGTERM)
+
+
+class HangingOpen(SystemTest):
+    def test_sound_server_that_stood_still_before_the_start_does_not_hold_up_the_end(self):
+        with SoundServer() as sound:
+            sound.daemon.send_signal(signal.SIGSTOP)
+            with Server(sound=sound) as server:
+                server.out.wait_for("Initializing PortAudio")
+                self.assertGreaterEqual(self.assert_ends_in_time(server), 3.0)
+                self.assertEqual(server.out.all().count(SLOW_CLOSE), 1)
+            sound.daemon.send_signal(signal.SIGCONT)
+
+
+class HangingExit(SystemTest):
+    """A library's exit handler never returns. The limit of 30 s is cut to one second."""
+
+    def start(self):
+        return Server(preload=fake("preload_faults.so"), env={"VELANTRIX_FAULTS": "exit-hangs"})
+
+    def test_ordinary_end_comes_all_the_same_with_status_0(self):
+        with self.start() as server:
+            server.err.wait_for("Error -10000 opening audio input device")
+            self.assert_ends_in_time(server)
+
+    def test_forced_end_comes_all_the_same_with_status_255(self):
+        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
+            holder.bind(("0.0.0.0", DEFAULT_PORT))
+            with self.start() as server:
+                self.assertEqual(server.wait(), FATAL)
 
 
 class FailingClose(SystemTest):

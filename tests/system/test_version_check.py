@@ -1,13 +1,12 @@
 """The version check of the whole program, headless: its time, its lines and what it keeps."""
 
 import configparser
-import os
 import re
 import subprocess
 import time
 
 from harness import (BANNER, CAPTURE_RUNNING, VERSION, Server, SoundServer, SystemTest,
-                     has_sanitizer, main, program)
+                     fake, has_sanitizer, main, program)
 from probe import Probe
 from version_server import LATE, VERSION_FILE, VersionServer
 
@@ -16,6 +15,7 @@ CHECK_LINE = re.compile(r"^WebIf::")
 WAIT = 8.0
 """Seconds from the start to the check."""
 QUIET_MINUTES = 480
+FATAL = 255
 LONGEST_SHUTDOWN = 4.0
 """Seconds from the signal to the end; the program itself waits for its threads for 3 at most."""
 
@@ -133,25 +133,19 @@ class Shutdown(VersionTest):
         self.assertEqual(self.stored(), {})
 
 
-def curl_files():
-    """The real paths of every libcurl.so.4 that the loader knows."""
-    listing = subprocess.run(["ldconfig", "-p"], check=True, capture_output=True, text=True).stdout
-    paths = {os.path.realpath(line.split(" => ")[1]) for line in listing.splitlines()
-             if line.split()[:1] == ["libcurl.so.4"]}
-    if not paths:
-        raise AssertionError("libcurl.so.4 is not installed, so its absence proves nothing")
-    return sorted(paths)
-
-
-def without_libcurl():
-    """Words before a command that runs it on a system where libcurl cannot be loaded."""
-    hiding = " && ".join(f"mount --bind /dev/null '{path}'" for path in curl_files())
-    return ["unshare", "-m", "sh", "-c", f'{hiding} && exec "$@"', "sh"]
+class ForcedExit(VersionTest):
+    def test_forced_exit_waits_for_the_check_that_is_writing_a_setting(self):
+        with self.server(preload=fake("preload_faults.so"),
+                         env={"VELANTRIX_FAULTS": "slow-disc,host-create"}) as server:
+            self.assertEqual(server.wait(), FATAL)
+        self.assertEqual(list(self.stored()), ["VersionCheckTime"])
 
 
 class WithoutLibcurl(VersionTest):
     def test_server_streams_gives_advice_once_and_never_checks(self):
-        with SoundServer() as sound, self.server(sound=sound, prefix=without_libcurl()) as server:
+        (self.folder / "libcurl.so.4").touch()  # No library: none is looked for any further.
+        missing = {"LD_LIBRARY_PATH": str(self.folder)}
+        with SoundServer() as sound, self.server(sound=sound, env=missing) as server:
             server.out.wait_for(BANNER)
             begin = time.monotonic()
             server.wait_for_capture()
@@ -183,7 +177,8 @@ class Linking(SystemTest):
 class Address(VersionTest):
     COMPLAINT = re.compile("^Ignoring VELANTRIX_WEB_ADDRESS, ")
 
-    def test_unusable_address_is_ignored_with_one_line(self):
+    def test_unusable_address_is_ignored_with_one_line_at_the_start(self):
+        self.store(VersionCheckTime=int(time.time() / 60))  # No check is due, for which it is used.
         with self.server(env={"VELANTRIX_WEB_ADDRESS": "http://a/;touch x"}) as server:
             server.out.wait_for(self.COMPLAINT)
             self.assert_ends_cleanly(server)

@@ -1,11 +1,14 @@
 """The version check with the window, on a display without a screen, answered at the keyboard."""
 
 import contextlib
+import os
+import signal
 import subprocess
 import time
 
 from harness import Process, clean_environment, main, wait_until
 from screen import Screen
+from test_stop import default_action
 from test_version_check import BANNER, NEWS, QUIET_MINUTES, WAIT, VersionTest
 
 QUESTION = "Velantrix Version Notification"
@@ -56,16 +59,16 @@ class Question(VersionTest):
         self.programs.mkdir()
         self.opened = self.folder / "opened"
 
-    def add_browser(self):
+    def add_browser(self, then=""):
         stand_in = self.programs / "xdg-open"
-        stand_in.write_text(f"#!/bin/sh\nprintf '%s\\n' $# \"$@\" >> '{self.opened}'\n",
-                            encoding="ascii")
+        stand_in.write_text(
+            f"#!/bin/sh\nprintf '%s\\n' $# \"$@\" >> '{self.opened}'\n{then}\n", encoding="ascii")
         stand_in.chmod(0o755)
 
-    def window(self, display):
+    def window(self, display, **options):
         # Without the system's folders: an installed xdg-open must not run.
         return self.server(gui=True, env={"DISPLAY": display.name, "QT_QPA_PLATFORM": "xcb",
-                                          "PATH": str(self.programs)})
+                                          "PATH": str(self.programs)}, **options)
 
     def answer(self, display, server, key):
         """Answers the question; returns the windows that are left, of the main window and boxes."""
@@ -87,6 +90,17 @@ class Question(VersionTest):
             self.assertEqual(len(self.answer(display, server, "Return")), 1)
             self.assertEqual(self.opened.read_text(encoding="ascii"), f"1\n{self.web.address}\n")
             self.assert_ends_cleanly(server)
+
+    def test_interrupt_at_the_terminal_ends_a_browser_in_the_foreground_and_then_the_server(self):
+        self.add_browser("exec /bin/sleep 300")
+        with Display() as display, self.window(display, prefix=["/usr/bin/setsid"]) as server:
+            self.answer(display, server, "Return")
+            wait_until(self.opened.exists, "the browser is open")
+            os.killpg(server.pid, signal.SIGINT)
+            wait_until(lambda: not default_action(server.pid, signal.SIGINT), "the browser ends")
+            self.assertIsNone(server.child.poll())
+            os.killpg(server.pid, signal.SIGINT)
+            self.assertEqual(server.wait(), 0)
 
     def test_yes_without_a_browser_shows_nothing_more(self):
         with Display() as display, self.window(display) as server:

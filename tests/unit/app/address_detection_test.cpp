@@ -9,11 +9,11 @@
 
 #include <gtest/gtest.h>
 
-#include "app/VelantrixServerNoGUI.h"
-#include "app/command_line.h"
-#include "app/console.h"
-#include "tests/fakes/net_namespace.h"
-#include "tests/fakes/transcript.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/command_line.h"
+#include "app/base/console.h"
+#include "tests/support/net_namespace.h"
+#include "tests/support/transcript.h"
 
 namespace {
 
@@ -170,7 +170,7 @@ TEST(AddressDetection, ChosenBindAddressIsTakenWithoutALook) {
                   const char* const arguments[] = {"server", "-b", "192.168.1.50"};
                   scanArguments(3, arguments);
                   show();
-                  getCmdBindAddr()[0] = '\0';
+                  scanArguments(1, arguments);
                   show();
               }),
               "=> 192.168.1.50\nThis server's probable IPv4 address: 10.1.2.3\n=> 10.1.2.3\n");

@@ -1,4 +1,4 @@
-#include "app/command_line.h"
+#include "app/base/command_line.h"
 
 #include <initializer_list>
 #include <string>
@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/fakes/child_run.h"
+#include "tests/support/child_run.h"
 
 namespace {
 

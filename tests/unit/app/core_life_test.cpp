@@ -7,11 +7,12 @@
 
 #include <gtest/gtest.h>
 
-#include "app/Thread.h"
-#include "app/VelantrixServerNoGUI.h"
-#include "stream/report_target.h"
-#include "tests/fakes/child_run.h"
-#include "tests/fakes/fake_workers.h"
+#include "app/base/Thread.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/core_pin.h"
+#include "tests/support/child_run.h"
+#include "tests/support/fake_workers.h"
+#include "tests/support/sleep_watch.h"
 
 namespace {
 
@@ -103,6 +104,47 @@ TEST(CoreLife, ReportThatEndsInTimeIsWaitedFor) {
         core.reset();
         capture.join();
         EXPECT_TRUE(leftBeforeTheEnd.load());
+    });
+}
+
+constexpr int PIN_PATIENCE_STEPS = 500;
+constexpr int PIN_STEP_MS = 1;
+
+/// Closes a core while a thread holds a pin, which it releases within the `nth` step of the wait.
+/// Returns how many steps were waited.
+int stepsUntilPinIsReleasedDuring(int nth) {
+    const VelantrixServerNoGUI core;
+    static std::atomic<bool> pinned{false};
+    static std::atomic<bool> release{false};
+    std::thread worker([] {
+        const CorePin pin;
+        pinned.store(true);
+        waitUntil(release);
+    });
+    waitUntil(pinned);
+    duringSleep() = [nth, &worker](int milliseconds) {
+        if (milliseconds == PIN_STEP_MS && sleepsOf(PIN_STEP_MS) == nth) {
+            release.store(true);
+            worker.join();
+        }
+    };
+    closeCore(nullptr, nullptr);
+    duringSleep() = nullptr;
+    const int steps = sleepsOf(PIN_STEP_MS);
+    release.store(true);
+    if (worker.joinable()) {
+        worker.join();
+    }
+    return steps;
+}
+
+TEST(CoreLife, ThreadThatUsesTheCoreIsWaitedForUntilItHasDone) {
+    runChild([] { EXPECT_EQ(stepsUntilPinIsReleasedDuring(200), 200); });
+}
+
+TEST(CoreLife, ThreadThatUsesTheCoreForLongIsWaitedForHalfASecond) {
+    runChild([] {
+        EXPECT_EQ(stepsUntilPinIsReleasedDuring(PIN_PATIENCE_STEPS + 1), PIN_PATIENCE_STEPS);
     });
 }
 
@@ -208,7 +250,7 @@ TEST(CoreLife, NetworkThreadThatStartsAfterTheEndKeepsTheEverlastingCore) {
         reportMessage("after the end");
         EXPECT_EQ(frontEndReports, 1);
     });
-    EXPECT_EQ(run.out, "Velantrix Server v3.1\nafter the end\n");
+    EXPECT_EQ(run.out, "Velantrix Server v" VELANTRIX_VERSION "\nafter the end\n");
 }
 
 }  // namespace

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <functional>
@@ -10,12 +11,12 @@
 
 #include <gtest/gtest.h>
 
-#include "app/Thread.h"
-#include "app/VelantrixServerNoGUI.h"
-#include "tests/fakes/call_faults.h"
-#include "tests/fakes/child_run.h"
-#include "tests/fakes/fake_workers.h"
-#include "tests/fakes/sleep_watch.h"
+#include "app/base/Thread.h"
+#include "app/base/VelantrixServerNoGUI.h"
+#include "tests/support/call_faults.h"
+#include "tests/support/child_run.h"
+#include "tests/support/fake_workers.h"
+#include "tests/support/sleep_watch.h"
 
 /// Reaches the core's flags.
 struct CoreTestAccess {
@@ -72,7 +73,7 @@ TEST(CoreInit, PrintsTheBannerAndStartsThreeThreads) {
         EXPECT_EQ(countOf(Call::PthreadCreate), 3);
         EXPECT_EQ(fakeWorkers().hostCore.load(), core);
     });
-    EXPECT_EQ(run.out, "Velantrix Server v3.1\n");
+    EXPECT_EQ(run.out, "Velantrix Server v" VELANTRIX_VERSION "\n");
     EXPECT_EQ(run.status, 0);
 }
 
@@ -122,7 +123,7 @@ TEST_P(FailedThreadStart, IsReportedWithItsCode) {
         core->init();
         EXPECT_EQ(countOf(Call::PthreadCreate), 3);
     });
-    EXPECT_EQ(run.out, std::string("Velantrix Server v3.1\n") + failure.line);
+    EXPECT_EQ(run.out, std::string("Velantrix Server v" VELANTRIX_VERSION "\n") + failure.line);
     EXPECT_EQ(run.status, failure.status);
 }
 
@@ -142,7 +143,8 @@ TEST(CoreInit, ThreadThatAlreadyRunsIsReportedAsTen) {
         EXPECT_EQ(CoreTestAccess::startAudioThread(*core), 0);
         core->init();
     });
-    EXPECT_EQ(run.out, "Velantrix Server v3.1\nCould not create audio thread, err = 10\n");
+    EXPECT_EQ(run.out,
+              "Velantrix Server v" VELANTRIX_VERSION "\nCould not create audio thread, err = 10\n");
     EXPECT_EQ(run.status, 255);
 }
 

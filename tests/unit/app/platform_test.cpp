@@ -3,8 +3,8 @@
 
 #include <gtest/gtest.h>
 
-#include "app/command_line.h"
-#include "tests/fakes/child_run.h"
+#include "app/base/command_line.h"
+#include "tests/support/child_run.h"
 
 namespace {
 
@@ -73,11 +73,18 @@ const PlatformCase PLATFORM_CASES[] = {
     {"HeadlessWithoutDisplay", HEADLESS, nullptr, nullptr, nullptr, nullptr, "", "offscreen"},
     {"HeadlessWithEmptyDisplayVariables", HEADLESS, nullptr, nullptr, "", "", "", "offscreen"},
     {"HeadlessWithX11Display", HEADLESS, nullptr, nullptr, ":0", nullptr, "", nullptr},
-    {"HeadlessWithWaylandDisplay", HEADLESS, nullptr, nullptr, nullptr, "w", "", nullptr},
+    {"HeadlessWithWaylandDisplayOnly", HEADLESS, nullptr, nullptr, nullptr, "w", "", "offscreen"},
     {"HeadlessWithPlatformVariable", HEADLESS, "minimal", nullptr, nullptr, nullptr, "", "minimal"},
+    {"HeadlessWithPlatformVariableXcb", HEADLESS, "xcb", nullptr, ":0", nullptr, "", "xcb"},
+    {"HeadlessWithPlatformVariableXcbWithoutDisplay", HEADLESS, "xcb", nullptr, nullptr, "w", "",
+     "offscreen"},
+    {"HeadlessWithPlatformVariableWayland", HEADLESS, "wayland", nullptr, nullptr, "w", WARNING,
+     "wayland"},
     {"HeadlessWithPlatformArgument", HEADLESS_PLATFORM_ARG, nullptr, nullptr, nullptr, nullptr, "",
      nullptr},
     {"HeadlessWaylandSessionWithoutDisplay", HEADLESS, nullptr, "wayland", nullptr, nullptr,
+     IGNORING, "offscreen"},
+    {"HeadlessWaylandSessionWithoutX11Display", HEADLESS, nullptr, "wayland", nullptr, "w",
      IGNORING, "offscreen"},
     {"HeadlessWaylandSessionWithDisplay", HEADLESS, nullptr, "wayland", ":0", "w", IGNORING, "xcb"},
     {"WindowWithoutDisplayStaysWithTheToolkit", WINDOW, nullptr, nullptr, nullptr, nullptr, "",

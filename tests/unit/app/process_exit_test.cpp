@@ -1,4 +1,4 @@
-#include "app/process_exit.h"
+#include "app/base/process_exit.h"
 
 #include <atomic>
 #include <csignal>
@@ -11,11 +11,12 @@
 #include <QTimer>
 #include <gtest/gtest.h>
 
-#include "app/Thread.h"
-#include "app/command_line.h"
-#include "app/console.h"
-#include "app/main_loop.h"
-#include "tests/fakes/child_run.h"
+#include "app/base/Thread.h"
+#include "app/base/command_line.h"
+#include "app/base/console.h"
+#include "app/base/main_loop.h"
+#include "tests/support/child_run.h"
+#include "tests/support/held_line.h"
 
 namespace {
 
@@ -61,6 +62,15 @@ TEST(ExitProcessTest, MainThreadExitsAtOnceWithHandlersAndQuietStandardError) {
     EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
     EXPECT_EQ(run.out, "exit on main\n");
     EXPECT_EQ(run.err, "before\n");
+}
+
+TEST(ExitProcessTest, MainThreadWithARunningLoopExitsItself) {
+    const ChildRun run = runChild([] {
+        startQuiet();
+        runEventLoop([] { QTimer::singleShot(0, [] { ExitProcess(-1); }); });
+    });
+    EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
+    EXPECT_EQ(run.out, "exit on main\n");
 }
 
 TEST(ExitProcessTest, PreparationComesBeforeTheHandlersOnTheMainThreadAndOnce) {
@@ -132,6 +142,30 @@ TEST(ExitProcessTest, WorkerThatIsFasterThanTheEventLoopIsStillAnswered) {
     EXPECT_EQ(run.out, "exit on main\n");
 }
 
+TEST(ExitProcessTest, SlowExitOfTheMainThreadIsWaitedFor) {
+    const ChildRun run = runChild([] {
+        startQuiet();
+        std::atexit([] { Sleep(3500); });  // Longer than a main thread may take to begin it.
+        runEventLoop([] { std::thread([] { ExitProcess(-1); }).detach(); });
+    });
+    EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
+    EXPECT_EQ(run.out, "exit on main\n");
+}
+
+TEST(ExitProcessTest, ExitThatHangsIsEnded) {
+    const ChildRun run = runChild([] {
+        std::atexit([] {
+            const bool limited = alarm(1) > 0;  // Shortens the limit that was set.
+            while (limited) {
+                pause();
+            }
+            _exit(0);
+        });
+        ExitProcess(-1);
+    });
+    EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
+}
+
 TEST(ExitProcessTest, TwoWorkersAtOnceGiveTheSameStatus) {
     const ChildRun run = runChild([] {
         startQuiet();
@@ -158,16 +192,16 @@ TEST(ExitProcessTest, MainThreadThatNeverAnswersIsNotWaitedForForLong) {
     EXPECT_EQ(run.out, "unflushed") << "flushed once, and no exit handler has run";
 }
 
-TEST(ExitProcessTest, QueuedLinesAreWrittenFirst) {
+TEST(ExitProcessTest, WhatWasPrintedIsWrittenBeforeStandardErrorIsTurnedOff) {
     const ChildRun run = runChild([] {
+        startQuiet();
         consoleStart();
-        {
-            const ConsoleDeferral deferral;
-            consolePuts("queued");
-        }
+        const HeldLine held(50);
+        consoleError("queued\n");
         ExitProcess(-1);
     });
-    EXPECT_EQ(run.out, "queued\n");
+    EXPECT_EQ(run.out, "held\nexit on main\n");
+    EXPECT_EQ(run.err, "queued\n");
     EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
 }
 

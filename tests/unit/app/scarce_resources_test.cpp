@@ -2,6 +2,7 @@
 
 #include <cerrno>
 #include <csignal>
+#include <fcntl.h>
 #include <limits>
 #include <new>
 #include <sys/resource.h>
@@ -9,11 +10,12 @@
 
 #include <gtest/gtest.h>
 
-#include "app/console.h"
-#include "app/main_loop.h"
-#include "app/out_of_memory.h"
-#include "tests/fakes/call_faults.h"
-#include "tests/fakes/child_run.h"
+#include "app/base/console.h"
+#include "app/base/main_loop.h"
+#include "app/base/out_of_memory.h"
+#include "tests/support/call_faults.h"
+#include "tests/support/child_run.h"
+#include "tests/support/held_line.h"
 
 namespace {
 
@@ -70,16 +72,36 @@ TEST(ScarceResources, NoMemoryForDispensableWorkIsThrownToItsOwner) {
 }
 #endif
 
-TEST(ScarceResources, NoMemoryThatALibraryThrowsEndsTheProgramWithALine) {
+TEST(ScarceResources, NoMemoryThatALibraryThrowsEndsTheProgramWithALineAfterThoseBefore) {
     const ChildRun run = runChild([]() noexcept {
+        consoleStart();
+        endWhenOutOfMemory();
+        const HeldLine held(50);
+        throwOne(std::bad_alloc());
+    });
+    EXPECT_EQ(run.status, FATAL);
+    EXPECT_EQ(run.out, "held\nVelantrixServer: not enough memory. Quitting.\n");
+}
+
+/// Gives standard output to a full pipe that nobody reads.
+void blockStandardOutput() {
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const std::string page(static_cast<std::size_t>(fcntl(ends[1], F_SETPIPE_SZ, 1)), 'x');
+    ASSERT_EQ(write(ends[1], page.data(), page.size()), static_cast<ssize_t>(page.size()));
+    ASSERT_EQ(dup2(ends[1], STDOUT_FILENO), STDOUT_FILENO);
+}
+
+TEST(ScarceResources, NoMemoryEndsTheProgramAlsoWhenNobodyReadsTheLine) {
+    const ChildRun run = runChild([]() noexcept {
+        blockStandardOutput();
         endWhenOutOfMemory();
         throwOne(std::bad_alloc());
     });
     EXPECT_EQ(run.status, FATAL);
-    EXPECT_EQ(run.out, "VelantrixServer: not enough memory. Quitting.\n");
 }
 
-TEST(ScarceResources, OtherUncaughtExceptionStillAborts) {
+TEST(ScarceResources, OtherUncaughtExceptionStillAbortsWithTheUsualText) {
     const ChildRun run = runChild([]() noexcept {
         const rlimit none{0, 0};
         setrlimit(RLIMIT_CORE, &none);
@@ -87,6 +109,7 @@ TEST(ScarceResources, OtherUncaughtExceptionStillAborts) {
         throwOne(1);
     });
     EXPECT_EQ(run.status, ENDED_BY_SIGNAL + SIGABRT);
+    EXPECT_EQ(run.err, "terminate called after throwing an instance of 'int'\n");
 }
 
 TEST(ScarceResources, NoPipeForStopSignalsIsTold) {

@@ -1,4 +1,4 @@
-#include "app/Thread.h"
+#include "app/base/Thread.h"
 
 #include <atomic>
 #include <cerrno>
@@ -10,9 +10,9 @@
 
 #include <gtest/gtest.h>
 
-#include "app/ThreadMember.h"
-#include "tests/fakes/call_faults.h"
-#include "tests/fakes/child_run.h"
+#include "app/base/ThreadMember.h"
+#include "tests/support/call_faults.h"
+#include "tests/support/child_run.h"
 
 namespace {
 
@@ -57,6 +57,28 @@ TEST_F(ThreadTest, HandleIsZeroBeforeAStartAndAfterAJoin) {
     EXPECT_NE(thread.tid(), 0U);
     EXPECT_EQ(thread.join(nullptr), 0);
     EXPECT_EQ(thread.tid(), 0U);
+}
+
+TEST_F(ThreadTest, HandleIsThereForAThreadThatAsksAtOnce) {
+    static std::atomic<pthread_t> seen{0};
+    static std::atomic<bool> asked{false};
+    Thread thread;
+    afterThreadCreation() = [] {
+        while (!asked.load()) {
+            Sleep(1);
+        }
+    };
+    ASSERT_EQ(thread.start(
+                  [](void* own) -> void* {
+                      seen.store(static_cast<Thread*>(own)->tid());
+                      asked.store(true);
+                      return nullptr;
+                  },
+                  &thread),
+              0);
+    afterThreadCreation() = nullptr;
+    EXPECT_EQ(seen.load(), thread.tid());
+    EXPECT_EQ(thread.join(nullptr), 0);
 }
 
 TEST_F(ThreadTest, SecondStartReturnsTenAndCreatesNothing) {

@@ -7,8 +7,9 @@
 #include <gtest/gtest.h>
 
 #include "audio/Audio.h"
-#include "tests/fakes/child_run.h"
-#include "tests/fakes/fake_portaudio.h"
+#include "stream/capture_rate.h"
+#include "tests/support/child_run.h"
+#include "tests/support/fake_portaudio.h"
 
 /// What the code under test handed to the sending side.
 struct HandOver {

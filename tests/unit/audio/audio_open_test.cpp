@@ -3,6 +3,8 @@
 #include <map>
 #include <unistd.h>
 
+#include "app/base/console.h"
+#include "tests/support/held_line.h"
 #include "tests/unit/audio/audio_fixture.h"
 
 namespace {
@@ -248,6 +250,16 @@ TEST(StandardError, IsSilentWhilePortAudioStartsAndBackAfterwards) {
         std::fputs("after\n", stderr);
     });
     EXPECT_EQ(run.err, "before\nafter\n");
+}
+
+TEST(StandardError, IsNotTurnedOffBeforeWhatWasPrintedOnIt) {
+    const ChildRun run = runWithVerbose(false, [] {
+        consoleStart();
+        const HeldLine held(50);
+        consoleError("before\n");
+        open();
+    });
+    EXPECT_EQ(run.err, "before\n");
 }
 
 TEST(StandardError, StaysOpenWithVerbose) {

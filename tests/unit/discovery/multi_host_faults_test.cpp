@@ -39,8 +39,8 @@ ssize_t __real_sendto(int handle, const void* bytes, std::size_t size, int flags
                       const sockaddr* receiver, socklen_t length);
 ssize_t __wrap_sendto(int handle, const void* bytes, std::size_t size, int flags,
                       const sockaddr* receiver, socklen_t length);
-void __real_perror(const char* text);
-void __wrap_perror(const char* text);
+ssize_t __real_write(int handle, const void* bytes, std::size_t size);
+ssize_t __wrap_write(int handle, const void* bytes, std::size_t size);
 
 int __wrap_setsockopt(int handle, int level, int name, const void* value, socklen_t length) {
     if (refuseReuse && level == SOL_SOCKET && name == SO_REUSEADDR) {
@@ -78,13 +78,11 @@ ssize_t __wrap_sendto(int handle, const void* bytes, std::size_t size, int flags
     return __real_sendto(handle, bytes, size, flags, receiver, length);
 }
 
-void __wrap_perror(const char* text) {
-    const int error = errno;
-    if (handleToBeClosed >= 0 && fcntl(handleToBeClosed, F_GETFD) >= 0) {
+ssize_t __wrap_write(int handle, const void* bytes, std::size_t size) {
+    if (handle == STDERR_FILENO && handleToBeClosed >= 0 && fcntl(handleToBeClosed, F_GETFD) >= 0) {
         std::fputs("(socket still open) ", stderr);
     }
-    errno = error;
-    __real_perror(text);
+    return __real_write(handle, bytes, size);
 }
 }
 

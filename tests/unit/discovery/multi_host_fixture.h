@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/fakes/net_namespace.h"
+#include "tests/support/net_namespace.h"
 #include "tests/unit/discovery/responder.h"
 #include "tests/unit/discovery/udp_client.h"
 

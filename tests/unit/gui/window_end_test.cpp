@@ -10,10 +10,9 @@
 #include <QLineEdit>
 #include <portaudio.h>
 
-#include "app/core_life.h"
+#include "app/base/core_pin.h"
 #include "gui/VelantrixServer.h"
 #include "gui_test.h"
-#include "stream/report_target.h"
 
 namespace {
 

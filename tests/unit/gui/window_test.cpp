@@ -1,16 +1,15 @@
 // What the window shows: title, sound, address and who is connected.
 
-#include <cstring>
 #include <string>
 
 #include <QLabel>
 #include <QLineEdit>
 #include <QTimer>
 
-#include "app/start_values.h"
-#include "audio/Audio.h"
+#include "app/base/command_line.h"
 #include "gui/VelantrixServer.h"
 #include "gui_test.h"
+#include "stream/capture_rate.h"
 
 struct WindowTestAccess {
     static const QTimer& timer(const VelantrixServer& window) { return window.statusTimer; }
@@ -49,23 +48,25 @@ using WindowStatus = Window;
 using WindowDeathTest = Window;  // Its statics exist once per process.
 
 TEST_F(Window, BeforeTheFirstTickItKnowsNoSoundAndNoClient) {
-    EXPECT_EQ(window.windowTitle().toStdString(), "Velantrix Server  v3.1    ");
+    EXPECT_EQ(window.windowTitle().toStdString(), "Velantrix Server  v" VELANTRIX_VERSION "    ");
     EXPECT_EQ(status().text(), "Disconnected");
     EXPECT_EQ(sound().text(), "");
     EXPECT_EQ(address().text(), VelantrixServerNoGUI::GetIPAddress());
 }
 
 TEST_F(Window, AddressIsTheBindAddress) {
-    std::strcpy(getCmdBindAddr(), "192.168.77.50");
+    const char* const arguments[] = {"server", "-b", "192.168.77.50"};
+    scanArguments(3, arguments);
     window.UpdateState();
     EXPECT_EQ(address().text(), "192.168.77.50");
-    getCmdBindAddr()[0] = '\0';
+    scanArguments(1, arguments);
 }
 
 TEST_F(WindowDeathTest, TitleLosesTheVersionAtTheSecondTick) {
     EXPECT_IN_FRESH_PROCESS({
         tick();
-        EXPECT_EQ(window.windowTitle().toStdString(), "Velantrix Server  v3.1    ");
+        EXPECT_EQ(window.windowTitle().toStdString(),
+                  "Velantrix Server  v" VELANTRIX_VERSION "    ");
         tick();
         EXPECT_EQ(window.windowTitle().toStdString(), "Velantrix Server");
         window.setWindowTitle("another");
@@ -134,7 +135,8 @@ TEST_F(Window, TimerIsSetToOneSecond) {
 TEST_F(WindowDeathTest, TimerTicksByItself) {
     EXPECT_IN_FRESH_PROCESS({
         EXPECT_TRUE(spinUntil([this] { return sound().text() == FAILED; }));
-        EXPECT_EQ(window.windowTitle().toStdString(), "Velantrix Server  v3.1    ");
+        EXPECT_EQ(window.windowTitle().toStdString(),
+                  "Velantrix Server  v" VELANTRIX_VERSION "    ");
         EXPECT_TRUE(spinUntil([this] { return window.windowTitle() == "Velantrix Server"; }));
     });
 }

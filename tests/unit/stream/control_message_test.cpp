@@ -2,8 +2,8 @@
 
 #include "stream/client_table.h"
 #include "stream/send_path.h"
-#include "tests/fakes/call_faults.h"
-#include "tests/fakes/live_server.h"
+#include "tests/support/call_faults.h"
+#include "tests/support/live_server.h"
 
 namespace {
 

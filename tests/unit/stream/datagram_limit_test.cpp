@@ -6,7 +6,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/fakes/net_namespace.h"
+#include "tests/support/net_namespace.h"
 
 namespace {
 

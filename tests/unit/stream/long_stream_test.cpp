@@ -14,12 +14,13 @@
 #include <enet/enet.h>
 #include <gtest/gtest.h>
 
-#include "app/VelantrixServerNoGUI.h"
+#include "app/base/VelantrixServerNoGUI.h"
 #include "stream/client_table.h"
 #include "stream/network_host.h"
+#include "stream/service_step.h"
 #include "stream/wire_format.h"
-#include "tests/fakes/driven_capture.h"
-#include "tests/fakes/net_namespace.h"
+#include "tests/support/driven_capture.h"
+#include "tests/support/net_namespace.h"
 
 extern "C" {
 int __real_enet_host_service(ENetHost* host, ENetEvent* event, enet_uint32 timeout);

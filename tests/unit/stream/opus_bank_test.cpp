@@ -1,9 +1,11 @@
 #include "stream/opus_bank.h"
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
-#include "tests/fakes/call_faults.h"
-#include "tests/fakes/child_run.h"
+#include "tests/support/call_faults.h"
+#include "tests/support/child_run.h"
 
 namespace {
 

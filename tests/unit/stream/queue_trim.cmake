@@ -3,7 +3,7 @@
 function(vx_queue_trim_test name)
   add_executable(${name} queue_trim_test.cpp queued_peer.cpp
                  ${CMAKE_SOURCE_DIR}/stream/queue_trim.cpp
-                 ${CMAKE_SOURCE_DIR}/tests/fakes/recorded_console.cpp ${ARGN})
+                 ${CMAKE_SOURCE_DIR}/tests/support/recorded_console.cpp ${ARGN})
   target_link_libraries(${name} PRIVATE vx_flags GTest::gtest_main)
 endfunction()
 
@@ -12,7 +12,7 @@ target_link_libraries(queue_trim_test PRIVATE PkgConfig::ENET)
 gtest_discover_tests(queue_trim_test TEST_SUFFIX .InstalledEnet)
 
 foreach(release IN ITEMS 1_3_15 1_3_17 1_3_18)
-  set(layouts ${CMAKE_SOURCE_DIR}/tests/fakes/enet_layouts)
+  set(layouts ${CMAKE_SOURCE_DIR}/tests/support/enet_layouts)
   vx_queue_trim_test(queue_trim_test_${release} ${layouts}/common/enet_functions.cpp)
   target_include_directories(queue_trim_test_${release} BEFORE PRIVATE ${layouts}/v${release})
   gtest_discover_tests(queue_trim_test_${release} TEST_SUFFIX .Enet_${release})

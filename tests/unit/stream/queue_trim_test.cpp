@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/fakes/recorded_console.h"
+#include "tests/support/recorded_console.h"
 #include "tests/unit/stream/queued_peer.h"
 
 // Compiled once per generation of ENet; see queued_peer.h.
@@ -240,6 +240,13 @@ TEST_F(QueueTrim, DataTotalLosesExactlyTheRemovedCommands) {
     ASSERT_GT(queue.peer.outgoingDataTotal, whatStays);
     trimOutgoingQueue(slot, SEQ);
     EXPECT_EQ(queue.peer.outgoingDataTotal, whatStays);
+}
+
+TEST_F(QueueTrim, DataTotalThatEnetHasClearedMeanwhileDoesNotFallBelowZero) {
+    queue.queueReliable(76);
+    queue.peer.outgoingDataTotal = 75 * QueuedPeer::DATA_LENGTH;  // Less than what is removed.
+    trimOutgoingQueue(slot, SEQ);
+    EXPECT_EQ(queue.peer.outgoingDataTotal, 0U);
 }
 
 TEST_F(QueueTrim, SentCommandsAreReportedAndStay) {

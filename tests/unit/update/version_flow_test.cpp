@@ -1,5 +1,6 @@
 // The version check thread of the core, which outlives the core.
 
+#include <atomic>
 #include <chrono>
 #include <exception>
 #include <memory>
@@ -8,9 +9,13 @@
 #include <thread>
 #include <vector>
 
-#include "app/VelantrixServerNoGUI.h"
+#include <QLockFile>
+#include <QSettings>
+
+#include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/core_pin.h"
+#include "app/base/out_of_memory.h"
 #include "app/core_life.h"
-#include "app/out_of_memory.h"
 #include "web_if_fixture.h"
 
 struct CoreTestAccess {
@@ -124,11 +129,57 @@ TEST_F(VersionFlow, CoreGoneDuringTheWaitEndsTheThreadQuietly) {
     EXPECT_EQ(events, std::vector<std::string>{"wait"});
 }
 
-// The answer comes once the core has gone, and is not looked at.
+/// Tells another thread when it is checked.
+class AnnouncingCore : public VelantrixServerNoGUI {
+  public:
+    int checkVersion() override {
+        checking.store(true);
+        return VelantrixServerNoGUI::checkVersion();
+    }
+
+    static std::atomic<bool> checking;
+};
+
+std::atomic<bool> AnnouncingCore::checking{false};
+
+// As with a settings file on a slow disc: storing the time waits for the file's lock.
+TEST_F(VersionFlow, CoreGoneWhileTheTimeIsStoredFetchesNothing) {
+    auto core = std::make_unique<AnnouncingCore>();
+    AnnouncingCore* const raw = core.get();
+    shortenWait([] {});
+    server.answer({"3.2\n"});
+    QLockFile disc(QSettings("Velantrix", "Server").fileName() + ".lock");
+    ASSERT_TRUE(disc.lock());
+    std::thread thread([raw] { CoreTestAccess::runVersionCheckThread(*raw); });
+    while (!AnnouncingCore::checking.load()) {
+        reallySleep(1);
+    }
+    core.reset();
+    disc.unlock();
+    thread.join();
+    EXPECT_TRUE(server.takeRequests().empty());
+    EXPECT_EQ(events, std::vector<std::string>{"wait"});
+}
+
+CURL* keptHandle = nullptr;
+decltype(curl_easy_init2) openHandle = nullptr;
+decltype(curl_easy_cleanup2) releaseHandle = nullptr;
+
+/// Has libcurl's handle remembered when it is opened, and only told when it is released.
+void keepHandle() {
+    openHandle = curl_easy_init2;
+    releaseHandle = curl_easy_cleanup2;
+    curl_easy_init2 = [] { return keptHandle = openHandle(); };
+    curl_easy_cleanup2 = [](CURL*) { events.emplace_back("release"); };
+}
+
+// The answer comes once the core has gone, and is not looked at. What libcurl keeps for the whole
+// program may have gone, too.
 TEST_F(VersionFlow, CoreGoneDuringTheFetchEndsTheThreadQuietly) {
     auto core = std::make_unique<VelantrixServerNoGUI>();
     VelantrixServerNoGUI* const raw = core.get();
     shortenWait([] {});
+    keepHandle();
     server.answer({"3.2\n", 200, "", "late"});
     ::testing::internal::CaptureStdout();
     std::thread thread([raw] { CoreTestAccess::runVersionCheckThread(*raw); });
@@ -142,6 +193,7 @@ TEST_F(VersionFlow, CoreGoneDuringTheFetchEndsTheThreadQuietly) {
     EXPECT_EQ(events, std::vector<std::string>{"wait"});
     EXPECT_STREQ(Settings::getVersionCheckResponse(), "");
     EXPECT_EQ(Settings::getVersionCheckTime(), NOW);
+    releaseHandle(keptHandle);
 }
 
 }  // namespace

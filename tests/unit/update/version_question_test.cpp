@@ -1,20 +1,26 @@
 // The window's half of the version check, with the boxes answered as a user would.
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <memory>
+#include <new>
 #include <sstream>
 #include <string>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
 
 #include <QApplication>
+#include <QLockFile>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QSettings>
 #include <QTemporaryDir>
 #include <QTimer>
 
@@ -335,6 +341,56 @@ TEST_F(VersionQuestion, ProgramMayEndWhileTheQuestionIsOpen) {
     thread.join();
     ASSERT_FALSE(user.boxes.empty());
     EXPECT_EQ(user.boxes[0].text, QUESTION);
+    EXPECT_TRUE(commands.empty());
+}
+
+/// What is printed while it lives, to be waited for.
+class PrintedLines {
+  public:
+    PrintedLines() { ::dup2(file, STDOUT_FILENO); }
+    ~PrintedLines() {
+        ::dup2(before, STDOUT_FILENO);
+        ::close(before);
+        ::close(file);
+    }
+    PrintedLines(const PrintedLines&) = delete;
+    PrintedLines& operator=(const PrintedLines&) = delete;
+
+    void waitFor(const std::string& line) const {
+        char text[1024] = "";
+        while (std::string(text).find(line) == std::string::npos) {
+            reallySleep(1);
+            ASSERT_GE(::pread(file, text, sizeof text - 1, 0), 0);
+        }
+    }
+
+  private:
+    int file = ::memfd_create("lines", 0);
+    int before = ::dup(STDOUT_FILENO);
+};
+
+// As with a settings file on a slow disc: what the check stores waits for the file's lock.
+TEST_F(VersionQuestion, IsNotAskedWhenStoringTheNewsOutlastsTheWindow) {
+    window.reset();
+    alignas(VelantrixServer) static unsigned char room[sizeof(VelantrixServer)];
+    auto* const raw = new (room) VelantrixServer(nullptr);
+    server.answer({"3.2\n", 200, "", "late"});
+    User user(press(QMessageBox::Yes));
+    const PrintedLines lines;
+    std::thread thread([raw] {
+        const CorePin pin;
+        raw->checkVersion();
+    });
+    ASSERT_TRUE(server.waitForRequest());
+    QLockFile disc(QSettings("Velantrix", "Server").fileName() + ".lock");
+    ASSERT_TRUE(disc.lock());
+    server.letGo();
+    lines.waitFor(NEWS);  // After which the check no longer looks whether the window is there.
+    raw->~VelantrixServer();
+    std::fill(std::begin(room), std::end(room), static_cast<unsigned char>(0xA5));
+    disc.unlock();
+    thread.join();
+    EXPECT_TRUE(user.boxes.empty());
     EXPECT_TRUE(commands.empty());
 }
 

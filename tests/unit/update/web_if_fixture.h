@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "app/core_life.h"
+#include "app/base/core_pin.h"
 #include "gui/Settings.h"
 #include "link_substitutes.h"
 #include "update/WebIf.h"
@@ -18,7 +18,7 @@ class WebIfCheck : public ::testing::Test {
     static constexpr int NOW = 29000000;  ///< Minutes since the epoch.
 
     void SetUp() override {
-        markCoreAlive();
+        coreStage.store(CoreStage::Alive);
         linkSubstitutes = {};
         setClock(NOW);
         server.reset();

@@ -1,0 +1,89 @@
+#include "app/base/Thread.h"
+
+#include <cerrno>
+#include <sched.h>
+#include <unistd.h>
+
+namespace {
+
+constexpr int ALREADY_STARTED = 10;
+constexpr int NO_PERMISSION = 11;
+constexpr int SYSTEM_ERROR_BASE = 1000;
+
+int statusOf(int error) {
+    return error == 0 ? 0 : SYSTEM_ERROR_BASE + error;
+}
+
+}  // namespace
+
+int Thread::_initResult = Thread::init();
+
+// The hook for a threading library that needs process-wide set-up.
+int Thread::init() noexcept {
+    return 0;
+}
+
+Thread::Thread() {
+    pthread_attr_init(&attributes);
+    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
+}
+
+Thread::~Thread() {
+    pthread_attr_destroy(&attributes);
+}
+
+int Thread::start(void* (*fn)(void*), void* arg) {
+    if (handle != 0) {
+        return ALREADY_STARTED;
+    }
+    // Stored before the thread runs, which may ask for it at once.
+    const int error = fn == nullptr ? pthread_create(&handle, &attributes, s_Run, this)
+                                    : pthread_create(&handle, &attributes, fn, arg);
+    if (error != 0) {
+        handle = 0;
+    }
+    return statusOf(error);
+}
+
+// The base run() does nothing, so calling it is the same as leaving it out.
+void* Thread::s_Run(void* object) {
+    if (object != nullptr) {
+        static_cast<Thread*>(object)->run();
+    }
+    return nullptr;
+}
+
+int Thread::join(int* result) {
+    if (handle == 0) {
+        return statusOf(ESRCH);  // Not for the system to look at: no handle is that of a thread.
+    }
+    void* dropped = nullptr;
+    const int error = pthread_join(handle, result == nullptr ? nullptr : &dropped);
+    if (error == 0) {
+        handle = 0;
+    }
+    return statusOf(error);
+}
+
+int Thread::run() {
+    return 0;
+}
+
+int Thread::setPriority(int priority) {
+    if (handle == 0) {
+        return statusOf(ESRCH);
+    }
+    int policy = 0;
+    sched_param parameters = {};
+    int error = pthread_getschedparam(handle, &policy, &parameters);
+    if (error != 0) {
+        return statusOf(error);
+    }
+    parameters.sched_priority = priority;
+    error = pthread_setschedparam(handle, priority > 0 ? SCHED_FIFO : SCHED_OTHER, &parameters);
+    return error == EPERM ? NO_PERMISSION : statusOf(error);
+}
+
+void Sleep(int milliseconds) {
+    ::usleep(static_cast<useconds_t>(milliseconds) * 1000U);
+}

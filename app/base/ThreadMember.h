@@ -1,0 +1,37 @@
+#pragma once
+
+#include "app/base/Thread.h"
+
+/// What a thread is to call: a member function without arguments on an object that it borrows.
+template <class T>
+struct MemberCall {
+    T* object;
+    void (T::*function)();
+};
+
+/// A thread that runs a member function of T.
+template <class T>
+class ThreadMember : public Thread {
+  public:
+    ~ThreadMember() override = default;
+
+    /// Thread entry. `record` is a heap-allocated MemberCall<T>, which it takes over, or null.
+    /// Touches neither the object nor this thread's wrapper after the call: both may be gone.
+    static void* StartMemberFunction(void* record) {
+        if (record == nullptr) {
+            return nullptr;
+        }
+        auto* const call = static_cast<MemberCall<T>*>(record);
+        (call->object->*call->function)();
+        delete call;
+        return nullptr;
+    }
+};
+
+/// Starts `function` of `object` on `thread`; returns the thread's status code. When the start
+/// fails the record stays allocated: that path is fatal or happens once, at the process end.
+template <class T>
+[[nodiscard]] int startMember(ThreadMember<T>& thread, T* object, void (T::*function)()) {
+    auto* const record = new MemberCall<T>{object, function};
+    return thread.start(ThreadMember<T>::StartMemberFunction, record);
+}

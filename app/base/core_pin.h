@@ -1,0 +1,77 @@
+#pragma once
+
+#include <atomic>
+
+#include "app/base/VelantrixServerNoGUI.h"  // IWYU pragma: export
+
+/// Keeps threads that outlive the core object away from it once it is destroyed.
+///
+/// The capture, network, discovery and version check threads are never joined: they go on while
+/// the main thread destroys the core. A thread holds a CorePin for as long as it uses the object.
+/// The destructors (app/core_life.h) first make new pins fail and new reports go to a plain core
+/// that lives until the process ends, then wait for the pins still held, then destroy. The wait is
+/// short and bounded: a thread that is blocked inside a report when it runs out is released later,
+/// and touches nothing of the object on its way out.
+
+enum class CoreStage {
+    Alive,     ///< In use.
+    Closing,   ///< The window's part is going; the core's own members are still there.
+    Destroyed  ///< No part of the object may be touched.
+};
+
+/// A use of the core object by another thread. Realtime-safe: yes (one atomic increment).
+class CorePin {
+  public:
+    CorePin();
+    ~CorePin();
+    CorePin(const CorePin&) = delete;
+    CorePin& operator=(const CorePin&) = delete;
+
+    /// The stage of the core when the pin was taken. Alive allows everything; Closing allows the
+    /// core's own members but no virtual call; Destroyed allows nothing.
+    [[nodiscard]] CoreStage stage() const { return stageSeen; }
+
+    /// True when the whole object may be used.
+    explicit operator bool() const { return stageSeen == CoreStage::Alive; }
+
+    /// Whether any thread holds a pin. Thread: main.
+    static bool anyHeld();
+
+  private:
+    CoreStage stageSeen;
+};
+
+/// Gives the calling thread's pins up while it waits for something long, and takes them again.
+/// Without a pin on this thread it changes nothing. Thread: version check.
+class CoreUnpin {
+  public:
+    CoreUnpin();
+    ~CoreUnpin();
+    CoreUnpin(const CoreUnpin&) = delete;
+    CoreUnpin& operator=(const CoreUnpin&) = delete;
+
+    /// Takes the pins again; false when the object may no longer be used.
+    [[nodiscard]] bool repin();
+
+  private:
+    int pinsGivenUp;
+};
+
+/// The stage that new pins see. Only main writes it, through app/core_life.h.
+extern std::atomic<CoreStage> coreStage;
+
+/// The core object that receives the streaming side's reports; borrowed. Set by enetHost, pointed
+/// at a core that never dies when the real one is about to be destroyed. Null before enetHost.
+extern std::atomic<VelantrixServerNoGUI*> mainDialog;
+
+/// Calls `report(core)` on the present report target, keeping it from being destroyed between the
+/// look-up and the call. Does nothing before there is a target.
+/// Thread: capture | network. As realtime-safe as the report.
+template <class Report>
+void reportToCore(Report report) {
+    const CorePin pin;
+    VelantrixServerNoGUI* const core = mainDialog.load();
+    if (core != nullptr) {
+        report(*core);
+    }
+}

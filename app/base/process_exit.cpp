@@ -1,0 +1,69 @@
+#include "app/base/process_exit.h"
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "app/base/Thread.h"
+#include "app/base/console.h"
+#include "app/base/main_loop.h"
+#include "app/base/start_values.h"
+
+namespace {
+
+constexpr int ANSWER_PATIENCE_MS = 3000;
+constexpr int WAIT_STEP_MS = 10;
+
+std::atomic<int> statusInTheEnd{0};
+
+void endNow(int /*signal*/) {
+    ::_exit(statusInTheEnd.load());
+}
+
+void silenceStandardError() {
+    const int nowhere = ::open("/dev/null", O_WRONLY);
+    ::dup2(nowhere, STDERR_FILENO);
+    ::close(nowhere);
+}
+
+bool onMainThread() {
+    return ::gettid() == ::getpid();
+}
+
+/// Waits for the main thread's exit, however long it takes. Returns only when none begins.
+void waitForMainThread() {
+    for (int waited = 0; waited < ANSWER_PATIENCE_MS || mainThreadExitBegun();
+         waited += WAIT_STEP_MS) {
+        Sleep(WAIT_STEP_MS);
+    }
+}
+
+}  // namespace
+
+void limitExit(int status, unsigned seconds) {
+    statusInTheEnd.store(status);
+    std::signal(SIGALRM, endNow);
+    ::alarm(seconds);
+}
+
+void ExitProcess(int status) {
+    limitExit(status);
+    consoleDrain();
+    if (!getVerbose()) {
+        silenceStandardError();
+    }
+    if (onMainThread()) {
+        prepareExit();
+        std::exit(status);  // NOLINT(concurrency-mt-unsafe): the main thread's.
+    }
+    if (!requestMainThreadExit(status)) {
+        // NOLINTNEXTLINE(concurrency-mt-unsafe): there is no main loop that could do it.
+        std::exit(status);
+    }
+    waitForMainThread();
+    std::fflush(stdout);
+    ::_exit(status);
+}

@@ -1,9 +1,0 @@
-#pragma once
-
-/// Ends the process with `status` (-1 gives 255), running exit handlers and static destructors.
-///
-/// Without "-verbose" standard error goes to "/dev/null" first, to hide what libraries print while
-/// they are torn down. The exit itself runs on the main thread, which may be inside the toolkit:
-/// another caller asks for it through the main loop's pipe and waits. When the main thread has not
-/// answered within 3 s the process ends at once. Thread: any but capture.
-[[noreturn]] void ExitProcess(int status);
