@@ -20,6 +20,7 @@ from probe import MULTI_CLIENT, control_message, data_request
 
 LIFE = 60.0  # Seconds after which the server has given up whoever is silent.
 TIME_OUT = 36.0  # Seconds in which ENet gives up who has never acknowledged anything.
+FRIENDS = 7
 LONGEST = 4096
 COMMANDS_AT_MOST = 64  # Which the server reads of one datagram.
 EXTREMES = (0, 1, 2, 31, 32, 0xFF, 4095, 4096, 0x7FFF, 0x8000, 0xFFFF, 0x10000, 0xFFFFF, 0x100000,
@@ -37,7 +38,7 @@ class Stranger(HandMadePeer):
         self.connect_id = generator.getrandbits(32)
         self.datagrams = 0
         self.last_heard = (CONTROL_CHANNEL, 1, now())
-        self.late = []
+        self.late, self.kept = [], []
         self.sloppy = generator.choice((0, 0, 0.02, 0.2))  # How often a header is not as it should.
         self.acknowledge = self.in_order
         super().__init__(server, self.data)
@@ -86,13 +87,18 @@ class Stranger(HandMadePeer):
     def twice(self, one):
         return [one, one]
 
+    def keep(self, one):
+        self.kept.append(one)
+        return []
+
     def some_time_later(self, one):
         self.late.append((time.monotonic() + self.random.uniform(0.2, 3), one))
         return []
 
     def for_what_was_sent_long_ago(self, one):
         channel, sequence, sent = one
-        return [(channel, sequence, sent - self.random.randint(20000, 65000) & 0xFFFF)]
+        longest = 0x8000 + sent % 0x8000  # Milliseconds; longer ago is in the future for ENet.
+        return [(channel, sequence, sent - self.random.randint(15000, longest) & 0xFFFF)]
 
     def with_odd_times(self, one):
         return [one[:2] + (self.random.getrandbits(16),)]
@@ -245,20 +251,22 @@ class Stranger(HandMadePeer):
         self.acknowledge = self.random.choice((self.in_order, self.acknowledge))
         yield from self.random.choice((
             self.vanish, self.talk_until_given_up, self.say_good_bye, self.say_good_bye,
-            self.say_good_bye, self.pose_as_a_server, self.come_back))()
+            self.say_good_bye, self.pose_as_a_server, self.come_back, self.break_silence))()
         yield from self.phase(self.random.uniform(0, 2), self.never)  # As one that is gone.
 
     def arrive(self):
         """Until it is connected, or gives up; a few are never answered, or go at once."""
         if self.sometimes(0.1):
             self.send(self.connect() + self.usual(DISCONNECT), peer=NO_PEER)
-        self.acknowledge = self.random.choice((self.in_order,) * 6 + (self.never, self.with_odd_times,
-                                              self.with_odd_numbers))
+        self.acknowledge = self.random.choice((self.in_order,) * 6 + (
+            self.never, self.with_odd_times, self.with_odd_numbers,
+            self.for_what_was_sent_long_ago))
         end = time.monotonic() + self.random.uniform(1, 8)
+        hurry = self.random.choice((1, 1, 20))
         while self.peer_id is None and time.monotonic() < end:
             self.send(self.odd_command() if self.sometimes(0.1) else self.connect(), peer=NO_PEER)
-            for _ in range(10):
-                yield 0.02
+            for _ in range(hurry):
+                yield 0.005
                 self.answer()
                 if self.peer_id is not None:
                     break
@@ -295,6 +303,33 @@ class Stranger(HandMadePeer):
                 pass
             self.talk()
             yield 0.005
+
+    def break_silence(self):
+        """Lets the server believe that answers take long, and then that they do not; keeps silent;
+        acknowledges the oldest when what was sent after it is overdue, in the same moment as it and
+        its friends say something; and comes back."""
+        friends = [Stranger(self.server, self.random, False) for _ in range(FRIENDS)]
+        for friend in friends:
+            friend.data, friend.sloppy = 0, 0
+            yield from friend.arrive()
+            friend.acknowledge = friend.in_order
+
+        def wait():
+            for friend in friends:
+                friend.answer()
+        yield from self.phase(3, self.for_what_was_sent_long_ago, wait)
+        yield from self.phase(1, self.keep, wait)
+        for _ in range(4):
+            self.send(acknowledgement(CONTROL_CHANNEL, 0, self.last_heard[2]) * 32)
+        yield from self.phase(self.random.choice((self.random.uniform(1, 30), 35)), self.keep, wait)
+        for friend in friends:
+            friend.talk()
+        for one in self.kept[:self.random.randint(1, 3)]:
+            self.send(acknowledgement(*one) + self.usual(SEND_UNSEQUENCED))
+        yield 0.004
+        yield from self.come_back()
+        for friend in friends:
+            friend.socket.close()
 
     def say_good_bye(self):
         timed, before = self.sometimes(0.5), self.sometimes(0.2)
