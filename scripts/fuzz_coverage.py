@@ -14,6 +14,8 @@ FILES = {
                      "listen/stream_decoder.cpp", "listen/timeline.cpp", "listen/playout.cpp",
                      "listen/jitter_buffer.cpp"),
     "control_message": ("stream/client_table.cpp",),
+    "datagram_guard": ("stream/datagram_guard.cpp", "stream/stuck_peers.cpp",
+                       "stream/event_backlog.cpp"),
     "discovery_datagram": ("discovery/multi_host.cpp", "discovery/query.cpp"),
     "settings_file": ("gui/Settings.cpp",),
     "start_values": ("app/command_line.cpp", "discovery/query.cpp", "update/web_address.cpp"),

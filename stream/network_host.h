@@ -12,6 +12,3 @@ extern ENetHost* server;
 /// the capture, then sleeps for ever. Ends the process (status 255) when ENet or the host cannot
 /// be set up. `core` receives the reports; borrowed. Thread: network.
 [[noreturn]] void enetHost(VelantrixServerNoGUI* core);
-
-/// Whether ENet was refused memory since the last call. Thread: capture. Realtime-safe: yes.
-bool takeEnetMemoryFailure();

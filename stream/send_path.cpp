@@ -14,6 +14,7 @@
 #include "stream/queue_trim.h"
 #include "stream/report_target.h"
 #include "stream/service_step.h"
+#include "stream/vanished_peer.h"
 #include "stream/wire_format.h"
 
 std::uint32_t seqNum = 0;
@@ -68,6 +69,9 @@ void sendPayload(const ClientSlot& slot, const Pass& pass, const Payload& payloa
     wire::writeHeader(payload.data, header);
     if (pass.seq % QUEUE_CHECK_INTERVAL == 0) {
         trimOutgoingQueue(slot, pass.seq);
+    }
+    if (slot.reliable == 0 && seemsVanished(*slot.peer)) {
+        return;
     }
     ENetPacket* const packet = enet_packet_create(
         payload.data, payload.length,

@@ -8,7 +8,9 @@
 
 #include "audio/Audio.h"
 #include "stream/client_table.h"
+#include "stream/datagram_guard.h"
 #include "stream/enet_mtu.h"
+#include "stream/event_backlog.h"
 #include "stream/network_host.h"
 #include "stream/opus_bank.h"
 #include "stream/report_target.h"
@@ -60,6 +62,8 @@ void LiveServer::SetUp() {
     server = enet_host_create(&address, SERVER_PEERS, CHANNELS, 0, 0);
     ASSERT_NE(server, nullptr) << "port " << address.port << " is taken";
     raiseHostMtu(*server);
+    limitMessages(*server);
+    guardDatagrams(*server);
     clientConn.fill(ClientSlot{});
     connectCount = 0;
     seqNum = 0;

@@ -25,6 +25,7 @@ import stranger
 
 SERVER_PORT, DISCOVERY_PORT = 59010, 59011
 LONGEST_DATAGRAM = 65507
+COMMANDS_AT_ONCE = 64  # The server reads no longer datagram.
 FRAGMENTED_MESSAGE = 30_000_000  # Bytes; ENet itself would take up to 32 MiB.
 AHEAD = 1.1  # A sender of messages aims at so many times its rate.
 PATIENCE = 60.0  # Seconds.
@@ -147,7 +148,8 @@ def control(host, rate, kind):
     commands = {"requests": lambda: peer.reliable(request),
                 "unsequenced": lambda: peer.unsequenced_command(request),
                 "empty": lambda: peer.unsequenced_command(b""),
-                "packed": lambda: b"".join(peer.unsequenced_command(b"") for _ in range(400)),
+                "packed": lambda: b"".join(peer.unsequenced_command(b"")
+                                           for _ in range(COMMANDS_AT_ONCE)),
                 "fragments": lambda: peer.fragment(sent, FRAGMENTED_MESSAGE)}[kind]
     rate, ends = float(rate), False
     sent, passed, start, next_one = 0, 0.0, time.monotonic(), None

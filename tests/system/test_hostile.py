@@ -357,7 +357,7 @@ class Messages(HostileNetwork):
         self.flood_messages("unsequenced")
 
     def test_empty_messages_packed_into_long_datagrams(self):
-        self.flood_messages("packed", rate=RATE // 100)
+        self.flood_messages("packed", rate=RATE // 16)
 
     def test_pieces_of_a_message_that_never_becomes_whole(self):
         self.flood_messages("fragments", rate=RATE // 2)

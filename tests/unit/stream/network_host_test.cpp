@@ -1,5 +1,6 @@
 #include "stream/network_host.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <sys/socket.h>
@@ -93,6 +94,25 @@ TEST(NetworkHost, StartsOnTheDefaultPortThenOpensTheCapture) {
     });
     EXPECT_EQ(run.out, std::string(INITIALIZING) + DEFAULT_PORT + CAPTURE);
     EXPECT_EQ(run.err, "");
+}
+
+int sendBufferOf(int socket) {
+    int bytes = 0;
+    socklen_t length = sizeof bytes;
+    EXPECT_EQ(getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, &length), 0);
+    return bytes;
+}
+
+TEST(NetworkHost, SendBufferHoldsWhatWaitsForTenAddressesIfTheKernelGrantsThat) {
+    constexpr int FOR_ONE_ADDRESS = 212992;
+    runHost({}, nullptr, [] {
+        const int greedy = socket(AF_INET, SOCK_DGRAM, 0);
+        const int plenty = 100 * FOR_ONE_ADDRESS;
+        setsockopt(greedy, SOL_SOCKET, SO_SNDBUF, &plenty, sizeof plenty);
+        EXPECT_GE(sendBufferOf(server->socket),
+                  std::min(10 * FOR_ONE_ADDRESS, sendBufferOf(greedy)));
+        close(greedy);
+    });
 }
 
 TEST(NetworkHost, ClearsTheTableFirst) {
