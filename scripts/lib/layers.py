@@ -13,6 +13,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[2]
 CORE = ("app/base", "stream", "audio", "stream/network_host", "discovery", "gui/Settings", "update")
 ROOMS = {
+    "common": (),
     "app/base": (),
     "stream": ("app/base",),
     "audio": ("app/base", "stream"),
@@ -45,7 +46,7 @@ def main():
         for line in file.read_text(encoding="utf-8").splitlines():
             found = re.match(r'#include "([\w/]+)\.h"', line)
             other = room_of(found[1]) if found else None
-            if other and other != room and other not in allowed and not (
+            if other and other not in (room, "common", *allowed) and not (
                     other in FILES_OF_THEIR_OWN and other.split("/")[0] in (room, *allowed)):
                 wrong.append(f"{file.relative_to(ROOT)} may not include {found[1]}.h")
     if wrong:
