@@ -6,7 +6,7 @@
 
 set -euo pipefail
 
-repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 jobs=${JOBS:-$(nproc)}
 
 # PulseAudio for ourselves, where the package cannot be installed; see unpack_sound_server.
