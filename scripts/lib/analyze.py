@@ -47,7 +47,7 @@ def sources(build, folders):
     wanted = [root / folder for folder in folders]
     commands = {}
     for entry in json.loads((pathlib.Path(build) / "compile_commands.json").read_text()):
-        if pathlib.Path(entry["file"]).parent in wanted:
+        if any(folder in wanted for folder in pathlib.Path(entry["file"]).parents):
             words = shlex.split(entry["command"])
             words = words[next(i for i, word in enumerate(words) if word.endswith("++")) + 1:]
             at = words.index("-o")
