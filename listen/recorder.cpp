@@ -76,10 +76,6 @@ bool Recorder::knowsEnding(const std::string& path) {
 bool Recorder::open(const std::string& path) {
     path_ = path;
     format_ = formatOf(path);
-    if (format_ == 0) {
-        fail("the file must end in .wav, .flac, .ogg or .opus");
-        return false;
-    }
     if (!file_.open(path)) {
         fail(reasonOf(file_.errorNumber()));
         return false;

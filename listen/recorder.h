@@ -24,8 +24,8 @@ class Recorder : public PcmSink {
     /// True when `path` ends in a format that the installed libsndfile writes.
     static bool knowsEnding(const std::string& path);
 
-    /// Creates the file, so that an unwritable one is told before the stream starts. False on
-    /// failure, see error().
+    /// Creates the file, whose ending is a known one, so that an unwritable one is told before the
+    /// stream starts. False on failure, see error().
     [[nodiscard]] bool open(const std::string& path);
 
     SinkState write(const std::int16_t* frames, std::size_t count, int rate) override;
