@@ -1,11 +1,13 @@
+#include <memory>
+
 #include <QApplication>
 
 #include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/command_line.h"
 #include "app/base/console.h"
 #include "app/base/main_loop.h"
 #include "app/base/out_of_memory.h"
 #include "app/base/process_exit.h"
-#include "app/command_line.h"
 #include "app/core_life.h"
 #include "gui/VelantrixServer.h"
 
@@ -27,8 +29,19 @@ int runEventLoop() {
     return result;
 }
 
+/// The "offscreen" platform is left as it is: when it is destroyed it first reads all fonts, and
+/// where memory is short the font library crashes then.
+struct DestroyUnlessOffscreen {
+    void operator()(const QApplication* application) const {
+        if (QGuiApplication::platformName() != QLatin1String("offscreen")) {
+            delete application;
+        }
+    }
+};
+
 int runHeadless(int& argc, char** argv) {
-    const QApplication application(argc, argv, 0);
+    const std::unique_ptr<const QApplication, DestroyUnlessOffscreen> application(
+        new QApplication(argc, argv, 0));
     VelantrixServerNoGUI::GetIPAddress();
     installMainLoopRequests();
     int result = 0;
@@ -42,8 +55,13 @@ int runHeadless(int& argc, char** argv) {
 }
 
 int runWithWindow(int& argc, char** argv) {
+#if QT_VERSION_MAJOR < 6  // Qt 6 scales by itself.
     QApplication::setAttribute(Qt::AA_EnableHighDpiScaling);
     QApplication::setAttribute(Qt::AA_UseHighDpiPixmaps);
+    QApplication::setHighDpiScaleFactorRoundingPolicy(
+        Qt::HighDpiScaleFactorRoundingPolicy::PassThrough);
+#endif
+    QApplication::setDesktopFileName("example.velantrix.server");
     const QApplication application(argc, argv);
     installMainLoopRequests();
     int result = 0;

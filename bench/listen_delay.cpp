@@ -25,10 +25,12 @@
 
 #include <enet/enet.h>
 
+#include "listen/audio/stream_decoder.h"
 #include "listen/clock.h"
-#include "listen/playout.h"
-#include "listen/priority.h"
-#include "listen/receiver.h"
+#include "listen/device/priority.h"
+#include "listen/network/receiver.h"
+#include "listen/network/sequence_tracker.h"
+#include "listen/playout/playout.h"
 
 namespace {
 
@@ -82,13 +84,17 @@ void runReceiver(vxlisten::Playout& playout) {
     if (!receiver.open() || !receiver.resolve("127.0.0.1", PORT) || !receiver.connect({})) {
         std::abort();
     }
+    vxlisten::SequenceTracker tracker;
+    vxlisten::StreamDecoder decoder;
     while (!stop) {
         const vxlisten::ReceiverEvent event = receiver.service(5);
         if (event.type == vxlisten::ReceiverEvent::Type::Packet) {
             const auto packet =
                 vxlisten::parseAudioPacket(event.packet->data, event.packet->dataLength);
             if (packet) {
-                playout.push(*packet, 1, vxlisten::steadyNow());
+                decoder.decode(*packet, tracker.observe(*packet), [&playout](const auto& block) {
+                    playout.queue().push(block, vxlisten::steadyNow());
+                });
             }
         }
     }

@@ -21,8 +21,8 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/call_timers.h"
-#include "stream/network_host.h"
 #include "stream/send_path.h"
+#include "stream/service_step.h"
 #include "stream/wire_format.h"
 #include "tests/support/bench_clients.h"
 #include "tests/support/bench_server.h"

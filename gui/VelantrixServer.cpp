@@ -8,14 +8,16 @@
 
 #include <QCoreApplication>
 #include <QEvent>
+#include <QFont>
 #include <QIcon>
 #include <QPixmap>
 
 #include "app/core_life.h"
-#include "gui/text_fit.h"
 #include "stream/capture_rate.h"
 
 namespace {
+
+constexpr int FONT_PIXELS = 13;
 
 constexpr int TICK_MS = 1000;
 constexpr std::uint32_t TITLE_TICK = 1;  // Ticks before the one that shortens the title.
@@ -45,6 +47,13 @@ QString audioStatusText(bool active) {
            QString().setNum(rate, 'g', 6) + QStringLiteral(" kHz</font>");
 }
 
+/// The layout is fixed in pixels, so the size of the font is, too; its family is the user's.
+void fixFontSize(QWidget& content) {
+    QFont font;
+    font.setPixelSize(FONT_PIXELS);
+    content.setFont(font);
+}
+
 /// Copies at most 255 bytes.
 void remember(char (&kept)[NAME_ROOM], const char* name) {
     const std::size_t length = std::min(std::strlen(name), NAME_ROOM - 1);
@@ -62,7 +71,7 @@ static void keepResources() {
 VelantrixServer::VelantrixServer(QWidget* parent) : QMainWindow(parent) {
     keepResources();
     ui.setupUi(this);
-    fitFont(*ui.centralwidget);
+    fixFontSize(*ui.centralwidget);
     setWindowTitle("Velantrix Server  v" VELANTRIX_VERSION "    ");
     setWindowIcon(QIcon(":/vx-icon-sm.png"));
     logoImage.load(":/win_bitmap.bmp");

@@ -4,11 +4,11 @@
 #include <memory>
 #include <optional>
 
-#include "listen/audio_packet.h"
 #include "listen/background.h"
 #include "listen/clock.h"
 #include "listen/command_line.h"
-#include "listen/pcm_sink.h"
+#include "listen/network/audio_packet.h"
+#include "listen/sinks/pcm_sink.h"
 #include "listen/stop_request.h"
 #include "stream/wire_format.h"
 
@@ -62,12 +62,12 @@ bool Client::prepare() {
         fail("cannot open a network socket");
         return false;
     }
-    if (!receiver_.resolve(options_.host, options_.port)) {
-        fail("there is no host named '" + options_.host + "'");
+    if (!receiver_.resolve(options_.server.host, options_.server.port)) {
+        fail("there is no host named '" + options_.server.host + "'");
         return false;
     }
     counts_.server = receiver_.serverAddress();
-    counts_.hostName = options_.host;
+    counts_.hostName = options_.server.host;
     counts_.rateCode = options_.choice.rateCode;  // Until the first packet says what comes.
     counts_.reliable = options_.choice.reliable;
     return startConnecting();
@@ -193,10 +193,9 @@ void Client::loseConnection(const std::string& why) {
     waitUntil_ = linkSince_ + retryPause_.next() * MILLISECOND;
     // One that hangs is kept: a second would hang as well.
     if (!whereabouts_.valid() || isReady(whereabouts_)) {
-        whereabouts_ =
-            inBackground([options = options_, locate = locate_, address = receiver_.address()] {
-                return locate(options, address);
-            });
+        whereabouts_ = inBackground([server = options_.server, address = receiver_.address()] {
+            return locateAgain(server, address);
+        });
     }
 }
 
@@ -207,12 +206,12 @@ bool Client::followServer() {
     }
     const std::string address = whereabouts_.get();
     if (address.empty() || address == receiver_.address() ||
-        !receiver_.resolve(address, options_.port)) {
+        !receiver_.resolve(address, options_.server.port)) {
         return false;
     }
     counts_.server = receiver_.serverAddress();
     reporter_.announce("the server is now at " + counts_.server);
-    if (options_.found) {
+    if (options_.server.found) {
         counts_.hostName = address;
     }
     return true;
@@ -285,8 +284,6 @@ Statistics Client::figures() {
     result.connected = link_ == Link::Connected;
     result.roundTripMs = receiver_.roundTripTime();
     result.lost = tracker_.lost();
-    result.late = tracker_.late();
-    result.duplicates = tracker_.duplicates();
     outputs_.describe(result);
     return result;
 }

@@ -1,22 +1,20 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <future>
 #include <string>
-#include <utility>
 
 #include <enet/enet.h>
 
+#include "listen/console/reporter.h"
+#include "listen/console/statistics.h"
 #include "listen/find_server.h"
+#include "listen/network/receiver.h"
+#include "listen/network/sequence_tracker.h"
 #include "listen/options.h"
 #include "listen/outputs.h"
-#include "listen/pcm_sink.h"
-#include "listen/receiver.h"
-#include "listen/reporter.h"
 #include "listen/retry_pause.h"
-#include "listen/sequence_tracker.h"
-#include "listen/statistics.h"
+#include "listen/sinks/pcm_sink.h"
 
 namespace vxlisten {
 
@@ -24,12 +22,8 @@ namespace vxlisten {
 /// figures. Everything on the thread that calls run().
 class Client {
   public:
-    /// Tells where a server is now, as locateAgain() does. Called in the background.
-    using Locate = std::function<std::string(const Options& options, const std::string& address)>;
-
     /// `options` is borrowed and must outlive this; its host is chosen.
-    explicit Client(const Options& options, Locate locate = locateAgain)
-        : options_(options), locate_(std::move(locate)), reporter_(options) {}
+    explicit Client(const Options& options) : options_(options), reporter_(options) {}
 
     /// Listens until the time is over, a stop is requested or nothing more can be done. Returns
     /// the exit status of the program, having told why when it is not 0.
@@ -63,7 +57,6 @@ class Client {
     int finish();
 
     const Options& options_;
-    Locate locate_;
     Reporter reporter_;
     Receiver receiver_;
     SequenceTracker tracker_;

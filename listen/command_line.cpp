@@ -1,9 +1,10 @@
 #include "listen/command_line.h"
 
+#include <algorithm>
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
-#include <map>
+#include <iterator>
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
@@ -11,20 +12,22 @@
 
 #include <CLI/CLI.hpp>
 
-#include "listen/delay_target.h"
-#include "listen/receiver.h"
-#include "listen/recorder.h"
+#include "listen/network/receiver.h"
+#include "listen/playout/delay_target.h"
+#include "listen/sinks/recorder.h"
 #include "stream/wire_format.h"
 
 namespace vxlisten {
 
 namespace {
 
-const std::map<std::string, std::uint32_t>& rateNames() {
-    static const std::map<std::string, std::uint32_t> names = {
-        {"raw", wire::RATE_CODE_RAW}, {"64", 1}, {"128", 2}, {"256", 3}, {"20", 5}};
-    return names;
-}
+struct Rate {
+    const char* name;
+    std::uint32_t code;
+};
+
+constexpr Rate RATES[] = {
+    {"raw", wire::RATE_CODE_RAW}, {"64", 1}, {"128", 2}, {"256", 3}, {"20", 5}};
 
 std::string ownName() {
     char name[wire::MAX_CLIENT_NAME + 1] = "";
@@ -72,26 +75,28 @@ void describe(CLI::App& app, Words& words, Options& options) {
 using Complaint = std::string;
 
 Complaint takeHost(const Words& words, Options& options) {
-    options.port = words.port != 0 ? static_cast<std::uint16_t>(words.port) : options.port;
-    options.portChosen = words.port != 0;
+    options.server.port =
+        words.port != 0 ? static_cast<std::uint16_t>(words.port) : options.server.port;
+    options.server.portChosen = words.port != 0;
     const std::size_t colon = words.host.rfind(':');
     if (colon != words.host.find(':')) {
         return "'" + words.host + "': only names and IPv4 addresses are supported";
     }
-    options.host = words.host.substr(0, colon);
+    options.server.host = words.host.substr(0, colon);
     if (colon == std::string::npos) {
         return {};
     }
     int port = 0;
-    if (options.host.empty() || !CLI::detail::lexical_cast(words.host.substr(colon + 1), port) ||
-        port < 1 || port > 65535) {
+    if (options.server.host.empty() ||
+        !CLI::detail::lexical_cast(words.host.substr(colon + 1), port) || port < 1 ||
+        port > 65535) {
         return "'" + words.host + "' is not HOST or HOST:PORT";
     }
     if (words.port != 0 && words.port != port) {
         return "HOST and --port name different ports";
     }
-    options.port = static_cast<std::uint16_t>(port);
-    options.portChosen = true;
+    options.server.port = static_cast<std::uint16_t>(port);
+    options.server.portChosen = true;
     return {};
 }
 
@@ -107,11 +112,13 @@ Complaint takeStats(const Words& words, Options& options) {
 }
 
 Complaint takeStream(const Words& words, bool nameGiven, Options& options) {
-    const auto rate = rateNames().find(words.rate);
-    if (rate == rateNames().end()) {
+    const auto* const rate =
+        std::find_if(std::begin(RATES), std::end(RATES),
+                     [&words](const Rate& known) { return known.name == words.rate; });
+    if (rate == std::end(RATES)) {
         return "--rate must be raw, 20, 64, 128 or 256";
     }
-    options.choice.rateCode = rate->second;
+    options.choice.rateCode = rate->code;
     options.choice.reliable = !words.bestEffort;
     options.choice.multiClient = !words.single;
     if (!nameGiven) {

@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "listen/receiver.h"
-#include "stream/wire_format.h"
+#include "listen/find_server.h"
+#include "listen/network/receiver.h"
 
 namespace vxlisten {
 
@@ -14,11 +14,7 @@ enum class StatsStyle { Display, Lines, Json };
 
 /// Everything that the command line chooses.
 struct Options {
-    std::string host;  ///< Empty: find a server.
-    std::uint16_t port = wire::DEFAULT_SERVER_PORT;
-    bool portChosen = false;          ///< The user named the port.
-    bool found = false;               ///< The user named no server: `host` is one that answered.
-    std::vector<std::string> others;  ///< Addresses of the other servers that answered then.
+    ServerChoice server;
     StreamChoice choice;
     double seconds = 0;      ///< Time from the connection to the end; 0: until stopped.
     std::string recordPath;  ///< Empty: no recording.

@@ -1,7 +1,6 @@
 #include "listen/outputs.h"
 
-#include <algorithm>
-#include <array>
+#include <cassert>
 #include <optional>
 #include <unistd.h>
 
@@ -42,11 +41,15 @@ bool Outputs::openSound(const Options& options) {
 }
 
 SinkState Outputs::take(const AudioPacket& packet, const SequenceStep& step, std::int64_t now) {
-    if (sound_ != nullptr) {
-        stream_ += step.arrival == Arrival::Start ? 1 : 0;
-        sound_->push(packet, stream_, now);
-    }
-    return judge(timeline_.take(packet, step, now));
+    assert(thread_.here());
+    BlockQueue* const played = sound_ != nullptr ? sound_->queue() : nullptr;
+    const DecodedBlock sound =
+        decoder_.decode(packet, step, [played, now](const DecodedBlock& block) {
+            if (played != nullptr) {
+                played->push(block, now);
+            }
+        });
+    return judge(timeline_.take(packet, step, sound, now));
 }
 
 SinkState Outputs::passSilence(std::int64_t now) {
@@ -62,6 +65,7 @@ SinkState Outputs::judge(const PcmSink* stopped) {
 }
 
 SinkState Outputs::watch(std::int64_t now, std::string& news) {
+    assert(thread_.here());
     if (sound_ != nullptr) {
         news = sound_->watch(now);
     }
@@ -83,11 +87,9 @@ void Outputs::describe(Statistics& statistics) {
     const LevelMeter& level = timeline_.recentLevel();
     statistics.peakDbfs = {level.peakDbfs(0), level.peakDbfs(1)};
     statistics.rmsDbfs = {level.rmsDbfs(0), level.rmsDbfs(1)};
-    if (sound_ == nullptr) {
-        return;
+    if (sound_ != nullptr) {
+        statistics.playback = sound_->figures();
     }
-    statistics.playback = sound_->figures();
-    statistics.late = std::max(statistics.late, sound_->late());
 }
 
 void Outputs::describeWholeLevel(Statistics& statistics) const {

@@ -4,16 +4,18 @@
 #include <memory>
 #include <string>
 
-#include "listen/audio_packet.h"
-#include "listen/level_meter.h"
+#include "common/thread_check.h"
+#include "listen/audio/level_meter.h"
+#include "listen/audio/stream_decoder.h"
+#include "listen/console/statistics.h"
+#include "listen/device/sound_keeper.h"
+#include "listen/network/audio_packet.h"
+#include "listen/network/sequence_tracker.h"
 #include "listen/options.h"
-#include "listen/pcm_sink.h"
-#include "listen/pipe_sink.h"
-#include "listen/recorder.h"
-#include "listen/sequence_tracker.h"
-#include "listen/sound_keeper.h"
-#include "listen/statistics.h"
-#include "listen/timeline.h"
+#include "listen/sinks/pcm_sink.h"
+#include "listen/sinks/pipe_sink.h"
+#include "listen/sinks/recorder.h"
+#include "listen/sinks/timeline.h"
 
 namespace vxlisten {
 
@@ -55,13 +57,14 @@ class Outputs {
     [[nodiscard]] bool openSound(const Options& options);
     SinkState judge(const PcmSink* stopped);
 
+    StreamDecoder decoder_;
     Timeline timeline_;
     std::unique_ptr<Recorder> recorder_;
     std::unique_ptr<PipeSink> pipe_;
     std::unique_ptr<SoundKeeper> sound_;
-    std::uint32_t stream_ = 0;  ///< Counts the starts, for the playing side.
     std::string error_;
     std::string warning_;
+    ThreadCheck thread_;
 };
 
 }  // namespace vxlisten

@@ -1,7 +1,9 @@
 #include "listen/stop_request.h"
 
 #include <atomic>
+#include <cassert>
 #include <csignal>
+#include <unistd.h>
 
 namespace vxlisten {
 
@@ -17,6 +19,7 @@ void onSignal(int /*number*/) {
 }  // namespace
 
 void installStopRequest() {
+    assert(gettid() == getpid());
     struct sigaction action = {};
     action.sa_handler = onSignal;
     action.sa_flags = static_cast<int>(SA_RESETHAND);  // Blocking calls are to be interrupted.

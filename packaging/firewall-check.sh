@@ -54,11 +54,11 @@ network() {
     ip link add cable type veth peer name cable netns client
     ip address add $server_address/24 dev cable
     ip link set cable up
-    ip route add $group/32 dev cable
+    ip route replace $group/32 dev cable
     on_client ip link set lo up
     on_client ip address add $client_address/24 dev cable
     on_client ip link set cable up
-    on_client ip route add $group/32 dev cable
+    on_client ip route replace $group/32 dev cable
 }
 
 start_server() {

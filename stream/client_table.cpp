@@ -72,6 +72,22 @@ void dropSingleClients() {
     }
 }
 
+/// The slot that holds the peer itself, which ENet gives to the next client that comes; where none
+/// does, the first of its address. Null: there is none of either.
+ClientSlot* slotOfDisconnected(const ENetPeer& peer) {
+    ClientSlot* first = nullptr;
+    for (ClientSlot& slot : clientConn) {
+        if (slot.peer == &peer) {
+            return &slot;
+        }
+        if (first == nullptr && slot.peer != nullptr &&
+            sameAddress(slot.peer->address, peer.address)) {
+            first = &slot;
+        }
+    }
+    return first;
+}
+
 /// Copies the NUL-terminated name behind the header, cut to what fits and to the packet.
 void readClientName(const ENetPacket& packet, char (&name)[wire::MAX_CLIENT_NAME + 1]) {
     const std::size_t available =
@@ -153,18 +169,8 @@ void handleDisconnect(const ENetEvent& event) {
     consolePrintf("Client %s:%u disconnected\n", ipToString(event.peer->address.host, address),
                   static_cast<unsigned>(event.peer->address.port));
 
-    const auto first =
-        std::find_if(clientConn.begin(), clientConn.end(), [&event](const ClientSlot& slot) {
-            return slot.peer != nullptr && sameAddress(slot.peer->address, event.peer->address);
-        });
-    if (first != clientConn.end()) {
-        *first = ClientSlot{};
-    }
-    // ENet gives this peer to the next client that comes: no slot may keep it.
-    for (ClientSlot& slot : clientConn) {
-        if (slot.peer == event.peer) {
-            slot = ClientSlot{};
-        }
+    if (ClientSlot* const slot = slotOfDisconnected(*event.peer)) {
+        *slot = ClientSlot{};
     }
 }
 

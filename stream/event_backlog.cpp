@@ -1,8 +1,8 @@
 #include "stream/event_backlog.h"
 
-#include <algorithm>
-
 namespace {
+
+constexpr enet_uint32 SERVICE_TIMEOUT_MS = 1;
 
 void dropOldestMessages(ENetPeer& peer) {
     for (std::size_t waiting = enet_list_size(&peer.dispatchedCommands);
@@ -14,6 +14,41 @@ void dropOldestMessages(ENetPeer& peer) {
     }
 }
 
+void moveToFront(ENetList& queue, ENetList& peers) {
+    if (!enet_list_empty(&peers)) {
+        enet_list_move(enet_list_begin(&queue), enet_list_begin(&peers),
+                       enet_list_previous(enet_list_end(&peers)));
+    }
+}
+
+/// Services the network although events wait, by taking those peers out of ENet's sight meanwhile.
+/// Without an event to fill ENet would read too, but throw away what else stands in a datagram that
+/// completes a connection: a client's first request, say.
+int serviceBesidesBacklog(ENetHost& host, ENetEvent& event) {
+    ENetList waiting;
+    enet_list_clear(&waiting);
+    moveToFront(waiting, host.dispatchQueue);
+    const int result = enet_host_service(&host, &event, 0);
+    moveToFront(host.dispatchQueue, waiting);
+    return result;
+}
+
+int takeEvent(ENetHost& host, ENetEvent& event) {
+    static bool backlogIsNext = false;
+    if (enet_list_empty(&host.dispatchQueue)) {
+        return enet_host_service(&host, &event, SERVICE_TIMEOUT_MS);
+    }
+    if (!backlogIsNext) {
+        const int result = serviceBesidesBacklog(host, event);
+        if (result != 0) {
+            backlogIsNext = true;
+            return result;
+        }
+    }
+    backlogIsNext = false;
+    return enet_host_check_events(&host, &event);
+}
+
 }  // namespace
 
 void limitMessages(ENetHost& host) {
@@ -21,13 +56,12 @@ void limitMessages(ENetHost& host) {
     host.maximumWaitingData = MAX_WAITING_BYTES;
 }
 
-int readNetworkDespiteBacklog(ENetHost& host) {
-    if (enet_list_empty(&host.dispatchQueue)) {
-        return 0;
+int nextEvent(ENetHost& host, ENetEvent& event) {
+    const int result = takeEvent(host, event);
+    if (!enet_list_empty(&host.dispatchQueue)) {
+        for (ENetPeer* peer = host.peers; peer < host.peers + host.peerCount; ++peer) {
+            dropOldestMessages(*peer);
+        }
     }
-    const int result = enet_host_service(&host, nullptr, 0);
-    for (ENetPeer* peer = host.peers; peer < host.peers + host.peerCount; ++peer) {
-        dropOldestMessages(*peer);
-    }
-    return std::min(result, 0);
+    return result;
 }

@@ -15,13 +15,14 @@
 #include "audio/Audio.h"
 #include "stream/capture_rate.h"
 #include "stream/client_table.h"
+#include "stream/datagram_guard.h"
 #include "stream/datagram_limit.h"
 #include "stream/enet_mtu.h"
 #include "stream/event_backlog.h"
 #include "stream/opus_bank.h"
+#include "stream/service_step.h"
+#include "stream/vanished_peer.h"
 #include "stream/wire_format.h"
-
-ENetHost* server = nullptr;
 
 namespace {
 
@@ -39,14 +40,10 @@ void showMessage(const char* text) {
     ExitProcess(-1);
 }
 
-/// Since it was last asked for. Written by whichever thread calls ENet.
-std::atomic<bool> memoryFailed{false};
-
 // ENet's own reaction to a failed allocation is abort(). Coming back makes the call fail instead,
 // and a lost packet is better than a lost server. Told once: it may happen for every packet.
 void onEnetOutOfMemory() {
     static std::atomic<bool> told{false};
-    memoryFailed.store(true, std::memory_order_relaxed);
     if (!told.exchange(true)) {
         consolePuts("Warning, not enough memory for network communication");
     }
@@ -126,6 +123,8 @@ void createHost() {
         consolePrintf("Warning, could not limit the length of datagrams, err = %d\n", errno);
     }
     limitMessages(*server);
+    guardDatagrams(*server);
+    enlargeSendBuffer(*server);
 }
 
 void openAudio() {
@@ -138,11 +137,6 @@ void openAudio() {
 }
 
 }  // namespace
-
-bool takeEnetMemoryFailure() {
-    return memoryFailed.load(std::memory_order_relaxed) &&
-           memoryFailed.exchange(false, std::memory_order_relaxed);
-}
 
 void enetHost(VelantrixServerNoGUI* core) {
     // A quit that was faster than this thread has already put the everlasting core here.

@@ -1,17 +1,8 @@
 #pragma once
 
-#include <enet/enet.h>
-
 class VelantrixServerNoGUI;
-
-/// The listening host; created once by enetHost, never destroyed. After the capture has started
-/// only the capture thread uses it.
-extern ENetHost* server;
 
 /// Body of the network thread: sets up the encoders, the client table and the ENet host, opens
 /// the capture, then sleeps for ever. Ends the process (status 255) when ENet or the host cannot
 /// be set up. `core` receives the reports; borrowed. Thread: network.
 [[noreturn]] void enetHost(VelantrixServerNoGUI* core);
-
-/// Whether ENet was refused memory since the last call. Thread: capture. Realtime-safe: yes.
-bool takeEnetMemoryFailure();

@@ -10,10 +10,10 @@
 #include "stream/capture_rate.h"
 #include "stream/client_table.h"
 #include "stream/enet_clock.h"
-#include "stream/network_host.h"
 #include "stream/opus_bank.h"
 #include "stream/queue_trim.h"
 #include "stream/service_step.h"
+#include "stream/vanished_peer.h"
 #include "stream/wire_format.h"
 
 std::uint32_t seqNum = 0;
@@ -68,6 +68,10 @@ void sendPayload(const ClientSlot& slot, const Pass& pass, const Payload& payloa
     wire::writeHeader(payload.data, header);
     if (pass.seq % QUEUE_CHECK_INTERVAL == 0) {
         trimOutgoingQueue(slot, pass.seq);
+    }
+    if (slot.reliable == 0 && seemsVanished(*slot.peer)) {
+        askVanished(*slot.peer);
+        return;
     }
     ENetPacket* const packet = enet_packet_create(
         payload.data, payload.length,

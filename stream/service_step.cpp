@@ -5,16 +5,11 @@
 #include "app/base/console.h"
 #include "stream/client_table.h"
 #include "stream/event_backlog.h"
-#include "stream/network_host.h"
 #include "stream/stuck_peers.h"
 
+ENetHost* server = nullptr;
+
 namespace {
-
-constexpr enet_uint32 SERVICE_TIMEOUT_MS = 1;
-
-void reportError() {
-    consolePuts("Error returned from service call");
-}
 
 /// False for an event of another type.
 bool handle(const ENetEvent& event) {
@@ -24,6 +19,7 @@ bool handle(const ENetEvent& event) {
             return true;
         case ENET_EVENT_TYPE_DISCONNECT:
             handleDisconnect(event);
+            unlinkFromDispatch(*server, *event.peer);
             return true;
         case ENET_EVENT_TYPE_RECEIVE:
             handleReceive(event);
@@ -33,44 +29,34 @@ bool handle(const ENetEvent& event) {
     }
 }
 
-/// After a lack of memory: gives back the peers that would wait for ever.
-void freeStuckPeers() {
-    while (ENetPeer* const peer = findStuckPeer(*server)) {
-        if (peer->state == ENET_PEER_STATE_DISCONNECTING) {
-            ENetEvent event = {};
-            event.type = ENET_EVENT_TYPE_DISCONNECT;
-            event.peer = peer;
-            handle(event);
-        }
-        enet_peer_reset(peer);
+/// Gives back a peer that ENet would keep for ever; one in each step.
+void freeStuckPeer() {
+    ENetPeer* const peer = findStuckPeer(*server);
+    if (peer == nullptr) {
+        return;
     }
+    if (peer->state >= ENET_PEER_STATE_CONNECTED) {
+        ENetEvent event = {};
+        event.type = ENET_EVENT_TYPE_DISCONNECT;
+        event.peer = peer;
+        handle(event);
+    }
+    enet_peer_reset(peer);
 }
 
 int serviceOnce() {
     ENetEvent event = {};
-    const int result = enet_host_service(server, &event, SERVICE_TIMEOUT_MS);
+    const int result = nextEvent(*server, event);
     if (result < 0) {
-        reportError();
-        return result;
+        consolePuts("Error returned from service call");
     }
-    if (result == 0) {
-        return 0;
-    }
-    const bool handled = handle(event);
-    const int backlogResult = readNetworkDespiteBacklog(*server);
-    if (backlogResult < 0) {
-        reportError();
-        return backlogResult;
-    }
-    return handled ? result : 0;
+    return result > 0 && !handle(event) ? 0 : result;
 }
 
 }  // namespace
 
 int serviceHost() {
     const int result = serviceOnce();
-    if (takeEnetMemoryFailure()) {
-        freeStuckPeers();
-    }
+    freeStuckPeer();
     return result;
 }

@@ -1,5 +1,7 @@
 #include "stream/stuck_peers.h"
 
+#include <algorithm>
+
 #include "stream/enet_unsent.h"
 
 namespace {
@@ -11,15 +13,48 @@ bool awaitsAnswer(ENetPeer& peer) {
     return found;
 }
 
+/// Whether nothing has been acknowledged for too long though there was something to acknowledge.
+bool isSilent(ENetPeer& peer) {
+    enet_uint32 since = peer.earliestTimeout;  // Of what has had to be sent again.
+    if (since == 0) {
+        if (enet_list_empty(&peer.sentReliableCommands)) {
+            return false;
+        }
+        since = static_cast<ENetOutgoingCommand*>(enet_list_front(&peer.sentReliableCommands))
+                    ->sentTime;
+    }
+    return peer.host->serviceTime - since >= LONGEST_SILENCE_MS;
+}
+
+bool isStuck(ENetPeer& peer) {
+    switch (peer.state) {
+        case ENET_PEER_STATE_DISCONNECTED:
+        case ENET_PEER_STATE_ZOMBIE:
+            return false;
+        case ENET_PEER_STATE_ACKNOWLEDGING_CONNECT:
+        case ENET_PEER_STATE_DISCONNECTING:
+            return !awaitsAnswer(peer) || isSilent(peer);
+        case ENET_PEER_STATE_ACKNOWLEDGING_DISCONNECT:
+            return enet_list_empty(&peer.acknowledgements);
+        default:
+            return isSilent(peer);
+    }
+}
+
 }  // namespace
 
 ENetPeer* findStuckPeer(ENetHost& host) {
-    for (ENetPeer* peer = host.peers; peer < host.peers + host.peerCount; ++peer) {
-        const bool mustBeAnswered = peer->state == ENET_PEER_STATE_ACKNOWLEDGING_CONNECT ||
-                                    peer->state == ENET_PEER_STATE_DISCONNECTING;
-        if (mustBeAnswered && !awaitsAnswer(*peer)) {
-            return peer;
+    ENetPeer* const end = host.peers + host.peerCount;
+    ENetPeer* const found = std::find_if(host.peers, end, isStuck);
+    return found != end ? found : nullptr;
+}
+
+void unlinkFromDispatch(ENetHost& host, const ENetPeer& peer) {
+    for (ENetListIterator node = enet_list_begin(&host.dispatchQueue);
+         node != enet_list_end(&host.dispatchQueue); node = enet_list_next(node)) {
+        if (node == &peer.dispatchList) {
+            enet_list_remove(node);
+            return;
         }
     }
-    return nullptr;
 }

@@ -1,4 +1,4 @@
-# Bare Debian 12 trees to try things in. Sourced by bash, after lib.sh.
+# Bare Debian trees to try things in. Sourced by bash, after lib.sh.
 #
 # What runs in a tree runs in namespaces of its own: it ends with the command that started it, and
 # nothing of this machine is changed. Variable that the user may set:
@@ -6,6 +6,20 @@
 #   VELANTRIX_KEEP_TREE=1     do not delete the tree at the end
 
 debian_mirror=${VELANTRIX_DEBIAN_MIRROR:-http://deb.debian.org/debian}
+
+# The releases of Debian that everything is tried on, and what the scripts call by other names there.
+declare -A release_numbers=([bookworm]=12 [trixie]=13)
+declare -A release_libcurl=([bookworm]=libcurl4 [trixie]=libcurl4t64)
+
+# choose_releases [RELEASE...]: sets the array `releases`: these, or all.
+choose_releases() {
+    releases=("$@")
+    [ $# -gt 0 ] || releases=(bookworm trixie)
+    local name
+    for name in "${releases[@]}"; do
+        [ -n "${release_numbers[$name]:-}" ] || fail "the release is bookworm or trixie, not '$name'"
+    done
+}
 
 # need_root "$@": starts the script again through sudo unless it runs as root.
 need_root() {
@@ -33,14 +47,14 @@ leave_tree() {
     fi
 }
 
-# tree_create FOLDER: a minimal Debian 12. A copy of the bare tree is kept for the next time in
-# /var/cache/velantrix-trees (delete it when you like).
+# tree_create FOLDER RELEASE: a minimal Debian with an ordinary user, 1000. A copy of the bare tree is
+# kept for the next time in /var/cache/velantrix-trees (delete it when you like).
 tree_create() {
-    local cache=/var/cache/velantrix-trees/bookworm-$(dpkg --print-architecture)
+    local cache=/var/cache/velantrix-trees/$2-$(dpkg --print-architecture)
     if [ ! -e "$cache/complete" ]; then
         rm -rf "$cache"
         mkdir -p "$cache"
-        debootstrap --variant=minbase bookworm "$cache/tree" "$debian_mirror" \
+        debootstrap --variant=minbase "$2" "$cache/tree" "$debian_mirror" \
             >"$cache/debootstrap.log" 2>&1 || {
             tail -n 20 "$cache/debootstrap.log" >&2
             fail "no Debian tree could be made; debootstrap's words are above"
@@ -50,28 +64,64 @@ tree_create() {
     cp -a "$cache/tree/." "$1/"
     cp /etc/resolv.conf "$1/etc/resolv.conf"
     # Every installed Debian has this file, the bare tree does not.
-    printf '127.0.0.1\tlocalhost\n' >"$1/etc/hosts"
+    printf '127.0.0.1\tlocalhost %s\n' "$(hostname)" >"$1/etc/hosts"
     # Nothing in the tree has to survive a power cut.
     echo force-unsafe-io >"$1/etc/dpkg/dpkg.cfg.d/unsafe-io"
     # No package starts a service in the tree.
     printf '#!/bin/sh\nexit 101\n' >"$1/usr/sbin/policy-rc.d"
     chmod +x "$1/usr/sbin/policy-rc.d"
+    tree_root "$1" useradd --uid 1000 --create-home --shell /bin/sh user
     tree_root "$1" apt-get -qq update
 }
 
-# tree_enter: what both ways into a tree do inside the new namespaces.
-tree_enter='mount -t proc proc "$1/proc"
-    mount --rbind /dev "$1/dev"
-    mount -t tmpfs tmpfs "$1/run"
-    install -d -m 700 -o 1000 -g 1000 "$1/run/sound"'
+# Before a command in a tree: its environment, and its user.
+root_words=(
+    env -i PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin LC_ALL=C.UTF-8
+    HOME=/root DEBIAN_FRONTEND=noninteractive TERM=dumb
+)
+user_words=(
+    chroot --userspec=1000:1000 / env -i PATH=/usr/local/bin:/usr/bin:/bin LC_ALL=C.UTF-8
+    HOME=/home/user USER=user TERM=dumb XDG_RUNTIME_DIR=/run/sound
+)
+
+# tree_inside OPTIONS FOLDER COMMAND...: with the tree as its root, in new namespaces, among them
+# those of unshare's OPTIONS. A network of its own has the loopback interface only, multicast
+# included. Not through chroot alone: in that, an ordinary user could make no namespaces.
+tree_inside() {
+    local options=$1
+    shift
+    unshare --mount --pid --fork --kill-child $options sh -e -c '
+        case $0 in *--net*)
+            ip link set lo up
+            ip route add 231.232.233.235/32 dev lo ;;
+        esac
+        mount --bind "$1" "$1"
+        cd "$1"
+        shift
+        mount -t proc proc proc
+        mount -t sysfs sysfs sys
+        mount --rbind /dev dev
+        mount -t tmpfs -o mode=1777 tmpfs dev/shm
+        mount -t tmpfs tmpfs run
+        install -d -m 700 -o 1000 -g 1000 run/sound
+        pivot_root . mnt
+        cd /
+        umount -l mnt
+        exec "$@"' "$options" "$@"
+}
 
 # tree_root FOLDER COMMAND...: as root, with this machine's network (for apt).
 tree_root() {
-    unshare --mount --pid --fork --kill-child sh -e -c "$tree_enter"'
-        tree=$1; shift
-        exec chroot "$tree" /usr/bin/env -i \
-            PATH=/usr/local/sbin:/usr/local/bin:/usr/sbin:/usr/bin:/sbin:/bin \
-            LC_ALL=C.UTF-8 HOME=/root DEBIAN_FRONTEND=noninteractive TERM=dumb "$@"' sh "$@"
+    local where=$1
+    shift
+    tree_inside "" "$where" "${root_words[@]}" "$@"
+}
+
+# tree_user FOLDER COMMAND...: as the tree's user, in a network of its own.
+tree_user() {
+    local where=$1
+    shift
+    tree_inside --net "$where" "${user_words[@]}" PULSE_SERVER=unix:/run/sound/native "$@"
 }
 
 # tree_install FOLDER PACKAGE...: apt-get install with little output.
@@ -85,29 +135,49 @@ tree_install() {
     rm -f "$where/install.log"
 }
 
-# tree_user FOLDER COMMAND...: as the tree's user 1000, in a network of its own that has the
-# loopback interface only, multicast included.
-tree_user() {
-    unshare --mount --pid --net --fork --kill-child sh -e -c "$tree_enter"'
-        ip link set lo up
-        ip route add 231.232.233.235/32 dev lo
-        tree=$1; shift
-        exec chroot --userspec=1000:1000 "$tree" /usr/bin/env -i \
-            PATH=/usr/local/bin:/usr/bin:/bin LC_ALL=C.UTF-8 HOME=/home/user TERM=dumb \
-            XDG_RUNTIME_DIR=/run/sound PULSE_SERVER=unix:/run/sound/native "$@"' sh "$@"
+# tree_sources FOLDER PATH: our sources, at that path in the tree.
+tree_sources() {
+    mkdir "$1$2"
+    (cd "$repo" && git ls-files -z --cached --others --exclude-standard |
+        xargs -0 cp --parents -t "$1$2")
 }
 
-# tree_add_user FOLDER: the user that tree_user becomes.
-tree_add_user() {
-    tree_root "$1" useradd --uid 1000 --create-home --shell /bin/sh user
+# tree_newcomer FOLDER RELEASE: a Debian whose user has our sources in ~/velantrix, and sudo.
+tree_newcomer() {
+    tree_create "$1" "$2"
+    tree_install "$1" --no-install-recommends sudo
+    echo 'user ALL=(ALL) NOPASSWD: ALL' >"$1/etc/sudoers.d/user"
+    tree_sources "$1" /home/user/velantrix
+    chown -R 1000:1000 "$1/home/user/velantrix"
 }
 
-# tree_install_built FOLDER OPTION...: installs the built packages, as apt does it for a file.
-tree_install_built() {
+# tree_login FOLDER COMMAND...: as that user in the sources, with this machine's network.
+tree_login() {
     local where=$1
     shift
-    mkdir -p "$where/home/packages"
-    cp "$repo"/build-package/packages/*.deb "$where/home/packages"
-    tree_install "$where" "$@" $(cd "$where" && printf '/%s ' home/packages/*.deb)
-    rm -r "$where/home/packages"
+    tree_inside "" "$where" "${user_words[@]}" JOBS="$jobs" env -C /home/user/velantrix "$@"
+}
+
+# build_packages RELEASE: builds the packages in a tree of that release, and leaves them in
+# build-package/RELEASE.
+build_packages() {
+    local built=$repo/build-package/$1
+    say "== The packages for Debian ${release_numbers[$1]}"
+    new_tree
+    tree_newcomer "$tree" "$1"
+    tree_login "$tree" scripts/package >"$tree/package.log" 2>&1 || {
+        tail -n 30 "$tree/package.log" >&2
+        fail "the packages could not be built in the tree; the script's words are above"
+    }
+    rm -rf "$built"
+    mkdir -p "$built"
+    cp "$tree"/home/user/velantrix/build-package/packages/*.deb "$built"
+    leave_tree
+}
+
+# tree_packages FOLDER RELEASE: puts the built packages into the tree; prints their names for apt.
+tree_packages() {
+    mkdir -p "$1/home/packages"
+    cp "$repo/build-package/$2"/*.deb "$1/home/packages"
+    (cd "$1" && printf '/%s ' home/packages/*.deb)
 }

@@ -2,17 +2,19 @@
 // row of packets at any time. An input is a row of packets, each with three bytes before it: the
 // milliseconds since the last packet, and twice a part of its length (see lengthOf).
 
-#include "listen/audio_packet.h"
+#include "listen/network/audio_packet.h"
 
+#include <algorithm>
 #include <cmath>
 #include <memory>
 
-#include "listen/delay_target.h"
-#include "listen/drift_control.h"
-#include "listen/pcm_sink.h"
-#include "listen/playout.h"
-#include "listen/sequence_tracker.h"
-#include "listen/timeline.h"
+#include "listen/audio/stream_decoder.h"
+#include "listen/network/sequence_tracker.h"
+#include "listen/playout/delay_target.h"
+#include "listen/playout/drift_control.h"
+#include "listen/playout/playout.h"
+#include "listen/sinks/pcm_sink.h"
+#include "listen/sinks/timeline.h"
 #include "tests/fuzz/fuzz_input.h"
 
 namespace {
@@ -38,9 +40,6 @@ class CheckingSink : public vxlisten::PcmSink {
         return vxlisten::SinkState::Open;
     }
 
-    vxlisten::SinkState finish() override { return vxlisten::SinkState::Open; }
-    [[nodiscard]] std::string error() const override { return {}; }
-
   private:
     bool seen = false;
 };
@@ -48,8 +47,8 @@ class CheckingSink : public vxlisten::PcmSink {
 /// The output device: asks for sound at its own pace.
 class Device {
   public:
-    void push(const vxlisten::AudioPacket& packet, std::uint32_t stream, std::int64_t now) {
-        playout_->push(packet, stream, now);
+    void push(const vxlisten::DecodedBlock& block, std::int64_t now) {
+        playout_->queue().push(block, now);
     }
 
     /// Lets the time pass until `now`.
@@ -105,10 +104,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     FuzzInput input(data, size);
     CheckingSink sink;
     vxlisten::SequenceTracker tracker;
+    vxlisten::StreamDecoder decoder;
     vxlisten::Timeline timeline;
     timeline.addSink(&sink);
     Device device;
-    std::uint32_t stream = 0;
     std::int64_t now = 0;
     while (!input.empty()) {
         now += TIME_UNIT_US * input.byte();
@@ -119,9 +118,10 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
         if (packet) {
             checkPacket(*packet, bytes.size());
             const vxlisten::SequenceStep step = tracker.observe(*packet);
-            stream += step.arrival == vxlisten::Arrival::Start ? 1 : 0;
-            device.push(*packet, stream, now);
-            timeline.take(*packet, step, now);
+            const vxlisten::DecodedBlock sound = decoder.decode(
+                *packet, step,
+                [&](const vxlisten::DecodedBlock& block) { device.push(block, now); });
+            timeline.take(*packet, step, sound, now);
         }
         const bool deviceStands = high >= 0x80;
         if (deviceStands) {

@@ -8,7 +8,7 @@
 #include <optional>
 #include <vector>
 
-#include "app/command_line.h"
+#include "app/base/command_line.h"
 #include "audio/Audio.h"
 #include "discovery/query.h"
 #include "stream/send_path.h"

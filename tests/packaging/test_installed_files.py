@@ -117,7 +117,7 @@ class InstalledFiles(unittest.TestCase):
             self.assertIn(command, readme)
 
     def test_server_manual_and_completions_name_every_option(self):
-        scan = (SOURCE / "app/command_line.cpp").read_text()
+        scan = (SOURCE / "app/base/command_line.cpp").read_text()
         options = set(re.findall(r'"(-[a-z]+)"', scan))
         self.assertEqual(options, set(SERVER_OPTIONS))
         for text in (self.manual("VelantrixServer"),):
@@ -154,7 +154,7 @@ class InstalledFiles(unittest.TestCase):
         self.assertEqual(documented - options, set(), "documented, but not there")
 
     def test_listening_client_manual_explains_every_member_of_the_statistics(self):
-        members = re.findall(r'[.]add\("(\w+)"', (SOURCE / "listen/statistics.cpp").read_text())
+        members = re.findall(r'[.]add\("(\w+)"', (SOURCE / "listen/console/statistics.cpp").read_text())
         self.assertIn("packets", members)
         explained = set(re.findall(r"\w+", "\n".join(
             re.findall(r"^\.It Va (.*)$", self.manual("velantrix-listen"), re.MULTILINE))))

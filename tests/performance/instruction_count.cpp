@@ -7,8 +7,8 @@
 #include <cstring>
 #include <vector>
 
-#include "stream/network_host.h"
 #include "stream/send_path.h"
+#include "stream/service_step.h"
 #include "stream/wire_format.h"
 #include "tests/support/bench_clients.h"
 #include "tests/support/bench_server.h"

@@ -9,7 +9,7 @@
 #include <enet/enet.h>
 
 #include "stream/client_table.h"
-#include "stream/network_host.h"
+#include "stream/service_step.h"
 
 namespace {
 

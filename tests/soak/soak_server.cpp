@@ -9,9 +9,9 @@
 
 #include <QCoreApplication>
 
+#include "app/base/command_line.h"
 #include "app/base/console.h"
 #include "app/base/main_loop.h"
-#include "app/command_line.h"
 #include "stream/client_table.h"
 #include "stream/send_path.h"
 #include "tests/soak/checking_core.h"

@@ -10,7 +10,6 @@
 #include "app/base/core_pin.h"
 #include "stream/client_table.h"
 #include "stream/enet_mtu.h"
-#include "stream/network_host.h"
 #include "stream/opus_bank.h"
 #include "stream/service_step.h"
 

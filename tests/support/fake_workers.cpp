@@ -12,8 +12,6 @@
 #include "stream/network_host.h"
 #include "update/WebIf.h"
 
-ENetHost* server = nullptr;
-
 namespace {
 
 std::mutex mutex;

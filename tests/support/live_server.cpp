@@ -9,8 +9,9 @@
 #include "app/base/core_pin.h"
 #include "stream/capture_rate.h"
 #include "stream/client_table.h"
+#include "stream/datagram_guard.h"
 #include "stream/enet_mtu.h"
-#include "stream/network_host.h"
+#include "stream/event_backlog.h"
 #include "stream/opus_bank.h"
 #include "stream/send_path.h"
 #include "stream/service_step.h"
@@ -60,6 +61,8 @@ void LiveServer::SetUp() {
     server = enet_host_create(&address, SERVER_PEERS, CHANNELS, 0, 0);
     ASSERT_NE(server, nullptr) << "port " << address.port << " is taken";
     raiseHostMtu(*server);
+    limitMessages(*server);
+    guardDatagrams(*server);
     clientConn.fill(ClientSlot{});
     connectCount = 0;
     seqNum = 0;

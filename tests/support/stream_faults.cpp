@@ -10,6 +10,8 @@ extern "C" {
 int __real_enet_initialize_with_callbacks(ENetVersion, const ENetCallbacks*);
 ENetHost* __real_enet_host_create(const ENetAddress*, size_t, size_t, enet_uint32, enet_uint32);
 int __real_enet_host_service(ENetHost*, ENetEvent*, enet_uint32);
+int __real_enet_host_check_events(ENetHost*, ENetEvent*);
+ENetPacket* __real_enet_peer_receive(ENetPeer*, enet_uint8*);
 void __real_enet_host_flush(ENetHost*);
 ENetPacket* __real_enet_packet_create(const void*, size_t, enet_uint32);
 void __real_enet_packet_destroy(ENetPacket*);
@@ -52,6 +54,16 @@ int __wrap_enet_host_service(ENetHost* host, ENetEvent* event, enet_uint32 timeo
     const int error =
         noteCall(Call::EnetHostService, "enet_host_service", {static_cast<int>(timeout)});
     return error != 0 ? error : __real_enet_host_service(host, event, timeout);
+}
+
+int __wrap_enet_host_check_events(ENetHost* host, ENetEvent* event) {
+    const DivertedCall diverted;
+    return __real_enet_host_check_events(host, event);
+}
+
+ENetPacket* __wrap_enet_peer_receive(ENetPeer* peer, enet_uint8* channel) {
+    const DivertedCall diverted;
+    return __real_enet_peer_receive(peer, channel);
 }
 
 void __wrap_enet_host_flush(ENetHost* host) {

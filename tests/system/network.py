@@ -1,6 +1,7 @@
 """Private networks for the system tests, so that no packet of theirs leaves the machine."""
 
 import os
+import pathlib
 import shutil
 import signal
 import socket
@@ -127,6 +128,25 @@ class OtherNetwork:
     def command(self):
         """The words to put before a command that is to run in the other network."""
         return ["nsenter", "-t", str(self.holder.pid), "-n", "--"]
+
+    def add_neighbours(self, count):
+        """Gives the other side so many more addresses; returns those of this side that each of them
+        reaches, a net for each. This side's kernel forgets a neighbour that does not answer within 3 s
+        instead of up to a minute."""
+        settings = pathlib.Path("/proc/sys/net/ipv4/neigh/vxhere")
+        for name, value in (("base_reachable_time_ms", 500), ("delay_first_probe_time", 1),
+                            ("ucast_solicit", 1)):
+            (settings / name).write_text(str(value), encoding="ascii")
+        for net in range(1, count + 1):
+            ip("addr", "add", f"10.77.{net}.1/24", "dev", "vxhere")
+            ip("addr", "add", f"10.77.{net}.2/24", "dev", "vxthere", there=self)
+        return [f"10.77.{net}.1" for net in range(1, count + 1)]
+
+    def vanish(self):
+        """Takes all addresses from the other side, as if it had left a wireless network: the cable
+        stays, but nobody answers for them any more. Once forgotten, what is sent there waits until the
+        kernel has asked for them in vain for 3 s."""
+        ip("addr", "flush", "dev", "vxthere", there=self)
 
     def receive_on_cable(self):
         """Joins this side's multicast to the cable instead of the loopback interface."""

@@ -10,7 +10,7 @@ from harness import (THERE_ADDRESS, HERE_ADDRESS, OtherNetwork, Server, SoundSer
                      main, wait_until)
 from probe import (DISCONNECT_REPLACED, FALLBACK_BYTES, FLAG_RELIABLE, MSGID_DATA, MSGID_FASTER,
                    MSGID_SLOWER, RAW_PACKET_BYTES, Probe, control_message, data_request,
-                   sequence_gaps)
+                   sequence_gaps, wait_packets_of_all)
 from streaming import StreamingTest
 
 CAPACITY = 10
@@ -263,6 +263,13 @@ class BadMessages(ClientTest):
                     self.send_and_wait(self.client, message, "Got Data request")
         self.client.wait_packets(10)
 
+    def test_message_of_a_megabyte_is_cut_like_any_other(self):
+        message = data_request(1, name="n" * (1 << 20))
+        line = self.send_and_wait(self.client, message, "Got Data request")
+        self.assertEqual(self.wait_following(line, 2)[1],
+                         "Sending compressed audio data to client 1 at rate code 1")
+        self.send_and_wait(self.client, data_request(2), "Got Data request")
+
     def test_unknown_ids_are_named(self):
         self.send_and_wait(self.client, control_message(4), "Got unrecognized message ID 4")
         self.send_and_wait(self.client, control_message(0xFFFFFFFF),
@@ -309,6 +316,33 @@ class AcrossACable(SystemTest):
             self.assertEqual({p.length for p in packets}, {FALLBACK_BYTES})
             server.out.wait_for(re.compile(
                 rf"^A new client connected from {re.escape(THERE_ADDRESS)}:\d+ \(prot ver 1\)$"))
+            self.assert_ends_cleanly(server)
+
+    def test_three_that_leave_the_network_silence_nobody(self):
+        """What waits for their addresses must not fill the server's one socket."""
+        elsewhere = self.folder / "elsewhere"
+        elsewhere.mkdir()
+        with OtherNetwork() as other, SoundServer() as sound, \
+                Server(sound=sound, rate=48000) as server, Probe(self.folder) as here, \
+                Probe(elsewhere, prefix=other.command()) as there:
+            server.wait_for_capture()
+            good = []
+            for rate_code, reliable in ((0, False), (3, False), (0, True)):
+                good.append(here.connect())
+                good[-1].refuse_thinning()
+                good[-1].request(rate_code, reliable)
+                good[-1].wait_packets(20)
+            leaving = [there.connect(host=host) for host in other.add_neighbours(3)]
+            for client in leaving:
+                client.request(0, reliable=False)
+            wait_packets_of_all(leaving, 20)
+            start = server.out.count()
+            other.vanish()
+            for net in (1, 2, 3):
+                server.out.wait_for(re.compile(rf"^Client 10\.77\.{net}\.2:\d+ disconnected$"), start,
+                                    timeout=90)
+            for client, packets in zip(good, wait_packets_of_all(good, 50)):
+                self.assertEqual(sequence_gaps(packets), 0, client.name)
             self.assert_ends_cleanly(server)
 
 

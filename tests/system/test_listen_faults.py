@@ -7,7 +7,7 @@ import subprocess
 import time
 
 from harness import (DEFAULT_PORT, HERE_ADDRESS, PATIENCE, THERE_ADDRESS, OtherNetwork, Process,
-                     Server, SoundServer, SystemTest, clean_environment, die_with_parent,
+                     Server, SoundServer, SystemTest, clean_environment, die_with_parent, fake,
                      listen_command, main, program, wait_until)
 from network import ip
 from signals import channel, read_wav, rms, sine
@@ -136,11 +136,11 @@ class MovedServer(FaultTest):
     def test_a_named_server_is_looked_up_anew(self):
         hosts = self.folder / "hosts"
         hosts.write_text("127.0.0.2 vxserver\n", encoding="ascii")
-        own_hosts = ["unshare", "-m", "--", "sh", "-c",
-                     'mount --bind "$0" /etc/hosts && exec "$@"', str(hosts)]
         with Server("-b", "127.0.0.2", sound=self.sound, rate=48000) as server:
             server.wait_for_capture()
-            client = self.start_client(own_hosts + listen_command("--no-play", host="vxserver"))
+            client = self.start_client(
+                listen_command("--no-play", host="vxserver"),
+                {"LD_PRELOAD": fake("preload_hosts.so"), "VELANTRIX_HOSTS": str(hosts)})
             client.out.wait_for(re.compile("^connected 127.0.0.2:.* Hz"))
         hosts.write_text("127.0.0.3 vxserver\n", encoding="ascii")
         self.start_server("-b", "127.0.0.3")

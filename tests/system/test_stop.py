@@ -44,6 +44,14 @@ class Signals(SystemTest):
                     self.assert_ends_in_time(server)
 
 
+class WithoutDisplay(SystemTest):
+    def test_fonts_are_not_read_at_the_end(self):
+        with Server(env={"FONTCONFIG_FILE": str(self.folder / "missing")}) as server:
+            server.out.wait_for(BANNER)
+            self.assert_ends_cleanly(server)
+            self.assertFalse([line for line in server.err.all() if "Fontconfig" in line])
+
+
 class HangingClose(SystemTest):
     def start(self, sound):
         return Server(sound=sound, preload=fake("preload_faults.so"), env=CLOSE_HANGS)

@@ -8,9 +8,9 @@ import subprocess
 
 NEVER_MADE_TO_FAIL = {
     "they cannot fail, or only for arguments that are wrong":
-        "abort _exit exit raise alarm getpid gettid getenv clock_gettime gettimeofday time signal "
-        "sigaction setvbuf strcmp strlen strncpy strtol memchr memcmp memcpy memmove memset inet_pton "
-        "pthread_mutex_lock pthread_mutex_unlock sem_init sem_post",
+        "abort __assert_fail _exit exit raise alarm getpid gettid getenv clock_gettime gettimeofday "
+        "time signal sigaction setvbuf strcmp strlen strncpy strtol memchr memcmp memcpy memmove memset "
+        "inet_pton pthread_mutex_lock pthread_mutex_unlock sem_init sem_post",
     "on Linux they cannot fail for a thread that exists and is not joined twice":
         "pthread_attr_init pthread_attr_setdetachstate pthread_attr_destroy pthread_detach "
         "pthread_join",
@@ -55,8 +55,9 @@ def symbols(path, which):
 
 
 def imports(path):
-    """What of other libraries `path` calls; the checked variants by their ordinary names."""
-    return {re.sub(r"^__(\w+)_chk$", r"\1", name)
+    """What of other libraries `path` calls; variants that check, or read numbers as C23 writes
+    them, by their ordinary names."""
+    return {re.sub(r"^__(?:(\w+)_chk|isoc23_(\w+))$", r"\1\2", name)
             for name in symbols(path, "--undefined-only") if not re.match(RUNTIME, name)}
 
 

@@ -10,8 +10,8 @@
 #include <gtest/gtest.h>
 
 #include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/command_line.h"
 #include "app/base/console.h"
-#include "app/command_line.h"
 #include "tests/support/net_namespace.h"
 #include "tests/support/transcript.h"
 

@@ -1,4 +1,4 @@
-#include "app/command_line.h"
+#include "app/base/command_line.h"
 
 #include <initializer_list>
 #include <string>

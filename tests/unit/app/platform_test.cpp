@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "app/command_line.h"
+#include "app/base/command_line.h"
 #include "tests/support/child_run.h"
 
 namespace {

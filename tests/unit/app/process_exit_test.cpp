@@ -12,9 +12,9 @@
 #include <gtest/gtest.h>
 
 #include "app/base/Thread.h"
+#include "app/base/command_line.h"
 #include "app/base/console.h"
 #include "app/base/main_loop.h"
-#include "app/command_line.h"
 #include "tests/support/child_run.h"
 #include "tests/support/held_line.h"
 

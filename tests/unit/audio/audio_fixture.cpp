@@ -2,7 +2,7 @@
 
 #include <cstring>
 
-#include "app/command_line.h"
+#include "app/base/command_line.h"
 #include "stream/send_path.h"
 
 std::vector<HandOver>& handOvers() {

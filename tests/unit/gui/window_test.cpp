@@ -6,7 +6,7 @@
 #include <QLineEdit>
 #include <QTimer>
 
-#include "app/command_line.h"
+#include "app/base/command_line.h"
 #include "gui/VelantrixServer.h"
 #include "gui_test.h"
 #include "stream/capture_rate.h"

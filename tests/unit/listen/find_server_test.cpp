@@ -11,6 +11,7 @@
 
 #include "stream/wire_format.h"
 #include "tests/support/net_namespace.h"
+#include "tests/unit/listen/loopback_test.h"
 #include "tests/unit/listen/udp_responder.h"
 
 namespace {
@@ -47,64 +48,48 @@ class Servers {
     std::optional<UdpResponder> listening_;
 };
 
-class FindServer : public testing::Test {
+class FindServer : public LoopbackTest {
   protected:
-    FindServer() {
-        ip("link set lo up");
-        ip("route add 231.232.233.235/32 dev lo");
-    }
-
-    const NetNamespace network_;
-    vxlisten::Options options_;
+    vxlisten::ServerChoice choice_;
 };
 
 TEST_F(FindServer, AServerAtAPortOfTheUsersChoiceIsFoundAtTheOneAboveIt) {
     const Servers server({"127.0.0.2"}, 7001);
-    options_.port = 7000;
-    options_.portChosen = true;
-    ASSERT_TRUE(vxlisten::findServer(options_));
-    EXPECT_EQ(options_.host, "127.0.0.2");
-    EXPECT_TRUE(options_.found);
+    choice_.port = 7000;
+    choice_.portChosen = true;
+    vxlisten::findServer(choice_);
+    EXPECT_EQ(choice_.host, "127.0.0.2");
+    EXPECT_TRUE(choice_.found);
 }
 
 TEST_F(FindServer, AServerAtTheUsualPortIsFoundAlthoughTheUserNamedAnother) {
     const Servers server({"127.0.0.2"}, wire::DEFAULT_DISCOVERY_PORT);
-    options_.port = 65535;
-    options_.portChosen = true;
-    ASSERT_TRUE(vxlisten::findServer(options_));
-    EXPECT_EQ(options_.host, "127.0.0.2");
+    choice_.port = 65535;
+    choice_.portChosen = true;
+    vxlisten::findServer(choice_);
+    EXPECT_EQ(choice_.host, "127.0.0.2");
 }
 
 TEST_F(FindServer, OfSeveralServersTheFirstIsTakenAndAllAreTold) {
     const Servers servers({"127.0.0.2", "127.0.0.3"}, wire::DEFAULT_DISCOVERY_PORT);
-    testing::internal::CaptureStderr();
-    const bool found = vxlisten::findServer(options_);
-    const std::string told = testing::internal::GetCapturedStderr();
-    ASSERT_TRUE(found);
-    ASSERT_EQ(options_.others.size(), 1U) << told;
-    EXPECT_NE(options_.others[0], options_.host);
-    EXPECT_EQ(told.find("velantrix-listen: several servers have answered, taking the first\n" +
-                        options_.host + "\t"),
-              0U)
-        << told;
-    EXPECT_NE(told.find("\n" + options_.others[0] + "\t"), std::string::npos) << told;
+    const vxlisten::DiscoveryResult result = vxlisten::findServer(choice_);
+    ASSERT_EQ(result.servers.size(), 2U);
+    EXPECT_EQ(choice_.host, result.servers[0].address);
+    EXPECT_EQ(choice_.others, std::vector<std::string>{result.servers[1].address});
 }
 
 TEST_F(FindServer, AServerThatWasThereFromTheStartIsNoNewPlaceOfALostOne) {
     const Servers servers({"127.0.0.3", "127.0.0.4"}, wire::DEFAULT_DISCOVERY_PORT);
-    options_.found = true;
-    options_.others = {"127.0.0.3"};
-    EXPECT_EQ(vxlisten::locateAgain(options_, "127.0.0.2"), "127.0.0.4");
+    choice_.found = true;
+    choice_.others = {"127.0.0.3"};
+    EXPECT_EQ(vxlisten::locateAgain(choice_, "127.0.0.2"), "127.0.0.4");
 }
 
 TEST(FindServerAlone, WithoutANetworkToAskInThatIsTold) {
     const NetNamespace nothing;
-    vxlisten::Options options;
-    testing::internal::CaptureStderr();
-    const bool found = vxlisten::findServer(options);
-    EXPECT_EQ(testing::internal::GetCapturedStderr(),
-              "velantrix-listen: cannot look for servers: Network is unreachable\n");
-    EXPECT_FALSE(found);
+    vxlisten::ServerChoice choice;
+    EXPECT_EQ(vxlisten::findServer(choice).error, "Network is unreachable");
+    EXPECT_FALSE(choice.found);
 }
 
 }  // namespace

@@ -20,13 +20,6 @@ UdpResponder::~UdpResponder() {
     close(socket_);
 }
 
-std::uint16_t UdpResponder::port() const {
-    sockaddr_in address = {};
-    socklen_t length = sizeof address;
-    EXPECT_EQ(getsockname(socket_, reinterpret_cast<sockaddr*>(&address), &length), 0);
-    return ntohs(address.sin_port);
-}
-
 void UdpResponder::join(const char* group) {
     ip_mreq membership = {};
     inet_pton(AF_INET, group, &membership.imr_multiaddr);
@@ -50,6 +43,13 @@ void UdpResponder::run() {
             handler_(socket_, std::string(text, static_cast<std::size_t>(count)), sender);
         }
     }
+}
+
+std::uint16_t portOf(int handle) {
+    sockaddr_in address = {};
+    socklen_t length = sizeof address;
+    EXPECT_EQ(getsockname(handle, reinterpret_cast<sockaddr*>(&address), &length), 0);
+    return ntohs(address.sin_port);
 }
 
 int boundSocket(const char* address, std::uint16_t port) {

@@ -7,6 +7,9 @@
 #include <string>
 #include <thread>
 
+/// The local port of a socket.
+std::uint16_t portOf(int handle);
+
 /// An IPv4 UDP socket whose datagrams a thread of its own hands to a function of the test's.
 class UdpResponder {
   public:
@@ -19,7 +22,7 @@ class UdpResponder {
     UdpResponder(const UdpResponder&) = delete;
     UdpResponder& operator=(const UdpResponder&) = delete;
 
-    std::uint16_t port() const;
+    std::uint16_t port() const { return portOf(socket_); }
     /// Hears what is sent to a multicast group on the loopback interface as well.
     void join(const char* group);
 

@@ -7,8 +7,8 @@
 #include "audio/Audio.h"
 #include "stream/capture_rate.h"
 #include "stream/client_table.h"
-#include "stream/network_host.h"
 #include "stream/send_path.h"
+#include "stream/service_step.h"
 #include "tests/support/callback_watch.h"
 #include "tests/support/fake_portaudio.h"
 #include "tests/support/live_server.h"
@@ -36,16 +36,19 @@ class CallbackTripwire : public LiveServer {
         ASSERT_TRUE(consoleRuns);
         static auto* const headless = new VelantrixServerNoGUI;
         mainDialog.store(headless);
-        resetFakePortAudio();
-        ASSERT_EQ(Audio::Open(0, vxOptionAltRate), 0);
+        static const int opened = [] {
+            resetFakePortAudio();
+            return Audio::Open(0, vxOptionAltRate);
+        }();
+        ASSERT_EQ(opened, 0);
         samples.resize(10 * BLOCK * 2);
         for (std::size_t i = 0; i < samples.size(); ++i) {
             samples[i] = static_cast<std::int16_t>(i * 37);
         }
         CallbackWatch::reset();
     }
+    static void TearDownTestSuite() { EXPECT_EQ(Audio::Close(), 0); }
     void TearDown() override {
-        EXPECT_EQ(Audio::Close(), 0);
         consoleDrain(DRAIN_MS);
         LiveServer::TearDown();
     }

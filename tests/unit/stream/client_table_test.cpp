@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <ctime>
 
-#include "stream/network_host.h"
 #include "stream/service_step.h"
 #include "tests/support/call_faults.h"
 #include "tests/support/live_server.h"
@@ -233,30 +232,37 @@ TEST_F(ClientTable, DuplicateSlotsOfOneAddressAllObeyItsDataRequest) {
     EXPECT_EQ(core().statusReports.size(), 4U) << "two connects and a request for two slots";
 }
 
-TEST_F(ClientTable, DisconnectOfADuplicateLeavesNoSlotWithTheFreedPeer) {
-    const std::uint16_t port = connect(COMPANY | 1).port();
-    vanish(*clients[0]);
-    TestClient& again = connect(COMPANY | 1, port);
-    const ENetPeer* const peer = clientConn[1].peer;
-    again.leave();
+TEST_F(ClientTable, ClientBackOnItsOldPortHearsOnWhenItsOldConnectionEnds) {
+    connect(COMPANY | 1);
+    const std::uint16_t port = stream(1).port();
+    vanish(*clients[1]);
+    clients[0]->leave();
     pumpUntil([] { return connectCount == 1; });
-    EXPECT_EQ(clientConn[0].peer, nullptr) << "the first of that address";
-    EXPECT_NE(clientConn[1].peer, peer) << "ENet gives that peer to the next client";
+    TestClient& again = connect(COMPANY | 1, port);
+    tell(again, dataRequest(1));
+    ENetPeer* const old = clientConn[1].peer;
+    ASSERT_EQ(clientConn[0].peer->address.port, port) << "it came back into a lower slot";
+    ASSERT_EQ(old->address.port, port);
+    enet_peer_timeout(old, 1, 1, 1);  // What else takes half a minute.
+    enet_peer_ping(old);
+    pumpUntil([] { return connectCount == 1; });
+    EXPECT_TRUE(isStreaming(clientConn[0]));
+    EXPECT_EQ(clientConn[1].peer, nullptr);
 }
 
-TEST_F(ClientTable, PeerOfADisconnectEventStaysInNoSlot) {
-    connect(COMPANY | 1);
-    connect(COMPANY | 1);
-    clientConn[5] = clientConn[1];
-    clientConn[9] = clientConn[1];
-    ENetEvent event = {};
-    event.type = ENET_EVENT_TYPE_DISCONNECT;
-    event.peer = clientConn[1].peer;
-    handleDisconnect(event);
-    for (const std::size_t index : {1U, 5U, 9U}) {
-        EXPECT_EQ(clientConn.at(index).peer, nullptr) << index;
-    }
-    EXPECT_NE(clientConn[0].peer, nullptr);
+TEST_F(ClientTable, DisconnectOfAPeerWithoutASlotClearsTheFirstOfItsAddress) {
+    const std::uint16_t port = connect(ALONE | 0).port();
+    ENetPeer* const forgotten = clientConn[0].peer;
+    vanish(*clients[0]);
+    connect(COMPANY | 1, port);
+    ASSERT_EQ(clientConn[0].peer, nullptr);
+    ASSERT_EQ(clientConn[1].peer->address.port, port);
+    clientConn[4] = clientConn[1];
+    enet_peer_timeout(forgotten, 1, 1, 1);
+    enet_peer_ping(forgotten);
+    pumpUntil([] { return connectCount == 1; });
+    EXPECT_EQ(clientConn[1].peer, nullptr);
+    EXPECT_NE(clientConn[4].peer, nullptr);
 }
 
 TEST_F(ClientTable, DisconnectOfAnUnknownAddressClearsNothing) {

@@ -17,6 +17,7 @@
 #include "app/base/VelantrixServerNoGUI.h"
 #include "stream/client_table.h"
 #include "stream/network_host.h"
+#include "stream/service_step.h"
 #include "stream/wire_format.h"
 #include "tests/support/driven_capture.h"
 #include "tests/support/net_namespace.h"

@@ -1,5 +1,6 @@
 #include "stream/network_host.h"
 
+#include <algorithm>
 #include <arpa/inet.h>
 #include <cerrno>
 #include <sys/socket.h>
@@ -9,12 +10,13 @@
 #include <gtest/gtest.h>
 
 #include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/command_line.h"
 #include "app/base/core_pin.h"
-#include "app/command_line.h"
 #include "stream/capture_rate.h"
 #include "stream/client_table.h"
 #include "stream/enet_mtu.h"
 #include "stream/opus_bank.h"
+#include "stream/service_step.h"
 #include "tests/support/call_faults.h"
 #include "tests/support/child_run.h"
 #include "tests/support/fake_portaudio.h"
@@ -93,6 +95,25 @@ TEST(NetworkHost, StartsOnTheDefaultPortThenOpensTheCapture) {
     });
     EXPECT_EQ(run.out, std::string(INITIALIZING) + DEFAULT_PORT + CAPTURE);
     EXPECT_EQ(run.err, "");
+}
+
+int sendBufferOf(int socket) {
+    int bytes = 0;
+    socklen_t length = sizeof bytes;
+    EXPECT_EQ(getsockopt(socket, SOL_SOCKET, SO_SNDBUF, &bytes, &length), 0);
+    return bytes;
+}
+
+TEST(NetworkHost, SendBufferHoldsWhatWaitsForTenAddressesIfTheKernelGrantsThat) {
+    constexpr int FOR_ONE_ADDRESS = 212992;
+    runHost({}, nullptr, [] {
+        const int greedy = socket(AF_INET, SOCK_DGRAM, 0);
+        const int plenty = 100 * FOR_ONE_ADDRESS;
+        setsockopt(greedy, SOL_SOCKET, SO_SNDBUF, &plenty, sizeof plenty);
+        EXPECT_GE(sendBufferOf(server->socket),
+                  std::min(10 * FOR_ONE_ADDRESS, sendBufferOf(greedy)));
+        close(greedy);
+    });
 }
 
 TEST(NetworkHost, ClearsTheTableFirst) {

@@ -1,5 +1,7 @@
 #include "stream/opus_bank.h"
 
+#include <algorithm>
+
 #include <gtest/gtest.h>
 
 #include "tests/support/call_faults.h"

@@ -4,8 +4,8 @@
 
 #include "stream/client_table.h"
 #include "stream/enet_unsent.h"
-#include "stream/network_host.h"
 #include "stream/queue_trim.h"
+#include "stream/service_step.h"
 #include "tests/unit/stream/send_path_fixture.h"
 
 namespace {

@@ -242,6 +242,13 @@ TEST_F(QueueTrim, DataTotalLosesExactlyTheRemovedCommands) {
     EXPECT_EQ(queue.peer.outgoingDataTotal, whatStays);
 }
 
+TEST_F(QueueTrim, DataTotalThatEnetHasClearedMeanwhileDoesNotFallBelowZero) {
+    queue.queueReliable(76);
+    queue.peer.outgoingDataTotal = 75 * QueuedPeer::DATA_LENGTH;  // Less than what is removed.
+    trimOutgoingQueue(slot, SEQ);
+    EXPECT_EQ(queue.peer.outgoingDataTotal, 0U);
+}
+
 TEST_F(QueueTrim, SentCommandsAreReportedAndStay) {
     for (int i = 0; i < 48; ++i) {
         queue.addSent();

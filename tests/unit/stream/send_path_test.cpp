@@ -6,8 +6,8 @@
 
 #include "stream/capture_rate.h"
 #include "stream/client_table.h"
-#include "stream/network_host.h"
 #include "stream/opus_bank.h"
+#include "stream/service_step.h"
 #include "tests/support/call_faults.h"
 #include "tests/unit/stream/send_path_fixture.h"
 

@@ -1,0 +1,19 @@
+#pragma once
+
+#include <atomic>
+#include <thread>
+
+/// The rule that certain calls come from one thread: `assert(check.here())` in each of them. Which
+/// thread that is, the first of the calls decides.
+class ThreadCheck {
+  public:
+    /// True on the thread that called first. Thread: any. Realtime-safe: yes.
+    [[nodiscard]] bool here() const {
+        std::thread::id owner;  // Nobody.
+        const std::thread::id caller = std::this_thread::get_id();
+        return owner_.compare_exchange_strong(owner, caller) || owner == caller;
+    }
+
+  private:
+    mutable std::atomic<std::thread::id> owner_{std::thread::id()};
+};

@@ -1,0 +1,76 @@
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <portaudio.h>
+
+#include "listen/device/playback.h"
+#include "listen/playout/block_queue.h"
+#include "listen/playout/playout.h"
+
+namespace vxlisten {
+
+/// An output device that the user can choose.
+struct OutputDevice {
+    PaDeviceIndex index = paNoDevice;
+    std::string name;
+    bool isDefault = false;
+};
+
+/// Plays the stream on an output device. Opening and closing belong to one thread; the sound is
+/// made on PortAudio's own thread.
+class AudioOutput {
+  public:
+    AudioOutput() = default;
+    ~AudioOutput();
+    AudioOutput(const AudioOutput&) = delete;
+    AudioOutput& operator=(const AudioOutput&) = delete;
+
+    /// The output devices of this machine, the default one first. May take a moment.
+    static std::vector<OutputDevice> devices();
+
+    /// Opens and starts a device: the one whose name is `device`, else the first whose name
+    /// contains it, or the default for an empty text. `delayMs` is the sound to keep buffered,
+    /// `latencyMs` what the device itself shall keep at least. False on failure, see error().
+    [[nodiscard]] bool open(const std::string& device, double delayMs, double latencyMs);
+
+    /// Where the sound goes that is to be played; only when open.
+    [[nodiscard]] BlockQueue& queue() { return playout_->queue(); }
+
+    /// False once the device has gone.
+    [[nodiscard]] bool alive() const;
+
+    /// Times that the device asked for sound.
+    [[nodiscard]] std::uint64_t calls() const { return calls_; }
+
+    /// Figures of the playing side; only when open.
+    [[nodiscard]] Playback figures() const;
+
+    /// Times that the device itself was not fed in time.
+    [[nodiscard]] std::uint64_t deviceUnderruns() const { return deviceUnderruns_; }
+
+    /// One sentence about what went wrong, without a line end.
+    [[nodiscard]] const std::string& error() const { return error_; }
+
+  private:
+    static int onOutput(const void* input, void* output, unsigned long frames,
+                        const PaStreamCallbackTimeInfo* time, PaStreamCallbackFlags flags,
+                        void* self);
+    bool fail(const std::string& reason);
+    bool start(PaDeviceIndex device, double delayMs, double latencyMs);
+    void render(std::int16_t* output, std::size_t frames, bool underflow);
+
+    bool initialized_ = false;
+    PaStream* stream_ = nullptr;  ///< Owned.
+    std::unique_ptr<Playout> playout_;
+    std::atomic<std::uint64_t> deviceUnderruns_{0};
+    std::atomic<std::uint64_t> calls_{0};
+    std::string error_;
+};
+
+}  // namespace vxlisten

@@ -1,0 +1,39 @@
+#include "listen/device/priority.h"
+
+#include <cstdlib>
+#include <filesystem>
+#include <sched.h>
+#include <sys/resource.h>
+#include <system_error>
+
+namespace vxlisten {
+
+namespace {
+
+/// Low among the real-time ones: a sound server has to go first.
+constexpr int REAL_TIME_PRIORITY = 2;
+constexpr int NICE = -11;
+
+void raise(pid_t thread) {
+    sched_param parameters = {};
+    parameters.sched_priority = REAL_TIME_PRIORITY;
+    if (sched_getscheduler(thread) != SCHED_OTHER) {
+        return;  // Somebody has chosen already.
+    }
+    if (sched_setscheduler(thread, SCHED_RR | SCHED_RESET_ON_FORK, &parameters) != 0) {
+        setpriority(PRIO_PROCESS, static_cast<id_t>(thread), NICE);
+    }
+}
+
+}  // namespace
+
+void raisePriority() {
+    // Nothing is raised where there is no such folder; threads may end meanwhile.
+    std::error_code error;
+    for (std::filesystem::directory_iterator task("/proc/self/task", error), end;
+         !error && task != end; task.increment(error)) {
+        raise(static_cast<pid_t>(std::strtol(task->path().filename().c_str(), nullptr, 10)));
+    }
+}
+
+}  // namespace vxlisten

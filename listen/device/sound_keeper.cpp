@@ -1,0 +1,175 @@
+#include "listen/device/sound_keeper.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cassert>
+#include <chrono>
+#include <cstdio>
+#include <utility>
+
+#include "listen/background.h"
+#include "listen/clock.h"
+#include "listen/device/priority.h"
+#include "listen/playout/playout.h"
+
+namespace vxlisten {
+
+namespace {
+
+constexpr std::chrono::seconds CLOSE_PATIENCE{2};
+/// A program that ends inside the sound libraries' start-up can leave locks in shared memory that
+/// the next one waits for.
+constexpr std::chrono::seconds OPEN_PATIENCE{10};
+/// A device that played this long is a good one: the pauses start over.
+constexpr std::int64_t GOOD_SPELL = 10 * SECOND;
+/// One that asks for nothing for this long is as good as gone. A sound server may hold a stream
+/// back for some seconds while something else is to be heard.
+constexpr std::int64_t DEVICE_PATIENCE = 10 * SECOND;
+
+std::string askedFor(double milliseconds) {
+    char text[64];
+    std::snprintf(text, sizeof text, "asking it for %.0f ms of latency", milliseconds);
+    return text;
+}
+
+}  // namespace
+
+SoundKeeper::SoundKeeper(std::string device, double delayMs)
+    : device_(std::move(device)), delayMs_(delayMs) {}
+
+SoundKeeper::~SoundKeeper() {
+    if (opening_.valid() && opening_.wait_for(OPEN_PATIENCE) != std::future_status::ready) {
+        giveUp();
+        return;
+    }
+    if (opening_.valid()) {
+        output_ = opening_.get();
+    }
+    if (output_ == nullptr && gone_ == nullptr) {
+        return;
+    }
+    auto closing = inBackground([output = std::move(output_), gone = std::move(gone_)]() mutable {
+        output.reset();
+        gone.reset();
+    });
+    if (closing.wait_for(CLOSE_PATIENCE) != std::future_status::ready) {
+        giveUp();
+    }
+}
+
+void SoundKeeper::giveUp() {
+    mute_.abandon();
+    noteAbandoned();
+}
+
+bool SoundKeeper::open(std::int64_t now) {
+    output_ = std::make_unique<AudioOutput>();
+    if (!output_->open(device_, delayMs_, latency_.milliseconds())) {
+        error_ = output_->error();
+        output_.reset();
+        return false;
+    }
+    noteOpened(std::max(now, steadyNow()));  // Opening may have taken seconds.
+    return true;
+}
+
+void SoundKeeper::noteOpened(std::int64_t now) {
+    raisePriority();
+    openedAt_ = lastCall_ = now;
+    calls_ = 0;
+    latency_.noteOpened(now);
+}
+
+bool SoundKeeper::hasGone(std::int64_t now) {
+    const std::uint64_t calls = output_->calls();
+    lastCall_ = calls != calls_ ? now : lastCall_;
+    calls_ = calls;
+    return !output_->alive() || now - lastCall_ >= DEVICE_PATIENCE;
+}
+
+BlockQueue* SoundKeeper::queue() {
+    assert(thread_.here());
+    return output_ != nullptr ? &output_->queue() : nullptr;
+}
+
+void SoundKeeper::reopen() {
+    opening_ = inBackground([old = std::move(gone_), device = device_, delay = delayMs_,
+                             latency = latency_.milliseconds()]() mutable {
+        old.reset();  // PortAudio looks for devices anew only when nobody uses it any more.
+        auto output = std::make_unique<AudioOutput>();
+        if (!output->open(device, delay, latency)) {
+            output.reset();
+        }
+        return output;
+    });
+}
+
+std::string SoundKeeper::watch(std::int64_t now) {
+    assert(thread_.here());
+    if (opening_.valid()) {
+        return isReady(opening_) ? takeOpened(now) : std::string();
+    }
+    if (output_ == nullptr) {
+        if (now >= nextTry_) {
+            reopen();
+        }
+        return {};
+    }
+    if (hasGone(now)) {
+        return lose(now);
+    }
+    if (now - openedAt_ >= GOOD_SPELL) {
+        pause_.reset();
+    }
+    return latency_.noteUnderruns(output_->deviceUnderruns(), now) ? askForMore() : std::string();
+}
+
+std::string SoundKeeper::takeOpened(std::int64_t now) {
+    output_ = opening_.get();
+    if (output_ == nullptr) {
+        nextTry_ = now + pause_.next() * MILLISECOND;
+        return tellLost();
+    }
+    noteOpened(now);
+    const bool wasLost = lost_;
+    lost_ = false;
+    return wasLost ? "playing again" : std::string();
+}
+
+std::string SoundKeeper::lose(std::int64_t now) {
+    past_ = figures();
+    gone_ = std::move(output_);
+    nextTry_ = now + pause_.next() * MILLISECOND;
+    return tellLost();
+}
+
+/// The sentence about a device that has gone, once until it is back.
+std::string SoundKeeper::tellLost() {
+    const bool told = lost_;
+    lost_ = true;
+    return told ? std::string() : "the output device has gone, trying to open it again";
+}
+
+std::string SoundKeeper::askForMore() {
+    past_ = figures();
+    gone_ = std::move(output_);
+    reopen();
+    return "the output device runs dry again and again, " + askedFor(latency_.milliseconds());
+}
+
+Playback SoundKeeper::figures() const {
+    Playback result;
+    if (output_ != nullptr) {
+        result = output_->figures();
+    } else {
+        result.device = !lost_;
+    }
+    result.concealed += past_.concealed;
+    result.skipped += past_.skipped;
+    result.stretched += past_.stretched;
+    result.underruns += past_.underruns;
+    result.deviceUnderruns += past_.deviceUnderruns;
+    return result;
+}
+
+}  // namespace vxlisten

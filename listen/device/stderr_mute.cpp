@@ -1,0 +1,32 @@
+#include "listen/device/stderr_mute.h"
+
+#include <atomic>
+#include <cassert>
+
+namespace vxlisten {
+
+namespace {
+
+std::atomic<bool> held{false};
+
+}  // namespace
+
+// With glibc `stderr` is a variable that may be set.
+
+StderrMute::StderrMute() : nowhere_(std::fopen("/dev/null", "we")), saved_(stderr) {
+    [[maybe_unused]] const bool second = held.exchange(true);
+    assert(!second);
+    if (nowhere_ != nullptr) {
+        stderr = nowhere_;
+    }
+}
+
+StderrMute::~StderrMute() {
+    if (nowhere_ != nullptr) {
+        stderr = saved_;
+        std::fclose(nowhere_);  // NOLINT(cert-err33-c): nothing was to be kept.
+    }
+    held = false;
+}
+
+}  // namespace vxlisten

@@ -1,0 +1,35 @@
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace vxlisten {
+
+/// A server that answered.
+struct FoundServer {
+    std::string address;  ///< Dotted IPv4.
+    double answerMs = 0;  ///< Milliseconds from the latest query to its first answer.
+};
+
+/// How to look for servers.
+struct DiscoverySearch {
+    std::vector<std::uint16_t> ports;  ///< Ports that the queries go to.
+    std::chrono::milliseconds limit{3000};
+    /// After the first answer: how long to wait for more of them. Not above `limit`.
+    std::chrono::milliseconds grace{3000};
+    std::string wanted;  ///< The search ends as soon as the server at this address answers.
+};
+
+/// What a search brought: servers in the order of their answers, each once. `error` is empty
+/// unless no query could be sent.
+struct DiscoveryResult {
+    std::vector<FoundServer> servers;
+    std::string error;
+};
+
+/// Asks for servers every half second until the time is over or a stop is requested. Blocks.
+DiscoveryResult discoverServers(const DiscoverySearch& search);
+
+}  // namespace vxlisten

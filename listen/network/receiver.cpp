@@ -1,0 +1,166 @@
+#include "listen/network/receiver.h"
+
+#include <algorithm>
+#include <cassert>
+#include <chrono>
+#include <cstddef>
+#include <thread>
+#include <vector>
+
+#include "listen/utf8.h"
+#include "stream/wire_format.h"
+
+namespace vxlisten {
+
+namespace {
+
+/// Any version but 0, so that the server tells us when it drops us.
+constexpr std::uint32_t PROTOCOL_VERSION = 1;
+constexpr std::size_t CHANNELS = 2;
+constexpr enet_uint8 CONTROL_CHANNEL = 0;
+/// Enough for several seconds of raw audio while a disc or a pipe makes us wait.
+constexpr int SOCKET_BUFFER = 1 << 20;
+constexpr std::size_t LARGEST_PACKET = 1 << 16;
+// A server that says nothing for this long has gone: it sends about 140 packets a second.
+constexpr enet_uint32 TIMEOUT_ATTEMPTS = 8;
+constexpr enet_uint32 TIMEOUT_LEAST_MS = 3000;
+constexpr enet_uint32 TIMEOUT_MOST_MS = 6000;
+
+std::string toText(const ENetAddress& address) {
+    char text[64] = "";
+    enet_address_get_host_ip(&address, text, sizeof text);
+    return text;
+}
+
+}  // namespace
+
+std::string lookUpAddress(const std::string& host) {
+    ENetAddress address = {};
+    return enet_address_set_host(&address, host.c_str()) == 0 ? toText(address) : std::string();
+}
+
+Receiver::~Receiver() {
+    if (host_ != nullptr) {
+        enet_host_destroy(host_);
+        enet_deinitialize();
+    }
+}
+
+bool Receiver::open() {
+    if (enet_initialize() != 0) {
+        return false;
+    }
+    host_ = enet_host_create(nullptr, 1, CHANNELS, 0, 0);
+    if (host_ == nullptr) {
+        enet_deinitialize();
+        return false;
+    }
+    host_->maximumPacketSize = LARGEST_PACKET;
+    enet_socket_set_option(host_->socket, ENET_SOCKOPT_RCVBUF, SOCKET_BUFFER);
+    return true;
+}
+
+bool Receiver::resolve(const std::string& host, std::uint16_t port) {
+    address_.port = port;
+    return enet_address_set_host(&address_, host.c_str()) == 0;
+}
+
+bool Receiver::connect(const StreamChoice& choice) {
+    assert(thread_.here() && host_ != nullptr);
+    drop();
+    const std::uint32_t data =
+        PROTOCOL_VERSION | (choice.multiClient ? wire::CONNECT_MULTI_CLIENT : 0U);
+    peer_ = enet_host_connect(host_, &address_, CHANNELS, data);
+    if (peer_ == nullptr) {
+        return false;
+    }
+    enet_peer_timeout(peer_, TIMEOUT_ATTEMPTS, TIMEOUT_LEAST_MS, TIMEOUT_MOST_MS);
+    return true;
+}
+
+void Receiver::requestData(const StreamChoice& choice) {
+    assert(thread_.here() && peer_ != nullptr);
+    const std::string name = cutText(choice.name, wire::MAX_CLIENT_NAME);
+    std::vector<unsigned char> message(wire::HEADER_LENGTH + name.size() + 1, 0);
+    wire::PacketHeader header;
+    header.msgId = wire::MSGID_DATA;
+    header.flags = wire::makeFlags(choice.reliable, false, choice.rateCode);
+    wire::writeHeader(message.data(), header);
+    std::copy(name.begin(), name.end(), message.begin() + wire::HEADER_LENGTH);
+    ENetPacket* const packet =
+        enet_packet_create(message.data(), message.size(), ENET_PACKET_FLAG_RELIABLE);
+    // ENet owns the packet from here on, unless it refuses it.
+    if (packet != nullptr && enet_peer_send(peer_, CONTROL_CHANNEL, packet) < 0 &&
+        packet->referenceCount == 0) {
+        enet_packet_destroy(packet);
+    }
+    enet_host_flush(host_);
+}
+
+ReceiverEvent Receiver::service(std::uint32_t milliseconds) {
+    assert(thread_.here() && host_ != nullptr);
+    ENetEvent event = {};
+    ReceiverEvent result;
+    const int found = enet_host_service(host_, &event, milliseconds);
+    if (found < 0) {  // At once, and perhaps again and again.
+        std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
+    }
+    if (found <= 0) {
+        return result;
+    }
+    switch (event.type) {
+        case ENET_EVENT_TYPE_CONNECT:
+            result.type = ReceiverEvent::Type::Connected;
+            // Left alone, ENet's server side drops best-effort packets at random whenever the
+            // round-trip time wavers. A steady stream gains nothing by that.
+            enet_peer_throttle_configure(peer_, ENET_PEER_PACKET_THROTTLE_INTERVAL,
+                                         ENET_PEER_PACKET_THROTTLE_ACCELERATION, 0);
+            break;
+        case ENET_EVENT_TYPE_RECEIVE:
+            result.type = ReceiverEvent::Type::Packet;
+            result.packet.reset(event.packet);
+            break;
+        case ENET_EVENT_TYPE_DISCONNECT:
+            result.type = ReceiverEvent::Type::Disconnected;
+            result.disconnectData = event.data;
+            peer_ = nullptr;
+            break;
+        case ENET_EVENT_TYPE_NONE:
+            break;
+    }
+    return result;
+}
+
+void Receiver::drop() {
+    if (peer_ != nullptr) {
+        enet_peer_reset(peer_);
+        peer_ = nullptr;
+    }
+}
+
+void Receiver::disconnect(std::uint32_t milliseconds) {
+    if (peer_ == nullptr) {
+        return;
+    }
+    using Clock = std::chrono::steady_clock;
+    const auto end = Clock::now() + std::chrono::milliseconds(milliseconds);
+    enet_peer_disconnect(peer_, 0);
+    while (peer_ != nullptr && Clock::now() < end) {
+        service(10);
+    }
+    drop();
+}
+
+std::string Receiver::address() const {
+    return toText(address_);
+}
+
+std::string Receiver::serverAddress() const {
+    return address() + ":" + std::to_string(address_.port);
+}
+
+std::uint32_t Receiver::roundTripTime() const {
+    return peer_ != nullptr && peer_->state == ENET_PEER_STATE_CONNECTED ? peer_->roundTripTime : 0;
+}
+
+}  // namespace vxlisten

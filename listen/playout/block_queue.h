@@ -1,0 +1,57 @@
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <vector>
+
+#include "common/thread_check.h"
+#include "listen/audio/stream_decoder.h"
+
+namespace vxlisten {
+
+/// A block of sound that waits to be played.
+struct QueuedBlock {
+    Join join = Join::GoesOn;
+    bool concealed = false;
+    std::uint32_t turn = 0;    ///< Blocks of its stream before it.
+    std::int64_t arrival = 0;  ///< Microseconds.
+    int sampleRate = 0;        ///< Hz.
+    std::size_t count = 0;     ///< Frames.
+    std::array<std::int16_t, 2 * StreamDecoder::MAX_FRAMES> frames{};
+};
+
+/// The sound between the network's thread and the thread of the audio output, without a lock. One
+/// thread pushes, one other thread looks at what waits and pops.
+class BlockQueue {
+  public:
+    static constexpr std::size_t CAPACITY = 512;
+
+    BlockQueue() : slots_(CAPACITY) {}
+
+    /// Appends a copy of a block that came at `now` (microseconds). One that finds no room is
+    /// dropped, and what follows is a new stream. Thread: the one that pushes.
+    void push(const DecodedBlock& block, std::int64_t now);
+
+    /// The number of blocks that wait. Thread: the one that pops. Realtime-safe: yes.
+    [[nodiscard]] std::size_t size() const;
+
+    /// A block that waits, 0 being the oldest; `at` is less than size(). Valid until it is popped.
+    /// Thread: the one that pops. Realtime-safe: yes.
+    [[nodiscard]] const QueuedBlock& operator[](std::size_t at) const;
+
+    /// Removes the oldest block; must not be empty. Thread: the one that pops. Realtime-safe: yes.
+    void pop();
+
+  private:
+    std::vector<QueuedBlock> slots_;
+    std::atomic<std::size_t> pushed_{0};
+    std::atomic<std::size_t> popped_{0};
+    bool newStream_ = true;  ///< The next block begins one. Of the thread that pushes, as turn_.
+    std::uint32_t turn_ = 0;
+    ThreadCheck pushing_;
+    ThreadCheck popping_;
+};
+
+}  // namespace vxlisten

@@ -1,0 +1,95 @@
+#include "listen/playout/block_source.h"
+
+#include <algorithm>
+
+#include "listen/audio/splicing.h"
+
+namespace vxlisten {
+
+namespace {
+
+constexpr std::size_t FADE_IN_FRAMES = 240;
+
+}  // namespace
+
+const QueuedBlock* BlockSource::takeArrival() {
+    if (seen_ == queue_.size()) {
+        return nullptr;
+    }
+    const QueuedBlock& arrived = queue_[seen_];
+    if (arrived.join == Join::NewStream) {
+        // What was just playing must still fade out: the next block does so and then pauses.
+        drop(seen_);
+        tailCount_ = 0;
+        streamChanged_ = !pausing_;
+    }
+    ++seen_;
+    depthFrames_ += arrived.count;
+    blockFrames_ = arrived.count;
+    sampleRate_ = arrived.sampleRate;
+    return &arrived;
+}
+
+void BlockSource::drop(std::size_t blocks) {
+    for (std::size_t i = 0; i < blocks; ++i) {
+        depthFrames_ -= queue_[0].count;
+        queue_.pop();
+    }
+    seen_ -= blocks;
+}
+
+BlockSource::Block BlockSource::next() {
+    if (pausing_) {
+        return {};
+    }
+    if (streamChanged_ || empty()) {
+        return fadeOut();
+    }
+    const QueuedBlock& front = queue_[0];
+    const Kind kind = front.concealed ? Kind::Concealed : Kind::Sound;
+    const bool fadeIn = fadeIn_ || front.join == Join::FadeIn;
+    lastCount_ = front.count;
+    std::copy_n(front.frames.begin(), 2 * lastCount_, block_.begin());
+    drop(1);
+    if (tailCount_ > 0) {
+        crossfade(block_.data(), tail_.data(), std::min(lastCount_, tailCount_));
+    } else if (fadeIn) {
+        fade(block_.data(), std::min(lastCount_, FADE_IN_FRAMES), 0.0, 1.0);
+    }
+    tailCount_ = 0;
+    fadeIn_ = false;
+    return {kind, block_.data(), lastCount_};
+}
+
+BlockSource::Block BlockSource::fadeOut() {
+    const Kind kind = streamChanged_ ? Kind::Ended : Kind::RanDry;
+    pausing_ = true;
+    streamChanged_ = false;
+    if (tailCount_ > 0) {
+        block_ = tail_;
+        lastCount_ = tailCount_;
+    } else {
+        mirror(block_.data(), lastCount_);
+    }
+    fade(block_.data(), lastCount_, 1.0, 0.0);
+    return {kind, block_.data(), lastCount_};
+}
+
+void BlockSource::resume() {
+    pausing_ = false;
+    fadeIn_ = true;
+    lastCount_ = 0;
+    tailCount_ = 0;
+}
+
+void BlockSource::skip(std::size_t blocks) {
+    blocks = std::min(blocks, seen_);
+    if (blocks > 0 && !pausing_ && !streamChanged_) {
+        tailCount_ = next().count;
+        tail_ = block_;
+        --blocks;
+    }
+    drop(blocks);
+}
+
+}  // namespace vxlisten

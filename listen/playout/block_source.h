@@ -1,0 +1,76 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+
+#include "listen/audio/stream_decoder.h"
+#include "listen/playout/block_queue.h"
+
+namespace vxlisten {
+
+/// Makes an unbroken row of blocks of the sound that waits in a queue: fades where it stops, starts
+/// or leaps. Everything on the thread that pops. Realtime-safe: yes.
+class BlockSource {
+  public:
+    enum class Kind {
+        Sound,      ///< A packet's own.
+        Concealed,  ///< Stands in for a lost packet.
+        RanDry,     ///< The last block before a pause, because nothing is left.
+        Ended,      ///< The last block before a pause, because a new stream begins.
+        Nothing,    ///< Pausing; resume() ends it.
+    };
+
+    struct Block {
+        Kind kind = Kind::Nothing;
+        const std::int16_t* frames = nullptr;  ///< Stereo; valid until the next call.
+        std::size_t count = 0;                 ///< Frames.
+    };
+
+    /// `queue` is borrowed and must outlive this.
+    explicit BlockSource(BlockQueue& queue) : queue_(queue) {}
+
+    /// Takes account of the next block that has come; null when there is none. A new stream throws
+    /// away what waits before it and pauses the sound.
+    const QueuedBlock* takeArrival();
+
+    /// The next block of sound.
+    Block next();
+
+    /// True while nothing is played, until resume().
+    [[nodiscard]] bool pausing() const { return pausing_; }
+
+    /// Ends the pause; the next block fades in.
+    void resume();
+
+    /// Leaves out up to `blocks` blocks; the sound before fades over into the sound after them.
+    void skip(std::size_t blocks);
+
+    /// True when no block waits that has been taken account of. The next ones tell of those.
+    [[nodiscard]] bool empty() const { return seen_ == 0; }
+    [[nodiscard]] std::size_t depthFrames() const { return depthFrames_; }
+    /// Frames of the latest block, 0 before the first, and its sample rate in Hz.
+    [[nodiscard]] std::size_t blockFrames() const { return blockFrames_; }
+    [[nodiscard]] int sampleRate() const { return sampleRate_; }
+
+  private:
+    using Samples = std::array<std::int16_t, 2 * StreamDecoder::MAX_FRAMES>;
+
+    Block fadeOut();
+    void drop(std::size_t blocks);
+
+    BlockQueue& queue_;
+    std::size_t seen_ = 0;         ///< Blocks that wait and have been taken account of,
+    std::size_t depthFrames_ = 0;  ///< and their frames.
+    std::size_t blockFrames_ = 0;
+    int sampleRate_ = 0;
+    bool pausing_ = true;
+    bool fadeIn_ = true;
+    bool streamChanged_ = false;  ///< A new stream waits, the sound is still the old.
+    std::size_t tailCount_ = 0;   ///< Frames in tail_ that the next block fades over from.
+    std::size_t lastCount_ = 0;   ///< Frames in block_ of the latest sound.
+    Samples block_{};
+    Samples tail_{};
+};
+
+}  // namespace vxlisten

@@ -1,0 +1,56 @@
+"""Fails when a file of the programs includes one of a room that it may not know.
+
+Usage: layers.py   (scripts/check layers runs it)
+
+A room may include itself and what its line names. A path names a file, else a folder with all
+below it; the longest that fits decides. The CMake files link the libraries in the same order.
+"""
+
+import re
+import sys
+from pathlib import Path
+
+ROOT = Path(__file__).resolve().parents[2]
+CORE = ("app/base", "stream", "audio", "stream/network_host", "discovery", "gui/Settings", "update")
+ROOMS = {
+    "app/base": (),
+    "stream": ("app/base",),
+    "audio": ("app/base", "stream"),
+    "stream/network_host": ("app/base", "stream", "audio"),
+    "gui/Settings": (),
+    "discovery": ("app/base", "stream/wire_format"),
+    "update": ("app/base", "gui/Settings"),
+    "app": CORE,
+    "gui": ("app", *CORE),
+    "app/main": ("app", "gui", *CORE),
+    "listen": ("stream/wire_format",),
+}
+# "wire_format" is a room for those who may include nothing else of stream/.
+FILES_OF_THEIR_OWN = {"stream/wire_format": ()}
+
+
+def room_of(path):
+    """The room of a source path without its ending."""
+    rooms = (*ROOMS, *FILES_OF_THEIR_OWN)
+    fitting = [room for room in rooms if path == room or path.startswith(room + "/")]
+    return max(fitting, key=len, default=None)
+
+
+def main():
+    wrong = []
+    for file in sorted(path for room in ("app", "audio", "stream", "discovery", "gui", "update",
+                                         "listen") for path in (ROOT / room).rglob("*.[ch]*")):
+        room = room_of(str(file.relative_to(ROOT).with_suffix("")))
+        allowed = ROOMS.get(room, ())
+        for line in file.read_text(encoding="utf-8").splitlines():
+            found = re.match(r'#include "([\w/]+)\.h"', line)
+            other = room_of(found[1]) if found else None
+            if other and other != room and other not in allowed and not (
+                    other in FILES_OF_THEIR_OWN and other.split("/")[0] in (room, *allowed)):
+                wrong.append(f"{file.relative_to(ROOT)} may not include {found[1]}.h")
+    if wrong:
+        sys.exit("\n".join(wrong))
+
+
+if __name__ == "__main__":
+    main()

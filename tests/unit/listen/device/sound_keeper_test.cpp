@@ -1,0 +1,173 @@
+#include "listen/device/sound_keeper.h"
+
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "listen/background.h"
+#include "listen/clock.h"
+#include "tests/unit/listen/device/fake_output.h"
+
+using vxlisten::MILLISECOND;
+using vxlisten::SECOND;
+using vxlisten::SoundKeeper;
+
+namespace {
+
+constexpr const char* GONE = "the output device has gone, trying to open it again";
+constexpr const char* AGAIN = "playing again";
+
+class SoundKeeperTest : public testing::Test {
+  protected:
+    SoundKeeperTest() {
+        device_.present = true;
+        device_.active = true;
+        device_.closeHangs = false;
+        device_.opened = 0;
+        device_.tries = 0;
+    }
+
+    ~SoundKeeperTest() override {
+        keeper_.reset();
+        EXPECT_EQ(device_.open, 0);
+    }
+
+    void openKeeper() {
+        keeper_ = std::make_unique<SoundKeeper>("", 40);
+        ASSERT_TRUE(keeper_->open(now_));
+        ASSERT_EQ(device_.opened, 1);
+    }
+
+    /// Looks after the device for virtual `time`, giving the background real time to follow.
+    /// Returns what the user is told.
+    std::vector<std::string> watch(std::int64_t time) {
+        std::vector<std::string> told;
+        for (const std::int64_t end = now_ + time; now_ < end; now_ += 100 * MILLISECOND) {
+            const std::string news = keeper_->watch(now_);
+            if (!news.empty()) {
+                told.push_back(news);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        }
+        return told;
+    }
+
+    /// As watch(), until the user is told something that begins with `sentence`, or for very long.
+    std::vector<std::string> watchUntilTold(const std::string& sentence) {
+        std::vector<std::string> told;
+        for (int i = 0; i < 5000; ++i) {
+            const auto more = watch(100 * MILLISECOND);
+            told.insert(told.end(), more.begin(), more.end());
+            if (!told.empty() && told.back().rfind(sentence, 0) == 0) {
+                break;
+            }
+        }
+        return told;
+    }
+
+    FakeOutput& device_ = fakeOutput();
+    std::unique_ptr<SoundKeeper> keeper_;
+    std::int64_t now_ = vxlisten::steadyNow();
+};
+
+}  // namespace
+
+TEST_F(SoundKeeperTest, AMissingDeviceIsAnErrorAtTheStart) {
+    device_.present = false;
+    SoundKeeper keeper("", 40);
+    EXPECT_FALSE(keeper.open(now_));
+    EXPECT_EQ(keeper.error(), "cannot play sound: there is no output device");
+}
+
+TEST_F(SoundKeeperTest, AGoodDeviceIsLeftAlone) {
+    openKeeper();
+    EXPECT_TRUE(watch(5 * SECOND).empty());
+    EXPECT_EQ(device_.opened, 1);
+}
+
+TEST_F(SoundKeeperTest, ADeviceThatGoesIsOpenedAgainWithOneSentenceEach) {
+    openKeeper();
+    device_.active = false;
+    EXPECT_EQ(watchUntilTold(AGAIN), std::vector<std::string>({GONE, AGAIN}));
+    EXPECT_EQ(device_.opened, 2);
+}
+
+TEST_F(SoundKeeperTest, WhileTheDeviceIsAwayThePausesGrow) {
+    openKeeper();
+    device_.present = false;
+    device_.active = false;
+    EXPECT_EQ(watch(30 * SECOND), std::vector<std::string>({GONE}));
+    EXPECT_EQ(keeper_->queue(), nullptr);
+    EXPECT_FALSE(keeper_->figures().device);
+    EXPECT_FALSE(keeper_->figures().playing);
+    EXPECT_LE(device_.tries, 12) << "with equal pauses there would be 120";
+    device_.present = true;
+    EXPECT_EQ(watchUntilTold(AGAIN), std::vector<std::string>({AGAIN}));
+    EXPECT_EQ(device_.opened, 2);
+}
+
+TEST_F(SoundKeeperTest, ADeviceThatAsksForNothingForLongIsOpenedAgain) {
+    openKeeper();
+    EXPECT_TRUE(watch(9 * SECOND).empty());
+    EXPECT_EQ(watchUntilTold(AGAIN), std::vector<std::string>({GONE, AGAIN}));
+}
+
+TEST_F(SoundKeeperTest, ADeviceThatRunsDryAgainAndAgainIsAskedForMoreLatency) {
+    openKeeper();
+    EXPECT_DOUBLE_EQ(device_.latency, 0.08);
+    watch(4 * SECOND);
+    for (int i = 0; i < 3; ++i) {
+        device_.ask(true);
+    }
+    EXPECT_EQ(keeper_->figures().underruns, 3u);
+    EXPECT_EQ(keeper_->figures().deviceUnderruns, 3u);
+    const auto told = watchUntilTold("the output device runs dry");
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_NE(told[0].find("asking it for 160 ms of latency"), std::string::npos);
+    for (int i = 0; i < 5000 && device_.opened < 2; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    EXPECT_DOUBLE_EQ(device_.latency, 0.16);
+    EXPECT_TRUE(watch(SECOND).empty());
+    EXPECT_EQ(keeper_->figures().underruns, 3u) << "counts go on over the openings";
+}
+
+TEST_F(SoundKeeperTest, ADeviceThatIsAwayWhenMoreLatencyIsWantedIsToldOf) {
+    openKeeper();
+    watch(4 * SECOND);
+    for (int i = 0; i < 3; ++i) {
+        device_.ask(true);
+    }
+    device_.present = false;
+    const auto told = watchUntilTold(GONE);
+    ASSERT_EQ(told.size(), 2u);
+    EXPECT_EQ(told[1], GONE);
+    EXPECT_TRUE(watch(5 * SECOND).empty()) << "once is enough";
+    device_.present = true;
+    EXPECT_EQ(watchUntilTold(AGAIN), std::vector<std::string>({AGAIN}));
+}
+
+TEST_F(SoundKeeperTest, ASoundLibraryThatHangsDoesNotHoldUpTheEnd) {
+    std::FILE* const usual = stderr;
+    openKeeper();
+    EXPECT_FALSE(vxlisten::workAbandoned());
+    device_.closeHangs = true;
+    const std::int64_t begin = vxlisten::steadyNow();
+    keeper_.reset();
+    EXPECT_LT(vxlisten::steadyNow() - begin, 20 * SECOND);
+    EXPECT_TRUE(vxlisten::workAbandoned());
+    EXPECT_NE(stderr, usual) << "what the library writes to must stay";
+    EXPECT_GE(std::fputs("", stderr), 0);
+    stderr = usual;
+    device_.closeHangs = false;
+    for (int i = 0; i < 5000 && device_.open > 0; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    // The background still has PortAudio to end before the next test begins.
+    for (int i = 0; i < 5000 && device_.initialised; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    EXPECT_FALSE(device_.initialised);
+}

@@ -1,0 +1,228 @@
+// What comes through a network that reorders datagrams and brings some twice, at once or much
+// later. ENet numbers the packets of a channel and drops what is not newer than the one before:
+// everything behind the receiver relies on that in both modes of delivery.
+
+#include <algorithm>
+#include <cstring>
+#include <deque>
+#include <functional>
+#include <iostream>
+#include <random>
+#include <string>
+#include <unistd.h>
+#include <vector>
+
+#include <enet/enet.h>
+#include <gtest/gtest.h>
+
+#include "listen/network/receiver.h"
+#include "tests/unit/listen/udp_responder.h"
+
+using vxlisten::Receiver;
+using vxlisten::ReceiverEvent;
+
+namespace {
+
+/// More than the 65536 numbers that ENet counts with.
+constexpr std::uint32_t PACKETS = 70000;
+
+struct Delivery {
+    const char* name;
+    enet_uint32 flags;
+    std::size_t bytes;  ///< Of each packet.
+};
+
+/// Stands between a client and a server. What the server sends passes in a random order.
+class ReorderingRelay {
+  public:
+    explicit ReorderingRelay(std::uint16_t serverPort) : random_(seed_) {
+        std::cout << "random seed " << seed_ << "\n";
+        server_.sin_family = AF_INET;
+        server_.sin_port = htons(serverPort);
+        server_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    }
+    ~ReorderingRelay() {
+        close(near_);
+        close(far_);
+    }
+    ReorderingRelay(const ReorderingRelay&) = delete;
+    ReorderingRelay& operator=(const ReorderingRelay&) = delete;
+
+    std::uint16_t port() const { return portOf(near_); }
+
+    /// Passes everything on; what is still held back for the sake of disorder once `flushing`.
+    void pass(bool flushing) {
+        sockaddr_in sender = {};
+        for (std::string datagram; take(near_, datagram, sender);) {
+            client_ = sender;
+            sendText(far_, datagram, server_);
+        }
+        for (std::string datagram; take(far_, datagram, sender);) {
+            hold(datagram);
+        }
+        while (held_.size() > (flushing ? 0 : HELD)) {
+            release();
+        }
+    }
+
+    std::uint64_t overtaken = 0;  ///< Datagrams that came behind a newer one.
+    std::uint64_t doubled = 0;
+
+  private:
+    struct Datagram {
+        std::uint64_t number;
+        std::string bytes;
+    };
+
+    static constexpr std::size_t HELD = 4;
+    static constexpr std::size_t MUCH_LATER = 2000;
+
+    static bool take(int handle, std::string& datagram, sockaddr_in& sender) {
+        char bytes[4096];
+        socklen_t length = sizeof sender;
+        const ssize_t count = recvfrom(handle, bytes, sizeof bytes, MSG_DONTWAIT,
+                                       reinterpret_cast<sockaddr*>(&sender), &length);
+        datagram.assign(bytes, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
+        return count >= 0;
+    }
+
+    void hold(const std::string& bytes) {
+        held_.push_back({++number_, bytes});
+        past_.push_back({number_, bytes});
+        if (random_() % 4 == 0) {
+            held_.push_back(past_.back());
+            ++doubled;
+        }
+        if (past_.size() > MUCH_LATER) {
+            if (random_() % 50 == 0) {
+                held_.push_back(past_.front());
+                ++doubled;
+            }
+            past_.pop_front();
+        }
+    }
+
+    void release() {
+        const auto at = held_.begin() + static_cast<std::ptrdiff_t>(random_() % held_.size());
+        overtaken += at->number < newest_ ? 1 : 0;
+        newest_ = std::max(newest_, at->number);
+        sendText(near_, at->bytes, client_);
+        held_.erase(at);
+    }
+
+    const std::random_device::result_type seed_ = std::random_device{}();
+    std::mt19937 random_;
+    int near_ = boundSocket("127.0.0.1", 0);
+    int far_ = boundSocket("127.0.0.1", 0);
+    sockaddr_in server_ = {};
+    sockaddr_in client_ = {};
+    std::vector<Datagram> held_;
+    std::deque<Datagram> past_;
+    std::uint64_t number_ = 0;
+    std::uint64_t newest_ = 0;
+};
+
+/// A server that sends numbered packets as fast as its client takes them.
+class NumberingServer {
+  public:
+    explicit NumberingServer(const Delivery& delivery) : delivery_(delivery) {
+        enet_initialize();
+        ENetAddress address = {};
+        enet_address_set_host(&address, "127.0.0.1");
+        host_ = enet_host_create(&address, 1, 2, 0, 0);
+        host_->mtu = ENET_PROTOCOL_MINIMUM_MTU;
+    }
+    ~NumberingServer() {
+        enet_host_destroy(host_);
+        enet_deinitialize();
+    }
+    NumberingServer(const NumberingServer&) = delete;
+    NumberingServer& operator=(const NumberingServer&) = delete;
+
+    std::uint16_t port() const { return host_->address.port; }
+
+    /// Sends a few packets more, but none that is far ahead of number `taken`.
+    void step(std::uint32_t taken) {
+        ENetEvent event = {};
+        while (enet_host_service(host_, &event, 0) > 0) {
+            client_ = event.type == ENET_EVENT_TYPE_CONNECT ? event.peer : client_;
+        }
+        for (int i = 0; client_ != nullptr && i < 3 && !done() && sent_ < taken + 500; ++i) {
+            std::vector<unsigned char> bytes(delivery_.bytes, static_cast<unsigned char>(sent_));
+            std::memcpy(bytes.data(), &sent_, sizeof sent_);
+            enet_peer_send(client_, 0,
+                           enet_packet_create(bytes.data(), bytes.size(), delivery_.flags));
+            enet_host_flush(host_);
+            ++sent_;
+        }
+    }
+
+    bool done() const { return sent_ == PACKETS; }
+
+  private:
+    Delivery delivery_;
+    ENetHost* host_ = nullptr;
+    ENetPeer* client_ = nullptr;
+    std::uint32_t sent_ = 0;
+};
+
+class ReceivedOrder : public testing::TestWithParam<Delivery> {
+  protected:
+    /// Receives everything; the numbers in the order in which they came.
+    std::vector<std::uint32_t> receive(NumberingServer& server, ReorderingRelay& relay) {
+        Receiver receiver;
+        EXPECT_TRUE(receiver.open() && receiver.resolve("127.0.0.1", relay.port()) &&
+                    receiver.connect({}));
+        std::vector<std::uint32_t> numbers;
+        for (int idle = 0; idle < 2000;) {
+            server.step(numbers.empty() ? 0 : numbers.back());
+            ReceiverEvent event = receiver.service(idle < 20 ? 0 : 1);
+            relay.pass(++idle > 20);
+            for (; event.type != ReceiverEvent::Type::None; event = receiver.service(0)) {
+                idle = 0;
+                if (event.packet != nullptr) {
+                    numbers.push_back(numberOf(*event.packet));
+                }
+            }
+            if (!numbers.empty() && numbers.back() == PACKETS - 1) {
+                break;
+            }
+        }
+        return numbers;
+    }
+
+  private:
+    static std::uint32_t numberOf(const ENetPacket& packet) {
+        std::uint32_t number = 0;
+        EXPECT_EQ(packet.dataLength, GetParam().bytes);
+        std::memcpy(&number, packet.data, sizeof number);
+        EXPECT_TRUE(std::all_of(packet.data + sizeof number, packet.data + packet.dataLength,
+                                [&](unsigned char byte) { return byte == (number & 0xFF); }));
+        return number;
+    }
+};
+
+TEST_P(ReceivedOrder, NothingComesTwiceOrBehindANewerPacketOnANetworkThatReordersAndDoubles) {
+    NumberingServer server(GetParam());
+    ReorderingRelay relay(server.port());
+    const std::vector<std::uint32_t> numbers = receive(server, relay);
+    EXPECT_GT(relay.overtaken, PACKETS / 8);
+    EXPECT_GT(relay.doubled, PACKETS / 8);
+    EXPECT_EQ(std::adjacent_find(numbers.begin(), numbers.end(), std::greater_equal<>()),
+              numbers.end());
+    if (GetParam().flags == ENET_PACKET_FLAG_RELIABLE) {
+        EXPECT_EQ(numbers.size(), PACKETS);
+    } else {
+        EXPECT_GT(numbers.size(), PACKETS / 10) << "most are left out, being overtaken";
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Receiver, ReceivedOrder,
+    testing::Values(Delivery{"Reliable", ENET_PACKET_FLAG_RELIABLE, 24},
+                    Delivery{"ReliableInFragments", ENET_PACKET_FLAG_RELIABLE, 900},
+                    Delivery{"BestEffort", ENET_PACKET_FLAG_UNRELIABLE_FRAGMENT, 24},
+                    Delivery{"BestEffortInFragments", ENET_PACKET_FLAG_UNRELIABLE_FRAGMENT, 900}),
+    [](const auto& delivery) { return delivery.param.name; });
+
+}  // namespace

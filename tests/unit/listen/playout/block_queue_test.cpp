@@ -1,0 +1,51 @@
+#include "listen/playout/block_queue.h"
+
+#include <gtest/gtest.h>
+
+using vxlisten::BlockQueue;
+using vxlisten::Join;
+
+namespace {
+
+class BlockQueueTest : public testing::Test {
+  protected:
+    /// Pushes a block whose first sample is `value`.
+    void push(std::int16_t value, Join join = Join::GoesOn) {
+        const std::array<std::int16_t, 2> frame = {value, value};
+        queue_.push({frame.data(), 1, 48000, join, false}, 0);
+    }
+
+    BlockQueue queue_;
+};
+
+}  // namespace
+
+TEST_F(BlockQueueTest, BlocksWaitInTheirOrderAndCountTheirTurns) {
+    push(5, Join::NewStream);
+    push(6);
+    push(7, Join::NewStream);
+    ASSERT_EQ(queue_.size(), 3u);
+    EXPECT_EQ(queue_[1].frames[0], 6);
+    EXPECT_EQ(queue_[1].turn, 1u);
+    EXPECT_EQ(queue_[2].turn, 0u);
+    queue_.pop();
+    EXPECT_EQ(queue_[0].frames[0], 6);
+}
+
+TEST_F(BlockQueueTest, TheFirstBlockBeginsAStreamWhateverItsConnectionHeardBefore) {
+    push(5);
+    EXPECT_EQ(queue_[0].join, Join::NewStream);
+}
+
+TEST_F(BlockQueueTest, WhatFollowsABlockThatFoundNoRoomIsANewStream) {
+    for (std::size_t i = 0; i <= BlockQueue::CAPACITY; ++i) {
+        push(static_cast<std::int16_t>(i));
+    }
+    EXPECT_EQ(queue_.size(), BlockQueue::CAPACITY);
+    queue_.pop();
+    push(1000);
+    const auto& newest = queue_[BlockQueue::CAPACITY - 1];
+    EXPECT_EQ(newest.frames[0], 1000);
+    EXPECT_EQ(newest.join, Join::NewStream);
+    EXPECT_EQ(newest.turn, 0u);
+}

@@ -1,0 +1,18 @@
+#include "common/thread_check.h"
+
+#include <future>
+
+#include <gtest/gtest.h>
+
+TEST(ThreadCheck, TheFirstCallersThreadIsTheOne) {
+    const ThreadCheck check;
+    const auto elsewhere = [&check] {
+        return std::async(std::launch::async, [&check] { return check.here(); }).get();
+    };
+    EXPECT_TRUE(check.here());
+    EXPECT_TRUE(check.here());
+    EXPECT_FALSE(elsewhere());
+    const ThreadCheck other;
+    EXPECT_TRUE(std::async(std::launch::async, [&other] { return other.here(); }).get());
+    EXPECT_FALSE(other.here());
+}
