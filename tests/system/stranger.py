@@ -21,6 +21,7 @@ from probe import MULTI_CLIENT, control_message, data_request
 LIFE = 60.0  # Seconds after which the server has given up whoever is silent.
 TIME_OUT = 36.0  # Seconds in which ENet gives up who has never acknowledged anything.
 FRIENDS = 7
+PEERS, SESSIONS = 32, 4  # Of the server: places, and numbers of the connections in each.
 LONGEST = 4096
 COMMANDS_AT_MOST = 64  # Which the server reads of one datagram.
 EXTREMES = (0, 1, 2, 31, 32, 0xFF, 4095, 4096, 0x7FFF, 0x8000, 0xFFFF, 0x10000, 0xFFFFF, 0x100000,
@@ -30,6 +31,8 @@ FLAGS = (0, WANTS_ACKNOWLEDGE, UNSEQUENCED, WANTS_ACKNOWLEDGE | UNSEQUENCED)
 
 class Stranger(HandMadePeer):
     """One stranger. ``steps`` is its life: a generator of the seconds until its next step."""
+
+    place = None  # Which of the places for those that share it has.
 
     def __init__(self, server, generator, shares):
         self.random = generator
@@ -70,11 +73,9 @@ class Stranger(HandMadePeer):
         except OSError:  # Nobody there any more, or no room.
             return False
 
-    def connect(self, **changes):
-        fields = list(connect_fields(self.connect_id, self.data))
-        for place, value in changes.items():
-            fields[int(place[1:])] = value
-        return command(CONNECT, CONTROL_CHANNEL, 1, *fields, flags=WANTS_ACKNOWLEDGE)
+    def connect(self):
+        return command(CONNECT, CONTROL_CHANNEL, 1, *connect_fields(self.connect_id, self.data),
+                       flags=WANTS_ACKNOWLEDGE)
 
     # Ways to acknowledge: what is sent for what was heard.
 
@@ -361,21 +362,69 @@ class Stranger(HandMadePeer):
             yield from self.say_good_bye()
 
 
+class Forger(Stranger):
+    """Walks under an address where nobody answers, or that cannot be answered. It does not hear
+    which peer it got, and tries all."""
+
+    SENDERS = (("10.77.0.2", 0), ("10.77.0.77", 4077), ("10.77.0.255", 4077),
+               ("198.51.100.9", 4077), ("10.77.0.1", 59010), ("127.0.0.1", 59011))
+
+    def __init__(self, server, generator):
+        super().__init__(server, generator, shares=False)
+        self.sender, self.port = generator.choice(self.SENDERS)
+        self.socket.close()
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW)
+
+    def send_datagram(self, datagram):
+        head = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 28 + len(datagram), 0, 0, 64,
+                           socket.IPPROTO_UDP, 0, socket.inet_aton(self.sender),
+                           socket.inet_aton(self.server[0]))
+        ports = struct.pack("!HHHH", self.port, self.server[1], 8 + len(datagram), 0)
+        try:
+            return self.socket.sendto(head + ports + datagram, self.server) > 0
+        except OSError:  # No room.
+            return False
+
+    def heard(self):
+        return iter(())
+
+    def guess(self):
+        self.peer_id, self.session = self.random.randrange(PEERS), self.random.randrange(SESSIONS)
+
+    def walk(self):
+        self.send(self.connect(), peer=NO_PEER)
+        yield 0.1
+        words = acknowledgement(CONTROL_CHANNEL, 1, 0) + self.reliable(
+            data_request(self.random.randrange(8), self.sometimes(0.5)))
+        for self.peer_id in range(PEERS):
+            for self.session in range(SESSIONS):
+                self.send(words)
+            yield 0.002
+        end = time.monotonic() + self.random.uniform(0, 5)
+        while time.monotonic() < end:
+            self.guess()
+            self.random.choice((self.anything, self.talk, self.ping))()
+            yield 0.005
+
+
 def walk(server, seed, count, at_once, sharing):
     """Lets ``count`` strangers live, ``at_once`` of them together, ``sharing`` of these as clients
     that share the server with others. Returns how many datagrams they sent and how many had been
     answered."""
     generator = random.Random(seed)
     datagrams = answered = born = 0
-    living, places = [], [0.0] * sharing
+    living, free_at = [], [0.0] * sharing
     while living or born < count:
         while born < count and len(living) < at_once:
-            place = min(range(sharing), key=places.__getitem__)
-            shares = generator.random() < 0.3 and places[place] < time.monotonic()
-            stranger = Stranger(server, random.Random(f"{seed} {born}"), shares)
-            stranger.place = place if shares else None
-            if shares:
-                places[place] = float("inf")
+            place = min(range(sharing), key=free_at.__getitem__)
+            own = random.Random(f"{seed} {born}")
+            if own.random() < 0.05:
+                stranger = Forger(server, own)
+            else:
+                shares = generator.random() < 0.3 and free_at[place] < time.monotonic()
+                stranger = Stranger(server, own, shares)
+                if shares:
+                    stranger.place, free_at[place] = place, float("inf")
             heapq.heappush(living, (time.monotonic(), born, stranger))
             born += 1
         due, number, stranger = living[0]
@@ -389,5 +438,5 @@ def walk(server, seed, count, at_once, sharing):
         datagrams += stranger.datagrams
         answered += stranger.peer_id is not None
         if stranger.place is not None:
-            places[stranger.place] = time.monotonic() + LIFE
+            free_at[stranger.place] = time.monotonic() + LIFE
     return datagrams, answered
