@@ -10,12 +10,12 @@ import socket
 import struct
 import time
 
-from enet_wire import (ACKNOWLEDGE, BANDWIDTH_LIMIT, COMPRESSED_FLAG, CONNECT, CONTROL_CHANNEL,
-                       DATA_LENGTH_AT, DISCONNECT, FIELDS, NO_PEER, PING, SEND_FRAGMENT,
-                       SEND_RELIABLE, SEND_UNRELIABLE, SEND_UNRELIABLE_FRAGMENT, SEND_UNSEQUENCED,
-                       SENT_TIME_FLAG, THROTTLE_CONFIGURE, UNSEQUENCED, VERIFY_CONNECT,
-                       WANTS_ACKNOWLEDGE, HandMadePeer, acknowledgement, command, connect_fields,
-                       mutate, now)
+from enet_wire import (ACKNOWLEDGE, BANDWIDTH_LIMIT, COMMANDS_AT_ONCE, COMPRESSED_FLAG, CONNECT,
+                       CONTROL_CHANNEL, DATA_LENGTH_AT, DISCONNECT, FIELDS, NO_PEER, PING,
+                       SEND_FRAGMENT, SEND_RELIABLE, SEND_UNRELIABLE, SEND_UNRELIABLE_FRAGMENT,
+                       SEND_UNSEQUENCED, SENT_TIME_FLAG, THROTTLE_CONFIGURE, UNSEQUENCED,
+                       VERIFY_CONNECT, WANTS_ACKNOWLEDGE, HandMadePeer, acknowledgement, command,
+                       connect_fields, mutate, now)
 from probe import MULTI_CLIENT, control_message, data_request
 
 LIFE = 60.0  # Seconds after which the server has given up whoever is silent.
@@ -23,7 +23,6 @@ TIME_OUT = 36.0  # Seconds in which ENet gives up who has never acknowledged any
 FRIENDS = 7
 PEERS, SESSIONS = 32, 4  # Of the server: places, and numbers of the connections in each.
 LONGEST = 4096
-COMMANDS_AT_MOST = 64  # Which the server reads of one datagram.
 EXTREMES = (0, 1, 2, 31, 32, 0xFF, 4095, 4096, 0x7FFF, 0x8000, 0xFFFF, 0x10000, 0xFFFFF, 0x100000,
             0x7FFFFFFF, 0xFFFFFFFF)
 FLAGS = (0, WANTS_ACKNOWLEDGE, UNSEQUENCED, WANTS_ACKNOWLEDGE | UNSEQUENCED)
@@ -63,9 +62,9 @@ class Stranger(HandMadePeer):
             word ^= self.random.choice((COMPRESSED_FLAG, 1 << 12, 2 << 12, 1, NO_PEER))
         if timed is None:
             timed = not self.sometimes(self.sloppy)
-        head = struct.pack("!HH", word | SENT_TIME_FLAG, now()) if timed else struct.pack("!H", word)
+        head = (word | SENT_TIME_FLAG, now()) if timed else (word,)
         self.datagrams += 1
-        return self.send_datagram((head + commands)[:LONGEST])
+        return self.send_datagram((struct.pack(f"!{len(head)}H", *head) + commands)[:LONGEST])
 
     def send_datagram(self, datagram):
         try:
@@ -145,7 +144,7 @@ class Stranger(HandMadePeer):
     def pack(self):
         """As many commands as fit, or a few less than are too many."""
         least = self.usual(self.random.choice((PING, SEND_UNSEQUENCED, ACKNOWLEDGE)))
-        count = self.random.choice((COMMANDS_AT_MOST, LONGEST // len(least)))
+        count = self.random.choice((COMMANDS_AT_ONCE, LONGEST // len(least)))
         self.send(least * count)
 
     def look_ahead(self):
@@ -156,14 +155,14 @@ class Stranger(HandMadePeer):
         kinds = self.random.choice((kinds, *((kind,) for kind in kinds)))
         self.send(b"".join(self.early(self.random.choice(kinds), channel,
                                       ahead + self.random.randint(0, 300), shape)
-                           for _ in range(COMMANDS_AT_MOST)))
+                           for _ in range(COMMANDS_AT_ONCE)))
 
     def begin_long_messages(self):
         """First pieces of messages, whose others never come."""
         kind, shape = self.random.choice((SEND_FRAGMENT, SEND_UNRELIABLE_FRAGMENT)), self.shape()
         self.send(b"".join(
             self.early(kind, 0, self.sequences[0] + self.random.randint(0, 2), shape)
-            for _ in range(COMMANDS_AT_MOST)))
+            for _ in range(COMMANDS_AT_ONCE)))
 
     def send_again(self):
         if self.sent:
@@ -222,8 +221,9 @@ class Stranger(HandMadePeer):
 
     def odd(self, value, kind):
         bits = 8 * struct.calcsize("!" + kind)
-        return self.random.choice((value, value, value + 1, value - 1, self.random.getrandbits(bits),
-                                   self.random.choice(EXTREMES))) & (1 << bits) - 1
+        odd = self.random.choice((value, value, value + 1, value - 1, self.random.choice(EXTREMES),
+                                  self.random.getrandbits(bits)))
+        return odd & (1 << bits) - 1
 
     def odd_command(self):
         """Any command, some of its fields changed."""
