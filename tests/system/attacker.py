@@ -19,13 +19,12 @@ import subprocess
 import sys
 import time
 
-from enet_wire import connect_datagram, connect_peers, flood, mutate
+from enet_wire import COMMANDS_AT_ONCE, connect_datagram, connect_peers, flood, mutate
 from processes import Process
 import stranger
 
 SERVER_PORT, DISCOVERY_PORT = 59010, 59011
 LONGEST_DATAGRAM = 65507
-COMMANDS_AT_ONCE = 64  # The server reads no longer datagram.
 FRAGMENTED_MESSAGE = 30_000_000  # Bytes; ENet itself would take up to 32 MiB.
 AHEAD = 1.1  # A sender of messages aims at so many times its rate.
 PATIENCE = 60.0  # Seconds.

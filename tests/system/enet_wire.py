@@ -27,6 +27,7 @@ SIZES = {number: struct.calcsize("!BBH" + fields) for number, fields in FIELDS.i
 DATA_LENGTH_AT = {SEND_RELIABLE: 4, SEND_UNRELIABLE: 6, SEND_FRAGMENT: 6, SEND_UNSEQUENCED: 6,
                   SEND_UNRELIABLE_FRAGMENT: 6}
 
+COMMANDS_AT_ONCE = 64  # The server reads no longer datagram.
 FRAGMENT_BYTES = 1000
 KEPT_DATAGRAMS = 200
 

@@ -10,19 +10,19 @@ import socket
 import struct
 import time
 
-from enet_wire import (ACKNOWLEDGE, BANDWIDTH_LIMIT, COMPRESSED_FLAG, CONNECT, CONTROL_CHANNEL,
-                       DATA_LENGTH_AT, DISCONNECT, FIELDS, NO_PEER, PING, SEND_FRAGMENT,
-                       SEND_RELIABLE, SEND_UNRELIABLE, SEND_UNRELIABLE_FRAGMENT, SEND_UNSEQUENCED,
-                       SENT_TIME_FLAG, THROTTLE_CONFIGURE, UNSEQUENCED, VERIFY_CONNECT,
-                       WANTS_ACKNOWLEDGE, HandMadePeer, acknowledgement, command, connect_fields,
-                       mutate, now)
+from enet_wire import (ACKNOWLEDGE, BANDWIDTH_LIMIT, COMMANDS_AT_ONCE, COMPRESSED_FLAG, CONNECT,
+                       CONTROL_CHANNEL, DATA_LENGTH_AT, DISCONNECT, FIELDS, NO_PEER, PING,
+                       SEND_FRAGMENT, SEND_RELIABLE, SEND_UNRELIABLE, SEND_UNRELIABLE_FRAGMENT,
+                       SEND_UNSEQUENCED, SENT_TIME_FLAG, THROTTLE_CONFIGURE, UNSEQUENCED,
+                       VERIFY_CONNECT, WANTS_ACKNOWLEDGE, HandMadePeer, acknowledgement, command,
+                       connect_fields, mutate, now)
 from probe import MULTI_CLIENT, control_message, data_request
 
 LIFE = 60.0  # Seconds after which the server has given up whoever is silent.
 TIME_OUT = 36.0  # Seconds in which ENet gives up who has never acknowledged anything.
 FRIENDS = 7
+PEERS, SESSIONS = 32, 4  # Of the server: places, and numbers of the connections in each.
 LONGEST = 4096
-COMMANDS_AT_MOST = 64  # Which the server reads of one datagram.
 EXTREMES = (0, 1, 2, 31, 32, 0xFF, 4095, 4096, 0x7FFF, 0x8000, 0xFFFF, 0x10000, 0xFFFFF, 0x100000,
             0x7FFFFFFF, 0xFFFFFFFF)
 FLAGS = (0, WANTS_ACKNOWLEDGE, UNSEQUENCED, WANTS_ACKNOWLEDGE | UNSEQUENCED)
@@ -30,6 +30,8 @@ FLAGS = (0, WANTS_ACKNOWLEDGE, UNSEQUENCED, WANTS_ACKNOWLEDGE | UNSEQUENCED)
 
 class Stranger(HandMadePeer):
     """One stranger. ``steps`` is its life: a generator of the seconds until its next step."""
+
+    place = None  # Which of the places for those that share it has.
 
     def __init__(self, server, generator, shares):
         self.random = generator
@@ -60,9 +62,9 @@ class Stranger(HandMadePeer):
             word ^= self.random.choice((COMPRESSED_FLAG, 1 << 12, 2 << 12, 1, NO_PEER))
         if timed is None:
             timed = not self.sometimes(self.sloppy)
-        head = struct.pack("!HH", word | SENT_TIME_FLAG, now()) if timed else struct.pack("!H", word)
+        head = (word | SENT_TIME_FLAG, now()) if timed else (word,)
         self.datagrams += 1
-        return self.send_datagram((head + commands)[:LONGEST])
+        return self.send_datagram((struct.pack(f"!{len(head)}H", *head) + commands)[:LONGEST])
 
     def send_datagram(self, datagram):
         try:
@@ -70,11 +72,9 @@ class Stranger(HandMadePeer):
         except OSError:  # Nobody there any more, or no room.
             return False
 
-    def connect(self, **changes):
-        fields = list(connect_fields(self.connect_id, self.data))
-        for place, value in changes.items():
-            fields[int(place[1:])] = value
-        return command(CONNECT, CONTROL_CHANNEL, 1, *fields, flags=WANTS_ACKNOWLEDGE)
+    def connect(self):
+        return command(CONNECT, CONTROL_CHANNEL, 1, *connect_fields(self.connect_id, self.data),
+                       flags=WANTS_ACKNOWLEDGE)
 
     # Ways to acknowledge: what is sent for what was heard.
 
@@ -144,7 +144,7 @@ class Stranger(HandMadePeer):
     def pack(self):
         """As many commands as fit, or a few less than are too many."""
         least = self.usual(self.random.choice((PING, SEND_UNSEQUENCED, ACKNOWLEDGE)))
-        count = self.random.choice((COMMANDS_AT_MOST, LONGEST // len(least)))
+        count = self.random.choice((COMMANDS_AT_ONCE, LONGEST // len(least)))
         self.send(least * count)
 
     def look_ahead(self):
@@ -155,14 +155,14 @@ class Stranger(HandMadePeer):
         kinds = self.random.choice((kinds, *((kind,) for kind in kinds)))
         self.send(b"".join(self.early(self.random.choice(kinds), channel,
                                       ahead + self.random.randint(0, 300), shape)
-                           for _ in range(COMMANDS_AT_MOST)))
+                           for _ in range(COMMANDS_AT_ONCE)))
 
     def begin_long_messages(self):
         """First pieces of messages, whose others never come."""
         kind, shape = self.random.choice((SEND_FRAGMENT, SEND_UNRELIABLE_FRAGMENT)), self.shape()
         self.send(b"".join(
             self.early(kind, 0, self.sequences[0] + self.random.randint(0, 2), shape)
-            for _ in range(COMMANDS_AT_MOST)))
+            for _ in range(COMMANDS_AT_ONCE)))
 
     def send_again(self):
         if self.sent:
@@ -221,8 +221,9 @@ class Stranger(HandMadePeer):
 
     def odd(self, value, kind):
         bits = 8 * struct.calcsize("!" + kind)
-        return self.random.choice((value, value, value + 1, value - 1, self.random.getrandbits(bits),
-                                   self.random.choice(EXTREMES))) & (1 << bits) - 1
+        odd = self.random.choice((value, value, value + 1, value - 1, self.random.choice(EXTREMES),
+                                  self.random.getrandbits(bits)))
+        return odd & (1 << bits) - 1
 
     def odd_command(self):
         """Any command, some of its fields changed."""
@@ -361,21 +362,69 @@ class Stranger(HandMadePeer):
             yield from self.say_good_bye()
 
 
+class Forger(Stranger):
+    """Walks under an address where nobody answers, or that cannot be answered. It does not hear
+    which peer it got, and tries all."""
+
+    SENDERS = (("10.77.0.2", 0), ("10.77.0.77", 4077), ("10.77.0.255", 4077),
+               ("198.51.100.9", 4077), ("10.77.0.1", 59010), ("127.0.0.1", 59011))
+
+    def __init__(self, server, generator):
+        super().__init__(server, generator, shares=False)
+        self.sender, self.port = generator.choice(self.SENDERS)
+        self.socket.close()
+        self.socket = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_RAW)
+
+    def send_datagram(self, datagram):
+        head = struct.pack("!BBHHHBBH4s4s", 0x45, 0, 28 + len(datagram), 0, 0, 64,
+                           socket.IPPROTO_UDP, 0, socket.inet_aton(self.sender),
+                           socket.inet_aton(self.server[0]))
+        ports = struct.pack("!HHHH", self.port, self.server[1], 8 + len(datagram), 0)
+        try:
+            return self.socket.sendto(head + ports + datagram, self.server) > 0
+        except OSError:  # No room.
+            return False
+
+    def heard(self):
+        return iter(())
+
+    def guess(self):
+        self.peer_id, self.session = self.random.randrange(PEERS), self.random.randrange(SESSIONS)
+
+    def walk(self):
+        self.send(self.connect(), peer=NO_PEER)
+        yield 0.1
+        words = acknowledgement(CONTROL_CHANNEL, 1, 0) + self.reliable(
+            data_request(self.random.randrange(8), self.sometimes(0.5)))
+        for self.peer_id in range(PEERS):
+            for self.session in range(SESSIONS):
+                self.send(words)
+            yield 0.002
+        end = time.monotonic() + self.random.uniform(0, 5)
+        while time.monotonic() < end:
+            self.guess()
+            self.random.choice((self.anything, self.talk, self.ping))()
+            yield 0.005
+
+
 def walk(server, seed, count, at_once, sharing):
     """Lets ``count`` strangers live, ``at_once`` of them together, ``sharing`` of these as clients
     that share the server with others. Returns how many datagrams they sent and how many had been
     answered."""
     generator = random.Random(seed)
     datagrams = answered = born = 0
-    living, places = [], [0.0] * sharing
+    living, free_at = [], [0.0] * sharing
     while living or born < count:
         while born < count and len(living) < at_once:
-            place = min(range(sharing), key=places.__getitem__)
-            shares = generator.random() < 0.3 and places[place] < time.monotonic()
-            stranger = Stranger(server, random.Random(f"{seed} {born}"), shares)
-            stranger.place = place if shares else None
-            if shares:
-                places[place] = float("inf")
+            place = min(range(sharing), key=free_at.__getitem__)
+            own = random.Random(f"{seed} {born}")
+            if own.random() < 0.05:
+                stranger = Forger(server, own)
+            else:
+                shares = generator.random() < 0.3 and free_at[place] < time.monotonic()
+                stranger = Stranger(server, own, shares)
+                if shares:
+                    stranger.place, free_at[place] = place, float("inf")
             heapq.heappush(living, (time.monotonic(), born, stranger))
             born += 1
         due, number, stranger = living[0]
@@ -389,5 +438,5 @@ def walk(server, seed, count, at_once, sharing):
         datagrams += stranger.datagrams
         answered += stranger.peer_id is not None
         if stranger.place is not None:
-            places[stranger.place] = time.monotonic() + LIFE
+            free_at[stranger.place] = time.monotonic() + LIFE
     return datagrams, answered
