@@ -120,33 +120,33 @@ class Sender {
         const std::size_t id = peerWord & ENET_PROTOCOL_MAXIMUM_PEER_ID;
         if (id < host.peerCount && host.peers[id].address.host == host.receivedAddress.host &&
             host.peers[id].address.port == host.receivedAddress.port) {
-            peer = &host.peers[id];
+            peer_ = &host.peers[id];
         }
     }
 
     bool hasNoRoomFor(unsigned type, const enet_uint8* command) {
         const std::size_t channel = command[offsetof(ENetProtocolCommandHeader, channelID)];
-        return peer != nullptr && channel < peer->channelCount &&
-               mayWait(type, command, peer->channels[channel]) && hasNoRoom();
+        return peer_ != nullptr && channel < peer_->channelCount &&
+               mayWait(type, command, peer_->channels[channel]) && hasNoRoom();
     }
 
   private:
     /// Looked at once for a datagram: ENet has not read it yet.
     bool hasNoRoom() {
-        if (!looked) {
-            looked = true;
-            full = std::any_of(peer->channels, peer->channels + peer->channelCount,
-                               [](const ENetChannel& channel) {
-                                   return isFull(channel.incomingReliableCommands) ||
-                                          isFull(channel.incomingUnreliableCommands);
-                               });
+        if (!looked_) {
+            looked_ = true;
+            full_ = std::any_of(peer_->channels, peer_->channels + peer_->channelCount,
+                                [](const ENetChannel& channel) {
+                                    return isFull(channel.incomingReliableCommands) ||
+                                           isFull(channel.incomingUnreliableCommands);
+                                });
         }
-        return full;
+        return full_;
     }
 
-    const ENetPeer* peer = nullptr;
-    bool looked = false;
-    bool full = false;
+    const ENetPeer* peer_ = nullptr;
+    bool looked_ = false;
+    bool full_ = false;
 };
 
 /// How much of the received datagram ENet may read; 0: nothing.

@@ -54,21 +54,21 @@ bool checkedLately(std::int32_t last, std::int32_t now) {
 /// Sets options one after the other until one fails.
 class OptionSetter {
   public:
-    explicit OptionSetter(CURL* curlHandle) : handle(curlHandle) {}
+    explicit OptionSetter(CURL* curlHandle) : handle_(curlHandle) {}
 
     template <class Value>
     OptionSetter& set(CURLoption option, Value value) {
-        if (result == CURLE_OK) {
-            result = curl_easy_setopt2(handle, option, value);
+        if (result_ == CURLE_OK) {
+            result_ = curl_easy_setopt2(handle_, option, value);
         }
         return *this;
     }
 
-    [[nodiscard]] CURLcode outcome() const { return result; }
+    [[nodiscard]] CURLcode outcome() const { return result_; }
 
   private:
-    CURL* handle;
-    CURLcode result = CURLE_OK;
+    CURL* handle_;
+    CURLcode result_ = CURLE_OK;
 };
 
 CURLcode prepare(CURL* handle, WebIf* receiver) {

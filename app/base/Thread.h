@@ -28,7 +28,7 @@ class Thread {
     virtual int run();
 
     /// The handle: 0 before a start and after a successful join.
-    [[nodiscard]] pthread_t tid() const { return handle; }
+    [[nodiscard]] pthread_t tid() const { return handle_; }
 
     /// Real-time scheduling (SCHED_FIFO) at a priority above 0, ordinary scheduling otherwise.
     [[nodiscard]] int setPriority(int priority);
@@ -41,8 +41,8 @@ class Thread {
 
     static int _initResult;
 
-    pthread_t handle = 0;
-    pthread_attr_t attributes;
+    pthread_t handle_ = 0;
+    pthread_attr_t attributes_;
 };
 
 /// Suspends the calling thread. Thread: any but capture.
