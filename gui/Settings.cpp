@@ -1,5 +1,7 @@
 #include "gui/Settings.h"
 
+#include <cassert>
+
 #include <QSettings>
 #include <QString>
 #include <QVariant>
@@ -115,6 +117,7 @@ void Settings::setVersionCheckResponse(const char* version) {
 }
 
 std::string Settings::getInputSelect(const char* suffix) {
+    assert(suffix != nullptr);
     if (suffix[0] == '\0') {
         return InputSelect;
     }
@@ -122,6 +125,7 @@ std::string Settings::getInputSelect(const char* suffix) {
 }
 
 void Settings::setInputSelect(const char* value, const char* suffix) {
+    assert(value != nullptr && suffix != nullptr);
     Store store;
     if (suffix[0] == '\0') {
         InputSelect = value;

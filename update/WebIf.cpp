@@ -1,6 +1,7 @@
 #include "update/WebIf.h"
 
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 
 #include "app/base/console.h"
 #include "app/base/core_pin.h"
+#include "common/thread_check.h"
 #include "gui/Settings.h"
 #include "update/curl_functions.h"
 #include "update/version_page.h"
@@ -111,6 +113,7 @@ void release(CURL* handle) {
 }  // namespace
 
 int WebIf::init() {
+    assert(onMainThread());
     // Made here, so that a complaint about the variable shows at start-up, and so that nothing
     // needs memory for it when clients are being served: too little of it ends the program.
     versionFileAddress();

@@ -1,5 +1,6 @@
 #include "app/base/Thread.h"
 
+#include <cassert>
 #include <cerrno>
 #include <sched.h>
 #include <unistd.h>
@@ -33,6 +34,7 @@ Thread::~Thread() {
 }
 
 int Thread::start(void* (*fn)(void*), void* arg) {
+    assert(owner_.here());
     if (handle_ != 0) {
         return ALREADY_STARTED;
     }
@@ -54,6 +56,7 @@ void* Thread::s_Run(void* object) {
 }
 
 int Thread::join(int* result) {
+    assert(owner_.here());
     if (handle_ == 0) {
         return statusOf(ESRCH);  // Not for the system to look at: no handle is that of a thread.
     }
@@ -70,6 +73,7 @@ int Thread::run() {
 }
 
 int Thread::setPriority(int priority) {
+    assert(owner_.here());
     if (handle_ == 0) {
         return statusOf(ESRCH);
     }

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include "common/thread_check.h"
+
 /// A POSIX thread with integer status codes. One owner thread drives an object (start, join,
 /// destruction); nothing here locks.
 ///
@@ -43,6 +45,7 @@ class Thread {
 
     pthread_t handle_ = 0;
     pthread_attr_t attributes_;
+    ThreadCheck owner_;
 };
 
 /// Suspends the calling thread. Thread: any but capture.
