@@ -2,8 +2,9 @@
 
 Usage: layers.py   (scripts/check layers runs it)
 
-A room may include itself and what its line names. A path names a file, else a folder with all
-below it; the longest that fits decides. The CMake files link the libraries in the same order.
+A room may include itself, common/ and what its line names. A path names a file, else a folder
+with all below it; the longest that fits decides. The CMake files link the libraries in the same
+order.
 """
 
 import re
@@ -39,8 +40,8 @@ def room_of(path):
 
 def main():
     wrong = []
-    for file in sorted(path for room in ("app", "audio", "stream", "discovery", "gui", "update",
-                                         "listen") for path in (ROOT / room).rglob("*.[ch]*")):
+    for file in sorted(path for room in ("common", "app", "audio", "stream", "discovery",
+                                         "gui", "update", "listen") for path in (ROOT / room).rglob("*.[ch]*")):
         room = room_of(str(file.relative_to(ROOT).with_suffix("")))
         allowed = ROOMS.get(room, ())
         for line in file.read_text(encoding="utf-8").splitlines():
