@@ -55,8 +55,13 @@ int runHeadless(int& argc, char** argv) {
 }
 
 int runWithWindow(int& argc, char** argv) {
+#if QT_VERSION_MAJOR < 6  // Qt 6 scales by itself.
     QApplication::setAttribute(Qt::AA_EnableHighDpiScaling);
     QApplication::setAttribute(Qt::AA_UseHighDpiPixmaps);
+    QApplication::setHighDpiScaleFactorRoundingPolicy(
+        Qt::HighDpiScaleFactorRoundingPolicy::PassThrough);
+#endif
+    QApplication::setDesktopFileName("example.velantrix.server");
     const QApplication application(argc, argv);
     installMainLoopRequests();
     int result = 0;

@@ -2,8 +2,18 @@
 
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
-find_package(Qt5 5.12 REQUIRED COMPONENTS Core Gui Widgets)
 find_package(CLI11 REQUIRED)
+
+set(qt ${VELANTRIX_QT})
+if(NOT qt)
+  find_package(Qt5 5.15 QUIET COMPONENTS Core Gui Widgets)
+  if(Qt5_FOUND)
+    set(qt 5)
+  else()
+    set(qt 6)
+  endif()
+endif()
+find_package(Qt${qt} 5.15 REQUIRED COMPONENTS Core Gui Widgets)
 
 pkg_check_modules(ENET REQUIRED IMPORTED_TARGET libenet>=1.3)
 pkg_check_modules(PORTAUDIO REQUIRED IMPORTED_TARGET portaudio-2.0)

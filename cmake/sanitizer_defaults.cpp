@@ -52,11 +52,11 @@ extern "C" const char* __tsan_default_suppressions() {
         "thread:VelantrixServerNoGUI::init\n"
         "thread:VelantrixServerNoGUI::closeAudioUnderWatchdog\n"
         // The toolkit's atomics and futexes, by which it hands events from thread to thread.
-        "called_from_lib:libQt5Core.so\n"
-        "called_from_lib:libQt5Gui.so\n"
-        "called_from_lib:libQt5Widgets.so\n"
-        "called_from_lib:libQt5DBus.so\n"
-        "called_from_lib:libQt5XcbQpa.so\n"
+        "called_from_lib:libQt*Core.so\n"
+        "called_from_lib:libQt*Gui.so\n"
+        "called_from_lib:libQt*Widgets.so\n"
+        "called_from_lib:libQt*DBus.so\n"
+        "called_from_lib:libQt*XcbQpa.so\n"
         // The main loop below the toolkit's.
         "called_from_lib:libglib-2.0.so\n"
         // The buses' and the screen's messages, written by one thread and read by another.

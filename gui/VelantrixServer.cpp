@@ -2,20 +2,24 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
 
 #include <QCoreApplication>
 #include <QEvent>
+#include <QFont>
 #include <QIcon>
 #include <QPixmap>
 
 #include "app/core_life.h"
-#include "gui/text_fit.h"
+#include "common/thread_check.h"
 #include "stream/capture_rate.h"
 
 namespace {
+
+constexpr int FONT_PIXELS = 13;
 
 constexpr int TICK_MS = 1000;
 constexpr std::uint32_t TITLE_TICK = 1;  // Ticks before the one that shortens the title.
@@ -45,6 +49,13 @@ QString audioStatusText(bool active) {
            QString().setNum(rate, 'g', 6) + QStringLiteral(" kHz</font>");
 }
 
+/// The layout is fixed in pixels, so the size of the font is, too; its family is the user's.
+void fixFontSize(QWidget& content) {
+    QFont font;
+    font.setPixelSize(FONT_PIXELS);
+    content.setFont(font);
+}
+
 /// Copies at most 255 bytes.
 void remember(char (&kept)[NAME_ROOM], const char* name) {
     const std::size_t length = std::min(std::strlen(name), NAME_ROOM - 1);
@@ -62,7 +73,7 @@ static void keepResources() {
 VelantrixServer::VelantrixServer(QWidget* parent) : QMainWindow(parent) {
     keepResources();
     ui.setupUi(this);
-    fitFont(*ui.centralwidget);
+    fixFontSize(*ui.centralwidget);
     setWindowTitle("Velantrix Server  v" VELANTRIX_VERSION "    ");
     setWindowIcon(QIcon(":/vx-icon-sm.png"));
     logoImage.load(":/win_bitmap.bmp");
@@ -82,6 +93,7 @@ VelantrixServer::VelantrixServer(QWidget* parent) : QMainWindow(parent) {
 }
 
 VelantrixServer::~VelantrixServer() {
+    assert(onMainThread());
     closeCore(serveReports, this);
 }
 
@@ -101,6 +113,7 @@ void VelantrixServer::connectReports() {
 }
 
 void VelantrixServer::UpdateState() {
+    assert(onMainThread());
     ui.lineEditServerAddress->setText(QString::fromUtf8(GetIPAddress()));
 }
 
@@ -124,6 +137,7 @@ void VelantrixServer::handleTimerTimeout() {
 }
 
 void VelantrixServer::SetClientStatus(int clientCount, const char* clientName, bool direct) {
+    assert(direct == onMainThread());
     static char o_name[NAME_ROOM] = "";  // Touched by the capture thread only, once it runs.
 
     char text[STATUS_ROOM] = "Disconnected";

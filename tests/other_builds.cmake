@@ -5,6 +5,7 @@ set(VELANTRIX_PLAIN_BUILD "" CACHE PATH
     "Build folder without sanitizers, for the tests that cannot run with one")
 set(VELANTRIX_THREAD_BUILD "" CACHE PATH
     "Build folder with the thread sanitizer, for a second run of some system tests")
+set(VELANTRIX_QT6_BUILD "" CACHE PATH "Build folder with Qt 6, for a second run of the window's tests")
 
 # Where the tests that measure, that replace malloc or that look at the programs as they are shipped
 # find them. Empty in a build with sanitizers that knows no other one: such tests are left out.
@@ -18,13 +19,14 @@ set(VX_PLAIN_TARGETS VelantrixServer velantrix-listen packaging/all instruction_
     soak_server soak_clients paced_capture torture enet_probe callback_tripwire_test scarce_resources_test
     listen_callback_test preload_clock preload_faults preload_scarce)
 set(VX_THREAD_TARGETS VelantrixServer enet_probe preload_faults)
+set(VX_QT6_UNIT_TESTS no_child_test settings_test volume_control_test window_test)
 
 # vx_other_build(NAME FOLDER PRESET TARGET...): the test build.NAME makes targets of a preset; the
 # tests that vx_needs_build(TEST NAME) names wait for it.
 function(vx_other_build name folder preset)
   if(folder)
     add_test(NAME build.${name}
-             COMMAND nice -n 19 ${CMAKE_SOURCE_DIR}/scripts/build-preset ${preset} ${ARGN})
+             COMMAND nice -n 19 ${CMAKE_SOURCE_DIR}/scripts/lib/build-preset ${preset} ${ARGN})
     set_tests_properties(build.${name} PROPERTIES
       LABELS check RESOURCE_LOCK every_core COST 1000 TIMEOUT 1500 FIXTURES_SETUP build_${name})
   endif()
@@ -36,3 +38,4 @@ endfunction()
 
 vx_other_build(plain "${VELANTRIX_PLAIN_BUILD}" dev ${VX_PLAIN_TARGETS})
 vx_other_build(thread "${VELANTRIX_THREAD_BUILD}" tsan ${VX_THREAD_TARGETS})
+vx_other_build(qt6 "${VELANTRIX_QT6_BUILD}" qt6 VelantrixServer enet_probe ${VX_QT6_UNIT_TESTS})

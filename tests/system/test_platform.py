@@ -4,12 +4,13 @@ Wayland is a real compositor without an output (weston); X11 is Xvfb.
 """
 
 import os
+import re
 import subprocess
 import time
 import unittest
 
 from support.display import Display
-from support.harness import Server, SystemTest, die_with_parent, wait_until
+from support.harness import SOURCE, Server, SystemTest, die_with_parent, wait_until
 
 WARNING = ("Warning: This session may be using a Wayland variant. If you see any other Qt errors "
            "you should choose X11 by starting VelantrixServer with '-platform xcb' option.")
@@ -52,11 +53,12 @@ class Platform(SystemTest):
                              [warning] if warning else [])
             self.assertEqual(server.stop(), 0)
 
+    # Where nothing is chosen, Qt 6 prefers a compositor that is there.
     def test_x11_session_says_nothing(self):
-        self.check(x11=True, XDG_SESSION_TYPE="x11")
+        self.check(x11=True, XDG_SESSION_TYPE="x11", WAYLAND_DISPLAY=None)
 
     def test_no_session_type_says_nothing(self):
-        self.check(x11=True)
+        self.check(x11=True, WAYLAND_DISPLAY=None)
 
     def test_wayland_session_is_steered_to_x11(self):
         self.check(x11=True, warning=IGNORING, XDG_SESSION_TYPE="wayland")
@@ -65,7 +67,8 @@ class Platform(SystemTest):
         self.check(x11=True, warning=IGNORING, XDG_SESSION_TYPE="Wayland")
 
     def test_wayland_variant_is_warned_about(self):
-        self.check("-b", "127.0.0.1", x11=True, warning=WARNING, XDG_SESSION_TYPE="wayland-egl")
+        self.check("-b", "127.0.0.1", x11=True, warning=WARNING, XDG_SESSION_TYPE="wayland-egl",
+                   WAYLAND_DISPLAY=None)
 
     def test_chosen_x11_in_a_wayland_session_says_nothing(self):
         self.check(x11=True, QT_QPA_PLATFORM="xcb", XDG_SESSION_TYPE="wayland")
@@ -85,6 +88,14 @@ class Platform(SystemTest):
 
     def test_platform_option_leaves_the_environment_alone(self):
         self.check("-platform", "xcb", x11=True, QT_QPA_PLATFORM="wayland")
+
+    def test_compositor_is_told_the_desktop_entry(self):
+        entry = next((SOURCE / "packaging/applications").iterdir()).stem
+        with Server("-verbose", "-platform", "wayland", gui=True,
+                    env={"WAYLAND_DISPLAY": "wayland-test", "WAYLAND_DEBUG": "1",
+                         "XDG_RUNTIME_DIR": str(display.folder)}) as server:
+            server.err.wait_for(re.compile(rf'\.set_app_id\("{re.escape(entry)}"\)'))
+            self.assertEqual(server.stop(), 0)
 
     def test_later_argument_that_names_wayland_is_taken_for_a_platform(self):
         with Server("-platform", "xcb", "-b", "my-wayland-box", gui=True,

@@ -4,7 +4,9 @@
 #include <map>
 #include <vector>
 
+#include <QApplication>
 #include <QFile>
+#include <QFont>
 #include <QImage>
 #include <QLabel>
 #include <QLineEdit>
@@ -173,6 +175,42 @@ TEST(WindowForm, ShowsIconAndLogoUnscaled) {
     ASSERT_NE(label->pixmap(Qt::ReturnByValue).toImage(), QImage());
     EXPECT_EQ(label->pixmap(Qt::ReturnByValue).size(), QSize(160, 120));
     EXPECT_FALSE(label->hasScaledContents());
+}
+
+class UsersFont : public ::testing::Test {
+  protected:
+    ~UsersFont() override { QApplication::setFont(usual); }
+
+    static void expectFits(const QWidget& widget, const QString& text) {
+        const QSize size = widget.fontMetrics().size(0, text);
+        EXPECT_LE(size.width(), widget.width()) << text.toStdString();
+        EXPECT_LE(size.height(), widget.height()) << text.toStdString();
+    }
+
+    QFont usual = QApplication::font();
+};
+
+TEST_F(UsersFont, OfAnySizeLeavesNoTextCutOff) {
+    QFont pixels("DejaVu Sans");
+    pixels.setPixelSize(40);
+    const QFont bold("DejaVu Sans", 9, QFont::Bold);
+    for (const QFont& font : {bold, QFont("DejaVu Sans", 30), pixels}) {
+        QApplication::setFont(font);
+        const VelantrixServer window(nullptr);
+        for (const char* const name : {"label", "label_2", "pushButtonTest"}) {
+            const auto* const widget = window.findChild<QWidget*>(name);
+            expectFits(*widget, widget->property("text").toString());
+        }
+        expectFits(*window.findChild<QWidget*>("labelAudioStatus"),
+                   "Audio capture running at 44.1 kHz");
+        expectFits(*window.findChild<QWidget*>("lineEditServerAddress"), "255.255.255.255");
+    }
+}
+
+TEST_F(UsersFont, KeepsItsFamily) {
+    QApplication::setFont(QFont("DejaVu Serif", 10));
+    const VelantrixServer window(nullptr);
+    EXPECT_EQ(window.findChild<QLabel*>("label_2")->font().family(), "DejaVu Serif");
 }
 
 TEST(WindowForm, LinesStayEditableButTakeNoFocus) {

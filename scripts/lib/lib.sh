@@ -6,7 +6,7 @@
 
 set -euo pipefail
 
-repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 jobs=${JOBS:-$(nproc)}
 
 # PulseAudio for ourselves, where the package cannot be installed; see unpack_sound_server.
@@ -25,13 +25,13 @@ packages_test=(
     gir1.2-atspi-2.0 python3-gi libglib2.0-bin x11-utils weston qtwayland5 desktop-file-utils
     appstream mandoc zsh systemd valgrind python3-pytest python3-pyte
 )
+packages_qt6=(qt6-base-dev qt6-wayland)
 packages_check=(clang clang-tidy clang-format cppcheck)
 packages_analysis=("${packages_check[@]}" iwyu)
 packages_bench=(
     libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib valgrind
 )
 packages_coverage=(gcovr)
-packages_fuzzcoverage=(llvm)
 packages_package=(dpkg-dev lintian file)
 packages_trees=(debootstrap iproute2 python3)
 
@@ -110,6 +110,8 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
              mandoc zsh valgrind
          for the checks:  clang cppcheck
          for benchmarks:  benchmark python-matplotlib valgrind pulseaudio
+
+Qt 6 does as well: qt6-qtbase-devel and qt6-qtwayland, or qt6-base and qt6-wayland.
 
 Install them, then start the script again with VELANTRIX_SKIP_SETUP=1.
 NAMES
