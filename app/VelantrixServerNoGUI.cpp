@@ -1,3 +1,6 @@
+#include "app/base/VelantrixServerNoGUI.h"
+
+#include <cassert>
 
 #include "app/base/Thread.h"
 #include "app/base/console.h"
@@ -5,6 +8,7 @@
 #include "app/base/process_exit.h"
 #include "app/core_life.h"
 #include "audio/Audio.h"
+#include "common/thread_check.h"
 #include "discovery/multi_host.h"
 #include "gui/Settings.h"
 #include "stream/network_host.h"
@@ -28,6 +32,7 @@ VelantrixServerNoGUI::~VelantrixServerNoGUI() {
 }
 
 void VelantrixServerNoGUI::init() {
+    assert(onMainThread());
     consolePuts("Velantrix Server v" VELANTRIX_VERSION);
     Settings::loadSettings();
 

@@ -1,4 +1,5 @@
 #include <arpa/inet.h>
+#include <cassert>
 #include <cstdio>
 #include <ifaddrs.h>
 #include <memory>
@@ -9,6 +10,7 @@
 #include "app/base/VelantrixServerNoGUI.h"
 #include "app/base/console.h"
 #include "app/base/start_values.h"
+#include "common/thread_check.h"
 
 namespace {
 
@@ -66,6 +68,7 @@ bool findAddress(char (&result)[RESULT_ROOM], bool print) {
 }  // namespace
 
 const char* VelantrixServerNoGUI::GetIPAddress() {
+    assert(onMainThread());
     static char result[RESULT_ROOM];
     static bool everFound = false;
 

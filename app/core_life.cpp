@@ -1,7 +1,10 @@
 #include "app/core_life.h"
 
+#include <cassert>
+
 #include "app/base/Thread.h"
 #include "app/base/core_pin.h"
+#include "common/thread_check.h"
 
 namespace {
 
@@ -25,10 +28,12 @@ VelantrixServerNoGUI* afterlifeCore() {
 }  // namespace
 
 void markCoreAlive() {
+    assert(onMainThread());
     coreStage.store(CoreStage::Alive);
 }
 
 void closeCore(void (*serveReports)(void*), void* context) {
+    assert(onMainThread());
     if (coreStage.load() != CoreStage::Alive) {
         return;
     }
@@ -39,6 +44,7 @@ void closeCore(void (*serveReports)(void*), void* context) {
 }
 
 void markCoreDestroyed() {
+    assert(onMainThread());
     coreStage.store(CoreStage::Destroyed);
     waitForPins(nullptr, nullptr);
 }

@@ -33,10 +33,10 @@ class QuietStandardError {
   public:
     QuietStandardError() {
         consoleDrain();
-        saved = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
+        saved_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
         const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
         // What cannot be put back stays as it is: chatter is better than silence for ever.
-        if (saved >= 0 && nowhere >= 0) {
+        if (saved_ >= 0 && nowhere >= 0) {
             ::dup2(nowhere, STDERR_FILENO);
         }
         if (nowhere >= 0) {
@@ -45,16 +45,16 @@ class QuietStandardError {
     }
     ~QuietStandardError() {
         std::fflush(stderr);
-        if (saved >= 0) {
-            ::dup2(saved, STDERR_FILENO);
-            ::close(saved);
+        if (saved_ >= 0) {
+            ::dup2(saved_, STDERR_FILENO);
+            ::close(saved_);
         }
     }
     QuietStandardError(const QuietStandardError&) = delete;
     QuietStandardError& operator=(const QuietStandardError&) = delete;
 
   private:
-    int saved;
+    int saved_;
 };
 
 PaError initializePortAudio() {

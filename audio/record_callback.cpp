@@ -1,9 +1,11 @@
 #include <algorithm>
+#include <cassert>
 #include <cstdint>
 #include <cstring>
 
 #include "app/base/console.h"
 #include "audio/Audio.h"
+#include "stream/capture_thread.h"
 #include "stream/send_path.h"
 #include "stream/wire_format.h"
 
@@ -49,6 +51,7 @@ void handOn(const char* input, std::size_t frameCount) {
 int Audio::recordCallback(const void* input, void* /*output*/, unsigned long frameCount,
                           const PaStreamCallbackTimeInfo* /*timeInfo*/,
                           PaStreamCallbackFlags /*statusFlags*/, void* /*userData*/) {
+    assert(captureThread.here() && Audio::_CaptureBuffer != nullptr);
     static bool lastBufferNull = false;
 
     const ConsoleDeferral deferral;

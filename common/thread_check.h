@@ -2,6 +2,12 @@
 
 #include <atomic>
 #include <thread>
+#include <unistd.h>
+
+/// True on the thread that runs main(). Thread: any. Realtime-safe: yes.
+inline bool onMainThread() {
+    return ::gettid() == ::getpid();
+}
 
 /// The rule that certain calls come from one thread: `assert(check.here())` in each of them. Which
 /// thread that is, the first of the calls decides.

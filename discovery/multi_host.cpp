@@ -22,20 +22,20 @@ constexpr int RECEIVE_PAUSE_MS = 500;
 /// An IPv4 UDP socket; closed on destruction. Programs that this process starts do not get it.
 class UdpSocket {
   public:
-    UdpSocket() : handle(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
+    UdpSocket() : handle_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
     ~UdpSocket() {
         if (isOpen()) {
-            ::close(handle);
+            ::close(handle_);
         }
     }
     UdpSocket(const UdpSocket&) = delete;
     UdpSocket& operator=(const UdpSocket&) = delete;
 
-    [[nodiscard]] bool isOpen() const { return handle >= 0; }
+    [[nodiscard]] bool isOpen() const { return handle_ >= 0; }
 
     template <class Value>
     [[nodiscard]] bool setOption(int level, int name, const Value& value) const {
-        return ::setsockopt(handle, level, name, &value, sizeof value) == 0;
+        return ::setsockopt(handle_, level, name, &value, sizeof value) == 0;
     }
 
     [[nodiscard]] bool bind(std::uint16_t port) const {
@@ -43,22 +43,22 @@ class UdpSocket {
         address.sin_family = AF_INET;
         address.sin_addr.s_addr = htonl(INADDR_ANY);
         address.sin_port = htons(port);
-        return ::bind(handle, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+        return ::bind(handle_, reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
     }
 
     /// Receives one datagram, cut to `room`; its length, or a negative value after an error.
     [[nodiscard]] ssize_t receive(char* buffer, std::size_t room, sockaddr_in& sender) const {
         socklen_t length = sizeof sender;
-        return ::recvfrom(handle, buffer, room, 0, reinterpret_cast<sockaddr*>(&sender), &length);
+        return ::recvfrom(handle_, buffer, room, 0, reinterpret_cast<sockaddr*>(&sender), &length);
     }
 
     [[nodiscard]] bool send(const char* text, const sockaddr_in& receiver) const {
-        return ::sendto(handle, text, std::strlen(text), 0,
+        return ::sendto(handle_, text, std::strlen(text), 0,
                         reinterpret_cast<const sockaddr*>(&receiver), sizeof receiver) >= 0;
     }
 
   private:
-    int handle;
+    int handle_;
 };
 
 bool joinGroup(const UdpSocket& socket) {

@@ -1,5 +1,7 @@
 #include "gui/Settings.h"
 
+#include <cassert>
+
 #include <QSettings>
 #include <QString>
 #include <QVariant>
@@ -37,22 +39,22 @@ namespace {
 class Store {
   public:
     [[nodiscard]] QVariant read(const QString& key, const QVariant& fallback) const {
-        return file.value(key, fallback);
+        return file_.value(key, fallback);
     }
 
     /// In the locale's encoding, up to the first NUL. `fallback` as it is when the key is missing:
     /// it may be in that encoding already.
     [[nodiscard]] std::string readText(const QString& key, const std::string& fallback) const {
-        if (!file.contains(key)) {
+        if (!file_.contains(key)) {
             return fallback;
         }
         return read(key, {}).toString().toLocal8Bit().constData();
     }
 
-    void write(const QString& key, const QVariant& value) { file.setValue(key, value); }
+    void write(const QString& key, const QVariant& value) { file_.setValue(key, value); }
 
   private:
-    QSettings file{QStringLiteral("Velantrix"), QStringLiteral("Server")};
+    QSettings file_{QStringLiteral("Velantrix"), QStringLiteral("Server")};
 };
 
 /// Takes a new value over into the cache and the file.
@@ -115,6 +117,7 @@ void Settings::setVersionCheckResponse(const char* version) {
 }
 
 std::string Settings::getInputSelect(const char* suffix) {
+    assert(suffix != nullptr);
     if (suffix[0] == '\0') {
         return InputSelect;
     }
@@ -122,6 +125,7 @@ std::string Settings::getInputSelect(const char* suffix) {
 }
 
 void Settings::setInputSelect(const char* value, const char* suffix) {
+    assert(value != nullptr && suffix != nullptr);
     Store store;
     if (suffix[0] == '\0') {
         InputSelect = value;

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <cstdio>
 #include <cstring>
@@ -13,6 +14,7 @@
 #include <QPixmap>
 
 #include "app/core_life.h"
+#include "common/thread_check.h"
 #include "stream/capture_rate.h"
 
 namespace {
@@ -91,6 +93,7 @@ VelantrixServer::VelantrixServer(QWidget* parent) : QMainWindow(parent) {
 }
 
 VelantrixServer::~VelantrixServer() {
+    assert(onMainThread());
     closeCore(serveReports, this);
 }
 
@@ -110,6 +113,7 @@ void VelantrixServer::connectReports() {
 }
 
 void VelantrixServer::UpdateState() {
+    assert(onMainThread());
     ui.lineEditServerAddress->setText(QString::fromUtf8(GetIPAddress()));
 }
 
@@ -133,6 +137,7 @@ void VelantrixServer::handleTimerTimeout() {
 }
 
 void VelantrixServer::SetClientStatus(int clientCount, const char* clientName, bool direct) {
+    assert(direct == onMainThread());
     static char o_name[NAME_ROOM] = "";  // Touched by the capture thread only, once it runs.
 
     char text[STATUS_ROOM] = "Disconnected";

@@ -1,9 +1,12 @@
 #include "gui/message_box.h"
 
+#include <cassert>
+
 #include <QMessageBox>
 #include <QString>
 
 #include "app/base/core_pin.h"
+#include "common/thread_check.h"
 #include "gui/VelantrixServer.h"
 
 namespace {
@@ -23,6 +26,7 @@ int runBox(QMessageBox& box) {
 }  // namespace
 
 void VelantrixServer::emitShowMessage(const char* message) {
+    assert(!onMainThread());
     emit showMessage(QString::fromLatin1(message));
 }
 
@@ -49,6 +53,7 @@ int VelantrixServer::handleShowQuestion(QMessageBox::Icon icon, QString title, Q
 }
 
 void AfxMessageBoxInternal(const char* text) {
+    assert(onMainThread());
     QMessageBox box;
     box.setText(QString::fromUtf8(text));
     runBox(box);

@@ -1,5 +1,6 @@
 // What the window adds to the version check: it waits while it is minimised, and asks.
 
+#include <cassert>
 #include <cstdlib>
 #include <fcntl.h>
 #include <string>
@@ -7,6 +8,7 @@
 
 #include "app/base/Thread.h"
 #include "app/base/core_pin.h"
+#include "common/thread_check.h"
 #include "gui/VelantrixServer.h"
 #include "update/web_address.h"
 
@@ -56,6 +58,7 @@ void tellUser(VelantrixServer& window, const std::string& message) {
 }  // namespace
 
 int VelantrixServer::checkVersion() {
+    assert(!onMainThread());
     if (!waitWhileMinimized(*this)) {
         return 0;
     }

@@ -3,7 +3,8 @@
 #include <atomic>
 #include <cassert>
 #include <csignal>
-#include <unistd.h>
+
+#include "common/thread_check.h"
 
 namespace vxlisten {
 
@@ -19,7 +20,7 @@ void onSignal(int /*number*/) {
 }  // namespace
 
 void installStopRequest() {
-    assert(gettid() == getpid());
+    assert(onMainThread());
     struct sigaction action = {};
     action.sa_handler = onSignal;
     action.sa_flags = static_cast<int>(SA_RESETHAND);  // Blocking calls are to be interrupted.

@@ -1,11 +1,13 @@
 #include "stream/client_table.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstdio>
 #include <cstring>
 
 #include "app/base/console.h"
 #include "app/base/core_pin.h"
+#include "stream/capture_thread.h"
 #include "stream/enet_mtu.h"
 #include "stream/wire_format.h"
 
@@ -141,6 +143,7 @@ void obey(ClientSlot& slot, const wire::PacketHeader& header, const ENetPacket& 
 }  // namespace
 
 void handleConnect(const ENetEvent& event) {
+    assert(captureThread.here() && event.type == ENET_EVENT_TYPE_CONNECT);
     ++connectCount;
     reportToCore([](VelantrixServerNoGUI& core) { core.SetClientStatus(connectCount, "", false); });
     char address[ADDRESS_TEXT_ROOM];
@@ -162,6 +165,7 @@ void handleConnect(const ENetEvent& event) {
 }
 
 void handleDisconnect(const ENetEvent& event) {
+    assert(captureThread.here() && event.type == ENET_EVENT_TYPE_DISCONNECT);
     --connectCount;
     reportToCore(
         [](VelantrixServerNoGUI& core) { core.SetClientStatus(connectCount, nullptr, false); });
@@ -175,6 +179,7 @@ void handleDisconnect(const ENetEvent& event) {
 }
 
 void handleReceive(const ENetEvent& event) {
+    assert(captureThread.here() && event.type == ENET_EVENT_TYPE_RECEIVE);
     const wire::PacketHeader header =
         wire::readHeader(event.packet->data, event.packet->dataLength);
     for (ClientSlot& slot : clientConn) {

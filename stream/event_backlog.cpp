@@ -1,5 +1,9 @@
 #include "stream/event_backlog.h"
 
+#include <cassert>
+
+#include "stream/capture_thread.h"
+
 namespace {
 
 constexpr enet_uint32 SERVICE_TIMEOUT_MS = 1;
@@ -57,6 +61,7 @@ void limitMessages(ENetHost& host) {
 }
 
 int nextEvent(ENetHost& host, ENetEvent& event) {
+    assert(captureThread.here());
     const int result = takeEvent(host, event);
     if (!enet_list_empty(&host.dispatchQueue)) {
         for (ENetPeer* peer = host.peers; peer < host.peers + host.peerCount; ++peer) {

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <cstdint>
 #include <cstdio>
@@ -13,6 +14,7 @@
 #include "app/base/process_exit.h"
 #include "app/base/start_values.h"
 #include "audio/Audio.h"
+#include "common/thread_check.h"
 #include "stream/capture_rate.h"
 #include "stream/client_table.h"
 #include "stream/datagram_guard.h"
@@ -139,6 +141,7 @@ void openAudio() {
 }  // namespace
 
 void enetHost(VelantrixServerNoGUI* core) {
+    assert(!onMainThread() && server == nullptr);
     // A quit that was faster than this thread has already put the everlasting core here.
     VelantrixServerNoGUI* none = nullptr;
     mainDialog.compare_exchange_strong(none, core);

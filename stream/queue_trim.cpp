@@ -1,12 +1,14 @@
 #include "stream/queue_trim.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstddef>
 #include <cstdint>
 
 #include <enet/enet.h>
 
 #include "app/base/console.h"
+#include "stream/capture_thread.h"
 #include "stream/enet_unsent.h"
 
 namespace {
@@ -59,6 +61,7 @@ void trim(ENetPeer& peer, std::size_t waiting) {
 }  // namespace
 
 void trimOutgoingQueue(const ClientSlot& slot, std::uint32_t seq) {
+    assert(captureThread.here() && seq % QUEUE_CHECK_INTERVAL == 0);
     ENetPeer& peer = *slot.peer;
     const std::size_t waiting = countWaiting(peer);
     if (waiting > QUEUE_TRIM_THRESHOLD && slot.reliable != 0) {

@@ -1,6 +1,7 @@
 #include "stream/send_path.h"
 
 #include <array>
+#include <cassert>
 #include <cstddef>
 
 #include <enet/enet.h>
@@ -8,6 +9,7 @@
 
 #include "app/base/core_pin.h"
 #include "stream/capture_rate.h"
+#include "stream/capture_thread.h"
 #include "stream/client_table.h"
 #include "stream/enet_clock.h"
 #include "stream/opus_bank.h"
@@ -115,6 +117,7 @@ void sendCompressed(const Payload& raw) {
 }  // namespace
 
 int processBuffer(char* buffer, int length, bool hasInput) {
+    assert(captureThread.here());
     steadyEnetClock();
     const Payload raw{reinterpret_cast<unsigned char*>(buffer), static_cast<std::size_t>(length)};
     if (length == static_cast<int>(wire::COMPRESSED_BUFFER_LENGTH)) {

@@ -1,8 +1,11 @@
 #include "stream/service_step.h"
 
+#include <cassert>
+
 #include <enet/enet.h>
 
 #include "app/base/console.h"
+#include "stream/capture_thread.h"
 #include "stream/client_table.h"
 #include "stream/event_backlog.h"
 #include "stream/stuck_peers.h"
@@ -56,6 +59,7 @@ int serviceOnce() {
 }  // namespace
 
 int serviceHost() {
+    assert(captureThread.here() && server != nullptr);
     const int result = serviceOnce();
     freeStuckPeer();
     return result;

@@ -26,7 +26,7 @@ set(VX_QT6_UNIT_TESTS no_child_test settings_test volume_control_test window_tes
 function(vx_other_build name folder preset)
   if(folder)
     add_test(NAME build.${name}
-             COMMAND nice -n 19 ${CMAKE_SOURCE_DIR}/scripts/build-preset ${preset} ${ARGN})
+             COMMAND nice -n 19 ${CMAKE_SOURCE_DIR}/scripts/lib/build-preset ${preset} ${ARGN})
     set_tests_properties(build.${name} PROPERTIES
       LABELS check RESOURCE_LOCK every_core COST 1000 TIMEOUT 1500 FIXTURES_SETUP build_${name})
   endif()

@@ -1,6 +1,7 @@
 #include "update/WebIf.h"
 
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -12,6 +13,7 @@
 
 #include "app/base/console.h"
 #include "app/base/core_pin.h"
+#include "common/thread_check.h"
 #include "gui/Settings.h"
 #include "update/curl_functions.h"
 #include "update/version_page.h"
@@ -54,21 +56,21 @@ bool checkedLately(std::int32_t last, std::int32_t now) {
 /// Sets options one after the other until one fails.
 class OptionSetter {
   public:
-    explicit OptionSetter(CURL* curlHandle) : handle(curlHandle) {}
+    explicit OptionSetter(CURL* curlHandle) : handle_(curlHandle) {}
 
     template <class Value>
     OptionSetter& set(CURLoption option, Value value) {
-        if (result == CURLE_OK) {
-            result = curl_easy_setopt2(handle, option, value);
+        if (result_ == CURLE_OK) {
+            result_ = curl_easy_setopt2(handle_, option, value);
         }
         return *this;
     }
 
-    [[nodiscard]] CURLcode outcome() const { return result; }
+    [[nodiscard]] CURLcode outcome() const { return result_; }
 
   private:
-    CURL* handle;
-    CURLcode result = CURLE_OK;
+    CURL* handle_;
+    CURLcode result_ = CURLE_OK;
 };
 
 CURLcode prepare(CURL* handle, WebIf* receiver) {
@@ -111,6 +113,7 @@ void release(CURL* handle) {
 }  // namespace
 
 int WebIf::init() {
+    assert(onMainThread());
     // Made here, so that a complaint about the variable shows at start-up, and so that nothing
     // needs memory for it when clients are being served: too little of it ends the program.
     versionFileAddress();

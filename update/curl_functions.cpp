@@ -1,8 +1,10 @@
 #include "update/curl_functions.h"
 
+#include <cassert>
 #include <dlfcn.h>
 
 #include "app/base/console.h"
+#include "common/thread_check.h"
 
 decltype(&::curl_global_init) curl_global_init2 = nullptr;
 decltype(&::curl_global_cleanup) curl_global_cleanup2 = nullptr;
@@ -27,6 +29,7 @@ bool lookUp(void* library, const char* name, Function& function) {
 }  // namespace
 
 bool loadCurlFunctions() {
+    assert(onMainThread());
     void* const library = ::dlopen(LIBRARY, RTLD_NOW);
     if (library == nullptr) {
         consolePrintf("Error, could not dlopen the cURL shared library %s.\n", LIBRARY);

@@ -1,5 +1,7 @@
 #include "update/web_address.h"
 
+#include <algorithm>
+#include <cassert>
 #include <cstdlib>
 
 #include "app/base/console.h"
@@ -85,6 +87,7 @@ const char* webAddress() {
 }
 
 std::string browserCommand(std::string_view address) {
+    assert(std::all_of(address.begin(), address.end(), isAllowed));
     std::string command = "xdg-open ";
     for (const char c : address) {
         if (!isPlain(c)) {

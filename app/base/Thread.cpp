@@ -1,5 +1,6 @@
 #include "app/base/Thread.h"
 
+#include <cassert>
 #include <cerrno>
 #include <sched.h>
 #include <unistd.h>
@@ -24,23 +25,24 @@ int Thread::init() noexcept {
 }
 
 Thread::Thread() {
-    pthread_attr_init(&attributes);
-    pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_JOINABLE);
+    pthread_attr_init(&attributes_);
+    pthread_attr_setdetachstate(&attributes_, PTHREAD_CREATE_JOINABLE);
 }
 
 Thread::~Thread() {
-    pthread_attr_destroy(&attributes);
+    pthread_attr_destroy(&attributes_);
 }
 
 int Thread::start(void* (*fn)(void*), void* arg) {
-    if (handle != 0) {
+    assert(owner_.here());
+    if (handle_ != 0) {
         return ALREADY_STARTED;
     }
     // Stored before the thread runs, which may ask for it at once.
-    const int error = fn == nullptr ? pthread_create(&handle, &attributes, s_Run, this)
-                                    : pthread_create(&handle, &attributes, fn, arg);
+    const int error = fn == nullptr ? pthread_create(&handle_, &attributes_, s_Run, this)
+                                    : pthread_create(&handle_, &attributes_, fn, arg);
     if (error != 0) {
-        handle = 0;
+        handle_ = 0;
     }
     return statusOf(error);
 }
@@ -54,13 +56,14 @@ void* Thread::s_Run(void* object) {
 }
 
 int Thread::join(int* result) {
-    if (handle == 0) {
+    assert(owner_.here());
+    if (handle_ == 0) {
         return statusOf(ESRCH);  // Not for the system to look at: no handle is that of a thread.
     }
     void* dropped = nullptr;
-    const int error = pthread_join(handle, result == nullptr ? nullptr : &dropped);
+    const int error = pthread_join(handle_, result == nullptr ? nullptr : &dropped);
     if (error == 0) {
-        handle = 0;
+        handle_ = 0;
     }
     return statusOf(error);
 }
@@ -70,17 +73,18 @@ int Thread::run() {
 }
 
 int Thread::setPriority(int priority) {
-    if (handle == 0) {
+    assert(owner_.here());
+    if (handle_ == 0) {
         return statusOf(ESRCH);
     }
     int policy = 0;
     sched_param parameters = {};
-    int error = pthread_getschedparam(handle, &policy, &parameters);
+    int error = pthread_getschedparam(handle_, &policy, &parameters);
     if (error != 0) {
         return statusOf(error);
     }
     parameters.sched_priority = priority;
-    error = pthread_setschedparam(handle, priority > 0 ? SCHED_FIFO : SCHED_OTHER, &parameters);
+    error = pthread_setschedparam(handle_, priority > 0 ? SCHED_FIFO : SCHED_OTHER, &parameters);
     return error == EPERM ? NO_PERMISSION : statusOf(error);
 }
 

@@ -2,6 +2,8 @@
 
 #include <pthread.h>
 
+#include "common/thread_check.h"
+
 /// A POSIX thread with integer status codes. One owner thread drives an object (start, join,
 /// destruction); nothing here locks.
 ///
@@ -28,7 +30,7 @@ class Thread {
     virtual int run();
 
     /// The handle: 0 before a start and after a successful join.
-    [[nodiscard]] pthread_t tid() const { return handle; }
+    [[nodiscard]] pthread_t tid() const { return handle_; }
 
     /// Real-time scheduling (SCHED_FIFO) at a priority above 0, ordinary scheduling otherwise.
     [[nodiscard]] int setPriority(int priority);
@@ -41,8 +43,9 @@ class Thread {
 
     static int _initResult;
 
-    pthread_t handle = 0;
-    pthread_attr_t attributes;
+    pthread_t handle_ = 0;
+    pthread_attr_t attributes_;
+    ThreadCheck owner_;
 };
 
 /// Suspends the calling thread. Thread: any but capture.

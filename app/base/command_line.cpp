@@ -1,6 +1,7 @@
 #include "app/base/command_line.h"
 
 #include <atomic>
+#include <cassert>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -9,6 +10,7 @@
 #include <QtGlobal>
 
 #include "app/base/console.h"
+#include "common/thread_check.h"
 
 namespace {
 
@@ -79,6 +81,7 @@ bool getVerbose() {
 }
 
 ArgumentScan scanArguments(int argc, const char* const* argv) {
+    assert(onMainThread());
     CmdPortNum = 0;
     CmdBindAddr[0] = '\0';
     bindAddrGivenUp.store(false, std::memory_order_relaxed);
@@ -116,6 +119,7 @@ ArgumentScan scanArguments(int argc, const char* const* argv) {
 }
 
 void readStartEnvironment() {
+    assert(onMainThread());
     if (CmdPortNum == 0) {
         const char* const port = std::getenv("VELANTRIX_SERVER_PORT");
         if (port != nullptr && port[0] >= '0' && port[0] <= '9') {
@@ -135,6 +139,7 @@ void readStartEnvironment() {
 }
 
 void choosePlatform(const ArgumentScan& scan) {
+    assert(onMainThread());
     if (scan.platformSeen) {
         if (scan.waylandArg) {
             printWaylandWarning();

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <csignal>
 #include <cstdarg>
@@ -13,6 +14,8 @@
 #include <pthread.h>
 #include <semaphore.h>
 #include <unistd.h>
+
+#include "common/thread_check.h"
 
 namespace {
 
@@ -164,6 +167,7 @@ void handleSignal(int number, void (*handler)(int), int flags) {
 }  // namespace
 
 void consoleStart() {
+    assert(onMainThread() && !writerRuns);
     openMissingDescriptors();
     handleSignal(SIGPIPE, ignoreSignal, SA_RESTART);
     handleSignal(SIGABRT, abortLater, SA_RESETHAND);
@@ -214,6 +218,7 @@ void consoleDrain(int milliseconds) {
 }
 
 ConsoleDeferral::ConsoleDeferral() {
+    assert(!deferring);
     deferring = true;
 }
 

@@ -15,7 +15,7 @@ thread_local int pinsOfThisThread = 0;
 CorePin::CorePin() {
     pins.fetch_add(1);
     ++pinsOfThisThread;
-    stageSeen = coreStage.load();
+    stageSeen_ = coreStage.load();
 }
 
 CorePin::~CorePin() {
@@ -27,16 +27,16 @@ bool CorePin::anyHeld() {
     return pins.load() > 0;
 }
 
-CoreUnpin::CoreUnpin() : pinsGivenUp(pinsOfThisThread) {
-    pins.fetch_sub(pinsGivenUp);
+CoreUnpin::CoreUnpin() : pinsGivenUp_(pinsOfThisThread) {
+    pins.fetch_sub(pinsGivenUp_);
 }
 
 CoreUnpin::~CoreUnpin() {
-    pins.fetch_add(pinsGivenUp);
+    pins.fetch_add(pinsGivenUp_);
 }
 
 bool CoreUnpin::repin() {
-    pins.fetch_add(pinsGivenUp);
-    pinsGivenUp = 0;
+    pins.fetch_add(pinsGivenUp_);
+    pinsGivenUp_ = 0;
     return coreStage.load() == CoreStage::Alive;
 }

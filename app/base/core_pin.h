@@ -29,16 +29,16 @@ class CorePin {
 
     /// The stage of the core when the pin was taken. Alive allows everything; Closing allows the
     /// core's own members but no virtual call; Destroyed allows nothing.
-    [[nodiscard]] CoreStage stage() const { return stageSeen; }
+    [[nodiscard]] CoreStage stage() const { return stageSeen_; }
 
     /// True when the whole object may be used.
-    explicit operator bool() const { return stageSeen == CoreStage::Alive; }
+    explicit operator bool() const { return stageSeen_ == CoreStage::Alive; }
 
     /// Whether any thread holds a pin. Thread: main.
     static bool anyHeld();
 
   private:
-    CoreStage stageSeen;
+    CoreStage stageSeen_;
 };
 
 /// Gives the calling thread's pins up while it waits for something long, and takes them again.
@@ -54,7 +54,7 @@ class CoreUnpin {
     [[nodiscard]] bool repin();
 
   private:
-    int pinsGivenUp;
+    int pinsGivenUp_;
 };
 
 /// The stage that new pins see. Only main writes it, through app/core_life.h.

@@ -1,6 +1,7 @@
 #include "app/base/main_loop.h"
 
 #include <atomic>
+#include <cassert>
 #include <cerrno>
 #include <csignal>
 #include <cstdlib>
@@ -12,6 +13,7 @@
 // IWYU pragma: no_include <utility>
 
 #include "app/base/console.h"
+#include "common/thread_check.h"
 
 namespace {
 
@@ -46,7 +48,7 @@ void onStopSignal(int number) {
     std::signal(SIGTERM, SIG_DFL);
     // A full pipe already holds a request; without any the signal is left to its default action.
     if (::write(requestPipe[1], &QUIT_REQUEST, 1) != 1 && errno != EAGAIN) {
-        ::raise(number);
+        ::raise(number);  // GCOVR_EXCL_LINE: ends the process, and its counts with it
     }
     errno = savedErrno;
 }
@@ -54,6 +56,7 @@ void onStopSignal(int number) {
 }  // namespace
 
 void installMainLoopRequests() {
+    assert(onMainThread() && QCoreApplication::instance() != nullptr && notifier == nullptr);
     if (::pipe2(requestPipe, O_CLOEXEC | O_NONBLOCK) != 0) {
         consolePerror("Stop signals will end the program at once: pipe2");
         return;
@@ -70,11 +73,13 @@ void installMainLoopRequests() {
 }
 
 void removeMainLoopRequests() {
+    assert(onMainThread() && QCoreApplication::instance() != nullptr);
     delete notifier;
     notifier = nullptr;
 }
 
 bool requestMainThreadExit(int status) {
+    assert(!onMainThread());
     if (!installed.load()) {
         return false;
     }
@@ -84,10 +89,12 @@ bool requestMainThreadExit(int status) {
 }
 
 void setExitPreparation(void (*preparation)()) {
+    assert(onMainThread());
     exitPreparation = preparation;
 }
 
 void prepareExit() {
+    assert(onMainThread());
     void (*const preparation)() = exitPreparation;
     exitPreparation = nullptr;
     if (preparation != nullptr) {
@@ -100,5 +107,6 @@ bool mainThreadExitBegun() {
 }
 
 int finalStatus(int loopResult) {
+    assert(onMainThread());
     return exitRequested.load() ? requestedStatus.load() : loopResult;
 }

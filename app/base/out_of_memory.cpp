@@ -1,5 +1,6 @@
 #include "app/base/out_of_memory.h"
 
+#include <cassert>
 #include <cstdlib>
 #include <exception>
 #include <new>
@@ -7,6 +8,7 @@
 
 #include "app/base/console.h"
 #include "app/base/process_exit.h"
+#include "common/thread_check.h"
 
 namespace {
 
@@ -49,11 +51,13 @@ void onNoMemory() {
 }  // namespace
 
 void endWhenOutOfMemory() {
+    assert(onMainThread());
     std::set_new_handler(onNoMemory);
     otherTermination = std::set_terminate(onTerminate);
 }
 
 ThrowWhenOutOfMemory::ThrowWhenOutOfMemory() {
+    assert(!throwing);
     throwing = true;
 }
 

@@ -11,6 +11,7 @@
 #include "app/base/console.h"
 #include "app/base/main_loop.h"
 #include "app/base/start_values.h"
+#include "common/thread_check.h"
 
 namespace {
 
@@ -27,10 +28,6 @@ void silenceStandardError() {
     const int nowhere = ::open("/dev/null", O_WRONLY);
     ::dup2(nowhere, STDERR_FILENO);
     ::close(nowhere);
-}
-
-bool onMainThread() {
-    return ::gettid() == ::getpid();
 }
 
 /// Waits for the main thread's exit, however long it takes. Returns only when none begins.

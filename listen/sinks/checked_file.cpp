@@ -54,7 +54,7 @@ void CheckedFile::abandon() {
 }
 
 SNDFILE* CheckedFile::openSound(SF_INFO& info) {
-    SF_VIRTUAL_IO calls = {length, seek, read, write, tell};
+    SF_VIRTUAL_IO calls = {length, seek, nullptr, write, tell};
     return sf_open_virtual(&calls, SFM_WRITE, &info, this);
 }
 
@@ -65,11 +65,6 @@ sf_count_t CheckedFile::length(void* self) {
 
 sf_count_t CheckedFile::seek(sf_count_t offset, int whence, void* self) {
     return lseek(static_cast<CheckedFile*>(self)->descriptor_, offset, whence);
-}
-
-sf_count_t CheckedFile::read(void* target, sf_count_t count, void* self) {
-    return ::read(static_cast<CheckedFile*>(self)->descriptor_, target,
-                  static_cast<std::size_t>(count));
 }
 
 sf_count_t CheckedFile::write(const void* source, sf_count_t count, void* self) {

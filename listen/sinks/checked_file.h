@@ -36,7 +36,6 @@ class CheckedFile {
   private:
     static sf_count_t length(void* self);
     static sf_count_t seek(sf_count_t offset, int whence, void* self);
-    static sf_count_t read(void* target, sf_count_t count, void* self);
     static sf_count_t write(const void* source, sf_count_t count, void* self);
     static sf_count_t tell(void* self);
 

@@ -25,12 +25,12 @@ class PcmSink {
     /// Takes `count` interleaved stereo frames of `rate` Hz. May block.
     virtual SinkState write(const std::int16_t* frames, std::size_t count, int rate) = 0;
 
-    /// One sentence about the first failure, without a line end; empty for none.
+    /// One sentence about the failure, without a line end; empty for none.
     [[nodiscard]] const std::string& error() const { return error_; }
 
   protected:
     SinkState fail(const std::string& sentence) {
-        error_ = error_.empty() ? sentence : error_;
+        error_ = sentence;
         return SinkState::Failed;
     }
 

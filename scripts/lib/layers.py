@@ -2,8 +2,9 @@
 
 Usage: layers.py   (scripts/check layers runs it)
 
-A room may include itself and what its line names. A path names a file, else a folder with all
-below it; the longest that fits decides. The CMake files link the libraries in the same order.
+A room may include itself, common/ and what its line names. A path names a file, else a folder
+with all below it; the longest that fits decides. The CMake files link the libraries in the same
+order.
 """
 
 import re
@@ -13,6 +14,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[2]
 CORE = ("app/base", "stream", "audio", "stream/network_host", "discovery", "gui/Settings", "update")
 ROOMS = {
+    "common": (),
     "app/base": (),
     "stream": ("app/base",),
     "audio": ("app/base", "stream"),
@@ -38,14 +40,14 @@ def room_of(path):
 
 def main():
     wrong = []
-    for file in sorted(path for room in ("app", "audio", "stream", "discovery", "gui", "update",
-                                         "listen") for path in (ROOT / room).rglob("*.[ch]*")):
+    for file in sorted(path for room in ("common", "app", "audio", "stream", "discovery",
+                                         "gui", "update", "listen") for path in (ROOT / room).rglob("*.[ch]*")):
         room = room_of(str(file.relative_to(ROOT).with_suffix("")))
         allowed = ROOMS.get(room, ())
         for line in file.read_text(encoding="utf-8").splitlines():
             found = re.match(r'#include "([\w/]+)\.h"', line)
             other = room_of(found[1]) if found else None
-            if other and other != room and other not in allowed and not (
+            if other and other not in (room, "common", *allowed) and not (
                     other in FILES_OF_THEIR_OWN and other.split("/")[0] in (room, *allowed)):
                 wrong.append(f"{file.relative_to(ROOT)} may not include {found[1]}.h")
     if wrong:

@@ -1,35 +1,315 @@
-// A datagram of any content, as the guard lets ENet see it.
+// What strangers send, over the loopback interface, against the whole streaming side: any row of
+// datagrams, acknowledgements and pauses. An input is a row of operations, each of one of four
+// strangers. ENet's time is the target's own.
 
 #include "stream/datagram_guard.h"
 
+#include <algorithm>
+#include <array>
+#include <malloc.h>
+#include <sys/socket.h>
 #include <vector>
 
+#include <enet/enet.h>
+
+#include "app/base/VelantrixServerNoGUI.h"
+#include "stream/client_table.h"
+#include "stream/command_cost.h"
+#include "stream/enet_clock.h"
+#include "stream/event_backlog.h"
+#include "stream/network_host.h"
+#include "app/base/core_pin.h"
+#include "stream/send_path.h"
+#include "stream/service_step.h"
+#include "stream/wire_format.h"
 #include "tests/fuzz/fuzz_input.h"
 
 namespace {
 
-void guard(std::vector<unsigned char>& datagram) {
-    static ENetHost host = {};
-    guardDatagrams(host);
-    host.receivedAddress.port = 1;
-    host.receivedData = datagram.data();
-    host.receivedDataLength = datagram.size();
-    host.intercept(&host, nullptr);
-    require(host.receivedDataLength <= datagram.size(), "no datagram grows");
-    datagram.resize(host.receivedDataLength);
+using Bytes = std::vector<unsigned char>;
+
+constexpr std::size_t PEERS = 6;  // Soon all taken.
+constexpr std::size_t STRANGERS = 4;
+constexpr std::size_t LONGEST = ENET_PROTOCOL_MAXIMUM_MTU;
+constexpr enet_uint32 PAUSE_UNIT_MS = 40;
+constexpr enet_uint32 END_MS = 50000;  // After this long nobody is there any more.
+constexpr enet_uint32 END_STEP_MS = 250;
+constexpr std::size_t MOST_MEMORY = std::size_t{8} * 1024 * 1024;
+
+enet_uint32 now = 1000000;
+std::size_t held = 0;
+
+void* take(std::size_t size) {
+    void* const memory = std::malloc(size);
+    held += ::malloc_usable_size(memory);
+    return memory;
 }
+
+void giveBack(void* memory) {
+    held -= ::malloc_usable_size(memory);
+    std::free(memory);
+}
+
+void append16(Bytes& bytes, unsigned value) {
+    bytes.push_back(static_cast<unsigned char>(value >> 8));
+    bytes.push_back(static_cast<unsigned char>(value));
+}
+
+void append32(Bytes& bytes, std::uint32_t value) {
+    append16(bytes, value >> 16);
+    append16(bytes, value);
+}
+
+class Stranger {
+  public:
+    Stranger() : socket(enet_socket_create(ENET_SOCKET_TYPE_DATAGRAM)) {
+        enet_socket_set_option(socket, ENET_SOCKOPT_NONBLOCK, 1);
+    }
+
+    /// Forgets another input's server.
+    void meet(const ENetAddress& server) {
+        hear();
+        address = server;
+        peerWord = 0;
+        unanswered.clear();
+    }
+
+    void send(const Bytes& datagram) const {
+        ENetBuffer buffer = {};
+        Bytes copy = datagram;
+        buffer.data = copy.data();
+        buffer.dataLength = std::min(copy.size(), LONGEST);
+        enet_socket_send(socket, &address, &buffer, 1);
+    }
+
+    void sendToPeer(const Bytes& commands, bool withTime) const {
+        Bytes datagram;
+        append16(datagram, peerWord | (withTime ? ENET_PROTOCOL_HEADER_FLAG_SENT_TIME : 0));
+        if (withTime) {
+            append16(datagram, now);
+        }
+        datagram.insert(datagram.end(), commands.begin(), commands.end());
+        send(datagram);
+    }
+
+    void connect(FuzzInput& input) const {
+        Bytes datagram;
+        append16(datagram, ENET_PROTOCOL_MAXIMUM_PEER_ID | ENET_PROTOCOL_HEADER_FLAG_SENT_TIME);
+        append32(datagram, 0x000082FF);  // The time, and the command on ENet's own channel.
+        append32(datagram, 0x00010000);
+        append16(datagram, 0xFFFF);
+        for (const std::uint32_t value : {1400U, 65536U, 2U, 0U, 0U, 5000U, 2U, 2U}) {
+            append32(datagram, value);
+        }
+        append32(datagram, input.byte());  // The connection's number.
+        append32(datagram, input.byte() * 0x01000001U);
+        const Bytes more = input.exactBytes(input.byte());
+        datagram.insert(datagram.end(), more.begin(), more.end());
+        send(datagram);
+    }
+
+    void hear() {
+        std::array<unsigned char, LONGEST> room;
+        ENetBuffer buffer = {};
+        buffer.data = room.data();
+        buffer.dataLength = room.size();
+        ENetAddress from = {};
+        for (int got = 0; (got = enet_socket_receive(socket, &from, &buffer, 1)) > 0;) {
+            note(Bytes(room.begin(), room.begin() + got));
+        }
+    }
+
+    /// Acknowledges the first command of each datagram that was heard, as if it had come so many
+    /// milliseconds earlier.
+    void acknowledge(unsigned earlier) {
+        Bytes commands;
+        for (const Bytes& head : unanswered) {
+            commands.push_back(ENET_PROTOCOL_COMMAND_ACKNOWLEDGE);
+            commands.insert(commands.end(), {head[5], head[6], head[7], head[6], head[7]});
+            append16(commands, (head[2] * 256U + head[3]) - earlier);
+        }
+        unanswered.clear();
+        sendToPeer(commands, true);
+    }
+
+  private:
+    void note(const Bytes& datagram) {
+        constexpr unsigned MOST_UNANSWERED = 40;
+        if (datagram.size() < 8 || (datagram[0] & 0x80U) == 0) {
+            return;
+        }
+        const unsigned type = datagram[4] & ENET_PROTOCOL_COMMAND_MASK;
+        if (type == ENET_PROTOCOL_COMMAND_VERIFY_CONNECT && datagram.size() >= 12) {
+            peerWord = datagram[8] * 256U + datagram[9] + datagram[11] * 4096U;
+        }
+        if ((datagram[4] & ENET_PROTOCOL_COMMAND_FLAG_ACKNOWLEDGE) != 0 &&
+            unanswered.size() < MOST_UNANSWERED) {
+            unanswered.emplace_back(datagram.begin(), datagram.begin() + 8);
+        }
+    }
+
+    ENetSocket socket;
+    ENetAddress address = {};
+    unsigned peerWord = 0;
+    std::vector<Bytes> unanswered;
+};
+
+class CheckingCore : public VelantrixServerNoGUI {
+  public:
+    void SetAudioCaptureActive() override {}
+    void SetClientStatus(int count, const char* /*name*/, bool /*direct*/) override {
+        require(count == connectCount && count >= 0, "the reported count is the table's");
+    }
+};
+
+/// One input's life of the server.
+class Run {
+  public:
+    explicit Run(std::array<Stranger, STRANGERS>& all) : strangers(all) {
+        ENetAddress address = {};
+        enet_address_set_host_ip(&address, "127.0.0.1");
+        server = enet_host_create(&address, PEERS, 2, 0, 0);
+        require(server != nullptr, "ENet has a host");
+        limitMessages(*server);
+        guardDatagrams(*server);
+        enet_socket_get_address(server->socket, &address);
+        for (Stranger& stranger : strangers) {
+            stranger.meet(address);
+        }
+    }
+
+    ~Run() {
+        enet_host_destroy(server);
+        server = nullptr;
+        require(held == 0, "ENet has given all memory back");
+    }
+
+    void act(FuzzInput& input) {
+        const unsigned operation = input.byte();
+        Stranger& stranger = strangers.at(operation / 64);
+        switch (operation % 8) {
+            case 0:
+                stranger.send(bytesOf(input));
+                break;
+            case 1:
+            case 2:
+                stranger.sendToPeer(bytesOf(input), operation % 8 == 1);
+                break;
+            case 3:
+                stranger.connect(input);
+                break;
+            case 4:
+                stranger.acknowledge(input.byte() * 256U);
+                break;
+            case 5:
+                now += PAUSE_UNIT_MS * input.byte();
+                break;
+            default:
+                step(true);
+                return;
+        }
+        step(false);
+    }
+
+    /// Nobody says anything any more.
+    void end() {
+        for (enet_uint32 passed = 0; passed < END_MS; passed += END_STEP_MS) {
+            now += END_STEP_MS;
+            step(false);
+        }
+        require(connectCount == 0, "nobody is counted who has gone");
+        for (std::size_t i = 0; i < PEERS; ++i) {
+            require(server->peers[i].state == ENET_PEER_STATE_DISCONNECTED, "all places are free");
+        }
+    }
+
+  private:
+    static Bytes bytesOf(FuzzInput& input) {
+        const std::size_t low = input.byte();
+        return input.exactBytes(low + 256U * (input.byte() % 16));
+    }
+
+    void step(bool withSound) {
+        if (withSound) {
+            std::array<char, wire::RAW_BUFFER_LENGTH> block = {};
+            processBuffer(block.data(), static_cast<int>(block.size()), true);
+        } else {
+            serviceHost();
+        }
+        for (Stranger& stranger : strangers) {
+            stranger.hear();
+        }
+        check();
+    }
+
+    static void check() {
+        const auto counted = std::count_if(
+            server->peers, server->peers + PEERS,
+            [](const ENetPeer& peer) { return peer.state >= ENET_PEER_STATE_CONNECTED; });
+        require(connectCount == counted, "every connection is counted, once");
+        std::size_t linked = 0;
+        for (ENetListNode* node = enet_list_begin(&server->dispatchQueue);
+             node != enet_list_end(&server->dispatchQueue); node = enet_list_next(node)) {
+            // A list node is the first member of its peer.
+            require(reinterpret_cast<ENetPeer*>(node)->state != ENET_PEER_STATE_DISCONNECTED,
+                    "nobody who has gone has an event");
+            require(++linked <= PEERS, "no peer is linked twice");
+        }
+        require(held <= MOST_MEMORY, "what ENet holds is bounded");
+        for (std::size_t i = 0; i < PEERS; ++i) {
+            checkPeer(server->peers[i]);
+        }
+        for (const ClientSlot& slot : clientConn) {
+            require(slot.peer == nullptr || slot.peer->state >= ENET_PEER_STATE_CONNECTED,
+                    "no slot keeps a peer that has gone");
+        }
+    }
+
+    static void checkPeer(ENetPeer& peer) {
+        for (std::size_t i = 0; i < peer.channelCount; ++i) {
+            ENetChannel& channel = peer.channels[i];
+            require(enet_list_size(&channel.incomingReliableCommands) <= MAX_EARLY_RELIABLE &&
+                        enet_list_size(&channel.incomingUnreliableCommands) <=
+                            MAX_EARLY_UNRELIABLE + MAX_DATAGRAM_COMMANDS,
+                    "few commands wait");
+        }
+        require(peer.totalWaitingData <= MAX_WAITING_BYTES + MAX_MESSAGE_BYTES ||
+                    peer.totalWaitingData > SIZE_MAX / 2,
+                "few bytes wait");
+    }
+
+    std::array<Stranger, STRANGERS>& strangers;
+};
 
 }  // namespace
 
+// These take the place of the program's own, which read the machine's clock. A step waits for
+// nothing, since the time passes whenever it is asked for.
+extern "C" __attribute__((visibility("default"))) enet_uint32 enet_time_get() {
+    return ++now;
+}
+
+void steadyEnetClock() {
+    enet_time_set(now);
+}
+
 int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
+    silenceStandardOutput();
+    ENetCallbacks callbacks = {};
+    callbacks.malloc = take;
+    callbacks.free = giveBack;
+    require(enet_initialize_with_callbacks(ENET_VERSION, &callbacks) == 0, "ENet starts");
+    mainDialog.store(new CheckingCore);
     return 0;
 }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    std::vector<unsigned char> datagram = FuzzInput(data, size).exactBytes(size);
-    guard(datagram);
-    const std::vector<unsigned char> once = datagram;
-    guard(datagram);
-    require(datagram == once, "what has been let through is let through");
+    static std::array<Stranger, STRANGERS> strangers;
+    FuzzInput input(data, size);
+    Run run(strangers);
+    while (!input.empty()) {
+        run.act(input);
+    }
+    run.end();
     return 0;
 }

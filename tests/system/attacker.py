@@ -8,6 +8,7 @@ It prints "ready" once the attack has begun, "sent N of M in S s" when a flood i
 the end of its input, without a word to the server. The kinds are the functions below.
 """
 
+import os
 import random
 import re
 import resource
@@ -18,12 +19,12 @@ import subprocess
 import sys
 import time
 
-from enet_wire import connect_datagram, connect_peers, flood, mutate
+from enet_wire import COMMANDS_AT_ONCE, connect_datagram, connect_peers, flood, mutate
 from processes import Process
+import stranger
 
 SERVER_PORT, DISCOVERY_PORT = 59010, 59011
 LONGEST_DATAGRAM = 65507
-COMMANDS_AT_ONCE = 64  # The server reads no longer datagram.
 FRAGMENTED_MESSAGE = 30_000_000  # Bytes; ENet itself would take up to 32 MiB.
 AHEAD = 1.1  # A sender of messages aims at so many times its rate.
 PATIENCE = 60.0  # Seconds.
@@ -168,6 +169,18 @@ def control(host, rate, kind):
         time.sleep(0.005)
     if sys.stdin.readline():
         peer.disconnect()
+
+
+def walk(host, seed, count, at_once, sharing):
+    """Strangers at random, see stranger.py; they leave the processors to those who hear."""
+    os.nice(5)
+    _sockets(0)
+    say("ready")
+    start = time.monotonic()
+    sent, answered = stranger.walk((host, SERVER_PORT), seed, int(count), int(at_once),
+                                   int(sharing))
+    say(f"sent {sent} datagrams by {count} strangers, {answered} of them answered, in "
+        f"{time.monotonic() - start:.1f} s")
 
 
 def _input_waits():

@@ -8,48 +8,68 @@ import threading
 import time
 
 (ACKNOWLEDGE, CONNECT, VERIFY_CONNECT, DISCONNECT, PING, SEND_RELIABLE, SEND_UNRELIABLE,
- SEND_FRAGMENT, SEND_UNSEQUENCED) = range(1, 10)
+ SEND_FRAGMENT, SEND_UNSEQUENCED, BANDWIDTH_LIMIT, THROTTLE_CONFIGURE,
+ SEND_UNRELIABLE_FRAGMENT) = range(1, 13)
 COMMAND_MASK = 0x0F
 WANTS_ACKNOWLEDGE = 0x80
 UNSEQUENCED = 0x40
 SENT_TIME_FLAG = 0x8000
+COMPRESSED_FLAG = 0x4000
 NO_PEER = 0x0FFF
 CONTROL_CHANNEL = 0xFF
 
-# Bytes of a command with its header; data may follow the last four kinds.
-SIZES = {ACKNOWLEDGE: 8, CONNECT: 48, VERIFY_CONNECT: 44, DISCONNECT: 8, PING: 4, SEND_RELIABLE: 6,
-         SEND_UNRELIABLE: 8, SEND_FRAGMENT: 24, SEND_UNSEQUENCED: 8, 10: 12, 11: 16, 12: 24}
-DATA_LENGTH_AT = {SEND_RELIABLE: 4, SEND_UNRELIABLE: 6, SEND_FRAGMENT: 6, SEND_UNSEQUENCED: 6, 12: 6}
+# The fields behind the four bytes that all commands begin with.
+FIELDS = {ACKNOWLEDGE: "HH", CONNECT: "HBBIIIIIIIIII", VERIFY_CONNECT: "HBBIIIIIIIII",
+          DISCONNECT: "I", PING: "", SEND_RELIABLE: "H", SEND_UNRELIABLE: "HH",
+          SEND_FRAGMENT: "HHIIII", SEND_UNSEQUENCED: "HH", BANDWIDTH_LIMIT: "II",
+          THROTTLE_CONFIGURE: "III", SEND_UNRELIABLE_FRAGMENT: "HHIIII"}
+SIZES = {number: struct.calcsize("!BBH" + fields) for number, fields in FIELDS.items()}
+DATA_LENGTH_AT = {SEND_RELIABLE: 4, SEND_UNRELIABLE: 6, SEND_FRAGMENT: 6, SEND_UNSEQUENCED: 6,
+                  SEND_UNRELIABLE_FRAGMENT: 6}
 
+COMMANDS_AT_ONCE = 64  # The server reads no longer datagram.
 FRAGMENT_BYTES = 1000
 KEPT_DATAGRAMS = 200
 
 
-def _now():
+def now():
     return int(time.monotonic() * 1000) & 0xFFFF
 
 
-def connect_datagram(connect_id, data, mtu=1400, window=65536):
+def command(number, channel, sequence, *fields, flags=0, data=b""):
+    """The bytes of one command."""
+    return struct.pack("!BBH" + FIELDS[number], number | flags, channel, sequence, *fields) + data
+
+
+def acknowledgement(channel, sequence, sent_time):
+    return command(ACKNOWLEDGE, channel, 0, sequence, sent_time)
+
+
+def connect_fields(connect_id, data, mtu=1400, window=65536):
+    return 0, 0xFF, 0xFF, mtu, window, 2, 0, 0, 5000, 2, 2, connect_id, data
+
+
+def connect_datagram(connect_id, data):
     """A whole datagram that asks for a connection."""
-    return struct.pack(
-        "!HHBBHHBB8III", NO_PEER | SENT_TIME_FLAG, _now(), CONNECT | WANTS_ACKNOWLEDGE,
-        CONTROL_CHANNEL, 1, 0, 0xFF, 0xFF, mtu, window, 2, 0, 0, 5000, 2, 2, connect_id, data)
+    return struct.pack("!HH", NO_PEER | SENT_TIME_FLAG, now()) + command(
+        CONNECT, CONTROL_CHANNEL, 1, *connect_fields(connect_id, data), flags=WANTS_ACKNOWLEDGE)
 
 
 def commands_of(datagram):
-    """The commands of a datagram that a server sent: (number, channel, sequence, sent time, all)."""
+    """The commands of a datagram that a server sent: (number, channel, sequence, sent time, flags,
+    bytes)."""
     (peer,) = struct.unpack_from("!H", datagram)
     sent_time, at = 0, 2
     if peer & SENT_TIME_FLAG:
         (sent_time,) = struct.unpack_from("!H", datagram, 2)
         at = 4
     while at + 4 <= len(datagram):
-        command, channel, sequence = struct.unpack_from("!BBH", datagram, at)
-        number = command & COMMAND_MASK
+        flags, channel, sequence = struct.unpack_from("!BBH", datagram, at)
+        number = flags & COMMAND_MASK
         size = SIZES.get(number)
         if size is None or at + size > len(datagram):
             return
-        yield number, channel, sequence, sent_time, command, datagram[at:at + size]
+        yield number, channel, sequence, sent_time, flags, datagram[at:at + size]
         if number in DATA_LENGTH_AT:
             size += struct.unpack_from("!H", datagram, at + DATA_LENGTH_AT[number])[0]
         at += size
@@ -61,6 +81,8 @@ class HandMadePeer:
     ``service`` acknowledges what has come. Connected once ``peer_id`` is known; ``sent`` keeps the
     first datagrams.
     """
+
+    session = 0
 
     def __init__(self, server, data, source=None):
         self.socket = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
@@ -74,66 +96,77 @@ class HandMadePeer:
         self.unsequenced = 0
         self.ping_sequence = 1
         self.audio_datagrams = 0
-        self.sent = [connect_datagram(int.from_bytes(os.urandom(4), "big"), data)]
-        self.socket.send(self.sent[0])
+        self.sent = []
+        self.ask(data)
+
+    def ask(self, data):
+        self.send_datagram(connect_datagram(int.from_bytes(os.urandom(4), "big"), data))
 
     def send(self, commands):
         """False when there was no room for it."""
-        header = struct.pack("!HH", self.peer_id | self.session << 12 | SENT_TIME_FLAG, _now())
+        return self.send_datagram(struct.pack(
+            "!HH", self.peer_id | self.session << 12 | SENT_TIME_FLAG, now()) + commands)
+
+    def send_datagram(self, datagram):
         try:
-            self.socket.send(header + commands)
+            self.socket.send(datagram)
             if len(self.sent) < KEPT_DATAGRAMS:
-                self.sent.append(header + commands)
+                self.sent.append(datagram)
         except (BlockingIOError, ConnectionRefusedError):
             return False
         return True
 
-    def service(self):
+    def heard(self):
+        """What has come and is to be acknowledged, a list of (channel, sequence, sent time) for
+        each datagram."""
         while True:
             try:
                 datagram = self.socket.recv(65536)
             except (BlockingIOError, ConnectionRefusedError):
                 return
-            answers = b""
-            for number, channel, sequence, sent_time, command, body in commands_of(datagram):
+            wanted = []
+            for number, channel, sequence, sent_time, flags, body in commands_of(datagram):
                 if number == VERIFY_CONNECT:
-                    self.peer_id, self.session = struct.unpack_from("!HB", body, 4)
+                    self.peer_id, self.session = struct.unpack_from("!HxB", body, 4)
                 elif number == DISCONNECT:
                     (self.disconnect_data,) = struct.unpack_from("!I", body, 4)
                 elif number >= SEND_RELIABLE:
                     self.audio_datagrams += 1
-                if command & WANTS_ACKNOWLEDGE:
-                    answers += struct.pack("!BBHHH", ACKNOWLEDGE, channel, 0, sequence, sent_time)
-            if answers and self.peer_id is not None:
-                self.send(answers)
+                if flags & WANTS_ACKNOWLEDGE:
+                    wanted.append((channel, sequence, sent_time))
+            yield wanted
+
+    def service(self):
+        for wanted in self.heard():
+            if wanted and self.peer_id is not None:
+                self.send(b"".join(acknowledgement(*one) for one in wanted))
 
     def reliable(self, data, channel=0):
         """The bytes of one reliable command."""
         self.sequences[channel] = self.sequences[channel] + 1 & 0xFFFF
-        return struct.pack("!BBHH", SEND_RELIABLE | WANTS_ACKNOWLEDGE, channel,
-                           self.sequences[channel], len(data)) + data
+        return command(SEND_RELIABLE, channel, self.sequences[channel], len(data),
+                       flags=WANTS_ACKNOWLEDGE, data=data)
 
     def unsequenced_command(self, data, channel=0):
         self.unsequenced = self.unsequenced + 1 & 0xFFFF
-        return struct.pack("!BBHHH", SEND_UNSEQUENCED | UNSEQUENCED, channel, 0, self.unsequenced,
-                           len(data)) + data
+        return command(SEND_UNSEQUENCED, channel, 0, self.unsequenced, len(data),
+                       flags=UNSEQUENCED, data=data)
 
     def fragment(self, number, total_length):
         """One piece of a message of ``total_length`` bytes."""
         data = bytes(FRAGMENT_BYTES)
         count = (total_length + len(data) - 1) // len(data)
-        return struct.pack("!BBHHHIIII", SEND_FRAGMENT | WANTS_ACKNOWLEDGE, 0, 1 + number, 1,
-                           len(data), count, number, total_length, number * len(data)) + data
+        return command(SEND_FRAGMENT, 0, 1 + number, 1, len(data), count, number, total_length,
+                       number * len(data), flags=WANTS_ACKNOWLEDGE, data=data)
 
     def ping(self):
         self.ping_sequence = self.ping_sequence + 1 & 0xFFFF
-        self.send(struct.pack("!BBH", PING | WANTS_ACKNOWLEDGE, CONTROL_CHANNEL,
-                              self.ping_sequence))
+        self.send(command(PING, CONTROL_CHANNEL, self.ping_sequence, flags=WANTS_ACKNOWLEDGE))
 
     def disconnect(self):
         """Says good-bye, more than once because no answer is waited for."""
         for _ in range(3):
-            self.send(struct.pack("!BBHI", DISCONNECT | UNSEQUENCED, CONTROL_CHANNEL, 0, 0))
+            self.send(command(DISCONNECT, CONTROL_CHANNEL, 0, 0, flags=UNSEQUENCED))
             time.sleep(0.1)
         self.socket.close()
 

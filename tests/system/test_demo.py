@@ -8,7 +8,7 @@ import sys
 from harness import SystemTest, main, program
 from signals import noise, read_wav, silence, write_wav
 
-SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "scripts"
+SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "scripts" / "lib"
 sys.path.insert(0, str(SCRIPTS))
 
 import demo  # noqa: E402

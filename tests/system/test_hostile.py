@@ -21,7 +21,8 @@ from attacker import DISCOVERY_PORT, Attacker
 from enet_wire import Recorder, connect_peers
 from harness import (DEFAULT_PORT, HERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
                      has_sanitizer, main, resident_bytes, wait_until, with_prompt_release)
-from probe import DISCONNECT_REPLACED, MULTI_CLIENT, Probe, sequence_gaps
+from probe import DISCONNECT_REPLACED, MULTI_CLIENT, Probe, samples_of, sequence_gaps
+from signals import sine
 
 DATAGRAMS = int(os.environ.get("VELANTRIX_HOSTILE_DATAGRAMS", "4000"))
 RATE = 10000
@@ -38,8 +39,19 @@ SETTLING = 0.2  # Seconds.
 ACKNOWLEDGEMENTS = max(500, DATAGRAMS // 20)  # Of a client that is forged: they count as read, too.
 AT_ONCE = 5.0 if has_sanitizer() else 2.0
 
-CONNECTED = re.compile(r"^A new client connected from ")
-DISCONNECTED = re.compile(r"^Client [\d.]+:\d+ disconnected$")
+STRANGERS, AT_ONCE_ALIVE = 400 if LONG else 40, 40  # Of a walk.
+SHARING = 3  # So many of them share the server at a time: nobody's place is taken.
+PAUSE, LONGEST_LIFE = 45.0, 60.0  # Seconds after it: for newcomers to hear, for all to be gone.
+LONGEST_WAIT = 2.0  # Seconds from one packet of sound to the next.
+TONE, TONE_LEVEL, TONE_SECONDS = 440, 9000, 900 if LONG else 300
+
+CONNECTED = re.compile(r"^A new client connected from (?P<address>[\d.]+:\d+) ")
+DISCONNECTED = re.compile(r"^Client (?P<address>[\d.]+:\d+) disconnected$")
+
+
+def is_heard(packet):
+    """Whether a raw packet has the tone in it."""
+    return max(samples_of([packet])) > TONE_LEVEL / 2
 
 
 class Arrivals(collections.namedtuple("Arrivals", "read filtered refused")):
@@ -87,7 +99,7 @@ class HostileNetwork(unittest.TestCase):
         cls.addClassCleanup(cls.check_end)
         cls.server.wait_for_capture()
         cls.probe = cls.enter(Probe(cls.folder))
-        cls.seed = random.SystemRandom().getrandbits(32)
+        cls.seed = int(os.environ.get("VELANTRIX_HOSTILE_SEED", random.getrandbits(32)))
         print(f"seed {cls.seed}, floods of {DATAGRAMS} datagrams")
         cls.good = [cls.good_client(*choice) for choice in CHOICES]
 
@@ -197,15 +209,16 @@ class HostileNetwork(unittest.TestCase):
         peers[0].disconnect()
         self.wait_connections(len(CHOICES))
 
-    def assert_newcomer_hears_at_once(self):
+    def assert_newcomer_hears_at_once(self, stays=False):
         begin = time.monotonic()
         newcomer = self.good_client()
         taken = time.monotonic() - begin
         print(f"a new client heard 20 packets after {taken:.2f} s")
         self.assertLess(taken, AT_ONCE)
         self.assertEqual(sequence_gaps(newcomer.packets()), 0)
-        newcomer.disconnect()
-        newcomer.wait_disconnected()
+        if not stays:
+            newcomer.disconnect()
+            newcomer.wait_disconnected()
 
 
 class Strangers(HostileNetwork):
@@ -387,6 +400,86 @@ class Crowd(HostileNetwork):
         with self.take_all_peers(MULTI_CLIENT):
             self.wait_connections(MAX_PEERS - len(CHOICES))
         self.assert_all_is_as_before()
+
+
+class Walk(HostileNetwork):
+    """Strangers who walk at random over all that ENet's protocol knows, while a tone is heard."""
+
+    # What the strangers leave behind grows the heap, once: they come in any order.
+    judged_memory = "VmRSS"
+
+    @classmethod
+    def setUpClass(cls):
+        super().setUpClass()
+        second = sine(TONE, TONE_LEVEL, 48000, 48000)
+        cls.sound.play(second * TONE_SECONDS)
+        wait_until(lambda: is_heard(cls.good[0].wait_packets(20)[-1]), "the tone is heard")
+
+    def assert_tone_was_heard(self, since):
+        """The raw client heard nothing but the tone, and never waited long for it."""
+        packets = self.good[0].packets()[since:]
+        silent = sum(1 for packet in packets if not is_heard(packet))
+        longest = max(after.arrival - before.arrival
+                      for before, after in zip(packets, packets[1:])) / 1000
+        print(f"{len(packets)} packets of the tone, {silent} of them silent; the longest wait for "
+              f"one was {longest:.2f} s")
+        self.assertLess(silent, 0.01 * len(packets))
+        self.assertLess(longest, LONGEST_WAIT)
+
+    def left(self):
+        """By address, how many lines more say that a client came than that it went; never less."""
+        balance = collections.Counter()
+        for line in self.server.out.all():
+            if found := CONNECTED.match(line) or DISCONNECTED.match(line):
+                balance[found["address"]] += 1 if CONNECTED.match(line) else -1
+                self.assertGreaterEqual(balance[found["address"]], 0, line)
+        return +balance
+
+    def walk(self):
+        """Returns the moment of its end, and how much memory was needed meanwhile."""
+        peak = self.memory_now()
+        with self.attack("walk", self.seed, STRANGERS, AT_ONCE_ALIVE, SHARING) as attacker:
+            while attacker.out.count() < 2 and attacker.child.poll() is None:
+                peak = max(peak, self.memory_now())
+                time.sleep(0.1)
+            end = time.monotonic()
+            self.assertEqual(attacker.err.all(), [])
+            print(attacker.wait_sent(1))
+        print(f"{self.judged_memory} at most {peak // 1024} KiB")
+        return end, peak
+
+    def wait_for_the_rest(self, end):
+        """Until nobody can be left of the strangers; in short, until nobody is."""
+        if LONG:
+            time.sleep(max(0.0, end + PAUSE - time.monotonic()))
+            return
+        self.wait_connections(len(CHOICES), end + LONGEST_LIFE - time.monotonic())
+        newcomers = connect_peers(("127.0.0.1", DEFAULT_PORT), SLOTS, 0,
+                                  end + PAUSE - time.monotonic())
+        self.assertEqual(len(newcomers), SLOTS)
+        for newcomer in newcomers:
+            newcomer.disconnect()
+        self.wait_connections(len(CHOICES))
+
+    def test_strangers_of_every_kind(self):
+        start = len(self.good[0].packets())
+        with self.nobody_loses():
+            end, peak = self.walk()
+            self.wait_for_the_rest(end)
+        self.assert_tone_was_heard(start)
+        connects = sum(map(bool, map(CONNECTED.match, self.server.out.all())))
+        print(f"{connects} connections, {self.connections()} left")
+        self.assertGreater(connects, STRANGERS / 4)
+        factor = 2 if has_sanitizer() else 1
+        self.assertLess(peak - self.memory, factor * MEMORY_SHARE * self.memory)
+        self.assert_memory_is_back()
+        for client in self.good:
+            client.disconnect()
+            client.wait_disconnected()
+        for _ in range(SLOTS):
+            self.assert_newcomer_hears_at_once(stays=True)
+        self.wait_connections(SLOTS, max(5.0, end + LONGEST_LIFE - time.monotonic()))
+        self.assertEqual(sum(self.left().values()), SLOTS)
 
 
 class Shown(SystemTest):

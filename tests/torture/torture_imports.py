@@ -10,7 +10,7 @@ NEVER_MADE_TO_FAIL = {
     "they cannot fail, or only for arguments that are wrong":
         "abort __assert_fail _exit exit raise alarm getpid gettid getenv clock_gettime gettimeofday "
         "time signal sigaction setvbuf strcmp strlen strncpy strtol memchr memcmp memcpy memmove memset "
-        "inet_pton pthread_mutex_lock pthread_mutex_unlock sem_init sem_post",
+        "inet_pton pthread_self pthread_mutex_lock pthread_mutex_unlock sem_init sem_post",
     "on Linux they cannot fail for a thread that exists and is not joined twice":
         "pthread_attr_init pthread_attr_setdetachstate pthread_attr_destroy pthread_detach "
         "pthread_join",

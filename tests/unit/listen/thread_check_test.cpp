@@ -4,6 +4,11 @@
 
 #include <gtest/gtest.h>
 
+TEST(ThreadCheck, MainsThreadIsTheMainOne) {
+    EXPECT_TRUE(onMainThread());
+    EXPECT_FALSE(std::async(std::launch::async, onMainThread).get());
+}
+
 TEST(ThreadCheck, TheFirstCallersThreadIsTheOne) {
     const ThreadCheck check;
     const auto elsewhere = [&check] {

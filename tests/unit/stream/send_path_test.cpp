@@ -1,6 +1,7 @@
 #include "stream/send_path.h"
 
 #include <algorithm>
+#include <thread>
 
 #include <opus/opus.h>
 
@@ -387,6 +388,12 @@ TEST_F(SendPath, TenClientsOfMixedChoicesEachReceiveTheirs) {
         EXPECT_EQ(clients[i]->packets[0].header.flags, requests[i] | 2);
         EXPECT_EQ(clients[i]->packets[0].reliable, (requests[i] & 1) != 0);
     }
+}
+
+TEST_F(SendPath, BlockFromASecondThreadFailsAnAssertion) {
+    process(RAW);
+    const auto processElsewhere = [this] { std::thread([this] { process(RAW); }).join(); };
+    EXPECT_DEBUG_DEATH(processElsewhere(), "captureThread");
 }
 
 TEST(TwosCompShort, IsTheUnsignedValueOfItsBytes) {

@@ -51,9 +51,9 @@ TEST_F(SequenceTrackerFrom100, ANumberThatGoesBackIsANewStart) {
 }
 
 TEST_F(SequenceTrackerFrom100, AnotherPassOrRateIsANewStart) {
-    EXPECT_TRUE(starts(numbered(7, Encoding::Opus)));
-    EXPECT_FALSE(starts(numbered(8, Encoding::Fallback)));
-    EXPECT_TRUE(starts(numbered(9, Encoding::Opus, 44100)));
+    EXPECT_TRUE(starts(numbered(101, Encoding::Opus)));
+    EXPECT_FALSE(starts(numbered(102, Encoding::Fallback)));
+    EXPECT_TRUE(starts(numbered(103, Encoding::Opus, 44100)));
     EXPECT_EQ(tracker_.lost(), 0u);
 }
 

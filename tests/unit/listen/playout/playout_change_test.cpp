@@ -133,6 +133,21 @@ TEST_F(PlayoutChange, LostOpusPacketsAreConcealedWithoutClicks) {
     EXPECT_LT(largestStep(played_), SMOOTH_STEP * 3 / 2);
 }
 
+TEST(BlockSource, SoundThatRunsDryFadesOutFromWhereItEnded) {
+    vxlisten::BlockQueue queue;
+    vxlisten::BlockSource source(queue);
+    const Bytes bytes = packets::raw(0, 5000);
+    PacketFeed(queue).push(*vxlisten::parseAudioPacket(bytes.data(), bytes.size()), 0);
+    ASSERT_NE(source.takeArrival(), nullptr);
+    source.resume();
+    EXPECT_EQ(source.next().frames[2 * 337], 5337);
+    const auto last = source.next();
+    EXPECT_EQ(last.kind, vxlisten::BlockSource::Kind::RanDry);
+    EXPECT_EQ(last.frames[0], 5337);
+    EXPECT_NEAR(last.frames[2 * 337], 0, 20);
+    EXPECT_EQ(source.next().count, 0u);
+}
+
 TEST(BlockSource, ASkipThatBeginsOrEndsAtALostPacketMakesNoClick) {
     for (const std::uint32_t lost : {7U, 8U, 9U, 11U}) {
         vxlisten::BlockQueue queue;

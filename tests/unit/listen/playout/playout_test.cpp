@@ -106,6 +106,7 @@ TEST(Playout, FivePercentLossIsConcealedWithoutClicksOrUnderruns) {
     EXPECT_NEAR(static_cast<double>(simulation.figures().concealed), static_cast<double>(dropped),
                 15.0);
     EXPECT_EQ(simulation.figures().underruns, 0u);
+    EXPECT_LT(simulation.figures().jitterMs, 5.0) << "what is lost has not come late";
     EXPECT_LT(largestStep(simulation.played()), toneStep(setup) * 3 / 2 + 100);
 }
 
@@ -155,6 +156,7 @@ TEST(Playout, ANewStreamIsFadedIntoWithoutAClick) {
     simulation.startNewStream();
     simulation.run(2);
     EXPECT_TRUE(simulation.figures().playing);
+    EXPECT_EQ(simulation.figures().targetMs, setup.delayMs);
     EXPECT_LT(largestStep(simulation.played()), toneStep(setup) * 3 / 2 + 100);
 }
 

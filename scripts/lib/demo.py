@@ -11,7 +11,7 @@ import sys
 import tempfile
 
 sys.dont_write_bytecode = True
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "tests" / "system"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tests" / "system"))
 
 from harness import DEFAULT_PORT, Process, Server, listen_command  # noqa: E402
 from network import join_private_network  # noqa: E402

@@ -6,7 +6,7 @@
 
 set -euo pipefail
 
-repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 jobs=${JOBS:-$(nproc)}
 
 # PulseAudio for ourselves, where the package cannot be installed; see unpack_sound_server.
@@ -32,7 +32,6 @@ packages_bench=(
     libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib valgrind
 )
 packages_coverage=(gcovr)
-packages_fuzzcoverage=(llvm)
 packages_package=(dpkg-dev lintian file)
 packages_trees=(debootstrap iproute2 python3)
 

@@ -43,11 +43,11 @@ GCC_MISTAKES = re.compile(r"possibly-NULL 'operator new|use of uninitialized val
 
 def sources(build, folders):
     """The command of each of our files, without what names its output."""
-    root = pathlib.Path(__file__).resolve().parent.parent
+    root = pathlib.Path(__file__).resolve().parents[2]
     wanted = [root / folder for folder in folders]
     commands = {}
     for entry in json.loads((pathlib.Path(build) / "compile_commands.json").read_text()):
-        if pathlib.Path(entry["file"]).parent in wanted:
+        if any(folder in wanted for folder in pathlib.Path(entry["file"]).parents):
             words = shlex.split(entry["command"])
             words = words[next(i for i, word in enumerate(words) if word.endswith("++")) + 1:]
             at = words.index("-o")
