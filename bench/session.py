@@ -3,18 +3,18 @@
 Everything runs in a network namespace of its own, so nothing leaves the machine.
 """
 
-import mmap
 import os
-import struct
 import subprocess
 import sys
 import tempfile
 import time
 from pathlib import Path
 
-REMEMBERED = 1 << 16
-COUNTERS_AT = 2 * REMEMBERED * 8 + 8  # Behind the first sequence numbers.
-COUNTER_NAMES = ("callbacks", "processor_ns", "sends", "receives", "polls", "encode_ns")
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "tests"))
+
+from support.network import enter_private_network  # noqa: E402,F401 (for the measurements)
+from support.paced_capture import capture_environment, counters  # noqa: E402
+
 BLOCKS_PER_GROUP = 480 / 338
 """A group is what is encoded at once."""
 
@@ -26,17 +26,6 @@ def choices(rate, mode, clients):
     """(rate code, reliable) of so many clients; "four" are the compressed rates in turn."""
     codes = [code for code in RATE_CODES.values() if code] if rate == "four" else [RATE_CODES[rate]]
     return [(codes[i % len(codes)], mode == "reliable") for i in range(clients)]
-
-
-def enter_private_network():
-    """Runs this script again inside a new network namespace with only a loopback device."""
-    if os.environ.get("VX_BENCH_NAMESPACE") == "1":
-        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
-        subprocess.run(["ip", "route", "replace", "231.232.233.235/32", "dev", "lo"], check=True)
-        return
-    os.environ["VX_BENCH_NAMESPACE"] = "1"
-    flags = "-n" if os.geteuid() == 0 else "-rn"
-    os.execvp("unshare", ["unshare", flags, sys.executable, *sys.argv])
 
 
 class Client:
@@ -84,15 +73,12 @@ class Session:
         self.table_path = os.path.join(self.folder.name, "table")
         environment = dict(
             os.environ, HOME=self.folder.name, XDG_CONFIG_HOME=self.folder.name,
-            LD_PRELOAD=str(self.build / "libpaced_capture.so"),
-            PACED_CAPTURE_TABLE=self.table_path,
-            VELANTRIX_SERVER_SAMPLE_RATE="48000", QT_QPA_PLATFORM="offscreen")
+            QT_QPA_PLATFORM="offscreen",
+            **capture_environment(self.build / "libpaced_capture.so", self.table_path))
         self.log = open(os.path.join(self.folder.name, "server.log"), "w", encoding="utf-8")
         self.server = subprocess.Popen([*prefix, self.build / "VelantrixServer", "-nogui"],
                                        env=environment, stdout=self.log, stderr=subprocess.STDOUT)
         self._wait_for_callbacks()
-        with open(self.table_path, "rb") as file:
-            self.table = mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ)
         self.clients = [
             Client(self.build, self.PORT, rate_code, reliable, self.table_path,
                    os.path.join(self.folder.name, f"client-{number}") if account else None, prefix)
@@ -108,7 +94,7 @@ class Session:
 
     def _wait_for_callbacks(self):
         for _ in range(200):
-            if os.path.exists(self.table_path) and os.path.getsize(self.table_path) > 0:
+            if counters(self.table_path) is not None:
                 return
             if self.server.poll() is not None:
                 break
@@ -121,5 +107,4 @@ class Session:
                 raise RuntimeError("a client received nothing")
 
     def counters(self):
-        values = struct.unpack_from(f"<{len(COUNTER_NAMES)}q", self.table, COUNTERS_AT)
-        return dict(zip(COUNTER_NAMES, values))
+        return counters(self.table_path)

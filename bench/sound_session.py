@@ -7,16 +7,13 @@ import os
 import random
 import re
 import subprocess
-import sys
 import tempfile
 import threading
 import time
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parent.parent / "tests" / "system"))
-
-from session import Client, end_programs  # noqa: E402
-from sound import NULL_SINK, SoundServer, clean_environment  # noqa: E402
+from session import Client, end_programs
+from support.sound import NULL_SINK, SoundServer, clean_environment
 
 RATE = 48000
 

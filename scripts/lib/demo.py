@@ -3,26 +3,30 @@
 Usage: demo.py BUILD-FOLDER OUTPUT-FOLDER; see scripts/demo.
 """
 
+import array
+import contextlib
+import math
 import os
 import pathlib
+import shutil
 import signal
 import socket
+import subprocess
 import sys
 import tempfile
+import time
+import wave
 
 sys.dont_write_bytecode = True
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[2] / "tests" / "system"))
 
-from harness import DEFAULT_PORT, Process, Server, listen_command  # noqa: E402
-from network import join_private_network  # noqa: E402
-from signals import rms, read_wav, write_wav  # noqa: E402
-from sound import SoundServer, clean_environment  # noqa: E402
 from tune import RATE, make_tune  # noqa: E402
 
 SECONDS = 10
 WINDOW_BYTES = 4 * RATE // 100
 NEEDED_SHARE = 0.9
 NEEDED_SECONDS = 8
+PATIENCE = 30
+NULL_SINK = "out"
 
 
 def free_port():
@@ -42,34 +46,81 @@ def output_folder(wanted):
         return pathlib.Path(tempfile.mkdtemp(prefix="velantrix-demo-"))
 
 
-def stream(folder, private):
-    """Plays and records; returns the tune as it was played and the listener's status."""
+@contextlib.contextmanager
+def running(*command, **options):
+    """A program that ends with the context, if not before."""
+    with subprocess.Popen([str(word) for word in command], **options) as child:
+        try:
+            yield child
+        finally:
+            child.kill()
+
+
+def wait_until(condition, child, what):
+    """Waits until ``condition()`` is true, while the child runs."""
+    end = time.monotonic() + PATIENCE
+    while not condition():
+        if child.poll() is not None or time.monotonic() > end:
+            raise RuntimeError(f"{what} did not start")
+        time.sleep(0.05)
+
+
+@contextlib.contextmanager
+def sound_server(folder):
+    """PulseAudio with one null sink, heard by nobody else; yields the variables that lead there."""
+    for tool in ("pulseaudio", "pactl", "pacat"):
+        if shutil.which(tool) is None:
+            raise RuntimeError(f"{tool} is not installed")
+    (folder / ".asoundrc").write_text("pcm.!default { type pulse }\nctl.!default { type pulse }\n",
+                                      encoding="ascii")
+    env = {name: value for name, value in os.environ.items()
+           if not name.startswith(("VELANTRIX_", "PULSE_", "ALSA_"))}
+    env.update(HOME=str(folder), XDG_CONFIG_HOME=str(folder), XDG_RUNTIME_DIR=str(folder),
+               PULSE_SERVER=f"unix:{folder}/native", VELANTRIX_SERVER_SAMPLE_RATE=str(RATE))
+    quiet = {"env": env, "stdout": subprocess.DEVNULL, "stderr": subprocess.DEVNULL}
+    with running("pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
+                 "-L", f"module-native-protocol-unix socket={folder}/native auth-anonymous=1",
+                 "-L", f"module-null-sink sink_name={NULL_SINK} rate={RATE} channels=2 "
+                       "format=s16le", **quiet) as daemon:
+        choose = ["pactl", "set-default-source", f"{NULL_SINK}.monitor"]
+        wait_until(lambda: subprocess.run(choose, check=False, **quiet).returncode == 0, daemon,
+                   "the private sound server")
+        yield env
+
+
+def stream(build, folder):
+    """Plays and records; returns the tune as it was played."""
     print("Making the tune ...", flush=True)
     tune = make_tune()
-    write_wav(folder / "tune.wav", tune, RATE)
+    with wave.open(str(folder / "tune.wav"), "wb") as target:
+        target.setparams((2, 2, RATE, 0, "NONE", ""))
+        target.writeframes(tune.tobytes())
     played = tune + tune
-    port = DEFAULT_PORT if private else free_port()
-    arguments = ["-b", "127.0.0.1", "-p", str(port)]
-    with SoundServer(RATE) as sound, Server(*arguments, sound=sound, rate=RATE) as server:
-        server.wait_for_capture()
-        print(f"The server streams on 127.0.0.1 port {port}"
-              + (" of a private network." if private else ".")
-              + f" Listening for {SECONDS} seconds ...", flush=True)
-        sound.play(played)
-        listener = Process(
-            listen_command("--port", port, "--rate", "raw", "--no-play", "--seconds", SECONDS,
-                           "--name", "Demo", "--record", folder / "recording.wav"),
-            clean_environment())
-        with listener:
-            status = listener.wait(SECONDS + 30)
-            report = "\n".join(listener.out.all() + listener.err.all())
-        server_status = server.stop()
-        (folder / "server.log").write_text("\n".join(server.out.all() + server.err.all()) + "\n",
-                                           encoding="utf-8")
-    print("\nThe listener's report:\n" + report + "\n")
+    port = free_port()
+    log = folder / "server.log"
+    with contextlib.ExitStack() as stack:
+        private = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="velantrix")))
+        (private / "played").write_bytes(played.tobytes())
+        env = stack.enter_context(sound_server(private))
+        server = stack.enter_context(running(
+            build / "VelantrixServer", "-nogui", "-b", "127.0.0.1", "-p", port, env=env,
+            stdout=stack.enter_context(open(log, "wb")), stderr=subprocess.STDOUT))
+        wait_until(lambda: b"Audio capture running" in log.read_bytes(), server, "the capture")
+        print(f"The server streams on 127.0.0.1 port {port}. Listening for {SECONDS} seconds ...",
+              flush=True)
+        stack.enter_context(running(
+            "pacat", "--playback", "--raw", "--format=s16le", "--channels=2", f"--rate={RATE}",
+            f"--device={NULL_SINK}", private / "played", env=env))
+        status = subprocess.run(
+            [build / "velantrix-listen", "127.0.0.1", "--port", str(port), "--rate", "raw",
+             "--no-play", "--seconds", str(SECONDS), "--name", "Demo",
+             "--record", folder / "recording.wav"],
+            env=env, timeout=SECONDS + PATIENCE, check=False).returncode
+        server.terminate()
+        server_status = server.wait(PATIENCE)
     if status != 0 or server_status != 0:
-        raise AssertionError(f"the listener ended with status {status}, the server with "
-                             f"{server_status}; see {folder}/server.log")
+        raise RuntimeError(f"the listener ended with status {status}, the server with "
+                           f"{server_status}; see {log}")
     return played
 
 
@@ -94,10 +145,14 @@ def matching_share(recording, played):
 
 def judge(folder, played):
     """Compares the recording with the tune; prints the verdict and returns the exit status."""
-    recording, rate = read_wav(folder / "recording.wav")
+    recording = array.array("h")
+    with wave.open(str(folder / "recording.wav"), "rb") as source:
+        rate = source.getframerate()
+        recording.frombytes(source.readframes(source.getnframes()))
+    level = math.sqrt(sum(value * value for value in recording) / max(1, len(recording)))
     share, seconds = matching_share(recording, played)
     print(f"Recording: {len(recording) / 2 / rate:.2f} s at {rate} Hz, "
-          f"RMS level {rms(recording):.0f} of 32767, in {folder}/recording.wav")
+          f"RMS level {level:.0f} of 32767, in {folder}/recording.wav")
     print(f"Compared with the tune: {100 * share:.1f} % of {seconds:.2f} s are the same, "
           "bit for bit.")
     if rate == RATE and share >= NEEDED_SHARE and seconds >= NEEDED_SECONDS:
@@ -110,16 +165,13 @@ def judge(folder, played):
 
 def main():
     build, wanted = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
-    private = join_private_network()
-    os.environ["VELANTRIX_SERVER"] = str(build / "VelantrixServer")
-    os.environ["VELANTRIX_LISTEN"] = str(build / "velantrix-listen")
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("stopped"))
     folder = output_folder(wanted)
     for name in ("recording.wav", "server.log", "tune.wav"):
         (folder / name).unlink(missing_ok=True)
     try:
-        return judge(folder, stream(folder, private))
-    except (AssertionError, OSError) as error:
+        return judge(folder, stream(build, folder))
+    except (RuntimeError, OSError, subprocess.SubprocessError) as error:
         print(f"demo: {error}", file=sys.stderr)
         return 1
     except KeyboardInterrupt:

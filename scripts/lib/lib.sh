@@ -23,7 +23,7 @@ packages_demo=(pulseaudio pulseaudio-utils libasound2-plugins iproute2 python3)
 packages_test=(
     libgtest-dev libgmock-dev xvfb xauth xdotool openbox imagemagick dbus at-spi2-core
     gir1.2-atspi-2.0 python3-gi libglib2.0-bin x11-utils weston qtwayland5 desktop-file-utils
-    appstream mandoc zsh systemd valgrind
+    appstream mandoc zsh systemd valgrind python3-pytest python3-pyte
 )
 packages_qt6=(qt6-base-dev qt6-wayland)
 packages_check=(clang clang-tidy clang-format cppcheck)

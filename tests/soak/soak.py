@@ -18,8 +18,12 @@ import tempfile
 import time
 from pathlib import Path
 
-sys.path.insert(0, str(Path(__file__).resolve().parents[2] / "bench"))
-from session import enter_private_network
+sys.dont_write_bytecode = True
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+
+from support.harness import resident_bytes  # noqa: E402
+from support.network import enter_private_network  # noqa: E402
+from support.paced_capture import capture_environment  # noqa: E402
 
 PORT = 59210
 CALLBACKS_PER_HOUR = 3600 * 48000 / 338
@@ -38,13 +42,6 @@ ALLOWED_GROWTH_KIB = 256
 READINGS_TO_JUDGE = 20
 
 
-def memory_kib(pid):
-    for line in Path(f"/proc/{pid}/status").read_text(encoding="ascii").splitlines():
-        if line.startswith("RssAnon:"):  # Not the pages of the capture's table.
-            return int(line.split()[1])
-    raise RuntimeError("no RssAnon")
-
-
 class Server:
     """The soaking server with its log, whose end is shown when the run fails. A context manager."""
 
@@ -54,10 +51,9 @@ class Server:
         self.log = Path(folder, "log")
         # The cache of freed memory that each thread keeps would count as memory in use.
         environment = dict(os.environ, HOME=folder, XDG_CONFIG_HOME=folder,
-                           PACED_CAPTURE_TABLE=self.table, PACED_CAPTURE_SPEED="0",
-                           PACED_CAPTURE_LEAD=LEAD,
                            GLIBC_TUNABLES="glibc.malloc.tcache_count=0",
-                           LD_PRELOAD=str(build / "libpaced_capture.so"))
+                           **capture_environment(build / "libpaced_capture.so", self.table,
+                                                 PACED_CAPTURE_SPEED="0", PACED_CAPTURE_LEAD=LEAD))
         with open(self.log, "wb") as log:
             self.process = subprocess.Popen([build / "soak_server", str(PORT)], env=environment,
                                             stdout=log, stderr=log)
@@ -108,7 +104,9 @@ class Server:
 def report(server, seconds, most_descriptors):
     """Prints a line; returns the memory in KiB. `most_descriptors` may be None: any number."""
     server.check_alive()
-    memory, descriptors = memory_kib(server.process.pid), server.descriptors()
+    # Not the pages of the capture's table.
+    memory = resident_bytes(server.process, "RssAnon") // 1024
+    descriptors = server.descriptors()
     print(f"{seconds:7.0f} s  {memory} KiB  {descriptors} descriptors", flush=True)
     if most_descriptors is not None and descriptors > most_descriptors:
         raise SystemExit(f"descriptors are lost: {descriptors} instead of {most_descriptors}")

@@ -8,9 +8,9 @@ import random
 import socket
 import time
 
-from harness import (DEFAULT_PORT, Server, SoundServer, SystemTest, main, resident_bytes,
-                     with_prompt_release)
-from probe import Probe, sequence_gaps, wait_packets_of_all
+from support.harness import (DEFAULT_PORT, Server, SoundServer, SystemTest, resident_bytes,
+                             with_prompt_release)
+from support.probe import Probe, sequence_gaps, wait_packets_of_all
 
 DISCOVERY_PORT = 59011
 QUERY, RESPONSE = b"VelantrixQuery2", b"VelantrixResponse"
@@ -151,7 +151,3 @@ class BadDatagrams(SystemTest):
                 damaged[self.random.randrange(len(damaged))] ^= 1 << self.random.randrange(8)
             self.stranger.sendto(damaged, ("127.0.0.1", DEFAULT_PORT))
         self.check_nothing_happened()
-
-
-if __name__ == "__main__":
-    main()

@@ -6,12 +6,12 @@ import socket
 import struct
 import time
 
-from harness import (THERE_ADDRESS, HERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
-                     main, wait_until)
-from probe import (DISCONNECT_REPLACED, FALLBACK_BYTES, FLAG_RELIABLE, MSGID_DATA, MSGID_FASTER,
-                   MSGID_SLOWER, RAW_PACKET_BYTES, Probe, control_message, data_request,
-                   sequence_gaps, wait_packets_of_all)
-from streaming import StreamingTest
+from support.harness import (THERE_ADDRESS, HERE_ADDRESS, OtherNetwork, Server, SoundServer,
+                             SystemTest, wait_until)
+from support.probe import (DISCONNECT_REPLACED, FALLBACK_BYTES, FLAG_RELIABLE, MSGID_DATA,
+                           MSGID_FASTER, MSGID_SLOWER, RAW_PACKET_BYTES, Probe, control_message,
+                           data_request, sequence_gaps, wait_packets_of_all)
+from support.streaming import StreamingTest
 
 CAPACITY = 10
 
@@ -344,7 +344,3 @@ class AcrossACable(SystemTest):
             for client, packets in zip(good, wait_packets_of_all(good, 50)):
                 self.assertEqual(sequence_gaps(packets), 0, client.name)
             self.assert_ends_cleanly(server)
-
-
-if __name__ == "__main__":
-    main()

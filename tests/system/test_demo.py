@@ -5,8 +5,8 @@ import pathlib
 import subprocess
 import sys
 
-from harness import SystemTest, main, program
-from signals import noise, read_wav, silence, write_wav
+from support.harness import SystemTest, program
+from support.signals import noise, read_wav, silence, write_wav
 
 SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "scripts" / "lib"
 sys.path.insert(0, str(SCRIPTS))
@@ -33,11 +33,7 @@ class WholeDemo(SystemTest):
 
     def test_no_sound_server_is_one_clear_failure(self):
         (self.folder / "bin").mkdir()
-        for tool in ("unshare", "ip"):
-            (self.folder / "bin" / tool).symlink_to(
-                subprocess.run(["which", tool], capture_output=True, text=True,
-                               check=True).stdout.strip())
-        result = self.run_demo(PATH=f"{self.folder}/bin:/usr/sbin")
+        result = self.run_demo(PATH=str(self.folder / "bin"))
         self.assertEqual(result.returncode, 1)
         self.assertIn("demo: pulseaudio is not installed", result.stderr)
         self.assertNotIn("The tune arrived.", result.stdout)
@@ -82,7 +78,3 @@ class Judgement(SystemTest):
 
     def test_wrong_rate_is_refused(self):
         self.assertEqual(self.judge(self.piece(10), 44100), 1)
-
-
-if __name__ == "__main__":
-    main()

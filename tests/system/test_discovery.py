@@ -5,10 +5,10 @@ import socket
 import subprocess
 import sys
 
-from harness import (HERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
-                     clean_environment, fake, main, wait_until)
-from network import DISCOVERY_GROUP, discovery_group_joined, ip
-from probe import Probe
+from support.harness import (HERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
+                             clean_environment, fake, wait_until)
+from support.network import DISCOVERY_GROUP, discovery_group_joined, ip
+from support.probe import Probe
 
 PORT = 59011
 FIRST_FORM, SECOND_FORM, RESPONSE = b"VelantrixQuery", b"VelantrixQuery2", b"VelantrixResponse"
@@ -155,7 +155,3 @@ class DiscoveryThatCannotStart(SystemTest):
         self.addCleanup(route_group_over_loopback)
         self.check_streaming_without_discovery(
             "multiHost: Socket multicast group add failed: No such device")
-
-
-if __name__ == "__main__":
-    main()

@@ -18,11 +18,11 @@ import termios
 import time
 import unittest
 
-from enet_wire import Recorder, connect_peers
-from harness import (DEFAULT_PORT, HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, Server, SoundServer,
-                     SystemTest, fake, main, wait_until)
-from network import ip
-from probe import MSGID_FASTER, MULTI_CLIENT, Probe, control_message, sequence_gaps
+from support.enet_wire import Recorder, connect_peers
+from support.harness import (DEFAULT_PORT, HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, Server,
+                             SoundServer, SystemTest, fake, wait_until)
+from support.network import ip
+from support.probe import MSGID_FASTER, MULTI_CLIENT, Probe, control_message, sequence_gaps
 
 DAY = 24 * 3600
 SLOTS, MAX_PEERS = 10, 32
@@ -568,7 +568,3 @@ class ScarceMemory(FaultTest):
         self.assertEqual(len(peers), MAX_PEERS)
         self.assert_ends_in_time(self.server)
 
-
-
-if __name__ == "__main__":
-    main()

@@ -13,13 +13,13 @@ import subprocess
 import termios
 import time
 
-from harness import (DEFAULT_PORT, PATIENCE, Process, Server, SoundServer, SystemTest,
-                     clean_environment, die_with_parent, listen, listen_command, main, program,
-                     wait_until)
-from relay import Relay
-from signals import (channel, dominant_frequency, find_frames, loud_part, noise, read_wav, rms,
-                     silence, sine)
-from terminal import TerminalProcess
+from support.harness import (DEFAULT_PORT, PATIENCE, Process, Server, SoundServer, SystemTest,
+                             clean_environment, die_with_parent, listen, listen_command, program,
+                             wait_until)
+from support.relay import Relay
+from support.signals import (channel, dominant_frequency, find_frames, loud_part, noise, read_wav,
+                             rms, silence, sine)
+from support.terminal import TerminalProcess
 
 FIGURES = {
     "type", "time", "server", "host", "connected", "sample_rate", "rate", "delivery",
@@ -29,7 +29,7 @@ PLAYBACK_FIGURES = {
     "playing", "buffer_ms", "target_ms", "jitter_ms", "output_latency_ms", "correction_ppm",
     "concealed", "skipped", "stretched", "underruns",
     "device_underruns"}
-EARS = "ears"
+PLAYBACK_SINK = "playback"
 # A server that is killed falls silent; the client may notice that first, or ENet.
 SERVER_GONE = (r"(the connection to 127\.0\.0\.1:59010 has ended|"
                r"no audio has come from 127\.0\.0\.1:59010 for a while)")
@@ -210,29 +210,29 @@ class Playback(ListenTest):
 
     def setUp(self):
         super().setUp()
-        self.sound.control("load-module", "module-null-sink", f"sink_name={EARS}", "rate=48000",
-                           "channels=2", "format=s16le")
-        self.ears = dict(self.sound.env, PULSE_SINK=EARS)
+        self.sound.control("load-module", "module-null-sink", f"sink_name={PLAYBACK_SINK}",
+                           "rate=48000", "channels=2", "format=s16le")
+        self.playback_env = dict(self.sound.env, PULSE_SINK=PLAYBACK_SINK)
 
-    def hear(self, seconds, *arguments):
+    def record_playback(self, seconds, *arguments):
         """Plays a tone to the client and records its sound device; returns (samples, figures)."""
         self.sound.play(sine(1000, 12000, self.rate * 60, self.rate, right_frequency=400))
-        with open(self.path("ears.raw"), "wb") as target:
+        with open(self.path("playback.raw"), "wb") as target:
             recorder = subprocess.Popen(
                 ["parec", "--raw", "--format=s16le", "--channels=2", "--rate=48000",
-                 f"--device={EARS}.monitor"], stdout=target, preexec_fn=die_with_parent,
+                 f"--device={PLAYBACK_SINK}.monitor"], stdout=target, preexec_fn=die_with_parent,
                 env=dict(clean_environment(), **self.sound.env))
-            result = listen("--seconds", seconds, "--stats=json", *arguments, env=self.ears)
+            result = listen("--seconds", seconds, "--stats=json", *arguments, env=self.playback_env)
             recorder.terminate()
             recorder.wait(PATIENCE)
         self.assertEqual(result.returncode, 0, result.stderr)
-        data = self.path("ears.raw").read_bytes()
-        heard = array.array("h", data[:len(data) // 4 * 4])
-        return heard, [json.loads(line) for line in result.stdout.splitlines()]
+        data = self.path("playback.raw").read_bytes()
+        recorded = array.array("h", data[:len(data) // 4 * 4])
+        return recorded, [json.loads(line) for line in result.stdout.splitlines()]
 
-    def check_tone(self, heard, seconds):
-        """The middle of what was heard is the tone: frequency within a cent, and level."""
-        sound = loud_part(heard)
+    def check_tone(self, recorded, seconds):
+        """The middle of what was recorded is the tone: frequency within a cent, and level."""
+        sound = loud_part(recorded)
         # A sound server takes up to two seconds to get going.
         self.assertGreater(len(sound) / 2 / 48000, seconds - 3.5)
         self.assertLess(len(sound) / 2 / 48000, seconds + 1)
@@ -247,24 +247,24 @@ class Playback(ListenTest):
             self.assertAlmostEqual(level / (12000 / 2 ** 0.5), 1, delta=0.12)
 
     def test_raw_sound_is_heard_as_it_was_played(self):
-        heard, figures = self.hear(8)
-        self.check_tone(heard, 8)
+        recorded, figures = self.record_playback(8)
+        self.check_tone(recorded, 8)
         self.assertEqual(set(figures[-1]["playback"]), PLAYBACK_FIGURES)
         self.assertTrue(any(f["playback"]["playing"] for f in figures))
 
     def test_opus_sound_is_heard_as_it_was_played(self):
-        heard, _ = self.hear(8, "--rate", 128, "--best-effort")
-        self.check_tone(heard, 8)
+        recorded, _ = self.record_playback(8, "--rate", 128, "--best-effort")
+        self.check_tone(recorded, 8)
 
     def test_a_device_that_is_not_there_is_an_error(self):
-        result = listen("--device", "no such device", env=self.ears)
+        result = listen("--device", "no such device", env=self.playback_env)
         self.assertEqual(result.returncode, 1)
         self.assertIn("no output device named 'no such device'", result.stderr)
 
     def test_devices_are_listed_one_name_a_line_with_the_default_one_first(self):
         result = subprocess.run([program("VELANTRIX_LISTEN"), "--list-devices"],
-                                env=dict(clean_environment(), **self.ears), capture_output=True,
-                                text=True, timeout=PATIENCE, check=False)
+                                env=dict(clean_environment(), **self.playback_env),
+                                capture_output=True, text=True, timeout=PATIENCE, check=False)
         self.assertEqual(result.returncode, 0)
         self.assertEqual(result.stdout.splitlines()[0], "default")
 
@@ -343,11 +343,10 @@ class Display(ListenTest):
             for part in ("127.0.0.1:59010", "48000 Hz", "reliable", "kbit/s", "RTT", "lost 0",
                          "dBFS"):
                 self.assertIn(part, terminal.text())
-            self.assertFalse(terminal.screen.cursor_shown)
+            self.assertTrue(terminal.screen.cursor.hidden)
             self.assertEqual(terminal.wait(), 0)
             final = terminal.text()
-            self.assertTrue(terminal.screen.cursor_shown)
-        self.assertEqual(terminal.screen.errors, [])
+            self.assertFalse(terminal.screen.cursor.hidden)
         self.assertEqual(final.count("kbit/s"), 1, "drawn in place, not line below line:\n" + final)
         self.assertRegex(final, r"(?m)^L #+")
         self.assertRegex(final, r"(?m)^R #+")
@@ -454,7 +453,3 @@ class NoServer(SystemTest):
             result = listen(*arguments)
             self.assertEqual(result.returncode, 2)
             self.assertEqual(result.stderr.count("\n"), 1)
-
-
-if __name__ == "__main__":
-    main()

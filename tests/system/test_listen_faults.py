@@ -6,11 +6,11 @@ import re
 import subprocess
 import time
 
-from harness import (DEFAULT_PORT, HERE_ADDRESS, PATIENCE, THERE_ADDRESS, OtherNetwork, Process,
-                     Server, SoundServer, SystemTest, clean_environment, die_with_parent, fake,
-                     listen_command, main, program, wait_until)
-from network import ip
-from signals import channel, read_wav, rms, sine
+from support.harness import (DEFAULT_PORT, HERE_ADDRESS, PATIENCE, THERE_ADDRESS, OtherNetwork,
+                             Process, Server, SoundServer, SystemTest, clean_environment,
+                             die_with_parent, fake, listen_command, program, wait_until)
+from support.network import ip
+from support.signals import channel, read_wav, rms, sine
 
 LONG_PATIENCE = 60
 MOVED_ADDRESS = "10.77.0.3"
@@ -40,23 +40,23 @@ class FaultTest(SystemTest):
 
 class OutputDevice(FaultTest):
     def test_a_restarted_sound_server_is_played_on_again_while_the_recording_goes_on(self):
-        ears = self.enterContext(SoundServer(48000))
+        output = self.enterContext(SoundServer(48000))
         self.start_server()
         self.sound.play(sine(1000, 12000, 48000, 48000) * 90)
         path = self.folder / "a.wav"
-        client = self.start_client(listen_command("--record", path, "--stats=json"), ears.env)
+        client = self.start_client(listen_command("--record", path, "--stats=json"), output.env)
         self.wait_for_playing(client)
-        ears.stop()
+        output.stop()
         client.err.wait_for(
             "velantrix-listen: the output device has gone, trying to open it again",
             timeout=LONG_PATIENCE)
         before = self.frames(client)
         wait_until(lambda: self.frames(client) > before + 48000,
                    "the recording goes on without the device", LONG_PATIENCE)
-        ears.start()
+        output.start()
         client.err.wait_for("velantrix-listen: playing again", timeout=LONG_PATIENCE)
         self.wait_for_playing(client, client.out.count())
-        self.assertGreater(rms(channel(self.hear(ears), 0)), 1000)
+        self.assertGreater(rms(channel(self.record(output), 0)), 1000)
         self.assertEqual(client.stop(), 0)
         # A busy machine may make it ask for more latency besides.
         told = [line for line in client.err.all() if "asking it for" not in line]
@@ -72,11 +72,11 @@ class OutputDevice(FaultTest):
         client.out.wait_for(re.compile('"playback":{"playing":true'), start, LONG_PATIENCE)
 
     @staticmethod
-    def hear(ears):
+    def record(output):
         """A second of what the client's sound device plays."""
         with subprocess.Popen(
                 ["parec", "--raw", "--format=s16le", "--channels=2", "--rate=48000"],
-                env=dict(clean_environment(), **ears.env), stdout=subprocess.PIPE,
+                env=dict(clean_environment(), **output.env), stdout=subprocess.PIPE,
                 preexec_fn=die_with_parent) as recorder:
             data = recorder.stdout.read(48000 * 4 * 2)
             recorder.terminate()
@@ -165,7 +165,3 @@ class PipeReader(FaultTest):
         self.assertEqual(client.wait(PATIENCE), 0)
         self.assertEqual(client.stderr.read(), b"")
         client.stderr.close()
-
-
-if __name__ == "__main__":
-    main()

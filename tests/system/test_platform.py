@@ -9,8 +9,8 @@ import subprocess
 import time
 import unittest
 
-from display import Display
-from harness import SOURCE, Server, SystemTest, die_with_parent, main, wait_until
+from support.display import Display
+from support.harness import SOURCE, Server, SystemTest, die_with_parent, wait_until
 
 WARNING = ("Warning: This session may be using a Wayland variant. If you see any other Qt errors "
            "you should choose X11 by starting VelantrixServer with '-platform xcb' option.")
@@ -110,7 +110,3 @@ def uses_wayland(server):
     """True when the process has loaded the toolkit's Wayland part, and its window stands."""
     with open(f"/proc/{server.pid}/maps", encoding="utf-8") as maps:
         return "libqwayland" in maps.read()
-
-
-if __name__ == "__main__":
-    main()

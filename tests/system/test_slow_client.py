@@ -3,10 +3,10 @@
 import re
 import time
 
-from harness import has_sanitizer, main, resident_bytes
-from probe import FALLBACK_BYTES, sequence_gaps
-from signals import noise
-from streaming import StreamingTest
+from support.harness import has_sanitizer, resident_bytes
+from support.probe import FALLBACK_BYTES, sequence_gaps
+from support.signals import noise
+from support.streaming import StreamingTest
 
 CLEARING = re.compile(r"^Clearing outgoing msg queue, outgoing/sent queue sizes: (\d+)/(\d+)$")
 REMOVED = re.compile(r"^Removed (\d+) outgoing messages$")
@@ -181,7 +181,3 @@ class SlowClient(StreamingTest):
         self.server.out.wait_for(re.compile(r"^Client 127\.0\.0\.1:\d+ disconnected$"), timeout=60)
         self.assertEqual(sequence_gaps(self.witness.wait_packets(50)), 0)
         self.assertFalse(self.witness.is_disconnected())
-
-
-if __name__ == "__main__":
-    main()

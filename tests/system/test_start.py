@@ -4,8 +4,9 @@ import re
 import socket
 import subprocess
 
-from harness import (BANNER, CAPTURE_RUNNING, DEFAULT_PORT, HERE_ADDRESS, OtherNetwork, Server,
-                     SoundServer, SystemTest, clean_environment, fake, main, private_home, program)
+from support.harness import (BANNER, CAPTURE_RUNNING, DEFAULT_PORT, HERE_ADDRESS, OtherNetwork,
+                             Server, SoundServer, SystemTest, clean_environment, fake, private_home,
+                             program)
 
 FATAL = 255
 
@@ -251,7 +252,3 @@ class FatalStarts(SystemTest):
                 env=dict(clean_environment(), **private_home(self.folder)), check=False,
                 timeout=60).returncode
             self.assertEqual(status, FATAL)
-
-
-if __name__ == "__main__":
-    main()

@@ -4,8 +4,8 @@ import os
 import signal
 import socket
 
-from harness import (BANNER, DEFAULT_PORT, Server, SoundServer, SystemTest, die_with_parent, fake,
-                     main, wait_until)
+from support.harness import (BANNER, DEFAULT_PORT, Server, SoundServer, SystemTest, die_with_parent,
+                             fake, wait_until)
 
 SLOW_CLOSE = ("VelantrixServer: Audio shutdown is taking a long time, may be caused by an audio "
               "driver issue. Quitting.")
@@ -161,7 +161,3 @@ def default_action(pid, number):
     with open(f"/proc/{pid}/status", encoding="ascii", errors="replace") as status:
         caught = next(int(line.split()[1], 16) for line in status if line.startswith("SigCgt"))
     return not caught >> (number - 1) & 1
-
-
-if __name__ == "__main__":
-    main()

@@ -3,11 +3,11 @@
 import ctypes
 import ctypes.util
 
-from harness import Server, SoundServer, SystemTest, fake, main
-from probe import (FALLBACK_BYTES, FLAG_ALT_RATE, FLAG_RELIABLE, HEADER_BYTES, MSGID_AUDIO,
-                   RAW_PACKET_BYTES, Probe, samples_of, sequence_gaps)
-from signals import (channel, dominant_frequency, find_frames, longest_exact_run, noise, rms,
-                     silence, sine, tone_amplitude)
+from support.harness import Server, SoundServer, SystemTest, fake
+from support.probe import (FALLBACK_BYTES, FLAG_ALT_RATE, FLAG_RELIABLE, HEADER_BYTES, MSGID_AUDIO,
+                           RAW_PACKET_BYTES, Probe, samples_of, sequence_gaps)
+from support.signals import (channel, dominant_frequency, find_frames, longest_exact_run, noise,
+                             rms, silence, sine, tone_amplitude)
 
 BIT_RATES = {1: 64000, 2: 128000, 3: 256000, 5: 20000}
 OPUS_FRAME = 480
@@ -184,7 +184,3 @@ class Silence(SystemTest):
             client.request(0)
             packets = client.wait_packets(100)
             self.assertFalse(any(samples_of(packets)))
-
-
-if __name__ == "__main__":
-    main()

@@ -5,10 +5,10 @@ import re
 import subprocess
 import time
 
-from harness import (BANNER, CAPTURE_RUNNING, VERSION, Server, SoundServer, SystemTest,
-                     fake, has_sanitizer, main, program)
-from probe import Probe
-from version_server import LATE, VERSION_FILE, VersionServer
+from support.harness import (BANNER, CAPTURE_RUNNING, VERSION, Server, SoundServer, SystemTest,
+                             fake, has_sanitizer, program)
+from support.probe import Probe
+from support.version_server import LATE, VERSION_FILE, VersionServer
 
 NEWS = "WebIf::checkVersion: A new version of Velantrix Server is available"
 CHECK_LINE = re.compile(r"^WebIf::")
@@ -185,7 +185,3 @@ class Address(VersionTest):
             complaints = [line for line in server.out.all() if self.COMPLAINT.search(line)]
             self.assertEqual(len(complaints), 1)
             self.assertNotIn("touch", complaints[0])
-
-
-if __name__ == "__main__":
-    main()

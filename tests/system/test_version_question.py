@@ -6,8 +6,8 @@ import signal
 import subprocess
 import time
 
-from harness import Process, clean_environment, main, wait_until
-from screen import Screen
+from support.display import XServer
+from support.harness import Process, clean_environment, wait_until
 from test_stop import default_action
 from test_version_check import BANNER, NEWS, QUIET_MINUTES, WAIT, VersionTest
 
@@ -27,7 +27,7 @@ class Display:
 
     def __enter__(self):
         self.programs = contextlib.ExitStack()
-        self.name = self.programs.enter_context(Screen()).name
+        self.name = self.programs.enter_context(XServer()).name
         if self.manager:
             self.programs.enter_context(Process(["openbox", "--sm-disable"],
                                                 dict(clean_environment(), DISPLAY=self.name)))
@@ -151,7 +151,3 @@ class Question(VersionTest):
             display.wait_for_question()
             self.assert_ends_cleanly(server)
             self.assertIn(BANNER, server.out.all())
-
-
-if __name__ == "__main__":
-    main()

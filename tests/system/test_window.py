@@ -9,9 +9,9 @@ import stat
 import time
 import unittest
 
-from display import Display, View
-from harness import (DEFAULT_PORT, PATIENCE, Server, SoundServer, SystemTest, main, wait_until)
-from probe import Probe
+from support.display import Display, View
+from support.harness import DEFAULT_PORT, PATIENCE, Server, SoundServer, SystemTest, wait_until
+from support.probe import Probe
 
 STATUS_TIP = "Information on connected clients"
 ADDRESS_TIP = "IP address of this server (computer), to enter in app"
@@ -250,7 +250,3 @@ class Closing(SystemTest):
             display.close_window(display.wait_window(server))
             self.assertEqual(server.wait(), 0)
             self.assertIn("Exec returned with result 0", server.out.all())
-
-
-if __name__ == "__main__":
-    main()

@@ -11,9 +11,9 @@ import threading
 import time
 import unittest
 
-from display import Display
-from harness import BANNER, Server, SoundServer, SystemTest, main
-from probe import Probe
+from support.display import Display
+from support.harness import BANNER, Server, SoundServer, SystemTest
+from support.probe import Probe
 
 RUNS = int(os.environ.get("VELANTRIX_END_RUNS", "10"))
 SEED = int(os.environ.get("VELANTRIX_END_SEED", random.SystemRandom().randrange(1 << 32)))
@@ -116,7 +116,3 @@ class End(SystemTest):
                     time.sleep(delay)
                     server.send_signal(signal.SIGTERM)
                     self.check_end(server, f"seed {SEED} run {run}: after {delay:.4f} s")
-
-
-if __name__ == "__main__":
-    main()

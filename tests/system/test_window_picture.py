@@ -6,8 +6,8 @@ import re
 import subprocess
 import unittest
 
-from display import Display
-from harness import SOURCE, Server, SystemTest, main, wait_until
+from support.display import Display
+from support.harness import SOURCE, Server, SystemTest, wait_until
 
 SIZE = (701, 328)
 # What stands on a plain background: left, top, width, height.
@@ -125,7 +125,3 @@ class Images(Window):
 
     def test_logo_stands_in_the_window(self):
         self.assert_shows(colours(self.picture().path, *crop(LOGO)), "win_bitmap.bmp")
-
-
-if __name__ == "__main__":
-    main()

@@ -24,14 +24,14 @@ import random
 import sys
 
 sys.dont_write_bytecode = True
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent.parent / "system"))
+sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1]))
 
-from harness import fake, program  # noqa: E402
-from network import enter_private_network  # noqa: E402
+from support.harness import fake, program  # noqa: E402
+from support.network import enter_private_network  # noqa: E402
+from support.version_server import VersionServer  # noqa: E402
 from torture_imports import forgotten  # noqa: E402
 from torture_judge import FATAL, Judge  # noqa: E402
 from torture_session import ANYWHERE, AT_AN_ADDRESS, run_session  # noqa: E402
-from version_server import VersionServer  # noqa: E402
 
 ATTEMPTS = 3
 MOST_UNREACHED = 0.05  # Share of the chosen calls.

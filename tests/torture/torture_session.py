@@ -2,7 +2,6 @@
 
 import contextlib
 import dataclasses
-import mmap
 import os
 import pathlib
 import re
@@ -11,13 +10,13 @@ import struct
 import tempfile
 import time
 
-from harness import Process, clean_environment, fake, private_home, program
-from network import discovery_group_joined
-from probe import MULTI_CLIENT, Probe, data_request
+from support.harness import Process, clean_environment, fake, private_home, program
+from support.network import discovery_group_joined
+from support.paced_capture import capture_environment, counters
+from support.probe import MULTI_CLIENT, Probe, data_request
 
 SITES, SITE_FORMAT = 4096, "<QIiiI32s192s"
 TABLE_HEAD = 8
-COUNTERS_AT = 2 * (1 << 16) * 8 + 8  # The paced capture's count of callbacks.
 START_PATIENCE, CONNECT_PATIENCE, STREAM_PATIENCE, CHECK_PATIENCE = 5.0, 4.0, 8.0, 4.0
 SETTLE_PATIENCE, END_PATIENCE, ANSWER_PATIENCE = 1.5, 30.0, 1.0
 # How the server is started. Without an address it looks at the interfaces.
@@ -96,12 +95,11 @@ class Session:
         self.web = web
         environment = clean_environment()
         environment.update(private_home(folder))
-        environment.update(
-            LD_PRELOAD=f"{fake('torture.so')} {os.environ['VELANTRIX_CAPTURE']}",
-            TORTURE_TABLE=str(self.table), PACED_CAPTURE_TABLE=str(self.capture),
-            VELANTRIX_SERVER_SAMPLE_RATE="48000", VELANTRIX_WEB_ADDRESS=web.address,
+        environment.update(capture_environment(
+            f"{fake('torture.so')} {os.environ['VELANTRIX_CAPTURE']}", self.capture,
+            TORTURE_TABLE=str(self.table), VELANTRIX_WEB_ADDRESS=web.address,
             QT_QPA_PLATFORM="offscreen", XDG_RUNTIME_DIR=str(folder),
-            MALLOC_PERTURB_="165")  # What is read before it is set, or after free, shows.
+            MALLOC_PERTURB_="165"))  # What is read before it is set, or after free, shows.
         if fault:
             environment["TORTURE_FAULT"] = fault
         self.server = Process([program("VELANTRIX_SERVER"), "-nogui", *arguments], environment)
@@ -110,12 +108,8 @@ class Session:
         return self.server.child.poll() is not None
 
     def captures(self):
-        try:
-            with open(self.capture, "rb") as file, \
-                    mmap.mmap(file.fileno(), 0, prot=mmap.PROT_READ) as table:
-                return struct.unpack_from("<q", table, COUNTERS_AT)[0] > 3
-        except (OSError, ValueError):
-            return False
+        now = counters(self.capture)
+        return now is not None and now["callbacks"] > 3
 
     def lines(self):
         return self.server.out.all() + self.server.err.all()

@@ -6,7 +6,7 @@ import re
 import struct
 import subprocess
 
-from harness import DEFAULT_PORT, PATIENCE, Process, clean_environment, fake, wait_until
+from support.harness import DEFAULT_PORT, PATIENCE, Process, clean_environment, fake, wait_until
 
 MSGID_AUDIO, MSGID_DATA, MSGID_FASTER, MSGID_SLOWER = range(4)
 FLAG_RELIABLE, FLAG_ALT_RATE = 1, 2

@@ -1,7 +1,7 @@
 """A server that streams silence, with a probe at hand."""
 
-from harness import Server, SoundServer, SystemTest
-from probe import Probe
+from support.harness import Server, SoundServer, SystemTest
+from support.probe import Probe
 
 
 class StreamingTest(SystemTest):

@@ -10,13 +10,13 @@ import socket
 import struct
 import time
 
-from enet_wire import (ACKNOWLEDGE, BANDWIDTH_LIMIT, COMMANDS_AT_ONCE, COMPRESSED_FLAG, CONNECT,
-                       CONTROL_CHANNEL, DATA_LENGTH_AT, DISCONNECT, FIELDS, NO_PEER, PING,
-                       SEND_FRAGMENT, SEND_RELIABLE, SEND_UNRELIABLE, SEND_UNRELIABLE_FRAGMENT,
-                       SEND_UNSEQUENCED, SENT_TIME_FLAG, THROTTLE_CONFIGURE, UNSEQUENCED,
-                       VERIFY_CONNECT, WANTS_ACKNOWLEDGE, HandMadePeer, acknowledgement, command,
-                       connect_fields, mutate, now)
-from probe import MULTI_CLIENT, control_message, data_request
+from support.enet_wire import (ACKNOWLEDGE, BANDWIDTH_LIMIT, COMMANDS_AT_ONCE, COMPRESSED_FLAG,
+                               CONNECT, CONTROL_CHANNEL, DATA_LENGTH_AT, DISCONNECT, FIELDS,
+                               NO_PEER, PING, SEND_FRAGMENT, SEND_RELIABLE, SEND_UNRELIABLE,
+                               SEND_UNRELIABLE_FRAGMENT, SEND_UNSEQUENCED, SENT_TIME_FLAG,
+                               THROTTLE_CONFIGURE, UNSEQUENCED, VERIFY_CONNECT, WANTS_ACKNOWLEDGE,
+                               HandMadePeer, acknowledgement, command, connect_fields, mutate, now)
+from support.probe import MULTI_CLIENT, control_message, data_request
 
 LIFE = 60.0  # Seconds after which the server has given up whoever is silent.
 TIME_OUT = 36.0  # Seconds in which ENet gives up who has never acknowledged anything.

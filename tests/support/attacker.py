@@ -2,7 +2,7 @@
 
 Runs as a process of its own, in the other network:
 
-    attacker.py HOST KIND WORDS...
+    python3 -m support.attacker HOST KIND WORDS...
 
 It prints "ready" once the attack has begun, "sent N of M in S s" when a flood is over, and ends at
 the end of its input, without a word to the server. The kinds are the functions below.
@@ -19,9 +19,9 @@ import subprocess
 import sys
 import time
 
-from enet_wire import COMMANDS_AT_ONCE, connect_datagram, connect_peers, flood, mutate
-from processes import Process
-import stranger
+from support import stranger
+from support.enet_wire import COMMANDS_AT_ONCE, connect_datagram, connect_peers, flood, mutate
+from support.processes import ModuleProcess
 
 SERVER_PORT, DISCOVERY_PORT = 59010, 59011
 LONGEST_DATAGRAM = 65507
@@ -191,12 +191,12 @@ def say(text):
     print(text, flush=True)
 
 
-class Attacker(Process):
+class Attacker(ModuleProcess):
     """An attack as a child process; leaving the context ends it without a word."""
 
     def __init__(self, network, host, kind, *words):
-        super().__init__([*network.command(), sys.executable, __file__, host, kind, *words], None,
-                         name=f"attacker {kind}", stdin=subprocess.PIPE)
+        super().__init__("attacker", host, kind, *words, prefix=network.command(),
+                         stdin=subprocess.PIPE)
 
     def wait_sent(self, timeout=600.0):
         """Waits for the end of a flood and returns its line."""

@@ -1,4 +1,4 @@
-"""Private networks for the system tests, so that no packet of theirs leaves the machine."""
+"""Private networks for tests and benchmarks, so that no packet of theirs leaves the machine."""
 
 import os
 import pathlib
@@ -8,7 +8,7 @@ import socket
 import subprocess
 import sys
 
-from processes import die_with_parent
+from support.processes import die_with_parent
 
 MARK = "VELANTRIX_PRIVATE_NETWORK"
 OWN_MOUNTS = "VELANTRIX_OWN_MOUNTS"
@@ -32,21 +32,21 @@ def _unshare_command():
     return None
 
 
-def join_private_network():
-    """Runs this program again in a network namespace of its own; returns True inside it.
+def enter_private_network():
+    """Runs this program again in a network namespace of its own, and returns inside it.
 
-    Returns False, on the real network, when the system does not let this user make one. The
-    namespace has the loopback interface only, with a route for the discovery group, and shared
-    memory of its own.
+    The namespace has the loopback interface only, with a route for the discovery group, and shared
+    memory of its own. Ends the program when the system does not let this user make one.
     """
     if "/usr/sbin" not in os.environ["PATH"]:
         os.environ["PATH"] += ":/usr/sbin:/sbin"
     if os.environ.get(MARK) != "1":
         command = _unshare_command()
         if command is None:
-            return False
+            _fail("cannot make a private network namespace (unshare -n as root, unshare -rn as an "
+                  "ordinary user); the tests never run on a real network")
         environment = dict(os.environ, **{MARK: "1", OWN_MOUNTS: "1" if "m" in command[1] else "0"})
-        os.execvpe(command[0], command + [sys.executable] + sys.argv, environment)
+        os.execvpe(command[0], command + [sys.executable, *sys.orig_argv[1:]], environment)
     del os.environ[MARK]
     interfaces = set(_interfaces())
     if interfaces != {"lo"}:
@@ -54,7 +54,6 @@ def join_private_network():
     ip("link", "set", "lo", "up")
     ip("route", "replace", f"{DISCOVERY_GROUP}/32", "dev", "lo")
     _hide_shared_memory()
-    return True
 
 
 def _hide_shared_memory():
@@ -69,13 +68,6 @@ def _hide_shared_memory():
                            check=False)
     if mount.returncode != 0:
         print("the shared memory of this system is used", file=sys.stderr)
-
-
-def enter_private_network():
-    """As join_private_network, but there is no other way: ends the program without one."""
-    if not join_private_network():
-        _fail("cannot make a private network namespace (unshare -n as root, unshare -rn as an "
-              "ordinary user); the tests never run on a real network")
 
 
 def _interfaces():

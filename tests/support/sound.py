@@ -6,7 +6,7 @@ import shutil
 import subprocess
 import tempfile
 
-from processes import Process, die_with_parent, wait_until
+from support.processes import Process, die_with_parent, wait_until
 
 NULL_SINK = "out"
 

@@ -1,11 +1,10 @@
 """What a system test needs, in one place.
 
-A test module imports from here and ends with ``if __name__ == "__main__": main()``. It then
-runs in a network namespace of its own, under ctest (which gives the paths of the programs in
-VELANTRIX_SERVER, VELANTRIX_LISTEN and VELANTRIX_FAKES) or by hand:
+pytest runs the test modules in a network namespace of their own, under ctest (which gives the paths
+of the programs in VELANTRIX_SERVER, VELANTRIX_LISTEN and VELANTRIX_FAKES) or by hand:
 
     VELANTRIX_SERVER=build/VelantrixServer VELANTRIX_LISTEN=build/velantrix-listen \\
-    VELANTRIX_FAKES=build/tests/support python3 tests/system/test_start.py -v Class.test_name
+    VELANTRIX_FAKES=build/tests/support python3 -m pytest tests/system/test_start.py -k test_name
 """
 
 import functools
@@ -15,21 +14,19 @@ import re
 import shutil
 import signal
 import subprocess
-import sys
 import tempfile
 import time
 import unittest
 
-from network import HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, enter_private_network
-from processes import PATIENCE, Lines, Process, die_with_parent, wait_until
-from sanitizers import collect_reports, take_reports
-from sound import SoundServer, clean_environment, private_home
+from support.network import HERE_ADDRESS, THERE_ADDRESS, OtherNetwork
+from support.processes import PATIENCE, Lines, Process, die_with_parent, wait_until
+from support.sound import SoundServer, clean_environment, private_home
 
 __all__ = ["HERE_ADDRESS", "THERE_ADDRESS", "PATIENCE", "BANNER", "CAPTURE_RUNNING",
            "DEFAULT_PORT", "VERSION", "OtherNetwork", "Process", "Lines", "Server", "SoundServer",
            "SystemTest", "clean_environment", "die_with_parent", "fake", "has_sanitizer", "listen",
-           "listen_command", "main", "private_home", "program", "resident_bytes",
-           "wait_until", "with_prompt_release"]
+           "listen_command", "private_home", "program", "resident_bytes", "wait_until",
+           "with_prompt_release"]
 
 DEFAULT_PORT = 59010
 END_PATIENCE = 30.0
@@ -149,20 +146,11 @@ def listen(*arguments, host="127.0.0.1", prefix=(), timeout=60, env=None):
 
 
 class SystemTest(unittest.TestCase):
-    """A test case with a scratch folder and the console's lines at hand.
-
-    It fails when a sanitizer has found something in a process of its own.
-    """
+    """A test case with a scratch folder and the console's lines at hand."""
 
     def setUp(self):
-        self.addCleanup(self._fail_with_reports)  # The first, so that it comes last.
         self.folder = pathlib.Path(tempfile.mkdtemp(prefix="velantrix-test-"))
         self.addCleanup(shutil.rmtree, self.folder, ignore_errors=True)
-
-    def _fail_with_reports(self):
-        reports = take_reports()
-        if reports:
-            self.fail("a sanitizer reports:\n" + "\n".join(reports))
 
     def enterContext(self, manager):  # In unittest itself from Python 3.11 on.
         value = manager.__enter__()
@@ -191,13 +179,3 @@ class SystemTest(unittest.TestCase):
         print(f"the server ended within {taken:.1f} s")
         self.assertLess(taken, 20 if has_sanitizer() else 5)
         return taken
-
-
-def main():
-    """Runs the module's tests inside a private network."""
-    enter_private_network()
-    collect_reports()
-    program_run = unittest.main(module="__main__", verbosity=2, exit=False)
-    rest = take_reports()  # Of what a whole module shares.
-    print(*rest, sep="\n", file=sys.stderr)
-    sys.exit(0 if program_run.result.wasSuccessful() and not rest else 1)

@@ -2,7 +2,7 @@
 
 Runs as a process of its own, so that a busy test does not add to the delays:
 
-    relay.py LISTEN_PORT SERVER_PORT DELAY_MS JITTER_MS LOSS SEED
+    python3 -m support.relay LISTEN_PORT SERVER_PORT DELAY_MS JITTER_MS LOSS SEED
 
 Each datagram is passed on after DELAY_MS, give or take JITTER_MS, in the order in which it came;
 a share of LOSS (0 to 1) of those from the server to the client is dropped.
@@ -15,7 +15,7 @@ import socket
 import sys
 import time
 
-from processes import Process
+from support.processes import ModuleProcess
 
 ANY_HOST = "127.0.0.1"
 
@@ -73,13 +73,12 @@ def _run(listen_port, server_port, delay, jitter, loss, seed):
             near.sendto(data, client)
 
 
-class Relay(Process):
+class Relay(ModuleProcess):
     """The relay as a child process; clients connect to ``port``. Times in milliseconds."""
 
     def __init__(self, server_port, port=59020, delay=10, jitter=5, loss=0.0, seed=1):
         self.port = port
-        super().__init__([sys.executable, __file__, port, server_port, delay, jitter, loss, seed],
-                         None, name="relay")
+        super().__init__("relay", port, server_port, delay, jitter, loss, seed)
         self.out.wait_for("relaying")
 
 

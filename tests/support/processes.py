@@ -1,9 +1,11 @@
 """Child processes whose printed lines a test can wait for."""
 
 import ctypes
+import pathlib
 import re
 import signal
 import subprocess
+import sys
 import threading
 import time
 
@@ -155,3 +157,11 @@ class Process:
             self.child.stdin.close()
         self.out.finish()
         self.err.finish()
+
+
+class ModuleProcess(Process):
+    """A module of this package that runs as a program; ``prefix`` are words before its command."""
+
+    def __init__(self, module, *arguments, prefix=(), **options):
+        super().__init__([*prefix, sys.executable, "-m", f"support.{module}", *arguments], None,
+                         name=module, cwd=pathlib.Path(__file__).parents[1], **options)

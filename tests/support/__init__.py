@@ -1,0 +1,5 @@
+"""What the tests and benchmarks in Python share.
+
+With ``tests/`` on the module path: ``from support.harness import Server``. pytest.ini puts it there
+for the system tests; other programs do it themselves.
+"""
