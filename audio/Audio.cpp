@@ -33,6 +33,7 @@ class QuietStandardError {
   public:
     QuietStandardError() {
         consoleDrain();
+        std::fflush(stderr);
         saved_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
         const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
         // What cannot be put back stays as it is: chatter is better than silence for ever.

@@ -4,12 +4,17 @@
 #include <array>
 
 #include "stream/enet_unsent.h"
+#include "stream/event_backlog.h"
 #include "stream/network_order.h"
 
 namespace {
 
 /// Numbers that are further ahead are behind.
 constexpr enet_uint16 BEHIND = 0x8000;
+
+/// Early commands may fill half of the room that a client's messages have; what brings the channel
+/// on finds room in the other.
+constexpr std::size_t MAX_EARLY_BYTES = MAX_WAITING_BYTES / 2;
 
 /// The steps that ENet may make for one peer.
 struct Account {
@@ -42,9 +47,11 @@ enet_uint16 aheadOf(const ENetChannel& channel, enet_uint16 number) {
 }
 
 /// ENet looks for a reliable command's place from the last one backwards.
-bool reliableCostsTooMuch(ENetChannel& channel, enet_uint16 number, std::size_t& left) {
+bool reliableCostsTooMuch(const ENetPeer& peer, ENetChannel& channel, enet_uint16 number,
+                          std::size_t& left) {
     const enet_uint16 ahead = aheadOf(channel, number);
-    if (ahead == 0 || ahead > MAX_EARLY_RELIABLE || left == 0) {
+    const bool noRoom = ahead > 1 && peer.totalWaitingData >= MAX_EARLY_BYTES;
+    if (ahead == 0 || ahead > MAX_EARLY_RELIABLE || noRoom || left == 0) {
         return ahead != 0;
     }
     std::size_t steps = 0;
@@ -115,10 +122,11 @@ bool costsTooMuch(ENetPeer& peer, const enet_uint8* command) {
     constexpr std::size_t NUMBER = offsetof(ENetProtocolCommandHeader, reliableSequenceNumber);
     switch (type) {
         case ENET_PROTOCOL_COMMAND_SEND_RELIABLE:
-            return reliableCostsTooMuch(peer.channels[channel], numberAt(NUMBER), stepsOf(peer));
+            return reliableCostsTooMuch(peer, peer.channels[channel], numberAt(NUMBER),
+                                        stepsOf(peer));
         case ENET_PROTOCOL_COMMAND_SEND_FRAGMENT:
             return reliableCostsTooMuch(
-                peer.channels[channel],
+                peer, peer.channels[channel],
                 numberAt(offsetof(ENetProtocolSendFragment, startSequenceNumber)), stepsOf(peer));
         case ENET_PROTOCOL_COMMAND_SEND_UNRELIABLE:
         case ENET_PROTOCOL_COMMAND_SEND_UNRELIABLE_FRAGMENT:

@@ -170,7 +170,7 @@ void consoleStart() {
     assert(onMainThread() && !writerRuns);
     openMissingDescriptors();
     handleSignal(SIGPIPE, ignoreSignal, SA_RESTART);
-    handleSignal(SIGABRT, abortLater, SA_RESETHAND);
+    handleSignal(SIGABRT, abortLater, static_cast<int>(SA_RESETHAND));
     std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     ::sem_init(&wakeUp, 0, 0);
     pthread_t writer = 0;

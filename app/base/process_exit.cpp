@@ -25,6 +25,7 @@ void endNow(int /*signal*/) {
 }
 
 void silenceStandardError() {
+    std::fflush(stderr);
     const int nowhere = ::open("/dev/null", O_WRONLY);
     ::dup2(nowhere, STDERR_FILENO);
     ::close(nowhere);

@@ -1,6 +1,7 @@
 #include "listen/playout/block_source.h"
 
 #include <algorithm>
+#include <cassert>
 
 #include "listen/audio/splicing.h"
 
@@ -39,9 +40,7 @@ void BlockSource::drop(std::size_t blocks) {
 }
 
 BlockSource::Block BlockSource::next() {
-    if (pausing_) {
-        return {};
-    }
+    assert(!pausing_);
     if (streamChanged_ || empty()) {
         return fadeOut();
     }

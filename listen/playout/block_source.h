@@ -18,13 +18,12 @@ class BlockSource {
         Concealed,  ///< Stands in for a lost packet.
         RanDry,     ///< The last block before a pause, because nothing is left.
         Ended,      ///< The last block before a pause, because a new stream begins.
-        Nothing,    ///< Pausing; resume() ends it.
     };
 
     struct Block {
-        Kind kind = Kind::Nothing;
-        const std::int16_t* frames = nullptr;  ///< Stereo; valid until the next call.
-        std::size_t count = 0;                 ///< Frames.
+        Kind kind;
+        const std::int16_t* frames;  ///< Stereo; valid until the next call.
+        std::size_t count;           ///< Frames.
     };
 
     /// `queue` is borrowed and must outlive this.
@@ -34,7 +33,7 @@ class BlockSource {
     /// away what waits before it and pauses the sound.
     const QueuedBlock* takeArrival();
 
-    /// The next block of sound.
+    /// The next block of sound; not while pausing.
     Block next();
 
     /// True while nothing is played, until resume().

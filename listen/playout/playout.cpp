@@ -162,8 +162,6 @@ void Playout::playBlock() {
         case BlockSource::Kind::Sound:
             stretch(block);
             break;
-        case BlockSource::Kind::Nothing:
-            break;
     }
     resample(block.frames, block.count);
 }

@@ -56,6 +56,7 @@ int runEventLoop(const std::function<void()>& before) {
 TEST(ExitProcessTest, MainThreadExitsAtOnceWithHandlersAndQuietStandardError) {
     const ChildRun run = runChild([] {
         startQuiet();
+        std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
         std::fputs("before\n", stderr);
         ExitProcess(-1);
     });

@@ -245,6 +245,7 @@ INSTANTIATE_TEST_SUITE_P(AudioOpen, OpenFailure, testing::ValuesIn(FAILURE_CASES
 TEST(StandardError, IsSilentWhilePortAudioStartsAndBackAfterwards) {
     const ChildRun run = runWithVerbose(false, [] {
         fakePortAudio().chatter = "chatter of the back ends\n";
+        std::setvbuf(stderr, nullptr, _IOFBF, BUFSIZ);
         std::fputs("before\n", stderr);
         open();
         std::fputs("after\n", stderr);

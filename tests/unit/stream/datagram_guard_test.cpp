@@ -126,6 +126,28 @@ TEST_F(DatagramGuard, ReliableCommandsBehindALostOneTakeBoundedMemoryAndAreTaken
     EXPECT_EQ(peerOf(stranger).channels[0].incomingReliableSequenceNumber, 1 + ROWS * FULL);
 }
 
+TEST_F(DatagramGuard, LongMessagesBehindALostOneLeaveRoomForIt) {
+    TestClient& client = connect(COMPANY | 1);
+    static ENetInterceptCallback guard = nullptr;
+    static enet_uint32 lost = 0;
+    guard = server->intercept;
+    lost = server->totalReceivedPackets + 1;
+    server->intercept = [](ENetHost* host, ENetEvent* event) {
+        return host->totalReceivedPackets == lost ? 1 : guard(host, event);
+    };
+    client.send(controlMessage(2));
+    std::vector<unsigned char> message = controlMessage(3);
+    message.resize(MAX_MESSAGE_BYTES + 1);
+    for (std::size_t bytes = 0; bytes <= 2 * MAX_WAITING_BYTES; bytes += MAX_MESSAGE_BYTES) {
+        client.send(message);
+    }
+    pumpUntil([&] {
+        return peerOf(client).channels[0].incomingReliableSequenceNumber ==
+               client.peer->channels[0].outgoingReliableSequenceNumber;
+    });
+    EXPECT_EQ(connectCount, 1);
+}
+
 TEST_F(DatagramGuard, MessageInPiecesWaitsAtItsFirstNumber) {
     HandMadeClient& stranger = arrive();
     Fragment fragment;
