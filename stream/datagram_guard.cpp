@@ -1,31 +1,16 @@
 #include "stream/datagram_guard.h"
 
 #include <algorithm>
+#include <cstring>
 
+#include "stream/command_cost.h"
 #include "stream/event_backlog.h"
+#include "stream/network_order.h"
 
 namespace {
 
 constexpr std::size_t PEER_ID_LENGTH = offsetof(ENetProtocolHeader, sentTime);
 constexpr int INTERCEPTED = 1;
-
-/// Numbers that are further ahead are behind.
-constexpr enet_uint16 BEHIND = 0x8000;
-
-enet_uint16 readU16(const enet_uint8* at) {
-    return static_cast<enet_uint16>(at[0] << 8 | at[1]);
-}
-
-enet_uint32 readU32(const enet_uint8* at) {
-    return static_cast<enet_uint32>(readU16(at)) << 16 | readU16(at + 2);
-}
-
-void writeU32(enet_uint8* at, enet_uint32 value) {
-    for (int i = 3; i >= 0; --i) {
-        at[i] = static_cast<enet_uint8>(value);
-        value >>= 8;
-    }
-}
 
 /// Without its data; 0: ENet does not know the command and reads no further.
 std::size_t sizeOf(unsigned type) {
@@ -77,102 +62,44 @@ bool hasMorePiecesThanBytes(const enet_uint8* fragment) {
            readU32(fragment + offsetof(ENetProtocolSendFragment, totalLength));
 }
 
-/// Whether ENet may have to keep a command in its channel until an earlier one has come. Those that
-/// bring the channel on are let through in any case.
-bool mayWait(unsigned type, const enet_uint8* command, const ENetChannel& channel) {
-    const std::size_t numberAt = type == ENET_PROTOCOL_COMMAND_SEND_FRAGMENT
-                                     ? offsetof(ENetProtocolSendFragment, startSequenceNumber)
-                                     : offsetof(ENetProtocolCommandHeader, reliableSequenceNumber);
-    const auto ahead = static_cast<enet_uint16>(readU16(command + numberAt) -
-                                                channel.incomingReliableSequenceNumber);
-    switch (type) {
-        case ENET_PROTOCOL_COMMAND_SEND_RELIABLE:
-        case ENET_PROTOCOL_COMMAND_SEND_FRAGMENT:
-            return ahead > 1 && ahead < BEHIND;
-        case ENET_PROTOCOL_COMMAND_SEND_UNRELIABLE:
-        case ENET_PROTOCOL_COMMAND_SEND_UNRELIABLE_FRAGMENT:
-            return ahead > 0 && ahead < BEHIND;
-        default:
-            return false;
-    }
+/// The peer that a datagram names, if it comes from there.
+ENetPeer* senderOf(const ENetHost& host, unsigned peerWord) {
+    const std::size_t id = peerWord & ENET_PROTOCOL_MAXIMUM_PEER_ID;
+    const bool known = id < host.peerCount &&
+                       host.peers[id].address.host == host.receivedAddress.host &&
+                       host.peers[id].address.port == host.receivedAddress.port;
+    return known ? &host.peers[id] : nullptr;
 }
 
-bool isFull(const ENetList& list) {
-    std::size_t waiting = 0;
-    for (const ENetListNode* node = list.sentinel.next;
-         node != &list.sentinel && waiting < MAX_EARLY_COMMANDS; node = node->next) {
-        ++waiting;
-    }
-    return waiting == MAX_EARLY_COMMANDS;
-}
-
-/// Only a server sends VERIFY_CONNECT, to whom it takes for its client: forged connects would let
-/// two servers hear each other for ever. ENet sees a good-bye in its place.
-std::size_t turnIntoGoodbye(enet_uint8* verifyConnect) {
-    *verifyConnect = ENET_PROTOCOL_COMMAND_DISCONNECT;
-    return sizeof(ENetProtocolDisconnect);
-}
-
-/// The client that a datagram names, and whether it has room.
-class Sender {
-  public:
-    Sender(const ENetHost& host, unsigned peerWord) {
-        const std::size_t id = peerWord & ENET_PROTOCOL_MAXIMUM_PEER_ID;
-        if (id < host.peerCount && host.peers[id].address.host == host.receivedAddress.host &&
-            host.peers[id].address.port == host.receivedAddress.port) {
-            peer = &host.peers[id];
-        }
-    }
-
-    bool hasNoRoomFor(unsigned type, const enet_uint8* command) {
-        const std::size_t channel = command[offsetof(ENetProtocolCommandHeader, channelID)];
-        return peer != nullptr && channel < peer->channelCount &&
-               mayWait(type, command, peer->channels[channel]) && hasNoRoom();
-    }
-
-  private:
-    /// Looked at once for a datagram: ENet has not read it yet.
-    bool hasNoRoom() {
-        if (!looked) {
-            looked = true;
-            full = std::any_of(peer->channels, peer->channels + peer->channelCount,
-                               [](const ENetChannel& channel) {
-                                   return isFull(channel.incomingReliableCommands) ||
-                                          isFull(channel.incomingUnreliableCommands);
-                               });
-        }
-        return full;
-    }
-
-    const ENetPeer* peer = nullptr;
-    bool looked = false;
-    bool full = false;
-};
-
-/// How much of the received datagram ENet may read; 0: nothing.
-std::size_t permittedLength(const ENetHost& host) {
+/// Takes out of the received datagram what ENet is not to read; returns what is left, 0: nothing.
+std::size_t filter(const ENetHost& host) {
     const std::size_t length = host.receivedDataLength;
     const bool canBeAnswered = host.receivedAddress.port != 0;
     if (length < PEER_ID_LENGTH || !canBeAnswered) {
         return 0;
     }
-    const unsigned peerWord = readU16(host.receivedData);
-    Sender sender(host, peerWord);
+    enet_uint8* const data = host.receivedData;
+    const unsigned peerWord = readU16(data);
+    ENetPeer* const sender = senderOf(host, peerWord);
     std::size_t at = (peerWord & ENET_PROTOCOL_HEADER_FLAG_SENT_TIME) != 0
                          ? sizeof(ENetProtocolHeader)
                          : PEER_ID_LENGTH;
+    std::size_t kept = std::min(at, length);
     for (std::size_t count = 0; at + sizeof(ENetProtocolCommandHeader) <= length; ++count) {
-        enet_uint8* const command = host.receivedData + at;
+        enet_uint8* const command = data + at;
         const unsigned type = *command & ENET_PROTOCOL_COMMAND_MASK;
         const std::size_t size = sizeOf(type);
         if (size == 0 || size > length - at) {
-            return length;
+            break;
         }
         if (count == MAX_DATAGRAM_COMMANDS) {
             return 0;
         }
         if (type == ENET_PROTOCOL_COMMAND_VERIFY_CONNECT) {
-            return at + turnIntoGoodbye(command);
+            // Only a server sends it, to whom it takes for its client. Forged connects would let
+            // two servers hear each other for ever.
+            data[kept] = ENET_PROTOCOL_COMMAND_DISCONNECT;
+            return kept + sizeof(ENetProtocolDisconnect);
         }
         if (isFragment(type)) {
             cutLongMessage(command);
@@ -180,16 +107,18 @@ std::size_t permittedLength(const ENetHost& host) {
                 return 0;
             }
         }
-        if (sender.hasNoRoomFor(type, command)) {
-            return at;
+        const std::size_t whole = std::min(size + dataLengthOf(type, command), length - at);
+        if (sender == nullptr || !costsTooMuch(*sender, command)) {
+            std::memmove(data + kept, command, whole);
+            kept += whole;
         }
-        at += size + dataLengthOf(type, command);
+        at += whole;
     }
-    return length;
+    return kept;
 }
 
 int guardDatagram(ENetHost* host, ENetEvent* /*event*/) {
-    host->receivedDataLength = permittedLength(*host);
+    host->receivedDataLength = filter(*host);
     return host->receivedDataLength == 0 ? INTERCEPTED : 0;
 }
 

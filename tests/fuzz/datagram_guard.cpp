@@ -14,6 +14,7 @@
 
 #include "app/VelantrixServerNoGUI.h"
 #include "stream/client_table.h"
+#include "stream/command_cost.h"
 #include "stream/enet_clock.h"
 #include "stream/event_backlog.h"
 #include "stream/network_host.h"
@@ -265,11 +266,11 @@ class Run {
     }
 
     static void checkPeer(ENetPeer& peer) {
-        constexpr std::size_t MOST = MAX_EARLY_COMMANDS + MAX_DATAGRAM_COMMANDS;
         for (std::size_t i = 0; i < peer.channelCount; ++i) {
             ENetChannel& channel = peer.channels[i];
-            require(enet_list_size(&channel.incomingReliableCommands) <= MOST &&
-                        enet_list_size(&channel.incomingUnreliableCommands) <= MOST,
+            require(enet_list_size(&channel.incomingReliableCommands) <= MAX_EARLY_RELIABLE &&
+                        enet_list_size(&channel.incomingUnreliableCommands) <=
+                            MAX_EARLY_UNRELIABLE + MAX_DATAGRAM_COMMANDS,
                     "few commands wait");
         }
         require(peer.totalWaitingData <= MAX_WAITING_BYTES + MAX_MESSAGE_BYTES ||

@@ -1,0 +1,129 @@
+#include "stream/command_cost.h"
+
+#include <algorithm>
+#include <array>
+
+#include "stream/enet_unsent.h"
+#include "stream/network_order.h"
+
+namespace {
+
+/// Numbers that are further ahead are behind.
+constexpr enet_uint16 BEHIND = 0x8000;
+
+/// The steps that ENet may make for one peer.
+struct Account {
+    enet_uint32 time = 0;  ///< ENet's, when it was last looked at.
+    std::size_t steps = 0;
+};
+
+/// Up to date. Who is given a place that others had before him has what they have left.
+std::size_t& stepsOf(const ENetPeer& peer) {
+    static std::array<Account, 32> accounts;
+    Account& account = accounts[peer.incomingPeerID % accounts.size()];
+    const std::size_t passed =
+        std::min<std::size_t>(peer.host->serviceTime - account.time, MAX_STEPS / STEPS_PER_MS);
+    account.time = peer.host->serviceTime;
+    account.steps = std::min(account.steps + passed * STEPS_PER_MS, MAX_STEPS);
+    return account.steps;
+}
+
+/// False when there are not so many left, which uses up the rest.
+bool spend(std::size_t& left, std::size_t steps) {
+    const bool enough = steps <= left;
+    left -= enough ? steps : left;
+    return enough;
+}
+
+/// How far ahead of what its channel has completed a command is; 0: it is due, or behind.
+enet_uint16 aheadOf(const ENetChannel& channel, enet_uint16 number) {
+    const auto ahead = static_cast<enet_uint16>(number - channel.incomingReliableSequenceNumber);
+    return ahead < BEHIND ? ahead : enet_uint16{0};
+}
+
+/// ENet looks for a reliable command's place from the last one backwards.
+bool reliableCostsTooMuch(ENetChannel& channel, enet_uint16 number, std::size_t& left) {
+    const enet_uint16 ahead = aheadOf(channel, number);
+    if (ahead == 0 || ahead > MAX_EARLY_RELIABLE || left == 0) {
+        return ahead != 0;
+    }
+    std::size_t steps = 0;
+    ENetList& waiting = channel.incomingReliableCommands;
+    for (ENetListIterator node = enet_list_previous(enet_list_end(&waiting));
+         node != enet_list_end(&waiting) && steps <= left; node = enet_list_previous(node)) {
+        // A list node is the first member of its command.
+        const auto& command = *reinterpret_cast<const ENetIncomingCommand*>(node);
+        if (aheadOf(channel, command.reliableSequenceNumber) <= ahead) {
+            break;
+        }
+        ++steps;
+    }
+    return !spend(left, steps);
+}
+
+/// Of unreliable ones any number can wait for the same reliable one.
+bool unreliableCostsTooMuch(ENetChannel& channel, enet_uint16 number, std::size_t& left) {
+    if (aheadOf(channel, number) == 0) {
+        return false;
+    }
+    ENetList& waiting = channel.incomingUnreliableCommands;
+    std::size_t steps = 0;
+    for (ENetListIterator node = enet_list_begin(&waiting);
+         node != enet_list_end(&waiting) && steps < MAX_EARLY_UNRELIABLE;
+         node = enet_list_next(node)) {
+        ++steps;
+    }
+    return steps == MAX_EARLY_UNRELIABLE || !spend(left, steps);
+}
+
+/// ENet looks for what is acknowledged among all that is under way, and then among what is to be
+/// sent again.
+bool acknowledgementCostsTooMuch(ENetPeer& peer, enet_uint8 channel, enet_uint16 number,
+                                 std::size_t& left) {
+    std::size_t steps = 0;
+    for (ENetListIterator node = enet_list_begin(&peer.sentReliableCommands);
+         node != enet_list_end(&peer.sentReliableCommands) && steps <= left;
+         node = enet_list_next(node)) {
+        ++steps;
+        const auto& command = *reinterpret_cast<const ENetOutgoingCommand*>(node);
+        if (command.reliableSequenceNumber == number &&
+            command.command.header.channelID == channel) {
+            return !spend(left, steps);
+        }
+    }
+    if (left != 0) {
+        visitWaitingReliable(peer, [&steps](ENetOutgoingCommand&) { ++steps; });
+    }
+    return !spend(left, steps);
+}
+
+}  // namespace
+
+bool costsTooMuch(ENetPeer& peer, const enet_uint8* command) {
+    const unsigned type = *command & ENET_PROTOCOL_COMMAND_MASK;
+    const enet_uint8 channel = command[offsetof(ENetProtocolCommandHeader, channelID)];
+    const auto numberAt = [command](std::size_t offset) { return readU16(command + offset); };
+    if (type == ENET_PROTOCOL_COMMAND_ACKNOWLEDGE) {
+        return acknowledgementCostsTooMuch(
+            peer, channel,
+            numberAt(offsetof(ENetProtocolAcknowledge, receivedReliableSequenceNumber)),
+            stepsOf(peer));
+    }
+    if (channel >= peer.channelCount) {
+        return false;
+    }
+    constexpr std::size_t NUMBER = offsetof(ENetProtocolCommandHeader, reliableSequenceNumber);
+    switch (type) {
+        case ENET_PROTOCOL_COMMAND_SEND_RELIABLE:
+            return reliableCostsTooMuch(peer.channels[channel], numberAt(NUMBER), stepsOf(peer));
+        case ENET_PROTOCOL_COMMAND_SEND_FRAGMENT:
+            return reliableCostsTooMuch(
+                peer.channels[channel],
+                numberAt(offsetof(ENetProtocolSendFragment, startSequenceNumber)), stepsOf(peer));
+        case ENET_PROTOCOL_COMMAND_SEND_UNRELIABLE:
+        case ENET_PROTOCOL_COMMAND_SEND_UNRELIABLE_FRAGMENT:
+            return unreliableCostsTooMuch(peer.channels[channel], numberAt(NUMBER), stepsOf(peer));
+        default:
+            return false;
+    }
+}
