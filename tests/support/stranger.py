@@ -285,7 +285,7 @@ class Stranger(HandMadePeer):
             self.nothing, self.what_a_client_does, self.what_a_client_does, self.talk,
             self.one_of_each, self.anything, self.anything, self.pack, self.look_ahead,
             self.begin_long_messages, self.send_again, self.damage))
-        pace = self.random.choice((0.01, 0.02, 0.05, 0.3))
+        pace = self.random.choice((0.002, 0.01, 0.05, 0.3))
         end = time.monotonic() + seconds
         while time.monotonic() < end:
             self.answer()
@@ -295,7 +295,9 @@ class Stranger(HandMadePeer):
     # Ways to leave.
 
     def vanish(self):
-        yield from ()
+        """Without a word, or after answers by which round trips take long."""
+        if self.sometimes(0.5):
+            yield from self.phase(3, self.for_what_was_sent_long_ago, self.nothing)
 
     def talk_until_given_up(self):
         end = time.monotonic() + TIME_OUT

@@ -1,7 +1,8 @@
 """An attacker in the same network, and five clients who must not notice.
 
 The attacker sits in a second network; the clients hear over the loopback interface, which loses
-nothing. VELANTRIX_HOSTILE_DATAGRAMS sets the size of each flood; scripts/hostile runs all in full.
+nothing. VELANTRIX_HOSTILE_DATAGRAMS sets the size of each flood, VELANTRIX_HOSTILE_SEED what is
+chosen by chance; scripts/hostile runs all in full.
 """
 
 import collections
@@ -42,7 +43,7 @@ ACKNOWLEDGEMENTS = max(500, DATAGRAMS // 20)  # Of a client that is forged: they
 STRANGERS, AT_ONCE_ALIVE = 400 if LONG else 40, 40  # Of a walk.
 SHARING = 3  # So many of them share the server at a time: nobody's place is taken.
 PAUSE, LONGEST_LIFE = 45.0, 60.0  # Seconds after it: for newcomers to hear, for all to be gone.
-LONGEST_WAIT = 2.0  # Seconds from one packet of sound to the next.
+LONGEST_WAIT = 3.0  # Seconds from one packet of sound to the next.
 TONE, TONE_LEVEL, TONE_SECONDS = 440, 9000, 900 if LONG else 300
 
 CONNECTED = re.compile(r"^A new client connected from (?P<address>[\d.]+:\d+) ")
@@ -416,15 +417,15 @@ class Walk(HostileNetwork):
         wait_until(lambda: is_heard(cls.good[0].wait_packets(20)[-1]), "the tone is heard")
 
     def assert_tone_was_heard(self, since):
-        """The raw client heard nothing but the tone, and never waited long for it."""
-        packets = self.good[0].packets()[since:]
-        silent = sum(1 for packet in packets if not is_heard(packet))
-        longest = max(after.arrival - before.arrival
-                      for before, after in zip(packets, packets[1:])) / 1000
-        print(f"{len(packets)} packets of the tone, {silent} of them silent; the longest wait for "
-              f"one was {longest:.2f} s")
-        self.assertLess(silent, 0.01 * len(packets))
-        self.assertLess(longest, LONGEST_WAIT)
+        """The first client heard nothing but the tone; nobody waited long for his next packet."""
+        packets = [client.packets()[since:] for client in self.good]
+        silent = sum(1 for packet in packets[0] if not is_heard(packet))
+        waits = [max(after.arrival - before.arrival for before, after in zip(each, each[1:])) / 1000
+                 for each in packets]
+        print(f"{len(packets[0])} packets of the tone, {silent} of them silent; the longest waits "
+              f"for one: {waits} s")
+        self.assertLess(silent, 0.01 * len(packets[0]))
+        self.assertLess(max(waits), LONGEST_WAIT)
 
     def left(self):
         """By address, how many lines more say that a client came than that it went; never less."""
