@@ -13,12 +13,12 @@
 #include <enet/enet.h>
 
 #include "app/base/VelantrixServerNoGUI.h"
+#include "app/base/core_pin.h"
 #include "stream/client_table.h"
 #include "stream/command_cost.h"
 #include "stream/enet_clock.h"
 #include "stream/event_backlog.h"
 #include "stream/network_host.h"
-#include "app/base/core_pin.h"
 #include "stream/send_path.h"
 #include "stream/service_step.h"
 #include "stream/wire_format.h"
