@@ -80,7 +80,8 @@ class InstalledFiles(unittest.TestCase):
         root = ElementTree.parse(info).getroot()
         entry = root.find("launchable").text
         self.assertTrue((self.usr / "share/applications" / entry).exists())
-        version = re.search(r"VERSION (\d+\.\d+)", (SOURCE / "CMakeLists.txt").read_text()).group(1)
+        version = re.search(r"project\(VelantrixServer VERSION (\d+\.\d+)",
+                            (SOURCE / "CMakeLists.txt").read_text()).group(1)
         self.assertEqual(root.find("releases/release").get("version"), version)
 
     def test_icons_have_the_size_of_their_folder_and_show_something(self):

@@ -8,6 +8,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <QCoreApplication>
 #include <gtest/gtest.h>
 
 #include "app/base/console.h"
@@ -114,6 +115,10 @@ TEST(ScarceResources, OtherUncaughtExceptionStillAbortsWithTheUsualText) {
 
 TEST(ScarceResources, NoPipeForStopSignalsIsTold) {
     const ChildRun run = runChild([] {
+        int argc = 1;
+        char name[] = "server";
+        char* argv[] = {name, nullptr};
+        const QCoreApplication application(argc, argv);
         takeAllDescriptors();
         installMainLoopRequests();
         EXPECT_FALSE(requestMainThreadExit(0));
