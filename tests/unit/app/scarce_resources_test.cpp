@@ -6,6 +6,7 @@
 #include <limits>
 #include <new>
 #include <sys/resource.h>
+#include <thread>
 #include <unistd.h>
 
 #include <QCoreApplication>
@@ -121,7 +122,7 @@ TEST(ScarceResources, NoPipeForStopSignalsIsTold) {
         const QCoreApplication application(argc, argv);
         takeAllDescriptors();
         installMainLoopRequests();
-        EXPECT_FALSE(requestMainThreadExit(0));
+        std::thread([] { EXPECT_FALSE(requestMainThreadExit(0)); }).join();
     });
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.err.rfind("Stop signals will end the program at once: pipe2: ", 0), 0U)
