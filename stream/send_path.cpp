@@ -71,6 +71,7 @@ void sendPayload(const ClientSlot& slot, const Pass& pass, const Payload& payloa
         trimOutgoingQueue(slot, pass.seq);
     }
     if (slot.reliable == 0 && seemsVanished(*slot.peer)) {
+        askVanished(*slot.peer);
         return;
     }
     ENetPacket* const packet = enet_packet_create(

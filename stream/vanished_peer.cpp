@@ -10,6 +10,8 @@ constexpr enet_uint32 PATIENCE_MS = 750;
 /// How long ENet may believe that a round trip takes. A peer can make it believe in any.
 constexpr enet_uint32 LONGEST_ROUND_TRIP_MS = 2000;
 
+constexpr enet_uint32 ASKING_INTERVAL_MS = 250;
+
 /// The kernel's default of net.ipv4.neigh.default.unres_qlen_bytes.
 constexpr int WAITING_FOR_AN_ADDRESS = 208 * 1024;
 
@@ -26,6 +28,12 @@ bool seemsVanished(const ENetPeer& peer) {
     const auto& oldest =
         *reinterpret_cast<const ENetOutgoingCommand*>(peer.sentReliableCommands.sentinel.next);
     return now - oldest.sentTime >= LONGEST_ROUND_TRIP_MS;
+}
+
+void askVanished(ENetPeer& peer) {
+    if (peer.host->serviceTime - peer.lastSendTime >= ASKING_INTERVAL_MS) {
+        enet_peer_ping(&peer);
+    }
 }
 
 void enlargeSendBuffer(const ENetHost& host) {

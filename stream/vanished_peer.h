@@ -13,6 +13,11 @@
 /// Thread: capture. Realtime-safe: yes.
 bool seemsVanished(const ENetPeer& peer);
 
+/// Asks such a peer four times a second whether it is back. ENet itself asks at growing intervals,
+/// and would hear of a short absence only after another of its length.
+/// Thread: capture. Realtime-safe: yes, but for ENet's allocation.
+void askVanished(ENetPeer& peer);
+
 /// Gives the host's socket a send buffer that holds what may wait for ten such addresses, or as
 /// much of that as the kernel grants. Thread: network.
 void enlargeSendBuffer(const ENetHost& host);

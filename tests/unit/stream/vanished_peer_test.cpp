@@ -3,8 +3,10 @@
 #include "stream/vanished_peer.h"
 
 #include <chrono>
+#include <functional>
 #include <limits>
 #include <memory>
+#include <sys/socket.h>
 #include <thread>
 #include <vector>
 
@@ -82,17 +84,25 @@ TEST_F(UnansweredPeer, IsJudgedAcrossTheWrapOfEnetsClock) {
 
 class VanishedClient : public SendPath {
   protected:
-    /// Hands in blocks until one is sent to so many clients; fails after 10 s.
-    void processUntilSentTo(int clientCount) {
+    /// Hands in blocks until `done` says so; fails after 10 s.
+    void processUntil(const std::function<bool()>& done) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-        for (int sent = -1; sent != clientCount;) {
+        do {
             ASSERT_LT(std::chrono::steady_clock::now(), end);
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
-            sent = -countOf(Call::EnetPeerSend);
+            sentBefore = countOf(Call::EnetPeerSend);
             process(RAW);
-            sent += countOf(Call::EnetPeerSend);
-        }
+        } while (!done());
     }
+
+    /// Hands in blocks until one is sent to so many clients.
+    void processUntilSentTo(int clientCount) {
+        processUntil([this, clientCount] {
+            return countOf(Call::EnetPeerSend) - sentBefore == clientCount;
+        });
+    }
+
+    int sentBefore = 0;
 };
 
 TEST_F(VanishedClient, IsSentBestEffortSoundAgainOnceItAnswers) {
@@ -107,6 +117,25 @@ TEST_F(VanishedClient, IsSentBestEffortSoundAgainOnceItAnswers) {
     pumpFor(50);
     processUntilSentTo(2);
     pumpUntil([&client, heard] { return client.packets.size() > heard; });
+}
+
+/// Takes what has arrived at a client from its socket, as if it had been lost; returns its count.
+int lose(const TestClient& client) {
+    int lost = 0;
+    for (char room[4096]; ::recv(client.host->socket, room, sizeof room, MSG_DONTWAIT) > 0;) {
+        ++lost;
+    }
+    return lost;
+}
+
+TEST_F(VanishedClient, IsAskedAgainAndAgainWhetherItIsBack) {
+    const TestClient& client = stream(BEST_EFFORT);
+    processUntilSentTo(1);
+    processUntilSentTo(0);
+    lose(client);
+    int asked = 0;
+    processUntil([&client, &asked] { return (asked += lose(client)) >= 8; });
+    EXPECT_EQ(connectCount, 1) << "it was given up before";
 }
 
 }  // namespace
