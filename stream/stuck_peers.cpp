@@ -1,7 +1,5 @@
 #include "stream/stuck_peers.h"
 
-#include <algorithm>
-
 #include "stream/enet_unsent.h"
 
 namespace {
@@ -28,14 +26,13 @@ bool isSilent(ENetPeer& peer) {
 
 bool isStuck(ENetPeer& peer) {
     switch (peer.state) {
-        case ENET_PEER_STATE_DISCONNECTED:
-        case ENET_PEER_STATE_ZOMBIE:
-            return false;
         case ENET_PEER_STATE_ACKNOWLEDGING_CONNECT:
         case ENET_PEER_STATE_DISCONNECTING:
             return !awaitsAnswer(peer) || isSilent(peer);
         case ENET_PEER_STATE_ACKNOWLEDGING_DISCONNECT:
             return enet_list_empty(&peer.acknowledgements);
+        case ENET_PEER_STATE_ZOMBIE:
+            return false;
         default:
             return isSilent(peer);
     }
@@ -44,9 +41,12 @@ bool isStuck(ENetPeer& peer) {
 }  // namespace
 
 ENetPeer* findStuckPeer(ENetHost& host) {
-    ENetPeer* const end = host.peers + host.peerCount;
-    ENetPeer* const found = std::find_if(host.peers, end, isStuck);
-    return found != end ? found : nullptr;
+    for (ENetPeer* peer = host.peers; peer < host.peers + host.peerCount; ++peer) {
+        if (peer->state != ENET_PEER_STATE_DISCONNECTED && isStuck(*peer)) {
+            return peer;
+        }
+    }
+    return nullptr;
 }
 
 void unlinkFromDispatch(ENetHost& host, const ENetPeer& peer) {
