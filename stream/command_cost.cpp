@@ -40,6 +40,39 @@ bool spend(std::size_t& left, std::size_t steps) {
     return enough;
 }
 
+/// Commands of all clients that wait.
+std::size_t countEarly(const ENetHost& host) {
+    std::size_t early = 0;
+    std::for_each(host.peers, host.peers + host.peerCount, [&early](ENetPeer& peer) {
+        std::for_each(peer.channels, peer.channels + peer.channelCount, [&](ENetChannel& channel) {
+            early += enet_list_size(&channel.incomingReliableCommands) +
+                     enet_list_size(&channel.incomingUnreliableCommands);
+        });
+    });
+    return early;
+}
+
+/// Whether all clients together have as many early commands waiting as they may. Counted anew only
+/// when so many have come since the last time, and once in a millisecond.
+class Crowd {
+  public:
+    bool isThere(const ENetHost& host) {
+        if (early_ >= MAX_EARLY_OF_ALL && host.serviceTime != countedAt_) {
+            early_ = countEarly(host);
+            countedAt_ = host.serviceTime;
+        }
+        return early_ >= MAX_EARLY_OF_ALL;
+    }
+
+    void join() { ++early_; }
+
+  private:
+    std::size_t early_ = 0;  ///< At most so many.
+    enet_uint32 countedAt_ = 0;
+};
+
+Crowd crowd;
+
 /// How far ahead of what its channel has completed a command is; 0: it is due, or behind.
 enet_uint16 aheadOf(const ENetChannel& channel, enet_uint16 number) {
     const auto ahead = static_cast<enet_uint16>(number - channel.incomingReliableSequenceNumber);
@@ -47,13 +80,15 @@ enet_uint16 aheadOf(const ENetChannel& channel, enet_uint16 number) {
 }
 
 /// ENet looks for a reliable command's place from the last one backwards.
-bool reliableCostsTooMuch(const ENetPeer& peer, ENetChannel& channel, enet_uint16 number,
-                          std::size_t& left) {
+bool reliableCostsTooMuch(const ENetPeer& peer, ENetChannel& channel, enet_uint16 number) {
+    std::size_t& left = stepsOf(peer);
     const enet_uint16 ahead = aheadOf(channel, number);
+    const std::size_t most = crowd.isThere(*peer.host) ? FEW_EARLY : MAX_EARLY_RELIABLE;
     const bool noRoom = ahead > 1 && peer.totalWaitingData >= MAX_EARLY_BYTES;
-    if (ahead == 0 || ahead > MAX_EARLY_RELIABLE || noRoom || left == 0) {
+    if (ahead == 0 || ahead > most || noRoom || left == 0) {
         return ahead != 0;
     }
+    crowd.join();
     std::size_t steps = 0;
     ENetList& waiting = channel.incomingReliableCommands;
     for (ENetListIterator node = enet_list_previous(enet_list_end(&waiting));
@@ -69,18 +104,19 @@ bool reliableCostsTooMuch(const ENetPeer& peer, ENetChannel& channel, enet_uint1
 }
 
 /// Of unreliable ones any number can wait for the same reliable one.
-bool unreliableCostsTooMuch(ENetChannel& channel, enet_uint16 number, std::size_t& left) {
+bool unreliableCostsTooMuch(const ENetPeer& peer, ENetChannel& channel, enet_uint16 number) {
     if (aheadOf(channel, number) == 0) {
         return false;
     }
+    const std::size_t most = crowd.isThere(*peer.host) ? FEW_EARLY : MAX_EARLY_UNRELIABLE;
+    crowd.join();
     ENetList& waiting = channel.incomingUnreliableCommands;
     std::size_t steps = 0;
     for (ENetListIterator node = enet_list_begin(&waiting);
-         node != enet_list_end(&waiting) && steps < MAX_EARLY_UNRELIABLE;
-         node = enet_list_next(node)) {
+         node != enet_list_end(&waiting) && steps < most; node = enet_list_next(node)) {
         ++steps;
     }
-    return steps == MAX_EARLY_UNRELIABLE || !spend(left, steps);
+    return steps == most || !spend(stepsOf(peer), steps);
 }
 
 /// ENet looks for what is acknowledged among all that is under way, and then among what is to be
@@ -122,15 +158,14 @@ bool costsTooMuch(ENetPeer& peer, const enet_uint8* command) {
     constexpr std::size_t NUMBER = offsetof(ENetProtocolCommandHeader, reliableSequenceNumber);
     switch (type) {
         case ENET_PROTOCOL_COMMAND_SEND_RELIABLE:
-            return reliableCostsTooMuch(peer, peer.channels[channel], numberAt(NUMBER),
-                                        stepsOf(peer));
+            return reliableCostsTooMuch(peer, peer.channels[channel], numberAt(NUMBER));
         case ENET_PROTOCOL_COMMAND_SEND_FRAGMENT:
             return reliableCostsTooMuch(
                 peer, peer.channels[channel],
-                numberAt(offsetof(ENetProtocolSendFragment, startSequenceNumber)), stepsOf(peer));
+                numberAt(offsetof(ENetProtocolSendFragment, startSequenceNumber)));
         case ENET_PROTOCOL_COMMAND_SEND_UNRELIABLE:
         case ENET_PROTOCOL_COMMAND_SEND_UNRELIABLE_FRAGMENT:
-            return unreliableCostsTooMuch(peer.channels[channel], numberAt(NUMBER), stepsOf(peer));
+            return unreliableCostsTooMuch(peer, peer.channels[channel], numberAt(NUMBER));
         default:
             return false;
     }

@@ -11,6 +11,11 @@ constexpr enet_uint16 MAX_EARLY_RELIABLE = ENET_PEER_RELIABLE_WINDOW_SIZE;
 /// How many unreliable commands may wait in a channel for a reliable one when another comes.
 constexpr std::size_t MAX_EARLY_UNRELIABLE = 128;
 
+/// How many commands of all clients together may wait before each channel is held to a few. What
+/// many clients could else let wait would stay with the allocator when they are gone.
+constexpr std::size_t MAX_EARLY_OF_ALL = ENET_PEER_RELIABLE_WINDOW_SIZE;
+constexpr std::size_t FEW_EARLY = 32;
+
 /// How many commands of a peer ENet may walk through at once, and in each millisecond of the long
 /// run, to find the place of early commands and those that acknowledgements name.
 constexpr std::size_t MAX_STEPS = 500000;

@@ -148,6 +148,24 @@ TEST_F(DatagramGuard, LongMessagesBehindALostOneLeaveRoomForIt) {
     EXPECT_EQ(connectCount, 1);
 }
 
+TEST_F(DatagramGuard, EarlyCommandsOfManyClientsTakeNoMoreMemoryThanThoseOfOne) {
+    std::vector<HandMadeClient*> crowd;
+    for (int i = 0; i < 6; ++i) {
+        crowd.push_back(&arrive());
+    }
+    const std::size_t before = enetBytes();
+    for (HandMadeClient* const stranger : crowd) {
+        deliver(*stranger, reliableRows(2, 60));
+        deliver(*stranger, fullRows(4, [](int i) {
+            return unreliable(1, static_cast<std::uint16_t>(i), {});
+        }));
+    }
+    EXPECT_LT(enetBytes() - before, ENOUGH_MEMORY);
+    EXPECT_EQ(connectCount, 6);
+    deliver(*crowd.back(), reliableRows(1, 1));
+    EXPECT_EQ(peerOf(*crowd.back()).channels[0].incomingReliableSequenceNumber, FEW_EARLY);
+}
+
 TEST_F(DatagramGuard, MessageInPiecesWaitsAtItsFirstNumber) {
     HandMadeClient& stranger = arrive();
     Fragment fragment;
