@@ -1,6 +1,7 @@
 #include "audio/Audio.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <fcntl.h>
@@ -22,6 +23,7 @@ namespace {
 
 constexpr int RATE_48K = 48000;
 constexpr int RATE_44K1 = 44100;
+constexpr int ABORTED_STATUS = 255;
 
 // PortAudio may not be opened and closed at once, which a quit during start-up would do.
 // Never held by the callback.
@@ -58,8 +60,34 @@ class QuietStandardError {
     int saved_;
 };
 
+[[noreturn]] void endInWords(int /*signal*/) {
+    consolePuts(
+        "VelantrixServer: the sound library failed in its start-up, memory may be short. "
+        "Quitting.");
+    consoleDrain();
+    ::_exit(ABORTED_STATUS);
+}
+
+/// For its lifetime an abort ends the program in words. PortAudio asserts that ALSA got the memory
+/// it asked for, and its own words go to a standard error that may be turned off.
+class AbortInWords {
+  public:
+    AbortInWords() {
+        struct sigaction inWords = {};
+        inWords.sa_handler = endInWords;
+        ::sigaction(SIGABRT, &inWords, &before_);
+    }
+    ~AbortInWords() { ::sigaction(SIGABRT, &before_, nullptr); }
+    AbortInWords(const AbortInWords&) = delete;
+    AbortInWords& operator=(const AbortInWords&) = delete;
+
+  private:
+    struct sigaction before_ = {};
+};
+
 PaError initializePortAudio() {
     consolePuts("Initializing PortAudio");
+    const AbortInWords guard;
     const PaError err = Pa_Initialize();
     // Belongs to the chatter: shown only when standard error is open, which is intended.
     std::fprintf(stderr, "PortAudio Pa_Initialize call completed with return value %d\n", err);

@@ -1,6 +1,7 @@
 #include "tests/support/fake_portaudio.h"
 
 #include <array>
+#include <cstdlib>
 #include <memory>
 #include <unistd.h>
 
@@ -73,6 +74,9 @@ PaError Pa_Initialize() {
     FakePortAudio& fake = fakePortAudio();
     EXPECT_FALSE(fake.initialised);
     hangWhile(fake.initializeHangs, fake.insideInitialize);
+    if (fake.initializeAborts) {
+        std::abort();
+    }
     EXPECT_EQ(write(STDERR_FILENO, fake.chatter.data(), fake.chatter.size()),
               static_cast<ssize_t>(fake.chatter.size()));
     fake.initialised = fake.initializeResult == paNoError;

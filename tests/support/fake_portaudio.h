@@ -23,6 +23,7 @@ struct FakePortAudio {
     double deviceRate = 48000.0;
     std::string chatter;                  ///< Written to descriptor 2 by Pa_Initialize.
     std::atomic<bool> closeHangs{false};  ///< Pa_CloseStream returns when this is cleared.
+    bool initializeAborts = false;
     std::atomic<bool> initializeHangs{false};
     std::atomic<bool> callbackAtStart{
         false};  ///< Pa_StartStream delivers a block before it returns.

@@ -303,4 +303,16 @@ TEST(StandardError, LeavesNoDescriptorBehind) {
     });
 }
 
+TEST(AudioOpen, LibraryThatAbortsInItsStartUpEndsTheProgramInWords) {
+    const ChildRun run = runWithVerbose(false, [] {
+        fakePortAudio().initializeAborts = true;
+        std::atomic<bool> flag{false};
+        Audio::Open(0, flag);
+    });
+    EXPECT_EQ(run.status, 255);
+    EXPECT_EQ(run.out,
+              "Initializing PortAudio\nVelantrixServer: the sound library failed in its start-up, "
+              "memory may be short. Quitting.\n");
+}
+
 }  // namespace
