@@ -31,15 +31,19 @@ class Display:
         if self.manager:
             self.programs.enter_context(Process(["openbox", "--sm-disable"],
                                                 dict(clean_environment(), DISPLAY=self.name)))
+            wait_until(lambda: "window id" in self.run("xprop", "-root", "_NET_SUPPORTING_WM_CHECK"),
+                       "the window manager is there")
         return self
 
     def __exit__(self, *_):
         self.programs.close()
 
+    def run(self, *command):
+        return subprocess.run(command, env=dict(clean_environment(), DISPLAY=self.name),
+                              capture_output=True, text=True).stdout
+
     def xdotool(self, *words):
-        done = subprocess.run(["xdotool", *words], env=dict(clean_environment(), DISPLAY=self.name),
-                              capture_output=True, text=True)
-        return done.stdout.split()
+        return self.run("xdotool", *words).split()
 
     def windows(self, *search):
         return self.xdotool("search", "--onlyvisible", *search)
@@ -135,6 +139,8 @@ class Question(VersionTest):
             window = wait_until(lambda: display.windows("--name", "^Velantrix Server"),
                                 "the window is shown")[0]
             display.xdotool("windowminimize", "--sync", window)
+            wait_until(lambda: not display.windows("--name", "^Velantrix Server"),
+                       "the window is minimised")
             time.sleep(max(0.0, begin + WAIT + 4 - time.monotonic()))
             self.assertEqual(self.web.requests(), [])
             display.xdotool("windowactivate", window)
