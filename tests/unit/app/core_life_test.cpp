@@ -196,33 +196,24 @@ TEST(CoreLife, StagesFollowTheDestruction) {
     });
 }
 
-TEST(CoreLife, UnpinnedThreadIsNotWaitedForAndLearnsOfTheEnd) {
+TEST(CoreLife, CallThatGaveItsPinUpIsNotWaitedForAndLearnsOfTheEnd) {
     runChild([] {
-        static std::atomic<bool> waiting{false};
-        static std::atomic<bool> goOn{false};
         auto core = std::make_unique<FrontEnd>();
-        std::thread check([] {
-            const CorePin pin;
-            CoreUnpin unpin;
-            waiting.store(true);
-            waitUntil(goOn);
-            EXPECT_FALSE(unpin.repin());
-        });
-        waitUntil(waiting);
+        const CallPin call;
+        EXPECT_TRUE(static_cast<bool>(call));
+        EXPECT_TRUE(CorePin::anyHeld());
+        CallPin::release();
+        EXPECT_FALSE(CorePin::anyHeld());
         core.reset();
-        goOn.store(true);
-        check.join();
-        // Its pins are balanced: the next object's end waits for nobody.
-        EXPECT_EQ(CorePin().stage(), CoreStage::Destroyed);
+        EXPECT_FALSE(static_cast<bool>(CorePin()));
     });
 }
 
-TEST(CoreLife, RepinWhileAliveSaysSo) {
+TEST(CoreLife, CallThatKeepsItsPinGivesItUpInTheEnd) {
     runChild([] {
         const auto core = std::make_unique<FrontEnd>();
-        const CorePin pin;
-        CoreUnpin unpin;
-        EXPECT_TRUE(unpin.repin());
+        { const CallPin call; }
+        EXPECT_FALSE(CorePin::anyHeld());
     });
 }
 

@@ -318,10 +318,14 @@ TEST_F(VersionQuestion, WindowClosedWhileMinimizedEndsTheCheckQuietly) {
     };
     int result = -1;
     VelantrixServer* const raw = window.get();
-    std::thread thread([raw, &result] { result = raw->checkVersion(); });
+    std::thread thread([raw, &result] {
+        const CallPin pin;
+        result = raw->checkVersion();
+    });
     while (!waiting) {
         reallySleep(1);
     }
+    EXPECT_FALSE(CorePin::anyHeld());
     window.reset();
     closed = true;
     thread.join();
@@ -378,7 +382,7 @@ TEST_F(VersionQuestion, IsNotAskedWhenStoringTheNewsOutlastsTheWindow) {
     User user(press(QMessageBox::Yes));
     const PrintedLines lines;
     std::thread thread([raw] {
-        const CorePin pin;
+        const CallPin pin;
         raw->checkVersion();
     });
     ASSERT_TRUE(server.waitForRequest());
@@ -407,9 +411,13 @@ TEST_F(VersionQuestion, ProgramMayEndWhileTheBrowserRuns) {
     };
     User user(press(QMessageBox::Yes));
     VelantrixServer* const raw = window.get();
-    std::thread thread([raw] { raw->checkVersion(); });
+    std::thread thread([raw] {
+        const CallPin pin;
+        raw->checkVersion();
+    });
     QApplication::exec();
     EXPECT_TRUE(running);
+    EXPECT_FALSE(CorePin::anyHeld());
     window.reset();
     ended = true;
     thread.join();
