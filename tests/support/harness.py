@@ -23,7 +23,7 @@ from support.processes import PATIENCE, Lines, Process, die_with_parent, wait_un
 from support.sound import SoundServer, clean_environment, private_home
 
 __all__ = ["HERE_ADDRESS", "THERE_ADDRESS", "PATIENCE", "BANNER", "CAPTURE_RUNNING",
-           "DEFAULT_PORT", "VERSION", "OtherNetwork", "Process", "Lines", "Server", "SoundServer",
+           "DEFAULT_PORT", "NEWER_VERSION", "VERSION", "OtherNetwork", "Process", "Lines", "Server", "SoundServer",
            "SystemTest", "clean_environment", "die_with_parent", "fake", "has_sanitizer", "listen",
            "listen_command", "private_home", "program", "resident_bytes", "wait_until",
            "with_prompt_release"]
@@ -34,6 +34,7 @@ CAPTURE_RUNNING = "VelantrixServer: Audio capture running"
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 VERSION = re.search(r"project\(VelantrixServer VERSION (\d+\.\d+)",
                     (SOURCE / "CMakeLists.txt").read_text())[1]
+NEWER_VERSION = re.sub(r"\d+$", lambda minor: str(int(minor[0]) + 1), VERSION)
 BANNER = f"Velantrix Server v{VERSION}"
 
 

@@ -5,7 +5,7 @@ import re
 import subprocess
 import time
 
-from support.harness import (BANNER, CAPTURE_RUNNING, VERSION, Server, SoundServer, SystemTest,
+from support.harness import (BANNER, CAPTURE_RUNNING, NEWER_VERSION, VERSION, Server, SoundServer, SystemTest,
                              fake, has_sanitizer, program)
 from support.probe import Probe
 from support.version_server import LATE, VERSION_FILE, VersionServer
@@ -20,6 +20,12 @@ LONGEST_SHUTDOWN = 4.0
 """Seconds from the signal to the end; the program itself waits for its threads for 3 at most."""
 
 NO_LIBRARY = "Error, could not dlopen the cURL shared library libcurl.so.4."
+
+
+def retrieved(version, line_end):
+    """The line about a file that has a version and an end of line of so many bytes."""
+    return (f"WebIf::checkVersion: {len(version) + line_end} bytes retrieved ({len(version)}): "
+            f"{version} ({VERSION})")
 
 
 def advice(address):
@@ -66,7 +72,7 @@ class VersionTest(SystemTest):
 
 class Announcement(VersionTest):
     def test_new_version_is_printed_8_seconds_after_the_start_and_kept(self):
-        self.web.answer(body="3.2\r\n")
+        self.web.answer(body=f"{NEWER_VERSION}\r\n")
         with self.server() as server:
             server.out.wait_for(BANNER)
             begin = time.monotonic()
@@ -74,15 +80,15 @@ class Announcement(VersionTest):
             # The banner was printed a little before it was read.
             self.assertGreater(time.monotonic() - begin, WAIT - 1)
             self.assert_lines_in_order(server.out.all(), [
-                f"WebIf::checkVersion: 5 bytes retrieved (3): 3.2 ({VERSION})", NEWS])
+                retrieved(NEWER_VERSION, line_end=2), NEWS])
             self.assert_ends_cleanly(server)
         self.assertEqual([request["path"] for request in self.web.requests()], [VERSION_FILE])
         stored = self.stored()
-        self.assertEqual(stored["VersionCheckResponse"], "3.2")
+        self.assertEqual(stored["VersionCheckResponse"], NEWER_VERSION)
         self.assertLess(abs(int(stored["VersionCheckTime"]) - time.time() / 60), 5)
 
     def test_restart_within_8_hours_asks_nothing(self):
-        self.web.answer(body="3.2\n")
+        self.web.answer(body=f"{NEWER_VERSION}\n")
         minute = int(time.time() / 60) - 400
         self.store(VersionCheckTime=minute)
         with self.server() as server:
@@ -91,14 +97,14 @@ class Announcement(VersionTest):
         self.assertEqual(self.stored(), {"VersionCheckTime": str(minute)})
 
     def test_restart_later_asks_again(self):
-        self.web.answer(body="3.2\n")
+        self.web.answer(body=f"{NEWER_VERSION}\n")
         self.store(VersionCheckTime=int(time.time() / 60) - QUIET_MINUTES - 1,
-                   VersionCheckResponse="3.2")
+                   VersionCheckResponse=NEWER_VERSION)
         with self.server() as server:
             self.assertEqual(self.run_past_the_check(server), [
-                f"WebIf::checkVersion: 4 bytes retrieved (3): 3.2 ({VERSION})", NEWS])
+                retrieved(NEWER_VERSION, line_end=1), NEWS])
         self.assertEqual(len(self.web.requests()), 1)
-        self.assertEqual(self.stored()["VersionCheckResponse"], "3.2")
+        self.assertEqual(self.stored()["VersionCheckResponse"], NEWER_VERSION)
 
     def test_missing_file_is_printed_and_the_time_kept(self):
         with self.server() as server:

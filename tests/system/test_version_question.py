@@ -7,7 +7,7 @@ import subprocess
 import time
 
 from support.display import XServer
-from support.harness import Process, clean_environment, wait_until
+from support.harness import NEWER_VERSION, Process, clean_environment, wait_until
 from test_stop import default_action
 from test_version_check import BANNER, NEWS, QUIET_MINUTES, WAIT, VersionTest
 
@@ -58,7 +58,7 @@ class Display:
 class Question(VersionTest):
     def setUp(self):
         super().setUp()
-        self.web.answer(body="3.2\n")
+        self.web.answer(body=f"{NEWER_VERSION}\n")
         self.programs = self.folder / "bin"
         self.programs.mkdir()
         self.opened = self.folder / "opened"
@@ -78,7 +78,7 @@ class Question(VersionTest):
         """Answers the question; returns the windows that are left, of the main window and boxes."""
         server.out.wait_for(NEWS)
         question = display.wait_for_question()
-        self.assertEqual(self.stored()["VersionCheckResponse"], "3.2")
+        self.assertEqual(self.stored()["VersionCheckResponse"], NEWER_VERSION)
         wait_until(lambda: self.pressed_away(display, question, key), "the question is answered")
         time.sleep(2)
         return display.windows("--class", PROGRAM_CLASS)
@@ -123,7 +123,7 @@ class Question(VersionTest):
                            "the message is closed")
                 self.assert_ends_cleanly(server)
             self.store(VersionCheckTime=int(time.time() / 60) - QUIET_MINUTES - 60,
-                       VersionCheckResponse="3.2")
+                       VersionCheckResponse=NEWER_VERSION)
             with self.window(display) as server:
                 server.out.wait_for(NEWS)
                 time.sleep(2)
