@@ -9,11 +9,11 @@ endfunction()
 
 vx_queue_trim_test(queue_trim_test)
 target_link_libraries(queue_trim_test PRIVATE PkgConfig::ENET)
-gtest_discover_tests(queue_trim_test TEST_SUFFIX .InstalledEnet)
+vx_add_tests(queue_trim_test TEST_SUFFIX .InstalledEnet)
 
 foreach(release IN ITEMS 1_3_15 1_3_17 1_3_18)
   set(layouts ${CMAKE_SOURCE_DIR}/tests/support/enet_layouts)
   vx_queue_trim_test(queue_trim_test_${release} ${layouts}/common/enet_functions.cpp)
   target_include_directories(queue_trim_test_${release} BEFORE PRIVATE ${layouts}/v${release})
-  gtest_discover_tests(queue_trim_test_${release} TEST_SUFFIX .Enet_${release})
+  vx_add_tests(queue_trim_test_${release} TEST_SUFFIX .Enet_${release})
 endforeach()
