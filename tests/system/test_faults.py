@@ -19,7 +19,7 @@ import time
 import unittest
 
 from support.enet_wire import Recorder, connect_peers
-from support.harness import (DEFAULT_PORT, HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, Server,
+from support.harness import (CAPTURE_RUNNING, DEFAULT_PORT, HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, Server,
                              SoundServer, SystemTest, fake, wait_until)
 from support.network import ip
 from support.probe import MSGID_FASTER, MULTI_CLIENT, Probe, control_message, sequence_gaps
@@ -426,7 +426,8 @@ class Limits(FaultTest):
         with Server(sound=self.sound, rate=48000, prefix=["prlimit", *limit]) as server:
             end = time.monotonic() + 2
             while time.monotonic() < end and server.child.poll() is None and \
-                    "VelantrixServer: Audio capture running" not in server.out.all():
+                    CAPTURE_RUNNING not in server.out.all() and \
+                    not any("opening audio input device" in line for line in server.err.all()):
                 time.sleep(0.05)
             status = server.stop()
             lines = server.out.all() + server.err.all()
