@@ -12,7 +12,7 @@ SLOW_CLOSE = ("VelantrixServer: Audio shutdown is taking a long time, may be cau
 CLOSE_HANGS = {"VELANTRIX_FAULTS": "close-hangs"}
 FATAL = 255
 
-BUSY_STARTS = int(os.environ.get("VELANTRIX_BUSY_STARTS", "40"))
+BUSY_STARTS = int(os.environ.get("VELANTRIX_BUSY_STARTS", "16"))
 
 
 class Signals(SystemTest):
@@ -105,19 +105,6 @@ class HangingExit(SystemTest):
             holder.bind(("0.0.0.0", DEFAULT_PORT))
             with self.start() as server:
                 self.assertEqual(server.wait(), FATAL)
-
-
-class FailingClose(SystemTest):
-    def test_failed_close_is_reported_and_the_status_is_0(self):
-        with SoundServer() as sound, Server(
-                sound=sound, preload=fake("preload_faults.so"),
-                env={"VELANTRIX_FAULTS": "close-fails"}) as server:
-            server.wait_for_capture()
-            self.assert_ends_in_time(server)
-            self.assertEqual(server.err.all(), [
-                "An error occured while closing the portaudio stream",
-                "Error number: -9986",
-                "Error message: Internal PortAudio error"])
 
 
 class ForcedExit(SystemTest):
