@@ -120,10 +120,8 @@ class HostileNetwork(unittest.TestCase):
 
     @classmethod
     def good_client(cls, rate_code=0, reliable=True):
-        client = cls.probe.connect()
+        client = cls.probe.listen(rate_code, reliable)
         client.refuse_thinning()
-        client.request(rate_code, reliable)
-        client.wait_packets(20)
         return client
 
     def attack(self, kind, *words):
@@ -168,9 +166,7 @@ class HostileNetwork(unittest.TestCase):
     @contextlib.contextmanager
     def usual_client_hears(self):
         """Best effort, with ENet's throttle as it is: it leaves packets out when answers vary."""
-        client = self.probe.connect()
-        client.request(0, reliable=False)
-        client.wait_packets(20)
+        client = self.probe.listen(0, reliable=False)
         try:
             yield
             packets = client.wait_packets(40)

@@ -14,8 +14,7 @@ import termios
 import time
 
 from support.harness import (DEFAULT_PORT, PATIENCE, Process, Server, SoundServer, SystemTest,
-                             clean_environment, die_with_parent, listen, listen_command, program,
-                             wait_until)
+                             clean_environment, die_with_parent, listen, listen_command, wait_until)
 from support.relay import Relay
 from support.signals import (channel, dominant_frequency, find_frames, loud_part, noise, read_wav,
                              rms, silence, sine)
@@ -269,9 +268,7 @@ class Playback(PlaybackTest):
         self.assertIn("no output device named 'no such device'", result.stderr)
 
     def test_devices_are_listed_one_name_a_line_with_the_default_one_first(self):
-        result = subprocess.run([program("VELANTRIX_LISTEN"), "--list-devices"],
-                                env=dict(clean_environment(), **self.playback_env),
-                                capture_output=True, text=True, timeout=PATIENCE, check=False)
+        result = listen("--list-devices", host=None, env=self.playback_env)
         self.assertEqual(result.returncode, 0)
         self.assertEqual(result.stdout.splitlines()[0], "default")
 
@@ -415,17 +412,13 @@ class BadNetwork(ListenTest):
 
 
 class Finding(ListenTest):
-    def run_client(self, *arguments):
-        return subprocess.run([program("VELANTRIX_LISTEN"), *arguments], env=clean_environment(),
-                              capture_output=True, text=True, timeout=PATIENCE, check=False)
-
     def test_without_a_host_the_server_is_found(self):
-        result = self.run_client("--no-play", "--seconds", "1")
+        result = listen("--no-play", "--seconds", 1, host=None)
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertGreater(int(report_of(result.stdout)["packets"]), 0)
 
     def test_list_prints_address_and_answer_time(self):
-        result = self.run_client("--list")
+        result = listen("--list", host=None)
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertRegex(result.stdout, r"\A\d+\.\d+\.\d+\.\d+\t\d+\.\d ms\n\Z")
 
@@ -434,7 +427,7 @@ class Finding(ListenTest):
         with Server(sound=self.sound, rate=self.rate,
                     env={"VELANTRIX_SERVER_PORT": "7000"}) as server:
             server.wait_for_capture()
-            result = self.run_client("--no-play", "--seconds", "1", "--port", "7000")
+            result = listen("--no-play", "--seconds", 1, "--port", 7000, host=None)
             self.assertEqual(result.returncode, 0, result.stderr)
             self.assertGreater(int(report_of(result.stdout)["packets"]), 0)
             self.assertIn(":7000", result.stdout)
@@ -444,9 +437,7 @@ class NoServer(SystemTest):
     def test_nobody_to_find_is_an_error_after_three_seconds(self):
         for arguments in ([], ["--list"]):
             begin = time.monotonic()
-            result = subprocess.run([program("VELANTRIX_LISTEN"), "--no-play", *arguments],
-                                    env=clean_environment(), capture_output=True, text=True,
-                                    timeout=PATIENCE, check=False)
+            result = listen("--no-play", *arguments, host=None)
             self.assertEqual(result.returncode, 1)
             self.assertEqual(result.stderr, "velantrix-listen: no server has answered\n")
             self.assertGreater(time.monotonic() - begin, 2.5)

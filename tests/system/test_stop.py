@@ -2,9 +2,8 @@
 
 import os
 import signal
-import socket
 
-from support.harness import (BANNER, DEFAULT_PORT, Server, SoundServer, SystemTest, die_with_parent,
+from support.harness import (BANNER, Server, SoundServer, SystemTest, busy_port, die_with_parent,
                              fake, wait_until)
 
 SLOW_CLOSE = ("VelantrixServer: Audio shutdown is taking a long time, may be caused by an audio "
@@ -101,8 +100,7 @@ class HangingExit(SystemTest):
             self.assert_ends_in_time(server)
 
     def test_forced_end_comes_all_the_same_with_status_255(self):
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
-            holder.bind(("0.0.0.0", DEFAULT_PORT))
+        with busy_port():
             with self.start() as server:
                 self.assertEqual(server.wait(), FATAL)
 
@@ -112,8 +110,7 @@ class ForcedExit(SystemTest):
         print(f"{BUSY_STARTS} starts, the second half under load "
               "(VELANTRIX_BUSY_STARTS sets the number)")
         statuses = []
-        with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as holder:
-            holder.bind(("0.0.0.0", DEFAULT_PORT))
+        with busy_port():
             statuses += [self.start_once() for _ in range(BUSY_STARTS // 2)]
             with Load():
                 statuses += [self.start_once() for _ in range(BUSY_STARTS - BUSY_STARTS // 2)]

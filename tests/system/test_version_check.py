@@ -15,7 +15,6 @@ CHECK_LINE = re.compile(r"^WebIf::")
 WAIT = 8.0
 """Seconds from the start to the check; SHORT_WAIT where the test does not look at that."""
 SHORT_WAIT = WAIT / 10
-QUIET_MINUTES = 480
 FATAL = 255
 LONGEST_SHUTDOWN = 4.0
 """Seconds from the signal to the end; the program itself waits for its threads for 3 at most."""
@@ -97,24 +96,6 @@ class Announcement(VersionTest):
         self.assertEqual(self.web.requests(), [])
         self.assertEqual(self.stored(), {"VersionCheckTime": str(minute)})
 
-    def test_restart_later_asks_again(self):
-        self.web.answer(body=f"{NEWER_VERSION}\n")
-        self.store(VersionCheckTime=int(time.time() / 60) - QUIET_MINUTES - 1,
-                   VersionCheckResponse=NEWER_VERSION)
-        with self.server() as server:
-            self.assertEqual(self.run_past_the_check(server), [
-                retrieved(NEWER_VERSION, line_end=1), NEWS])
-        self.assertEqual(len(self.web.requests()), 1)
-        self.assertEqual(self.stored()["VersionCheckResponse"], NEWER_VERSION)
-
-    def test_missing_file_is_printed_and_the_time_kept(self):
-        with self.server() as server:
-            lines = self.run_past_the_check(server)
-        self.assertEqual(lines, ["WebIf::checkVersion: curl_easy_perform() failed: "
-                                 "HTTP response code said error"])
-        self.assertEqual([request["path"] for request in self.web.requests()], [VERSION_FILE])
-        self.assertEqual(list(self.stored()), ["VersionCheckTime"])
-
 
 class Shutdown(VersionTest):
     def test_server_that_never_answers_does_not_hold_up_the_end(self):
@@ -172,16 +153,3 @@ class Linking(SystemTest):
         needed = re.findall(r"\(NEEDED\).*\[(.+)\]", dynamic)
         self.assertIn("libc.so.6", needed)
         self.assertFalse([name for name in needed if "curl" in name])
-
-
-class Address(VersionTest):
-    COMPLAINT = re.compile("^Ignoring VELANTRIX_WEB_ADDRESS, ")
-
-    def test_unusable_address_is_ignored_with_one_line_at_the_start(self):
-        self.store(VersionCheckTime=int(time.time() / 60))  # No check is due, for which it is used.
-        with self.server(env={"VELANTRIX_WEB_ADDRESS": "http://a/;touch x"}) as server:
-            server.out.wait_for(self.COMPLAINT)
-            self.assert_ends_cleanly(server)
-            complaints = [line for line in server.out.all() if self.COMPLAINT.search(line)]
-            self.assertEqual(len(complaints), 1)
-            self.assertNotIn("touch", complaints[0])

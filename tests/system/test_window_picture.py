@@ -4,7 +4,6 @@ import contextlib
 import os
 import re
 import subprocess
-import unittest
 
 from support.display import Display
 from support.harness import SOURCE, Server, SystemTest, wait_until
@@ -23,8 +22,7 @@ display = None
 
 def setUpModule():
     global display
-    display = Display().__enter__()
-    unittest.addModuleCleanup(display.__exit__)
+    display = Display.of_module()
 
 
 class Picture:
