@@ -100,7 +100,6 @@ class Listener {
 class LongStream : public testing::Test {
   protected:
     LongStream() {
-        ip("link set lo up");
         std::thread([this] { enetHost(&core); }).detach();
     }
 
@@ -161,7 +160,7 @@ class LongStream : public testing::Test {
         return streamUntil([this] { return listener->newest == blocks - 1; });
     }
 
-    const NetNamespace network;
+    const LoopbackNetwork network;
     VelantrixServerNoGUI core;
     std::unique_ptr<Listener> listener;
     std::uint32_t blocks = 0;
