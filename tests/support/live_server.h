@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "app/base/VelantrixServerNoGUI.h"
+#include "tests/support/child_run.h"
 #include "tests/support/test_client.h"
 
 /// One call of SetClientStatus.
@@ -77,6 +78,6 @@ class LiveServer : public testing::Test {
 
   private:
     int outputFile = -1;
-    int savedOutput = -1;
-    std::string allPrinted;
+    std::optional<OutputTo> output;
+    std::size_t seen = 0;  ///< Of what was printed.
 };

@@ -12,8 +12,8 @@
 #include "app/base/VelantrixServerNoGUI.h"
 #include "app/base/command_line.h"
 #include "app/base/console.h"
+#include "tests/support/child_run.h"
 #include "tests/support/net_namespace.h"
-#include "tests/support/transcript.h"
 
 namespace {
 
@@ -71,12 +71,13 @@ void show() {
 /// system's order, both down and without addresses.
 template <class Body>
 std::string inFreshNetwork(Body body) {
-    return transcript([&body] {
-        const NetNamespace network;
-        ip("link set lo up");
+    const ChildRun run = runChild([&body] {
+        dup2(STDOUT_FILENO, STDERR_FILENO);
+        const LoopbackNetwork network;
         ip("link add first index 10 type veth peer name second index 11");
         body();
     });
+    return run.out;
 }
 
 void addAndRaise(const std::string& device, const std::string& address) {

@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include "tests/support/child_run.h"
+#include "tests/support/named_case.h"
 
 namespace {
 
@@ -17,8 +18,7 @@ ArgumentScan scan(std::initializer_list<const char*> arguments) {
 }
 
 /// One command line and what is left of it.
-struct ScanCase {
-    const char* name;
+struct ScanCase : NamedCase {
     std::vector<const char*> arguments;
     int port;
     const char* address;
@@ -27,10 +27,6 @@ struct ScanCase {
     bool platformSeen = false;
     bool waylandArg = false;
 };
-
-void PrintTo(const ScanCase& scanCase, std::ostream* out) {
-    *out << scanCase.name;
-}
 
 class ArgumentScanCases : public testing::TestWithParam<ScanCase> {};
 
@@ -122,7 +118,7 @@ const ScanCase SCAN_CASES[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(CommandLine, ArgumentScanCases, testing::ValuesIn(SCAN_CASES),
-                         [](const auto& each) { return std::string(each.param.name); });
+                         CASE_NAME);
 
 TEST(CommandLine, BindAddressOf255CharactersIsKeptWhole) {
     const std::string address(255, 'a');
@@ -146,8 +142,7 @@ TEST(CommandLine, ScanStartsFromUnsetValues) {
 }
 
 /// The two variables and what the start prints and takes.
-struct EnvironmentCase {
-    const char* name;
+struct EnvironmentCase : NamedCase {
     std::vector<const char*> arguments;
     const char* portVariable;
     const char* addressVariable;
@@ -155,10 +150,6 @@ struct EnvironmentCase {
     const char* address;
     const char* output;
 };
-
-void PrintTo(const EnvironmentCase& environmentCase, std::ostream* out) {
-    *out << environmentCase.name;
-}
 
 class StartEnvironmentCases : public testing::TestWithParam<EnvironmentCase> {};
 
@@ -219,7 +210,7 @@ const EnvironmentCase ENVIRONMENT_CASES[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(CommandLine, StartEnvironmentCases, testing::ValuesIn(ENVIRONMENT_CASES),
-                         [](const auto& each) { return std::string(each.param.name); });
+                         CASE_NAME);
 
 TEST(CommandLine, LongBindAddressFromTheEnvironmentIsCutAndNamedAsCopied) {
     const ChildRun run = runChild([] {

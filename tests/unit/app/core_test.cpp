@@ -16,6 +16,7 @@
 #include "tests/support/call_faults.h"
 #include "tests/support/child_run.h"
 #include "tests/support/fake_workers.h"
+#include "tests/support/named_case.h"
 #include "tests/support/sleep_watch.h"
 
 /// Reaches the core's flags.
@@ -94,16 +95,11 @@ TEST(CoreInit, LoadsTheSettingsBeforeAnyThreadAndInitialisesHttpBeforeTheVersion
 }
 
 /// Which of the three starts fails, and what comes of it.
-struct StartFailure {
-    const char* name;
+struct StartFailure : NamedCase {
     int nth;
     const char* line;
     int status;
 };
-
-void PrintTo(const StartFailure& failure, std::ostream* out) {
-    *out << failure.name;
-}
 
 /// The record of a thread that does not start stays allocated, by design: no leak to look for.
 void overlookRecords() {
@@ -134,7 +130,7 @@ INSTANTIATE_TEST_SUITE_P(
                                  "Could not create multicast receive thread, err = 1011\n", 255},
                     StartFailure{"VersionCheckIsNotFatal", 3,
                                  "Could not create version check thread, err = 1011\n", 0}),
-    [](const auto& each) { return each.param.name; });
+    CASE_NAME);
 
 TEST(CoreInit, ThreadThatAlreadyRunsIsReportedAsTen) {
     const ChildRun run = runChild([] {

@@ -5,6 +5,7 @@
 
 #include "app/base/console.h"
 #include "tests/support/held_line.h"
+#include "tests/support/named_case.h"
 #include "tests/unit/audio/audio_fixture.h"
 
 namespace {
@@ -102,18 +103,13 @@ TEST(AudioOpen, CallbackMayRunBeforeItReturns) {
 }
 
 /// A device rate, the override, and the rate that is opened.
-struct RateCase {
-    const char* name;
+struct RateCase : NamedCase {
     double deviceRate;
     const char* override;
     int reported;
     int opened;
     const char* complaint;
 };
-
-void PrintTo(const RateCase& rateCase, std::ostream* out) {
-    *out << rateCase.name;
-}
 
 class RateRules : public testing::TestWithParam<RateCase> {};
 
@@ -158,20 +154,15 @@ const RateCase RATE_CASES[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(AudioOpen, RateRules, testing::ValuesIn(RATE_CASES),
-                         [](const auto& each) { return std::string(each.param.name); });
+                         CASE_NAME);
 
 /// What fails, and what comes of it.
-struct FailureCase {
-    const char* name;
+struct FailureCase : NamedCase {
     void (*breakDevice)(FakePortAudio& device);
     int result;
     std::string report;
     Calls calls;
 };
-
-void PrintTo(const FailureCase& failureCase, std::ostream* out) {
-    *out << failureCase.name;
-}
 
 class OpenFailure : public testing::TestWithParam<FailureCase> {};
 
@@ -240,7 +231,7 @@ const FailureCase FAILURE_CASES[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(AudioOpen, OpenFailure, testing::ValuesIn(FAILURE_CASES),
-                         [](const auto& each) { return std::string(each.param.name); });
+                         CASE_NAME);
 
 TEST(StandardError, IsSilentWhilePortAudioStartsAndBackAfterwards) {
     const ChildRun run = runWithVerbose(false, [] {

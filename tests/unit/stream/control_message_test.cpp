@@ -4,6 +4,7 @@
 #include "stream/send_path.h"
 #include "tests/support/call_faults.h"
 #include "tests/support/live_server.h"
+#include "tests/support/named_case.h"
 
 namespace {
 
@@ -131,16 +132,11 @@ TEST_P(CutMessage, MissingBytesCountAsZero) {
 INSTANTIATE_TEST_SUITE_P(ControlMessage, CutMessage, testing::Range<std::size_t>(0, 18));
 
 /// A name and what is reported.
-struct NameCase {
-    const char* name;
+struct NameCase : NamedCase {
     std::string sent;
     bool terminated;
     std::string reported;
 };
-
-void PrintTo(const NameCase& nameCase, std::ostream* out) {
-    *out << nameCase.name;
-}
 
 class ClientName : public ControlMessage, public testing::WithParamInterface<NameCase> {};
 
@@ -163,7 +159,7 @@ INSTANTIATE_TEST_SUITE_P(
         NameCase{"Of5000", std::string(5000, 'n'), true, std::string(255, 'n')},
         NameCase{"Of5000WithoutTerminator", std::string(5000, 'n'), false, std::string(255, 'n')},
         NameCase{"Utf8", "Küche", true, "Küche"}),
-    [](const auto& each) { return std::string(each.param.name); });
+    CASE_NAME);
 
 TEST_F(ControlMessage, RandomBytesDisturbNobodyElse) {
     const unsigned seed = std::random_device{}();

@@ -20,6 +20,7 @@
 #include "tests/support/call_faults.h"
 #include "tests/support/child_run.h"
 #include "tests/support/fake_portaudio.h"
+#include "tests/support/named_case.h"
 
 namespace {
 
@@ -152,16 +153,11 @@ TEST(NetworkHost, CreatesTheEncodersBeforeTheNetwork) {
 }
 
 /// A port setting and what is bound.
-struct PortCase {
-    const char* name;
+struct PortCase : NamedCase {
     const char* argument;
     int port;
     const char* line;
 };
-
-void PrintTo(const PortCase& portCase, std::ostream* out) {
-    *out << portCase.name;
-}
 
 class HostPort : public testing::TestWithParam<PortCase> {};
 
@@ -180,7 +176,7 @@ INSTANTIATE_TEST_SUITE_P(
                     PortCase{"LowBitsZero", "65536", 59010, "Using default port number 59010\n"},
                     PortCase{"OnlyTheLowBits", "71536", 6000, "Binding to port number 6000\n"},
                     PortCase{"Negative", "-1", 65535, "Binding to port number 65535\n"}),
-    [](const auto& each) { return std::string(each.param.name); });
+    CASE_NAME);
 
 TEST(NetworkHost, BindsToAChosenAddress) {
     const ChildRun run = runHost({"-b", "127.0.0.1"}, nullptr,

@@ -10,6 +10,7 @@
 #include "stream/opus_bank.h"
 #include "stream/service_step.h"
 #include "tests/support/call_faults.h"
+#include "tests/support/named_case.h"
 #include "tests/unit/stream/send_path_fixture.h"
 
 namespace {
@@ -241,8 +242,7 @@ TEST_F(SendPath, NewChoiceHoldsFromTheNextBlockOn) {
 }
 
 /// A call and what it does: packets for a raw client, counters, the capture report.
-struct LengthCase {
-    const char* name;
+struct LengthCase : NamedCase {
     int length;
     bool hasInput;
     int packets;
@@ -250,10 +250,6 @@ struct LengthCase {
     std::uint32_t compressedCount;
     int captureReports;
 };
-
-void PrintTo(const LengthCase& lengthCase, std::ostream* out) {
-    *out << lengthCase.name;
-}
 
 class BufferLength : public SendPath, public testing::WithParamInterface<LengthCase> {};
 
@@ -285,7 +281,7 @@ INSTANTIATE_TEST_SUITE_P(SendPath, BufferLength,
                                          LengthCase{"JustBelowCompressed", 1932, true, 1, 1, 0, 1},
                                          LengthCase{"JustAboveCompressed", 1940, true, 1, 1, 0, 1},
                                          LengthCase{"Compressed", 1936, true, 0, 0, 1, 0}),
-                         [](const auto& each) { return std::string(each.param.name); });
+                         CASE_NAME);
 
 TEST_F(SendPath, CaptureIsReportedAfterTheBlockWasSent) {
     stream(RELIABLE);

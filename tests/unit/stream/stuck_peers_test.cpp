@@ -10,6 +10,7 @@
 #include "stream/service_step.h"
 #include "tests/support/enet_memory.h"
 #include "tests/support/live_server.h"
+#include "tests/support/named_case.h"
 #include "tests/unit/stream/strangers_fixture.h"
 
 namespace {
@@ -41,15 +42,10 @@ class StuckPeers : public Strangers {
     std::int32_t others = 0;
 };
 
-struct Goodbye {
-    const char* name;
+struct Goodbye : NamedCase {
     bool withTime;
     bool wantsAcknowledgement;
 };
-
-void PrintTo(const Goodbye& way, std::ostream* out) {
-    *out << way.name;
-}
 
 class WaysToLeave : public StuckPeers, public testing::WithParamInterface<Goodbye> {
   protected:
@@ -122,9 +118,7 @@ INSTANTIATE_TEST_SUITE_P(Goodbyes, WaysToLeave,
                                          Goodbye{"WithTime", true, false},
                                          Goodbye{"WithoutTimeToBeAcknowledged", false, true},
                                          Goodbye{"WithoutTime", false, false}),
-                         [](const testing::TestParamInfo<Goodbye>& each) {
-                             return each.param.name;
-                         });
+                         CASE_NAME);
 
 TEST_F(StuckPeers, AllPlacesAreFreeAfterAsManyGoodbyesThatCannotBeAcknowledged) {
     for (std::size_t i = 0; i < server->peerCount; ++i) {
