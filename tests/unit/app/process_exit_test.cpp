@@ -120,17 +120,6 @@ TEST(ExitProcessTest, WorkerWithoutAnEventLoopExitsItself) {
     EXPECT_EQ(run.err, "");
 }
 
-TEST(ExitProcessTest, WorkerLetsTheMainThreadExitFromItsEventLoop) {
-    const ChildRun run = runChild([] {
-        startQuiet();
-        runEventLoop(
-            [] { QTimer::singleShot(20, [] { std::thread([] { ExitProcess(-1); }).detach(); }); });
-    });
-    EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
-    EXPECT_EQ(run.out, "exit on main\n");
-    EXPECT_EQ(run.err, "");
-}
-
 TEST(ExitProcessTest, WorkerThatIsFasterThanTheEventLoopIsStillAnswered) {
     const ChildRun run = runChild([] {
         startQuiet();

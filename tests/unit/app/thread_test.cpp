@@ -13,6 +13,7 @@
 #include "app/base/ThreadMember.h"
 #include "tests/support/call_faults.h"
 #include "tests/support/child_run.h"
+#include "tests/support/waiting.h"
 
 namespace {
 
@@ -179,9 +180,7 @@ TEST_F(ThreadTest, DestructionLeavesTheThreadRunning) {
     }
     EXPECT_FALSE(went.load());
     gate.open();
-    for (int waited = 0; waited < 5000 && !went.load(); ++waited) {
-        Sleep(1);
-    }
+    waitUntil([&] { return went.load(); });
     EXPECT_TRUE(went.load());
 }
 

@@ -157,13 +157,6 @@ TEST_F(SettingsStore, SettersWriteEveryKeyUnderItsName) {
               "|Warn48kDone=true|[General]");
 }
 
-TEST_F(SettingsStore, SetterChangesTheCacheAtOnce) {
-    Settings::setVersionCheckTime(77);
-    Settings::setVersionCheckResponse("4.0");
-    EXPECT_EQ(Settings::getVersionCheckTime(), 77);
-    EXPECT_STREQ(Settings::getVersionCheckResponse(), "4.0");
-}
-
 TEST_F(SettingsStore, GettersDoNotLookAtTheFile) {
     Settings::setVersionCheckTime(77);
     writeFile("VersionCheckTime=78\nVersionCheckResponse=9\nInputSelect=other\n");

@@ -85,13 +85,6 @@ TEST_F(ClientTable, EleventhClientReplacesTheOldest) {
     EXPECT_EQ(slotOf(*clients[7]), 7);
 }
 
-TEST_F(ClientTable, AmongEqualTimesTheLowestIndexIsReplaced) {
-    fillTable();
-    setTimes(1000);
-    EXPECT_EQ(slotOf(connect(COMPANY | 1)), 0);
-    expectDisconnected(*clients[0], 101);
-}
-
 TEST_F(ClientTable, TimesBeyondTheSearchStartReplaceTheFirst) {
     fillTable();
     setTimes(std::time(nullptr) + 100000);
@@ -162,16 +155,6 @@ TEST_F(ClientTable, DroppedSlotIsAllZero) {
     EXPECT_EQ(clientConn[0].rateCode, 0U);
     EXPECT_EQ(clientConn[0].dataRequested, 0);
     EXPECT_EQ(clientConn[0].connectTime, 0);
-}
-
-TEST_F(ClientTable, ClientsThatTolerateCompanyStay) {
-    const TestClient& first = connect(COMPANY | 1);
-    const TestClient& second = connect(COMPANY | 1);
-    pumpFor(100);
-    EXPECT_TRUE(first.connected);
-    EXPECT_EQ(slotOf(first), 0);
-    EXPECT_EQ(slotOf(second), 1);
-    EXPECT_EQ(countOf(Call::EnetPeerDisconnect), 0);
 }
 
 TEST_F(ClientTable, NewcomerWithoutCompanyIsDroppedByTheNextOneOnly) {
@@ -271,17 +254,6 @@ TEST_F(ClientTable, DisconnectOfAnUnknownAddressClearsNothing) {
     clients[0]->leave();  // Forgotten already.
     pumpUntil([] { return connectCount == 1; });
     EXPECT_NE(clientConn[1].peer, nullptr);
-}
-
-TEST_F(ClientTable, VanishedClientsEventFreesItsSlot) {
-    const TestClient& client = connect(COMPANY | 1);
-    // What a client that answers no more leads to after half a minute, brought about now.
-    enet_peer_timeout(clientConn[0].peer, 1, 1, 1);
-    vanish(clients[0].operator*());
-    static_cast<void>(client);
-    enet_peer_ping(clientConn[0].peer);
-    pumpUntil([] { return connectCount == 0; });
-    EXPECT_EQ(clientConn[0].peer, nullptr);
 }
 
 /// Peers whose connect the server has answered, without a reply to that.

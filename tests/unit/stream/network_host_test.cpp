@@ -21,6 +21,7 @@
 #include "tests/support/child_run.h"
 #include "tests/support/fake_portaudio.h"
 #include "tests/support/named_case.h"
+#include "tests/support/waiting.h"
 
 namespace {
 
@@ -71,9 +72,7 @@ ChildRun runHost(const Arguments& arguments, const std::function<void()>& prepar
         }
         auto* const core = new VelantrixServerNoGUI;
         std::thread([core] { enetHost(core); }).detach();
-        for (int waited = 0; waited < 10000 && !fakePortAudio().started; ++waited) {
-            usleep(1000);
-        }
+        waitUntil(fakePortAudio().started);
         EXPECT_EQ(mainDialog.load(), core);
         usleep(50000);  // For the last line.
         if (body) {
@@ -298,19 +297,15 @@ TEST(NetworkHost, WithoutACaptureItGoesOnAndServicesNothing) {
     EXPECT_EQ(run.status, 0);
 }
 
-TEST(NetworkHost, QuitThatWasFasterKeepsItsReportTarget) {
-    runChild([] {
-        const char* argv[] = {"VelantrixServer"};
-        scanArguments(1, argv);
-        auto* const everlasting = new VelantrixServerNoGUI;
-        auto* const core = new VelantrixServerNoGUI;
-        mainDialog.store(everlasting);
-        std::thread([core] { enetHost(core); }).detach();
-        for (int waited = 0; waited < 10000 && !fakePortAudio().started; ++waited) {
-            usleep(1000);
-        }
-        EXPECT_EQ(mainDialog.load(), everlasting);
-    });
+CHILD_TEST(NetworkHost, QuitThatWasFasterKeepsItsReportTarget) {
+    const char* argv[] = {"VelantrixServer"};
+    scanArguments(1, argv);
+    auto* const everlasting = new VelantrixServerNoGUI;
+    auto* const core = new VelantrixServerNoGUI;
+    mainDialog.store(everlasting);
+    std::thread([core] { enetHost(core); }).detach();
+    waitUntil(fakePortAudio().started);
+    EXPECT_EQ(mainDialog.load(), everlasting);
 }
 
 TEST(NetworkHost, SmallDatagramsAreEnlargedAndLargeOnesLeftAlone) {

@@ -8,6 +8,7 @@
 
 #include "listen/background.h"
 #include "listen/clock.h"
+#include "tests/support/waiting.h"
 #include "tests/unit/listen/device/fake_output.h"
 
 using vxlisten::MILLISECOND;
@@ -126,9 +127,7 @@ TEST_F(SoundKeeperTest, ADeviceThatRunsDryAgainAndAgainIsAskedForMoreLatency) {
     const auto told = watchUntilTold("the output device runs dry");
     ASSERT_EQ(told.size(), 1u);
     EXPECT_NE(told[0].find("asking it for 160 ms of latency"), std::string::npos);
-    for (int i = 0; i < 5000 && device_.opened < 2; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    waitUntil([&] { return device_.opened >= 2; });
     EXPECT_DOUBLE_EQ(device_.latency, 0.16);
     EXPECT_TRUE(watch(SECOND).empty());
     EXPECT_EQ(keeper_->figures().underruns, 3u) << "counts go on over the openings";
@@ -162,12 +161,8 @@ TEST_F(SoundKeeperTest, ASoundLibraryThatHangsDoesNotHoldUpTheEnd) {
     EXPECT_GE(std::fputs("", stderr), 0);
     stderr = usual;
     device_.closeHangs = false;
-    for (int i = 0; i < 5000 && device_.open > 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    waitUntil([&] { return device_.open <= 0; });
     // The background still has PortAudio to end before the next test begins.
-    for (int i = 0; i < 5000 && device_.initialised; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    waitUntil([&] { return !device_.initialised; });
     EXPECT_FALSE(device_.initialised);
 }

@@ -137,18 +137,6 @@ TEST(Playout, BurstsOfTenPacketsPlayWithoutUnderrunsOnceTheyAreKnown) {
     EXPECT_GT(simulation.figures().targetMs, 60.0);
 }
 
-TEST(Playout, SequenceNumbersWrapUnheard) {
-    Conditions setup;
-    setup.firstSeq = 0xFFFFFF00U;
-    Simulation simulation(setup, steady());
-    simulation.run(1);
-    simulation.played().clear();
-    simulation.run(4);
-    EXPECT_EQ(simulation.figures().concealed, 0u);
-    EXPECT_EQ(simulation.figures().underruns, 0u);
-    EXPECT_LT(largestStep(simulation.played()), toneStep(setup) + 30);
-}
-
 TEST(Playout, ANewStreamIsFadedIntoWithoutAClick) {
     const Conditions setup;
     Simulation simulation(setup, steady());
