@@ -14,7 +14,7 @@ const TEXTS = {
   [State.STOPPED]: ['Ready', 'Press play to listen.'],
   [State.CONNECTING]: ['Connecting', 'One moment.'],
   [State.WAITING]: ['Waiting for the server', 'It plays as soon as the server is there.'],
-  [State.PLAYING]: ['Playing', 'Live from this computer.'],
+  [State.PLAYING]: ['Playing', 'Live, in stereo.'],
   [State.AWAY]: ['The server is away', 'It plays on by itself when the server is back.'],
 };
 
@@ -67,7 +67,7 @@ function showState(state) {
   const [text, hint] = TEXTS[state];
   show('state', text);
   show('hint', hint);
-  element('play').setAttribute('aria-label', state === State.STOPPED ? 'Play' : 'Stop');
+  element('play').setAttribute('aria-label', state === State.STOPPED ? 'Play' : 'Pause');
   mediaKeys.describe(element('title').textContent, text);
   if (state === State.STOPPED) {
     for (const id of ['delay', 'quality-now', 'buffer-now']) {
