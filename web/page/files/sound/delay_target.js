@@ -7,6 +7,7 @@ const BINS = 800; // Of a millisecond each.
 const MEMORY = 1 - 1 / 4000; // Weight that a packet keeps when the next one comes.
 const UNCOVERED = 0.002; // Share of the packets that may come too late,
 const EXCEPTIONS = 1; // but so many at any rate.
+const SETTLING_PACKETS = 30; // The page is busy while it begins: they say nothing.
 const SAFETY_MS = 5;
 const UNDERRUN_EXTRA_MS = 15;
 const MAX_EXTRA_MS = 300;
@@ -30,6 +31,7 @@ export class DelayTarget {
   #lastLateness = 0;
   #lateness = new Float64Array(BINS); // How many packets were how late, fading with time.
   #total = 0;
+  #settling = SETTLING_PACKETS;
 
   constructor(chosenMs) {
     this.choose(chosenMs);
@@ -43,6 +45,10 @@ export class DelayTarget {
   noteArrival(mediaTime, arrival, packetMs) {
     const transit = arrival - mediaTime;
     this.#packetMs = packetMs;
+    if (this.#settling > 0) {
+      this.#settling -= 1;
+      return;
+    }
     if (this.#quickest === null) {
       this.#quickest = transit;
       this.#quickestNow = transit;
@@ -83,6 +89,7 @@ export class DelayTarget {
   /** Forgets what was, as for a new stream: the end of the last one was no unevenness. */
   restart() {
     this.#extra = 0;
+    this.#settling = SETTLING_PACKETS;
     this.#quickest = null;
     this.#lateness.fill(0);
     this.#total = 0;
