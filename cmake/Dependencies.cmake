@@ -21,6 +21,11 @@ pkg_check_modules(OPUS REQUIRED IMPORTED_TARGET opus)
 pkg_check_modules(SNDFILE REQUIRED IMPORTED_TARGET sndfile)
 pkg_check_modules(SPEEXDSP REQUIRED IMPORTED_TARGET speexdsp)
 
+# velantrix-web. Only headers of Boost, whose Asio brings TLS by OpenSSL.
+find_package(Boost 1.74 REQUIRED)
+find_package(OpenSSL REQUIRED)
+find_package(nlohmann_json REQUIRED)
+
 # libcurl is loaded at run time and never linked: only its headers are needed.
 if(VELANTRIX_VERSION_CHECK)
   pkg_check_modules(CURL_HEADERS REQUIRED libcurl)
