@@ -28,11 +28,12 @@ void WavStream::start(int rate) {
 }
 
 void WavStream::write(const std::int16_t* frames, std::size_t count, std::string& bytes) {
-    bytes.reserve(bytes.size() + count * wire::BYTES_PER_FRAME);
-    for (std::size_t i = 0; i < count * wire::BYTES_PER_FRAME / 2; ++i) {
+    std::size_t at = bytes.size();
+    bytes.resize(at + count * wire::BYTES_PER_FRAME);
+    for (std::size_t i = 0; i < count * CHANNELS; ++i) {
         const auto sample = static_cast<std::uint16_t>(frames[i]);
-        bytes.push_back(static_cast<char>(sample & 0xFF));
-        bytes.push_back(static_cast<char>(sample >> 8));
+        bytes[at++] = static_cast<char>(sample & 0xFF);
+        bytes[at++] = static_cast<char>(sample >> 8);
     }
 }
 
