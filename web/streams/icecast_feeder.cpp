@@ -28,6 +28,8 @@ constexpr std::size_t LONGEST_QUEUE = 128 * 1024;
 constexpr ssize_t LONGEST_SEND_QUEUE = 16 * 1024;
 constexpr std::int64_t CONNECT_TIMEOUT = 10 * SECOND;
 constexpr std::int64_t SEND_TIMEOUT = 10 * SECOND;
+/// A server that ends each connection before is not asked again at once.
+constexpr std::int64_t LASTING_CONNECTION = 5 * SECOND;
 /// libshout does not show its socket, so it is asked so often.
 constexpr Milliseconds STEP(20);
 constexpr Milliseconds LONGEST_END(500);
@@ -45,7 +47,7 @@ std::string reasonOf(int error) {
         case SHOUTERR_NOCONNECT:
             return "it cannot be reached";
         case SHOUTERR_NOLOGIN:
-            return "it refuses the stream";
+            return "it refuses it";
         case SHOUTERR_NOTLS:
         case SHOUTERR_TLSBADCERT:
             return "its certificate does not fit";
@@ -212,12 +214,15 @@ void IcecastFeeder::State::run() {
         const Shout shout = prepare(target, title);
         int result = shout == nullptr ? SHOUTERR_MALLOC : connect(shout.get());
         if (result == SHOUTERR_CONNECTED) {
-            pause.reset();
             told = "Icecast hears the stream: " + target.name();
             tell(told);
             setConnected(true);
+            const std::int64_t since = steadyNow();
             result = feed(shout.get());
             setConnected(false);
+            if (steadyNow() - since > LASTING_CONNECTION) {
+                pause.reset();
+            }
         }
         const std::string line =
             "Icecast does not hear the stream, " + reasonOf(result) + ": " + target.name();
