@@ -139,7 +139,8 @@ const ms = (value) => `${Math.round(value)} ms`;
 
 function showTexts(figures, seconds) {
   const playing = player.state === State.PLAYING;
-  show('delay', playing ? ms(figures.depthMs + figures.leadMs + figures.outputMs) : '–');
+  const delay = ms(figures.depthMs + figures.leadMs + (figures.outputMs ?? 0));
+  show('delay', !playing ? '–' : figures.outputMs === null ? `> ${delay}` : delay);
   show('buffer-now', ms(figures.targetMs));
   for (const { bar, level } of bars) {
     bar.setAttribute('aria-valuenow', Math.round(level));

@@ -19,7 +19,7 @@ export class MediaKeys {
 
   /** Begins; within a touch or key press. */
   start() {
-    if (!window.noSilence) this.#silence.play().catch(() => {}); // Then there is no lock screen, but there is sound.
+    this.#silence.play().catch(() => {}); // Then there is no lock screen, but there is sound.
     this.#tell('playing');
   }
 
