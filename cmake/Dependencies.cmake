@@ -23,6 +23,7 @@ pkg_check_modules(LAME REQUIRED IMPORTED_TARGET lame)
 pkg_check_modules(SHOUT REQUIRED IMPORTED_TARGET shout)
 pkg_check_modules(SNDFILE REQUIRED IMPORTED_TARGET sndfile)
 pkg_check_modules(SPEEXDSP REQUIRED IMPORTED_TARGET speexdsp)
+pkg_check_modules(QRENCODE REQUIRED IMPORTED_TARGET libqrencode)
 
 # velantrix-web. Only headers of Boost, whose Asio brings TLS by OpenSSL.
 find_package(Boost 1.74 REQUIRED)

@@ -37,6 +37,19 @@ std::optional<ChannelId> findChannel(Form form, int rate) {
     return static_cast<ChannelId>(found - CHANNELS.begin());
 }
 
+StreamFormat mediaFormat(Form form) {
+    switch (form) {
+        case Form::Flac:
+            return StreamFormat::Flac;
+        case Form::Mp3:
+            return StreamFormat::Mp3;
+        case Form::Ogg:
+            return StreamFormat::Ogg;
+        default:
+            return StreamFormat::Wav;
+    }
+}
+
 std::string feedName(std::uint32_t rateCode) {
     return rateCode == wire::RATE_CODE_RAW ? "raw"
                                            : std::to_string(wire::bitRateOf(rateCode) / 1000);

@@ -5,9 +5,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "stream/wire_format.h"
+#include "web/streams/media_stream.h"
 
 namespace vxweb {
 
@@ -48,6 +48,9 @@ using ChannelId = std::size_t;
 
 /// The channel of a form and a rate in kbit/s, if there is one.
 std::optional<ChannelId> findChannel(Form form, int rate);
+
+/// The format of a form that is not live.
+StreamFormat mediaFormat(Form form);
 
 /// The server's stream as it is named in the status: "raw", "128".
 std::string feedName(std::uint32_t rateCode);

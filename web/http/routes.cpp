@@ -3,9 +3,7 @@
 #include <array>
 #include <charconv>
 
-#if __has_include("web/page/assets.h")
 #include "web/page/assets.h"
-#endif
 
 namespace vxweb {
 
@@ -72,12 +70,7 @@ Route::Kind simpleKind(std::string_view path) {
     if (path == "/listen.m3u") {
         return Route::Kind::Playlist;
     }
-#if __has_include("web/page/assets.h")
-    if (findAsset(path) != nullptr) {
-        return Route::Kind::Asset;
-    }
-#endif
-    return Route::Kind::Missing;
+    return findAsset(path) != nullptr ? Route::Kind::Asset : Route::Kind::Missing;
 }
 
 }  // namespace

@@ -12,10 +12,8 @@
 #include "web/http/response.h"
 #include "web/http/routes.h"
 #include "web/http/stream_session.h"
-#if __has_include("web/page/assets.h")
 #include "web/page/assets.h"
 #include "web/page/qr_picture.h"
-#endif
 
 namespace vxweb {
 
@@ -123,7 +121,7 @@ class Session : public std::enable_shared_from_this<Session> {
     void startLiveSession(const Route& route);
     void startStreamSession(const Route& route);
     [[nodiscard]] Response playlist() const;
-    [[nodiscard, maybe_unused]] std::string pageAddress() const;
+    [[nodiscard]] std::string pageAddress() const;
     [[nodiscard]] Manner manner() const;
     void respond(const Response& response, const Manner& manner);
     void end();
@@ -180,7 +178,6 @@ void Session::answerKnown(const Route& route) {
         case Route::Kind::Playlist:
             response = playlist();
             break;
-#if __has_include("web/page/assets.h")
         case Route::Kind::Qr:
             response.contentType = "image/svg+xml";
             response.body = qrSvg(pageAddress());
@@ -192,7 +189,6 @@ void Session::answerKnown(const Route& route) {
                 response.stored = true;
             }
             break;
-#endif
         default:
             response = sentence(404, "There is nothing here.");
             break;
@@ -224,8 +220,33 @@ void Session::startLiveSession(const Route& route) {
 }
 
 void Session::startStreamSession(const Route& route) {
-    (void)route;
-    respond(sentence(503, "Not there yet."), manner());
+    const StreamFormat format = mediaFormat(CHANNELS[route.channel].form);
+    Response response;
+    response.contentType = contentType(format);
+    response.fields = "icy-name: " + site_.title + "\r\n";
+    response.endless = true;
+    Manner how = manner();
+    how.keepAlive = how.keepAlive && how.head;
+    if (how.head) {
+        respond(response, how);
+        return;
+    }
+    if (!site_.station.reserve()) {
+        respond(sentence(503, "As many listen as may listen."), manner());
+        return;
+    }
+    limitTime([](Session& self) { self.connection_->close(); });
+    connection_->writeAll(
+        std::make_shared<std::string>(write(response, how)),
+        [self = shared_from_this(), how, channel = route.channel](const Error& error, std::size_t) {
+            self->timer_.cancel();
+            if (error) {
+                self->site_.station.release();
+            } else {
+                startStream(self->connection_, self->site_.station, self->worker_, channel,
+                            how.version >= 11);
+            }
+        });
 }
 
 /// The address that the request came to, as in its Host.

@@ -22,13 +22,22 @@ Feed::~Feed() {
 }
 
 void Feed::addListener(ChannelId channel) {
-    ++outlets_[channel].listeners;
+    const Channel& it = CHANNELS[channel];
+    if (outlets_[channel].listeners++ == 0 && !it.live()) {
+        outlets_[channel].media = makeMediaStream(mediaFormat(it.form), it.rate, title_);
+    }
     ++listeners_;
 }
 
 void Feed::removeListener(ChannelId channel) {
-    --outlets_[channel].listeners;
+    if (--outlets_[channel].listeners == 0 && outlets_[channel].media) {
+        outlets_[channel] = {};
+    }
     --listeners_;
+}
+
+bool Feed::carries(ChannelId channel) const {
+    return CHANNELS[channel].rateCode == rateCode_;
 }
 
 void Feed::introduce(ChannelId channel, PacketPtr intro) {
@@ -36,12 +45,23 @@ void Feed::introduce(ChannelId channel, PacketPtr intro) {
     events_.publish(channel, outlets_[channel].intro);
 }
 
+void Feed::publishMedia(ChannelId channel, const Chunk& chunk, std::int64_t now) {
+    const std::string header = outlets_[channel].media->header();
+    if (!outlets_[channel].intro && !header.empty()) {
+        introduce(channel, makeChunk(header, false, now));
+    }
+    events_.publish(channel, makeChunk(*chunk, true, now));
+}
+
 void Feed::packetCame(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
                       std::int64_t now) {
     sampleRate_ = packet.sampleRate;
     for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
-        if (CHANNELS[channel].rateCode == rateCode_ && CHANNELS[channel].live()) {
+        if (carries(channel) && CHANNELS[channel].live()) {
             publishLive(channel, packet, step.start, now);
+        } else if (outlets_[channel].media) {
+            outlets_[channel].media->take(
+                packet, step, now, [=](const Chunk& chunk) { publishMedia(channel, chunk, now); });
         }
     }
 }
@@ -59,13 +79,20 @@ void Feed::publishLive(ChannelId channel, const vxlisten::AudioPacket& packet, b
 
 void Feed::serverWentAway() {
     for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
-        if (CHANNELS[channel].rateCode == rateCode_ && CHANNELS[channel].live()) {
+        if (carries(channel) && CHANNELS[channel].live()) {
             introduce(channel, makeWaiting(vxlisten::steadyNow()));
         }
     }
 }
 
-void Feed::timePassed(std::int64_t /*now*/) {}
+void Feed::timePassed(std::int64_t now) {
+    for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
+        if (outlets_[channel].media) {
+            outlets_[channel].media->pass(
+                now, [=](const Chunk& chunk) { publishMedia(channel, chunk, now); });
+        }
+    }
+}
 
 void Feed::upstreamClosed() {
     events_.feedClosed(*this);

@@ -58,6 +58,7 @@ class Feed : public UpstreamEvents {
     struct Outlet {
         std::size_t listeners = 0;
         PacketPtr intro;
+        std::unique_ptr<MediaStream> media;  ///< While somebody hears it; not for live channels.
     };
 
     void packetCame(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
@@ -65,7 +66,9 @@ class Feed : public UpstreamEvents {
     void serverWentAway() override;
     void timePassed(std::int64_t now) override;
     void upstreamClosed() override;
+    [[nodiscard]] bool carries(ChannelId channel) const;
     void introduce(ChannelId channel, PacketPtr intro);
+    void publishMedia(ChannelId channel, const Chunk& chunk, std::int64_t now);
     void publishLive(ChannelId channel, const vxlisten::AudioPacket& packet, bool start,
                      std::int64_t now);
 

@@ -71,10 +71,10 @@ PacketPtr makeSound(const vxlisten::AudioPacket& packet, std::int64_t now) {
     return makePacket(std::move(frame), payload, {}, true, now);
 }
 
-PacketPtr makeChunk(std::string_view body, std::int64_t now) {
+PacketPtr makeChunk(std::string_view body, bool sound, std::int64_t now) {
     char length[24] = "";
     std::snprintf(length, sizeof length, "%zx\r\n", body.size());
-    return makePacket(length, body, "\r\n", true, now);
+    return makePacket(length, body, "\r\n", sound, now);
 }
 
 }  // namespace vxweb

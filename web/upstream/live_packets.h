@@ -21,7 +21,7 @@ PacketPtr makeWaiting(std::int64_t now);
 /// The binary message with the payload of one packet.
 PacketPtr makeSound(const vxlisten::AudioPacket& packet, std::int64_t now);
 
-/// A piece of a media stream.
-PacketPtr makeChunk(std::string_view body, std::int64_t now);
+/// A piece of a media stream: of its sound, or its header.
+PacketPtr makeChunk(std::string_view body, bool sound, std::int64_t now);
 
 }  // namespace vxweb
