@@ -83,8 +83,8 @@ class Players(PlayersTest):
 
     def test_mpv(self):
         self.hear(lambda address, path: [
-            "mpv", "--no-config", "--no-video", "--ao=pcm", f"--ao-pcm-file={path}",
-            "--audio-format=s16", f"--length={SECONDS}", address])
+            "mpv", "--no-config", "--no-video", f"--o={path}", "--oac=pcm_s16le",
+            f"--length={SECONDS}", address])
 
     def test_vlc(self):
         self.hear(lambda address, path: [
