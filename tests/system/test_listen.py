@@ -14,8 +14,7 @@ import termios
 import time
 
 from support.harness import (DEFAULT_PORT, PATIENCE, Process, Server, SoundServer, SystemTest,
-                             clean_environment, die_with_parent, listen, listen_command, program,
-                             wait_until)
+                             clean_environment, die_with_parent, listen, listen_command, wait_until)
 from support.relay import Relay
 from support.signals import (channel, dominant_frequency, find_frames, loud_part, noise, read_wav,
                              rms, silence, sine)
@@ -30,6 +29,7 @@ PLAYBACK_FIGURES = {
     "concealed", "skipped", "stretched", "underruns",
     "device_underruns"}
 PLAYBACK_SINK = "playback"
+PLAYBACK_SECONDS = 6
 # A server that is killed falls silent; the client may notice that first, or ENet.
 SERVER_GONE = (r"(the connection to 127\.0\.0\.1:59010 has ended|"
                r"no audio has come from 127\.0\.0\.1:59010 for a while)")
@@ -205,12 +205,13 @@ class Pipe(ListenTest):
         os.close(reader)
 
 
-class Playback(ListenTest):
+class PlaybackTest(ListenTest):
     """What is played comes out of the client's sound device: a second null sink."""
 
     def setUp(self):
         super().setUp()
         self.sound.control("load-module", "module-null-sink", f"sink_name={PLAYBACK_SINK}",
+                           "norewinds=1",
                            "rate=48000", "channels=2", "format=s16le")
         self.playback_env = dict(self.sound.env, PULSE_SINK=PLAYBACK_SINK)
 
@@ -246,15 +247,20 @@ class Playback(ListenTest):
             level = statistics.median(rms(w) for w in windows)
             self.assertAlmostEqual(level / (12000 / 2 ** 0.5), 1, delta=0.12)
 
+    def check_playback(self, *arguments):
+        recorded, figures = self.record_playback(PLAYBACK_SECONDS, *arguments)
+        self.check_tone(recorded, PLAYBACK_SECONDS)
+        return figures
+
+
+class Playback(PlaybackTest):
     def test_raw_sound_is_heard_as_it_was_played(self):
-        recorded, figures = self.record_playback(8)
-        self.check_tone(recorded, 8)
+        figures = self.check_playback()
         self.assertEqual(set(figures[-1]["playback"]), PLAYBACK_FIGURES)
         self.assertTrue(any(f["playback"]["playing"] for f in figures))
 
     def test_opus_sound_is_heard_as_it_was_played(self):
-        recorded, _ = self.record_playback(8, "--rate", 128, "--best-effort")
-        self.check_tone(recorded, 8)
+        self.check_playback("--rate", 128, "--best-effort")
 
     def test_a_device_that_is_not_there_is_an_error(self):
         result = listen("--device", "no such device", env=self.playback_env)
@@ -262,15 +268,19 @@ class Playback(ListenTest):
         self.assertIn("no output device named 'no such device'", result.stderr)
 
     def test_devices_are_listed_one_name_a_line_with_the_default_one_first(self):
-        result = subprocess.run([program("VELANTRIX_LISTEN"), "--list-devices"],
-                                env=dict(clean_environment(), **self.playback_env),
-                                capture_output=True, text=True, timeout=PATIENCE, check=False)
+        result = listen("--list-devices", host=None, env=self.playback_env)
         self.assertEqual(result.returncode, 0)
         self.assertEqual(result.stdout.splitlines()[0], "default")
 
 
-class PlaybackAt44100(Playback):
+class PlaybackAt44100(PlaybackTest):
     rate = 44100
+
+    def test_raw_sound_is_heard_as_it_was_played(self):
+        self.check_playback()
+
+    def test_opus_sound_is_heard_as_it_was_played(self):
+        self.check_playback("--rate", 128, "--best-effort")
 
 
 class Persistence(ListenTest):
@@ -402,17 +412,13 @@ class BadNetwork(ListenTest):
 
 
 class Finding(ListenTest):
-    def run_client(self, *arguments):
-        return subprocess.run([program("VELANTRIX_LISTEN"), *arguments], env=clean_environment(),
-                              capture_output=True, text=True, timeout=PATIENCE, check=False)
-
     def test_without_a_host_the_server_is_found(self):
-        result = self.run_client("--no-play", "--seconds", "1")
+        result = listen("--no-play", "--seconds", 1, host=None)
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertGreater(int(report_of(result.stdout)["packets"]), 0)
 
     def test_list_prints_address_and_answer_time(self):
-        result = self.run_client("--list")
+        result = listen("--list", host=None)
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertRegex(result.stdout, r"\A\d+\.\d+\.\d+\.\d+\t\d+\.\d ms\n\Z")
 
@@ -421,7 +427,7 @@ class Finding(ListenTest):
         with Server(sound=self.sound, rate=self.rate,
                     env={"VELANTRIX_SERVER_PORT": "7000"}) as server:
             server.wait_for_capture()
-            result = self.run_client("--no-play", "--seconds", "1", "--port", "7000")
+            result = listen("--no-play", "--seconds", 1, "--port", 7000, host=None)
             self.assertEqual(result.returncode, 0, result.stderr)
             self.assertGreater(int(report_of(result.stdout)["packets"]), 0)
             self.assertIn(":7000", result.stdout)
@@ -431,9 +437,7 @@ class NoServer(SystemTest):
     def test_nobody_to_find_is_an_error_after_three_seconds(self):
         for arguments in ([], ["--list"]):
             begin = time.monotonic()
-            result = subprocess.run([program("VELANTRIX_LISTEN"), "--no-play", *arguments],
-                                    env=clean_environment(), capture_output=True, text=True,
-                                    timeout=PATIENCE, check=False)
+            result = listen("--no-play", *arguments, host=None)
             self.assertEqual(result.returncode, 1)
             self.assertEqual(result.stderr, "velantrix-listen: no server has answered\n")
             self.assertGreater(time.monotonic() - begin, 2.5)

@@ -131,30 +131,21 @@ CHILD_TEST(CoreLife, StagesFollowTheDestruction) {
     EXPECT_FALSE(static_cast<bool>(pin));
 }
 
-CHILD_TEST(CoreLife, UnpinnedThreadIsNotWaitedForAndLearnsOfTheEnd) {
-    static std::atomic<bool> waiting{false};
-    static std::atomic<bool> goOn{false};
+CHILD_TEST(CoreLife, CallThatGaveItsPinUpIsNotWaitedForAndLearnsOfTheEnd) {
     auto core = std::make_unique<FrontEnd>();
-    std::thread check([] {
-        const CorePin pin;
-        CoreUnpin unpin;
-        waiting.store(true);
-        EXPECT_TRUE(waitUntil(goOn));
-        EXPECT_FALSE(unpin.repin());
-    });
-    EXPECT_TRUE(waitUntil(waiting));
+    const CallPin call;
+    EXPECT_TRUE(static_cast<bool>(call));
+    EXPECT_TRUE(CorePin::anyHeld());
+    CallPin::release();
+    EXPECT_FALSE(CorePin::anyHeld());
     core.reset();
-    goOn.store(true);
-    check.join();
-    // Its pins are balanced: the next object's end waits for nobody.
-    EXPECT_EQ(CorePin().stage(), CoreStage::Destroyed);
+    EXPECT_FALSE(static_cast<bool>(CorePin()));
 }
 
-CHILD_TEST(CoreLife, RepinWhileAliveSaysSo) {
+CHILD_TEST(CoreLife, CallThatKeepsItsPinGivesItUpInTheEnd) {
     const auto core = std::make_unique<FrontEnd>();
-    const CorePin pin;
-    CoreUnpin unpin;
-    EXPECT_TRUE(unpin.repin());
+    { const CallPin call; }
+    EXPECT_FALSE(CorePin::anyHeld());
 }
 
 TEST(CoreLife, ReportsBeforeThereIsATargetAreDropped) {

@@ -185,6 +185,7 @@ TEST_F(VersionFlow, CoreGoneDuringTheFetchEndsTheThreadQuietly) {
     ::testing::internal::CaptureStdout();
     std::thread thread([raw] { CoreTestAccess::runVersionCheckThread(*raw); });
     ASSERT_TRUE(server.waitForRequest());
+    EXPECT_FALSE(CorePin::anyHeld());
     const auto begin = std::chrono::steady_clock::now();
     core.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, LONGEST_SHUTDOWN);

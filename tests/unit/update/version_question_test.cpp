@@ -257,10 +257,14 @@ TEST_F(VersionQuestion, WindowClosedWhileMinimizedEndsTheCheckQuietly) {
     };
     int result = -1;
     VelantrixServer* const raw = window.get();
-    std::thread thread([raw, &result] { result = raw->checkVersion(); });
+    std::thread thread([raw, &result] {
+        const CallPin pin;
+        result = raw->checkVersion();
+    });
     while (!waiting) {
         reallySleep(1);
     }
+    EXPECT_FALSE(CorePin::anyHeld());
     window.reset();
     closed = true;
     thread.join();
@@ -293,7 +297,7 @@ TEST_F(VersionQuestion, IsNotAskedWhenStoringTheNewsOutlastsTheWindow) {
     const int lines = ::memfd_create("lines", 0);
     const OutputTo output(lines);
     std::thread thread([raw] {
-        const CorePin pin;
+        const CallPin pin;
         raw->checkVersion();
     });
     ASSERT_TRUE(server.waitForRequest());
@@ -323,9 +327,13 @@ TEST_F(VersionQuestion, ProgramMayEndWhileTheBrowserRuns) {
     };
     User user(press(QMessageBox::Yes));
     VelantrixServer* const raw = window.get();
-    std::thread thread([raw] { raw->checkVersion(); });
+    std::thread thread([raw] {
+        const CallPin pin;
+        raw->checkVersion();
+    });
     QApplication::exec();
     EXPECT_TRUE(running);
+    EXPECT_FALSE(CorePin::anyHeld());
     window.reset();
     ended = true;
     thread.join();

@@ -1,0 +1,184 @@
+"""Debian's Chromium and Firefox, driven without a display, heard by a private sound server."""
+
+import json
+import pathlib
+import shutil
+import socket
+import subprocess
+import tempfile
+
+from selenium import webdriver
+from selenium.webdriver.chrome.options import Options
+
+from support.harness import Process, clean_environment, wait_until
+from support.sound import private_home
+
+# A browser is many processes: all end with the first of their namespace, which ends with its parent.
+TOGETHER = ("unshare", "--pid", "--fork", "--kill-child", "--mount-proc", "--")
+START_PATIENCE = 60
+DRIVER_PORT = 9515
+MARIONETTE_PORT = 2828
+
+
+class Browser:
+    """What both browsers do. ``env`` are the variables of a SoundServer; a context manager.
+
+    Certificates that nobody has signed are accepted. The profile is empty and lasts as long.
+    """
+
+    def __init__(self, env=None):
+        self.folder = pathlib.Path(tempfile.mkdtemp(prefix="velantrix-browser-"))
+        self.env = {**clean_environment(), **(env or {}), **private_home(self.folder)}
+
+    def __enter__(self):
+        try:
+            self._start()
+        except BaseException:
+            self.__exit__()
+            raise
+        return self
+
+    def __exit__(self, *_):
+        self.process.__exit__()
+        shutil.rmtree(self.folder, ignore_errors=True)
+
+    def processor_seconds(self):
+        """Processor time of all processes of the browser until now, in seconds."""
+        ticks = 0
+        for pid in descendants(self.process.pid):
+            try:
+                fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="ascii", errors="replace")
+            except FileNotFoundError:
+                continue
+            user, system = fields.rsplit(")", 1)[1].split()[11:13]
+            ticks += int(user) + int(system)
+        return ticks / 100
+
+
+def descendants(pid):
+    """The process and all that descend from it."""
+    found = [pid]
+    for parent in found:
+        for children in pathlib.Path(f"/proc/{parent}/task").glob("*/children"):
+            try:
+                found.extend(int(word) for word in children.read_text(encoding="ascii").split())
+            except FileNotFoundError:
+                pass
+    return found
+
+
+class Chromium(Browser):
+    """Through chromedriver and Selenium."""
+
+    def _start(self):
+        self.process = Process([*TOGETHER, "chromedriver", f"--port={DRIVER_PORT}"], self.env)
+        wait_until(lambda: answers(DRIVER_PORT), "chromedriver answers", START_PATIENCE)
+        options = Options()
+        # Root has no sandbox to offer; the rest keeps it from what a machine without a screen lacks.
+        for argument in ("--headless=new", "--no-sandbox", "--disable-dev-shm-usage", "--disable-gpu",
+                         "--hide-scrollbars", f"--user-data-dir={self.folder}/profile"):
+            options.add_argument(argument)
+        options.set_capability("acceptInsecureCerts", True)
+        options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
+        self.driver = webdriver.Remote(f"http://127.0.0.1:{DRIVER_PORT}", options=options)
+
+    def __exit__(self, *_):
+        if hasattr(self, "driver"):
+            self.driver.quit()
+        super().__exit__()
+
+    def open(self, url):
+        self.driver.get(url)
+
+    def click(self, selector):
+        self.driver.find_element("css selector", selector).click()
+
+    def script(self, body, *arguments):
+        """Runs the body of a function in the page; returns its result."""
+        return self.driver.execute_script(body, *arguments)
+
+    def errors(self):
+        """What the page's console called an error since the last call."""
+        return [entry["message"] for entry in self.driver.get_log("browser")
+                if entry["level"] == "SEVERE"]
+
+    def picture(self, path, width, height, scheme):
+        """Writes a PNG of the page on a screen of that size, "light" or "dark"."""
+        command = self.driver.execute_cdp_cmd
+        command("Emulation.setEmulatedMedia",
+                {"features": [{"name": "prefers-color-scheme", "value": scheme}]})
+        command("Emulation.setDeviceMetricsOverride",
+                {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": False})
+        self.driver.get_screenshot_as_file(str(path))
+
+    # Selenium's endpoint for Chromium's own commands, which webdriver.Remote lacks.
+
+
+class Firefox(Browser):
+    """Through Marionette, Firefox's own protocol on TCP: Debian has no geckodriver."""
+
+    PREFERENCES = {
+        "browser.shell.checkDefaultBrowser": False,
+        "browser.aboutConfig.showWarning": False,
+        "datareporting.policy.dataSubmissionEnabled": False,
+        "toolkit.telemetry.reportingpolicy.firstRun": False,
+        "app.normandy.enabled": False,
+        "app.update.enabled": False,
+        "network.captive-portal-service.enabled": False,
+        "network.connectivity-service.enabled": False,
+    }
+
+    def _start(self):
+        profile = self.folder / "profile"
+        profile.mkdir()
+        (profile / "user.js").write_text("".join(
+            f"user_pref({json.dumps(name)}, {json.dumps(value)});\n"
+            for name, value in self.PREFERENCES.items()), encoding="ascii")
+        self.process = Process([*TOGETHER, "firefox-esr", "--headless", "--marionette", "--no-remote",
+                                "--profile", profile, "about:blank"], self.env)
+        wait_until(lambda: answers(MARIONETTE_PORT), "Firefox answers", START_PATIENCE)
+        self.socket = socket.create_connection(("127.0.0.1", MARIONETTE_PORT), timeout=25)
+        self.stream = self.socket.makefile("rb")
+        self.number = 0
+        self._receive()
+        self._command("WebDriver:NewSession",
+                      capabilities={"alwaysMatch": {"acceptInsecureCerts": True}})
+
+    def __exit__(self, *_):
+        if hasattr(self, "socket"):
+            self.stream.close()
+            self.socket.close()
+        super().__exit__()
+
+    def _receive(self):
+        length = bytearray()
+        while (byte := self.stream.read(1)) != b":":
+            if not byte:
+                raise AssertionError("Firefox has closed the connection")
+            length += byte
+        return json.loads(self.stream.read(int(length)))
+
+    def _command(self, name, **parameters):
+        self.number += 1
+        message = json.dumps([0, self.number, name, parameters]).encode()
+        self.socket.sendall(b"%d:%s" % (len(message), message))
+        _, number, error, result = self._receive()
+        if error or number != self.number:
+            raise AssertionError(f"{name}: {error}")
+        return result
+
+    def open(self, url):
+        self._command("WebDriver:Navigate", url=url)
+
+    def click(self, selector):
+        found = self._command("WebDriver:FindElement", using="css selector", value=selector)
+        self._command("WebDriver:ElementClick", id=next(iter(found["value"].values())))
+
+    def script(self, body, *arguments):
+        """Runs the body of a function in the page; returns its result."""
+        return self._command("WebDriver:ExecuteScript", script=body, args=list(arguments))["value"]
+
+
+def answers(port):
+    with socket.socket() as attempt:
+        return attempt.connect_ex(("127.0.0.1", port)) == 0
