@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <malloc.h>
 #include <utility>
 #include <vector>
 
@@ -25,6 +24,7 @@
 #include "stream/wire_format.h"
 #include "tests/fuzz/fuzz_input.h"
 #include "tests/support/enet_commands.h"
+#include "tests/support/enet_memory.h"
 
 namespace {
 
@@ -37,18 +37,6 @@ constexpr enet_uint32 END_STEP_MS = 250;
 constexpr std::size_t MOST_MEMORY = std::size_t{8} * 1024 * 1024;
 
 enet_uint32 now = 1000000;
-std::size_t held = 0;
-
-void* take(std::size_t size) {
-    void* const memory = std::malloc(size);
-    held += ::malloc_usable_size(memory);
-    return memory;
-}
-
-void giveBack(void* memory) {
-    held -= ::malloc_usable_size(memory);
-    std::free(memory);
-}
 
 class Stranger {
   public:
@@ -164,7 +152,7 @@ class Run {
     ~Run() {
         enet_host_destroy(server);
         server = nullptr;
-        require(held == 0, "ENet has given all memory back");
+        require(enetBytes() == 0, "ENet has given all memory back");
     }
 
     void act(FuzzInput& input) {
@@ -238,7 +226,7 @@ class Run {
                     "nobody who has gone has an event");
             require(++linked <= PEERS, "no peer is linked twice");
         }
-        require(held <= MOST_MEMORY, "what ENet holds is bounded");
+        require(enetBytes() <= MOST_MEMORY, "what ENet holds is bounded");
         for (std::size_t i = 0; i < PEERS; ++i) {
             checkPeer(server->peers[i]);
         }
@@ -279,10 +267,7 @@ void steadyEnetClock() {
 int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     silenceStandardOutput();
     raiseLoopback();
-    ENetCallbacks callbacks = {};
-    callbacks.malloc = take;
-    callbacks.free = giveBack;
-    require(enet_initialize_with_callbacks(ENET_VERSION, &callbacks) == 0, "ENet starts");
+    watchEnetMemory();
     mainDialog.store(new CheckingCore);
     return 0;
 }

@@ -268,14 +268,6 @@ TEST(Console, TextThatCannotBeFormattedIsLeftOut) {
     EXPECT_EQ(run.out, "next\n");
 }
 
-TEST(Console, DeferralBeforeTheWriterRunsWritesDirectly) {
-    const ChildRun run = runChild([] {
-        const ConsoleDeferral deferral;
-        consolePuts("early");
-    });
-    EXPECT_EQ(run.out, "early\n");
-}
-
 TEST(Console, ThreadThatStandsStillWhilePrintingHoldsNobodyElse) {
     const ChildRun run = runChild([] {
         consoleStart();

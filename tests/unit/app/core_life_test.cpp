@@ -76,29 +76,6 @@ TEST(CoreLife, CaptureThreadHeldInsideAReportUntilTheCoreIsGoneTouchesNothing) {
     EXPECT_EQ(run.out, "late\nVelantrixServer: Audio capture running\n");
 }
 
-CHILD_TEST(CoreLife, ReportThatEndsInTimeIsWaitedFor) {
-    static std::atomic<bool> left{false};
-    static std::atomic<bool> leftBeforeTheEnd{false};
-    struct Watched : FrontEnd {
-        using FrontEnd::FrontEnd;
-        ~Watched() override {
-            closeCore([](void*) { releaseReport.store(true); }, nullptr);
-            leftBeforeTheEnd.store(left.load());
-        }
-    };
-    auto core = std::make_unique<Watched>();
-    mainDialog.store(core.get());
-    std::thread capture([] {
-        const CorePin pin;
-        reportStatus();
-        left.store(true);
-    });
-    EXPECT_TRUE(waitUntil(insideReport));
-    core.reset();
-    capture.join();
-    EXPECT_TRUE(leftBeforeTheEnd.load());
-}
-
 constexpr int PIN_PATIENCE_STEPS = 500;
 constexpr int PIN_STEP_MS = 1;
 
@@ -136,34 +113,6 @@ TEST(CoreLife, ThreadThatUsesTheCoreIsWaitedForUntilItHasDone) {
 
 CHILD_TEST(CoreLife, ThreadThatUsesTheCoreForLongIsWaitedForHalfASecond) {
     EXPECT_EQ(stepsUntilPinIsReleasedDuring(PIN_PATIENCE_STEPS + 1), PIN_PATIENCE_STEPS);
-}
-
-TEST(CoreLife, ManyReportsDuringTheEndReachOneOfTheTwoCores) {
-    // For the thread sanitizer: reports go on while the object is destroyed.
-    const ChildRun run = runChild([] {
-        releaseReport.store(true);
-        static std::atomic<bool> stop{false};
-        std::thread capture([] {
-            while (!stop.load()) {
-                reportStatus();
-                reportActivity();
-            }
-        });
-        for (int i = 0; i < 5; ++i) {
-            auto core = std::make_unique<FrontEnd>();
-            mainDialog.store(core.get());
-            const int before = frontEndReports;
-            waitUntil([&] { return frontEndReports != before; });
-            EXPECT_GT(frontEndReports, before);
-            core.reset();
-        }
-        const int after = frontEndReports;
-        usleep(20000);
-        EXPECT_EQ(frontEndReports, after);
-        stop.store(true);
-        capture.join();
-    });
-    EXPECT_EQ(run.status, 0);
 }
 
 CHILD_TEST(CoreLife, StagesFollowTheDestruction) {

@@ -24,9 +24,6 @@
 struct CoreTestAccess {
     static bool captureActive(const VelantrixServerNoGUI& core) { return core.audioCaptureActive; }
     static bool shutdownDone(const VelantrixServerNoGUI& core) { return core.audioShutdownDone; }
-    static int startAudioThread(VelantrixServerNoGUI& core) {
-        return core.audioCommThread.start([](void*) -> void* { return nullptr; }, nullptr);
-    }
 };
 
 namespace {
@@ -122,18 +119,6 @@ INSTANTIATE_TEST_SUITE_P(
                     StartFailure{"VersionCheckIsNotFatal", 3,
                                  "Could not create version check thread, err = 1011\n", 0}),
     CASE_NAME);
-
-TEST(CoreInit, ThreadThatAlreadyRunsIsReportedAsTen) {
-    const ChildRun run = runChild([] {
-        overlookRecords();
-        static auto* const core = new VelantrixServerNoGUI;
-        EXPECT_EQ(CoreTestAccess::startAudioThread(*core), 0);
-        core->init();
-    });
-    EXPECT_EQ(run.out,
-              "Velantrix Server v" VELANTRIX_VERSION "\nCould not create audio thread, err = 10\n");
-    EXPECT_EQ(run.status, 255);
-}
 
 TEST(CoreReports, CaptureIsAnnouncedOncePerProcess) {
     const ChildRun run = runChild([] {

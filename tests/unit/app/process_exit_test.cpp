@@ -65,15 +65,6 @@ TEST(ExitProcessTest, MainThreadExitsAtOnceWithHandlersAndQuietStandardError) {
     EXPECT_EQ(run.err, "before\n");
 }
 
-TEST(ExitProcessTest, MainThreadWithARunningLoopExitsItself) {
-    const ChildRun run = runChild([] {
-        startQuiet();
-        runEventLoop([] { QTimer::singleShot(0, [] { ExitProcess(-1); }); });
-    });
-    EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
-    EXPECT_EQ(run.out, "exit on main\n");
-}
-
 TEST(ExitProcessTest, PreparationComesBeforeTheHandlersOnTheMainThreadAndOnce) {
     const auto prepare = [] {
         std::fputs(gettid() == getpid() ? "prepared on main\n" : "prepared on worker\n", stdout);

@@ -292,16 +292,6 @@ TEST(StandardError, NamesTheFailedStartWithVerbose) {
               "Error message: Internal PortAudio error\n");
 }
 
-TEST(StandardError, IsBackWhenPortAudioDoesNotStart) {
-    const ChildRun run = runWithVerbose(false, [] {
-        fakePortAudio().initializeResult = paInternalError;
-        open();
-    });
-    EXPECT_EQ(run.err,
-              "An error occured while opening the portaudio stream\n"
-              "Error message: Internal PortAudio error\n");
-}
-
 TEST(StandardError, ThatCannotBeKeptIsNotTurnedOff) {
     const ChildRun run = runWithVerbose(false, [] {
         refuseToDuplicate = true;

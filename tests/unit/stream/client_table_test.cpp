@@ -256,42 +256,6 @@ TEST_F(ClientTable, DisconnectOfAnUnknownAddressClearsNothing) {
     EXPECT_NE(clientConn[1].peer, nullptr);
 }
 
-/// Peers whose connect the server has answered, without a reply to that.
-std::ptrdiff_t answeredConnects() {
-    return std::count_if(server->peers, server->peers + server->peerCount, [](const auto& peer) {
-        return peer.state == ENET_PEER_STATE_ACKNOWLEDGING_CONNECT;
-    });
-}
-
-TEST_F(ClientTable, OneCallHandlesOneEvent) {
-    const auto serviceClients = [this] {
-        for (const auto& client : clients) {
-            client->service();
-        }
-    };
-    const auto allConnected = [this] {
-        return std::all_of(clients.begin(), clients.end(),
-                           [](const auto& client) { return client->connected; });
-    };
-    for (int i = 0; i < 4; ++i) {
-        clients.push_back(std::make_unique<TestClient>(COMPANY | 1));
-    }
-    serviceClients();
-    for (int calls = 0; calls < 5000 && answeredConnects() < 4; ++calls) {
-        serviceHost();
-    }
-    // From here on the last word of each client waits in the server's socket, for four events.
-    for (int calls = 0; calls < 5000 && !allConnected(); ++calls) {
-        serviceClients();
-    }
-    ASSERT_EQ(answeredConnects(), 4);
-    ASSERT_EQ(connectCount, 0);
-    for (int events = 1; events <= 4; ++events) {
-        EXPECT_EQ(serviceHost(), 1);
-        EXPECT_EQ(connectCount, events);
-    }
-}
-
 TEST_F(ClientTable, ServiceErrorIsPrintedAndReturnedAndTheNextCallTriesAgain) {
     failCall(Call::EnetHostService, 1, -1);
     EXPECT_EQ(serviceHost(), -1);
@@ -304,16 +268,6 @@ TEST_F(ClientTable, EventOfAnotherTypeReturnsZero) {
     failCall(Call::EnetHostService, 1, 1);  // "An event", of type none.
     EXPECT_EQ(serviceHost(), 0);
     EXPECT_EQ(printed(), "");
-}
-
-TEST_F(ClientTable, PeersBeyondTheTableAreAcceptedUpTo32) {
-    for (int i = 0; i < 32; ++i) {
-        connect(COMPANY | 0);
-    }
-    EXPECT_EQ(connectCount, 32);
-    clients.push_back(std::make_unique<TestClient>(COMPANY));
-    pumpFor(200);
-    EXPECT_FALSE(clients.back()->connected);
 }
 
 TEST_F(ClientTable, SmallerMtuOfAClientIsRaised) {

@@ -166,12 +166,6 @@ TEST_F(WebIfCheck, SixRedirectsAreTooMany) {
     EXPECT_EQ(server.takeRequests().size(), 6U);
 }
 
-TEST_F(WebIfCheck, RedirectLoopEnds) {
-    server.answer({"", 301, VERSION_FILE});
-    EXPECT_EQ(check(), 0);
-    EXPECT_EQ(printed, failure(CURLE_TOO_MANY_REDIRECTS));
-}
-
 TEST_F(WebIfCheck, OtherProtocolsAreRefused) {
     const QTemporaryDir folder;
     const std::string file = folder.path().toStdString() + "/version";
@@ -208,12 +202,6 @@ TEST_F(WebIfCheck, BodyOfOneMebibyteIsTaken) {
 
 TEST_F(WebIfCheck, LargerBodyIsAFailure) {
     EXPECT_EQ(checkFile("3.2\n" + std::string(LARGEST_BODY - 3, 'x')), 0);
-    EXPECT_EQ(printed, failure(CURLE_WRITE_ERROR));
-}
-
-TEST_F(WebIfCheck, EndlessBodyIsAFailure) {
-    server.answer({std::string(65536, '3'), 200, "", "endless"});
-    EXPECT_EQ(check(), 0);
     EXPECT_EQ(printed, failure(CURLE_WRITE_ERROR));
 }
 

@@ -76,9 +76,6 @@ class Simulation {
     /// Changes what the network does from the next packet on.
     void setNetwork(Network network) { network_ = std::move(network); }
 
-    /// Starts another stream, as after a new connection.
-    void startNewStream() { feed_.restart(); }
-
     void forgetDepth() { leastDepth_ = 1e9, greatestDepth_ = 0; }
 
     const vxlisten::PlayoutFigures& figures() const { return playout_.figures(); }
