@@ -3,9 +3,10 @@
 import re
 import subprocess
 import threading
+import time
 
 from support.harness import program
-from support.processes import PATIENCE, Process, die_with_parent
+from support.processes import PATIENCE, Process, die_with_parent, wait_until
 from support.signals import channel, dominant_frequency, rms, sine
 from support.sound import NULL_SINK, clean_environment
 
@@ -55,6 +56,8 @@ class Tone:
                 pass
         self.thread = threading.Thread(target=play, daemon=True)
         self.thread.start()
+        wait_until(lambda: self.sound.control("list", "short", "sink-inputs"), "the tone is played")
+        time.sleep(1)  # Until it is captured, too.
         return self
 
     def __exit__(self, *_):
