@@ -149,12 +149,11 @@ class Firefox(Browser):
         self.process = Process([*TOGETHER, "firefox-esr", "--headless", "--marionette", "--no-remote",
                                 "--profile", profile, "about:blank"], self.env)
         wait_until(lambda: answers(MARIONETTE_PORT), "Firefox answers", START_PATIENCE)
-        self.socket = socket.create_connection(("127.0.0.1", MARIONETTE_PORT), timeout=25)
+        self.socket = socket.create_connection(("127.0.0.1", MARIONETTE_PORT), timeout=60)
         self.stream = self.socket.makefile("rb")
         self.number = 0
         self._receive()
-        self._command("WebDriver:NewSession",
-                      capabilities={"alwaysMatch": {"acceptInsecureCerts": True}})
+        self._command("WebDriver:NewSession", acceptInsecureCerts=True)
 
     def __exit__(self, *_):
         if hasattr(self, "socket"):

@@ -115,13 +115,14 @@ class PageTest(SystemTest):
                 recorder.kill()
                 recorder.wait()
         content = path.read_bytes()
+        pathlib.Path("/tmp/w3/heard.raw").write_bytes(content)
         samples = array.array("h")
         samples.frombytes(content[:len(content) // 4 * 4])
         return samples
 
     def assert_heard(self, name, seconds=SECONDS, level=True):
         time.sleep(SETTLING)
-        assert_tone(self, self.record(seconds + 1), RATE, seconds, name, level)
+        assert_tone(self, self.record(seconds + 1), RATE, seconds, name, level, spliced=True)
 
     def check_playing(self, browser, qualities, output):
         self.open(browser)

@@ -95,9 +95,9 @@ export function theBufferCoversUnevenPacketsAndForgetsThem() {
 export function packetsHeldUpTogetherCountOnce() {
   const target = new DelayTarget(40);
   arrive(target, 1000, () => 0);
-  // Forty packets come at once, at the time of the last of them.
-  arrive(target, 40, (i) => (1039 - i) * PACKET_MS, 1000);
-  arrive(target, 100, () => 0, 1040);
+  // A hundred packets are held up until the last of them is sent, and come within 50 ms.
+  arrive(target, 100, (i) => (1099 - i) * PACKET_MS + (i - 999) / 2, 1000);
+  arrive(target, 100, () => 0, 1100);
   near(target.milliseconds, 40, 0, 'one stall');
 }
 
@@ -350,11 +350,12 @@ export function aServerThatComesBackIsHeardAgain() {
   const session = new Session();
   session.run(3);
   session.stopped = true;
+  session.playout.restart();
   const end = session.run(1);
   noClick(end, 'the end');
   check(!session.figures.playing && quietest(end) === 0, 'it is silent');
+  check(session.figures.underruns === 0, 'which is no interruption');
   Object.assign(session, { stopped: false, begin: session.now, sent: 0, rate: 44100 });
-  session.playout.restart();
   const again = session.run(2);
   noClick(again, 'the new begin');
   check(session.figures.playing, 'it plays');
