@@ -3,6 +3,7 @@
 import base64
 import http.server
 import json
+import os
 import pathlib
 import shutil
 import socket
@@ -47,15 +48,20 @@ class Browser:
 
     def processor_seconds(self):
         """Processor time of all processes of the browser until now, in seconds."""
-        ticks = 0
-        for pid in descendants(self.process.pid):
-            try:
-                fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="ascii", errors="replace")
-            except FileNotFoundError:
-                continue
-            user, system = fields.rsplit(")", 1)[1].split()[11:13]
-            ticks += int(user) + int(system)
-        return ticks / 100
+        return processor_seconds(descendants(self.process.pid))
+
+
+def processor_seconds(pids):
+    """Processor time of the processes until now, in seconds; 0 for one that has ended."""
+    ticks = 0
+    for pid in pids:
+        try:
+            fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="utf-8", errors="replace")
+        except FileNotFoundError:
+            continue
+        user, system = fields.rsplit(")", 1)[1].split()[11:13]
+        ticks += int(user) + int(system)
+    return ticks / os.sysconf("SC_CLK_TCK")
 
 
 def descendants(pid):
