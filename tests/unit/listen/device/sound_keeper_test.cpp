@@ -35,7 +35,7 @@ class SoundKeeperTest : public testing::Test {
     }
 
     void openKeeper() {
-        keeper_ = std::make_unique<SoundKeeper>("", 40);
+        keeper_ = std::make_unique<SoundKeeper>("", settings_);
         ASSERT_TRUE(keeper_->open(now_));
         ASSERT_EQ(device_.opened, 1);
     }
@@ -68,6 +68,7 @@ class SoundKeeperTest : public testing::Test {
     }
 
     FakeOutput& device_ = fakeOutput();
+    vxlisten::PlayoutSettings settings_;
     std::unique_ptr<SoundKeeper> keeper_;
     std::int64_t now_ = vxlisten::steadyNow();
 };
@@ -76,7 +77,7 @@ class SoundKeeperTest : public testing::Test {
 
 TEST_F(SoundKeeperTest, AMissingDeviceIsAnErrorAtTheStart) {
     device_.present = false;
-    SoundKeeper keeper("", 40);
+    SoundKeeper keeper("", settings_);
     EXPECT_FALSE(keeper.open(now_));
     EXPECT_EQ(keeper.error(), "cannot play sound: there is no output device");
 }
