@@ -114,6 +114,10 @@ void DelayTarget::pass(double seconds) {
     }
 }
 
+double DelayTarget::repeatedMs() const {
+    return std::max(0.0, extra_ - UNDERRUN_EXTRA_MS);
+}
+
 double DelayTarget::neededMs() const {
     return jitterMs_ + packetMs_ / 2 + demand_ + SAFETY_MS;
 }

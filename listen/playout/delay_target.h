@@ -48,6 +48,9 @@ class DelayTarget {
     /// How much faster to play while it shrinks from where it started, in parts per million.
     [[nodiscard]] double shrinkingPpm() const;
 
+    /// What repeated underruns ask for in addition, in milliseconds; 0 after a single one.
+    [[nodiscard]] double repeatedMs() const;
+
     /// How late nearly all packets are at most, against the quickest ones, in milliseconds.
     [[nodiscard]] double jitterMs() const { return jitterMs_; }
 

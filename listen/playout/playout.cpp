@@ -26,9 +26,9 @@ constexpr double YOUNG = 3;  ///< Seconds.
 constexpr double YOUNG_INTERVAL = 0.1;
 constexpr double MOST_YOUNG_LATE_MS = 10;
 constexpr double MOST_LATE_MS = 40;
-constexpr double LEAST_PLACED = 1;  ///< Seconds.
-constexpr double LATE_PATIENCE = 0.5;
-constexpr double LONGEST_LATE = 2;
+constexpr double LEAST_PLACED = 1;     ///< Seconds.
+constexpr double LATE_PATIENCE = 1.5;  ///< Longer than a jump of the line takes.
+constexpr double LONGEST_LATE = 3;
 
 void increment(std::atomic<std::uint64_t>& counter, std::uint64_t by = 1) {
     counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
@@ -86,7 +86,10 @@ void Playout::takeArrivals() {
             schedule_.restart();
             inStepFor_ = 0;
         }
-        schedule_.noteBlock(*block);
+        if (schedule_.noteBlock(*block)) {
+            target_.restart();
+            inStepFor_ = 0;
+        }
         if (!block->concealed) {
             target_.noteArrival(
                 static_cast<std::int64_t>(toMs(block->position, block->sampleRate) * MS),
@@ -181,7 +184,7 @@ void Playout::playBlock() {
             target_.noteUnderrun();
             figures_.playing = false;
             if (schedule_.kept()) {
-                makePossible(target_.jitterMs());
+                makePossible(target_.jitterMs() + target_.repeatedMs());
             }
             break;
         case BlockSource::Kind::Ended:

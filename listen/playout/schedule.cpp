@@ -1,6 +1,7 @@
 #include "listen/playout/schedule.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace vxlisten {
 
@@ -8,16 +9,20 @@ namespace {
 
 constexpr double MS = 1000.0;  ///< Microseconds.
 constexpr double SAFETY_MS = 3;
+constexpr double LEAP = 20000;  ///< Microseconds, more than the line moves otherwise.
 /// What the greatest latency loses with a call.
 constexpr double LATENCY_FALL_MS = 0.02;
 
 }  // namespace
 
-void Schedule::noteBlock(const QueuedBlock& block) {
+bool Schedule::noteBlock(const QueuedBlock& block) {
+    const auto position = static_cast<double>(block.position);
+    const bool leaps = known_ && std::abs(block.sent.first - sentAt(position)) > LEAP;
     known_ = block.sent.framePeriod > 0;
-    position_ = static_cast<double>(block.position);
+    position_ = position;
     sent_ = block.sent;
     sampleRate_ = block.sampleRate;
+    return leaps;
 }
 
 void Schedule::noteOutput(std::uint64_t frame, std::int64_t now, double latency) {

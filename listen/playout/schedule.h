@@ -31,8 +31,9 @@ class Schedule {
     /// True when the delay from the sending to the loudspeaker is to be kept.
     [[nodiscard]] bool kept() const { return settings_.delayMs.has_value(); }
 
-    /// Takes the newest block of the stream.
-    void noteBlock(const QueuedBlock& block);
+    /// Takes the newest block of the stream. True when it belongs to another line of sending times
+    /// than the one before.
+    bool noteBlock(const QueuedBlock& block);
 
     /// Forgets the stream.
     void restart() { known_ = false; }

@@ -20,18 +20,36 @@ constexpr double GREATEST_SLOPE = 500;
 constexpr double SLOPE_CHANGE = 400;
 constexpr double SLOPE_CHANGE_SECONDS = 5;
 constexpr double LEAST_SLOPE_CHANGE = 1;
+constexpr double ERRORS = 2;  ///< By so many of its own errors it may, too.
 /// What all recent packets are later than the line before it is given up (microseconds), in
-/// addition to so many gaps between the two earliest arrivals of a span.
+/// addition to so much of their noise.
 constexpr double SHIFT = 1000;
 constexpr double JUMP = 30000;
-constexpr double GAPS = 3;
+constexpr double NOISES = 3;
+constexpr double SPAN_NOISE = 0.3;  ///< Of the earliest arrival of a span.
 constexpr double JUMP_SECONDS = 1;
 constexpr double KNOWN_SECONDS = 10;
+/// Of times that have several reasons to be longer than they could be, the one at place n lies
+/// above that about as n to this power; the first one by this share of it.
+constexpr double PLACE_POWER = 0.4;
+constexpr double FIRST_PLACE = 0.9;
+constexpr std::size_t PLACES = 8;
+/// So many spans tell enough of the slope for that.
+constexpr std::size_t EXTRAPOLATED_SPANS = 6;
 /// Frames that Opus's encoder holds back.
 constexpr double OPUS_LOOK_AHEAD = 312;
 /// Compressed packets leave after the raw pass of the same callback, which ends with a wait of up
 /// to 1 ms for the network, and after their encoding.
 constexpr double SECOND_PASS = 1200;
+
+/// What `count` values can come down to at the least: even the least of them had to wait, and how
+/// far the next ones lie from it tells how long, up to `most`. Puts them in order.
+double extrapolatedLeast(double* values, std::size_t count, double most) {
+    const std::size_t used = std::min(count, PLACES);
+    std::partial_sort(values, values + used, values + count);
+    const double places = std::pow(static_cast<double>(used), PLACE_POWER) - FIRST_PLACE;
+    return values[0] - std::min(most, (values[used - 1] - values[0]) * FIRST_PLACE / places);
+}
 
 /// How much earlier than its packet the first frame of a block counts as sent, in microseconds.
 double leadOf(Encoding encoding, std::size_t frames, double framePeriod) {
@@ -51,14 +69,11 @@ void SendClock::restart(std::int64_t now) {
     slope_ = 0;
     age_ = 0;
     forgetSpans();
-    spans_[0].roundTrip = NO_ROUND_TRIP;
 }
 
 void SendClock::forgetSpans() {
-    const double roundTrip = leastRoundTrip(0, spanCount_ + 1);
     spanCount_ = 0;
     spans_[0] = Span();
-    spans_[0].roundTrip = roundTrip;
     lateSince_ = -1;
 }
 
@@ -83,7 +98,7 @@ SendTime SendClock::next(const DecodedBlock& block, Encoding encoding, std::int6
 }
 
 void SendClock::noteRoundTrip(double roundTrip) {
-    spans_[spanCount_].roundTrip = std::min(spans_[spanCount_].roundTrip, roundTrip);
+    spans_[spanCount_].roundTrips.add(roundTrip);
     lateTrip_ = std::min(lateTrip_, roundTrip);
 }
 
@@ -97,15 +112,10 @@ void SendClock::noteArrival(double time, double residual) {
     }
     Span& span = spans_[spanCount_];
     if (span.packets == 0) {
-        span.second = residual + SHIFT;
         spanEnd_ = time + SPAN_SECONDS;
     }
-    if (span.packets == 0 || residual < span.least) {
-        span.second = span.packets == 0 ? span.second : span.least;
-        span.least = residual;
+    if (span.residuals.add(residual)) {
         span.time = time;
-    } else {
-        span.second = std::min(span.second, residual);
     }
     ++span.packets;
     fitOffset();
@@ -116,7 +126,7 @@ bool SendClock::isJump(double time, double residual) {
         return false;
     }
     const double late = residual - lineAt(time);
-    const double limit = JUMP + GAPS * meanGap();
+    const double limit = JUMP + NOISES * noise();
     if (std::abs(late) < limit) {
         lateSince_ = -1;
         return false;
@@ -127,7 +137,7 @@ bool SendClock::isJump(double time, double residual) {
     if (lateSince_ < 0) {
         lateSince_ = time;
         lateLeast_ = late;
-        lateTrip_ = NO_ROUND_TRIP;
+        lateTrip_ = NONE;
     }
     lateLeast_ = std::min(lateLeast_, late);
     if (time - lateSince_ < JUMP_SECONDS) {
@@ -135,7 +145,7 @@ bool SendClock::isJump(double time, double residual) {
     }
     // Where the way has become longer, the round trip has too.
     const double before = leastRoundTrip(0, spanCount_ + 1);
-    return lateTrip_ == NO_ROUND_TRIP || lateTrip_ - before < lateLeast_ / 2;
+    return lateTrip_ == NONE || lateTrip_ - before < lateLeast_ / 2;
 }
 
 void SendClock::finishSpan(double time) {
@@ -159,17 +169,17 @@ void SendClock::judgeRecent() {
         return;
     }
     const std::size_t first = spanCount_ - RECENT_SPANS;
-    double excess = spans_[first].least - lineAt(spans_[first].time);
+    double excess = spans_[first].least() - lineAt(spans_[first].time);
     for (std::size_t i = first + 1; i < spanCount_; ++i) {
-        excess = std::min(excess, spans_[i].least - lineAt(spans_[i].time));
+        excess = std::min(excess, spans_[i].least() - lineAt(spans_[i].time));
     }
-    if (excess < SHIFT + GAPS * meanGap()) {
+    if (excess < SHIFT + NOISES * noise()) {
         fitSlope();
         return;
     }
     const double before = leastRoundTrip(0, first);
     const double since = leastRoundTrip(first, spanCount_);
-    if (before == NO_ROUND_TRIP || since == NO_ROUND_TRIP || since - before < excess) {
+    if (before == NONE || since == NONE || since - before < excess) {
         std::move(spans_.begin() + static_cast<std::ptrdiff_t>(first),
                   spans_.begin() + static_cast<std::ptrdiff_t>(spanCount_), spans_.begin());
         spanCount_ = RECENT_SPANS;
@@ -188,8 +198,8 @@ double SendClock::rawSlope(double& extent) const {
         while (size >= 2) {
             const Span& a = spans_[hull[size - 2]];
             const Span& b = spans_[hull[size - 1]];
-            if ((b.least - a.least) * (point.time - a.time) <
-                (point.least - a.least) * (b.time - a.time)) {
+            if ((b.least() - a.least()) * (point.time - a.time) <
+                (point.least() - a.least()) * (b.time - a.time)) {
                 break;
             }
             --size;
@@ -203,14 +213,14 @@ double SendClock::rawSlope(double& extent) const {
     const Span& from = spans_[hull[edge - 1]];
     const Span& to = spans_[hull[edge]];
     extent = to.time - from.time;
-    return (to.least - from.least) / extent;
+    return (to.least() - from.least()) / extent;
 }
 
-/// How far the two earliest arrivals of a span lie apart: the greater, the less a span tells.
-double SendClock::meanGap() const {
+/// How far the earliest arrivals of a span lie apart: the greater, the less a span tells.
+double SendClock::noise() const {
     double sum = 0;
     for (std::size_t i = 0; i < spanCount_; ++i) {
-        sum += spans_[i].second - spans_[i].least;
+        sum += spans_[i].residuals.spread();
     }
     return spanCount_ > 0 ? sum / static_cast<double>(spanCount_) : SHIFT;
 }
@@ -221,33 +231,50 @@ void SendClock::fitSlope() {
     }
     double extent = 0;
     const double raw = rawSlope(extent);
-    const double error = meanGap() * 2.0 / static_cast<double>(spanCount_) / extent;
+    const double error = noise() * SPAN_NOISE * 2.0 / static_cast<double>(spanCount_) / extent;
     const double usual = USUAL_SLOPE * USUAL_SLOPE;
     const double wanted =
         std::clamp(raw * usual / (usual + error * error), -GREATEST_SLOPE, GREATEST_SLOPE);
     const double share = SLOPE_CHANGE_SECONDS / age_;
-    const double change = std::max(LEAST_SLOPE_CHANGE, SLOPE_CHANGE * share * share);
+    const double change =
+        std::max({LEAST_SLOPE_CHANGE, SLOPE_CHANGE * share * share, ERRORS * error});
     slope_ = std::clamp(wanted, slope_ - change, slope_ + change);
 }
 
 void SendClock::fitOffset() {
-    offset_ = spans_[spanCount_].least - slope_ * spans_[spanCount_].time;
-    for (std::size_t i = 0; i < spanCount_; ++i) {
-        offset_ = std::min(offset_, spans_[i].least - slope_ * spans_[i].time);
+    std::array<double, 2 * (MOST_SPANS + 1)> residuals{};
+    std::size_t count = 0;
+    for (std::size_t i = 0; i <= spanCount_; ++i) {
+        const double drift = slope_ * spans_[i].time;
+        residuals[count++] = spans_[i].residuals[0] - drift;
+        residuals[count++] = spans_[i].residuals[1] - drift;
     }
+    offset_ = spanCount_ < EXTRAPOLATED_SPANS
+                  ? *std::min_element(residuals.begin(), residuals.begin() + count)
+                  : extrapolatedLeast(residuals.data(), count, noise());
 }
 
 double SendClock::leastRoundTrip(std::size_t from, std::size_t to) const {
-    double least = NO_ROUND_TRIP;
+    double least = NONE;
     for (std::size_t i = from; i < to; ++i) {
-        least = std::min(least, spans_[i].roundTrip);
+        least = std::min(least, spans_[i].roundTrips[0]);
     }
     return least;
 }
 
 double SendClock::halfRoundTrip() const {
-    const double least = leastRoundTrip(0, spanCount_ + 1);
-    return least < NO_ROUND_TRIP ? least / 2.0 : 0.0;
+    std::array<double, 3 * (MOST_SPANS + 1)> trips{};
+    std::size_t count = 0;
+    double spread = 0;
+    for (std::size_t i = 0; i <= spanCount_; ++i) {
+        const auto& found = spans_[i].roundTrips;
+        spread = std::max(spread, found.spread());
+        for (std::size_t place = 0; place < 3; ++place) {
+            trips[count] = found[place];
+            count += found[place] < NONE ? 1 : 0;
+        }
+    }
+    return count > 0 ? std::max(0.0, extrapolatedLeast(trips.data(), count, spread)) / 2.0 : 0.0;
 }
 
 }  // namespace vxlisten

@@ -40,15 +40,44 @@ class SendClock {
     [[nodiscard]] double serverPpm() const { return -slope_; }
 
   private:
-    static constexpr double NO_ROUND_TRIP = 1e12;
+    static constexpr double NONE = 1e12;
+
+    /// The least ones of some values, in order.
+    template <std::size_t SIZE>
+    class Least {
+      public:
+        Least() { values_.fill(NONE); }
+        /// True when it is the least until now.
+        bool add(double value) {
+            std::size_t at = SIZE;
+            for (; at > 0 && value < values_[at - 1]; --at) {
+                if (at < SIZE) {
+                    values_[at] = values_[at - 1];
+                }
+            }
+            if (at < SIZE) {
+                values_[at] = value;
+            }
+            return at == 0;
+        }
+        [[nodiscard]] double operator[](std::size_t at) const { return values_[at]; }
+        /// How far they lie apart; 0 when there are not so many.
+        [[nodiscard]] double spread() const {
+            return values_[SIZE - 1] < NONE ? values_[SIZE - 1] - values_[0] : 0.0;
+        }
+
+      private:
+        std::array<double, SIZE> values_;
+    };
 
     /// What a span of the stream brought.
     struct Span {
-        double time = 0;                   ///< Of the earliest arrival, seconds of the stream.
-        double least = 0;                  ///< Its residual: arrival against the stream's time.
-        double second = 0;                 ///< The second least residual.
-        double roundTrip = NO_ROUND_TRIP;  ///< The least.
+        double time = 0;      ///< Of the earliest arrival, seconds of the stream.
+        Least<8> residuals;   ///< Arrivals against the stream's time, microseconds.
+        Least<3> roundTrips;  ///< Microseconds.
         std::uint32_t packets = 0;
+
+        [[nodiscard]] double least() const { return residuals[0]; }
     };
 
     static constexpr std::size_t MOST_SPANS = 32;
@@ -61,7 +90,7 @@ class SendClock {
     void judgeRecent();
     void fitSlope();
     [[nodiscard]] double rawSlope(double& extent) const;
-    [[nodiscard]] double meanGap() const;
+    [[nodiscard]] double noise() const;
     void fitOffset();
     [[nodiscard]] double lineAt(double time) const { return offset_ + slope_ * time; }
     [[nodiscard]] double leastRoundTrip(std::size_t from, std::size_t to) const;
