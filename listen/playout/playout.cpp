@@ -27,6 +27,9 @@ constexpr double YOUNG_INTERVAL = 0.1;
 constexpr double MOST_YOUNG_LATE_MS = 10;
 constexpr double MOST_LATE_MS = 40;
 constexpr double LEAST_PLACED = 1;     ///< Seconds.
+/// What repeated underruns ask for when the delay is too short for the network: a stall or two of
+/// the server do not take a listener out of step with the others.
+constexpr double OFTEN_MS = 20;
 constexpr double LATE_PATIENCE = 1.5;  ///< Longer than a jump of the line takes.
 constexpr double LONGEST_LATE = 3;
 
@@ -183,7 +186,7 @@ void Playout::playBlock() {
             increment(figures_.underruns);
             target_.noteUnderrun();
             figures_.playing = false;
-            if (schedule_.kept()) {
+            if (schedule_.kept() && target_.repeatedMs() > OFTEN_MS) {
                 makePossible(target_.jitterMs() + target_.repeatedMs());
             }
             break;
