@@ -29,7 +29,7 @@ class SoundKeeperTest : public testing::Test {
     }
 
     void openKeeper() {
-        keeper_ = std::make_unique<SoundKeeper>("", 40);
+        keeper_ = std::make_unique<SoundKeeper>("", settings_);
         ASSERT_TRUE(keeper_->open(now_));
         ASSERT_EQ(device_.opened, 1);
     }
@@ -62,6 +62,7 @@ class SoundKeeperTest : public testing::Test {
     }
 
     FakePortAudio& device_ = freshFakePortAudio();
+    vxlisten::PlayoutSettings settings_;
     std::unique_ptr<SoundKeeper> keeper_;
     std::int64_t now_ = vxlisten::steadyNow();
 };
@@ -70,7 +71,7 @@ class SoundKeeperTest : public testing::Test {
 
 TEST_F(SoundKeeperTest, AMissingDeviceIsAnErrorAtTheStart) {
     device_.outputPresent = false;
-    SoundKeeper keeper("", 40);
+    SoundKeeper keeper("", settings_);
     EXPECT_FALSE(keeper.open(now_));
     EXPECT_EQ(keeper.error(), "cannot play sound: there is no output device");
 }
