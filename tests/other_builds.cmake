@@ -15,7 +15,7 @@ if(NOT VX_PLAIN AND NOT VELANTRIX_SANITIZE)
 endif()
 
 # What of the other builds is needed.
-set(VX_PLAIN_TARGETS VelantrixServer velantrix-listen packaging/all instruction_count stream_client
+set(VX_PLAIN_TARGETS VelantrixServer velantrix-listen velantrix-web packaging/all instruction_count stream_client
     soak_server soak_clients paced_capture torture enet_probe callback_tripwire_test scarce_resources_test
     listen_callback_test preload_clock preload_faults preload_scarce)
 set(VX_THREAD_TARGETS VelantrixServer enet_probe preload_faults)

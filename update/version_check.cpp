@@ -19,7 +19,7 @@ void VelantrixServerNoGUI::versionCheckThreadFn() {
     if (!pin) {
         return;
     }
-    const ThrowWhenOutOfMemory noReasonToEnd;  // The clients hear on without this check.
+    const ThrowWhenOutOfMemory throwWhenOutOfMemory;  // Clients continue without this check.
     try {
         checkVersion();
     } catch (const std::bad_alloc&) {

@@ -144,11 +144,23 @@ void Receiver::disconnect(std::uint32_t milliseconds) {
     }
     using Clock = std::chrono::steady_clock;
     const auto end = Clock::now() + std::chrono::milliseconds(milliseconds);
-    enet_peer_disconnect(peer_, 0);
+    startDisconnect();
     while (peer_ != nullptr && Clock::now() < end) {
         service(10);
     }
     drop();
+}
+
+void Receiver::startDisconnect() {
+    if (peer_ != nullptr) {
+        enet_peer_disconnect(peer_, 0);
+        enet_host_flush(host_);
+    }
+}
+
+int Receiver::descriptor() const {
+    assert(host_ != nullptr);
+    return host_->socket;
 }
 
 std::string Receiver::address() const {

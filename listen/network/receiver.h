@@ -66,6 +66,13 @@ class Receiver {
     /// Says goodbye and waits at most `milliseconds` for the server's answer.
     void disconnect(std::uint32_t milliseconds);
 
+    /// Says goodbye without waiting; Disconnected follows when the server has answered.
+    void startDisconnect();
+
+    /// Becomes readable when service() has something to receive. Owned by the receiver, which has
+    /// been opened.
+    [[nodiscard]] int descriptor() const;
+
     /// The resolved server's address.
     [[nodiscard]] std::string address() const;
 

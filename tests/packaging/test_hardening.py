@@ -4,7 +4,8 @@ import os
 import subprocess
 import unittest
 
-PROGRAMS = [os.environ["VELANTRIX_SERVER"], os.environ["VELANTRIX_LISTEN"]]
+PROGRAMS = [os.environ["VELANTRIX_SERVER"], os.environ["VELANTRIX_LISTEN"],
+            os.environ["VELANTRIX_WEB"]]
 OPTIMISED = os.environ["VELANTRIX_BUILD_TYPE"] not in ("", "Debug")
 
 

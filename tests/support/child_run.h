@@ -4,6 +4,8 @@
 #include <string>
 #include <sys/types.h>
 
+#include <gtest/gtest.h>
+
 /// How a child process ended and what it printed.
 struct ChildRun {
     int status = -1;  ///< Exit status; 1000 + the number of the signal that ended it.
@@ -41,6 +43,16 @@ class Child {
 
 /// Runs `body` in a child until its end.
 ChildRun runChild(const std::function<void()>& body);
+
+/// A TEST whose body runs in a child.
+#define CHILD_TEST(suite, name)              \
+    struct suite##name##InChild {            \
+        static void run();                   \
+    };                                       \
+    TEST(suite, name) {                      \
+        runChild(suite##name##InChild::run); \
+    }                                        \
+    void suite##name##InChild::run()
 
 /// All that a descriptor gives: of a file its text from the start, of a pipe or a terminal, which
 /// must not block, what waits in it.

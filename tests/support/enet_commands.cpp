@@ -45,12 +45,13 @@ Bytes acknowledgement(std::uint8_t channel, std::uint16_t number, std::uint16_t 
     return header(ENET_PROTOCOL_COMMAND_ACKNOWLEDGE, channel, number) + u16(number) + u16(sentTime);
 }
 
-Bytes connectCommand(std::uint32_t data, std::uint16_t outgoingPeerId) {
-    static std::uint32_t connectId = 0;
+Bytes connectCommand(std::uint32_t data, std::uint16_t outgoingPeerId, std::uint32_t connectId) {
+    static std::uint32_t lastId = 0;
+    lastId += connectId == 0 ? 1 : 0;
     return header(ENET_PROTOCOL_COMMAND_CONNECT | WANTED, CONTROL_CHANNEL, 1) +
            u16(outgoingPeerId) + u8(0xFF) + u8(0xFF) + u32(1400) +
            u32(ENET_PROTOCOL_MAXIMUM_WINDOW_SIZE) + u32(2) + u32(0) + u32(0) + u32(5000) + u32(2) +
-           u32(2) + u32(++connectId) + u32(data);
+           u32(2) + u32(connectId == 0 ? lastId : connectId) + u32(data);
 }
 
 Bytes verifyConnectCommand() {

@@ -16,7 +16,9 @@ Bytes u32(std::uint32_t value);
 /// ENet's commands as they cross the network, numbers most significant byte first.
 constexpr std::uint8_t CONTROL_CHANNEL = 255;
 Bytes acknowledgement(std::uint8_t channel, std::uint16_t number, std::uint16_t sentTime);
-Bytes connectCommand(std::uint32_t data, std::uint16_t outgoingPeerId = 0);
+/// `connectId` 0: another one each time.
+Bytes connectCommand(std::uint32_t data, std::uint16_t outgoingPeerId = 0,
+                     std::uint32_t connectId = 0);
 Bytes verifyConnectCommand();
 Bytes goodbye(bool wantsAcknowledgement);
 Bytes ping();

@@ -1,7 +1,7 @@
 """What a system test needs, in one place.
 
 pytest runs the test modules in a network namespace of their own, under ctest (which gives the paths
-of the programs in VELANTRIX_SERVER, VELANTRIX_LISTEN and VELANTRIX_FAKES) or by hand:
+of the programs in VELANTRIX_SERVER, VELANTRIX_LISTEN, VELANTRIX_WEB and VELANTRIX_FAKES) or by hand:
 
     VELANTRIX_SERVER=build/VelantrixServer VELANTRIX_LISTEN=build/velantrix-listen \\
     VELANTRIX_FAKES=build/tests/support python3 -m pytest tests/system/test_start.py -k test_name

@@ -130,6 +130,11 @@ void LiveServer::tell(TestClient& client, const std::vector<unsigned char>& mess
     pumpUntil([before] { return countOf(Call::EnetPacketDestroy) > before; });
 }
 
+void LiveServer::sendBlock() {
+    std::vector<char> block(wire::RAW_BUFFER_LENGTH, 'a');
+    processBuffer(block.data(), static_cast<int>(block.size()), true);
+}
+
 void LiveServer::vanish(TestClient& client) {
     clients.erase(std::find_if(clients.begin(), clients.end(),
                                [&client](const auto& each) { return each.get() == &client; }));

@@ -63,6 +63,9 @@ class LiveServer : public testing::Test {
     /// Sends a control message and lets the server obey it.
     void tell(TestClient& client, const std::vector<unsigned char>& message);
 
+    /// Hands a raw block to the send path, with its service step.
+    static void sendBlock();
+
     /// Takes a client out of the service loop and destroys it without a word to the server.
     void vanish(TestClient& client);
 

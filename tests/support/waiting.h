@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <thread>
 
@@ -14,4 +15,8 @@ bool waitUntil(Done done, std::chrono::milliseconds patience = std::chrono::seco
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+inline bool waitUntil(const std::atomic<bool>& flag) {
+    return waitUntil([&flag] { return flag.load(); });
 }

@@ -3,10 +3,13 @@
 import array
 import os
 import pathlib
+import re
+import signal
 import subprocess
 import sys
+import urllib.request
 
-from support.harness import SystemTest, program
+from support.harness import Process, SystemTest, die_with_parent, program
 from support.signals import noise, read_wav, silence, write_wav
 
 SCRIPTS = pathlib.Path(__file__).resolve().parents[2] / "scripts" / "lib"
@@ -31,6 +34,22 @@ class WholeDemo(SystemTest):
         samples, rate = read_wav(self.folder / "recording.wav")
         self.assertEqual(rate, RATE)
         self.assertGreater(len(samples) / 2, 8 * RATE)
+
+    def test_with_web_everybody_hears_it_until_it_is_interrupted(self):
+        build = pathlib.Path(program("VELANTRIX_SERVER")).parent
+        with Process([sys.executable, SCRIPTS / "demo.py", "--web", build, self.folder],
+                     dict(os.environ)) as demonstration:
+            demonstration.out.wait_for(re.compile("^http://"), timeout=110)
+            address = "http://127.0.0.1:59080"
+            with urllib.request.urlopen(f"{address}/", timeout=30) as page:
+                self.assertEqual(page.headers.get_content_type(), "text/html")
+            heard = subprocess.run(
+                ["curl", "-sS", "-m", "13", f"{address}/stream.wav"], capture_output=True,
+                preexec_fn=die_with_parent, check=False).stdout
+            write_wav(self.folder / "recording.wav", array.array("h", heard[44:len(heard) // 4 * 4]),
+                      RATE)
+            self.assertEqual(demo.judge(self.folder, 2 * make_tune()), 0)
+            self.assertEqual(demonstration.stop(signal.SIGINT), 0)
 
     def test_no_sound_server_is_one_clear_failure(self):
         (self.folder / "bin").mkdir()

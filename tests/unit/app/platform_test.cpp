@@ -87,7 +87,6 @@ const PlatformCase PLATFORM_CASES[] = {
      nullptr},
 };
 
-INSTANTIATE_TEST_SUITE_P(CommandLine, PlatformChoice, testing::ValuesIn(PLATFORM_CASES),
-                         CASE_NAME);
+INSTANTIATE_TEST_SUITE_P(CommandLine, PlatformChoice, testing::ValuesIn(PLATFORM_CASES), CASE_NAME);
 
 }  // namespace

@@ -172,13 +172,6 @@ TEST(Client, AConnectionThatStaysSilentIsMadeAnew) {
     EXPECT_GE(server.clients, 2);
 }
 
-TEST(Client, AConnectionWithSoundIsKept) {
-    TestServer server(0);
-    const vxlisten::Options options = optionsFor(server, 5);
-    EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_OK);
-    EXPECT_EQ(server.clients, 1);
-}
-
 TEST(Client, ALookUpThatHangsDoesNotHoldUpTheNextAttempt) {
     TestServer server(1);
     const vxlisten::Options options = optionsFor(server, 8);

@@ -161,35 +161,4 @@ INSTANTIATE_TEST_SUITE_P(
         NameCase{"Utf8", "Küche", true, "Küche"}),
     CASE_NAME);
 
-TEST_F(ControlMessage, RandomBytesDisturbNobodyElse) {
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    const auto below = [&random](std::size_t limit) {
-        return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random);
-    };
-    TestClient& listener = stream(0x1);
-    const ClientSlot before = clientConn[1];
-    std::vector<char> block(wire::RAW_BUFFER_LENGTH, 'a');
-    constexpr std::size_t MESSAGES = 300;
-    for (std::size_t i = 0; i < MESSAGES; ++i) {
-        std::vector<unsigned char> message(below(600));
-        for (unsigned char& byte : message) {
-            byte = static_cast<unsigned char>(below(256));
-        }
-        if (message.size() >= 4 && i % 3 != 0) {
-            wire::writeU32(message.data(), static_cast<std::uint32_t>(below(5)));
-        }
-        tell(*client, message);
-        EXPECT_LE(slot().rateCode, 7U);
-        processBuffer(block.data(), static_cast<int>(block.size()), true);
-    }
-    pumpUntil([&listener] { return listener.packets.size() == MESSAGES; });
-    expectUnchanged(clientConn[1], before);
-    for (std::size_t i = 0; i < MESSAGES; ++i) {
-        ASSERT_EQ(listener.packets[i].header.seq, i);
-        ASSERT_EQ(listener.packets[i].bytes.size(), wire::RAW_BUFFER_LENGTH);
-    }
-}
-
 }  // namespace

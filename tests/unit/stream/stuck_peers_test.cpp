@@ -191,11 +191,6 @@ class Silence : public StuckPeers {
         EXPECT_EQ(peerOf(stranger).state, ENET_PEER_STATE_DISCONNECTED);
         expectGone(stranger, counted);
     }
-
-    static void sendBlock() {
-        std::vector<char> block(wire::RAW_BUFFER_LENGTH, 'a');
-        processBuffer(block.data(), static_cast<int>(block.size()), true);
-    }
 };
 
 TEST_F(Silence, OfAConnectedClientEnds) {
@@ -270,8 +265,7 @@ TEST_F(DispatchQueue, PeerThatTimesOutWithItsMessageQueuedIsNotLinkedAnyMore) {
     stranger.unanswered.clear();
     stranger.send(reliable(1, dataRequest(1)));
     listenUntil([] { return clientConn[0].dataRequested != 0; });
-    std::vector<char> block(wire::RAW_BUFFER_LENGTH, 'a');
-    processBuffer(block.data(), static_cast<int>(block.size()), true);
+    sendBlock();
     shiftClock(std::chrono::seconds(31));
     stranger.send(acknowledgement(patient.channel, patient.number, patient.sentTime) +
                   reliable(2, controlMessage(2)));
