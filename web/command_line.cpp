@@ -3,8 +3,10 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstdlib>
 #include <string_view>
 #include <unistd.h>
+#include <variant>
 
 #include <CLI/CLI.hpp>
 #include <boost/asio/ip/address.hpp>
@@ -22,6 +24,7 @@ using Complaint = std::string;
 struct Words {
     std::string host;
     std::string listen;
+    std::vector<std::string> icecast;
 };
 
 void describe(CLI::App& app, Words& words, Options& options) {
@@ -38,7 +41,7 @@ void describe(CLI::App& app, Words& words, Options& options) {
         ->allow_extra_args(false);
     app.add_option("--max-listeners", options.maxListeners, "How many may listen at once (500)")
         ->check(CLI::Range(1, 100000));
-    app.add_option("--icecast", options.icecast, "Icecast server that the stream is sent to")
+    app.add_option("--icecast", words.icecast, "Icecast server that the stream is sent to")
         ->allow_extra_args(false)
         ->type_name("URL");
     app.set_version_flag("--version", "velantrix-web " VELANTRIX_WEB_VERSION);
@@ -70,7 +73,7 @@ Complaint takeHost(const std::string& text, vxlisten::ServerChoice& server) {
     server.portChosen = colon != std::string::npos;
     if (!isName(server.host) ||
         (server.portChosen && !readPort(text.substr(colon + 1), 1, server.port))) {
-        return "'" + text + "' is not HOST or HOST:PORT, with a name or an IPv4 address";
+        return "HOST must be a name or an IPv4 address, or one of these with :PORT";
     }
     return {};
 }
@@ -120,13 +123,39 @@ Complaint checkNames(const std::vector<std::string>& names) {
     return {};
 }
 
+Complaint takeIcecast(const std::vector<std::string>& urls, std::vector<IcecastTarget>& targets) {
+    // Nobody else writes the environment.
+    const char* const password =
+        std::getenv("VELANTRIX_ICECAST_PASSWORD");  // NOLINT(concurrency-mt-unsafe)
+    for (const std::string& url : urls) {
+        const auto target = parseIcecastUrl(url, password);
+        if (const auto* const complaint = std::get_if<std::string>(&target)) {
+            return *complaint;
+        }
+        targets.push_back(std::get<IcecastTarget>(target));
+    }
+    return {};
+}
+
+/// Passwords of web addresses do not belong in logs.
+std::string withoutLogins(std::string text) {
+    for (std::size_t at = text.find("//"); at < text.size(); at = text.find("//", at + 2)) {
+        const std::size_t end = text.find('@', at);
+        if (end < text.size()) {
+            text.erase(at + 2, end - at - 1);
+        }
+    }
+    return text;
+}
+
 Complaint check(const CLI::App& app, const Words& words, Options& options) {
     if (options.certificate.empty() != options.key.empty()) {
         return "--certificate and --key are needed together";
     }
     for (const Complaint& complaint :
          {takeHost(words.host, options.server), takeListen(words.listen, options.listen),
-          takeTitle(app.count("--title") > 0, options.title), checkNames(options.hostNames)}) {
+          takeTitle(app.count("--title") > 0, options.title), checkNames(options.hostNames),
+          takeIcecast(words.icecast, options.icecast)}) {
         if (!complaint.empty()) {
             return complaint;
         }
@@ -142,13 +171,15 @@ CommandLine readCommandLine(int argc, char** argv) {
     CLI::App app("Lets browsers, media players and Icecast hear a Velantrix Server",
                  "velantrix-web");
     describe(app, words, result.options);
+    std::vector<std::string> arguments = takeArguments(argc, argv);
+    std::reverse(arguments.begin(), arguments.end());  // As CLI11 wants them.
     try {
-        app.parse(argc, argv);
+        app.parse(arguments);
     } catch (const CLI::Success& success) {
         result.status = app.exit(success);
         return result;
     } catch (const CLI::ParseError& error) {
-        complain(error.what());
+        complain(withoutLogins(error.what()));
         result.status = STATUS_USAGE;
         return result;
     }

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "listen/find_server.h"
+#include "web/streams/icecast_target.h"
 
 namespace vxweb {
 
@@ -25,7 +26,7 @@ struct Options {
     std::string key;
     std::vector<std::string> hostNames;  ///< Further names that this computer goes by.
     std::size_t maxListeners = 500;
-    std::vector<std::string> icecast;  ///< Web addresses, with passwords.
+    std::vector<IcecastTarget> icecast;
 };
 
 }  // namespace vxweb

@@ -17,7 +17,9 @@
 #include "web/command_line.h"
 #include "web/http/connection.h"
 #include "web/http/web_server.h"
+#include "web/local_addresses.h"
 #include "web/log.h"
+#include "web/secrets.h"
 #include "web/upstream/station.h"
 
 namespace vxweb {
@@ -44,19 +46,15 @@ class Program {
           station_(options, workers_),
           server_(workers_),
           signals_(context(), SIGINT, SIGTERM),
-          endTimer_(context()),
-          site_{Doors(names(options), {}), options.title, {}, nullptr, station_} {}
+          endTimer_(context()) {}
 
     int run() {
-        const std::string problem = server_.open(options_.listen);
+        const std::string problem = prepare();
         if (!problem.empty()) {
             complain(problem);
             return STATUS_FAILURE;
         }
-        allowManyDescriptors();
-        site_.address = "http://127.0.0.1:" + std::to_string(server_.port()) + "/";
-        say(site_.address);
-        server_.start(site_);
+        server_.start(*site_);
         station_.start();
         signals_.async_wait([this](const Error& error, int /*signal*/) {
             if (!error) {
@@ -81,6 +79,37 @@ class Program {
         std::vector<std::string> result = ownNames();
         result.insert(result.end(), options.hostNames.begin(), options.hostNames.end());
         return result;
+    }
+
+    /// Returns one sentence about what cannot be used, nothing when all is well.
+    std::string prepare() {
+        std::string login;
+        std::unique_ptr<boost::asio::ssl::context> tls;
+        std::string problem;
+        if (!options_.passwordFile.empty()) {
+            problem = readLogin(options_.passwordFile, login);
+        }
+        if (problem.empty() && !options_.certificate.empty()) {
+            problem = openTls(options_.certificate, options_.key, tls);
+        }
+        if (problem.empty()) {
+            problem = server_.open(options_.listen);
+        }
+        if (!problem.empty()) {
+            return problem;
+        }
+        if (!login.empty() && !tls) {
+            complain("without --certificate the password crosses the network unencrypted");
+        }
+        const auto addresses =
+            webAddresses(options_.listen.address, server_.port(), tls != nullptr);
+        for (const std::string& address : addresses) {
+            say(address);
+        }
+        site_.reset(new Site{Doors(names(options_), login), options_.title, addresses.front(),
+                             std::move(tls), station_});
+        allowManyDescriptors();
+        return {};
     }
 
     [[nodiscard]] boost::asio::io_context& context() const { return workers_.front()->context(); }
@@ -135,7 +164,7 @@ class Program {
     boost::asio::signal_set signals_;
     boost::asio::steady_timer endTimer_;
     std::chrono::steady_clock::time_point endBefore_;
-    Site site_;
+    std::unique_ptr<Site> site_;
 };
 
 }  // namespace

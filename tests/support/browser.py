@@ -1,16 +1,20 @@
 """Debian's Chromium and Firefox, driven without a display, heard by a private sound server."""
 
+import base64
+import http.server
 import json
+import os
 import pathlib
 import shutil
 import socket
-import subprocess
 import tempfile
+import threading
 
 from selenium import webdriver
 from selenium.webdriver.chrome.options import Options
+from selenium.webdriver.chromium.remote_connection import ChromiumRemoteConnection
 
-from support.harness import Process, clean_environment, wait_until
+from support.harness import SOURCE, Process, clean_environment, wait_until
 from support.sound import private_home
 
 # A browser is many processes: all end with the first of their namespace, which ends with its parent.
@@ -44,15 +48,20 @@ class Browser:
 
     def processor_seconds(self):
         """Processor time of all processes of the browser until now, in seconds."""
-        ticks = 0
-        for pid in descendants(self.process.pid):
-            try:
-                fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="ascii", errors="replace")
-            except FileNotFoundError:
-                continue
-            user, system = fields.rsplit(")", 1)[1].split()[11:13]
-            ticks += int(user) + int(system)
-        return ticks / 100
+        return processor_seconds(descendants(self.process.pid))
+
+
+def processor_seconds(pids):
+    """Processor time of the processes until now, in seconds; 0 for one that has ended."""
+    ticks = 0
+    for pid in pids:
+        try:
+            fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="utf-8", errors="replace")
+        except FileNotFoundError:
+            continue
+        user, system = fields.rsplit(")", 1)[1].split()[11:13]
+        ticks += int(user) + int(system)
+    return ticks / os.sysconf("SC_CLK_TCK")
 
 
 def descendants(pid):
@@ -80,7 +89,9 @@ class Chromium(Browser):
             options.add_argument(argument)
         options.set_capability("acceptInsecureCerts", True)
         options.set_capability("goog:loggingPrefs", {"browser": "ALL"})
-        self.driver = webdriver.Remote(f"http://127.0.0.1:{DRIVER_PORT}", options=options)
+        self.driver = webdriver.Remote(
+            ChromiumRemoteConnection(f"http://127.0.0.1:{DRIVER_PORT}", "goog", "chrome"),
+            options=options)
 
     def __exit__(self, *_):
         if hasattr(self, "driver"):
@@ -102,16 +113,23 @@ class Chromium(Browser):
         return [entry["message"] for entry in self.driver.get_log("browser")
                 if entry["level"] == "SEVERE"]
 
-    def picture(self, path, width, height, scheme):
-        """Writes a PNG of the page on a screen of that size, "light" or "dark"."""
-        command = self.driver.execute_cdp_cmd
-        command("Emulation.setEmulatedMedia",
-                {"features": [{"name": "prefers-color-scheme", "value": scheme}]})
-        command("Emulation.setDeviceMetricsOverride",
-                {"width": width, "height": height, "deviceScaleFactor": 1, "mobile": False})
-        self.driver.get_screenshot_as_file(str(path))
+    def command(self, name, **parameters):
+        """One of Chromium's own commands (DevTools protocol)."""
+        return self.driver.execute("executeCdpCommand", {"cmd": name, "params": parameters})["value"]
 
-    # Selenium's endpoint for Chromium's own commands, which webdriver.Remote lacks.
+    def show_as(self, width, height, scheme):
+        """Gives the page a screen of that size, "light" or "dark"."""
+        self.command("Emulation.setEmulatedMedia",
+                     features=[{"name": "prefers-color-scheme", "value": scheme}])
+        self.command("Emulation.setDeviceMetricsOverride", width=width, height=height,
+                     deviceScaleFactor=1, mobile=False)
+
+    def picture(self, path):
+        """Writes a PNG of the whole page."""
+        size = self.command("Page.getLayoutMetrics")["cssContentSize"]
+        shot = self.command("Page.captureScreenshot", format="png", captureBeyondViewport=True,
+                            clip=dict(size, scale=1))
+        pathlib.Path(path).write_bytes(base64.b64decode(shot["data"]))
 
 
 class Firefox(Browser):
@@ -137,12 +155,11 @@ class Firefox(Browser):
         self.process = Process([*TOGETHER, "firefox-esr", "--headless", "--marionette", "--no-remote",
                                 "--profile", profile, "about:blank"], self.env)
         wait_until(lambda: answers(MARIONETTE_PORT), "Firefox answers", START_PATIENCE)
-        self.socket = socket.create_connection(("127.0.0.1", MARIONETTE_PORT), timeout=25)
+        self.socket = socket.create_connection(("127.0.0.1", MARIONETTE_PORT), timeout=60)
         self.stream = self.socket.makefile("rb")
         self.number = 0
         self._receive()
-        self._command("WebDriver:NewSession",
-                      capabilities={"alwaysMatch": {"acceptInsecureCerts": True}})
+        self._command("WebDriver:NewSession", acceptInsecureCerts=True)
 
     def __exit__(self, *_):
         if hasattr(self, "socket"):
@@ -182,3 +199,71 @@ class Firefox(Browser):
 def answers(port):
     with socket.socket() as attempt:
         return attempt.connect_ex(("127.0.0.1", port)) == 0
+
+
+class ModuleTests:
+    """Runs the exported functions of a JavaScript module as tests, inside a browser.
+
+    The page's files are served below /page/, the module's folder below /tests/. A context manager.
+    """
+
+    RUNNER = b"""
+        const name = new URLSearchParams(location.search).get('module');
+        const results = {};
+        try {
+          for (const [test, run] of Object.entries(await import('/tests/' + name))) {
+            try {
+              await run();
+              results[test] = '';
+            } catch (error) {
+              results[test] = String(error.message);
+            }
+          }
+        } catch (error) {
+          results[name] = String(error);
+        }
+        document.title = JSON.stringify(results);"""
+    TYPES = {".js": "text/javascript", ".html": "text/html"}
+
+    def __init__(self, module):
+        self.module = module
+
+    def __enter__(self):
+        folders = {"page": SOURCE / "web/page/files", "tests": self.module.parent}
+        runner, types = self.RUNNER, self.TYPES
+
+        class Handler(http.server.BaseHTTPRequestHandler):
+            def do_GET(self):
+                parts = self.path.split("?")[0].strip("/").split("/")
+                if parts == [""]:
+                    self.answer(".html", b"<script type=module src=/run.js></script>")
+                elif parts == ["run.js"]:
+                    self.answer(".js", runner)
+                elif parts[0] in folders and (folders[parts[0]].joinpath(*parts[1:])).is_file():
+                    path = folders[parts[0]].joinpath(*parts[1:])
+                    self.answer(path.suffix, path.read_bytes())
+                else:
+                    self.send_error(404)
+
+            def answer(self, ending, body):
+                self.send_response(200)
+                self.send_header("Content-Type", types.get(ending, "application/octet-stream"))
+                self.end_headers()
+                self.wfile.write(body)
+
+            def log_message(self, *_):
+                pass
+        self.server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), Handler)
+        threading.Thread(target=self.server.serve_forever, daemon=True).start()
+        return self
+
+    def __exit__(self, *_):
+        self.server.shutdown()
+        self.server.server_close()
+
+    def run(self, browser):
+        """What each test found wrong, an empty text for nothing."""
+        port = self.server.server_port
+        browser.open(f"http://127.0.0.1:{port}/?module={self.module.name}")
+        title = wait_until(lambda: browser.script("return document.title"), "the tests end", 120)
+        return json.loads(title)

@@ -40,8 +40,16 @@ def report_of(text):
     return dict(line.split(": ", 1) for line in text.splitlines() if ": " in line)
 
 
-def start_listening(*arguments, env=None, host="127.0.0.1"):
-    return Process(listen_command(*arguments, host=host), dict(clean_environment(), **(env or {})))
+def start_listening(*arguments):
+    return Process(listen_command(*arguments), clean_environment())
+
+
+@contextlib.contextmanager
+def listening(*arguments):
+    """A client that is connected and hears."""
+    with start_listening(*arguments) as client:
+        client.out.wait_for(re.compile("^connected .* Hz"))
+        yield client
 
 
 class ListenTest(SystemTest):
@@ -68,8 +76,7 @@ class Recording(ListenTest):
         """Plays noise while the client records; returns (played, status, report)."""
         played = noise(self.rate, seed=4711)
         margin = silence(self.rate // 4)
-        with start_listening("--no-play", "--record", self.path(name), *arguments) as client:
-            client.out.wait_for(re.compile("^connected .* Hz"))
+        with listening("--no-play", "--record", self.path(name), *arguments) as client:
             self.sound.play_and_wait(margin + played + margin)
             time.sleep(0.5)
             status = client.stop(signal.SIGTERM)
@@ -87,8 +94,7 @@ class Recording(ListenTest):
         self.assertEqual(report["format"], "raw")
 
     def test_an_interrupt_completes_the_file(self):
-        with start_listening("--no-play", "--record", self.path("a.wav")) as client:
-            client.out.wait_for(re.compile("^connected .* Hz"))
+        with listening("--no-play", "--record", self.path("a.wav")) as client:
             self.assertEqual(client.stop(signal.SIGINT), 0)
         recorded, _ = read_wav(self.path("a.wav"))
         self.assertGreater(len(recorded), 0)
@@ -97,8 +103,7 @@ class Recording(ListenTest):
 
     def test_termination_completes_compressed_files(self):
         for name in ("a.flac", "a.ogg"):
-            with start_listening("--no-play", "--record", self.path(name)) as client:
-                client.out.wait_for(re.compile("^connected .* Hz"))
+            with listening("--no-play", "--record", self.path(name)) as client:
                 self.assertEqual(client.stop(signal.SIGTERM), 0)
                 report = report_of("\n".join(client.out.all()))
             written = int(report["frames"]) + int(report["filled-frames"])
@@ -285,8 +290,7 @@ class PlaybackAt44100(PlaybackTest):
 
 class Persistence(ListenTest):
     def test_a_restarted_server_is_found_again_and_the_recording_keeps_time(self):
-        with start_listening("--no-play", "--record", self.path("a.wav")) as client:
-            client.out.wait_for(re.compile("^connected .* Hz"))
+        with listening("--no-play", "--record", self.path("a.wav")) as client:
             begin = time.monotonic()
             time.sleep(1)
             self.server.kill()
@@ -316,8 +320,7 @@ class Persistence(ListenTest):
         self.assertAlmostEqual(len(recorded) / 2 / rate, elapsed, delta=2.5)
 
     def test_an_end_during_an_outage_leaves_the_recording_whole(self):
-        with start_listening("--no-play", "--record", self.path("a.wav")) as client:
-            client.out.wait_for(re.compile("^connected .* Hz"))
+        with listening("--no-play", "--record", self.path("a.wav")) as client:
             begin = time.monotonic()
             self.server.kill()
             client.err.wait_for(re.compile(f"{SERVER_GONE}, trying again"))
@@ -328,15 +331,13 @@ class Persistence(ListenTest):
         self.assertGreater(len(recorded) / 2 / rate, elapsed - 0.5)
 
     def test_once_ends_with_the_server(self):
-        with start_listening("--no-play", "--once") as client:
-            client.out.wait_for(re.compile("^connected .* Hz"))
+        with listening("--no-play", "--once") as client:
             self.server.kill()
             self.assertEqual(client.wait(), 0)
             self.assertRegex("\n".join(client.err.all()), SERVER_GONE)
 
     def test_a_listener_that_another_replaces_says_so_and_ends(self):
-        with start_listening("--no-play", "--single") as first:
-            first.out.wait_for(re.compile("^connected .* Hz"))
+        with listening("--no-play", "--single") as first:
             self.assertEqual(listen("--no-play", "--seconds", 1).returncode, 0)
             self.assertEqual(first.wait(), 0)
             self.assertIn("another listener has taken this one's place",

@@ -3,7 +3,7 @@
 import re
 import time
 
-from support.harness import has_sanitizer, resident_bytes
+from support.harness import has_sanitizer, resident_bytes, wait_until
 from support.probe import FALLBACK_BYTES, are_in_order, sequence_gaps
 from support.signals import noise
 from support.streaming import StreamingTest
@@ -25,10 +25,6 @@ LONGEST_STALL = 4.3
 # What one client may keep the server holding: 15 + 75 commands that wait and a window of 48 that
 # are sent, each with a packet of 1368 bytes and ENet's records; and room for the heap's pages.
 MEMORY_BOUND = 400 * 1024
-
-# What a stall of four times the length may take besides; a queue without a limit would grow by
-# 700 KiB more.
-MEMORY_SLACK = 400 * 1024
 
 
 def matches(pattern, lines):
@@ -72,23 +68,18 @@ class SlowClient(StreamingTest):
         for queued, _ in matches(REPORT, lines):
             self.assertTrue(1 < queued <= TRIM_THRESHOLD)
 
-    def check_memory(self, growth, bound):
-        if not has_sanitizer():
-            self.assertLess(growth, bound)
-
-    def check_stall(self, seconds):
+    def test_stall_just_short_of_the_time_out(self):
         # All reliable: ENet itself drops best-effort packets when a machine is busy.
         others = [self.witness] + [self.probe.listen(code) for code in (0, 0, 1, 1, 2, 3, 5, 4)]
         slow = self.probe.listen()
         start = self.server.out.count()
         memory = resident_bytes(self.server, "RssAnon")
-        returned = self.stall(slow, seconds)
+        returned = self.stall(slow, LONGEST_STALL)
         self.witness.wait_packets(200)
         growth = self.memory_at_end_of_stall - memory
         packets = slow.packets()
         delay = self.delay_after(slow, returned)
-        print(f"stall of {seconds} s: newest audio after {delay} ms, "
-              f"server grew by {growth // 1024} KiB")
+        print(f"newest audio after {delay} ms, server grew by {growth // 1024} KiB")
         self.check_trim_lines(self.server.out.all()[start:])
         self.assertLess(delay, 1000)
         self.assertTrue(are_in_order(packets))
@@ -96,21 +87,8 @@ class SlowClient(StreamingTest):
         for other in others:
             self.assertEqual(sequence_gaps(other.packets()), 0, other.name)
         self.assertFalse(slow.is_disconnected())
-        self.check_memory(growth, MEMORY_BOUND)
-
-    def test_stall_just_short_of_the_time_out(self):
-        self.check_stall(LONGEST_STALL)
-
-    def test_long_stall_takes_no_more_memory_than_a_short_one(self):
-        slow = self.probe.listen()
-        before = resident_bytes(self.server, "RssAnon")
-        self.stall(slow, 1)
-        short = self.memory_at_end_of_stall - before
-        slow.wait_packets(100)
-        self.stall(slow, LONGEST_STALL)
-        long = self.memory_at_end_of_stall - before
-        print(f"server grew by {short // 1024} KiB in a short stall, {long // 1024} KiB in a long")
-        self.check_memory(long, short + MEMORY_SLACK)
+        if not has_sanitizer():
+            self.assertLess(growth, MEMORY_BOUND)
 
     def test_client_that_stalls_again_and_again_keeps_hearing(self):
         slow = self.probe.listen()
@@ -125,6 +103,7 @@ class SlowClient(StreamingTest):
         # Noise, of which a packet at 256 kbit/s takes some 320 bytes; silence would take so few
         # that all fits into ENet's window of sent data.
         self.sound.play(noise(30 * 48000, 20261121))
+        wait_until(lambda: any(self.witness.wait_packets(1)[-1].payload), "the noise is heard")
         slow = self.probe.listen(rate_code=3)
         start = self.server.out.count()
         returned = self.stall(slow, LONGEST_STALL)

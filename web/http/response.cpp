@@ -24,8 +24,8 @@ Response sentence(unsigned status, const std::string& text) {
 std::string write(const Response& response, const Manner& manner) {
     const auto reason = boost::beast::http::obsolete_reason(
         static_cast<boost::beast::http::status>(response.status));
-    // An HTTP/1.0 client gets an HTTP/1.1 answer as well, without chunks.
-    std::string text = "HTTP/1.1 " + std::to_string(response.status) + " ";
+    std::string text = manner.version < 11 ? "HTTP/1.0 " : "HTTP/1.1 ";
+    text += std::to_string(response.status) + " ";
     text.append(reason.data(), reason.size());
     text += "\r\nServer: velantrix-web\r\nContent-Type: " + response.contentType + "\r\n";
     text += PROTECTION;

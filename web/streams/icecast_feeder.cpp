@@ -6,10 +6,11 @@
 #include <csignal>
 #include <cstdint>
 #include <deque>
-#include <future>
 #include <mutex>
-#include <shout/shout.h>
+#include <string_view>
 #include <utility>
+
+#include <shout/shout.h>
 
 #include "listen/background.h"
 #include "listen/clock.h"
@@ -24,10 +25,12 @@ using vxlisten::steadyNow;
 using Milliseconds = std::chrono::milliseconds;
 
 /// Bytes that wait for the server here, four seconds at 256 kbit/s, and in libshout.
-constexpr std::size_t LONGEST_QUEUE = 128 * 1024;
-constexpr ssize_t LONGEST_SEND_QUEUE = 16 * 1024;
+constexpr std::size_t LONGEST_QUEUE = 1U << 17;
+constexpr ssize_t LONGEST_SEND_QUEUE = 1 << 14;
 constexpr std::int64_t CONNECT_TIMEOUT = 10 * SECOND;
 constexpr std::int64_t SEND_TIMEOUT = 10 * SECOND;
+/// libshout loses some bytes with each attempt.
+constexpr std::int64_t LONGEST_PAUSE_MS = 30'000;
 /// A server that ends each connection before is not asked again at once.
 constexpr std::int64_t LASTING_CONNECTION = 5 * SECOND;
 /// libshout does not show its socket, so it is asked so often.
@@ -35,10 +38,7 @@ constexpr Milliseconds STEP(20);
 constexpr Milliseconds LONGEST_END(500);
 
 struct ShoutDeleter {
-    void operator()(shout_t* shout) const {
-        shout_close(shout);
-        shout_free(shout);
-    }
+    void operator()(shout_t* shout) const { shout_free(shout); }
 };
 using Shout = std::unique_ptr<shout_t, ShoutDeleter>;
 
@@ -84,7 +84,6 @@ struct IcecastFeeder::State {
     IcecastTarget target;
     std::string title;
     Report report;
-    std::future<void> thread;  ///< Its end; the caller's.
 
     std::mutex mutex;
     std::condition_variable changed;
@@ -172,7 +171,7 @@ int IcecastFeeder::State::connect(shout_t* shout) {
            sleep(STEP)) {
         result = result == SHOUTERR_RETRY ? shout_open(shout) : shout_get_connected(shout);
     }
-    return result == SHOUTERR_UNCONNECTED ? shout_get_errno(shout) : result;
+    return result == SHOUTERR_SOCKET ? SHOUTERR_NOCONNECT : result;
 }
 
 /// Sends until something goes wrong, and returns that.
@@ -190,11 +189,11 @@ int IcecastFeeder::State::feed(shout_t* shout) {
         } else {
             sleep(STEP);
         }
-        static const std::string NOTHING;
-        const std::string& bytes = chunk != nullptr ? *chunk : NOTHING;
         if (chunk == nullptr && waiting <= 0) {
             continue;
         }
+        // Without a chunk what waits is sent on.
+        const std::string_view bytes = chunk != nullptr ? *chunk : std::string_view();
         const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data());
         if (shout_send_raw(shout, data, bytes.size()) < 0 &&
             shout_get_errno(shout) != SHOUTERR_BUSY) {
@@ -208,11 +207,11 @@ void IcecastFeeder::State::run() {
     sigset_t all;
     sigfillset(&all);
     pthread_sigmask(SIG_BLOCK, &all, nullptr);  // SIGPIPE, too, which libshout lets come.
-    vxlisten::RetryPause pause;
+    vxlisten::RetryPause pause(LONGEST_PAUSE_MS);
     std::string told;
-    while (waitForStart()) {
-        const Shout shout = prepare(target, title);
-        int result = shout == nullptr ? SHOUTERR_MALLOC : connect(shout.get());
+    const Shout shout = prepare(target, title);
+    while (shout != nullptr && waitForStart()) {
+        int result = connect(shout.get());
         if (result == SHOUTERR_CONNECTED) {
             told = "Icecast hears the stream: " + target.name();
             tell(told);
@@ -224,6 +223,7 @@ void IcecastFeeder::State::run() {
                 pause.reset();
             }
         }
+        shout_close(shout.get());
         const std::string line =
             "Icecast does not hear the stream, " + reasonOf(result) + ": " + target.name();
         if (line != told) {
@@ -242,7 +242,7 @@ IcecastFeeder::IcecastFeeder(const IcecastTarget& target, const std::string& tit
     state_->target = target;
     state_->title = title;
     state_->report = std::move(report);
-    state_->thread = vxlisten::inBackground([state = state_] { state->run(); });
+    thread_ = vxlisten::inBackground([state = state_] { state->run(); });
 }
 
 IcecastFeeder::~IcecastFeeder() {
@@ -251,7 +251,7 @@ IcecastFeeder::~IcecastFeeder() {
         state_->stopped = true;
     }
     state_->changed.notify_all();
-    if (state_->thread.wait_for(LONGEST_END) != std::future_status::ready) {
+    if (thread_.wait_for(LONGEST_END) != std::future_status::ready) {
         vxlisten::noteAbandoned();
     }
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <functional>
+#include <future>
 #include <memory>
 #include <string>
 
@@ -35,6 +36,7 @@ class IcecastFeeder {
   private:
     struct State;
     std::shared_ptr<State> state_;  ///< The thread's, too, which may outlive this.
+    std::future<void> thread_;      ///< Its end.
 };
 
 }  // namespace vxweb

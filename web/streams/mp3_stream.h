@@ -1,8 +1,9 @@
 #pragma once
 
-#include <lame/lame.h>
 #include <memory>
 #include <vector>
+
+#include <lame/lame.h>
 
 #include "web/streams/pcm_stream.h"
 

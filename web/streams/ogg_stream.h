@@ -4,10 +4,10 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <ogg/ogg.h>
 #include <string>
 #include <vector>
 
+#include <ogg/ogg.h>
 #include <opus/opus.h>
 
 #include "web/streams/media_stream.h"

@@ -8,6 +8,7 @@
 #include <boost/asio/post.hpp>
 #include <nlohmann/json.hpp>
 
+#include "listen/background.h"
 #include "web/log.h"
 
 namespace vxweb {
@@ -16,12 +17,18 @@ namespace {
 
 /// A feed that nobody hears any more stays this long for whoever comes back.
 constexpr std::chrono::seconds LINGER{5};
+constexpr int ICECAST_RATE = 128;
+
+ChannelId icecastChannel() {
+    return findChannel(Form::Ogg, ICECAST_RATE).value();
+}
 
 }  // namespace
 
 Station::Station(const Options& options, Workers& workers)
     : title_(options.title),
       maxListeners_(options.maxListeners),
+      icecast_(options.icecast),
       workers_(workers),
       context_(workers.front()->context()),
       locator_(context_, options.server),
@@ -33,14 +40,31 @@ Station::Station(const Options& options, Workers& workers)
 
 void Station::start() {
     locator_.start();
+    for (const IcecastTarget& target : icecast_) {
+        feeders_.push_back(std::make_unique<IcecastFeeder>(target, title_, say));
+        use(CHANNELS[icecastChannel()].rateCode).feed->addListener(icecastChannel());
+        ++listeners_;
+    }
 }
 
 void Station::close() {
     locator_.stop();
+    // Each may take half a second.
+    for (auto& feeder : feeders_) {
+        --listeners_;
+        goodbyes_.push_back(vxlisten::inBackground([last = std::shared_ptr<IcecastFeeder>(std::move(
+                                                        feeder))]() mutable { last.reset(); }));
+    }
+    feeders_.clear();
     for (Place& place : places_) {
         place.linger.cancel();
         closeNow(place);
     }
+}
+
+bool Station::closed() const {
+    return closing_.empty() && listeners_ == 0 &&
+           std::all_of(goodbyes_.begin(), goodbyes_.end(), vxlisten::isReady<void>);
 }
 
 bool Station::reserve() {
@@ -63,14 +87,19 @@ void Station::leave(ChannelId channel, Worker& worker, Subscriber& subscriber) {
     boost::asio::dispatch(context_, [this, channel, &worker] { remove(channel, worker); });
 }
 
-void Station::add(ChannelId channel, Worker& worker,
-                  const std::shared_ptr<Subscriber>& subscriber) {
-    const std::uint32_t rateCode = CHANNELS[channel].rateCode;
+/// The place of a stream, which somebody is to hear.
+Station::Place& Station::use(std::uint32_t rateCode) {
     Place& place = places_[rateCode];
     if (!place.feed) {
         place.feed = std::make_unique<Feed>(context_, locator_, rateCode, title_, *this);
     }
     place.linger.cancel();
+    return place;
+}
+
+void Station::add(ChannelId channel, Worker& worker,
+                  const std::shared_ptr<Subscriber>& subscriber) {
+    Place& place = use(CHANNELS[channel].rateCode);
     place.feed->addListener(channel);
     ++counts_[worker.index()][channel];
     boost::asio::dispatch(worker.context(),
@@ -120,7 +149,21 @@ void Station::feedClosed(const Feed& feed) {
     });
 }
 
+void Station::feedIcecast(const Packet& packet) {
+    const std::string body(packet.view(false));
+    for (const auto& feeder : feeders_) {
+        if (packet.sound) {
+            feeder->push(std::make_shared<const std::string>(body));
+        } else {
+            feeder->start(body);
+        }
+    }
+}
+
 void Station::publish(ChannelId channel, const PacketPtr& packet) {
+    if (!feeders_.empty() && channel == icecastChannel()) {
+        feedIcecast(*packet);
+    }
     // The own worker last: the others work meanwhile.
     for (std::size_t i = workers_.size(); i-- > 0;) {
         if (counts_[i][channel] > 0) {

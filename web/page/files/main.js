@@ -14,7 +14,7 @@ const TEXTS = {
   [State.STOPPED]: ['Ready', 'Press play to listen.'],
   [State.CONNECTING]: ['Connecting', 'One moment.'],
   [State.WAITING]: ['Waiting for the server', 'It plays as soon as the server is there.'],
-  [State.PLAYING]: ['Playing', 'Live, in stereo.'],
+  [State.PLAYING]: ['Playing', 'Live from the server.'],
   [State.AWAY]: ['The server is away', 'It plays on by itself when the server is back.'],
 };
 

@@ -109,6 +109,7 @@ export class Player {
     this.#connection = null;
     this.#decoder = null;
     this.#format = null;
+    this.#output?.restart();
   }
 
   /** Ends the sound and the connection. */
@@ -132,6 +133,7 @@ export class Player {
 
   #pause(state) {
     this.#format = null; // It comes again before the sound.
+    this.#output?.restart();
     this.#tell(state);
   }
 

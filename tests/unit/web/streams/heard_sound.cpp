@@ -4,9 +4,9 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <ogg/ogg.h>
 
 #include <gtest/gtest.h>
+#include <ogg/ogg.h>
 #include <opus/opus.h>
 #include <sndfile.h>
 

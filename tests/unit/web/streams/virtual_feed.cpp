@@ -7,7 +7,6 @@ namespace {
 
 constexpr std::int64_t MILLISECOND = 1000;
 constexpr std::int64_t SECOND = 1'000'000;
-constexpr std::int64_t PASS_EVERY = 20 * MILLISECOND;
 
 std::uint32_t codeOf(vxweb::StreamFormat format, int rate) {
     for (std::uint32_t code = 1; format == vxweb::StreamFormat::Ogg; ++code) {
@@ -87,12 +86,12 @@ void VirtualFeed::deliver(const packets::Bytes& bytes) {
     stream_->take(*packet, step, now_, [this](const auto& chunk) { keep(chunk); });
 }
 
-void VirtualFeed::advance(std::int64_t microseconds) {
+void VirtualFeed::advance(std::int64_t microseconds, std::int64_t every) {
     const std::int64_t end = now_ + microseconds;
     while (nextPass_ <= end) {
         now_ = nextPass_;
         stream_->pass(now_, [this](const auto& chunk) { keep(chunk); });
-        nextPass_ += PASS_EVERY;
+        nextPass_ += every * MILLISECOND;
     }
     now_ = end;
 }
@@ -105,8 +104,8 @@ void VirtualFeed::play(std::int64_t milliseconds) {
     }
 }
 
-void VirtualFeed::pass(std::int64_t milliseconds) {
-    advance(milliseconds * MILLISECOND);
+void VirtualFeed::pass(std::int64_t milliseconds, std::int64_t every) {
+    advance(milliseconds * MILLISECOND, every);
 }
 
 void VirtualFeed::stall(std::int64_t milliseconds) {

@@ -22,8 +22,8 @@ class VirtualFeed {
 
     /// Sound for so long, packet by packet as time goes on.
     void play(std::int64_t milliseconds);
-    /// Nothing arrives for so long.
-    void pass(std::int64_t milliseconds);
+    /// Nothing arrives for so long. `every`: milliseconds between the calls of pass().
+    void pass(std::int64_t milliseconds, std::int64_t every = 20);
     /// As long as that nothing arrives; what was sent meanwhile then comes at once.
     void stall(std::int64_t milliseconds);
     /// So many packets get lost, in the time they take.
@@ -61,7 +61,7 @@ class VirtualFeed {
     packets::Bytes encode(const packets::Bytes& sound);
     packets::Bytes make(const packets::Bytes& payload);
     void deliver(const packets::Bytes& packet);
-    void advance(std::int64_t microseconds);
+    void advance(std::int64_t microseconds, std::int64_t every = 20);
     void keep(const vxweb::Chunk& chunk);
     std::int64_t packetTime();
 

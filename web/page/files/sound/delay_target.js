@@ -8,6 +8,7 @@ const MEMORY = 1 - 1 / 4000; // Weight that a packet keeps when the next one com
 const UNCOVERED = 0.002; // Share of the packets that may come too late,
 const EXCEPTIONS = 1; // but so many at any rate.
 const SETTLING_PACKETS = 30; // The page is busy while it begins: they say nothing.
+const CATCHING_UP_MS = 1;
 const SAFETY_MS = 5;
 const UNDERRUN_EXTRA_MS = 15;
 const MAX_EXTRA_MS = 300;
@@ -16,8 +17,8 @@ const EXTRA_LOSS_PER_SECOND = 0.2;
 /**
  * The target: at least what the user chose, and as much more as the recent unevenness of the
  * packets and recent underruns ask for. It grows as soon as a few packets have come later than it
- * covers and shrinks when that has not happened for half a minute or so. Packets that come at once
- * after a delay count as one. All times are given, in milliseconds.
+ * covers and shrinks when that has not happened for half a minute or so. Packets that catch up after
+ * a delay count as one with it. All times are given, in milliseconds.
  */
 export class DelayTarget {
   #chosen;
@@ -27,7 +28,6 @@ export class DelayTarget {
   #quickest = null; // Smallest transit time, of an older and the present window.
   #quickestNow = 0; // The same, of the present window.
   #windowEnd = 0;
-  #lastArrival = 0;
   #lastLateness = 0;
   #lateness = new Float64Array(BINS); // How many packets were how late, fading with time.
   #total = 0;
@@ -62,9 +62,7 @@ export class DelayTarget {
       this.#windowEnd = arrival + WINDOW_MS;
     }
     const lateness = transit - this.#quickest;
-    const sameDelay =
-      arrival - this.#lastArrival < packetMs / 2 && lateness < this.#lastLateness;
-    this.#lastArrival = arrival;
+    const sameDelay = lateness < this.#lastLateness - CATCHING_UP_MS;
     this.#lastLateness = lateness;
     if (!sameDelay) {
       this.#count(lateness);
