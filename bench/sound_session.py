@@ -1,6 +1,7 @@
 """A streaming session on the real sound path: a private sound server, ALSA's bridge, PortAudio."""
 
 import array
+import fcntl
 import itertools
 import math
 import os
@@ -8,6 +9,7 @@ import random
 import re
 import subprocess
 import tempfile
+import termios
 import threading
 import time
 from pathlib import Path
@@ -16,6 +18,12 @@ from session import Client, end_programs
 from support.sound import NULL_SINK, SoundServer, clean_environment
 
 RATE = 48000
+
+PIECE_S = 0.005
+PLAYER_LATENCY_MS = 20
+CLICK_MS = 1
+CLICK_PAUSE_S = (0.6, 1.0)
+FURTHEST_MS = 500
 
 
 def busy_sound():
@@ -86,8 +94,56 @@ class Player:
         self.thread.join(timeout=20)
 
 
+class Clicks:
+    """Silence handed over piece by piece in real time, with a click at random moments.
+
+    Silence is held back while the player's pipe is not empty, so that no delay builds up there.
+    """
+
+    def __init__(self):
+        self.handed_over = []
+        self.random = random.Random(7)
+        self.silence = bytes(int(RATE * PIECE_S) * 4)
+        frames = RATE * CLICK_MS // 1000
+        click = b"".join((20000).to_bytes(2, "little") for _ in range(2 * frames))
+        self.click = click + self.silence[len(click):]
+
+    @staticmethod
+    def _waiting(pipe):
+        count = array.array("i", [0])
+        fcntl.ioctl(pipe.fileno(), termios.FIONREAD, count)
+        return count[0]
+
+    def pieces(self, pipe):
+        for _ in range(int(PLAYER_LATENCY_MS / 1000 / PIECE_S) + 1):
+            yield self.silence  # As much as the player wants before it begins.
+        while self._waiting(pipe) > 0:
+            time.sleep(PIECE_S)
+        due = time.monotonic()
+        next_click = due + 1
+        while True:
+            due += PIECE_S
+            time.sleep(max(0, due - time.monotonic()))
+            if due >= next_click:
+                next_click = due + self.random.uniform(*CLICK_PAUSE_S)
+                self.handed_over.append(time.monotonic_ns())
+                yield self.click
+            elif self._waiting(pipe) == 0:
+                yield self.silence
+
+
+def match(handed_over, arrivals):
+    """Delays in ns: every hand-over with the first arrival after it, within reason."""
+    delays, waiting = [], sorted(arrivals)
+    for moment in handed_over:
+        found = next((a for a in waiting if 0 <= a - moment < FURTHEST_MS * 1e6), None)
+        if found is not None:
+            delays.append(found - moment)
+    return sorted(delays)
+
+
 class Recorder:
-    """parec on the null sink's monitor with as little buffering as there can be.
+    """parec on a null sink's monitor with as little buffering as there can be.
 
     `clicks` are the times at which the first loud sample after quiet ones was read, ns.
     """
@@ -95,10 +151,10 @@ class Recorder:
     LOUD = 8000
     QUIET_BYTES = 1400
 
-    def __init__(self, sound):
+    def __init__(self, sound, sink=NULL_SINK):
         self.process = subprocess.Popen(
             ["parec", "--raw", "--format=s16le", "--channels=2", f"--rate={RATE}",
-             f"--device={NULL_SINK}.monitor", "--latency-msec=1"], stdout=subprocess.PIPE,
+             f"--device={sink}.monitor", "--latency-msec=1"], stdout=subprocess.PIPE,
             env=dict(clean_environment(), **sound.env))
         self.clicks = []
         self.thread = threading.Thread(target=self._read, daemon=True)

@@ -37,11 +37,11 @@ void Listener::send(PacketPtr packet) {
         if (gone == bytes.size()) {
             return;
         }
-    } else if (!makeRoom(packet->sound)) {
+    } else if (!makeRoom(*packet)) {
         fail(boost::asio::error::timed_out);
         return;
     }
-    queue_.push_back({std::move(packet), vxlisten::steadyNow(), gone, nullptr});
+    queue_.push_back({std::move(packet), gone, nullptr});
     flush();
 }
 
@@ -50,7 +50,7 @@ void Listener::sendOwn(std::string bytes, Done done) {
     packet->bytes = std::move(bytes);
     packet->bodyLength = packet->bytes.size();
     packet->sound = false;
-    queue_.push_back({std::move(packet), vxlisten::steadyNow(), 0, std::move(done)});
+    queue_.push_back({std::move(packet), 0, std::move(done)});
     if (failed_) {
         fail(boost::asio::error::operation_aborted);
     } else {
@@ -59,19 +59,19 @@ void Listener::sendOwn(std::string bytes, Done done) {
 }
 
 /// Before another packet joins the queue. False when the listener is too slow for the connection.
-bool Listener::makeRoom(bool forSound) {
-    const std::int64_t now = vxlisten::steadyNow();
+bool Listener::makeRoom(const Packet& packet) {
     if (slow_ == Slow::LosesConnection) {
-        return now - queue_.front().since < MAX_STREAM_DELAY;
+        return std::none_of(queue_.begin(), queue_.end(), [&packet](const Entry& entry) {
+            return entry.packet->sound && packet.time - entry.packet->time > MAX_STREAM_DELAY;
+        });
     }
     // A text begins something new: what waits from before is of no use any more.
-    const std::int64_t oldest = forSound ? now - MAX_LIVE_DELAY : now + 1;
+    const auto useless = [&packet](const Entry& entry) {
+        const bool old = packet.time - entry.packet->time > MAX_LIVE_DELAY;
+        return !entry.done && (!packet.sound || (entry.packet->sound && old));
+    };
     const bool begun = writing_ || queue_.front().gone > 0;
-    queue_.erase(std::remove_if(queue_.begin() + (begun ? 1 : 0), queue_.end(),
-                                [oldest, forSound](const Entry& entry) {
-                                    return !entry.done && entry.since < oldest &&
-                                           (entry.packet->sound || !forSound);
-                                }),
+    queue_.erase(std::remove_if(queue_.begin() + (begun ? 1 : 0), queue_.end(), useless),
                  queue_.end());
     return true;
 }

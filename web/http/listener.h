@@ -17,8 +17,8 @@ class Listener : public std::enable_shared_from_this<Listener> {
   public:
     /// What happens to one who does not read.
     enum class Slow {
-        LosesSound,       ///< The oldest beyond a second.
-        LosesConnection,  ///< When nothing goes for ten seconds.
+        LosesSound,       ///< What has waited for more than a second.
+        LosesConnection,  ///< When sound has waited for more than ten.
     };
 
     /// `framed`: packets go with their frames.
@@ -40,12 +40,11 @@ class Listener : public std::enable_shared_from_this<Listener> {
   private:
     struct Entry {
         PacketPtr packet;
-        std::int64_t since = 0;  ///< When it was queued, in microseconds.
-        std::size_t gone = 0;    ///< Bytes of it that have been written.
-        Done done;               ///< Set for what is never left out.
+        std::size_t gone = 0;  ///< Bytes of it that have been written.
+        Done done;             ///< Set for what is never left out.
     };
 
-    [[nodiscard]] bool makeRoom(bool forSound);
+    [[nodiscard]] bool makeRoom(const Packet& packet);
     void flush();
     void advance(std::size_t count, const Error& error);
     void fail(const Error& error);

@@ -18,7 +18,11 @@ RequestReader::RequestReader() {
 std::size_t RequestReader::read(std::string_view bytes) {
     boost::system::error_code error;
     const std::size_t taken = parser_.put(boost::asio::buffer(bytes), error);
-    if (parser_.is_header_done()) {
+    taken_ += taken;
+    const std::size_t waiting = parser_.is_header_done() ? 0 : bytes.size() - taken;
+    if (taken_ + waiting > MAX_HEADER) {  // Beast counts the request line apart.
+        state_ = State::TooLong;
+    } else if (parser_.is_header_done()) {
         state_ = State::Complete;
     } else if (error == http::error::header_limit) {
         state_ = State::TooLong;

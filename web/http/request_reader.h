@@ -34,6 +34,7 @@ class RequestReader {
 
   private:
     boost::beast::http::request_parser<boost::beast::http::empty_body> parser_;
+    std::size_t taken_ = 0;
     State state_ = State::Reading;
 };
 

@@ -17,6 +17,7 @@ using vxlisten::SECOND;
 using vxlisten::steadyNow;
 
 constexpr std::chrono::milliseconds TICK{20};
+constexpr std::int64_t LOCATE_PATIENCE = 1 * SECOND;
 constexpr std::int64_t CONNECT_PATIENCE = 5 * SECOND;
 /// A server sends without a pause. When nothing comes although the connection stands, only a new
 /// connection helps.
@@ -179,7 +180,8 @@ void Upstream::watch() {
     if (link_ == Link::Closing && now - linkSince_ >= GOODBYE_PATIENCE) {
         enter(Link::Ended);
         events_.upstreamClosed();
-    } else if (link_ == Link::Waiting && !away_ && locator_.address().empty()) {
+    } else if (link_ == Link::Waiting && !away_ && locator_.address().empty() &&
+               now - linkSince_ >= LOCATE_PATIENCE) {
         away_ = true;
         events_.serverWentAway();
     } else if (link_ == Link::Waiting && now >= waitUntil_ && !locator_.address().empty()) {

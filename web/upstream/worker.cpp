@@ -10,7 +10,9 @@ void Worker::attach(ChannelId channel, const std::shared_ptr<Subscriber>& subscr
         return;
     }
     subscribers_[channel].push_back(subscriber);
-    if (intro) {
+    if (ending_) {
+        subscriber->farewell();
+    } else if (intro) {
         subscriber->take(intro);
     }
 }
@@ -33,6 +35,7 @@ void Worker::deliver(ChannelId channel, const PacketPtr& packet) {
 }
 
 void Worker::farewell() {
+    ending_ = true;
     for (const auto& list : subscribers_) {
         for (const auto& subscriber : list) {
             subscriber->farewell();

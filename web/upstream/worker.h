@@ -38,12 +38,13 @@ class Worker {
     /// Not within take().
     void detach(ChannelId channel, const Subscriber* subscriber);
     void deliver(ChannelId channel, const PacketPtr& packet);
-    /// Tells all subscribers that the program ends.
+    /// Tells all subscribers, also those who come later, that the program ends.
     void farewell();
 
   private:
     boost::asio::io_context context_{1};
     const std::size_t index_;
+    bool ending_ = false;
     std::array<std::vector<std::shared_ptr<Subscriber>>, CHANNELS.size()> subscribers_;
 };
 

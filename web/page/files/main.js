@@ -14,7 +14,7 @@ const TEXTS = {
   [State.STOPPED]: ['Ready', 'Press play to listen.'],
   [State.CONNECTING]: ['Connecting', 'One moment.'],
   [State.WAITING]: ['Waiting for the server', 'It plays as soon as the server is there.'],
-  [State.PLAYING]: ['Playing', 'Live, in stereo.'],
+  [State.PLAYING]: ['Playing', 'Live from the server.'],
   [State.AWAY]: ['The server is away', 'It plays on by itself when the server is back.'],
 };
 
@@ -139,7 +139,8 @@ const ms = (value) => `${Math.round(value)} ms`;
 
 function showTexts(figures, seconds) {
   const playing = player.state === State.PLAYING;
-  show('delay', playing ? ms(figures.depthMs + figures.leadMs + figures.outputMs) : '–');
+  const delay = ms(figures.depthMs + figures.leadMs + (figures.outputMs ?? 0));
+  show('delay', !playing ? '–' : figures.outputMs === null ? `> ${delay}` : delay);
   show('buffer-now', ms(figures.targetMs));
   for (const { bar, level } of bars) {
     bar.setAttribute('aria-valuenow', Math.round(level));

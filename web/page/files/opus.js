@@ -23,20 +23,25 @@ function config() {
 export class OpusDecoder {
   #onSamples;
   #decoder = null;
+  #sequences = []; // Of the packets inside the decoder, whose own time stamps browsers change.
+  #time = 0; // Microseconds.
 
   constructor(onSamples) {
     this.#onSamples = onSamples;
   }
 
-  decode({ sequence, payload }) {
+  decode({ sequence, frames, payload }) {
     if (this.#decoder === null || this.#decoder.state === 'closed') {
       this.#open();
     }
-    // The time stamp is ours to choose and comes back with the sound.
-    this.#decoder.decode(new EncodedAudioChunk({ type: 'key', timestamp: sequence, data: payload }));
+    this.#sequences.push(sequence);
+    this.#decoder.decode(
+      new EncodedAudioChunk({ type: 'key', timestamp: this.#time, data: payload }));
+    this.#time += Math.round((frames * 1e6) / RATE);
   }
 
   #open() {
+    this.#sequences = [];
     this.#decoder = new AudioDecoder({
       output: (sound) => this.#take(sound),
       error: () => {}, // The decoder is closed then; the next packet gets a new one.
@@ -45,7 +50,7 @@ export class OpusDecoder {
   }
 
   #take(sound) {
-    const { numberOfFrames: frames, numberOfChannels: channels, timestamp } = sound;
+    const { numberOfFrames: frames, numberOfChannels: channels } = sound;
     const samples = new Float32Array(2 * frames);
     const plane = new Float32Array(frames);
     for (let channel = 0; channel < 2; ++channel) {
@@ -56,7 +61,7 @@ export class OpusDecoder {
       }
     }
     sound.close();
-    this.#onSamples(timestamp, samples);
+    this.#onSamples(this.#sequences.shift(), samples);
   }
 
   close() {

@@ -7,6 +7,9 @@ import { samplesOfPcm } from './sound/packets.js';
 import { WorkletOutput } from './worklet_output.js';
 
 const VOLUME_SECONDS = 0.02;
+// Firefox deadlocks with PulseAudio when a page asks for outputLatency or getOutputTimestamp()
+// while it plays: one time of a hundred or so.
+const asksOutput = !CSS.supports('-moz-appearance', 'none');
 
 export const State = {
   STOPPED: 'stopped',
@@ -25,8 +28,8 @@ function liveUrl(quality) {
 
 /**
  * Calls of `listener`: onState(one of State), onTitle(text), onFigures(figures). The figures are
- * those of Playout, and outputMs (of the browser and the device), leadMs, sampleRate, bytes (until
- * now).
+ * those of Playout, and outputMs (of the browser and the device; null when unknown), leadMs,
+ * sampleRate, bytes (until now).
  */
 export class Player {
   #listener;
@@ -106,6 +109,7 @@ export class Player {
     this.#connection = null;
     this.#decoder = null;
     this.#format = null;
+    this.#output?.restart();
   }
 
   /** Ends the sound and the connection. */
@@ -129,6 +133,7 @@ export class Player {
 
   #pause(state) {
     this.#format = null; // It comes again before the sound.
+    this.#output?.restart();
     this.#tell(state);
   }
 
@@ -159,11 +164,11 @@ export class Player {
       this.#hasPlayed = true;
       this.#tell(State.PLAYING);
     }
-    const { baseLatency = 0, outputLatency = 0 } = this.#context;
+    const { baseLatency = 0, outputLatency = 0 } = asksOutput ? this.#context : {};
     this.#listener.onFigures({
       leadMs: 0,
       ...figures,
-      outputMs: 1000 * Math.max(baseLatency, outputLatency),
+      outputMs: asksOutput ? 1000 * Math.max(baseLatency, outputLatency) : null,
       sampleRate: this.#format?.sampleRate ?? 0,
       bytes: this.#bytes,
     });

@@ -7,6 +7,8 @@ const BINS = 800; // Of a millisecond each.
 const MEMORY = 1 - 1 / 4000; // Weight that a packet keeps when the next one comes.
 const UNCOVERED = 0.002; // Share of the packets that may come too late,
 const EXCEPTIONS = 1; // but so many at any rate.
+const SETTLING_PACKETS = 30; // The page is busy while it begins: they say nothing.
+const CATCHING_UP_MS = 1;
 const SAFETY_MS = 5;
 const UNDERRUN_EXTRA_MS = 15;
 const MAX_EXTRA_MS = 300;
@@ -15,8 +17,8 @@ const EXTRA_LOSS_PER_SECOND = 0.2;
 /**
  * The target: at least what the user chose, and as much more as the recent unevenness of the
  * packets and recent underruns ask for. It grows as soon as a few packets have come later than it
- * covers and shrinks when that has not happened for half a minute or so. Packets that come at once
- * after a delay count as one. All times are given, in milliseconds.
+ * covers and shrinks when that has not happened for half a minute or so. Packets that catch up after
+ * a delay count as one with it. All times are given, in milliseconds.
  */
 export class DelayTarget {
   #chosen;
@@ -26,10 +28,10 @@ export class DelayTarget {
   #quickest = null; // Smallest transit time, of an older and the present window.
   #quickestNow = 0; // The same, of the present window.
   #windowEnd = 0;
-  #lastArrival = 0;
   #lastLateness = 0;
   #lateness = new Float64Array(BINS); // How many packets were how late, fading with time.
   #total = 0;
+  #settling = SETTLING_PACKETS;
 
   constructor(chosenMs) {
     this.choose(chosenMs);
@@ -43,6 +45,10 @@ export class DelayTarget {
   noteArrival(mediaTime, arrival, packetMs) {
     const transit = arrival - mediaTime;
     this.#packetMs = packetMs;
+    if (this.#settling > 0) {
+      this.#settling -= 1;
+      return;
+    }
     if (this.#quickest === null) {
       this.#quickest = transit;
       this.#quickestNow = transit;
@@ -56,9 +62,7 @@ export class DelayTarget {
       this.#windowEnd = arrival + WINDOW_MS;
     }
     const lateness = transit - this.#quickest;
-    const sameDelay =
-      arrival - this.#lastArrival < packetMs / 2 && lateness < this.#lastLateness;
-    this.#lastArrival = arrival;
+    const sameDelay = lateness < this.#lastLateness - CATCHING_UP_MS;
     this.#lastLateness = lateness;
     if (!sameDelay) {
       this.#count(lateness);
@@ -83,6 +87,7 @@ export class DelayTarget {
   /** Forgets what was, as for a new stream: the end of the last one was no unevenness. */
   restart() {
     this.#extra = 0;
+    this.#settling = SETTLING_PACKETS;
     this.#quickest = null;
     this.#lateness.fill(0);
     this.#total = 0;

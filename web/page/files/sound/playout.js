@@ -38,6 +38,7 @@ export class Playout {
   #sinceStretch = 0;
   #stretching = false;
   #everPlayed = false;
+  #ending = false; // The stream has ended, and is to run dry.
   #peak = [0, 0];
   #figures = {
     playing: false,
@@ -59,9 +60,10 @@ export class Playout {
     this.#target.choose(milliseconds);
   }
 
-  /** What comes next has nothing to do with what came before. */
+  /** The stream has ended: what comes next has nothing to do with it. */
   restart() {
     this.#tracker.restart();
+    this.#ending = true;
   }
 
   /** Takes a packet over: its sequence number, its rate in Hz, its interleaved samples. */
@@ -73,6 +75,7 @@ export class Playout {
       this.#target.restart();
       this.#packets = 0;
       this.#rate = rate;
+      this.#ending = false;
     } else {
       this.#conceal(missing);
     }
@@ -153,9 +156,11 @@ export class Playout {
     let samples = block.samples;
     switch (block.kind) {
       case Kind.RAN_DRY:
-        this.#figures.underruns += 1;
-        this.#target.noteUnderrun();
         this.#figures.playing = false;
+        if (!this.#ending) {
+          this.#figures.underruns += 1;
+          this.#target.noteUnderrun();
+        }
         break;
       case Kind.ENDED:
         this.#figures.playing = false;
