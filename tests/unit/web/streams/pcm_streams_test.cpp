@@ -183,8 +183,8 @@ TEST(Mp3Stream, EveryFrameCanBePlayedByItself) {
             EXPECT_EQ(high, 0) << "the bit reservoir is in use";
         }
     }
-    EXPECT_EQ(feed.heard().find("Xing"), std::string::npos);
-    EXPECT_EQ(feed.heard().find("Info"), std::string::npos);
+    EXPECT_NE(feed.heard().substr(4, 380), std::string(380, '\0'))
+        << "the first frame is room for a header with the length";
 }
 
 TEST(FlacStream, TheTitleStandsInTheHeader) {
