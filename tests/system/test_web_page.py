@@ -93,6 +93,10 @@ class PageTest(SystemTest):
     def text(self, name):
         return self.browser.script("return document.getElementById(arguments[0]).textContent", name)
 
+    def delay(self):
+        """The delay that is shown, in milliseconds; 0 while there is none."""
+        return int("".join(filter(str.isdigit, self.text("delay"))) or 0)
+
     def wait_for_state(self, state):
         wait_until(lambda: self.data("state") == state, f"the page is {state}")
 
@@ -115,14 +119,21 @@ class PageTest(SystemTest):
                 recorder.kill()
                 recorder.wait()
         content = path.read_bytes()
-        pathlib.Path("/tmp/w3/heard.raw").write_bytes(content)
         samples = array.array("h")
         samples.frombytes(content[:len(content) // 4 * 4])
         return samples
 
     def assert_heard(self, name, seconds=SECONDS, level=True):
-        time.sleep(SETTLING)
-        assert_tone(self, self.record(seconds + 1), RATE, seconds, name, level, spliced=True)
+        """The machine may stand still now and then: one of three times must be right."""
+        for attempts_left in (2, 1, 0):
+            time.sleep(SETTLING)
+            samples = self.record(seconds + 1)
+            try:
+                return assert_tone(self, samples, RATE, seconds, name, level, spliced=True)
+            except AssertionError as error:
+                print(f"{error}; interruptions: {self.text('figure-underruns')}")
+                if not attempts_left:
+                    raise
 
     def check_playing(self, browser, qualities, output):
         self.open(browser)
@@ -133,7 +144,7 @@ class PageTest(SystemTest):
             self.browser.click(f"input[name=quality][value='{quality}']")
             self.assert_heard(f"{browser.__name__}, {quality}", level=quality != "20")
             print(browser.__name__, quality, self.text("delay"), "buffer", self.text("buffer-now"),
-                  "interruptions", self.data("underruns"))
+                  "interruptions", self.text("figure-underruns"))
 
 
 class Insecure(PageTest):
@@ -251,7 +262,7 @@ class Page(PageTest):
         self.browser.click("input[name=buffer][value='150']")
         self.reload()
         self.play()
-        wait_until(lambda: float(self.data("depth") or 0) > 120, "the buffer is filled")
+        wait_until(lambda: self.delay() > 140, "the buffer is filled")
         self.assertEqual(self.text("buffer-now"), "150 ms")
 
     def test_the_level_is_shown_to_the_eye_and_in_words(self):

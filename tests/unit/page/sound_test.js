@@ -359,7 +359,7 @@ export function aServerThatComesBackIsHeardAgain() {
   const again = session.run(2);
   noClick(again, 'the new begin');
   check(session.figures.playing, 'it plays');
-  const { amplitude, rest } = measure(again.subarray(RATE), TONE, RATE);
+  const { amplitude, rest } = measure(again.subarray(-RATE / 10), TONE, RATE);
   near(amplitude, AMPLITUDE, 0.02, 'at the new rate');
   check(rest < 0.1, 'with the right pitch');
 }

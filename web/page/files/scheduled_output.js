@@ -8,9 +8,9 @@ const PIECE_SECONDS = 0.01;
 const TIMER_MS = 8;
 const FADE_SECONDS = 0.003;
 const MIN_PERIOD_SECONDS = 0.01;
-const FIGURES_MS = 40;
+const FIGURES_MS = 50;
 
-/** Gives sound to the node `target`; `onFigures` hears the figures of Playout some 25 times a second. */
+/** Gives sound to the node `target`; `onFigures` hears the figures of Playout some 20 times a second. */
 export class ScheduledOutput {
   #context;
   #playout;
@@ -42,7 +42,7 @@ export class ScheduledOutput {
   }
 
   push(packet) {
-    this.#playout.push(packet, this.#now());
+    this.#playout.push(packet, performance.now());
     this.#pump(); // Timers of a page that nobody looks at are slow, messages are not.
   }
 
