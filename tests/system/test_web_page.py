@@ -1,7 +1,8 @@
 """The page of velantrix-web in Chromium and Firefox: what leaves the browser is the tone that the
 server captures.
 
-VELANTRIX_WEB_SECONDS says how long each one listens, 4 if it is not set.
+VELANTRIX_WEB_SECONDS says how long each one listens, 4 if it is not set; then not every browser
+tries everything.
 """
 
 import array
@@ -20,8 +21,9 @@ from support.web import RATE, Tone, Web, assert_tone
 SECONDS = float(os.environ.get("VELANTRIX_WEB_SECONDS", "4"))
 PORT = 59080
 SINK = "browser"
+IN_FULL = "VELANTRIX_WEB_SECONDS" in os.environ
 QUALITIES = ("pcm", "256", "128", "64", "20")
-SETTLING = 3  # Seconds that the buffer takes to learn how even the machine is.
+SETTLING = 2  # Seconds that the buffer takes to learn how even the machine is.
 
 
 class Logic(SystemTest):
@@ -174,16 +176,20 @@ class Secure(PageTest):
 
     scheme = "https"
 
-    def test_chromium_plays_every_quality(self):
-        self.check_playing(Chromium, QUALITIES, "AudioWorklet")
+    def test_chromium_plays_the_qualities(self):
+        self.check_playing(Chromium, QUALITIES if IN_FULL else ("pcm", "128"), "AudioWorklet")
         self.assertEqual(self.browser.errors(), [])
 
-    def test_firefox_plays_every_quality(self):
-        self.check_playing(Firefox, QUALITIES, "AudioWorklet")
+    def test_firefox_plays_the_qualities(self):
+        self.check_playing(Firefox, QUALITIES if IN_FULL else ("64", "20"), "AudioWorklet")
 
 
 class Restarts(PageTest):
     """The page plays on by itself."""
+
+    def test_the_page_plays_on(self):
+        for browser in (Chromium, Firefox) if IN_FULL else (Firefox,):
+            self.check(browser)
 
     def check(self, browser):
         self.open(browser)
@@ -196,15 +202,11 @@ class Restarts(PageTest):
         self.assert_heard("after the server was restarted")
         self.web.kill()
         self.wait_for_state("away")
-        self.start_web()
+        self.web = self.start_web()
         self.wait_for_state("playing")
         self.assert_heard("after velantrix-web was restarted")
-
-    def test_chromium_plays_on(self):
-        self.check(Chromium)
-
-    def test_firefox_plays_on(self):
-        self.check(Firefox)
+        self.browser.click("#play")
+        self.wait_for_state("stopped")
 
     def test_a_server_that_is_not_there_yet_is_waited_for(self):
         self.server.kill()
