@@ -9,6 +9,7 @@ import array
 import os
 import pathlib
 import re
+import ssl
 import subprocess
 import time
 import urllib.request
@@ -16,6 +17,7 @@ import urllib.request
 from support.browser import Chromium, Firefox, ModuleTests
 from support.harness import (PATIENCE, SOURCE, THERE_ADDRESS, OtherNetwork, Server, SoundServer,
                              SystemTest, clean_environment, die_with_parent, wait_until)
+from support.network import ip
 from support.web import RATE, Tone, Web, assert_tone
 
 SECONDS = float(os.environ.get("VELANTRIX_WEB_SECONDS", "4"))
@@ -69,7 +71,7 @@ class PageTest(SystemTest):
     def start_web(self):
         tls = self.certificate() if self.scheme == "https" else []
         web = self.enterContext(Web(
-            "--title", "Kitchen", *tls, listen=f"{THERE_ADDRESS}:{PORT}",
+            "--title", "Kitchen", *tls, listen=f"0.0.0.0:{PORT}",
             prefix=self.there.command()))
         web.address()
         return web
@@ -98,6 +100,18 @@ class PageTest(SystemTest):
     def delay(self):
         """The delay that is shown, in milliseconds; 0 while there is none."""
         return int("".join(filter(str.isdigit, self.text("delay"))) or 0)
+
+    def assert_nothing_is_cut_off(self, name):
+        folder = pathlib.Path(os.environ.get("VELANTRIX_PICTURES", self.folder))
+        for scheme in ("light", "dark"):
+            for width, height in ((320, 640), (768, 1024), (1280, 800), (2560, 1440)):
+                self.browser.show_as(width, height, scheme)
+                self.assertEqual(self.browser.script("""
+                    const wide = (element) => element.scrollWidth > element.clientWidth + 1;
+                    return [...document.querySelectorAll('html, main, .card, .tiles div, label')]
+                      .filter(wide).map((element) => element.outerHTML.slice(0, 80));"""), [])
+                time.sleep(0.3)  # The level moves.
+                self.browser.picture(folder / f"{name}-{width}-{scheme}.png")
 
     def wait_for_state(self, state):
         wait_until(lambda: self.data("state") == state, f"the page is {state}")
@@ -165,6 +179,7 @@ class Insecure(PageTest):
 
     def test_chromium_plays(self):
         self.check(Chromium)
+        self.assert_nothing_is_cut_off("page-insecure")
         self.assertEqual(self.browser.errors(), [])
 
     def test_firefox_plays(self):
@@ -221,8 +236,14 @@ class Restarts(PageTest):
 class Page(PageTest):
     """What is seen and what is touched."""
 
+    scheme = "https"
+    host = "192.168.1.20"  # An address that looks like one at home in pictures.
+
     def setUp(self):
         super().setUp()
+        ip("addr", "add", f"{self.host}/32", "dev", "vxthere", there=self.there)
+        ip("route", "add", f"{self.host}/32", "dev", "vxhere")
+        self.addCleanup(ip, "route", "del", f"{self.host}/32")
         self.open(Chromium)
 
     def reload(self):
@@ -282,26 +303,20 @@ class Page(PageTest):
                 self.assertTrue(control.accessible_name or 'alt=""' in html, html)
 
     def test_nothing_is_cut_off_at_any_width(self):
-        folder = pathlib.Path(os.environ.get("VELANTRIX_PICTURES", self.folder))
+        self.browser.click("input[name=quality][value='128']")
         self.play()
-        for scheme in ("light", "dark"):
-            for width, height in ((320, 640), (768, 1024), (1280, 800), (2560, 1440)):
-                self.browser.show_as(width, height, scheme)
-                self.assertEqual(self.browser.script("""
-                    const wide = (element) => element.scrollWidth > element.clientWidth + 1;
-                    return [...document.querySelectorAll('html, main, .card, .tiles div, label')]
-                      .filter(wide).map((element) => element.outerHTML.slice(0, 80));"""), [])
-                time.sleep(0.3)  # The level moves.
-                self.browser.picture(folder / f"page-{width}-{scheme}.png")
+        time.sleep(SETTLING)
+        self.assert_nothing_is_cut_off("page")
 
     def test_the_qr_picture_holds_the_address_that_is_shown(self):
         wait_until(lambda: self.text("address"), "the address")
-        url = f"http://{THERE_ADDRESS}:{PORT}/qr.svg"
-        svg = urllib.request.urlopen(url, timeout=PATIENCE).read()
+        url = f"https://{self.host}:{PORT}/qr.svg"
+        svg = urllib.request.urlopen(url, timeout=PATIENCE,
+                                     context=ssl._create_unverified_context()).read()
         png = self.folder / "qr.png"
         subprocess.run(["rsvg-convert", "-w", "400", "-o", png], input=svg, check=True)
         read = subprocess.run(["zbarimg", "--quiet", "--raw", "-Sdisable", "-Sqrcode.enable", png],
                               capture_output=True, text=True, check=True).stdout.strip()
-        self.assertRegex(read, rf"^http://{re.escape(THERE_ADDRESS)}:{PORT}/?$")
+        self.assertRegex(read, rf"^https://{re.escape(self.host)}:{PORT}/?$")
         self.assertEqual(self.browser.script("return document.getElementById('address').href"),
                          read if read.endswith("/") else read + "/")
