@@ -45,7 +45,7 @@ class Gate {
     template <class Buffers, class Handler>
     void async_write_some(const Buffers& buffers, Handler&& handler) {
         std::string bytes = boost::beast::buffers_to_string(buffers);
-        closing_ = closing_ || (bytes.front() & KIND) == CLOSE;
+        closing_ = closing_ || bytes.front() == CLOSE;
         const std::size_t size = bytes.size();
         auto kept = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
         listener_->sendOwn(std::move(bytes), [kept, size](const Error& error, std::size_t) {
@@ -60,8 +60,7 @@ class Gate {
     }
 
   private:
-    static constexpr int KIND = 0x0F;
-    static constexpr int CLOSE = 8;
+    static constexpr char CLOSE = '\x88';  ///< First byte of that frame.
 
     std::shared_ptr<Connection> connection_;
     std::shared_ptr<Listener> listener_;

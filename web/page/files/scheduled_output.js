@@ -35,10 +35,14 @@ export class ScheduledOutput {
     this.#right = new Float32Array(frames);
     this.#fader = context.createGain();
     this.#fader.connect(target);
-    const tell = () => onFigures({
-      ...this.#playout.takeFigures(), leadMs: 1000 * this.#lead.seconds,
-    });
+    const tell = () => onFigures(this.#figures());
     this.#timers = [setInterval(() => this.#pump(), TIMER_MS), setInterval(tell, FIGURES_MS)];
+  }
+
+  #figures() {
+    const figures = this.#playout.takeFigures();
+    figures.underruns += this.#lead.late;
+    return { ...figures, leadMs: 1000 * this.#lead.seconds };
   }
 
   push(packet) {
