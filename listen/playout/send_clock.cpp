@@ -40,7 +40,7 @@ constexpr std::size_t EXTRAPOLATED_SPANS = 6;
 constexpr double OPUS_LOOK_AHEAD = 312;
 /// Compressed packets leave after the raw pass of the same callback, which ends with a wait of up
 /// to 1 ms for the network, and after their encoding.
-constexpr double SECOND_PASS = 1200;
+constexpr double SECOND_PASS = 600;  ///< 0.3 to 0.9 ms at least, as measured.
 
 /// What `count` values can come down to at the least: even the least of them had to wait, and how
 /// far the next ones lie from it tells how long, up to `most`. Puts them in order.
