@@ -50,7 +50,7 @@ struct Server {
             end = (480 * (number + 1) + 337) / 338 * 338;
         }
         const std::uint64_t blocks = (end + blockFrames - 1) / blockFrames;
-        return frameTime(blocks * blockFrames) + 0.0001 + (opus ? 0.001 : 0);
+        return frameTime(blocks * blockFrames) + 0.0001 + (opus ? 0.0005 : 0);
     }
 };
 
