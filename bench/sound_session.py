@@ -1,6 +1,7 @@
 """A streaming session on the real sound path: a private sound server, ALSA's bridge, PortAudio."""
 
 import array
+import fcntl
 import itertools
 import math
 import os
@@ -8,6 +9,7 @@ import random
 import re
 import subprocess
 import tempfile
+import termios
 import threading
 import time
 from pathlib import Path
@@ -52,9 +54,9 @@ class Player:
     `pieces` is an iterator of bytes, or a function that makes one from the pipe to the player.
     """
 
-    def __init__(self, sound, pieces, latency_ms=None):
+    def __init__(self, sound, pieces, latency_ms=None, sink=NULL_SINK):
         command = ["pacat", "--playback", "--raw", "--format=s16le", "--channels=2",
-                   f"--rate={RATE}", f"--device={NULL_SINK}"]
+                   f"--rate={RATE}", f"--device={sink}"]
         if latency_ms:
             command.append(f"--latency-msec={latency_ms}")
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, bufsize=0,
@@ -84,6 +86,53 @@ class Player:
         self.process.terminate()
         self.process.wait(timeout=20)
         self.thread.join(timeout=20)
+
+
+class Clicks:
+    """Sound handed over piece by piece in real time, with a click at random moments.
+
+    `sound` are samples that repeat, silence if not given; `click` is shorter than a piece. Sound is
+    held back while the player's pipe is not empty, so that no delay builds up there. `handed_over`
+    are the times of the clicks, ns.
+    """
+
+    LATENCY_MS = 20
+    """Of the player."""
+
+    PIECE_S = 0.005
+    PIECE_BYTES = int(RATE * PIECE_S) * 4
+    PAUSE_S = (0.6, 1.0)
+    LOUD_MS = array.array("h", [20000] * (2 * RATE // 1000)).tobytes()
+
+    def __init__(self, sound=bytes(PIECE_BYTES), click=LOUD_MS):
+        self.handed_over = []
+        self.random = random.Random(7)
+        self.background = itertools.cycle(
+            sound[at:at + self.PIECE_BYTES] for at in range(0, len(sound), self.PIECE_BYTES))
+        self.click = click
+
+    @staticmethod
+    def _waiting(pipe):
+        count = array.array("i", [0])
+        fcntl.ioctl(pipe.fileno(), termios.FIONREAD, count)
+        return count[0]
+
+    def pieces(self, pipe):
+        for _ in range(int(self.LATENCY_MS / 1000 / self.PIECE_S) + 1):
+            yield next(self.background)  # As much as the player wants before it begins.
+        while self._waiting(pipe) > 0:
+            time.sleep(self.PIECE_S)
+        due = time.monotonic()
+        next_click = due + 1
+        while True:
+            due += self.PIECE_S
+            time.sleep(max(0, due - time.monotonic()))
+            if due >= next_click:
+                next_click = due + self.random.uniform(*self.PAUSE_S)
+                self.handed_over.append(time.monotonic_ns())
+                yield self.click + next(self.background)[len(self.click):]
+            elif self._waiting(pipe) == 0:
+                yield next(self.background)
 
 
 class Recorder:

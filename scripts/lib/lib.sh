@@ -31,6 +31,12 @@ packages_analysis=("${packages_check[@]}" iwyu)
 packages_bench=(
     libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib valgrind
 )
+# What bench/peers compares; on Debian only.
+packages_peers=(
+    snapserver snapclient pulseaudio pulseaudio-utils netcat-openbsd gstreamer1.0-plugins-base
+    gstreamer1.0-plugins-good trx pipewire pipewire-bin pipewire-pulse libpipewire-0.3-modules
+    wireplumber dbus-daemon libasound2-plugins iproute2 python3
+)
 packages_coverage=(gcovr)
 packages_package=(dpkg-dev lintian file)
 packages_trees=(debootstrap iproute2 python3)
