@@ -25,7 +25,8 @@ class Peer:
 
     `sender` and `client` are command lines, or words for `pactl` when they begin with
     "load-module"; "{home}" is a private folder, "{number}" the client's number. `source_modules`
-    and `listener_modules` are for PipeWire's configuration, the latter once for each client.
+    and `listener_modules` are for PipeWire's configuration, the latter once for each client. Not
+    `for_many`: what many clients cost the sender is the same as in another setting.
     """
 
     program: str
@@ -108,7 +109,7 @@ PEERS = [
     pulse_rtp("raw", SHORT, receive=" latency_msec=20", for_many=False),
     pulse_rtp("Opus", DEFAULT, " enable_opus=true"),
     trx(DEFAULT),
-    trx(SHORT, " -f 120", " -j 8", for_many=False),
+    trx(SHORT, " -f 240", for_many=False),
     pipewire_rtp(DEFAULT),
     pipewire_rtp(SHORT, receive=" sess.latency.msec = 20", for_many=False),
 ]
