@@ -135,7 +135,7 @@ int main(int argc, char** argv) {
         std::fputs("listen_delay: the port is in use\n", stderr);
         return 1;
     }
-    vxlisten::Playout playout(RATE, 40);
+    vxlisten::Playout playout(RATE, {});
     std::thread serving(runServer, server);
     std::thread receiving(runReceiver, std::ref(playout));
     vxlisten::raisePriority();  // As the program does.

@@ -19,6 +19,12 @@ from support.sound import NULL_SINK, SoundServer, clean_environment
 
 RATE = 48000
 
+PIECE_S = 0.005
+PLAYER_LATENCY_MS = 20
+CLICK_MS = 1
+CLICK_PAUSE_S = (0.6, 1.0)
+FURTHEST_MS = 500
+
 
 def busy_sound():
     """One second of stereo that keeps an encoder busy, over and over."""
@@ -92,22 +98,16 @@ class Clicks:
     """Sound handed over piece by piece in real time, with a click at random moments.
 
     `sound` are samples that repeat, silence if not given; `click` is shorter than a piece. Sound is
-    held back while the player's pipe is not empty, so that no delay builds up there. `handed_over`
-    are the times of the clicks, ns.
+    held back while the player's pipe is not empty, so that no delay builds up there.
     """
 
-    LATENCY_MS = 20
-    """Of the player."""
-
-    PIECE_S = 0.005
     PIECE_BYTES = int(RATE * PIECE_S) * 4
-    PAUSE_S = (0.6, 1.0)
-    LOUD_MS = array.array("h", [20000] * (2 * RATE // 1000)).tobytes()
+    LOUD = array.array("h", [20000] * (2 * RATE * CLICK_MS // 1000)).tobytes()
 
-    def __init__(self, sound=bytes(PIECE_BYTES), click=LOUD_MS):
+    def __init__(self, sound=bytes(PIECE_BYTES), click=LOUD):
         self.handed_over = []
         self.random = random.Random(7)
-        self.background = itertools.cycle(
+        self.sound = itertools.cycle(
             sound[at:at + self.PIECE_BYTES] for at in range(0, len(sound), self.PIECE_BYTES))
         self.click = click
 
@@ -118,25 +118,35 @@ class Clicks:
         return count[0]
 
     def pieces(self, pipe):
-        for _ in range(int(self.LATENCY_MS / 1000 / self.PIECE_S) + 1):
-            yield next(self.background)  # As much as the player wants before it begins.
+        for _ in range(int(PLAYER_LATENCY_MS / 1000 / PIECE_S) + 1):
+            yield next(self.sound)  # As much as the player wants before it begins.
         while self._waiting(pipe) > 0:
-            time.sleep(self.PIECE_S)
+            time.sleep(PIECE_S)
         due = time.monotonic()
         next_click = due + 1
         while True:
-            due += self.PIECE_S
+            due += PIECE_S
             time.sleep(max(0, due - time.monotonic()))
             if due >= next_click:
-                next_click = due + self.random.uniform(*self.PAUSE_S)
+                next_click = due + self.random.uniform(*CLICK_PAUSE_S)
                 self.handed_over.append(time.monotonic_ns())
-                yield self.click + next(self.background)[len(self.click):]
+                yield self.click + next(self.sound)[len(self.click):]
             elif self._waiting(pipe) == 0:
-                yield next(self.background)
+                yield next(self.sound)
+
+
+def match(handed_over, arrivals):
+    """Delays in ns: every hand-over with the first arrival after it, within reason."""
+    delays, waiting = [], sorted(arrivals)
+    for moment in handed_over:
+        found = next((a for a in waiting if 0 <= a - moment < FURTHEST_MS * 1e6), None)
+        if found is not None:
+            delays.append(found - moment)
+    return sorted(delays)
 
 
 class Recorder:
-    """parec on the null sink's monitor with as little buffering as there can be.
+    """parec on a null sink's monitor with as little buffering as there can be.
 
     `clicks` are the times at which the first loud sample after quiet ones was read, ns.
     """
@@ -144,10 +154,10 @@ class Recorder:
     LOUD = 8000
     QUIET_BYTES = 1400
 
-    def __init__(self, sound):
+    def __init__(self, sound, sink=NULL_SINK):
         self.process = subprocess.Popen(
             ["parec", "--raw", "--format=s16le", "--channels=2", f"--rate={RATE}",
-             f"--device={NULL_SINK}.monitor", "--latency-msec=1"], stdout=subprocess.PIPE,
+             f"--device={sink}.monitor", "--latency-msec=1"], stdout=subprocess.PIPE,
             env=dict(clean_environment(), **sound.env))
         self.clicks = []
         self.thread = threading.Thread(target=self._read, daemon=True)

@@ -29,6 +29,8 @@ extern "C" const char* __lsan_default_suppressions() {
         "leak:libfontconfig.so\n"
         // The connections to the buses, which the toolkit leaves open to the end.
         "leak:libdbus-1.so\n"
+        // What a connection to Icecast used is not freed when it is closed.
+        "leak:libshout.so\n"
         // The compositor's objects, which the toolkit's plug-in leaves to the end.
         "leak:libwayland-client.so\n";
 }

@@ -6,16 +6,19 @@
 namespace vxlisten {
 
 /// The pauses between attempts to reach a server again: each twice as long as the one before, up
-/// to five seconds.
+/// to a longest one.
 class RetryPause {
   public:
     static constexpr std::int64_t FIRST_MS = 250;
     static constexpr std::int64_t LONGEST_MS = 5000;
 
+    /// `longest` in milliseconds.
+    explicit RetryPause(std::int64_t longest = LONGEST_MS) : longest_(longest) {}
+
     /// The pause before the next attempt, in milliseconds.
     std::int64_t next() {
         const std::int64_t pause = next_;
-        next_ = std::min(2 * next_, LONGEST_MS);
+        next_ = std::min(2 * next_, longest_);
         return pause;
     }
 
@@ -23,6 +26,7 @@ class RetryPause {
     void reset() { next_ = FIRST_MS; }
 
   private:
+    std::int64_t longest_;
     std::int64_t next_ = FIRST_MS;
 };
 

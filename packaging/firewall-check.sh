@@ -5,7 +5,8 @@
 # installed profile, and with the commands of README.md and SECURITY.md, it must do both.
 # Usage: firewall-check.sh     (scripts/firewall-test makes the world that it needs)
 set -eu
-. "$(dirname "$0")/check-lib.sh"
+checks=$(dirname "$0")
+. "$checks/check-lib.sh"
 server_address=10.59.0.1
 client_address=10.59.0.2
 group=231.232.233.235
@@ -29,6 +30,10 @@ on_client() {
 found() {
     on_client env HOME=/home/user setpriv --reuid=1000 --regid=1000 --init-groups \
         velantrix-listen --list 2>/dev/null | grep -q "$server_address"
+}
+
+page_opens() {
+    on_client timeout 10 sh -c '. "$0/check-lib.sh"; web_answers / "$1"' "$checks" $server_address
 }
 
 streams() {
@@ -67,14 +72,37 @@ start_server() {
     wait_until 20 as_user pactl info || die "the sound server does not answer"
     as_user VelantrixServer -nogui >server.log 2>&1 &
     wait_until 30 grep -q "Audio capture running" server.log || die "the server does not capture"
+    as_user velantrix-web >web.log 2>&1 &
+    wait_until 30 web_answers / || die "the page does not answer: $(cat web.log)"
+}
+
+page_open() {
+    page_opens || die "$1: the page does not open"
+    echo "$1: the page opens"
+}
+
+page_closed() {
+    ! page_opens || die "$1: the page opens"
+    echo "$1: the page does not open"
 }
 
 try_ufw() {
     ufw app info "Velantrix Server"
     ufw --force enable >/dev/null
     closed "ufw on"
+    page_closed "ufw on"
+    ufw app info "Velantrix Web"
+    ufw allow "Velantrix Web" >/dev/null
+    page_open 'ufw allow "Velantrix Web"'
+    closed 'ufw allow "Velantrix Web"'
+    ufw delete allow "Velantrix Web" >/dev/null
+    page_closed "ufw, the profile taken back"
+    ufw allow 59080/tcp >/dev/null
+    page_open "ufw allow 59080/tcp"
+    ufw delete allow 59080/tcp >/dev/null
     ufw allow "Velantrix Server" >/dev/null
     open 'ufw allow "Velantrix Server"'
+    page_closed 'ufw allow "Velantrix Server"'
     ufw delete allow "Velantrix Server" >/dev/null
     closed "ufw, the profile taken back"
     ufw allow 59010:59011/udp >/dev/null
@@ -106,13 +134,20 @@ try_client_firewall() {
 
 try_firewalld() {
     firewall-offline-cmd --info-service=velantrix-server
+    firewall-offline-cmd --info-service=velantrix-web
     mkdir -p /run/dbus
     dbus-daemon --system --fork
     firewalld --nofork >firewalld.log 2>&1 &
     wait_until 60 firewall-cmd --state || die "firewalld does not answer: $(cat firewalld.log)"
     closed "firewalld on"
+    page_closed "firewalld on"
+    firewall-cmd --quiet --permanent --add-service=velantrix-web
+    firewall-cmd --quiet --reload
+    page_open "firewall-cmd --permanent --add-service=velantrix-web"
+    firewall-cmd --quiet --permanent --remove-service=velantrix-web
     firewall-cmd --quiet --permanent --add-service=velantrix-server
     firewall-cmd --quiet --reload
+    page_closed "firewall-cmd --permanent --add-service=velantrix-server"
     open "firewall-cmd --permanent --add-service=velantrix-server"
     firewall-cmd --quiet --permanent --remove-service=velantrix-server
     firewall-cmd --quiet --reload

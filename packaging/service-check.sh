@@ -1,18 +1,19 @@
 #!/bin/sh
 # Runs inside a tree as an ordinary user, whose service manager it starts: tries the packaged unit
-# velantrix-server.service against the packaged velantrix-listen. The recordings are left in
-# ~/heard-*.wav, the server's lines in ~/server.log.
+# velantrix-server.service against the packaged velantrix-listen, and velantrix-web.service beside it.
+# The recordings are left in ~/heard-*.wav, the programs' lines in ~/server.log and ~/web.log.
 # Usage: service-check.sh pulseaudio|pipewire  (scripts/service-test makes the world that it needs)
 set -eu
 . "$(dirname "$0")/check-lib.sh"
 cd "$HOME"
 unit=velantrix-server
+web=velantrix-web
 sound=$1   # Also the name of the sound server's own unit.
 
 die() {
     echo "service-check: $*" >&2
-    systemctl --user --no-pager status $unit $sound >&2 || true
-    tail -n 30 manager.log server.log >&2 || true
+    systemctl --user --no-pager status $unit $web $sound >&2 || true
+    tail -n 30 manager.log server.log web.log >&2 || true
     exit 1
 }
 
@@ -25,8 +26,15 @@ started() {
 }
 
 is_another() {
-    pid=$(property $unit MainPID)
+    pid=$(property "${2:-$unit}" MainPID)
     [ "$pid" != 0 ] && [ "$pid" != "$1" ]
+}
+
+# hardened UNIT: the filters of a running service are on.
+hardened() {
+    pid=$(property "$1" MainPID)
+    grep -q '^NoNewPrivs:[[:space:]]*1$' "/proc/$pid/status" || die "$1: new privileges are possible"
+    grep -q '^Seccomp:[[:space:]]*2$' "/proc/$pid/status" || die "$1: no system call filter"
 }
 
 # hear NAME: finds the server through multicast and records what it streams.
@@ -84,6 +92,7 @@ StandardOutput=append:$HOME/server.log
 StandardError=append:$HOME/server.log
 END
 : >server.log
+: >web.log
 
 /usr/lib/systemd/systemd --user >manager.log 2>&1 &
 wait_until 60 systemctl --user list-units || die "the user's service manager does not answer"
@@ -104,9 +113,23 @@ echo "the server was started $(((server - ready) / 1000)) ms after the sound ser
 
 echo "-- with the hardening on, it captures and uses multicast"
 first=$(property $unit MainPID)
-grep -q '^NoNewPrivs:[[:space:]]*1$' "/proc/$first/status" || die "new privileges are possible"
-grep -q '^Seccomp:[[:space:]]*2$' "/proc/$first/status" || die "no system call filter"
+hardened $unit
 hear start
+
+echo "-- velantrix-web is off until it is wanted, starts after the server, serves, and comes back"
+[ "$(property $web ActiveState)" = inactive ] || die "$web runs without being enabled"
+systemctl --user enable --quiet --now $web
+wait_until 30 web_answers / || die "the page does not answer"
+hardened $web
+[ "$(property $web ExecMainStartTimestampMonotonic)" -ge "$server" ] || die "started before the server"
+timeout 5 bash -c 'exec 3<>/dev/tcp/127.0.0.1/59080
+    printf "GET /stream.wav HTTP/1.0\r\n\r\n" >&3
+    cat <&3' >heard-web.stream || true
+[ "$(wc -c <heard-web.stream)" -gt 200000 ] || die "the page does not stream"
+browsed=$(property $web MainPID)
+kill -KILL "$browsed"
+wait_until 30 is_another "$browsed" $web || die "$web is not restarted after SIGKILL"
+wait_until 30 web_answers / || die "the restarted page does not answer"
 
 echo "-- killed, it comes back"
 kill -KILL "$first"
@@ -139,10 +162,26 @@ if [ "$sound" = pipewire ]; then
     [ "$(property $unit MainPID)" = "$fourth" ] || die "the server was stopped or restarted"
 fi
 
-echo "-- it stops cleanly"
-systemctl --user stop $unit
-[ "$(property $unit Result) $(property $unit ExecMainStatus)" = "success 0" ] ||
-    die "stopped with $(property $unit Result), status $(property $unit ExecMainStatus)"
+echo "-- they stop cleanly"
+systemctl --user stop $web $unit
+for one in $web $unit; do
+    [ "$(property $one Result) $(property $one ExecMainStatus)" = "success 0" ] ||
+        die "$one stopped with $(property $one Result), status $(property $one ExecMainStatus)"
+done
+
+echo "-- velantrix-web with wrong options: one start, then it stays failed"
+mkdir -p .config/systemd/user/$web.service.d
+cat >.config/systemd/user/$web.service.d/override.conf <<END
+[Service]
+Environment="VELANTRIX_WEB_OPTIONS=--max-listeners none"
+StandardError=append:$HOME/web.log
+END
+: >web.log
+systemctl --user daemon-reload
+systemctl --user start $web || true
+wait_until 30 systemctl --user is-failed --quiet $web || die "$web does not give up"
+[ "$(property $web ExecMainStatus) $(property $web NRestarts)" = "2 0" ] ||
+    die "$web failed with status $(property $web ExecMainStatus)"
 
 echo "-- status 255 (a busy port): five starts, then it stays failed"
 systemctl --user reset-failed

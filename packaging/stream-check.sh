@@ -1,8 +1,9 @@
 #!/bin/sh
 # Runs inside a tree, as an ordinary user without display or sound card: a private sound server
 # with a null sink plays a tone, VelantrixServer streams the sink's monitor, velantrix-listen
-# finds it through multicast and records it to ~/heard.wav.
-# Usage: stream-check.sh SECONDS [EMULATOR]. Both programs run under EMULATOR if it is given.
+# finds it through multicast and records it to ~/heard.wav; velantrix-web does, too, and what it sends
+# a player is left in ~/heard-web.wav.
+# Usage: stream-check.sh SECONDS [EMULATOR]. The programs run under EMULATOR if it is given.
 set -eu
 . "$(dirname "$0")/check-lib.sh"
 seconds=$1
@@ -35,6 +36,16 @@ wait_until 30 captures_or_has_ended || true
 captures || die "the server does not capture" server.log
 
 $emulator /usr/bin/velantrix-listen --once --no-play --seconds "$seconds" --record heard.wav
+
+$emulator /usr/bin/velantrix-web >web.log 2>&1 &
+web=$!
+wait_until 30 web_answers /status || die "the page does not answer" web.log
+timeout "$((seconds + 2))" bash -c '
+    exec 3<>/dev/tcp/127.0.0.1/59080
+    printf "GET /stream.wav HTTP/1.0\r\n\r\n" >&3
+    cat <&3' | LC_ALL=C sed '1,/^\r$/d' >heard-web.wav
+kill -TERM "$web"
+wait "$web" || die "velantrix-web ended with status $?" web.log
 sleep 5   # The version check, 8 s after the start, writes the user's settings.
 
 kill -TERM "$server"

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <enet/enet.h>
@@ -66,19 +67,40 @@ class Receiver {
     /// Says goodbye and waits at most `milliseconds` for the server's answer.
     void disconnect(std::uint32_t milliseconds);
 
+    /// Says goodbye without waiting; Disconnected follows when the server has answered.
+    void startDisconnect();
+
+    /// Becomes readable when service() has something to receive. Owned by the receiver, which has
+    /// been opened.
+    [[nodiscard]] int descriptor() const;
+
     /// The resolved server's address.
     [[nodiscard]] std::string address() const;
 
     /// The resolved server as "address:port".
     [[nodiscard]] std::string serverAddress() const;
 
+    /// Asks the server for a sign of life, for takeRoundTrip(). Does nothing when not connected.
+    void ping();
+
+    /// The time from the latest ping() to its answer, in microseconds; each once, nothing before
+    /// the answer has come. The server answers between two blocks of sound, so that most take a
+    /// part of a block longer than the way does.
+    std::optional<std::int64_t> takeRoundTrip();
+
     /// ENet's mean round-trip time in milliseconds, 0 when not connected.
     [[nodiscard]] std::uint32_t roundTripTime() const;
 
   private:
+    static int onDatagram(ENetHost* host, ENetEvent* event);
+    void noteAnswers(const enet_uint8* data, std::size_t length);
+
     ENetHost* host_ = nullptr;  ///< Owned.
     ENetPeer* peer_ = nullptr;  ///< Borrowed from the host.
     ENetAddress address_ = {};
+    std::int64_t pingedAt_ = -1;   ///< Microseconds; -1 while no answer is awaited.
+    enet_uint16 pingMark_ = 0;     ///< What the answer repeats.
+    std::int64_t roundTrip_ = -1;  ///< Microseconds; -1: none to take.
     ThreadCheck thread_;
 };
 

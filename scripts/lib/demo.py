@@ -1,6 +1,7 @@
-"""Streams the demo's tune from a private sound server to the listening client and judges it.
+"""Streams the demo's tune from a private sound server to the listening client and judges it, or
+to everybody who opens a page.
 
-Usage: demo.py BUILD-FOLDER OUTPUT-FOLDER; see scripts/demo.
+Usage: demo.py [--web] BUILD-FOLDER OUTPUT-FOLDER; see scripts/demo.
 """
 
 import array
@@ -14,6 +15,7 @@ import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import wave
 
@@ -88,6 +90,53 @@ def sound_server(folder):
         yield env
 
 
+def play_again_and_again(sound, player):
+    """Writes a sound to a player's standard input until the player ends."""
+    with contextlib.suppress(OSError, ValueError):
+        while True:
+            player.stdin.write(sound)
+
+
+@contextlib.contextmanager
+def streaming(build, folder, sound):
+    """A server that streams a sound, bytes, again and again. Yields the server, its port and the
+    variables that lead to its sound server."""
+    port = free_port()
+    log = folder / "server.log"
+    with contextlib.ExitStack() as stack:
+        private = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="velantrix")))
+        env = stack.enter_context(sound_server(private))
+        server = stack.enter_context(running(
+            build / "VelantrixServer", "-nogui", "-b", "127.0.0.1", "-p", port, env=env,
+            stdout=stack.enter_context(open(log, "wb")), stderr=subprocess.STDOUT))
+        wait_until(lambda: b"Audio capture running" in log.read_bytes(), server, "the capture")
+        player = subprocess.Popen(
+            ["pacat", "--playback", "--raw", "--format=s16le", "--channels=2", f"--rate={RATE}",
+             f"--device={NULL_SINK}"], env=env, stdin=subprocess.PIPE, bufsize=0)
+        feeding = threading.Thread(target=play_again_and_again, args=(sound, player))
+        stack.callback(player.stdin.close)
+        stack.callback(feeding.join)
+        stack.callback(player.wait)
+        stack.callback(player.kill)
+        feeding.start()
+        yield server, port, env
+
+
+def leave_page(build, folder):
+    """Lets everybody hear the tune until Ctrl-C; returns the exit status."""
+    print("Making the tune ...", flush=True)
+    with streaming(build, folder, make_tune().tobytes()) as (_, port, env):
+        print("Open one of these addresses; Ctrl-C ends it.", flush=True)
+        with running(build / "velantrix-web", f"127.0.0.1:{port}", "--title", "Demo",
+                     env=env) as web:
+            try:
+                status = web.wait()
+            except KeyboardInterrupt:
+                web.terminate()
+                return web.wait(PATIENCE)
+    raise RuntimeError(f"velantrix-web ended with status {status}")
+
+
 def stream(build, folder):
     """Plays and records; returns the tune as it was played."""
     print("Making the tune ...", flush=True)
@@ -95,22 +144,9 @@ def stream(build, folder):
     with wave.open(str(folder / "tune.wav"), "wb") as target:
         target.setparams((2, 2, RATE, 0, "NONE", ""))
         target.writeframes(tune.tobytes())
-    played = tune + tune
-    port = free_port()
-    log = folder / "server.log"
-    with contextlib.ExitStack() as stack:
-        private = pathlib.Path(stack.enter_context(tempfile.TemporaryDirectory(prefix="velantrix")))
-        (private / "played").write_bytes(played.tobytes())
-        env = stack.enter_context(sound_server(private))
-        server = stack.enter_context(running(
-            build / "VelantrixServer", "-nogui", "-b", "127.0.0.1", "-p", port, env=env,
-            stdout=stack.enter_context(open(log, "wb")), stderr=subprocess.STDOUT))
-        wait_until(lambda: b"Audio capture running" in log.read_bytes(), server, "the capture")
+    with streaming(build, folder, tune.tobytes()) as (server, port, env):
         print(f"The server streams on 127.0.0.1 port {port}. Listening for {SECONDS} seconds ...",
               flush=True)
-        stack.enter_context(running(
-            "pacat", "--playback", "--raw", "--format=s16le", "--channels=2", f"--rate={RATE}",
-            f"--device={NULL_SINK}", private / "played", env=env))
         status = subprocess.run(
             [build / "velantrix-listen", "127.0.0.1", "--port", str(port), "--rate", "raw",
              "--no-play", "--seconds", str(SECONDS), "--name", "Demo",
@@ -120,8 +156,8 @@ def stream(build, folder):
         server_status = server.wait(PATIENCE)
     if status != 0 or server_status != 0:
         raise RuntimeError(f"the listener ended with status {status}, the server with "
-                           f"{server_status}; see {log}")
-    return played
+                           f"{server_status}; see {folder}/server.log")
+    return tune + tune
 
 
 def matching_share(recording, played):
@@ -164,13 +200,14 @@ def judge(folder, played):
 
 
 def main():
-    build, wanted = (pathlib.Path(argument).resolve() for argument in sys.argv[1:3])
+    web = sys.argv[1] == "--web"
+    build, wanted = (pathlib.Path(argument).resolve() for argument in sys.argv[1 + web:])
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("stopped"))
     folder = output_folder(wanted)
     for name in ("recording.wav", "server.log", "tune.wav"):
         (folder / name).unlink(missing_ok=True)
     try:
-        return judge(folder, stream(build, folder))
+        return leave_page(build, folder) if web else judge(folder, stream(build, folder))
     except (RuntimeError, OSError, subprocess.SubprocessError) as error:
         print(f"demo: {error}", file=sys.stderr)
         return 1

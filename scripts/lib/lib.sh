@@ -17,6 +17,7 @@ PATH=$sound_server/bin:$PATH
 packages_build=(
     build-essential cmake ninja-build pkg-config libenet-dev qtbase5-dev qtbase5-dev-tools
     portaudio19-dev libopus-dev libcurl4-openssl-dev libsndfile1-dev libspeexdsp-dev libcli11-dev
+    libboost-dev libssl-dev nlohmann-json3-dev libqrencode-dev libogg-dev libmp3lame-dev libshout-dev
     libasound2-plugins librsvg2-bin
 )
 packages_demo=(pulseaudio pulseaudio-utils libasound2-plugins iproute2 python3)
@@ -100,20 +101,22 @@ This system is neither Debian nor Ubuntu, so nothing was installed. The packages
 
 Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-devel qt5-qtbase-devel \
              portaudio-devel opus-devel libcurl-devel libsndfile-devel speexdsp-devel cli11-devel \
+             boost-devel openssl-devel json-devel qrencode-devel libogg-devel lame-devel libshout-devel \
              alsa-plugins-pulseaudio librsvg2-tools
          for the demo:    pulseaudio pulseaudio-utils iproute python3
          for the tests:   gtest-devel gmock-devel xorg-x11-server-Xvfb xorg-x11-xauth xdotool \
              openbox ImageMagick dbus-daemon at-spi2-core python3-gobject xprop weston qt5-qtwayland \
-             desktop-file-utils appstream mandoc zsh systemd valgrind
+             desktop-file-utils appstream mandoc zsh systemd valgrind python3-pytest python3-pyte
          for the checks:  clang clang-tools-extra cppcheck
          for benchmarks:  google-benchmark-devel python3-matplotlib valgrind pulseaudio pulseaudio-utils
 
 Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio opus curl libsndfile \
-             speexdsp cli11 alsa-plugins librsvg
+             speexdsp cli11 boost openssl nlohmann-json qrencode libogg lame libshout alsa-plugins \
+             librsvg
          for the demo:    pulseaudio iproute2 python
          for the tests:   gtest xorg-server-xvfb xorg-xauth xdotool imagemagick dbus at-spi2-core \
              openbox python-gobject xorg-xprop weston qt5-wayland desktop-file-utils appstream \
-             mandoc zsh valgrind
+             mandoc zsh valgrind python-pytest python-pyte
          for the checks:  clang cppcheck
          for benchmarks:  benchmark python-matplotlib valgrind pulseaudio
 

@@ -7,6 +7,7 @@ import subprocess
 import unittest
 
 SOURCE = pathlib.Path(os.environ["VELANTRIX_SOURCE"])
+PROGRAMS = ["app", "audio", "discovery", "gui", "listen", "stream", "update", "web"]
 DOCUMENTS = [*SOURCE.glob("*.md"), *SOURCE.glob("docs/*.md")]
 
 
@@ -19,7 +20,8 @@ class Documents(unittest.TestCase):
 
     def test_all_expected_documents_are_there(self):
         for name in ("README.md", "CONTRIBUTING.md", "CHANGELOG.md", "SECURITY.md", "LICENSE",
-                     "docs/architecture.md", "docs/protocol.md", "docs/performance.md"):
+                     "docs/architecture.md", "docs/protocol.md", "docs/performance.md",
+                     "docs/web.md", "docs/scale.md"):
             self.assertTrue((SOURCE / name).exists(), name)
 
     def test_links_lead_to_files(self):
@@ -36,7 +38,7 @@ class Documents(unittest.TestCase):
                 self.assertTrue(os.access(path, os.X_OK), script[1])
 
     def test_paths_in_backticks_exist(self):
-        folders = "bench|tests|docs|cmake|app|stream|listen"
+        folders = "bench|tests|docs|cmake|app|stream|listen|web"
         found = 0
         for document, path in self.each(rf"`((?:{folders})/[^`\s]*)`"):
             if re.search(r"[*?<{]", path[1]):
@@ -54,18 +56,37 @@ class Documents(unittest.TestCase):
         for document, preset in self.each(r"--preset (\w[\w-]*)"):
             self.assertIn(f'"name": "{preset[1]}"', presets, document.name)
 
-    def test_options_of_the_listening_client_exist(self):
-        summary = subprocess.run([os.environ["VELANTRIX_LISTEN"], "--help"], check=True, text=True,
-                                 stdout=subprocess.PIPE).stdout
-        for document, line in self.each(r"(?m)^ *velantrix-listen\b[^|#\n]*"):
-            for option in re.findall(r"--[a-z-]+", line[0]):
-                self.assertRegex(summary, rf"{option}\b", f"{document.name}: {line[0]}")
+    def test_options_of_the_clients_exist(self):
+        for name, variable in (("listen", "VELANTRIX_LISTEN"), ("web", "VELANTRIX_WEB")):
+            summary = subprocess.run([os.environ[variable], "--help"], check=True, text=True,
+                                     stdout=subprocess.PIPE).stdout
+            for document, line in self.each(rf"(?m)^ *velantrix-{name}\b[^|#\n]*"):
+                for option in re.findall(r"--[a-z-]+", line[0]):
+                    self.assertRegex(summary, rf"{option}\b", f"{document.name}: {line[0]}")
 
-    def test_ports_are_those_of_the_wire_format(self):
+    def test_messages_in_quotes_are_printed_by_a_program(self):
+        code = "\n".join(path.read_text() for folder in PROGRAMS
+                         for path in (SOURCE / folder).rglob("*.cpp"))
+        texts = [re.sub(r'"\s*"', "", text) for text in re.findall(r'"(?:[^"\\\n]|\\.|"\s*")*"', code)]
+        patterns = [re.sub(r"%[-.*\d]*l*[a-z]", ".+", re.escape(text[1:-1].replace("\\n", "")))
+                    for text in texts]
+        found = 0
+        for document, quote in self.each(r'"([A-Z][^"`\n]{12,})"'):
+            if document.name in ("CONTRIBUTING.md", "CHANGELOG.md"):
+                continue
+            found += 1
+            self.assertTrue(any(quote[1] in text for text in texts) or
+                            any(re.fullmatch(pattern, quote[1]) for pattern in patterns),
+                            f"{document.name}: {quote[1]}")
+        self.assertGreater(found, 5)
+
+    def test_ports_are_those_of_the_sources(self):
         wire = (SOURCE / "stream/wire_format.h").read_text()
         ports = set(re.findall(r"_PORT = (\d+);", wire))
         self.assertEqual(len(ports), 2)
-        for name in ("README.md", "SECURITY.md"):
+        ports |= set(re.findall(r" port = (\d+);", (SOURCE / "web/options.h").read_text()))
+        self.assertEqual(len(ports), 3)
+        for name in ("docs/setup.md", "SECURITY.md"):
             self.assertEqual(set(re.findall(r"\b59\d\d\d\b", (SOURCE / name).read_text())), ports)
 
 

@@ -17,6 +17,9 @@ BUILD = os.environ["VELANTRIX_BUILD"]
 SOURCE = pathlib.Path(os.environ["VELANTRIX_SOURCE"])
 PORTS = {"59010", "59011"}
 
+WEB_PORT = "59080"
+PROGRAMS = ("VelantrixServer", "velantrix-listen", "velantrix-web")
+
 SERVER_OPTIONS = ["-nogui", "-verbose", "-p", "-b", "-platform"]
 
 
@@ -51,8 +54,8 @@ class InstalledFiles(unittest.TestCase):
         packed = self.usr / "share/man/man1" / f"{name}.1.gz"
         return gzip.decompress(packed.read_bytes()).decode()
 
-    def test_both_programs_are_installed_and_executable(self):
-        for name in ("VelantrixServer", "velantrix-listen"):
+    def test_the_programs_are_installed_and_executable(self):
+        for name in PROGRAMS:
             self.assertTrue(os.access(self.usr / "bin" / name, os.X_OK), name)
 
     def test_nothing_is_installed_outside_the_standard_folders(self):
@@ -95,7 +98,7 @@ class InstalledFiles(unittest.TestCase):
             self.assertGreater(len(data), size * 4)
 
     def test_manual_pages_are_clean(self):
-        for name in ("VelantrixServer", "velantrix-listen"):
+        for name in PROGRAMS:
             result = run("mandoc", "-T", "lint", "-W", "style", input=self.manual(name))
             complaints = [line for line in result.stdout.splitlines()
                           if "referenced manual not found" not in line  # Depends on the machine.
@@ -103,7 +106,7 @@ class InstalledFiles(unittest.TestCase):
             self.assertEqual(complaints, [])
 
     def test_manual_pages_have_every_section_that_a_user_looks_for(self):
-        for name in ("VelantrixServer", "velantrix-listen"):
+        for name in PROGRAMS:
             for section in ("OPTIONS", "NETWORK PORTS", "ENVIRONMENT", "FILES", "EXIT STATUS",
                             "EXAMPLES", "TROUBLESHOOTING"):
                 self.assertIn(f"\n.Sh {section}\n", self.manual(name), name)
@@ -140,19 +143,20 @@ class InstalledFiles(unittest.TestCase):
         for variable in variables:
             self.assertIn(variable, self.manual("VelantrixServer"))
 
-    def test_listening_client_manual_and_completions_name_every_option(self):
-        summary = run(self.usr / "bin/velantrix-listen", "--help").stdout
-        options = set(re.findall(r"(?<![\w-])--([a-z][a-z-]*)", summary))
-        self.assertIn("rate", options)
-        for option in options:
-            self.assertRegex(self.manual("velantrix-listen"), rf"\.It Fl (h , )?-{option}\b")
-            for completion in ("bash-completion/completions/velantrix-listen",
-                               "zsh/*/_velantrix-listen"):
-                path, = self.usr.glob(f"share/{completion}")
-                self.assertRegex(path.read_text(), rf"--{option}\b", option)
-        documented = set(re.findall(r"\.It Fl (?:h , )?-([a-z][a-z-]*)",
-                                    self.manual("velantrix-listen")))
-        self.assertEqual(documented - options, set(), "documented, but not there")
+    def test_manuals_and_completions_of_the_clients_name_every_option(self):
+        for program, one in (("velantrix-listen", "rate"), ("velantrix-web", "icecast")):
+            with self.subTest(program):
+                summary = run(self.usr / "bin" / program, "--help").stdout
+                options = set(re.findall(r"(?<![\w-])--([a-z][a-z-]*)", summary))
+                self.assertIn(one, options)
+                documented = {option for line in re.findall(r"\.It (Fl .*)", self.manual(program))
+                              for option in re.findall(r"Fl (?:h , )?-([a-z][a-z-]*)", line)}
+                self.assertEqual(documented, options)
+                for completion in (f"bash-completion/completions/{program}",
+                                   f"zsh/*/_{program}"):
+                    path, = self.usr.glob(f"share/{completion}")
+                    for option in options:
+                        self.assertRegex(path.read_text(), rf"--{option}\b", option)
 
     def test_listening_client_manual_explains_every_member_of_the_statistics(self):
         members = re.findall(r'[.]add\("(\w+)"', (SOURCE / "listen/console/statistics.cpp").read_text())
@@ -179,19 +183,29 @@ class InstalledFiles(unittest.TestCase):
         self.assertEqual(self.complete("VelantrixServer", "-platform", "x"), ["xcb"])
         self.assertEqual(self.complete("velantrix-listen", "--rate", "2"), ["20", "256"])
         self.assertIn("--best-effort", self.complete("velantrix-listen", "--be"))
+        self.assertEqual(self.complete("velantrix-web", "--ic"), ["--icecast"])
 
-    def test_service_unit_is_valid_and_starts_the_installed_program_headless(self):
-        unit = self.usr / "lib/systemd/user/velantrix-server.service"
-        text = unit.read_text()
-        program, = re.findall(r"^ExecStart=(\S+) -nogui$", text, re.MULTILINE)
-        self.assertTrue(program.endswith("/bin/VelantrixServer"), program)
-        # The verifier wants to see the program where the unit names it.
-        copy = pathlib.Path(self.stage, "velantrix-server.service")
-        copy.write_text(text.replace(program, str(self.usr / "bin/VelantrixServer")))
-        self.addCleanup(copy.unlink)
-        complaints = self.check("systemd-analyze", "--user", "--man=no", "verify", copy,
-                                env={**os.environ, "XDG_RUNTIME_DIR": self.stage})
-        self.assertNotIn("velantrix", complaints)
+    def test_service_units_are_valid_and_start_the_installed_programs(self):
+        for name, words in (("velantrix-server", "VelantrixServer -nogui"),
+                            ("velantrix-web", r"velantrix-web \$VELANTRIX_WEB_OPTIONS")):
+            with self.subTest(name):
+                text = (self.usr / f"lib/systemd/user/{name}.service").read_text()
+                program, = re.findall(rf"^ExecStart=(\S+/bin/){words}$", text, re.MULTILINE)
+                # The verifier wants to see the program where the unit names it.
+                copy = pathlib.Path(self.stage, f"{name}.service")
+                copy.write_text(text.replace(program, str(self.usr / "bin") + "/"))
+                self.addCleanup(copy.unlink)
+                complaints = self.check("systemd-analyze", "--user", "--man=no", "verify", copy,
+                                        env={**os.environ, "XDG_RUNTIME_DIR": self.stage})
+                self.assertNotIn("velantrix", complaints)
+
+    def test_the_units_are_hardened_and_the_second_starts_after_the_first(self):
+        server = (self.usr / "lib/systemd/user/velantrix-server.service").read_text()
+        web = (self.usr / "lib/systemd/user/velantrix-web.service").read_text()
+        self.assertIn("\nAfter=velantrix-server.service\n", web)
+        for line in re.findall(r"^(?:NoNew|Lock|Memory|Restrict|SystemCall|UMask).*$", server,
+                               re.MULTILINE):
+            self.assertIn(f"\n{line}\n", web)
 
     def test_service_unit_leaves_capture_multicast_and_scheduling_usable(self):
         text = (self.usr / "lib/systemd/user/velantrix-server.service").read_text()
@@ -202,21 +216,25 @@ class InstalledFiles(unittest.TestCase):
                         "ProtectHome=", "IPAddressDeny=", "Type=notify"):
             self.assertNotIn("\n" + harmful, text)
 
-    def test_firewall_profiles_open_the_ports_of_the_server(self):
-        service = ElementTree.parse(self.usr / "lib/firewalld/services/velantrix-server.xml")
-        opened = {(port.get("protocol"), port.get("port")) for port in service.iter("port")}
-        self.assertEqual(opened, {("udp", port) for port in PORTS})
+    def test_firewall_profiles_open_the_ports_of_their_program(self):
+        for name, title, expected, protocol in (
+                ("velantrix-server", "Velantrix Server", PORTS, "udp"),
+                ("velantrix-web", "Velantrix Web", {WEB_PORT}, "tcp")):
+            service = ElementTree.parse(self.usr / f"lib/firewalld/services/{name}.xml")
+            opened = {(port.get("protocol"), port.get("port")) for port in service.iter("port")}
+            self.assertEqual(opened, {(protocol, port) for port in expected})
 
-        profile, = pathlib.Path(self.stage).glob("**/ufw/applications.d/velantrix-server")
-        parser = configparser.ConfigParser()
-        parser.read(profile)
-        ports, protocol = parser["Velantrix Server"]["ports"].split("/")
-        self.assertEqual((set(ports.split(",")), protocol), (PORTS, "udp"))
+            profile, = pathlib.Path(self.stage).glob(f"**/ufw/applications.d/{name}")
+            parser = configparser.ConfigParser()
+            parser.read(profile)
+            ports, opened = parser[title]["ports"].split("/")
+            self.assertEqual((set(ports.split(",")), opened), (expected, protocol))
 
     def test_documents_are_installed(self):
         documents = self.usr / "share/doc"
         for name in ("velantrix-server/README.md", "velantrix-server/SECURITY.md",
-                     "velantrix-server/changelog.gz", "velantrix-listen/changelog.gz"):
+                     "velantrix-server/changelog.gz", "velantrix-listen/changelog.gz",
+                     "velantrix-web/changelog.gz"):
             self.assertTrue((documents / name).exists(), name)
 
 

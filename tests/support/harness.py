@@ -1,7 +1,7 @@
 """What a system test needs, in one place.
 
 pytest runs the test modules in a network namespace of their own, under ctest (which gives the paths
-of the programs in VELANTRIX_SERVER, VELANTRIX_LISTEN and VELANTRIX_FAKES) or by hand:
+of the programs in VELANTRIX_SERVER, VELANTRIX_LISTEN, VELANTRIX_WEB and VELANTRIX_FAKES) or by hand:
 
     VELANTRIX_SERVER=build/VelantrixServer VELANTRIX_LISTEN=build/velantrix-listen \\
     VELANTRIX_FAKES=build/tests/support python3 -m pytest tests/system/test_start.py -k test_name
@@ -13,6 +13,7 @@ import pathlib
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import time
@@ -23,8 +24,8 @@ from support.processes import PATIENCE, Lines, Process, die_with_parent, wait_un
 from support.sound import SoundServer, clean_environment, private_home
 
 __all__ = ["HERE_ADDRESS", "THERE_ADDRESS", "PATIENCE", "BANNER", "CAPTURE_RUNNING",
-           "DEFAULT_PORT", "VERSION", "OtherNetwork", "Process", "Lines", "Server", "SoundServer",
-           "SystemTest", "clean_environment", "die_with_parent", "fake", "has_sanitizer", "listen",
+           "DEFAULT_PORT", "NEWER_VERSION", "VERSION", "OtherNetwork", "Process", "Lines", "Server", "SoundServer",
+           "SystemTest", "busy_port", "clean_environment", "die_with_parent", "fake", "has_sanitizer", "listen",
            "listen_command", "private_home", "program", "resident_bytes", "wait_until",
            "with_prompt_release"]
 
@@ -34,6 +35,7 @@ CAPTURE_RUNNING = "VelantrixServer: Audio capture running"
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 VERSION = re.search(r"project\(VelantrixServer VERSION (\d+\.\d+)",
                     (SOURCE / "CMakeLists.txt").read_text())[1]
+NEWER_VERSION = re.sub(r"\d+$", lambda minor: str(int(minor[0]) + 1), VERSION)
 BANNER = f"Velantrix Server v{VERSION}"
 
 
@@ -134,8 +136,16 @@ class Server(Process):
                 shutil.rmtree(self.own_home, ignore_errors=True)
 
 
+def busy_port():
+    """Holds the server's port for as long as the context lasts."""
+    holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    holder.bind(("0.0.0.0", DEFAULT_PORT))
+    return holder
+
+
 def listen_command(*arguments, host="127.0.0.1"):
-    return [program("VELANTRIX_LISTEN"), host, *[str(word) for word in arguments]]
+    """Without a host the client looks for a server."""
+    return [program("VELANTRIX_LISTEN"), *([host] if host else []), *map(str, arguments)]
 
 
 def listen(*arguments, host="127.0.0.1", prefix=(), timeout=60, env=None):

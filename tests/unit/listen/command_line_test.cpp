@@ -24,7 +24,9 @@ TEST(CommandLine, DefaultsAreReliableRawAndPlayed) {
     EXPECT_TRUE(options.choice.multiClient);
     EXPECT_FALSE(options.choice.name.empty());
     EXPECT_TRUE(options.play);
-    EXPECT_EQ(options.bufferMs, 40);
+    EXPECT_EQ(options.playout.bufferMs, 40);
+    EXPECT_FALSE(options.playout.bufferChosen);
+    EXPECT_FALSE(options.playout.delayMs);
 }
 
 TEST(CommandLine, PortComesFromEitherPlace) {

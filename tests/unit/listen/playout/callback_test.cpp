@@ -48,7 +48,7 @@ class PlayoutCallback : public testing::TestWithParam<int> {
         return result;
     }
 
-    vxlisten::Playout playout_{GetParam(), 40};
+    vxlisten::Playout playout_{GetParam(), {40, true}};
     PacketFeed feed_{playout_.queue()};
     std::int64_t now_ = 0;
 };

@@ -19,7 +19,7 @@ class DelayTargetTest : public testing::Test {
         }
     }
 
-    DelayTarget target_{40};
+    DelayTarget target_{40, true};
     double number_ = 0;
 };
 

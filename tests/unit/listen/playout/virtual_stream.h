@@ -22,8 +22,9 @@ struct Conditions {
     double serverPpm = 0;  ///< How much faster than the device the server's clock runs.
     int tone = 1000;       ///< Hz, as captured.
     double amplitude = 10000;
-    double delayMs = 40;   ///< What the playout is to keep.
-    double periodMs = 10;  ///< Of the output device.
+    double delayMs = 40;      ///< What the playout is to keep,
+    bool delayChosen = true;  ///< at least.
+    double periodMs = 10;     ///< Of the output device.
     std::uint32_t firstSeq = 0;
 };
 
@@ -44,7 +45,7 @@ class Simulation {
     Simulation(const Conditions& setup, Network network)
         : setup_(setup),
           network_(std::move(network)),
-          playout_(RATE, setup.delayMs),
+          playout_(RATE, {setup.delayMs, setup.delayChosen}),
           feed_(playout_.queue()) {
         for (int i = 0; i < RATE; ++i) {
             const double angle = TAU * setup.tone * i / RATE;
@@ -76,9 +77,6 @@ class Simulation {
 
     /// Changes what the network does from the next packet on.
     void setNetwork(Network network) { network_ = std::move(network); }
-
-    /// Starts another stream, as after a new connection.
-    void startNewStream() { feed_.restart(); }
 
     void forgetDepth() { leastDepth_ = 1e9, greatestDepth_ = 0; }
 
@@ -120,7 +118,7 @@ class Simulation {
 
     void deliver(const InFlight& flight) {
         vxlisten::AudioPacket packet;
-        packet.seq = setup_.firstSeq + static_cast<std::uint32_t>(flight.index);
+        packet.seq = static_cast<std::uint32_t>(flight.index);
         packet.sampleRate = RATE;
         packet.frames = PACKET_FRAMES;
         packet.payload = reinterpret_cast<const unsigned char*>(

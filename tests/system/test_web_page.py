@@ -1,0 +1,294 @@
+"""The page of velantrix-web in Chromium and Firefox: what leaves the browser is the tone that the
+server captures.
+
+VELANTRIX_WEB_SECONDS says how long each one listens, 4 if it is not set.
+"""
+
+import array
+import os
+import pathlib
+import re
+import subprocess
+import time
+import urllib.request
+
+from support.browser import Chromium, Firefox, ModuleTests
+from support.harness import (PATIENCE, SOURCE, THERE_ADDRESS, OtherNetwork, Server, SoundServer,
+                             SystemTest, clean_environment, die_with_parent, wait_until)
+from support.web import RATE, Tone, Web, assert_tone
+
+SECONDS = float(os.environ.get("VELANTRIX_WEB_SECONDS", "4"))
+PORT = 59080
+SINK = "browser"
+QUALITIES = ("pcm", "256", "128", "64", "20")
+SETTLING = 3  # Seconds that the buffer takes to learn how even the machine is.
+
+
+class Logic(SystemTest):
+    """The modules that need no page, in both browsers."""
+
+    def check(self, browser):
+        module = SOURCE / "tests/unit/page/sound_test.js"
+        with browser() as running, ModuleTests(module) as tests:
+            results = tests.run(running)
+        self.assertGreater(len(results), 10)
+        self.assertEqual({name: text for name, text in results.items() if text}, {})
+
+    def test_in_chromium(self):
+        self.check(Chromium)
+
+    def test_in_firefox(self):
+        self.check(Firefox)
+
+
+class PageTest(SystemTest):
+    """A server that captures a tone and velantrix-web, both at the other end of a cable; a browser
+    here, whose sound goes to a null sink of its own."""
+
+    scheme = "http"
+    host = THERE_ADDRESS
+
+    def setUp(self):
+        super().setUp()
+        self.there = self.enterContext(OtherNetwork())
+        self.sound = self.enterContext(SoundServer())
+        self.sound.control("load-module", "module-null-sink", f"sink_name={SINK}", f"rate={RATE}",
+                           "channels=2", "format=s16le")
+        self.server = self.start_server()
+        self.enterContext(Tone(self.sound))
+        self.web = self.start_web()
+
+    def start_server(self):
+        server = self.enterContext(
+            Server(sound=self.sound, rate=RATE, prefix=self.there.command()))
+        server.wait_for_capture()
+        return server
+
+    def start_web(self):
+        tls = self.certificate() if self.scheme == "https" else []
+        web = self.enterContext(Web(
+            "--title", "Kitchen", *tls, listen=f"{THERE_ADDRESS}:{PORT}",
+            prefix=self.there.command()))
+        web.address()
+        return web
+
+    def certificate(self):
+        files = self.folder / "certificate.pem", self.folder / "key.pem"
+        if not files[0].exists():
+            subprocess.run(
+                ["openssl", "req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "1", "-subj",
+                 "/CN=velantrix", "-addext", f"subjectAltName=IP:{THERE_ADDRESS}", "-out", files[0],
+                 "-keyout", files[1]], check=True, stderr=subprocess.DEVNULL)
+        return ["--certificate", files[0], "--key", files[1]]
+
+    def open(self, browser):
+        """Opens the page in a browser, whose class is given."""
+        self.browser = self.enterContext(browser(dict(self.sound.env, PULSE_SINK=SINK)))
+        self.browser.open(f"{self.scheme}://{self.host}:{PORT}/")
+        wait_until(lambda: self.data("ready") is not None, "the page is ready")
+
+    def data(self, name):
+        return self.browser.script("return document.documentElement.dataset[arguments[0]]", name)
+
+    def text(self, name):
+        return self.browser.script("return document.getElementById(arguments[0]).textContent", name)
+
+    def wait_for_state(self, state):
+        wait_until(lambda: self.data("state") == state, f"the page is {state}")
+
+    def play(self):
+        self.browser.click("#play")
+        self.wait_for_state("playing")
+
+    def record(self, seconds):
+        """What leaves the browser meanwhile: interleaved samples."""
+        path = self.folder / "heard.raw"
+        with open(path, "wb") as target:
+            recorder = subprocess.Popen(
+                ["parec", "--raw", "--format=s16le", f"--rate={RATE}", "--channels=2",
+                 "--latency-msec=50", f"--device={SINK}.monitor"], stdout=target,
+                env=dict(clean_environment(), **self.sound.env), preexec_fn=die_with_parent)
+            try:
+                wait_until(lambda: path.stat().st_size >= 4 * RATE * seconds, "it is recorded",
+                           seconds + PATIENCE)
+            finally:
+                recorder.kill()
+                recorder.wait()
+        content = path.read_bytes()
+        pathlib.Path("/tmp/w3/heard.raw").write_bytes(content)
+        samples = array.array("h")
+        samples.frombytes(content[:len(content) // 4 * 4])
+        return samples
+
+    def assert_heard(self, name, seconds=SECONDS, level=True):
+        time.sleep(SETTLING)
+        assert_tone(self, self.record(seconds + 1), RATE, seconds, name, level, spliced=True)
+
+    def check_playing(self, browser, qualities, output):
+        self.open(browser)
+        self.assertEqual(self.text("figure-output"), output)
+        self.play()
+        self.assertEqual(self.text("title"), "Kitchen")
+        for quality in qualities:
+            self.browser.click(f"input[name=quality][value='{quality}']")
+            self.assert_heard(f"{browser.__name__}, {quality}", level=quality != "20")
+            print(browser.__name__, quality, self.text("delay"), "buffer", self.text("buffer-now"),
+                  "interruptions", self.data("underruns"))
+
+
+class Insecure(PageTest):
+    """Over http://, from an address: neither an AudioWorklet nor Opus."""
+
+    def check(self, browser):
+        self.check_playing(browser, ["pcm"], "scheduled buffers")
+        self.assertEqual(self.disabled(), ["256", "128", "64", "20"])
+        self.assertIn("plain http", self.text("note-insecure"))
+        self.assertFalse(self.browser.script(
+            "return document.getElementById('note-insecure').hidden"))
+
+    def disabled(self):
+        return self.browser.script("return [...document.querySelectorAll("
+                                   "'input[name=quality]:disabled')].map((input) => input.value)")
+
+    def test_chromium_plays(self):
+        self.check(Chromium)
+        self.assertEqual(self.browser.errors(), [])
+
+    def test_firefox_plays(self):
+        self.check(Firefox)
+
+
+class Secure(PageTest):
+    """Over https:// with a certificate of our own: an AudioWorklet, and every quality."""
+
+    scheme = "https"
+
+    def test_chromium_plays_every_quality(self):
+        self.check_playing(Chromium, QUALITIES, "AudioWorklet")
+        self.assertEqual(self.browser.errors(), [])
+
+    def test_firefox_plays_every_quality(self):
+        self.check_playing(Firefox, QUALITIES, "AudioWorklet")
+
+
+class Restarts(PageTest):
+    """The page plays on by itself."""
+
+    def check(self, browser):
+        self.open(browser)
+        self.play()
+        self.server.kill()
+        self.wait_for_state("away")
+        self.assertEqual(self.text("state"), "The server is away")
+        self.server = self.start_server()
+        self.wait_for_state("playing")
+        self.assert_heard("after the server was restarted")
+        self.web.kill()
+        self.wait_for_state("away")
+        self.start_web()
+        self.wait_for_state("playing")
+        self.assert_heard("after velantrix-web was restarted")
+
+    def test_chromium_plays_on(self):
+        self.check(Chromium)
+
+    def test_firefox_plays_on(self):
+        self.check(Firefox)
+
+    def test_a_server_that_is_not_there_yet_is_waited_for(self):
+        self.server.kill()
+        self.open(Chromium)
+        self.browser.click("#play")
+        self.wait_for_state("waiting")
+        self.assertEqual(self.text("state"), "Waiting for the server")
+        self.start_server()
+        self.wait_for_state("playing")
+
+
+class Page(PageTest):
+    """What is seen and what is touched."""
+
+    def setUp(self):
+        super().setUp()
+        self.open(Chromium)
+
+    def reload(self):
+        self.browser.driver.refresh()
+        wait_until(lambda: self.data("ready") is not None, "the page is ready")
+
+    def test_play_and_pause_with_the_keyboard(self):
+        body = self.browser.driver.find_element("css selector", "body")
+        body.send_keys(" ")
+        self.wait_for_state("playing")
+        body.send_keys(" ")
+        self.wait_for_state("stopped")
+        silent = self.record(1)
+        self.assertEqual(max(silent[RATE:], default=0), 0)
+
+    def test_volume_and_mute_are_heard_and_kept(self):
+        self.play()
+        self.set_volume(50)
+        time.sleep(SETTLING)
+        loud = self.loudness()
+        self.assertAlmostEqual(loud, 10000 / 4, delta=300)
+        self.browser.click("#mute")
+        wait_until(lambda: self.loudness() == 0, "it is silent")
+        self.reload()
+        self.assertEqual(self.text("volume-text"), "Muted")
+        self.browser.click("#mute")
+        self.assertEqual(self.text("volume-text"), "50 %")
+
+    def set_volume(self, percent):
+        self.browser.script("""
+            const slider = document.getElementById('volume');
+            slider.value = arguments[0];
+            slider.dispatchEvent(new Event('input', {bubbles: true}));""", percent)
+
+    def loudness(self):
+        return max(self.record(0.5)[RATE // 2:])
+
+    def test_the_chosen_buffer_is_kept_and_plays(self):
+        self.browser.click("input[name=buffer][value='150']")
+        self.reload()
+        self.play()
+        wait_until(lambda: float(self.data("depth") or 0) > 120, "the buffer is filled")
+        self.assertEqual(self.text("buffer-now"), "150 ms")
+
+    def test_the_level_is_shown_to_the_eye_and_in_words(self):
+        self.play()
+        wait_until(lambda: self.browser.script(
+            "return document.getElementById('level-left').getAttribute('aria-valuetext')")
+            in ("-10 decibels", "-11 decibels"), "the tone's level")
+
+    def test_every_control_has_a_name(self):
+        controls = self.browser.driver.find_elements("css selector", "button, input, summary, a, img")
+        self.assertGreater(len(controls), 18)
+        for control in controls:
+            if control.aria_role not in ("none", "presentation"):
+                html = control.get_attribute("outerHTML")
+                self.assertTrue(control.accessible_name or 'alt=""' in html, html)
+
+    def test_nothing_is_cut_off_at_any_width(self):
+        folder = pathlib.Path(os.environ.get("VELANTRIX_PICTURES", self.folder))
+        self.play()
+        for scheme in ("light", "dark"):
+            for width, height in ((320, 640), (768, 1024), (1280, 800), (2560, 1440)):
+                self.browser.show_as(width, height, scheme)
+                self.assertEqual(self.browser.script("""
+                    const wide = (element) => element.scrollWidth > element.clientWidth + 1;
+                    return [...document.querySelectorAll('html, main, .card, .tiles div, label')]
+                      .filter(wide).map((element) => element.outerHTML.slice(0, 80));"""), [])
+                time.sleep(0.3)  # The level moves.
+                self.browser.picture(folder / f"page-{width}-{scheme}.png")
+
+    def test_the_qr_picture_holds_the_address_that_is_shown(self):
+        wait_until(lambda: self.text("address"), "the address")
+        url = f"http://{THERE_ADDRESS}:{PORT}/qr.svg"
+        svg = urllib.request.urlopen(url, timeout=PATIENCE).read()
+        png = self.folder / "qr.png"
+        subprocess.run(["rsvg-convert", "-w", "400", "-o", png], input=svg, check=True)
+        read = subprocess.run(["zbarimg", "--quiet", "--raw", "-Sdisable", "-Sqrcode.enable", png],
+                              capture_output=True, text=True, check=True).stdout.strip()
+        self.assertRegex(read, rf"^http://{re.escape(THERE_ADDRESS)}:{PORT}/?$")
+        self.assertEqual(self.browser.script("return document.getElementById('address').href"),
+                         read if read.endswith("/") else read + "/")

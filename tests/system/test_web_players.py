@@ -1,0 +1,132 @@
+"""Media players hear the tone in each of the streams of velantrix-web.
+
+VELANTRIX_WEB_SECONDS says how long each one listens, 4 if it is not set.
+"""
+
+import os
+import pathlib
+import subprocess
+
+from support.harness import PATIENCE, Server, SoundServer, SystemTest, die_with_parent
+from support.processes import wait_until
+from support.signals import read_wav
+from support.web import NOT_ROOT, Tone, Web, assert_tone
+
+SECONDS = float(os.environ.get("VELANTRIX_WEB_SECONDS", "4"))
+STREAMS = ("stream.wav", "stream.flac", "stream.mp3", "stream.ogg")
+
+
+class PlayersTest(SystemTest):
+    """A test with a server that captures a tone, and velantrix-web."""
+
+    rate = 48000
+
+    def setUp(self):
+        super().setUp()
+        self.folder.chmod(0o777)
+        sound = self.enterContext(SoundServer(self.rate))
+        self.server = self.enterContext(Server(sound=sound, rate=self.rate))
+        self.server.wait_for_capture()
+        self.enterContext(Tone(sound))
+        self.web = self.enterContext(Web("--title", "Kitchen"))
+        self.address = self.web.address()
+
+    def start(self, command):
+        child = subprocess.Popen(
+            [str(word) for word in command], stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT, text=True, preexec_fn=die_with_parent,
+            env=dict(os.environ, HOME=str(self.folder)))
+        self.addCleanup(child.wait)
+        self.addCleanup(child.kill)
+        return child
+
+    def finish(self, child, statuses=(0,)):
+        text, _ = child.communicate(timeout=SECONDS + PATIENCE)
+        self.assertIn(child.returncode, statuses, text)
+        return text
+
+    def decode(self, path, target):
+        """What ffmpeg makes of a piece of a stream that was saved."""
+        self.finish(self.start(["ffmpeg", "-nostdin", "-loglevel", "error", "-i", path, "-ac", 2,
+                                "-c:a", "pcm_s16le", "-y", target]))
+
+    def hear(self, command, streams=STREAMS, statuses=(0,)):
+        """Lets a player hear all streams at once. ``command(address, path)`` returns its words; it
+        is to write what it hears into the WAV file at ``path``."""
+        paths = [self.folder / f"{stream.replace('?', '-')}.wav" for stream in streams]
+        children = [self.start(command(f"{self.address}/{stream}", path))
+                    for stream, path in zip(streams, paths)]
+        for stream, path, child in zip(streams, paths, children):
+            with self.subTest(stream):
+                text = self.finish(child, statuses)
+                self.assertTrue(path.exists(), text)
+                samples, rate = read_wav(path)
+                self.assertEqual(rate, self.expected_rate(stream))
+                assert_tone(self, samples, rate, SECONDS - 1, stream, level="rate=20" not in stream)
+
+    def expected_rate(self, stream):
+        return 48000 if ".ogg" in stream else self.rate
+
+    @staticmethod
+    def ffmpeg(address, path):
+        return ["ffmpeg", "-nostdin", "-loglevel", "error", "-i", address, "-t", SECONDS,
+                "-c:a", "pcm_s16le", "-y", path]
+
+
+class Players(PlayersTest):
+    def test_ffmpeg(self):
+        self.hear(self.ffmpeg)
+
+    def test_every_rate_of_ogg_and_mp3(self):
+        self.hear(self.ffmpeg, [f"stream.ogg?rate={rate}" for rate in (20, 64, 256)]
+                  + [f"stream.mp3?rate={rate}" for rate in (64, 128, 256)])
+
+    def test_mpv(self):
+        self.hear(lambda address, path: [
+            "mpv", "--no-config", "--no-video", f"--o={path}", "--oac=pcm_s16le",
+            f"--length={SECONDS}", address])
+
+    def test_vlc(self):
+        self.hear(lambda address, path: [
+            *(NOT_ROOT if os.geteuid() == 0 else []), "cvlc", "--no-video", "--aout=afile",
+            f"--audiofile-file={path}", f"--run-time={SECONDS}", "--play-and-exit", address,
+            "vlc://quit"])
+
+    def test_curl(self):
+        def command(address, path):
+            return ["curl", "-sS", "-m", SECONDS, "-o", path.with_suffix(".saved"), address]
+        streams = [self.folder / f"{stream}.saved" for stream in STREAMS]
+        children = [self.start(command(f"{self.address}/{stream}", path))
+                    for stream, path in zip(STREAMS, streams)]
+        for stream, path, child in zip(STREAMS, streams, children):
+            with self.subTest(stream):
+                self.finish(child, (28,))  # The time that was asked for is over.
+                heard = pathlib.Path(f"{path}.wav")
+                self.decode(path, heard)
+                samples, rate = read_wav(heard)
+                self.assertEqual(rate, self.expected_rate(stream))
+                assert_tone(self, samples, rate, SECONDS - 1, stream)
+
+    def test_a_server_that_was_away_is_heard_again_on_the_same_connection(self):
+        children = {stream: self.start(["curl", "-sS", "-N", "-m", 120, "-o", self.folder / stream,
+                                        f"{self.address}/{stream}"]) for stream in STREAMS}
+
+        def grown(sizes=None):
+            now = {stream: (self.folder / stream).stat().st_size for stream in STREAMS
+                   if (self.folder / stream).exists()}
+            return len(now) == len(STREAMS) and now if sizes is None else all(
+                now[stream] > sizes[stream] + 20000 for stream in STREAMS)
+        first = wait_until(grown, "every stream begins")
+        wait_until(lambda: grown(first), "every stream is heard")
+        self.server.kill()
+        away = grown()
+        wait_until(lambda: (self.folder / "stream.wav").stat().st_size
+                   > away["stream.wav"] + 2 * 192000, "silence comes while the server is away")
+        self.assertEqual([child.poll() for child in children.values()], [None] * len(STREAMS))
+
+
+class PlayersAt44100(PlayersTest):
+    rate = 44100
+
+    def test_ffmpeg(self):
+        self.hear(self.ffmpeg)

@@ -1,0 +1,60 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "tests/unit/web/enet_server.h"
+#include "tests/unit/web/web_client.h"
+#include "web/http/session.h"
+#include "web/http/web_server.h"
+#include "web/options.h"
+#include "web/upstream/station.h"
+#include "web/upstream/worker.h"
+
+/// A web server with two workers on the loopback interface, in front of a server that sends what
+/// the test gives it.
+class WebSite : public testing::Test {
+  protected:
+    /// To be changed before start().
+    vxweb::Options options;
+    std::string login;
+
+    WebSite();
+    ~WebSite() override;
+
+    void start();
+    /// Says goodbye to all, as at the end of the program.
+    void farewell();
+
+    [[nodiscard]] std::uint16_t port() const { return server_->port(); }
+
+    /// /status as it is now.
+    std::string status();
+    /// Waits until /status contains `part`; fails the test after some seconds.
+    void waitForStatus(const std::string& part);
+    /// Waits until it is so; fails the test after some seconds.
+    static void waitUntil(const std::function<bool()>& done);
+    /// Waits until somebody has asked the server for these rate codes.
+    void waitForAsked(const std::vector<std::uint32_t>& codes);
+
+    /// Sends raw sound for a while, at its pace.
+    void playFor(int milliseconds);
+
+    /// A listener to /live with this query, whose handshake is done.
+    std::unique_ptr<WebClient> live(const std::string& query = {}, int receiveBuffer = 0);
+
+    std::unique_ptr<EnetServer> upstream = std::make_unique<EnetServer>();
+
+  private:
+    std::uint32_t seq_ = 1000;
+    vxweb::Workers workers_;
+    std::unique_ptr<vxweb::Station> station_;
+    std::unique_ptr<vxweb::WebServer> server_;
+    std::unique_ptr<vxweb::Site> site_;
+    std::vector<std::thread> threads_;
+};

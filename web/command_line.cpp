@@ -1,0 +1,194 @@
+#include "web/command_line.h"
+
+#include <algorithm>
+#include <cctype>
+#include <charconv>
+#include <cstdlib>
+#include <string_view>
+#include <unistd.h>
+#include <variant>
+
+#include <CLI/CLI.hpp>
+#include <boost/asio/ip/address.hpp>
+
+#include "web/log.h"
+
+namespace vxweb {
+
+namespace {
+
+/// One sentence about what is wrong, empty when nothing is.
+using Complaint = std::string;
+
+/// What is read before it is checked.
+struct Words {
+    std::string host;
+    std::string listen;
+    std::vector<std::string> icecast;
+};
+
+void describe(CLI::App& app, Words& words, Options& options) {
+    app.add_option("HOST", words.host, "Server as HOST or HOST:PORT; none: find one");
+    app.add_option("--listen", words.listen, "Where to accept browsers and players ([::]:59080)")
+        ->type_name("ADDRESS:PORT");
+    app.add_option("--title", options.title, "Name that listeners see (this computer's)");
+    app.add_option("--password-file", options.passwordFile,
+                   "File with one line, user:password, that listeners are asked for");
+    app.add_option("--certificate", options.certificate, "Certificate for https, PEM");
+    app.add_option("--key", options.key, "The certificate's private key, PEM");
+    app.add_option("--host-name", options.hostNames,
+                   "A further name that this computer is called by")
+        ->allow_extra_args(false);
+    app.add_option("--max-listeners", options.maxListeners, "How many may listen at once (500)")
+        ->check(CLI::Range(1, 100000));
+    app.add_option("--icecast", words.icecast, "Icecast server that the stream is sent to")
+        ->allow_extra_args(false)
+        ->type_name("URL");
+    app.set_version_flag("--version", "velantrix-web " VELANTRIX_WEB_VERSION);
+}
+
+bool readPort(std::string_view text, int least, std::uint16_t& port) {
+    int number = -1;
+    const auto end = std::from_chars(text.data(), text.data() + text.size(), number);
+    if (end.ec != std::errc() || end.ptr != text.data() + text.size() || number < least ||
+        number > 65535) {
+        return false;
+    }
+    port = static_cast<std::uint16_t>(number);
+    return true;
+}
+
+bool isName(std::string_view text) {
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char letter) {
+        return std::isalnum(letter) != 0 || letter == '.' || letter == '-' || letter == '_';
+    });
+}
+
+Complaint takeHost(const std::string& text, vxlisten::ServerChoice& server) {
+    if (text.empty()) {
+        return {};
+    }
+    const std::size_t colon = text.find(':');
+    server.host = text.substr(0, colon);
+    server.portChosen = colon != std::string::npos;
+    if (!isName(server.host) ||
+        (server.portChosen && !readPort(text.substr(colon + 1), 1, server.port))) {
+        return "HOST must be a name or an IPv4 address, or one of these with :PORT";
+    }
+    return {};
+}
+
+Complaint takeListen(const std::string& text, ListenAddress& listen) {
+    if (text.empty()) {
+        return {};
+    }
+    const std::size_t colon = std::min(text.rfind(':'), text.size());
+    std::string address = text.substr(0, colon);
+    const bool bracketed = address.size() > 2 && address.front() == '[' && address.back() == ']';
+    if (bracketed) {
+        address = address.substr(1, address.size() - 2);
+    }
+    boost::system::error_code error;
+    const auto parsed = boost::asio::ip::make_address(address, error);
+    if (error || parsed.is_v6() != bracketed || colon == text.size() ||
+        !readPort(text.substr(colon + 1), 0, listen.port)) {
+        return "--listen needs ADDRESS:PORT, such as 127.0.0.1:59080 or [::]:59080";
+    }
+    listen.address = address;
+    return {};
+}
+
+std::string ownName() {
+    char name[256] = "";
+    const bool known = gethostname(name, sizeof name - 1) == 0 && name[0] != '\0';
+    return known ? name : "velantrix-web";
+}
+
+Complaint takeTitle(bool given, std::string& title) {
+    if (!given) {
+        title = ownName();
+    }
+    const bool printable = std::none_of(title.begin(), title.end(), [](unsigned char letter) {
+        return letter < 0x20 || letter == 0x7F;
+    });
+    return printable ? Complaint() : "--title must be one line without control characters";
+}
+
+Complaint checkNames(const std::vector<std::string>& names) {
+    for (const std::string& name : names) {
+        if (!isName(name)) {
+            return "--host-name: '" + name + "' is not the name of a computer";
+        }
+    }
+    return {};
+}
+
+Complaint takeIcecast(const std::vector<std::string>& urls, std::vector<IcecastTarget>& targets) {
+    // Nobody else writes the environment.
+    const char* const password =
+        std::getenv("VELANTRIX_ICECAST_PASSWORD");  // NOLINT(concurrency-mt-unsafe)
+    for (const std::string& url : urls) {
+        const auto target = parseIcecastUrl(url, password);
+        if (const auto* const complaint = std::get_if<std::string>(&target)) {
+            return *complaint;
+        }
+        targets.push_back(std::get<IcecastTarget>(target));
+    }
+    return {};
+}
+
+/// Passwords of web addresses do not belong in logs.
+std::string withoutLogins(std::string text) {
+    for (std::size_t at = text.find("//"); at < text.size(); at = text.find("//", at + 2)) {
+        const std::size_t end = text.find('@', at);
+        if (end < text.size()) {
+            text.erase(at + 2, end - at - 1);
+        }
+    }
+    return text;
+}
+
+Complaint check(const CLI::App& app, const Words& words, Options& options) {
+    if (options.certificate.empty() != options.key.empty()) {
+        return "--certificate and --key are needed together";
+    }
+    for (const Complaint& complaint :
+         {takeHost(words.host, options.server), takeListen(words.listen, options.listen),
+          takeTitle(app.count("--title") > 0, options.title), checkNames(options.hostNames),
+          takeIcecast(words.icecast, options.icecast)}) {
+        if (!complaint.empty()) {
+            return complaint;
+        }
+    }
+    return {};
+}
+
+}  // namespace
+
+CommandLine readCommandLine(int argc, char** argv) {
+    CommandLine result;
+    Words words;
+    CLI::App app("Lets browsers, media players and Icecast hear a Velantrix Server",
+                 "velantrix-web");
+    describe(app, words, result.options);
+    std::vector<std::string> arguments = takeArguments(argc, argv);
+    std::reverse(arguments.begin(), arguments.end());  // As CLI11 wants them.
+    try {
+        app.parse(arguments);
+    } catch (const CLI::Success& success) {
+        result.status = app.exit(success);
+        return result;
+    } catch (const CLI::ParseError& error) {
+        complain(withoutLogins(error.what()));
+        result.status = STATUS_USAGE;
+        return result;
+    }
+    const Complaint complaint = check(app, words, result.options);
+    if (!complaint.empty()) {
+        complain(complaint);
+        result.status = STATUS_USAGE;
+    }
+    return result;
+}
+
+}  // namespace vxweb

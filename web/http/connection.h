@@ -1,0 +1,63 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <memory>
+#include <string>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/context.hpp>
+
+namespace vxweb {
+
+using Error = boost::system::error_code;
+/// The end of something that took time; `count` is how many bytes went.
+using Done = std::function<void(const Error& error, std::size_t count)>;
+
+/// One accepted connection, with TLS or without. Everything on one thread. At most one reading and
+/// one writing at a time; buffers stay where they are until then.
+class Connection {
+  public:
+    virtual ~Connection() = default;
+    Connection(const Connection&) = delete;
+    Connection& operator=(const Connection&) = delete;
+
+    /// Prepares the connection; nothing else before it is done.
+    virtual void handshake(Done done) = 0;
+    /// Reads what has come, at least a byte.
+    virtual void read(boost::asio::mutable_buffer room, Done done) = 0;
+    /// Writes at once what goes and returns how much that is. `would_block`: use write().
+    virtual std::size_t tryWrite(boost::asio::const_buffer bytes, Error& error) = 0;
+    /// Writes some, when there is room.
+    virtual void write(boost::asio::const_buffer bytes, Done done) = 0;
+    /// Tells the other side that nothing more comes.
+    virtual void endWriting(Done done) = 0;
+
+    /// Writes everything.
+    void writeAll(std::shared_ptr<const std::string> bytes, Done done);
+
+    /// Ends at once; what is under way ends with an error.
+    void close();
+
+    /// Bounds what the kernel keeps for this connection.
+    void limitSendBuffer(int bytes);
+
+    [[nodiscard]] auto executor() { return socket_.get_executor(); }
+
+    /// The address and port on this side that the connection came to.
+    [[nodiscard]] boost::asio::ip::tcp::endpoint localEndpoint() const;
+
+  protected:
+    explicit Connection(boost::asio::ip::tcp::socket socket) : socket_(std::move(socket)) {}
+    boost::asio::ip::tcp::socket socket_;
+
+  private:
+    void writeRest(std::shared_ptr<const std::string> bytes, std::size_t from, Done done);
+};
+
+/// A connection over the socket; with TLS unless `tls`, which is borrowed, is null.
+std::shared_ptr<Connection> makeConnection(boost::asio::ip::tcp::socket socket,
+                                           boost::asio::ssl::context* tls);
+
+}  // namespace vxweb

@@ -1,0 +1,128 @@
+#include "web/http/listener.h"
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+
+#include <boost/asio/error.hpp>
+#include <boost/asio/post.hpp>
+
+#include "listen/clock.h"
+
+namespace vxweb {
+
+namespace {
+
+constexpr std::int64_t MAX_LIVE_DELAY = 1 * vxlisten::SECOND;
+constexpr std::int64_t MAX_STREAM_DELAY = 10 * vxlisten::SECOND;
+
+boost::asio::const_buffer toBuffer(std::string_view bytes) {
+    return {bytes.data(), bytes.size()};
+}
+
+}  // namespace
+
+Listener::Listener(std::shared_ptr<Connection> connection, Slow slow, bool framed)
+    : connection_(std::move(connection)), slow_(slow), framed_(framed) {}
+
+void Listener::send(PacketPtr packet) {
+    if (failed_) {
+        return;
+    }
+    std::size_t gone = 0;
+    if (queue_.empty()) {
+        Error error;
+        const std::string_view bytes = packet->view(framed_);
+        gone = connection_->tryWrite(toBuffer(bytes), error);
+        if (gone == bytes.size()) {
+            return;
+        }
+    } else if (!makeRoom(*packet)) {
+        fail(boost::asio::error::timed_out);
+        return;
+    }
+    queue_.push_back({std::move(packet), gone, nullptr});
+    flush();
+}
+
+void Listener::sendOwn(std::string bytes, Done done) {
+    auto packet = std::make_shared<Packet>();
+    packet->bytes = std::move(bytes);
+    packet->bodyLength = packet->bytes.size();
+    packet->sound = false;
+    queue_.push_back({std::move(packet), 0, std::move(done)});
+    if (failed_) {
+        fail(boost::asio::error::operation_aborted);
+    } else {
+        flush();
+    }
+}
+
+/// Before another packet joins the queue. False when the listener is too slow for the connection.
+bool Listener::makeRoom(const Packet& packet) {
+    if (slow_ == Slow::LosesConnection) {
+        return std::none_of(queue_.begin(), queue_.end(), [&packet](const Entry& entry) {
+            return entry.packet->sound && packet.time - entry.packet->time > MAX_STREAM_DELAY;
+        });
+    }
+    // A text begins something new: what waits from before is of no use any more.
+    const auto useless = [&packet](const Entry& entry) {
+        const bool old = packet.time - entry.packet->time > MAX_LIVE_DELAY;
+        return !entry.done && (!packet.sound || (entry.packet->sound && old));
+    };
+    const bool begun = writing_ || queue_.front().gone > 0;
+    queue_.erase(std::remove_if(queue_.begin() + (begun ? 1 : 0), queue_.end(), useless),
+                 queue_.end());
+    return true;
+}
+
+void Listener::flush() {
+    while (!queue_.empty() && !writing_ && !failed_) {
+        const auto rest = toBuffer(queue_.front().packet->view(framed_)) + queue_.front().gone;
+        Error error;
+        const std::size_t count = connection_->tryWrite(rest, error);
+        if (error == boost::asio::error::would_block) {
+            writing_ = true;
+            connection_->write(
+                rest, [self = shared_from_this()](const Error& problem, std::size_t written) {
+                    self->writing_ = false;
+                    self->advance(written, problem);
+                    self->flush();
+                });
+        } else {
+            advance(count, error);
+        }
+    }
+}
+
+void Listener::advance(std::size_t count, const Error& error) {
+    if (error || failed_) {
+        fail(error);
+        return;
+    }
+    Entry& entry = queue_.front();
+    entry.gone += count;
+    if (entry.gone >= entry.packet->view(framed_).size()) {
+        finish(std::move(entry.done), {});
+        queue_.pop_front();
+    }
+}
+
+/// Ends the connection; what is being written stays where it is until that has ended.
+void Listener::fail(const Error& error) {
+    failed_ = true;
+    connection_->close();
+    while (!queue_.empty() && !writing_) {
+        finish(std::move(queue_.front().done), error ? error : boost::asio::error::not_connected);
+        queue_.pop_front();
+    }
+}
+
+void Listener::finish(Done done, const Error& error) {
+    if (done) {
+        boost::asio::post(connection_->executor(),
+                          [done = std::move(done), error] { done(error, 0); });
+    }
+}
+
+}  // namespace vxweb

@@ -1,0 +1,39 @@
+#include "web/http/request_reader.h"
+
+#include <limits>
+
+#include <boost/asio/buffer.hpp>
+#include <boost/beast/http/error.hpp>
+
+namespace vxweb {
+
+namespace http = boost::beast::http;
+
+RequestReader::RequestReader() {
+    parser_.header_limit(MAX_HEADER);
+    // Announced bodies are not read; how long they are does not matter.
+    parser_.body_limit(std::numeric_limits<std::uint64_t>::max());
+}
+
+std::size_t RequestReader::read(std::string_view bytes) {
+    boost::system::error_code error;
+    const std::size_t taken = parser_.put(boost::asio::buffer(bytes), error);
+    taken_ += taken;
+    const std::size_t waiting = parser_.is_header_done() ? 0 : bytes.size() - taken;
+    if (taken_ + waiting > MAX_HEADER) {  // Beast counts the request line apart.
+        state_ = State::TooLong;
+    } else if (parser_.is_header_done()) {
+        state_ = State::Complete;
+    } else if (error == http::error::header_limit) {
+        state_ = State::TooLong;
+    } else if (error && error != http::error::need_more) {
+        state_ = State::Bad;
+    }
+    return taken;
+}
+
+bool RequestReader::hasBody() const {
+    return parser_.chunked() || parser_.content_length_remaining().value_or(0) > 0;
+}
+
+}  // namespace vxweb

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "web/channel.h"
+
+namespace vxweb {
+
+/// What a request asks for.
+struct Route {
+    enum class Kind { Asset, Qr, Status, Playlist, Stream, Live, Missing, BadQuery };
+
+    Kind kind = Kind::Missing;
+    std::string_view path;  ///< Without the query. Borrowed from the target.
+    ChannelId channel = 0;  ///< Stream and Live.
+    std::string problem;    ///< BadQuery: one sentence.
+};
+
+/// Finds what stands at a target, "/path?query". Pure.
+Route findRoute(std::string_view target);
+
+/// The value of the first `name` in a query, if it is there. Not decoded: no name or value of ours
+/// needs that. Pure.
+std::optional<std::string_view> queryValue(std::string_view query, std::string_view name);
+
+}  // namespace vxweb

@@ -1,0 +1,28 @@
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/ssl/context.hpp>
+
+#include "web/http/doors.h"
+#include "web/upstream/station.h"
+#include "web/upstream/worker.h"
+
+namespace vxweb {
+
+/// What all sessions know. Not changed once the program runs.
+struct Site {
+    Doors doors;
+    std::string title;
+    std::string address;  ///< Web address of the page, as other computers open it.
+    std::unique_ptr<boost::asio::ssl::context> tls;  ///< Null without TLS.
+    Station& station;
+};
+
+/// Serves an accepted connection until it ends. `site` and `worker` are borrowed. Thread: the
+/// worker's.
+void startSession(boost::asio::ip::tcp::socket socket, const Site& site, Worker& worker);
+
+}  // namespace vxweb

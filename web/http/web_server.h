@@ -1,0 +1,44 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <vector>
+
+#include <boost/asio/ip/tcp.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include "web/http/session.h"
+#include "web/options.h"
+#include "web/upstream/worker.h"
+
+namespace vxweb {
+
+/// Accepts connections and gives them to the workers in turn. Lives on the first worker's thread.
+class WebServer {
+  public:
+    /// `workers` are borrowed and outlive this.
+    explicit WebServer(Workers& workers);
+
+    /// Takes the port. Returns one sentence when that fails, nothing otherwise.
+    [[nodiscard]] std::string open(const ListenAddress& address);
+
+    /// Accepts from now on. `site` is borrowed and outlives this.
+    void start(const Site& site);
+
+    /// Accepts nothing more.
+    void close();
+
+    /// The port that was taken.
+    [[nodiscard]] std::uint16_t port() const;
+
+  private:
+    void accept();
+
+    Workers& workers_;
+    boost::asio::ip::tcp::acceptor acceptor_;
+    boost::asio::steady_timer pause_;
+    const Site* site_ = nullptr;
+    std::size_t next_ = 0;  ///< Index of the worker that gets the next connection.
+};
+
+}  // namespace vxweb

@@ -1,0 +1,22 @@
+#include <cstdio>
+#include <cstdlib>
+
+#include "listen/background.h"
+#include "web/command_line.h"
+#include "web/program.h"
+
+int main(int argc, char** argv) {
+    const vxweb::CommandLine commandLine = vxweb::readCommandLine(argc, argv);
+    const int status = commandLine.status.value_or(vxweb::STATUS_OK);
+    if (commandLine.status) {
+        return status;
+    }
+    const int result = vxweb::run(commandLine.options);
+    if (vxlisten::workAbandoned()) {
+        // GCOVR_EXCL_START: without exit handlers, which write the counts, too
+        std::fflush(nullptr);
+        std::_Exit(result);
+        // GCOVR_EXCL_STOP
+    }
+    return result;
+}

@@ -1,0 +1,257 @@
+// Plays a stream of packets at the pace of an output: keeps the right amount of sound buffered,
+// whatever the network and the two clocks do, and resamples to the output's rate. Times are given,
+// in milliseconds, not taken from a clock. No DOM: the same code runs in an AudioWorklet and beside
+// scheduled buffers.
+
+import { BlockSource, Join, Kind } from './block_source.js';
+import { DelayTarget } from './delay_target.js';
+import { DriftControl } from './drift_control.js';
+import { SequenceTracker } from './packets.js';
+import { Resampler } from './resampler.js';
+import { fade, mirror, stretch } from './splicing.js';
+
+const CONTROL_INTERVAL = 0.25; // Seconds.
+const DEPTH_MEMORY = 2; // Seconds over which the depth is averaged.
+const LONGEST_STEP = 1; // Seconds; a longer pause of the output is cut to it.
+const MIN_EXCESS_MS = 40;
+const EXCESS_SHARE = 0.5;
+// Much less sound than the target is made up for by stretching, for the drift correction is slow.
+const MAX_SHORTAGE_MS = 15;
+const SHORTAGE_SHARE = 0.3;
+const SMALL_SHORTAGE_MS = 4;
+const STRETCH_INTERVAL = 8; // Packets.
+
+export class Playout {
+  #outputRate;
+  #target;
+  #source = new BlockSource();
+  #tracker = new SequenceTracker();
+  #drift = new DriftControl();
+  #resampler = new Resampler();
+  #resamplerRate = 0;
+  #rate = 0; // Of the sound that waits.
+  #latest = null; // The latest packet's samples and frames.
+  #packets = 0; // Of the stream, lost ones too.
+  #lastRender = null;
+  #meanDepth = 0;
+  #sinceControl = 0;
+  #sinceStretch = 0;
+  #stretching = false;
+  #everPlayed = false;
+  #ending = false; // The stream has ended, and is to run dry.
+  #peak = [0, 0];
+  #figures = {
+    playing: false,
+    depthMs: 0,
+    correctionPpm: 0,
+    lost: 0, // Packets.
+    underruns: 0,
+    skipped: 0, // Packets left out to catch up.
+    stretched: 0, // Packets played longer, to buffer more.
+  };
+
+  /** `bufferMs` is the least sound to keep buffered. */
+  constructor(outputRate, bufferMs) {
+    this.#outputRate = outputRate;
+    this.#target = new DelayTarget(bufferMs);
+  }
+
+  setBuffer(milliseconds) {
+    this.#target.choose(milliseconds);
+  }
+
+  /** The stream has ended: what comes next has nothing to do with it. */
+  restart() {
+    this.#tracker.restart();
+    this.#ending = true;
+  }
+
+  /** Takes a packet over: its sequence number, its rate in Hz, its interleaved samples. */
+  push({ sequence, rate, samples }, now) {
+    const { start, missing } = this.#tracker.observe(sequence);
+    const frames = samples.length / 2;
+    const newStream = start || rate !== this.#rate;
+    if (newStream) {
+      this.#target.restart();
+      this.#packets = 0;
+      this.#rate = rate;
+      this.#ending = false;
+    } else {
+      this.#conceal(missing);
+    }
+    const join = newStream ? Join.NEW_STREAM : missing > 0 ? Join.FADE_IN : Join.GOES_ON;
+    this.#latest = samples;
+    const packetMs = (1000 * frames) / rate;
+    this.#target.noteArrival(this.#packets * packetMs, now, packetMs);
+    this.#packets += 1;
+    this.#source.push({ samples, frames, join, concealed: false });
+  }
+
+  /** Queues what stands for lost packets: an echo that fades out, then silence. */
+  #conceal(missing) {
+    for (let i = 0; i < missing; ++i) {
+      const samples = i === 0 ? this.#latest.slice() : new Float32Array(this.#latest.length);
+      if (i === 0) {
+        mirror(samples);
+        fade(samples, samples.length / 2, 1, 0);
+      }
+      this.#source.push({
+        samples, frames: samples.length / 2, join: Join.GOES_ON, concealed: true,
+      });
+    }
+    this.#packets += missing;
+    this.#figures.lost += missing;
+  }
+
+  /** Writes the next `frames` frames from `offset` on. `now` is the time of the call. */
+  render(left, right, offset, frames, now) {
+    const seconds = this.#lastRender === null
+      ? 0 : Math.min(LONGEST_STEP, Math.max(0, (now - this.#lastRender) / 1000));
+    this.#lastRender = now;
+    this.#target.pass(seconds);
+    this.#watchStart(frames);
+    this.#produce(frames);
+    this.#resampler.pull(left, right, offset, frames);
+    this.#watchLevel(left, 0, offset, frames);
+    this.#watchLevel(right, 1, offset, frames);
+    this.#watchDepth(seconds);
+    this.#control(seconds);
+  }
+
+  #watchStart(wanted) {
+    if (!this.#source.pausing || this.#source.empty) {
+      return;
+    }
+    const depth = (1000 * this.#source.frames) / this.#rate;
+    const excess = depth - this.#target.milliseconds - (1000 * wanted) / this.#outputRate;
+    if (excess < 0) {
+      return;
+    }
+    if (this.#resamplerRate !== this.#rate) {
+      this.#resamplerRate = this.#rate;
+      this.#resampler.setRates(this.#rate, this.#outputRate);
+    }
+    const packets = Math.floor(excess / this.#packetMs);
+    this.#source.skip(packets);
+    // What came before the output was ready has never been missed.
+    this.#figures.skipped += this.#everPlayed ? packets : 0;
+    this.#everPlayed = true;
+    this.#source.resume();
+    this.#meanDepth = this.#target.milliseconds;
+    this.#figures.playing = true;
+  }
+
+  #produce(wanted) {
+    while (!this.#source.pausing && this.#resampler.available < wanted) {
+      this.#playBlock();
+    }
+    const missing = this.#resampler.missing(wanted);
+    if (missing > 0) {
+      this.#resampler.push(null, missing);
+    }
+  }
+
+  #playBlock() {
+    const block = this.#source.next();
+    let samples = block.samples;
+    switch (block.kind) {
+      case Kind.RAN_DRY:
+        this.#figures.playing = false;
+        if (!this.#ending) {
+          this.#figures.underruns += 1;
+          this.#target.noteUnderrun();
+        }
+        break;
+      case Kind.ENDED:
+        this.#figures.playing = false;
+        break;
+      case Kind.SOUND:
+        samples = this.#stretched(samples);
+        break;
+    }
+    this.#resampler.push(samples);
+  }
+
+  #stretched(samples) {
+    const target = this.#target.milliseconds;
+    const shortage = target - this.#meanDepth;
+    const most = Math.min(MAX_SHORTAGE_MS, SHORTAGE_SHARE * target);
+    this.#stretching = shortage > (this.#stretching ? Math.min(SMALL_SHORTAGE_MS, most) : most);
+    if (++this.#sinceStretch < STRETCH_INTERVAL || !this.#stretching) {
+      return samples;
+    }
+    const longer = stretch(samples);
+    if (longer !== samples) {
+      this.#figures.stretched += 1;
+      this.#meanDepth += (1000 * (longer.length - samples.length)) / 2 / this.#rate;
+      this.#sinceStretch = 0;
+    }
+    return longer;
+  }
+
+  get #packetMs() {
+    return (1000 * this.#latest.length) / 2 / this.#rate;
+  }
+
+  get #depthMs() {
+    const waiting = this.#rate > 0 ? (1000 * this.#source.frames) / this.#rate : 0;
+    return waiting + (1000 * this.#resampler.available) / this.#outputRate;
+  }
+
+  #watchLevel(samples, channel, offset, frames) {
+    let peak = this.#peak[channel];
+    for (let i = offset; i < offset + frames; ++i) {
+      peak = Math.max(peak, Math.abs(samples[i]));
+    }
+    this.#peak[channel] = peak;
+  }
+
+  #watchDepth(seconds) {
+    if (this.#source.pausing) {
+      this.#figures.depthMs = this.#depthMs;
+      return;
+    }
+    this.#meanDepth += (this.#depthMs - this.#meanDepth) * Math.min(1, seconds / DEPTH_MEMORY);
+    this.#figures.depthMs = this.#meanDepth;
+    const target = this.#target.milliseconds;
+    if (this.#meanDepth > target + Math.max(MIN_EXCESS_MS, EXCESS_SHARE * target)) {
+      this.#skipDown(target);
+    }
+  }
+
+  /** After an interruption much more may wait than needed. */
+  #skipDown(target) {
+    const excess = Math.min(this.#depthMs, this.#meanDepth) - target;
+    const packets = Math.floor(excess / this.#packetMs);
+    if (packets >= 1) {
+      this.#source.skip(packets);
+      this.#figures.skipped += packets;
+      this.#meanDepth = this.#depthMs;
+    }
+  }
+
+  #control(seconds) {
+    this.#sinceControl += seconds;
+    if (this.#sinceControl < CONTROL_INTERVAL) {
+      return;
+    }
+    if (!this.#source.pausing) {
+      const deviation = this.#meanDepth - this.#target.milliseconds;
+      this.#figures.correctionPpm = this.#drift.update(deviation, this.#sinceControl);
+      this.#resampler.setCorrection(this.#figures.correctionPpm);
+    }
+    this.#sinceControl = 0;
+  }
+
+  /** A copy of the figures; the peaks (0 to 1, left and right) are those since the last call. */
+  takeFigures() {
+    const peak = this.#peak;
+    this.#peak = [0, 0];
+    return {
+      ...this.#figures,
+      peak,
+      targetMs: this.#target.milliseconds,
+      jitterMs: this.#target.jitter,
+    };
+  }
+}

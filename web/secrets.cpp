@@ -1,0 +1,95 @@
+#include "web/secrets.h"
+
+#include <cerrno>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <system_error>
+#include <unistd.h>
+#include <utility>
+
+#include <openssl/ssl.h>
+
+namespace vxweb {
+
+namespace {
+
+constexpr std::size_t LONGEST_LOGIN = 1024;
+
+/// A file that is open for reading.
+class OpenFile {
+  public:
+    explicit OpenFile(const std::string& path)
+        : descriptor_(open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK)) {}
+    ~OpenFile() {
+        if (descriptor_ >= 0) {
+            close(descriptor_);
+        }
+    }
+    OpenFile(const OpenFile&) = delete;
+    OpenFile& operator=(const OpenFile&) = delete;
+
+    [[nodiscard]] int descriptor() const { return descriptor_; }
+
+  private:
+    int descriptor_;
+};
+
+std::string reason() {
+    return std::generic_category().message(errno);
+}
+
+/// The first bytes of a file; a longer one is of no use.
+std::string contentOf(const OpenFile& file) {
+    std::string content(LONGEST_LOGIN + 1, '\0');
+    const ssize_t length = read(file.descriptor(), content.data(), content.size());
+    content.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
+    return content;
+}
+
+}  // namespace
+
+std::string readLogin(const std::string& path, std::string& login) {
+    const OpenFile file(path);
+    struct stat state = {};
+    if (file.descriptor() < 0 || fstat(file.descriptor(), &state) != 0) {
+        return "cannot read the password file " + path + ": " + reason();
+    }
+    if ((state.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
+        return "others may read the password file " + path + ": take that right away (chmod 600)";
+    }
+    std::string line = contentOf(file);
+    if (!line.empty() && line.back() == '\n') {
+        line.pop_back();
+    }
+    const std::size_t colon = line.find(':');
+    if (colon == std::string::npos || colon == 0 || colon + 1 == line.size() ||
+        line.size() > LONGEST_LOGIN || line.find_first_of(std::string("\r\n\0", 3)) < line.size()) {
+        return "the password file " + path + " is not one line user:password";
+    }
+    login = std::move(line);
+    return {};
+}
+
+std::string openTls(const std::string& certificate, const std::string& key,
+                    std::unique_ptr<boost::asio::ssl::context>& tls) {
+    auto context =
+        std::make_unique<boost::asio::ssl::context>(boost::asio::ssl::context::tls_server);
+    SSL_CTX_set_min_proto_version(context->native_handle(), TLS1_2_VERSION);
+    SSL_CTX_set_mode(context->native_handle(), SSL_MODE_RELEASE_BUFFERS);
+    SSL_CTX_set_options(context->native_handle(), SSL_OP_NO_RENEGOTIATION);
+    // A key with a password is of no use to a program without a terminal.
+    boost::system::error_code error;
+    context->set_password_callback([](std::size_t, auto) { return std::string(); }, error);
+    context->use_certificate_chain_file(certificate, error);
+    if (error) {
+        return "cannot use the certificate " + certificate + ": " + error.message();
+    }
+    context->use_private_key_file(key, boost::asio::ssl::context::pem, error);
+    if (error) {
+        return "cannot use the key " + key + ": " + error.message();
+    }
+    tls = std::move(context);
+    return {};
+}
+
+}  // namespace vxweb

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace vxweb {
+
+/// Where an Icecast server takes a stream, and who may send it there.
+struct IcecastTarget {
+    std::string host;  ///< A name or an address, IPv6 without brackets.
+    std::uint16_t port = 0;
+    std::string mount;  ///< "/velantrix.ogg".
+    std::string user;
+    std::string password;
+    bool tls = false;
+
+    /// "HOST:PORT/MOUNT" for messages, without the user's name.
+    [[nodiscard]] std::string name() const;
+};
+
+/// Reads `http://[USER[:PASSWORD]@]HOST[:PORT]/MOUNT`, or the same with `https`. Without a user
+/// "source", without a port 8000, without a password `password`, which may be null or empty.
+/// Otherwise one sentence about what is wrong, without a line end, in which neither stands. Pure.
+std::variant<IcecastTarget, std::string> parseIcecastUrl(const std::string& url,
+                                                         const char* password);
+
+/// Copies the program's arguments, without its name, and takes the users' names and passwords of
+/// web addresses out of the originals, which other users see in the process list.
+std::vector<std::string> takeArguments(int count, char** arguments);
+
+}  // namespace vxweb

@@ -1,0 +1,51 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include <opus/opus.h>
+
+#include "listen/audio/rate_adapter.h"
+#include "listen/audio/stream_decoder.h"
+
+namespace vxweb {
+
+/// Frees an Opus encoder.
+struct OpusEncoderDeleter {
+    void operator()(OpusEncoder* encoder) const { opus_encoder_destroy(encoder); }
+};
+
+/// Makes Opus packets of 10 ms at 48 kHz from packets that no player can take as they are. Not
+/// thread-safe.
+class OpusTranscoder {
+  public:
+    using Put = std::function<void(const unsigned char* packet, std::size_t length)>;
+
+    /// `rate` in kbit/s. The encoder is made when it is needed.
+    explicit OpusTranscoder(int rate) : rate_(rate) {}
+
+    /// Decodes a packet that `step` judged and calls `put` for each packet that is complete. False
+    /// when it could not be decoded.
+    [[nodiscard]] bool take(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
+                            const Put& put);
+
+    /// Forgets the sound that waits for a packet to be complete; the next one has nothing to do
+    /// with it.
+    void restart();
+
+  private:
+    [[nodiscard]] bool prepare();
+
+    int rate_;
+    vxlisten::StreamDecoder decoder_;
+    vxlisten::RateAdapter adapter_{48000};
+    std::unique_ptr<OpusEncoder, OpusEncoderDeleter> encoder_;
+    std::vector<std::int16_t> waiting_;
+    bool fresh_ = true;
+};
+
+}  // namespace vxweb

@@ -1,0 +1,123 @@
+#include "web/streams/stream_clock.h"
+
+#include <algorithm>
+
+#include "listen/clock.h"
+
+namespace vxweb {
+
+namespace {
+
+using vxlisten::MILLISECOND;
+using vxlisten::SECOND;
+
+constexpr int DEFAULT_RATE = 48000;
+/// Without a server a stream begins with silence after this time, or players would give it up.
+constexpr std::int64_t LONGEST_WAIT = 2 * SECOND;
+/// Packets may be held up for so long before silence takes their place.
+constexpr std::int64_t HOLD = 200 * MILLISECOND;
+/// Longer silence at once would only fill the buffers of players, which have run dry meanwhile.
+constexpr std::int64_t LONGEST_SILENCE = 2 * SECOND;
+/// So far the stream may be ahead of time before sound counts as late: where silence has been
+/// written in its place, and elsewhere.
+constexpr std::int64_t LATE = 20 * MILLISECOND;
+constexpr std::int64_t FAR_AHEAD = 250 * MILLISECOND;
+/// A stream that lags behind for a whole window has lost time; a smaller lag is the clocks' drift.
+constexpr std::int64_t WINDOW = 2 * SECOND;
+constexpr std::int64_t LARGEST_LAG = 50 * MILLISECOND;
+constexpr std::int64_t LARGEST_DRIFT = WINDOW / 1000;
+
+std::int64_t lengthOf(std::uint64_t frames, int rate) {
+    return static_cast<std::int64_t>(frames) * SECOND / rate;
+}
+
+}  // namespace
+
+std::int64_t StreamClock::reach() const {
+    return origin_ + lengthOf(written_, rate_);
+}
+
+std::size_t StreamClock::framesIn(std::int64_t microseconds) const {
+    const auto frames = std::max<std::int64_t>(0, microseconds) * rate_ / SECOND;
+    return static_cast<std::size_t>(frames) / unit_ * unit_;
+}
+
+void StreamClock::begin(std::int64_t now, int rate) {
+    rate_ = rate_ > 0 ? rate_ : rate;
+    origin_ = now;
+    begun_ = true;
+}
+
+std::size_t StreamClock::fill(std::int64_t microseconds) {
+    const std::int64_t excess = std::max<std::int64_t>(0, microseconds - LONGEST_SILENCE);
+    origin_ += excess;
+    const std::size_t frames = framesIn(microseconds - excess);
+    written_ += frames;
+    return frames;
+}
+
+std::size_t StreamClock::pass(std::int64_t now) {
+    if (!begun_) {
+        waitsSince_ = waitsSince_.value_or(now);
+        if (now - *waitsSince_ < LONGEST_WAIT) {
+            return 0;
+        }
+        begin(now - HOLD, DEFAULT_RATE);
+        lastArrival_ = now - HOLD;
+    }
+    if (now - lastArrival_ <= HOLD) {
+        return 0;
+    }
+    windowEnd_.reset();
+    const std::size_t frames = fill(now - HOLD - reach());
+    filled_ += frames;
+    return frames;
+}
+
+// The least lag of a window is that of the packets that were not held up on their way.
+std::size_t StreamClock::settle(std::int64_t now, std::int64_t lag) {
+    leastLag_ = windowEnd_ ? std::min(leastLag_, lag) : lag;
+    windowEnd_ = windowEnd_.value_or(now + WINDOW);
+    if (now < *windowEnd_) {
+        return 0;
+    }
+    windowEnd_.reset();
+    filled_ = 0;
+    if (leastLag_ > LARGEST_LAG) {
+        return fill(leastLag_);
+    }
+    origin_ += std::clamp(leastLag_, -LARGEST_DRIFT, LARGEST_DRIFT);
+    return 0;
+}
+
+StreamClock::Arrival StreamClock::arrive(std::int64_t now, std::size_t frames, int packetRate,
+                                         const vxlisten::SequenceStep& step) {
+    const std::int64_t begins = now - lengthOf(frames, packetRate);
+    if (!begun_) {
+        begin(begins, packetRate);
+    }
+    lastArrival_ = now;
+    Arrival arrival;
+    if (step.start) {
+        filled_ = 0;
+        windowEnd_.reset();
+        arrival.silence = fill(begins - reach());
+    } else if (step.missing > 0) {
+        const std::size_t missing =
+            framesIn(lengthOf(std::uint64_t{step.missing} * frames, packetRate));
+        const std::size_t done = std::min(missing, filled_);
+        filled_ -= done;
+        const std::int64_t most = begins - reach() + FAR_AHEAD;
+        arrival.silence = fill(std::min(lengthOf(missing - done, rate_) + 1, most));
+    }
+    const std::int64_t lag = begins - reach();
+    if (lag < (filled_ > 0 ? -LATE : -FAR_AHEAD)) {
+        arrival.late = true;
+        filled_ -= std::min(filled_, framesIn(now - begins));
+        return arrival;
+    }
+    arrival.silence += settle(now, lag);
+    return arrival;
+}
+
+}  // namespace vxweb

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "listen/network/sequence_tracker.h"
+
+namespace vxweb {
+
+/// Says where an endless stream lacks silence to keep pace with time, and which sound comes too
+/// late for it. It follows the server's clock where that differs from ours by up to 1000 ppm.
+/// Frames are those of the stream, times are microseconds. Not thread-safe.
+class StreamClock {
+  public:
+    /// What to do about a packet.
+    struct Arrival {
+        std::size_t silence = 0;  ///< Frames to write before it.
+        bool late = false;        ///< Its time is filled already: leave it out.
+    };
+
+    /// `rate` in Hz, 0 for that of the first packet (48000 when silence comes first). Silence comes
+    /// in multiples of `unit` frames.
+    explicit StreamClock(int rate, std::size_t unit) : rate_(rate), unit_(unit) {}
+
+    /// Judges a packet of `frames` frames at `packetRate` Hz that arrived at `now`. The silence
+    /// counts as written.
+    Arrival arrive(std::int64_t now, std::size_t frames, int packetRate,
+                   const vxlisten::SequenceStep& step);
+
+    /// Frames of silence to write at `now`, without a packet; they count as written.
+    std::size_t pass(std::int64_t now);
+
+    /// Counts `frames` of sound that were written.
+    void wrote(std::size_t frames) { written_ += frames; }
+
+    /// Hz; 0 as long as the first packet is to decide it.
+    [[nodiscard]] int rate() const { return rate_; }
+
+  private:
+    void begin(std::int64_t now, int rate);
+    [[nodiscard]] std::int64_t reach() const;
+    [[nodiscard]] std::size_t framesIn(std::int64_t microseconds) const;
+    std::size_t fill(std::int64_t microseconds);
+    std::size_t settle(std::int64_t now, std::int64_t lag);
+
+    int rate_;
+    std::size_t unit_;
+    bool begun_ = false;
+    std::optional<std::int64_t> waitsSince_;  ///< The first pass() without sound.
+    std::int64_t origin_ = 0;                 ///< When the stream began.
+    std::uint64_t written_ = 0;               ///< Frames since then.
+    std::int64_t lastArrival_ = 0;
+    std::size_t filled_ = 0;  ///< Frames of silence whose sound may still come.
+    std::optional<std::int64_t> windowEnd_;
+    std::int64_t leastLag_ = 0;  ///< In the present window.
+};
+
+}  // namespace vxweb

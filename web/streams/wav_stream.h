@@ -1,0 +1,19 @@
+#pragma once
+
+#include "web/streams/pcm_stream.h"
+
+namespace vxweb {
+
+/// Signed 16-bit samples behind a WAV header whose sizes say that the end is not known.
+class WavStream final : public PcmStream {
+  public:
+    [[nodiscard]] std::string header() const override { return header_; }
+
+  private:
+    void start(int rate) override;
+    void write(const std::int16_t* frames, std::size_t count, std::string& bytes) override;
+
+    std::string header_;
+};
+
+}  // namespace vxweb

@@ -1,0 +1,101 @@
+#include "web/upstream/feed.h"
+
+#include <utility>
+
+#include "listen/clock.h"
+#include "web/upstream/live_packets.h"
+
+namespace vxweb {
+
+Feed::Feed(boost::asio::io_context& context, ServerLocator& locator, std::uint32_t rateCode,
+           const std::string& title, FeedEvents& events)
+    : rateCode_(rateCode), title_(title), events_(events) {
+    vxlisten::StreamChoice choice;
+    choice.rateCode = rateCode;
+    choice.name = title;
+    upstream_ = std::make_shared<Upstream>(context, locator, choice, *this);
+    upstream_->open();
+}
+
+Feed::~Feed() {
+    upstream_->abandon();
+}
+
+void Feed::addListener(ChannelId channel) {
+    const Channel& it = CHANNELS[channel];
+    if (outlets_[channel].listeners++ == 0 && !it.live()) {
+        outlets_[channel].media = makeMediaStream(mediaFormat(it.form), it.rate, title_);
+    }
+    ++listeners_;
+}
+
+void Feed::removeListener(ChannelId channel) {
+    if (--outlets_[channel].listeners == 0 && outlets_[channel].media) {
+        outlets_[channel] = {};
+    }
+    --listeners_;
+}
+
+bool Feed::carries(ChannelId channel) const {
+    return CHANNELS[channel].rateCode == rateCode_;
+}
+
+void Feed::introduce(ChannelId channel, PacketPtr intro) {
+    outlets_[channel].intro = std::move(intro);
+    events_.publish(channel, outlets_[channel].intro);
+}
+
+void Feed::publishMedia(ChannelId channel, const Chunk& chunk, std::int64_t now) {
+    const std::string header = outlets_[channel].media->header();
+    if (!outlets_[channel].intro && !header.empty()) {
+        introduce(channel, makeChunk(header, false, now));
+    }
+    events_.publish(channel, makeChunk(*chunk, true, now));
+}
+
+void Feed::packetCame(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
+                      std::int64_t now) {
+    sampleRate_ = packet.sampleRate;
+    for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
+        if (carries(channel) && CHANNELS[channel].live()) {
+            publishLive(channel, packet, step.start, now);
+        } else if (outlets_[channel].media) {
+            outlets_[channel].media->take(
+                packet, step, now, [=](const Chunk& chunk) { publishMedia(channel, chunk, now); });
+        }
+    }
+}
+
+void Feed::publishLive(ChannelId channel, const vxlisten::AudioPacket& packet, bool start,
+                       std::int64_t now) {
+    if (start) {
+        introduce(channel, makeFormat(CHANNELS[channel].form == Form::LiveOpus, packet.sampleRate,
+                                      title_, now));
+    }
+    if (outlets_[channel].listeners > 0 && packet.encoding != vxlisten::Encoding::Fallback) {
+        events_.publish(channel, makeSound(packet, now));
+    }
+}
+
+void Feed::serverWentAway() {
+    for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
+        if (carries(channel) && CHANNELS[channel].live()) {
+            introduce(channel, makeWaiting(vxlisten::steadyNow()));
+        }
+    }
+}
+
+void Feed::timePassed(std::int64_t now) {
+    for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
+        if (outlets_[channel].media) {
+            outlets_[channel].media->pass(
+                now, [=](const Chunk& chunk) { publishMedia(channel, chunk, now); });
+        }
+    }
+}
+
+void Feed::upstreamClosed() {
+    events_.feedClosed(*this);
+}
+
+}  // namespace vxweb

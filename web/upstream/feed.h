@@ -1,0 +1,84 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <boost/asio/io_context.hpp>
+
+#include "web/channel.h"
+#include "web/packet.h"
+#include "web/upstream/upstream.h"
+
+namespace vxweb {
+
+class Feed;
+
+/// What a feed makes of the server's sound, and its end.
+class FeedEvents {
+  public:
+    virtual ~FeedEvents() = default;
+    /// For all listeners of the channel.
+    virtual void publish(ChannelId channel, const PacketPtr& packet) = 0;
+    /// After close(): nothing more comes. The feed may go once this has returned.
+    virtual void feedClosed(const Feed& feed) = 0;
+};
+
+/// One of the server's streams while it is in use, and all channels that are made of it.
+/// Everything on the thread of its context.
+class Feed : public UpstreamEvents {
+  public:
+    /// `locator` and `events` are borrowed and outlive this.
+    Feed(boost::asio::io_context& context, ServerLocator& locator, std::uint32_t rateCode,
+         const std::string& title, FeedEvents& events);
+    ~Feed() override;
+    Feed(const Feed&) = delete;
+    Feed& operator=(const Feed&) = delete;
+
+    void addListener(ChannelId channel);
+    void removeListener(ChannelId channel);
+
+    /// How many listen to all channels.
+    [[nodiscard]] std::size_t listeners() const { return listeners_; }
+
+    /// What a new listener of the channel gets first; null for nothing.
+    [[nodiscard]] PacketPtr intro(ChannelId channel) const { return outlets_[channel].intro; }
+
+    [[nodiscard]] bool connected() const { return upstream_->connected(); }
+
+    /// Rate of the sound in Hz; 0 before the first.
+    [[nodiscard]] int sampleRate() const { return sampleRate_; }
+
+    /// Ends the connection.
+    void close() { upstream_->close(); }
+
+  private:
+    struct Outlet {
+        std::size_t listeners = 0;
+        PacketPtr intro;
+        std::unique_ptr<MediaStream> media;  ///< While somebody hears it; not for live channels.
+    };
+
+    void packetCame(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
+                    std::int64_t now) override;
+    void serverWentAway() override;
+    void timePassed(std::int64_t now) override;
+    void upstreamClosed() override;
+    [[nodiscard]] bool carries(ChannelId channel) const;
+    void introduce(ChannelId channel, PacketPtr intro);
+    void publishMedia(ChannelId channel, const Chunk& chunk, std::int64_t now);
+    void publishLive(ChannelId channel, const vxlisten::AudioPacket& packet, bool start,
+                     std::int64_t now);
+
+    const std::uint32_t rateCode_;
+    const std::string title_;
+    FeedEvents& events_;
+    std::array<Outlet, CHANNELS.size()> outlets_;
+    std::size_t listeners_ = 0;
+    int sampleRate_ = 0;
+    std::shared_ptr<Upstream> upstream_;
+};
+
+}  // namespace vxweb

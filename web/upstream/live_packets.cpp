@@ -1,0 +1,80 @@
+#include "web/upstream/live_packets.h"
+
+#include <array>
+#include <cstddef>
+#include <cstdio>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+
+namespace vxweb {
+
+namespace {
+
+constexpr unsigned char WHOLE_TEXT = 0x81;
+constexpr unsigned char WHOLE_BINARY = 0x82;
+constexpr std::size_t LONGEST_SHORT = 125;  ///< Longer messages have two further bytes of length.
+
+/// The beginning of a message of at most 65535 bytes.
+std::string frameOf(unsigned char kind, std::size_t length) {
+    std::string frame(1, static_cast<char>(kind));
+    if (length <= LONGEST_SHORT) {
+        frame.push_back(static_cast<char>(length));
+    } else {
+        frame.push_back(static_cast<char>(LONGEST_SHORT + 1));
+        frame.push_back(static_cast<char>(length >> 8));
+        frame.push_back(static_cast<char>(length & 0xFF));
+    }
+    return frame;
+}
+
+PacketPtr makePacket(std::string frame, std::string_view body, std::string_view end, bool sound,
+                     std::int64_t now) {
+    auto packet = std::make_shared<Packet>();
+    packet->bodyBegin = frame.size();
+    packet->bodyLength = body.size();
+    packet->bytes = std::move(frame);
+    packet->bytes.append(body).append(end);
+    packet->time = now;
+    packet->sound = sound;
+    return packet;
+}
+
+PacketPtr makeText(const nlohmann::ordered_json& content, std::int64_t now) {
+    const std::string text =
+        content.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+    return makePacket(frameOf(WHOLE_TEXT, text.size()), text, {}, false, now);
+}
+
+}  // namespace
+
+PacketPtr makeFormat(bool opus, int sampleRate, const std::string& title, std::int64_t now) {
+    return makeText({{"format", opus ? "opus" : "pcm"},
+                     {"sampleRate", sampleRate},
+                     {"channels", 2},
+                     {"title", title}},
+                    now);
+}
+
+PacketPtr makeWaiting(std::int64_t now) {
+    return makeText({{"state", "waiting"}}, now);
+}
+
+PacketPtr makeSound(const vxlisten::AudioPacket& packet, std::int64_t now) {
+    std::array<unsigned char, 8> header{};
+    wire::writeU32(header.data(), packet.seq);
+    wire::writeU32(header.data() + 4, static_cast<std::uint32_t>(packet.frames));
+    std::string frame = frameOf(WHOLE_BINARY, header.size() + packet.payloadLength);
+    frame.append(reinterpret_cast<const char*>(header.data()), header.size());
+    const std::string_view payload(reinterpret_cast<const char*>(packet.payload),
+                                   packet.payloadLength);
+    return makePacket(std::move(frame), payload, {}, true, now);
+}
+
+PacketPtr makeChunk(std::string_view body, bool sound, std::int64_t now) {
+    char length[24] = "";
+    std::snprintf(length, sizeof length, "%zx\r\n", body.size());
+    return makePacket(length, body, "\r\n", sound, now);
+}
+
+}  // namespace vxweb

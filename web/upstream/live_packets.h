@@ -1,0 +1,27 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+
+#include "listen/network/audio_packet.h"
+#include "web/packet.h"
+
+namespace vxweb {
+
+/// The messages of /live as frames of a WebSocket, and chunks of media streams as HTTP/1.1 frames
+/// them. `now` in microseconds of steadyNow(). Thread: any.
+
+/// The text message that says what sound follows. `sampleRate` in Hz.
+PacketPtr makeFormat(bool opus, int sampleRate, const std::string& title, std::int64_t now);
+
+/// The text message that says that the server is away.
+PacketPtr makeWaiting(std::int64_t now);
+
+/// The binary message with the payload of one packet.
+PacketPtr makeSound(const vxlisten::AudioPacket& packet, std::int64_t now);
+
+/// A piece of a media stream: of its sound, or its header.
+PacketPtr makeChunk(std::string_view body, bool sound, std::int64_t now);
+
+}  // namespace vxweb

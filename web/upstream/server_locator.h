@@ -1,0 +1,58 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <future>
+#include <string>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include "listen/find_server.h"
+#include "listen/retry_pause.h"
+
+namespace vxweb {
+
+/// Knows where the server is, and looks for it without making anybody wait. Everything on the
+/// thread of its context.
+class ServerLocator {
+  public:
+    ServerLocator(boost::asio::io_context& context, vxlisten::ServerChoice choice);
+
+    /// Looks for a server that was not named until one answers, with growing pauses.
+    void start();
+
+    /// Ends what waits, for good. What runs in the background is abandoned.
+    void stop();
+
+    /// Looks once whether the server is elsewhere now, unless that is being done.
+    void look();
+
+    /// Dotted IPv4 address; empty before it is known.
+    [[nodiscard]] const std::string& address() const { return address_; }
+    [[nodiscard]] std::uint16_t port() const { return choice_.port; }
+
+    /// The last server found or given as "address:port"; empty before the first.
+    [[nodiscard]] std::string server() const;
+
+  private:
+    struct Found {
+        vxlisten::ServerChoice choice;
+        std::string address;
+    };
+
+    void search();
+    void poll();
+    void take(Found found);
+
+    boost::asio::steady_timer timer_;
+    vxlisten::ServerChoice choice_;
+    vxlisten::RetryPause pause_;
+    std::future<Found> search_;
+    std::string address_;
+    bool searching_ = false;  ///< A search runs, or the pause before the next one.
+    bool toldUnknown_ = false;
+    bool stopped_ = false;
+};
+
+}  // namespace vxweb

@@ -1,0 +1,197 @@
+#include "web/upstream/upstream.h"
+
+#include <chrono>
+#include <utility>
+
+#include "listen/clock.h"
+#include "stream/wire_format.h"
+#include "web/channel.h"
+#include "web/log.h"
+
+namespace vxweb {
+
+namespace {
+
+using vxlisten::MILLISECOND;
+using vxlisten::SECOND;
+using vxlisten::steadyNow;
+
+constexpr std::chrono::milliseconds TICK{20};
+constexpr std::int64_t LOCATE_PATIENCE = 1 * SECOND;
+constexpr std::int64_t CONNECT_PATIENCE = 5 * SECOND;
+/// A server sends without a pause. When nothing comes although the connection stands, only a new
+/// connection helps.
+constexpr std::int64_t SILENCE_PATIENCE = 3 * SECOND;
+constexpr std::int64_t GOODBYE_PATIENCE = 400 * MILLISECOND;
+/// Somebody else was given the place: not taken back at once.
+constexpr std::int64_t REPLACED_PAUSE = 5 * SECOND;
+
+}  // namespace
+
+Upstream::Upstream(boost::asio::io_context& context, ServerLocator& locator,
+                   vxlisten::StreamChoice choice, UpstreamEvents& events)
+    : timer_(context),
+      socket_(context),
+      locator_(locator),
+      choice_(std::move(choice)),
+      events_(events) {}
+
+Upstream::~Upstream() {
+    if (socket_.is_open()) {
+        socket_.release();
+    }
+}
+
+void Upstream::open() {
+    if (receiver_.open()) {
+        socket_.assign(receiver_.descriptor());
+        waitForData();
+    } else {
+        tell("cannot open a network socket");
+    }
+    enter(Link::Waiting);
+    waitForTime();
+    watch();
+}
+
+void Upstream::close() {
+    receiver_.startDisconnect();
+    enter(Link::Closing);
+}
+
+void Upstream::abandon() {
+    enter(Link::Ended);
+    timer_.cancel();
+}
+
+void Upstream::enter(Link link) {
+    link_ = link;
+    linkSince_ = steadyNow();
+}
+
+void Upstream::tell(const std::string& what) const {
+    say(feedName(choice_.rateCode) + ": " + what);
+}
+
+void Upstream::waitForData() {
+    socket_.async_wait(boost::asio::posix::descriptor_base::wait_read,
+                       [self = shared_from_this()](const boost::system::error_code& error) {
+                           if (!error && self->link_ != Link::Ended) {
+                               self->service();
+                               self->waitForData();
+                           }
+                       });
+}
+
+void Upstream::waitForTime() {
+    timer_.expires_after(TICK);
+    timer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+        if (!error && self->link_ != Link::Ended) {
+            self->passTime();
+        }
+    });
+}
+
+void Upstream::passTime() {
+    service();
+    watch();
+    if (link_ != Link::Ended) {
+        events_.timePassed(steadyNow());
+        waitForTime();
+    }
+}
+
+void Upstream::service() {
+    while (link_ != Link::Ended && socket_.is_open()) {
+        const vxlisten::ReceiverEvent event = receiver_.service(0);
+        if (event.type == vxlisten::ReceiverEvent::Type::None) {
+            return;
+        }
+        handle(event);
+    }
+}
+
+void Upstream::handle(const vxlisten::ReceiverEvent& event) {
+    if (event.type == vxlisten::ReceiverEvent::Type::Disconnected) {
+        handleDisconnected(event.disconnectData);
+    } else if (link_ == Link::Closing) {
+        return;
+    } else if (event.type == vxlisten::ReceiverEvent::Type::Packet) {
+        handlePacket(*event.packet);
+    } else {
+        enter(Link::Connected);
+        tell("connected to " + receiver_.serverAddress());
+        lastSound_ = linkSince_;
+        tracker_.restart();
+        receiver_.requestData(choice_);
+    }
+}
+
+void Upstream::handlePacket(const ENetPacket& packet) {
+    const auto audio = vxlisten::parseAudioPacket(packet.data, packet.dataLength);
+    if (!audio || audio->rateCode != choice_.rateCode) {
+        return;
+    }
+    lastSound_ = steadyNow();
+    pause_.reset();
+    away_ = false;
+    events_.packetCame(*audio, tracker_.observe(*audio), lastSound_);
+}
+
+void Upstream::handleDisconnected(std::uint32_t data) {
+    if (link_ == Link::Closing) {
+        linkSince_ = 0;
+    } else if (data == wire::DISCONNECT_REPLACED) {
+        lose("another listener has taken this place at " + receiver_.serverAddress());
+        waitUntil_ = steadyNow() + REPLACED_PAUSE;
+    } else {
+        lose(link_ == Link::Connected
+                 ? "the connection to " + receiver_.serverAddress() + " has ended"
+                 : std::string());
+    }
+}
+
+/// `why` is printed unless it is empty.
+void Upstream::lose(const std::string& why) {
+    if (!why.empty()) {
+        tell(why + ", trying again");
+    }
+    receiver_.drop();
+    enter(Link::Waiting);
+    waitUntil_ = linkSince_ + pause_.next() * MILLISECOND;
+    locator_.look();
+    if (!away_) {
+        away_ = true;
+        events_.serverWentAway();
+    }
+}
+
+void Upstream::connect() {
+    enter(Link::Connecting);
+    if (!socket_.is_open() || !receiver_.resolve(locator_.address(), locator_.port()) ||
+        !receiver_.connect(choice_)) {
+        lose({});
+    }
+}
+
+void Upstream::watch() {
+    const std::int64_t now = steadyNow();
+    const bool moved = !locator_.address().empty() && receiver_.address() != locator_.address();
+    if (link_ == Link::Closing && now - linkSince_ >= GOODBYE_PATIENCE) {
+        enter(Link::Ended);
+        events_.upstreamClosed();
+    } else if (link_ == Link::Waiting && !away_ && locator_.address().empty() &&
+               now - linkSince_ >= LOCATE_PATIENCE) {
+        away_ = true;
+        events_.serverWentAway();
+    } else if (link_ == Link::Waiting && now >= waitUntil_ && !locator_.address().empty()) {
+        connect();
+    } else if (link_ == Link::Connecting && (moved || now - linkSince_ >= CONNECT_PATIENCE)) {
+        lose({});
+    } else if (link_ == Link::Connected && now - lastSound_ >= SILENCE_PATIENCE) {
+        receiver_.startDisconnect();
+        lose("no sound has come from " + receiver_.serverAddress() + " for a while");
+    }
+}
+
+}  // namespace vxweb

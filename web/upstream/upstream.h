@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include <boost/asio/io_context.hpp>
+#include <boost/asio/posix/stream_descriptor.hpp>
+#include <boost/asio/steady_timer.hpp>
+
+#include "listen/network/audio_packet.h"
+#include "listen/network/receiver.h"
+#include "listen/network/sequence_tracker.h"
+#include "listen/retry_pause.h"
+#include "web/upstream/server_locator.h"
+
+namespace vxweb {
+
+/// What comes from one connection to the server, in order.
+class UpstreamEvents {
+  public:
+    virtual ~UpstreamEvents() = default;
+    /// A packet of the stream that was asked for. Borrowed.
+    virtual void packetCame(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
+                            std::int64_t now) = 0;
+    /// The server is away. Called anew only after packets have come.
+    virtual void serverWentAway() = 0;
+    /// Called every 20 ms.
+    virtual void timePassed(std::int64_t now) = 0;
+    /// The connection has ended after close(); the last call.
+    virtual void upstreamClosed() = 0;
+};
+
+/// One connection to the server, for one of its streams; connects again, without end. Everything
+/// on the thread of its context.
+class Upstream : public std::enable_shared_from_this<Upstream> {
+  public:
+    /// `locator` and `events` are borrowed and outlive this.
+    Upstream(boost::asio::io_context& context, ServerLocator& locator,
+             vxlisten::StreamChoice choice, UpstreamEvents& events);
+    ~Upstream();
+    Upstream(const Upstream&) = delete;
+    Upstream& operator=(const Upstream&) = delete;
+
+    /// Starts to connect. Once.
+    void open();
+
+    /// Says goodbye to the server; upstreamClosed() follows within half a second.
+    void close();
+
+    /// Ends without a word to the server or to the events, which may then go.
+    void abandon();
+
+    [[nodiscard]] bool connected() const { return link_ == Link::Connected; }
+
+  private:
+    enum class Link { Waiting, Connecting, Connected, Closing, Ended };
+
+    void waitForData();
+    void waitForTime();
+    void passTime();
+    void service();
+    void handle(const vxlisten::ReceiverEvent& event);
+    void handlePacket(const ENetPacket& packet);
+    void handleDisconnected(std::uint32_t data);
+    void watch();
+    void connect();
+    void lose(const std::string& why);
+    void enter(Link link);
+    void tell(const std::string& what) const;
+
+    boost::asio::steady_timer timer_;
+    boost::asio::posix::stream_descriptor socket_;  ///< Borrowed from the receiver.
+    ServerLocator& locator_;
+    const vxlisten::StreamChoice choice_;
+    UpstreamEvents& events_;
+    vxlisten::Receiver receiver_;
+    vxlisten::SequenceTracker tracker_;
+    vxlisten::RetryPause pause_;
+    Link link_ = Link::Waiting;
+    bool away_ = false;  ///< serverWentAway() was the last word.
+    // Times in microseconds.
+    std::int64_t linkSince_ = 0;
+    std::int64_t waitUntil_ = 0;
+    std::int64_t lastSound_ = 0;
+};
+
+}  // namespace vxweb

@@ -1,0 +1,53 @@
+#pragma once
+
+#include <array>
+#include <memory>
+#include <vector>
+
+#include <boost/asio/io_context.hpp>
+
+#include "web/channel.h"
+#include "web/packet.h"
+
+namespace vxweb {
+
+/// One who hears a channel.
+class Subscriber {
+  public:
+    virtual ~Subscriber() = default;
+    /// The next packet. Thread: its worker's.
+    virtual void take(const PacketPtr& packet) = 0;
+    /// The program ends. Thread: its worker's.
+    virtual void farewell() = 0;
+
+    bool left = false;  ///< It hears nothing more. Set by the station.
+};
+
+/// A thread's work, and the subscribers that belong to it: nothing of theirs is shared with other
+/// threads. Thread: the one that runs the context.
+class Worker {
+  public:
+    explicit Worker(std::size_t index) : index_(index) {}
+
+    [[nodiscard]] boost::asio::io_context& context() { return context_; }
+    [[nodiscard]] std::size_t index() const { return index_; }
+
+    /// From now on the subscriber takes what the channel brings, `intro` first unless it is null.
+    void attach(ChannelId channel, const std::shared_ptr<Subscriber>& subscriber,
+                const PacketPtr& intro);
+    /// Not within take().
+    void detach(ChannelId channel, const Subscriber* subscriber);
+    void deliver(ChannelId channel, const PacketPtr& packet);
+    /// Tells all subscribers, also those who come later, that the program ends.
+    void farewell();
+
+  private:
+    boost::asio::io_context context_{1};
+    const std::size_t index_;
+    bool ending_ = false;
+    std::array<std::vector<std::shared_ptr<Subscriber>>, CHANNELS.size()> subscribers_;
+};
+
+using Workers = std::vector<std::unique_ptr<Worker>>;
+
+}  // namespace vxweb
