@@ -38,6 +38,12 @@ if ! grep -qsx 'ID=ubuntu' /etc/os-release; then
     packages_test+=(chromium chromium-driver firefox-esr)
     packages_bench+=(chromium chromium-driver python3-selenium)
 fi
+# What bench/peers compares; on Debian only.
+packages_peers=(
+    snapserver snapclient pulseaudio pulseaudio-utils netcat-openbsd gstreamer1.0-plugins-base
+    gstreamer1.0-plugins-good trx pipewire pipewire-bin pipewire-pulse libpipewire-0.3-modules
+    wireplumber dbus-daemon libasound2-plugins iproute2 python3
+)
 packages_coverage=(gcovr)
 packages_package=(dpkg-dev lintian file)
 packages_trees=(debootstrap iproute2 python3)
