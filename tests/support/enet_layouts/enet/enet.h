@@ -5,7 +5,7 @@
 
 /// The part of ENet that the trimming of a client's queue touches, declared by us under ENet's
 /// names, so that the code for ENet releases that are not installed compiles and runs in tests.
-/// Each release directory adds its `ENET_VERSION` and its `ENetPeer`. Only fields that the
+/// TEST_ENET_PATCH says which release of 1.3 it is. Only fields that the
 /// trimming reads or writes are here; the memory layout is not ENet's.
 
 using enet_uint8 = std::uint8_t;
@@ -83,3 +83,21 @@ void enet_packet_destroy(ENetPacket* packet);
 std::size_t enet_protocol_command_size(enet_uint8 command);
 void* enet_malloc(std::size_t size);
 void enet_free(void* memory);
+
+#define ENET_VERSION ENET_VERSION_CREATE(1, 3, TEST_ENET_PATCH)
+
+struct ENetPeer {
+    ENetPeerState state;
+    ENetChannel* channels;
+    enet_uint32 outgoingDataTotal;
+    ENetList sentReliableCommands;
+#if TEST_ENET_PATCH < 16  // Separate lists of reliable and unreliable commands.
+    ENetList outgoingReliableCommands;
+    ENetList outgoingUnreliableCommands;
+#else
+    ENetList outgoingCommands;
+#endif
+#if TEST_ENET_PATCH >= 18  // The reliable ones that carry data.
+    ENetList outgoingSendReliableCommands;
+#endif
+};
