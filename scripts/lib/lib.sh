@@ -25,7 +25,7 @@ packages_test=(
     libgtest-dev libgmock-dev xvfb xauth xdotool openbox imagemagick dbus at-spi2-core
     gir1.2-atspi-2.0 python3-gi libglib2.0-bin x11-utils weston qtwayland5 desktop-file-utils
     appstream mandoc zsh systemd valgrind python3-pytest python3-pyte
-    curl ffmpeg icecast2 mpv vlc-bin vlc-plugin-base
+    curl ffmpeg icecast2 mpv vlc-bin vlc-plugin-base openssl python3-selenium zbar-tools
 )
 packages_qt6=(qt6-base-dev qt6-wayland)
 packages_check=(clang clang-tidy clang-format cppcheck)
@@ -33,6 +33,11 @@ packages_analysis=("${packages_check[@]}" iwyu)
 packages_bench=(
     libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib valgrind
 )
+# Ubuntu's browsers are snaps, which cannot be driven like this.
+if ! grep -qsx 'ID=ubuntu' /etc/os-release; then
+    packages_test+=(chromium chromium-driver firefox-esr)
+    packages_bench+=(chromium chromium-driver python3-selenium)
+fi
 packages_coverage=(gcovr)
 packages_package=(dpkg-dev lintian file)
 packages_trees=(debootstrap iproute2 python3)
@@ -102,7 +107,8 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
          for the tests:   gtest-devel gmock-devel xorg-x11-server-Xvfb xorg-x11-xauth xdotool \
              openbox ImageMagick dbus-daemon at-spi2-core python3-gobject xprop weston qt5-qtwayland \
              desktop-file-utils appstream mandoc zsh systemd valgrind python3-pytest python3-pyte \
-             curl ffmpeg icecast mpv vlc
+             curl ffmpeg icecast mpv vlc \
+             chromium chromedriver python3-selenium zbar (and Firefox ESR as firefox-esr)
          for the checks:  clang clang-tools-extra cppcheck
          for benchmarks:  google-benchmark-devel python3-matplotlib valgrind pulseaudio pulseaudio-utils
 
@@ -112,7 +118,8 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
          for the demo:    pulseaudio iproute2 python
          for the tests:   gtest xorg-server-xvfb xorg-xauth xdotool imagemagick dbus at-spi2-core \
              openbox python-gobject xorg-xprop weston qt5-wayland desktop-file-utils appstream \
-             mandoc zsh valgrind python-pytest python-pyte curl ffmpeg icecast mpv vlc
+             mandoc zsh valgrind python-pytest python-pyte curl ffmpeg icecast mpv vlc \
+             chromium python-selenium zbar (and Firefox ESR as firefox-esr)
          for the checks:  clang cppcheck
          for benchmarks:  benchmark python-matplotlib valgrind pulseaudio
 

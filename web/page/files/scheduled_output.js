@@ -8,9 +8,9 @@ const PIECE_SECONDS = 0.01;
 const TIMER_MS = 8;
 const FADE_SECONDS = 0.003;
 const MIN_PERIOD_SECONDS = 0.01;
-const FIGURES_MS = 40;
+const FIGURES_MS = 50;
 
-/** Gives sound to the node `target`; `onFigures` hears the figures of Playout some 25 times a second. */
+/** Gives sound to the node `target`; `onFigures` hears the figures of Playout some 20 times a second. */
 export class ScheduledOutput {
   #context;
   #playout;
@@ -35,14 +35,18 @@ export class ScheduledOutput {
     this.#right = new Float32Array(frames);
     this.#fader = context.createGain();
     this.#fader.connect(target);
-    const tell = () => onFigures({
-      ...this.#playout.takeFigures(), leadMs: 1000 * this.#lead.seconds,
-    });
+    const tell = () => onFigures(this.#figures());
     this.#timers = [setInterval(() => this.#pump(), TIMER_MS), setInterval(tell, FIGURES_MS)];
   }
 
+  #figures() {
+    const figures = this.#playout.takeFigures();
+    figures.underruns += this.#lead.late;
+    return { ...figures, leadMs: 1000 * this.#lead.seconds };
+  }
+
   push(packet) {
-    this.#playout.push(packet, this.#now());
+    this.#playout.push(packet, performance.now());
     this.#pump(); // Timers of a page that nobody looks at are slow, messages are not.
   }
 
