@@ -316,6 +316,17 @@ export function clocksThatDifferAreFollowedWithoutAJump() {
   }
 }
 
+export function whatPilesUpWhileTheOutputBeginsIsLeftOut() {
+  const session = new Session();
+  session.run(0.2);
+  for (let i = 0; i < 4; ++i) {
+    session.now += 8; // Nothing is rendered.
+    session.send();
+  }
+  noClick(session.run(4), 'what is left out');
+  near(session.figures.depthMs, 40, 12, 'the depth');
+}
+
 export function aLostPacketIsFaded() {
   const session = new Session({ lost: (i) => i % 100 === 50 || i % 100 === 51 });
   const sound = session.run(10);

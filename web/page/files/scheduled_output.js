@@ -5,6 +5,7 @@ import { Lead } from './sound/lead.js';
 import { Playout } from './sound/playout.js';
 
 const PIECE_SECONDS = 0.01;
+const MAX_PIECES = 2;
 const TIMER_MS = 8;
 const FADE_SECONDS = 0.003;
 const MIN_PERIOD_SECONDS = 0.01;
@@ -82,9 +83,9 @@ export class ScheduledOutput {
       this.#fader.gain.cancelScheduledValues(this.#end / rate - FADE_SECONDS);
     }
     // Little at a time: behind a pause of the page more packets wait for their turn.
-    do {
+    for (let pieces = 0; this.#end < goal && (late || pieces < MAX_PIECES); ++pieces) {
       this.#schedulePiece(rate);
-    } while (late && this.#end < goal);
+    }
     this.#fadeAt(this.#end / rate);
   }
 
