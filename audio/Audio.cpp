@@ -37,13 +37,13 @@ class QuietStandardError {
         consoleDrain();
         std::fflush(stderr);
         saved_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
-        const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+        const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
         // What cannot be put back stays as it is: chatter is better than silence for ever.
-        if (saved_ >= 0 && nowhere >= 0) {
-            ::dup2(nowhere, STDERR_FILENO);
+        if (saved_ >= 0 && devNull >= 0) {
+            ::dup2(devNull, STDERR_FILENO);
         }
-        if (nowhere >= 0) {
-            ::close(nowhere);
+        if (devNull >= 0) {
+            ::close(devNull);
         }
     }
     ~QuietStandardError() {
@@ -193,7 +193,7 @@ PaError openCapture(std::atomic<bool>& isRate48k) {
 }  // namespace
 
 int Audio::Open(int /*unused*/, std::atomic<bool>& isRate48k) {
-    const std::lock_guard<std::mutex> alone(lifeMutex);
+    const std::lock_guard<std::mutex> lock(lifeMutex);
     isRate48k.store(false);
     if (closed) {
         return paNotInitialized;
@@ -208,7 +208,7 @@ int Audio::Open(int /*unused*/, std::atomic<bool>& isRate48k) {
 }
 
 int Audio::Close() {
-    const std::lock_guard<std::mutex> alone(lifeMutex);
+    const std::lock_guard<std::mutex> lock(lifeMutex);
     closed = true;
     const PaError err = Pa_CloseStream(stream);
     Pa_Terminate();

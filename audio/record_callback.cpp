@@ -34,7 +34,7 @@ void gather(const char* frames, std::size_t frameCount, bool hasInput) {
 }
 
 /// Hands on one block of at most 338 frames; `input` null stands for silence.
-void handOn(const char* input, std::size_t frameCount) {
+void deliver(const char* input, std::size_t frameCount) {
     char* const samples = Audio::_CaptureBuffer + HEADER;
     if (input != nullptr) {
         std::memcpy(samples, input, frameCount * FRAME);
@@ -64,7 +64,7 @@ int Audio::recordCallback(const void* input, void* /*output*/, unsigned long fra
     const char* source = static_cast<const char*>(input);
     do {
         const std::size_t piece = std::min<std::size_t>(frameCount, wire::RAW_BLOCK_FRAMES);
-        handOn(source, piece);
+        deliver(source, piece);
         frameCount -= piece;
         source += source != nullptr ? piece * FRAME : 0;
     } while (frameCount > 0);

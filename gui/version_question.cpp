@@ -3,6 +3,7 @@
 #include <cassert>
 #include <cstdlib>
 #include <fcntl.h>
+#include <optional>
 #include <string>
 #include <unistd.h>
 
@@ -20,14 +21,28 @@ constexpr int DESCRIPTORS_KEPT = 1024;
 
 /// False when the window went away meanwhile: nothing of it may be touched then.
 bool waitWhileMinimized(const QWidget& window) {
-    while (window.isMinimized()) {
-        CoreUnpin unpin;
-        Sleep(MINIMIZED_STEP_MS);
-        if (!unpin.repin()) {
-            return false;
+    for (;;) {
+        {
+            const CorePin pin;
+            if (!pin || !window.isMinimized()) {
+                return static_cast<bool>(pin);
+            }
         }
+        Sleep(MINIMIZED_STEP_MS);
     }
-    return true;
+}
+
+/// The user's answer to the question. None when the window went away meanwhile: what the check
+/// stored may have outlasted it, on a slow disc.
+std::optional<int> ask(VelantrixServer& window) {
+    const CorePin pin;
+    if (!pin) {
+        return std::nullopt;
+    }
+    return window.showQuestion(
+        QMessageBox::Information, "Velantrix Version Notification",
+        "A new version of Velantrix Server is available. Would you like to download it now?",
+        QMessageBox::Yes | QMessageBox::No);
 }
 
 /// Keeps programs that are started from now on from inheriting our sockets: a browser that
@@ -42,7 +57,6 @@ void keepDescriptorsToOurselves() {
 /// runs. False when no shell could be started for it. The status is compared as it is, not
 /// decoded: a shell that ran counts as success, whatever became of its command.
 bool openBrowser() {
-    const CoreUnpin unpin;
     keepDescriptorsToOurselves();
     const int status = std::system(browserCommand(webAddress()).c_str());
     return status >= 0 && status != NO_SHELL;
@@ -59,19 +73,16 @@ void tellUser(VelantrixServer& window, const std::string& message) {
 
 int VelantrixServer::checkVersion() {
     assert(!onMainThread());
+    CallPin::release();
     if (!waitWhileMinimized(*this)) {
         return 0;
     }
     const int result = VelantrixServerNoGUI::checkVersion();
-    const CorePin pin;  // What the check wrote may have outlasted the window, on a slow disc.
-    if (result == 0 || !pin) {
+    const std::optional<int> answer = result == 0 ? std::nullopt : ask(*this);
+    if (!answer) {
         return result;
     }
-    const int answer = showQuestion(
-        QMessageBox::Information, "Velantrix Version Notification",
-        "A new version of Velantrix Server is available. Would you like to download it now?",
-        QMessageBox::Yes | QMessageBox::No);
-    if (answer != QMessageBox::Yes) {
+    if (*answer != QMessageBox::Yes) {
         tellUser(*this, std::string("Please visit ") + webAddress() +
                             " at some future time to get the new version. You will not be "
                             "notified about this version again.");

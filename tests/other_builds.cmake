@@ -26,7 +26,7 @@ set(VX_QT6_UNIT_TESTS no_child_test settings_test volume_control_test window_tes
 function(vx_other_build name folder preset)
   if(folder)
     add_test(NAME build.${name}
-             COMMAND nice -n 19 ${CMAKE_SOURCE_DIR}/scripts/lib/build-preset ${preset} ${ARGN})
+             COMMAND ${VX_LAST} ${CMAKE_SOURCE_DIR}/scripts/lib/build-preset ${preset} ${ARGN})
     set_tests_properties(build.${name} PROPERTIES
       LABELS check RESOURCE_LOCK every_core COST 1000 TIMEOUT 1500 FIXTURES_SETUP build_${name})
   endif()
@@ -38,4 +38,4 @@ endfunction()
 
 vx_other_build(plain "${VELANTRIX_PLAIN_BUILD}" dev ${VX_PLAIN_TARGETS})
 vx_other_build(thread "${VELANTRIX_THREAD_BUILD}" tsan ${VX_THREAD_TARGETS})
-vx_other_build(qt6 "${VELANTRIX_QT6_BUILD}" qt6 VelantrixServer enet_probe ${VX_QT6_UNIT_TESTS})
+vx_other_build(qt6 "${VELANTRIX_QT6_BUILD}" qt6 VelantrixServer enet_probe preload_faults ${VX_QT6_UNIT_TESTS})

@@ -89,16 +89,29 @@ CURLcode prepare(CURL* handle, WebIf* receiver) {
         .outcome();
 }
 
-/// Performs a prepared transfer, which may take for ever, without holding up the destruction of
-/// the core object. No result when the core went away: then settings and objects that end with
-/// the process, libcurl's among them, may not be touched any more.
-std::optional<CURLcode> perform(CURL* handle, CURLcode prepared) {
-    if (prepared != CURLE_OK) {
+/// Performs a transfer, which may take for ever, without holding up the destruction of the core
+/// object. No result when the core went away: then settings and objects that end with the process,
+/// libcurl's among them, may not be touched any more.
+template <class Prepare>
+std::optional<CURLcode> perform(CURL* handle, Prepare prepare) {
+    if (const CorePin pin; !pin) {
+        return std::nullopt;
+    } else if (const CURLcode prepared = prepare(); prepared != CURLE_OK) {
         return prepared;
     }
-    CoreUnpin unpin;
     const CURLcode result = curl_easy_perform2(handle);
-    return unpin.repin() ? std::optional(result) : std::nullopt;
+    return CorePin() ? std::optional(result) : std::nullopt;
+}
+
+/// Whether it is time for a check, of which the settings then know. Not when the core has gone.
+bool beginCheck() {
+    const CorePin pin;
+    const std::int32_t now = minutesSinceEpoch();
+    if (!pin || checkedLately(Settings::getVersionCheckTime(), now)) {
+        return false;
+    }
+    Settings::setVersionCheckTime(now);
+    return true;
 }
 
 void release(CURL* handle) {
@@ -162,19 +175,16 @@ std::size_t WebIf::writeMemoryCallback(void* contents, std::size_t itemSize, std
 }
 
 int WebIf::checkVersion(const char* currentVersion) {
-    if (curl_global_init2 == nullptr) {
+    if (curl_global_init2 == nullptr || !beginCheck()) {
         return 0;
-    }
-    const std::int32_t now = minutesSinceEpoch();
-    if (checkedLately(Settings::getVersionCheckTime(), now)) {
-        return 0;
-    }
-    Settings::setVersionCheckTime(now);
-    if (!CorePin()) {
-        return 0;  // A slow disc has outlasted it.
     }
     // Closed also when memory runs out, which is thrown.
-    const std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init2(), release);
+    std::unique_ptr<CURL, void (*)(CURL*)> handle(nullptr, release);
+    if (const CorePin pin; pin) {
+        handle.reset(curl_easy_init2());
+    } else {
+        return 0;  // A slow disc has outlasted it.
+    }
     if (handle == nullptr) {
         consolePuts("WebIf::checkVersion: curl_easy_init() failed, can't check for new versions");
         return 0;
@@ -183,7 +193,8 @@ int WebIf::checkVersion(const char* currentVersion) {
 }
 
 bool WebIf::fetch(void* handle) {
-    const std::optional<CURLcode> result = perform(handle, prepare(handle, this));
+    const std::optional<CURLcode> result =
+        perform(handle, [this, handle] { return prepare(handle, this); });
     if (result.value_or(CURLE_OK) != CURLE_OK) {
         consolePrintf("WebIf::checkVersion: curl_easy_perform() failed: %s\n",
                       curl_easy_strerror2(*result));
@@ -198,8 +209,9 @@ bool WebIf::fetchFrame(void* handle) {
         return true;
     }
     size = 0;
-    const CURLcode prepared = OptionSetter(handle).set(CURLOPT_URL, address.c_str()).outcome();
-    const std::optional<CURLcode> result = perform(handle, prepared);
+    const std::optional<CURLcode> result = perform(handle, [handle, &address] {
+        return OptionSetter(handle).set(CURLOPT_URL, address.c_str()).outcome();
+    });
     if (result.value_or(CURLE_OK) != CURLE_OK) {
         consolePrintf("WebIf::checkVersion: Second curl_easy_perform() failed: %s\n",
                       curl_easy_strerror2(*result));
@@ -208,6 +220,10 @@ bool WebIf::fetchFrame(void* handle) {
 }
 
 int WebIf::judge(const char* currentVersion) const {
+    const CorePin pin;
+    if (!pin) {
+        return 0;
+    }
     const std::string line(firstLine(memory, size));
     const auto bytes = static_cast<unsigned long>(size);
     const auto length = static_cast<unsigned long>(line.size());

@@ -23,9 +23,8 @@ class WebIf {
     /// Checks for a version other than `currentVersion` (borrowed). Returns 1 when there is one
     /// that was not announced before, else 0: also when the last check is less than 480 minutes
     /// ago, nothing usable came, or the core object went away meanwhile. Blocks for the time of
-    /// the transfer, during which the calling thread's pins on the core object are given up.
-    /// Remembers the time of the check and the version found in the settings.
-    /// Thread: version check.
+    /// the transfer, during which it holds no pin on the core object. Remembers the time of the
+    /// check and the version found in the settings. Thread: version check.
     int checkVersion(const char* currentVersion);
 
     /// libcurl's write callback: appends `itemSize` * `itemCount` bytes at `contents` to the body

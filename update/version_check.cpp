@@ -15,11 +15,11 @@ constexpr int WAIT_BEFORE_CHECK_MS = 8000;
 // Nobody waits for this thread, so the object may be gone whenever no pin is held.
 void VelantrixServerNoGUI::versionCheckThreadFn() {
     Sleep(WAIT_BEFORE_CHECK_MS);
-    const CorePin pin;
+    const CallPin pin;
     if (!pin) {
         return;
     }
-    const ThrowWhenOutOfMemory noReasonToEnd;  // The clients hear on without this check.
+    const ThrowWhenOutOfMemory throwWhenOutOfMemory;  // Clients continue without this check.
     try {
         checkVersion();
     } catch (const std::bad_alloc&) {
@@ -32,6 +32,7 @@ void VelantrixServerNoGUI::versionCheckThreadFn() {
 
 // Touches nothing of the object after the check: it may be gone when the check comes back.
 int VelantrixServerNoGUI::checkVersion() {
+    CallPin::release();
     WebIf fetcher;
     return fetcher.checkVersion(VELANTRIX_VERSION);
 }

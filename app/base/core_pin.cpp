@@ -1,5 +1,7 @@
 #include "app/base/core_pin.h"
 
+#include <cassert>
+
 std::atomic<CoreStage> coreStage{CoreStage::Alive};
 std::atomic<VelantrixServerNoGUI*> mainDialog{nullptr};
 
@@ -8,18 +10,16 @@ namespace {
 // Sequentially consistent on purpose: a pin is counted before the stage is read, and the stage is
 // changed before the pins are counted, so one side always sees the other.
 std::atomic<int> pins{0};
-thread_local int pinsOfThisThread = 0;
+thread_local bool callPinned = false;
 
 }  // namespace
 
 CorePin::CorePin() {
     pins.fetch_add(1);
-    ++pinsOfThisThread;
     stageSeen_ = coreStage.load();
 }
 
 CorePin::~CorePin() {
-    --pinsOfThisThread;
     pins.fetch_sub(1);
 }
 
@@ -27,16 +27,20 @@ bool CorePin::anyHeld() {
     return pins.load() > 0;
 }
 
-CoreUnpin::CoreUnpin() : pinsGivenUp_(pinsOfThisThread) {
-    pins.fetch_sub(pinsGivenUp_);
+CallPin::CallPin() {
+    assert(!callPinned);
+    pins.fetch_add(1);
+    callPinned = true;
+    usable_ = coreStage.load() == CoreStage::Alive;
 }
 
-CoreUnpin::~CoreUnpin() {
-    pins.fetch_add(pinsGivenUp_);
+CallPin::~CallPin() {
+    release();
 }
 
-bool CoreUnpin::repin() {
-    pins.fetch_add(pinsGivenUp_);
-    pinsGivenUp_ = 0;
-    return coreStage.load() == CoreStage::Alive;
+void CallPin::release() {
+    if (callPinned) {
+        callPinned = false;
+        pins.fetch_sub(1);
+    }
 }

@@ -41,20 +41,23 @@ class CorePin {
     CoreStage stageSeen_;
 };
 
-/// Gives the calling thread's pins up while it waits for something long, and takes them again.
-/// Without a pin on this thread it changes nothing. Thread: version check.
-class CoreUnpin {
+/// The pin for a virtual call of the core that may take for ever. What is called gives it up with
+/// release() as soon as it runs, and pins the core where it uses it. Thread: version check.
+class CallPin {
   public:
-    CoreUnpin();
-    ~CoreUnpin();
-    CoreUnpin(const CoreUnpin&) = delete;
-    CoreUnpin& operator=(const CoreUnpin&) = delete;
+    CallPin();
+    ~CallPin();
+    CallPin(const CallPin&) = delete;
+    CallPin& operator=(const CallPin&) = delete;
 
-    /// Takes the pins again; false when the object may no longer be used.
-    [[nodiscard]] bool repin();
+    /// True when the call may be made.
+    explicit operator bool() const { return usable_; }
+
+    /// Gives the pin of the calling thread up; without one it does nothing.
+    static void release();
 
   private:
-    int pinsGivenUp_;
+    bool usable_ = false;
 };
 
 /// The stage that new pins see. Only main writes it, through app/core_life.h.

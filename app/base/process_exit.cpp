@@ -26,9 +26,9 @@ void endNow(int /*signal*/) {
 
 void silenceStandardError() {
     std::fflush(stderr);
-    const int nowhere = ::open("/dev/null", O_WRONLY);
-    ::dup2(nowhere, STDERR_FILENO);
-    ::close(nowhere);
+    const int devNull = ::open("/dev/null", O_WRONLY);
+    ::dup2(devNull, STDERR_FILENO);
+    ::close(devNull);
 }
 
 /// Waits for the main thread's exit, however long it takes. Returns only when none begins.

@@ -106,7 +106,8 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
          for the demo:    pulseaudio pulseaudio-utils iproute python3
          for the tests:   gtest-devel gmock-devel xorg-x11-server-Xvfb xorg-x11-xauth xdotool \
              openbox ImageMagick dbus-daemon at-spi2-core python3-gobject xprop weston qt5-qtwayland \
-             desktop-file-utils appstream mandoc zsh systemd valgrind curl ffmpeg icecast mpv vlc \
+             desktop-file-utils appstream mandoc zsh systemd valgrind python3-pytest python3-pyte \
+             curl ffmpeg icecast mpv vlc \
              chromium chromedriver python3-selenium zbar (and Firefox ESR as firefox-esr)
          for the checks:  clang clang-tools-extra cppcheck
          for benchmarks:  google-benchmark-devel python3-matplotlib valgrind pulseaudio pulseaudio-utils
@@ -117,8 +118,8 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
          for the demo:    pulseaudio iproute2 python
          for the tests:   gtest xorg-server-xvfb xorg-xauth xdotool imagemagick dbus at-spi2-core \
              openbox python-gobject xorg-xprop weston qt5-wayland desktop-file-utils appstream \
-             mandoc zsh valgrind curl ffmpeg icecast mpv vlc chromium python-selenium zbar \
-             (and Firefox ESR as firefox-esr)
+             mandoc zsh valgrind python-pytest python-pyte curl ffmpeg icecast mpv vlc \
+             chromium python-selenium zbar (and Firefox ESR as firefox-esr)
          for the checks:  clang cppcheck
          for benchmarks:  benchmark python-matplotlib valgrind pulseaudio
 

@@ -6,12 +6,8 @@
 
 #include <algorithm>
 #include <array>
-#include <cstring>
-#include <malloc.h>
-#include <net/if.h>
-#include <sys/ioctl.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <cstdlib>
+#include <utility>
 #include <vector>
 
 #include <enet/enet.h>
@@ -27,10 +23,10 @@
 #include "stream/service_step.h"
 #include "stream/wire_format.h"
 #include "tests/fuzz/fuzz_input.h"
+#include "tests/support/enet_commands.h"
+#include "tests/support/enet_memory.h"
 
 namespace {
-
-using Bytes = std::vector<unsigned char>;
 
 constexpr std::size_t PEERS = 6;  // Soon all taken.
 constexpr std::size_t STRANGERS = 4;
@@ -41,28 +37,6 @@ constexpr enet_uint32 END_STEP_MS = 250;
 constexpr std::size_t MOST_MEMORY = std::size_t{8} * 1024 * 1024;
 
 enet_uint32 now = 1000000;
-std::size_t held = 0;
-
-void* take(std::size_t size) {
-    void* const memory = std::malloc(size);
-    held += ::malloc_usable_size(memory);
-    return memory;
-}
-
-void giveBack(void* memory) {
-    held -= ::malloc_usable_size(memory);
-    std::free(memory);
-}
-
-void append16(Bytes& bytes, unsigned value) {
-    bytes.push_back(static_cast<unsigned char>(value >> 8));
-    bytes.push_back(static_cast<unsigned char>(value));
-}
-
-void append32(Bytes& bytes, std::uint32_t value) {
-    append16(bytes, value >> 16);
-    append16(bytes, value);
-}
 
 class Stranger {
   public:
@@ -87,29 +61,16 @@ class Stranger {
     }
 
     void sendToPeer(const Bytes& commands, bool withTime) const {
-        Bytes datagram;
-        append16(datagram, peerWord | (withTime ? ENET_PROTOCOL_HEADER_FLAG_SENT_TIME : 0));
-        if (withTime) {
-            append16(datagram, now);
-        }
-        datagram.insert(datagram.end(), commands.begin(), commands.end());
-        send(datagram);
+        send((withTime ? u16(peerWord | ENET_PROTOCOL_HEADER_FLAG_SENT_TIME) + u16(now)
+                       : u16(peerWord)) +
+             commands);
     }
 
     void connect(FuzzInput& input) const {
-        Bytes datagram;
-        append16(datagram, ENET_PROTOCOL_MAXIMUM_PEER_ID | ENET_PROTOCOL_HEADER_FLAG_SENT_TIME);
-        append32(datagram, 0x000082FF);  // The time, and the command on ENet's own channel.
-        append32(datagram, 0x00010000);
-        append16(datagram, 0xFFFF);
-        for (const std::uint32_t value : {1400U, 65536U, 2U, 0U, 0U, 5000U, 2U, 2U}) {
-            append32(datagram, value);
-        }
-        append32(datagram, input.byte());  // The connection's number.
-        append32(datagram, input.byte() * 0x01000001U);
-        const Bytes more = input.exactBytes(input.byte());
-        datagram.insert(datagram.end(), more.begin(), more.end());
-        send(datagram);
+        const std::uint32_t connectId = input.byte();
+        const std::uint32_t data = input.byte() * 0x01000001U;
+        send(u16(ENET_PROTOCOL_MAXIMUM_PEER_ID | ENET_PROTOCOL_HEADER_FLAG_SENT_TIME) + u16(0) +
+             connectCommand(data, 0, connectId) + input.exactBytes(input.byte()));
     }
 
     void hear() {
@@ -128,9 +89,9 @@ class Stranger {
     void acknowledge(unsigned earlier) {
         Bytes commands;
         for (const Bytes& head : unanswered) {
-            commands.push_back(ENET_PROTOCOL_COMMAND_ACKNOWLEDGE);
-            commands.insert(commands.end(), {head[5], head[6], head[7], head[6], head[7]});
-            append16(commands, (head[2] * 256U + head[3]) - earlier);
+            commands = std::move(commands) +
+                       acknowledgement(head[5], read16(&head[6]),
+                                       static_cast<std::uint16_t>(read16(&head[2]) - earlier));
         }
         unanswered.clear();
         sendToPeer(commands, true);
@@ -144,7 +105,7 @@ class Stranger {
         }
         const unsigned type = datagram[4] & ENET_PROTOCOL_COMMAND_MASK;
         if (type == ENET_PROTOCOL_COMMAND_VERIFY_CONNECT && datagram.size() >= 12) {
-            peerWord = datagram[8] * 256U + datagram[9] + datagram[11] * 4096U;
+            peerWord = read16(&datagram[8]) + datagram[11] * 4096U;
         }
         if ((datagram[4] & ENET_PROTOCOL_COMMAND_FLAG_ACKNOWLEDGE) != 0 &&
             unanswered.size() < MOST_UNANSWERED) {
@@ -160,15 +121,8 @@ class Stranger {
 
 /// In a private network nobody else does.
 void raiseLoopback() {
-    const int any = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    ifreq request = {};
-    std::strcpy(request.ifr_name, "lo");
-    require(::ioctl(any, SIOCGIFFLAGS, &request) == 0, "there is a loopback interface");
-    if ((request.ifr_flags & IFF_UP) == 0) {
-        request.ifr_flags |= IFF_UP;
-        require(::ioctl(any, SIOCSIFFLAGS, &request) == 0, "it can be raised");
-    }
-    ::close(any);
+    require(std::system("ip link show lo up | grep -q lo || ip link set lo up") == 0,
+            "the loopback interface can be raised");
 }
 
 class CheckingCore : public VelantrixServerNoGUI {
@@ -198,7 +152,7 @@ class Run {
     ~Run() {
         enet_host_destroy(server);
         server = nullptr;
-        require(held == 0, "ENet has given all memory back");
+        require(enetBytes() == 0, "ENet has given all memory back");
     }
 
     void act(FuzzInput& input) {
@@ -272,7 +226,7 @@ class Run {
                     "nobody who has gone has an event");
             require(++linked <= PEERS, "no peer is linked twice");
         }
-        require(held <= MOST_MEMORY, "what ENet holds is bounded");
+        require(enetBytes() <= MOST_MEMORY, "what ENet holds is bounded");
         for (std::size_t i = 0; i < PEERS; ++i) {
             checkPeer(server->peers[i]);
         }
@@ -313,10 +267,7 @@ void steadyEnetClock() {
 int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     silenceStandardOutput();
     raiseLoopback();
-    ENetCallbacks callbacks = {};
-    callbacks.malloc = take;
-    callbacks.free = giveBack;
-    require(enet_initialize_with_callbacks(ENET_VERSION, &callbacks) == 0, "ENet starts");
+    watchEnetMemory();
     mainDialog.store(new CheckingCore);
     return 0;
 }

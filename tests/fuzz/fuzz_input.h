@@ -23,11 +23,11 @@ inline void require(bool holds, const char* what) {
     }
 }
 
-/// Sends the server's lines nowhere.
+/// Sends the server's lines devNull.
 inline void silenceStandardOutput() {
-    const int nowhere = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-    ::dup2(nowhere, STDOUT_FILENO);
-    ::close(nowhere);
+    const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
+    ::dup2(devNull, STDOUT_FILENO);
+    ::close(devNull);
 }
 
 /// Cuts an input into values; whatever is asked beyond its end is zero or empty.

@@ -21,7 +21,7 @@ namespace {
 
 constexpr double DEVICE_RATE = 48000;
 double wantedRate = 0;
-std::FILE* nowhere = nullptr;
+std::FILE* devNull = nullptr;
 
 }  // namespace
 
@@ -147,7 +147,7 @@ void checkSampleRate() {
     const std::string text = valueOf("VELANTRIX_SERVER_SAMPLE_RATE");
     std::atomic<bool> is48k{true};
     std::FILE* const saved = stderr;
-    stderr = nowhere;
+    stderr = devNull;
     const int result = Audio::Open(0, is48k);
     stderr = saved;
     // The program opens once and keeps them for ever.
@@ -172,8 +172,8 @@ void checkStart(const std::vector<const char*>& arguments) {
 
 int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     silenceStandardOutput();
-    nowhere = std::fopen("/dev/null", "we");
-    require(nowhere != nullptr, "reports can be thrown away");
+    devNull = std::fopen("/dev/null", "we");
+    require(devNull != nullptr, "reports can be thrown away");
     return 0;
 }
 

@@ -7,6 +7,7 @@ import subprocess
 import unittest
 
 SOURCE = pathlib.Path(os.environ["VELANTRIX_SOURCE"])
+PROGRAMS = ["app", "audio", "discovery", "gui", "listen", "stream", "update", "web"]
 DOCUMENTS = [*SOURCE.glob("*.md"), *SOURCE.glob("docs/*.md")]
 
 
@@ -63,13 +64,29 @@ class Documents(unittest.TestCase):
                 for option in re.findall(r"--[a-z-]+", line[0]):
                     self.assertRegex(summary, rf"{option}\b", f"{document.name}: {line[0]}")
 
+    def test_messages_in_quotes_are_printed_by_a_program(self):
+        code = "\n".join(path.read_text() for folder in PROGRAMS
+                         for path in (SOURCE / folder).rglob("*.cpp"))
+        texts = [re.sub(r'"\s*"', "", text) for text in re.findall(r'"(?:[^"\\\n]|\\.|"\s*")*"', code)]
+        patterns = [re.sub(r"%[-.*\d]*l*[a-z]", ".+", re.escape(text[1:-1].replace("\\n", "")))
+                    for text in texts]
+        found = 0
+        for document, quote in self.each(r'"([A-Z][^"`\n]{12,})"'):
+            if document.name in ("CONTRIBUTING.md", "CHANGELOG.md"):
+                continue
+            found += 1
+            self.assertTrue(any(quote[1] in text for text in texts) or
+                            any(re.fullmatch(pattern, quote[1]) for pattern in patterns),
+                            f"{document.name}: {quote[1]}")
+        self.assertGreater(found, 5)
+
     def test_ports_are_those_of_the_sources(self):
         wire = (SOURCE / "stream/wire_format.h").read_text()
         ports = set(re.findall(r"_PORT = (\d+);", wire))
         self.assertEqual(len(ports), 2)
         ports |= set(re.findall(r" port = (\d+);", (SOURCE / "web/options.h").read_text()))
         self.assertEqual(len(ports), 3)
-        for name in ("README.md", "SECURITY.md"):
+        for name in ("docs/setup.md", "SECURITY.md"):
             self.assertEqual(set(re.findall(r"\b59\d\d\d\b", (SOURCE / name).read_text())), ports)
 
 

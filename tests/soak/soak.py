@@ -21,7 +21,7 @@ from pathlib import Path
 sys.dont_write_bytecode = True
 sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
-from support.harness import resident_bytes  # noqa: E402
+from support.harness import Process, resident_bytes, wait_until  # noqa: E402
 from support.network import enter_private_network  # noqa: E402
 from support.paced_capture import capture_environment  # noqa: E402
 
@@ -42,70 +42,53 @@ ALLOWED_GROWTH_KIB = 256
 READINGS_TO_JUDGE = 20
 
 
-class Server:
-    """The soaking server with its log, whose end is shown when the run fails. A context manager."""
+class Server(Process):
+    """The soaking server; its last lines are shown when the run fails. A context manager."""
 
     def __init__(self, build, folder):
         self.build = build
         self.table = os.path.join(folder, "table")
-        self.log = Path(folder, "log")
         # The cache of freed memory that each thread keeps would count as memory in use.
         environment = dict(os.environ, HOME=folder, XDG_CONFIG_HOME=folder,
                            GLIBC_TUNABLES="glibc.malloc.tcache_count=0",
                            **capture_environment(build / "libpaced_capture.so", self.table,
                                                  PACED_CAPTURE_SPEED="0", PACED_CAPTURE_LEAD=LEAD))
-        with open(self.log, "wb") as log:
-            self.process = subprocess.Popen([build / "soak_server", str(PORT)], env=environment,
-                                            stdout=log, stderr=log)
+        super().__init__([build / "soak_server", str(PORT)], environment, "soak_server")
 
-    def __enter__(self):
-        return self
-
-    def __exit__(self, failure, *_):
-        if self.process.poll() is None:
-            self.process.kill()
-            self.process.wait()
+    def __exit__(self, failure, *rest):
+        super().__exit__(failure, *rest)
         if failure is not None:
-            lines = self.log.read_text(encoding="utf-8", errors="replace").splitlines()
+            lines = self.err.all() + self.out.all()
             own = [line for line in lines if line.startswith("soak_server: ")]
             print("the server's complaints and readings:", *own[:LOG_LINES_SHOWN],
                   "its last lines:", *lines[-LOG_LINES_SHOWN:], sep="\n  ", flush=True)
 
     def descriptors(self):
-        return len(os.listdir(f"/proc/{self.process.pid}/fd"))
+        return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def idle_readings(self):
         """The bytes in use that it has told so far, each time that nobody was connected."""
-        with open(self.log, encoding="utf-8", errors="replace") as log:
-            told = (re.match(r"soak_server: (\d+) bytes in use", line) for line in log)
-            return [int(match[1]) for match in told if match]
+        told = (re.match(r"soak_server: (\d+) bytes in use", line)
+                for line in self.out.all() + self.err.all())
+        return [int(match[1]) for match in told if match]
 
     def idle_bytes(self, known, limit_s):
         """The bytes in use at the first idle moment behind the `known` ones."""
-        deadline = time.monotonic() + limit_s
-        while time.monotonic() < deadline:
-            readings = self.idle_readings()
-            if len(readings) > known:
-                return readings[-1]
+        def readings():
             self.check_alive()
-            time.sleep(0.5)
-        raise SystemExit("the server did not become idle: a connection stays behind")
+            return self.idle_readings()[known:]
+        return wait_until(readings, "the server is idle: no connection stays behind", limit_s)[-1]
 
     def check_alive(self):
-        if self.process.poll() is not None:
-            raise SystemExit(f"the server ended with status {self.process.returncode}")
-
-    def end(self):
-        self.process.terminate()
-        if self.process.wait(timeout=20) != 0:
-            raise SystemExit(f"the server ended with status {self.process.returncode}")
+        if self.child.poll() is not None:
+            raise SystemExit(f"the server ended with status {self.child.returncode}")
 
 
 def report(server, seconds, most_descriptors):
     """Prints a line; returns the memory in KiB. `most_descriptors` may be None: any number."""
     server.check_alive()
     # Not the pages of the capture's table.
-    memory = resident_bytes(server.process, "RssAnon") // 1024
+    memory = resident_bytes(server, "RssAnon") // 1024
     descriptors = server.descriptors()
     print(f"{seconds:7.0f} s  {memory} KiB  {descriptors} descriptors", flush=True)
     if most_descriptors is not None and descriptors > most_descriptors:
@@ -156,7 +139,8 @@ def main():
         after = server.descriptors()
         print(f"with nobody connected {before_bytes} bytes in use, then {after_bytes}; "
               f"descriptors {before}, then {after}", flush=True)
-        server.end()
+        if (status := server.stop()) != 0:
+            raise SystemExit(f"the server ended with status {status}")
         if after > before:
             raise SystemExit("descriptors are lost")
         if abs(after_bytes - before_bytes) >= ALLOWED_LOSS_BYTES:

@@ -57,14 +57,14 @@ void SoakClient::step(bool mayVanish) {
     if (stalled && Clock::now() - lastServiceTime > LONGEST_STALL) {
         wakeUp();
     }
-    if (!stalled && host != nullptr) {
+    if (!stalled && client) {
         service();
     }
 }
 
 void SoakClient::leave() {
     if (connected()) {
-        enet_peer_disconnect_now(peer, 0);
+        enet_peer_disconnect_now(client->peer, 0);
     }
     forget();
 }
@@ -79,14 +79,14 @@ int SoakClient::pick(int least, int most) {
 }
 
 bool SoakClient::connected() const {
-    return peer != nullptr && peer->state == ENET_PEER_STATE_CONNECTED;
+    return client && client->ok() && client->peer->state == ENET_PEER_STATE_CONNECTED;
 }
 
 void SoakClient::change(bool mayVanish) {
     if (stalled) {
         wakeUp();
     }
-    if (host == nullptr) {
+    if (!client) {
         connect();
         return;
     }
@@ -103,11 +103,7 @@ void SoakClient::change(bool mayVanish) {
 }
 
 void SoakClient::connect() {
-    host.reset(enet_host_create(nullptr, 1, 2, 0, 0));
-    ENetAddress address = {};
-    enet_address_set_host_ip(&address, "127.0.0.1");
-    address.port = port;
-    peer = enet_host_connect(host.get(), &address, 2, wire::CONNECT_MULTI_CLIENT | 1U);
+    client.emplace(wire::CONNECT_MULTI_CLIENT | 1U, std::uint16_t{0}, 0U, port);
     packets.restart();
     requests.restart();
     catchingUp = false;
@@ -117,8 +113,7 @@ void SoakClient::connect() {
 }
 
 void SoakClient::forget() {
-    host.reset();
-    peer = nullptr;
+    client.reset();
     requests.restart();
 }
 
@@ -149,13 +144,9 @@ void SoakClient::requestData() {
     if (!connected()) {
         return;
     }
-    unsigned char message[wire::HEADER_LENGTH + 5] = {};
-    wire::PacketHeader header;
-    header.msgId = wire::MSGID_DATA;
-    header.flags = nextRequest();
-    wire::writeHeader(message, header);
-    enet_peer_send(peer, 0, enet_packet_create(message, sizeof message, ENET_PACKET_FLAG_RELIABLE));
-    requests.asked(header.flags);
+    const std::uint32_t flags = nextRequest();
+    client->send(dataRequest(flags, "soak"));
+    requests.asked(flags);
 }
 
 void SoakClient::service() {
@@ -170,7 +161,7 @@ void SoakClient::service() {
     mayHaveHalf = mayHaveHalf || missed > QUEUE_DROPPED;
     const bool drained = handleEvents();
     lastServiceTime = now;
-    if (drained && host != nullptr) {
+    if (drained && client) {
         lastService = table.callbacks.load();
         judgeRequests();
     }
@@ -209,13 +200,13 @@ std::chrono::milliseconds SoakClient::patience() const {
 bool SoakClient::handleEvents() {
     ENetEvent event;
     for (int handled = 0; handled < EVENTS_AT_ONCE; ++handled) {
-        if (host == nullptr || enet_host_service(host.get(), &event, 0) <= 0) {
+        if (!client || enet_host_service(client->host, &event, 0) <= 0) {
             return true;
         }
         if (event.type == ENET_EVENT_TYPE_CONNECT) {
             ++tally.connections;
             if (kind != Kind::Throttled) {
-                enet_peer_throttle_configure(peer, ENET_PEER_PACKET_THROTTLE_INTERVAL,
+                enet_peer_throttle_configure(client->peer, ENET_PEER_PACKET_THROTTLE_INTERVAL,
                                              ENET_PEER_PACKET_THROTTLE_SCALE, NO_SLOWING);
             }
             requestData();

@@ -2,7 +2,7 @@
 
 #include <chrono>
 #include <cstdint>
-#include <memory>
+#include <optional>
 #include <random>
 #include <string>
 
@@ -12,6 +12,7 @@
 #include "tests/soak/request_check.h"
 #include "tests/soak/soak_tally.h"
 #include "tests/support/capture_table.h"
+#include "tests/support/test_client.h"
 
 /// A client that connects, changes mode and rate, stalls, vanishes and returns at random, and
 /// holds every packet against what was asked for and what was played. A throttled one is restless
@@ -36,10 +37,6 @@ class SoakClient {
 
   private:
     using Clock = std::chrono::steady_clock;
-
-    struct HostDeleter {
-        void operator()(ENetHost* host) const { enet_host_destroy(host); }
-    };
 
     int pick(int least, int most);
     [[nodiscard]] bool connected() const;
@@ -70,8 +67,7 @@ class SoakClient {
     PacketCheck packets;
     RequestCheck requests;
     std::mt19937 random;
-    std::unique_ptr<ENetHost, HostDeleter> host;
-    ENetPeer* peer = nullptr;
+    std::optional<TestClient> client;
     unsigned turn = 0;  ///< Requests of a steady client.
     bool stalled = false;
     bool catchingUp = false;   ///< Has stood still, and has not heard the present since.

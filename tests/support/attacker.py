@@ -8,6 +8,7 @@ It prints "ready" once the attack has begun, "sent N of M in S s" when a flood i
 the end of its input, without a word to the server. The kinds are the functions below.
 """
 
+import contextlib
 import os
 import random
 import re
@@ -103,15 +104,37 @@ def connects(host, count, rate, ports):
 
 
 def lengths(host, count, rate, port):
-    """Empty and longest datagrams."""
-    longest = bytes(LONGEST_DATAGRAM)
-    _flood(_sockets(2), lambda i: b"" if i % 2 else longest, (host, int(port)), rate, count)
+    """Empty, longest and random datagrams, many of these of a length near a limit."""
+    generator = random.Random(int(count))
+    limits = [limit + near for limit in (1, 4, 16, 256, 1400, 4096, LONGEST_DATAGRAM - 1)
+              for near in (-1, 0, 1)]
+
+    def make(number):
+        if number % 3 < 2:
+            return bytes((number % 3) * LONGEST_DATAGRAM)
+        return generator.randbytes(generator.choice((generator.choice(limits),
+                                                     generator.randint(0, LONGEST_DATAGRAM))))
+    _flood(_sockets(3), make, (host, int(port)), rate, count)
 
 
 def discovery(host, count, rate):
-    """Queries of both forms, and noise."""
-    words = (b"VelantrixQuery2", b"VelantrixQuery", b"VelantrixQuery3", b"\0" * 255)
-    _flood(_sockets(20), lambda i: words[i % len(words)], (host, DISCOVERY_PORT), rate, count)
+    """Queries of both forms, and noise; says how many answers came to a query's own socket, in how
+    many seconds, and how many to another."""
+    words = (b"VelantrixQuery2", b"VelantrixQuery", b"VelantrixQuery3", b"\0" * 255,
+             random.Random(int(count)).randbytes(300))
+    asking, start = _sockets(len(words)), time.monotonic()
+    _flood(asking, lambda i: words[i % len(words)], (host, DISCOVERY_PORT), rate, count)
+    time.sleep(1)
+    queries, *others = map(_count_waiting, asking)
+    say(f"answers {queries} in {time.monotonic() - start:.1f} s, others {sum(others)}")
+
+
+def _count_waiting(client):
+    count = 0
+    with contextlib.suppress(BlockingIOError):
+        while client.recv(LONGEST_DATAGRAM):
+            count += 1
+    return count
 
 
 def half_open(host, count):

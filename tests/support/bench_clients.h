@@ -1,7 +1,7 @@
 #pragma once
 
 #include <cstdint>
-#include <sys/types.h>
+#include <cstdio>
 #include <vector>
 
 /// Client processes (the program stream_client beside this one) that stream from a loopback port.
@@ -20,9 +20,5 @@ class BenchClients {
     BenchClients& operator=(const BenchClients&) = delete;
 
   private:
-    struct Child {
-        pid_t process;
-        int standardInput;  ///< Closing it ends the client.
-    };
-    std::vector<Child> children;
+    std::vector<std::FILE*> inputs_;  ///< Closing a client's standard input ends it.
 };

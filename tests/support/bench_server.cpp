@@ -9,6 +9,7 @@
 #include "app/base/VelantrixServerNoGUI.h"
 #include "app/base/core_pin.h"
 #include "stream/client_table.h"
+#include "stream/datagram_guard.h"
 #include "stream/enet_mtu.h"
 #include "stream/opus_bank.h"
 #include "stream/service_step.h"
@@ -35,6 +36,7 @@ void createBenchServer() {
         std::abort();
     }
     raiseHostMtu(*server);
+    guardDatagrams(*server);
     fillOpusBank();
     mainDialog.store(new VelantrixServerNoGUI);
 }

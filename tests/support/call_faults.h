@@ -48,6 +48,9 @@ void resetCalls();
 /// tells them: enet_host_service its time-out in ms, opus_encode its frames and its room in bytes.
 std::vector<std::vector<int>> argumentsOf(Call call);
 
+/// True: ENet's service calls wait for nothing.
+bool& serviceWithoutWaiting();
+
 /// Called on the creating thread after each thread that was created, when it is set.
 std::function<void()>& afterThreadCreation();
 
@@ -66,7 +69,22 @@ class DivertedCall {
     static bool active() { return depth > 0; }
 
   private:
-    static thread_local int depth;
+    inline static thread_local int depth = 0;
+};
+
+/// While one exists, the thread's diverted calls are a test client's own: neither counted nor
+/// failed.
+class UncountedCalls {
+  public:
+    UncountedCalls() { ++depth; }
+    ~UncountedCalls() { --depth; }
+    UncountedCalls(const UncountedCalls&) = delete;
+    UncountedCalls& operator=(const UncountedCalls&) = delete;
+
+    static bool active() { return depth > 0; }
+
+  private:
+    inline static thread_local int depth = 0;
 };
 
 /// For the diversions: counts a call; returns its error when it is to fail, else 0.

@@ -10,6 +10,7 @@ import pathlib
 import shutil
 import subprocess
 import tempfile
+import unittest
 
 from support.processes import PATIENCE, Process, die_with_parent, wait_until
 from support.sound import clean_environment
@@ -125,6 +126,13 @@ class Display:
         if not line:
             raise AssertionError(f"{command[0]} did not start")
         return line
+
+    @classmethod
+    def of_module(cls):
+        """For setUpModule: one that stays until the module's tests are over."""
+        display = cls().__enter__()
+        unittest.addModuleCleanup(display.__exit__)
+        return display
 
     def run(self, *command, check=True):
         """Runs an X tool on this screen; returns what it printed."""

@@ -11,7 +11,8 @@
 // It answers with lines on standard output: "connected NAME port N", "disconnected NAME data N",
 // "statistics NAME ...", "error ...", and after each command "done". The end of the input ends it.
 
-#include <cstdio>
+#include <algorithm>
+#include <fstream>
 #include <iostream>
 #include <map>
 #include <memory>
@@ -19,65 +20,134 @@
 #include <sstream>
 #include <string>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 #include <enet/enet.h>
 
-#include "tests/support/probe_client.h"
+#include "tests/support/enet_commands.h"
+#include "tests/support/test_client.h"
 
 namespace {
 
 constexpr int STEP_MS = 2;
 
-std::map<std::string, std::unique_ptr<ProbeClient>> clients;
+// What the datagrams of all clients showed; the intercept callback has no place for its owner.
+std::uint64_t fragments = 0;
+std::uint64_t largestDatagram = 0;
 
-std::vector<unsigned char> fromHex(const std::string& text) {
-    std::vector<unsigned char> bytes;
-    for (std::size_t i = 0; i + 1 < text.size(); i += 2) {
-        bytes.push_back(static_cast<unsigned char>(std::stoul(text.substr(i, 2), nullptr, 16)));
-    }
-    return bytes;
+/// Looks at one datagram before ENet sees it.
+int ENET_CALLBACK watchDatagram(ENetHost* host, ENetEvent* /*event*/) {
+    largestDatagram = std::max<std::uint64_t>(largestDatagram, host->receivedDataLength);
+    visitCommands(host->receivedData, host->receivedDataLength, [](std::uint8_t type, const auto*) {
+        fragments += type == ENET_PROTOCOL_COMMAND_SEND_FRAGMENT ||
+                     type == ENET_PROTOCOL_COMMAND_SEND_UNRELIABLE_FRAGMENT;
+    });
+    return 0;
 }
 
+/// A client that prints what happens to it and writes every packet it receives to a file: a row of
+/// records of time since start in ms, length (both 32-bit little-endian), and the packet's bytes.
+class ProbeClient {
+  public:
+    ProbeClient(std::string name, const std::string& server, std::uint16_t port,
+                std::uint32_t connectData, const std::string& recordPath, std::uint32_t mtu,
+                std::uint16_t localPort)
+        : name_(std::move(name)),
+          record_(recordPath, std::ios::binary),
+          client_(connectData, localPort, mtu, port, server) {
+        if (client_.ok()) {
+            client_.host->intercept = watchDatagram;
+        }
+    }
+
+    [[nodiscard]] bool ok() const { return client_.ok() && record_.is_open(); }
+
+    void obey(const std::string& verb, std::istream& words) {
+        if (verb == "send") {
+            sendMessage(words);
+        } else if (verb == "disconnect") {
+            std::uint32_t data = 0;
+            words >> data;
+            client_.leave(data);
+        } else if (verb == "stall" || verb == "resume") {
+            stalled_ = verb == "stall";
+        } else if (verb == "keep") {
+            enet_peer_throttle_configure(client_.peer, ENET_PEER_PACKET_THROTTLE_INTERVAL,
+                                         ENET_PEER_PACKET_THROTTLE_ACCELERATION, 0);
+        } else if (verb == "statistics") {
+            std::cout << "statistics " << name_ << " packets " << packets_ << " bytes " << bytes_
+                      << " fragments " << fragments << " largest " << largestDatagram << "\n";
+        } else {
+            std::cout << "error unknown command " << verb << "\n";
+        }
+    }
+
+    void service() {
+        if (!stalled_) {
+            client_.service([this](const ENetEvent& event) { handle(event); });
+        }
+    }
+
+  private:
+    void sendMessage(std::istream& words) const {
+        unsigned channel = 0;
+        std::string reliability;
+        std::string hex;
+        words >> channel >> reliability >> hex;
+        std::vector<unsigned char> bytes;
+        for (std::size_t i = 0; i + 1 < hex.size(); i += 2) {
+            bytes.push_back(static_cast<unsigned char>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+        }
+        if (!client_.send(bytes, static_cast<std::uint8_t>(channel),
+                          reliability == "reliable" ? ENET_PACKET_FLAG_RELIABLE
+                                                    : ENET_PACKET_FLAG_UNRELIABLE_FRAGMENT)) {
+            std::cout << "error " << name_ << " cannot send\n";
+        }
+    }
+
+    void handle(const ENetEvent& event) {
+        if (event.type == ENET_EVENT_TYPE_CONNECT) {
+            std::cout << "connected " << name_ << " port " << client_.port() << std::endl;
+        } else if (event.type == ENET_EVENT_TYPE_DISCONNECT) {
+            std::cout << "disconnected " << name_ << " data " << event.data << std::endl;
+        } else {
+            const ENetPacket& packet = *event.packet;
+            ++packets_;
+            bytes_ += packet.dataLength;
+            const std::uint32_t head[] = {enet_time_get(),
+                                          static_cast<std::uint32_t>(packet.dataLength)};
+            record_.write(reinterpret_cast<const char*>(head), sizeof head);
+            record_.write(reinterpret_cast<const char*>(packet.data),
+                          static_cast<std::streamsize>(packet.dataLength));
+            record_.flush();
+        }
+    }
+
+    std::string name_;
+    std::ofstream record_;
+    TestClient client_;
+    bool stalled_ = false;
+    std::uint64_t packets_ = 0;
+    std::uint64_t bytes_ = 0;
+};
+
+std::map<std::string, std::unique_ptr<ProbeClient>> clients;
+
 void connectClient(const std::string& name, std::istream& words) {
-    std::string host;
+    std::string server;
     std::string recordPath;
     std::uint16_t port = 0;
     std::uint32_t data = 0;
     std::uint32_t mtu = 0;
     std::uint16_t localPort = 0;
-    words >> host >> port >> data >> recordPath >> mtu >> localPort;
-    auto client = std::make_unique<ProbeClient>(name, host, port, data, recordPath, mtu, localPort);
-    if (!client->ok()) {
-        std::printf("error %s cannot connect\n", name.c_str());
-        return;
-    }
-    clients[name] = std::move(client);
-}
-
-void sendMessage(ProbeClient& client, std::istream& words) {
-    unsigned channel = 0;
-    std::string reliability;
-    std::string hex;
-    words >> channel >> reliability >> hex;
-    client.send(static_cast<std::uint8_t>(channel), reliability == "reliable", fromHex(hex));
-}
-
-void obey(const std::string& verb, ProbeClient& client, std::istream& words) {
-    if (verb == "send") {
-        sendMessage(client, words);
-    } else if (verb == "disconnect") {
-        std::uint32_t data = 0;
-        words >> data;
-        client.disconnect(data);
-    } else if (verb == "stall" || verb == "resume") {
-        client.stall(verb == "stall");
-    } else if (verb == "keep") {
-        client.refuseThinning();
-    } else if (verb == "statistics") {
-        client.printStatistics();
+    words >> server >> port >> data >> recordPath >> mtu >> localPort;
+    auto client =
+        std::make_unique<ProbeClient>(name, server, port, data, recordPath, mtu, localPort);
+    if (client->ok()) {
+        clients[name] = std::move(client);
     } else {
-        std::printf("error unknown command %s\n", verb.c_str());
+        std::cout << "error " << name << " cannot connect\n";
     }
 }
 
@@ -89,13 +159,13 @@ void obeyLine(const std::string& line) {
     if (verb == "connect") {
         connectClient(name, words);
     } else if (clients.count(name) == 0) {
-        std::printf("error no client %s\n", name.c_str());
+        std::cout << "error no client " << name << "\n";
     } else if (verb == "vanish") {
         clients.erase(name);
     } else {
-        obey(verb, *clients[name], words);
+        clients[name]->obey(verb, words);
     }
-    std::puts("done");
+    std::cout << "done" << std::endl;
 }
 
 /// Reads what standard input has and obeys the whole lines; false at its end.
@@ -116,9 +186,8 @@ bool readCommands(std::string& pending) {
 }  // namespace
 
 int main() {
-    std::setvbuf(stdout, nullptr, _IOLBF, BUFSIZ);
     if (enet_initialize() != 0) {
-        std::puts("error cannot initialize ENet");
+        std::cout << "error cannot initialize ENet\n";
         return 1;
     }
     std::string pending;

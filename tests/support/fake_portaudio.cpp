@@ -65,6 +65,11 @@ std::vector<std::string> FakePortAudio::calls() {
     return log;
 }
 
+void FakePortAudio::ask(bool underflow) {
+    std::vector<std::int16_t> frames(480 * 2);
+    callback(nullptr, frames.data(), 480, nullptr, underflow ? paOutputUnderflow : 0, callbackData);
+}
+
 int FakePortAudio::deliver(const std::int16_t* samples, unsigned long frames) {
     return callback(samples, nullptr, frames, nullptr, 0, nullptr);
 }
@@ -73,6 +78,7 @@ PaError Pa_Initialize() {
     const Entry entry("Pa_Initialize");
     FakePortAudio& fake = fakePortAudio();
     EXPECT_FALSE(fake.initialised);
+    ++fake.tries;
     hangWhile(fake.initializeHangs, fake.insideInitialize);
     if (fake.initializeAborts) {
         std::abort();
@@ -108,6 +114,9 @@ const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex device) {
     info.defaultSampleRate = fakePortAudio().deviceRate;
     info.defaultLowInputLatency = LOW_INPUT_LATENCY;
     info.defaultHighInputLatency = 1.0;
+    info.name = "fake";
+    info.maxOutputChannels = 2;
+    info.defaultLowOutputLatency = LOW_INPUT_LATENCY;
     return fakePortAudio().haveDeviceInfo ? &info : nullptr;
 }
 
@@ -118,15 +127,21 @@ PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters* input,
     FakePortAudio& fake = fakePortAudio();
     EXPECT_TRUE(fake.initialised);
     EXPECT_FALSE(fake.streamOpen);
-    EXPECT_EQ(input->device, fake.defaultDevice);
-    EXPECT_EQ(input->suggestedLatency, LOW_INPUT_LATENCY);
-    EXPECT_EQ(output, nullptr);
-    EXPECT_EQ(userData, nullptr);
-    fake.input = *input;
+    EXPECT_NE(input == nullptr, output == nullptr);
+    if (input != nullptr) {
+        EXPECT_EQ(input->device, fake.defaultDevice);
+        EXPECT_EQ(input->suggestedLatency, LOW_INPUT_LATENCY);
+        EXPECT_EQ(userData, nullptr);
+        fake.input = *input;
+    } else {
+        fake.outputLatency = output->suggestedLatency;
+    }
     fake.rate = rate;
     fake.framesPerBuffer = framesPerBuffer;
     fake.flags = flags;
     fake.callback = callback;
+    fake.callbackData = userData;
+    ++fake.opened;
     // A failed open leaves a handle behind that must not be used.
     *stream = FakePortAudio::handle();
     fake.streamOpen = fake.openResult == paNoError;
@@ -152,6 +167,7 @@ const PaStreamInfo* Pa_GetStreamInfo(PaStream* stream) {
     EXPECT_EQ(stream, FakePortAudio::handle());
     info.sampleRate = fakePortAudio().rate;
     info.inputLatency = REPORTED_INPUT_LATENCY;
+    info.outputLatency = fakePortAudio().outputLatency;
     return fakePortAudio().haveStreamInfo ? &info : nullptr;
 }
 
@@ -183,4 +199,26 @@ const char* Pa_GetErrorText(PaError error) {
         default:
             return "another error";
     }
+}
+
+// What only players use.
+PaDeviceIndex Pa_GetDeviceCount() {
+    return fakePortAudio().outputPresent ? fakePortAudio().defaultDevice + 1 : 0;
+}
+
+PaDeviceIndex Pa_GetDefaultOutputDevice() {
+    return fakePortAudio().outputPresent ? fakePortAudio().defaultDevice : paNoDevice;
+}
+
+PaError Pa_IsFormatSupported(const PaStreamParameters* /*input*/,
+                             const PaStreamParameters* /*output*/, double /*rate*/) {
+    return paFormatIsSupported;
+}
+
+PaError Pa_IsStreamActive(PaStream* /*stream*/) {
+    return fakePortAudio().active ? 1 : 0;
+}
+
+PaError Pa_AbortStream(PaStream* /*stream*/) {
+    return paNoError;
 }

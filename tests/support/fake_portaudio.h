@@ -7,10 +7,11 @@
 
 #include <portaudio.h>
 
-/// Takes PortAudio's place at link time: one capture device that does what a test wrote into it,
-/// and records what was asked of it. Calls that make no sense (a stream opened before PortAudio is
-/// initialised, a foreign stream, two calls at once, other parameters than the program's own) fail
-/// the test. Functions that the program does not use are missing, so a new use does not link.
+/// Takes PortAudio's place at link time: one device, for capture or for output, that does what a
+/// test wrote into it, and records what was asked of it. Calls that make no sense (a stream opened
+/// before PortAudio is initialised, a foreign stream, two calls at once, other parameters than the
+/// program's own) fail the test. Functions that the program does not use are missing, so a new use
+/// does not link.
 struct FakePortAudio {
     // What the calls return. Set before the code under test runs.
     PaError initializeResult = paNoError;
@@ -28,7 +29,13 @@ struct FakePortAudio {
     std::atomic<bool> callbackAtStart{
         false};  ///< Pa_StartStream delivers a block before it returns.
 
+    std::atomic<bool> outputPresent{true};  ///< There is a device to play on.
+    std::atomic<bool> active{true};         ///< What Pa_IsStreamActive says.
+
     // What was asked.
+    std::atomic<int> tries{0};             ///< Pa_Initialize calls.
+    std::atomic<int> opened{0};            ///< Streams opened so far.
+    std::atomic<double> outputLatency{0};  ///< Seconds, as asked for last.
     std::atomic<bool> started{false};
     std::atomic<bool> insideClose{false};
     std::atomic<bool> insideInitialize{false};
@@ -37,6 +44,7 @@ struct FakePortAudio {
     PaStreamFlags flags = 0;
     unsigned long framesPerBuffer = 0;
     PaStreamCallback* callback = nullptr;
+    void* callbackData = nullptr;
     PaStream* closedStream = nullptr;
 
     /// Names of the calls in their order, Pa_GetErrorText left out.
@@ -45,16 +53,25 @@ struct FakePortAudio {
     /// Calls the stream's callback with interleaved samples on the calling thread (empty: none).
     int deliver(const std::int16_t* samples, unsigned long frames);
 
+    /// Asks the output's callback for 480 frames, with a note whether the device ran dry.
+    void ask(bool underflow);
+
     /// The value that the fake's stream handle has while a stream is open.
     static PaStream* handle();
 
     std::mutex mutex;
     std::vector<std::string> log;
-    bool initialised = false;
-    bool streamOpen = false;
+    std::atomic<bool> initialised{false};
+    std::atomic<bool> streamOpen{false};
 };
 
 FakePortAudio& fakePortAudio();
 
 /// A new device with the values above. Nothing of the program may be inside PortAudio.
 void resetFakePortAudio();
+
+/// The same, and the device itself.
+inline FakePortAudio& freshFakePortAudio() {
+    resetFakePortAudio();
+    return fakePortAudio();
+}

@@ -10,6 +10,7 @@
 #include "discovery/multi_host.h"
 #include "gui/Settings.h"
 #include "stream/network_host.h"
+#include "tests/support/waiting.h"
 #include "update/WebIf.h"
 
 namespace {
@@ -44,14 +45,10 @@ std::vector<std::string> workerCalls() {
 }
 
 bool waitForWorker(const std::string& name) {
-    for (int waited = 0; waited < 10000; ++waited) {
+    return waitUntil([&name] {
         const std::vector<std::string> calls = workerCalls();
-        if (std::find(calls.begin(), calls.end(), name) != calls.end()) {
-            return true;
-        }
-        usleep(1000);
-    }
-    return false;
+        return std::find(calls.begin(), calls.end(), name) != calls.end();
+    });
 }
 
 void enetHost(VelantrixServerNoGUI* core) {

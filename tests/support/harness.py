@@ -13,6 +13,7 @@ import pathlib
 import re
 import shutil
 import signal
+import socket
 import subprocess
 import tempfile
 import time
@@ -23,10 +24,10 @@ from support.processes import PATIENCE, Lines, Process, die_with_parent, wait_un
 from support.sound import SoundServer, clean_environment, private_home
 
 __all__ = ["HERE_ADDRESS", "THERE_ADDRESS", "PATIENCE", "BANNER", "CAPTURE_RUNNING",
-           "DEFAULT_PORT", "VERSION", "OtherNetwork", "Process", "Lines", "Server", "SoundServer",
-           "SystemTest", "clean_environment", "die_with_parent", "fake", "has_sanitizer", "listen",
-           "listen_command", "private_home", "program", "resident_bytes", "wait_until",
-           "with_prompt_release"]
+           "DEFAULT_PORT", "NEWER_VERSION", "VERSION", "OtherNetwork", "Process", "Lines", "Server",
+           "SoundServer", "SystemTest", "busy_port", "clean_environment", "die_with_parent",
+           "end_by_itself", "fake", "has_sanitizer", "listen", "listen_command", "private_home",
+           "program", "resident_bytes", "wait_until", "with_prompt_release"]
 
 DEFAULT_PORT = 59010
 END_PATIENCE = 30.0
@@ -34,6 +35,7 @@ CAPTURE_RUNNING = "VelantrixServer: Audio capture running"
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 VERSION = re.search(r"project\(VelantrixServer VERSION (\d+\.\d+)",
                     (SOURCE / "CMakeLists.txt").read_text())[1]
+NEWER_VERSION = re.sub(r"\d+$", lambda minor: str(int(minor[0]) + 1), VERSION)
 BANNER = f"Velantrix Server v{VERSION}"
 
 
@@ -75,6 +77,15 @@ def fake(name):
     return str(path)
 
 
+def end_by_itself(process):
+    """A sanitizer looks for leaks when a program ends, not when it is killed."""
+    if process.child.poll() is None:
+        status = process.stop(timeout=END_PATIENCE)
+        if status != 0:
+            raise AssertionError(f"{process.name} ended with status {status}:\n  "
+                                 + "\n  ".join(process.out.all() + process.err.all()))
+
+
 class Server(Process):
     """A running VelantrixServer, headless unless ``gui``.
 
@@ -112,14 +123,6 @@ class Server(Process):
         return dict(private_home(self.own_home), XDG_RUNTIME_DIR=self.own_home,
                     ALSA_CONFIG_PATH=str(config), JACK_NO_START_SERVER="1")
 
-    def _end_by_itself(self):
-        """A sanitizer looks for leaks when the program ends, not when it is killed."""
-        if self.child.poll() is None:
-            status = self.stop(timeout=END_PATIENCE)
-            if status != 0:
-                raise AssertionError(f"{self.name} ended with status {status}:\n  "
-                                     + "\n  ".join(self.out.all() + self.err.all()))
-
     def wait_for_capture(self):
         """Waits until sound flows, from when on clients are served."""
         self.out.wait_for(CAPTURE_RUNNING)
@@ -127,15 +130,23 @@ class Server(Process):
     def __exit__(self, *problem):
         try:
             if not any(problem) and has_sanitizer():
-                self._end_by_itself()
+                end_by_itself(self)
         finally:
             super().__exit__()
             if self.own_home:
                 shutil.rmtree(self.own_home, ignore_errors=True)
 
 
+def busy_port():
+    """Holds the server's port for as long as the context lasts."""
+    holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    holder.bind(("0.0.0.0", DEFAULT_PORT))
+    return holder
+
+
 def listen_command(*arguments, host="127.0.0.1"):
-    return [program("VELANTRIX_LISTEN"), host, *[str(word) for word in arguments]]
+    """Without a host the client looks for a server."""
+    return [program("VELANTRIX_LISTEN"), *([host] if host else []), *map(str, arguments)]
 
 
 def listen(*arguments, host="127.0.0.1", prefix=(), timeout=60, env=None):

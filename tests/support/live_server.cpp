@@ -50,9 +50,7 @@ RecordingCore& LiveServer::core() {
 
 void LiveServer::SetUp() {
     outputFile = memfd_create("stdout", 0);
-    std::fflush(stdout);
-    savedOutput = dup(STDOUT_FILENO);
-    dup2(outputFile, STDOUT_FILENO);
+    output.emplace(outputFile);
 
     ASSERT_EQ(enet_initialize(), 0);
     ENetAddress address = {};
@@ -87,14 +85,11 @@ void LiveServer::TearDown() {
         }
         encoder = nullptr;
     }
-    std::fflush(stdout);
-    printed();
-    dup2(savedOutput, STDOUT_FILENO);
-    close(savedOutput);
-    close(outputFile);
+    output.reset();
     if (HasFailure()) {
-        std::fputs(allPrinted.c_str(), stdout);  // The failures themselves are in there.
+        std::fputs(readAll(outputFile).c_str(), stdout);  // The failures themselves are in there.
     }
+    close(outputFile);
 }
 
 void LiveServer::pumpUntil(const std::function<bool()>& done) {
@@ -135,6 +130,11 @@ void LiveServer::tell(TestClient& client, const std::vector<unsigned char>& mess
     pumpUntil([before] { return countOf(Call::EnetPacketDestroy) > before; });
 }
 
+void LiveServer::sendBlock() {
+    std::vector<char> block(wire::RAW_BUFFER_LENGTH, 'a');
+    processBuffer(block.data(), static_cast<int>(block.size()), true);
+}
+
 void LiveServer::vanish(TestClient& client) {
     clients.erase(std::find_if(clients.begin(), clients.end(),
                                [&client](const auto& each) { return each.get() == &client; }));
@@ -150,14 +150,7 @@ int LiveServer::slotOf(const TestClient& client) {
 }
 
 std::string LiveServer::printed() {
-    std::string text;
-    char piece[4096];
-    lseek(outputFile, 0, SEEK_SET);
-    for (ssize_t got = 0; (got = read(outputFile, piece, sizeof piece)) > 0;) {
-        text.append(piece, static_cast<std::size_t>(got));
-    }
-    allPrinted += text;
-    EXPECT_EQ(ftruncate(outputFile, 0), 0);
-    lseek(outputFile, 0, SEEK_SET);
+    const std::string text = readAll(outputFile).substr(seen);
+    seen += text.size();
     return text;
 }

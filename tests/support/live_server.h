@@ -10,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include "app/base/VelantrixServerNoGUI.h"
+#include "tests/support/child_run.h"
 #include "tests/support/test_client.h"
 
 /// One call of SetClientStatus.
@@ -62,6 +63,9 @@ class LiveServer : public testing::Test {
     /// Sends a control message and lets the server obey it.
     void tell(TestClient& client, const std::vector<unsigned char>& message);
 
+    /// Hands a raw block to the send path, with its service step.
+    static void sendBlock();
+
     /// Takes a client out of the service loop and destroys it without a word to the server.
     void vanish(TestClient& client);
 
@@ -77,6 +81,6 @@ class LiveServer : public testing::Test {
 
   private:
     int outputFile = -1;
-    int savedOutput = -1;
-    std::string allPrinted;
+    std::optional<OutputTo> output;
+    std::size_t seen = 0;  ///< Of what was printed.
 };

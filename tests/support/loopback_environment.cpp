@@ -1,5 +1,5 @@
-// Linked into a test executable, this moves it into a network namespace of its own with loopback
-// up, so that fixed ports never collide with another test or a running server.
+// Linked into a test executable, this moves it into a network of its own, so that fixed ports never
+// collide with another test or a running server.
 
 #include <gtest/gtest.h>
 
@@ -9,10 +9,7 @@ namespace {
 
 class LoopbackEnvironment : public testing::Environment {
   public:
-    void SetUp() override {
-        static const NetNamespace network;
-        ip("link set lo up");
-    }
+    void SetUp() override { static const LoopbackNetwork network; }
 };
 
 testing::Environment* const registered = testing::AddGlobalTestEnvironment(new LoopbackEnvironment);

@@ -39,24 +39,29 @@ NetNamespace::NetNamespace() {
     if (unshare(CLONE_NEWNET) != 0) {
         fail("these tests need network namespaces: unshare");
     }
-    handle = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
-    if (handle < 0) {
+    handle_ = open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC);
+    if (handle_ < 0) {
         fail("/proc/thread-self/ns/net");
     }
 }
 
 NetNamespace::~NetNamespace() {
-    close(handle);
+    close(handle_);
 }
 
 void NetNamespace::enter() const {
-    if (setns(handle, CLONE_NEWNET) != 0) {
+    if (setns(handle_, CLONE_NEWNET) != 0) {
         fail("setns");
     }
 }
 
 std::string NetNamespace::path() const {
-    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(handle);
+    return "/proc/" + std::to_string(getpid()) + "/fd/" + std::to_string(handle_);
+}
+
+LoopbackNetwork::LoopbackNetwork() {
+    ip("link set lo up");
+    ip("route add 231.232.233.235/32 dev lo");
 }
 
 void ip(const std::string& arguments) {

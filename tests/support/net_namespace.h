@@ -20,7 +20,13 @@ class NetNamespace {
     [[nodiscard]] std::string path() const;
 
   private:
-    int handle;
+    int handle_;
+};
+
+/// One whose loopback interface is up; queries for servers go to it, too.
+class LoopbackNetwork : public NetNamespace {
+  public:
+    LoopbackNetwork();
 };
 
 /// Runs "ip" with these arguments in the calling thread's namespace; ends the process with status

@@ -41,6 +41,10 @@ class Packet:
         return self.flags >> 6 & 7
 
 
+def are_in_order(packets):
+    return all(before.seq < after.seq for before, after in zip(packets, packets[1:]))
+
+
 def samples_of(packets):
     """The samples of raw packets, one behind the other."""
     samples = array.array("h")
@@ -174,4 +178,11 @@ class Probe(Process):
         self.command(f"connect {name} {host} {port} {data} {path} {mtu} {local_port}")
         if wait:
             client.wait_connected()
+        return client
+
+    def listen(self, rate_code=0, reliable=True, **options):
+        """Connects a new client and waits until it hears; see connect."""
+        client = self.connect(**options)
+        client.request(rate_code, reliable)
+        client.wait_packets(20)
         return client

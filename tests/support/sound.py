@@ -48,7 +48,7 @@ class SoundServer:
             ["pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
              "-L", f"module-native-protocol-unix socket={runtime}/native auth-anonymous=1",
              "-L", f"module-null-sink sink_name={NULL_SINK} rate={self.rate} channels=2 "
-                   "format=s16le"],
+                   "format=s16le norewinds=1"],
             self._environment())
         try:
             wait_until(self._answers, "the private sound server answers")

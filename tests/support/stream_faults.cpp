@@ -53,7 +53,9 @@ int __wrap_enet_host_service(ENetHost* host, ENetEvent* event, enet_uint32 timeo
     const DivertedCall diverted;
     const int error =
         noteCall(Call::EnetHostService, "enet_host_service", {static_cast<int>(timeout)});
-    return error != 0 ? error : __real_enet_host_service(host, event, timeout);
+    return error != 0
+               ? error
+               : __real_enet_host_service(host, event, serviceWithoutWaiting() ? 0 : timeout);
 }
 
 int __wrap_enet_host_check_events(ENetHost* host, ENetEvent* event) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -16,25 +17,34 @@ struct ReceivedPacket {
     bool reliable;
 };
 
-/// A client of the server over real loopback UDP, serviced by the test itself.
+/// A client of the server over real UDP, which its owner services. Its calls of ENet are neither
+/// counted nor failed by a test's diversions.
 class TestClient {
   public:
-    /// Begins to connect to 127.0.0.1:`port` with connect data: protocol version in the low byte,
-    /// bit 31 for company. `localPort` 0: any. `mtu` 0: ENet's own.
+    /// Begins to connect to `port` of a server with connect data: protocol version in the low byte,
+    /// bit 31 for company. `localPort` 0: any. `mtu` 0: ENet's own. Check ok() where the server or
+    /// the local port may not be there.
     explicit TestClient(std::uint32_t connectData, std::uint16_t localPort = 0,
-                        std::uint32_t mtu = 0, std::uint16_t port = wire::DEFAULT_SERVER_PORT);
-    ~TestClient();
+                        std::uint32_t mtu = 0, std::uint16_t port = wire::DEFAULT_SERVER_PORT,
+                        const std::string& serverHost = "127.0.0.1");
+    ~TestClient();  ///< Says nothing to the server: the client vanishes.
     TestClient(const TestClient&) = delete;
     TestClient& operator=(const TestClient&) = delete;
 
-    /// Handles what has arrived; does not wait.
+    [[nodiscard]] bool ok() const { return peer != nullptr; }
+
+    /// Handles what has arrived, and keeps it below; does not wait.
     void service();
 
-    /// Queues and flushes a reliable control message on a channel.
-    void send(const std::vector<unsigned char>& message, std::uint8_t channel = 0);
+    /// The same, but shows each event to `handle` instead. Packets are borrowed.
+    void service(const std::function<void(const ENetEvent&)>& handle) const;
+
+    /// Queues and flushes a control message on a channel; false when that cannot be.
+    bool send(const std::vector<unsigned char>& message, std::uint8_t channel = 0,
+              enet_uint32 delivery = ENET_PACKET_FLAG_RELIABLE) const;
 
     /// Leaves with a notice; service() must go on for it to go out.
-    void leave();
+    void leave(std::uint32_t data = 0) const;
 
     /// The local UDP port.
     [[nodiscard]] std::uint16_t port() const;
@@ -43,7 +53,7 @@ class TestClient {
     std::optional<std::uint32_t> disconnectData;  ///< Set when the server has closed.
     std::vector<ReceivedPacket> packets;
     ENetHost* host;  ///< Owned.
-    ENetPeer* peer;
+    ENetPeer* peer = nullptr;
 };
 
 /// A Data request with these flags and name; `terminated`: with a NUL behind the name.

@@ -3,7 +3,7 @@
 System tests use the class. The unit tests run this file as a program: it prints its port, then
 answers every line of JSON on standard input with one on standard output, {} unless said:
 
-    {"answer": {"path": "/x", "status": 200, "headers": {}, "body": "3.2\\n", "manner": "whole"}}
+    {"answer": {"path": "/x", "status": 200, "headers": {}, "body": "text\\n", "manner": "whole"}}
     {"take_requests": true}   ->   [{"method": "GET", "path": "/x", "headers": {...}}, ...]
     {"let_go": true}
     {"reset": true}

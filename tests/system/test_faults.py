@@ -5,11 +5,9 @@ import contextlib
 import fcntl
 import os
 import pathlib
-import pty
 import random
 import re
 import resource
-import select
 import shutil
 import signal
 import socket
@@ -19,10 +17,10 @@ import time
 import unittest
 
 from support.enet_wire import Recorder, connect_peers
-from support.harness import (DEFAULT_PORT, HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, Server,
+from support.harness import (CAPTURE_RUNNING, DEFAULT_PORT, HERE_ADDRESS, THERE_ADDRESS, OtherNetwork, Server,
                              SoundServer, SystemTest, fake, wait_until)
 from support.network import ip
-from support.probe import MSGID_FASTER, MULTI_CLIENT, Probe, control_message, sequence_gaps
+from support.probe import MULTI_CLIENT, Probe, control_message, sequence_gaps
 
 DAY = 24 * 3600
 SLOTS, MAX_PEERS = 10, 32
@@ -69,10 +67,7 @@ class FaultTest(SystemTest):
             self.server.wait_for_capture()
 
     def client(self, rate_code=0, reliable=True, probe=None, **options):
-        client = (probe or self.probe).connect(**options)
-        client.request(rate_code, reliable)
-        client.wait_packets(20)
-        return client
+        return (probe or self.probe).listen(rate_code, reliable, **options)
 
     def ask(self, query, port=0):
         with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as asker:
@@ -272,22 +267,7 @@ class Clock(FaultTest):
 
 
 class Output(FaultTest):
-    """Standard output is of no use, and a client makes the server print all the time."""
-
-    def check(self, redirection):
-        self.start(captures=False, prefix=["sh", "-c", f'exec "$@" {redirection}', "sh"])
-        listener, talker = self.client(), self.client(1)
-        for _ in range(400):
-            talker.send(control_message(MSGID_FASTER))
-        self.assert_gapless(listener)
-        self.assert_gapless(talker)
-        self.assert_ends_in_time(self.server)
-
-    def test_closed(self):
-        self.check(">&-")
-
-    def test_full_disc(self):
-        self.check(">/dev/full")
+    """Nobody reads standard output, and a client makes the server print all the time."""
 
     def start_into_pipe(self):
         """Starts the server with a pipe as its output; returns the reading end, which waits for
@@ -322,16 +302,6 @@ class Output(FaultTest):
         self.assertGreater(unread, room - line)
         return numbers
 
-    def test_pipe_that_nobody_reads(self):
-        reader = self.start_into_pipe()
-        self.addCleanup(os.close, reader)
-        listener, talker = self.client(), self.client(1)
-        mark = len(listener.packets()) - 1
-        self.fill(reader, listener, talker)
-        self.assert_gapless(listener, mark)
-        self.assert_gapless(talker)
-        self.assert_ends_in_time(self.server)
-
     def test_pipe_that_is_read_again_tells_of_the_lines_that_were_lost(self):
         reader = self.start_into_pipe()
         self.addCleanup(os.close, reader)
@@ -354,33 +324,6 @@ class Output(FaultTest):
                    "the output goes on")
         self.assert_gapless(listener)
         self.assert_gapless(talker)
-        self.assert_ends_in_time(self.server)
-
-    def test_terminal_that_nobody_reads(self):
-        terminal = pty.openpty()
-        for end in terminal:
-            self.addCleanup(os.close, end)
-        self.start(captures=False,
-                   prefix=["sh", "-c", f'exec "$@" >{os.ttyname(terminal[1])}', "sh"])
-        listener = self.client()
-        stranger = self.stack.enter_context(socket.socket(socket.AF_INET, socket.SOCK_DGRAM))
-
-        def takes_nothing_more():
-            for _ in range(AT_A_TIME):
-                stranger.sendto(b"printed" * 30, DISCOVERY)
-            return not select.select([], [terminal[1]], [], 0)[1]
-        wait_until(takes_nothing_more, "the terminal is full")
-        self.assertEqual(self.ask(QUERY2), RESPONSE)
-        self.assert_gapless(listener)
-        self.assert_ends_in_time(self.server)
-
-    def test_pipe_whose_reader_has_gone(self):
-        reader = self.start_into_pipe()
-        listener = self.client()
-        os.close(reader)
-        for _ in range(50):
-            listener.send(control_message(MSGID_FASTER))
-        self.assert_gapless(listener)
         self.assert_ends_in_time(self.server)
 
 
@@ -426,7 +369,8 @@ class Limits(FaultTest):
         with Server(sound=self.sound, rate=48000, prefix=["prlimit", *limit]) as server:
             end = time.monotonic() + 2
             while time.monotonic() < end and server.child.poll() is None and \
-                    "VelantrixServer: Audio capture running" not in server.out.all():
+                    CAPTURE_RUNNING not in server.out.all() and \
+                    not any("opening audio input device" in line for line in server.err.all()):
                 time.sleep(0.05)
             status = server.stop()
             lines = server.out.all() + server.err.all()
@@ -567,4 +511,3 @@ class ScarceMemory(FaultTest):
             peer.socket.close()
         self.assertEqual(len(peers), MAX_PEERS)
         self.assert_ends_in_time(self.server)
-

@@ -14,8 +14,7 @@ import termios
 import time
 
 from support.harness import (DEFAULT_PORT, PATIENCE, Process, Server, SoundServer, SystemTest,
-                             clean_environment, die_with_parent, listen, listen_command, program,
-                             wait_until)
+                             clean_environment, die_with_parent, listen, listen_command, wait_until)
 from support.relay import Relay
 from support.signals import (channel, dominant_frequency, find_frames, loud_part, noise, read_wav,
                              rms, silence, sine)
@@ -30,6 +29,7 @@ PLAYBACK_FIGURES = {
     "concealed", "skipped", "stretched", "underruns",
     "device_underruns"}
 PLAYBACK_SINK = "playback"
+PLAYBACK_SECONDS = 6
 # A server that is killed falls silent; the client may notice that first, or ENet.
 SERVER_GONE = (r"(the connection to 127\.0\.0\.1:59010 has ended|"
                r"no audio has come from 127\.0\.0\.1:59010 for a while)")
@@ -40,8 +40,16 @@ def report_of(text):
     return dict(line.split(": ", 1) for line in text.splitlines() if ": " in line)
 
 
-def start_listening(*arguments, env=None, host="127.0.0.1"):
-    return Process(listen_command(*arguments, host=host), dict(clean_environment(), **(env or {})))
+def start_listening(*arguments):
+    return Process(listen_command(*arguments), clean_environment())
+
+
+@contextlib.contextmanager
+def listening(*arguments):
+    """A client that is connected and hears."""
+    with start_listening(*arguments) as client:
+        client.out.wait_for(re.compile("^connected .* Hz"))
+        yield client
 
 
 class ListenTest(SystemTest):
@@ -68,8 +76,7 @@ class Recording(ListenTest):
         """Plays noise while the client records; returns (played, status, report)."""
         played = noise(self.rate, seed=4711)
         margin = silence(self.rate // 4)
-        with start_listening("--no-play", "--record", self.path(name), *arguments) as client:
-            client.out.wait_for(re.compile("^connected .* Hz"))
+        with listening("--no-play", "--record", self.path(name), *arguments) as client:
             self.sound.play_and_wait(margin + played + margin)
             time.sleep(0.5)
             status = client.stop(signal.SIGTERM)
@@ -87,8 +94,7 @@ class Recording(ListenTest):
         self.assertEqual(report["format"], "raw")
 
     def test_an_interrupt_completes_the_file(self):
-        with start_listening("--no-play", "--record", self.path("a.wav")) as client:
-            client.out.wait_for(re.compile("^connected .* Hz"))
+        with listening("--no-play", "--record", self.path("a.wav")) as client:
             self.assertEqual(client.stop(signal.SIGINT), 0)
         recorded, _ = read_wav(self.path("a.wav"))
         self.assertGreater(len(recorded), 0)
@@ -97,8 +103,7 @@ class Recording(ListenTest):
 
     def test_termination_completes_compressed_files(self):
         for name in ("a.flac", "a.ogg"):
-            with start_listening("--no-play", "--record", self.path(name)) as client:
-                client.out.wait_for(re.compile("^connected .* Hz"))
+            with listening("--no-play", "--record", self.path(name)) as client:
                 self.assertEqual(client.stop(signal.SIGTERM), 0)
                 report = report_of("\n".join(client.out.all()))
             written = int(report["frames"]) + int(report["filled-frames"])
@@ -205,12 +210,13 @@ class Pipe(ListenTest):
         os.close(reader)
 
 
-class Playback(ListenTest):
+class PlaybackTest(ListenTest):
     """What is played comes out of the client's sound device: a second null sink."""
 
     def setUp(self):
         super().setUp()
         self.sound.control("load-module", "module-null-sink", f"sink_name={PLAYBACK_SINK}",
+                           "norewinds=1",
                            "rate=48000", "channels=2", "format=s16le")
         self.playback_env = dict(self.sound.env, PULSE_SINK=PLAYBACK_SINK)
 
@@ -246,15 +252,20 @@ class Playback(ListenTest):
             level = statistics.median(rms(w) for w in windows)
             self.assertAlmostEqual(level / (12000 / 2 ** 0.5), 1, delta=0.12)
 
+    def check_playback(self, *arguments):
+        recorded, figures = self.record_playback(PLAYBACK_SECONDS, *arguments)
+        self.check_tone(recorded, PLAYBACK_SECONDS)
+        return figures
+
+
+class Playback(PlaybackTest):
     def test_raw_sound_is_heard_as_it_was_played(self):
-        recorded, figures = self.record_playback(8)
-        self.check_tone(recorded, 8)
+        figures = self.check_playback()
         self.assertEqual(set(figures[-1]["playback"]), PLAYBACK_FIGURES)
         self.assertTrue(any(f["playback"]["playing"] for f in figures))
 
     def test_opus_sound_is_heard_as_it_was_played(self):
-        recorded, _ = self.record_playback(8, "--rate", 128, "--best-effort")
-        self.check_tone(recorded, 8)
+        self.check_playback("--rate", 128, "--best-effort")
 
     def test_a_device_that_is_not_there_is_an_error(self):
         result = listen("--device", "no such device", env=self.playback_env)
@@ -262,21 +273,24 @@ class Playback(ListenTest):
         self.assertIn("no output device named 'no such device'", result.stderr)
 
     def test_devices_are_listed_one_name_a_line_with_the_default_one_first(self):
-        result = subprocess.run([program("VELANTRIX_LISTEN"), "--list-devices"],
-                                env=dict(clean_environment(), **self.playback_env),
-                                capture_output=True, text=True, timeout=PATIENCE, check=False)
+        result = listen("--list-devices", host=None, env=self.playback_env)
         self.assertEqual(result.returncode, 0)
         self.assertEqual(result.stdout.splitlines()[0], "default")
 
 
-class PlaybackAt44100(Playback):
+class PlaybackAt44100(PlaybackTest):
     rate = 44100
+
+    def test_raw_sound_is_heard_as_it_was_played(self):
+        self.check_playback()
+
+    def test_opus_sound_is_heard_as_it_was_played(self):
+        self.check_playback("--rate", 128, "--best-effort")
 
 
 class Persistence(ListenTest):
     def test_a_restarted_server_is_found_again_and_the_recording_keeps_time(self):
-        with start_listening("--no-play", "--record", self.path("a.wav")) as client:
-            client.out.wait_for(re.compile("^connected .* Hz"))
+        with listening("--no-play", "--record", self.path("a.wav")) as client:
             begin = time.monotonic()
             time.sleep(1)
             self.server.kill()
@@ -306,8 +320,7 @@ class Persistence(ListenTest):
         self.assertAlmostEqual(len(recorded) / 2 / rate, elapsed, delta=2.5)
 
     def test_an_end_during_an_outage_leaves_the_recording_whole(self):
-        with start_listening("--no-play", "--record", self.path("a.wav")) as client:
-            client.out.wait_for(re.compile("^connected .* Hz"))
+        with listening("--no-play", "--record", self.path("a.wav")) as client:
             begin = time.monotonic()
             self.server.kill()
             client.err.wait_for(re.compile(f"{SERVER_GONE}, trying again"))
@@ -318,15 +331,13 @@ class Persistence(ListenTest):
         self.assertGreater(len(recorded) / 2 / rate, elapsed - 0.5)
 
     def test_once_ends_with_the_server(self):
-        with start_listening("--no-play", "--once") as client:
-            client.out.wait_for(re.compile("^connected .* Hz"))
+        with listening("--no-play", "--once") as client:
             self.server.kill()
             self.assertEqual(client.wait(), 0)
             self.assertRegex("\n".join(client.err.all()), SERVER_GONE)
 
     def test_a_listener_that_another_replaces_says_so_and_ends(self):
-        with start_listening("--no-play", "--single") as first:
-            first.out.wait_for(re.compile("^connected .* Hz"))
+        with listening("--no-play", "--single") as first:
             self.assertEqual(listen("--no-play", "--seconds", 1).returncode, 0)
             self.assertEqual(first.wait(), 0)
             self.assertIn("another listener has taken this one's place",
@@ -402,17 +413,13 @@ class BadNetwork(ListenTest):
 
 
 class Finding(ListenTest):
-    def run_client(self, *arguments):
-        return subprocess.run([program("VELANTRIX_LISTEN"), *arguments], env=clean_environment(),
-                              capture_output=True, text=True, timeout=PATIENCE, check=False)
-
     def test_without_a_host_the_server_is_found(self):
-        result = self.run_client("--no-play", "--seconds", "1")
+        result = listen("--no-play", "--seconds", 1, host=None)
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertGreater(int(report_of(result.stdout)["packets"]), 0)
 
     def test_list_prints_address_and_answer_time(self):
-        result = self.run_client("--list")
+        result = listen("--list", host=None)
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertRegex(result.stdout, r"\A\d+\.\d+\.\d+\.\d+\t\d+\.\d ms\n\Z")
 
@@ -421,7 +428,7 @@ class Finding(ListenTest):
         with Server(sound=self.sound, rate=self.rate,
                     env={"VELANTRIX_SERVER_PORT": "7000"}) as server:
             server.wait_for_capture()
-            result = self.run_client("--no-play", "--seconds", "1", "--port", "7000")
+            result = listen("--no-play", "--seconds", 1, "--port", 7000, host=None)
             self.assertEqual(result.returncode, 0, result.stderr)
             self.assertGreater(int(report_of(result.stdout)["packets"]), 0)
             self.assertIn(":7000", result.stdout)
@@ -431,9 +438,7 @@ class NoServer(SystemTest):
     def test_nobody_to_find_is_an_error_after_three_seconds(self):
         for arguments in ([], ["--list"]):
             begin = time.monotonic()
-            result = subprocess.run([program("VELANTRIX_LISTEN"), "--no-play", *arguments],
-                                    env=clean_environment(), capture_output=True, text=True,
-                                    timeout=PATIENCE, check=False)
+            result = listen("--no-play", *arguments, host=None)
             self.assertEqual(result.returncode, 1)
             self.assertEqual(result.stderr, "velantrix-listen: no server has answered\n")
             self.assertGreater(time.monotonic() - begin, 2.5)

@@ -8,18 +8,12 @@ import time
 
 from support.harness import (DEFAULT_PORT, HERE_ADDRESS, PATIENCE, THERE_ADDRESS, OtherNetwork,
                              Process, Server, SoundServer, SystemTest, clean_environment,
-                             die_with_parent, fake, listen_command, program, wait_until)
+                             die_with_parent, fake, listen, listen_command, wait_until)
 from support.network import ip
 from support.signals import channel, read_wav, rms, sine
 
 LONG_PATIENCE = 60
 MOVED_ADDRESS = "10.77.0.3"
-
-
-def run_client(*arguments):
-    return subprocess.run([program("VELANTRIX_LISTEN"), *arguments], env=clean_environment(),
-                          capture_output=True, text=True, timeout=PATIENCE, check=False,
-                          preexec_fn=die_with_parent)
 
 
 class FaultTest(SystemTest):
@@ -99,13 +93,13 @@ class TwoServers(FaultTest):
         self.start_server(prefix=there.command())
 
     def test_the_list_has_both_each_once(self):
-        result = run_client("--list")
+        result = listen("--list", host=None)
         self.assertEqual(result.returncode, 0, result.stderr)
         addresses = [line.split("\t")[0] for line in result.stdout.splitlines()]
         self.assertEqual(sorted(addresses), [HERE_ADDRESS, THERE_ADDRESS])
 
     def test_without_a_host_both_are_told_of_and_the_first_is_taken(self):
-        result = run_client("--no-play", "--seconds", "1", "--stats=json")
+        result = listen("--no-play", "--seconds", 1, "--stats=json", host=None)
         self.assertEqual(result.returncode, 0, result.stderr)
         self.assertIn("several servers have answered, taking the first", result.stderr)
         told = re.findall(r"^([\d.]+)\t", result.stderr, re.MULTILINE)
@@ -126,7 +120,7 @@ class MovedServer(FaultTest):
         there = self.enterContext(OtherNetwork())
         there.receive_on_cable()
         self.start_server(prefix=there.command())
-        client = self.start_client([program("VELANTRIX_LISTEN"), "--no-play"])
+        client = self.start_client(listen_command("--no-play", host=None))
         client.out.wait_for(re.compile(f"^connected {THERE_ADDRESS}:.* Hz"))
         # The network is named otherwise, so that the second address is none of the first's.
         ip("addr", "add", f"{MOVED_ADDRESS}/16", "dev", "vxthere", there=there)

@@ -24,8 +24,7 @@ wayland = None
 
 def setUpModule():
     global display, wayland
-    display = Display().__enter__()
-    unittest.addModuleCleanup(display.__exit__)
+    display = Display.of_module()
     socket = display.folder / "wayland-test"
     wayland = subprocess.Popen(
         ["weston", "--backend=headless-backend.so", "--idle-time=0", f"--socket={socket.name}",

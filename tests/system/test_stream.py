@@ -3,8 +3,8 @@
 import ctypes
 import ctypes.util
 
-from support.harness import Server, SoundServer, SystemTest, fake
-from support.probe import (FALLBACK_BYTES, FLAG_ALT_RATE, FLAG_RELIABLE, HEADER_BYTES, MSGID_AUDIO,
+from support.harness import Server, SoundServer, SystemTest
+from support.probe import (FLAG_ALT_RATE, FLAG_RELIABLE, HEADER_BYTES, MSGID_AUDIO,
                            RAW_PACKET_BYTES, Probe, samples_of, sequence_gaps)
 from support.signals import (channel, dominant_frequency, find_frames, longest_exact_run, noise,
                              rms, silence, sine, tone_amplitude)
@@ -155,32 +155,3 @@ class OpusStream(SystemTest):
         packets = self.stream(44100, [2])[2]
         self.check_packets(2, packets, False)
         self.check_tone(2, packets, factor=48000 / 44100)
-
-    def test_codes_without_an_encoder_get_the_uncompressed_block(self):
-        packets = self.stream(48000, [4, 6, 7])
-        for code, received in packets.items():
-            self.assertEqual({p.length for p in received}, {FALLBACK_BYTES})
-            self.assertEqual({p.rate_code for p in received}, {code})
-            self.assertEqual(sequence_gaps(received), 0)
-            mono = channel(samples_of(received[-100:]), 0)
-            self.assertAlmostEqual(dominant_frequency(mono, 48000), self.LEFT, delta=1.0)
-
-    def test_encoder_that_cannot_be_created_is_named_and_replaced_by_the_fallback(self):
-        packets = self.stream(48000, [1, 2], preload=fake("preload_faults.so"),
-                              env={"VELANTRIX_FAULTS": "opus-second"})
-        self.assertIn("Warning, could not initialize Opus encoder 2 (memory allocation failed)",
-                      self.lines)
-        self.assertEqual(sum("could not initialize Opus" in line for line in self.lines), 1)
-        self.assertEqual({p.length for p in packets[2]}, {FALLBACK_BYTES})
-        self.check_tone(1, packets[1])
-
-
-class Silence(SystemTest):
-    def test_silence_is_streamed_as_zeros(self):
-        with SoundServer() as sound, Server(sound=sound, rate=48000) as server, \
-                Probe(self.folder) as probe:
-            server.wait_for_capture()
-            client = probe.connect()
-            client.request(0)
-            packets = client.wait_packets(100)
-            self.assertFalse(any(samples_of(packets)))

@@ -4,13 +4,11 @@ import contextlib
 import os
 import pathlib
 import signal
-import socket
 import stat
 import time
-import unittest
 
 from support.display import Display, View
-from support.harness import DEFAULT_PORT, PATIENCE, Server, SoundServer, SystemTest, wait_until
+from support.harness import PATIENCE, Server, SoundServer, SystemTest, busy_port, wait_until
 from support.probe import Probe
 
 STATUS_TIP = "Information on connected clients"
@@ -26,8 +24,7 @@ display = None
 
 def setUpModule():
     global display
-    display = Display().__enter__()
-    unittest.addModuleCleanup(display.__exit__)
+    display = Display.of_module()
 
 
 def gui_server(*arguments, sound=None, env=None, **options):
@@ -82,17 +79,6 @@ class Texts(SystemTest):
                 self.wait_status(view, "Disconnected")
             self.assert_ends_cleanly(server)
 
-    def test_address_is_the_bind_address(self):
-        with seen_server("-b", "127.0.0.9") as (_, view):
-            view.wait_for(lambda v: v.lines().get(ADDRESS_TIP) == "127.0.0.9",
-                                  "the bind address shows")
-
-    def test_missing_sound_shows_as_failed_capture(self):
-        with seen_server() as (server, view):
-            view.wait_for(lambda v: "Audio capture failed" in v.names("label"),
-                                  "the failed capture shows")
-            self.assert_ends_cleanly(server)
-
 
 class VolumeControl(SystemTest):
     """The button, with a stand-in for the volume control on PATH."""
@@ -106,38 +92,23 @@ class VolumeControl(SystemTest):
             "import os, time\n"
             "fds = sorted(int(n) for n in os.listdir('/proc/self/fd'))\n"
             f"with open('{self.record}.new', 'w') as out:\n"
-            "    print(os.getpid(), os.getppid(), *fds, file=out)\n"
+            "    print(os.getpid(), *fds, file=out)\n"
             f"os.rename('{self.record}.new', '{self.record}')\n"
             "time.sleep(600)\n", encoding="ascii")
         stand_in.chmod(stand_in.stat().st_mode | stat.S_IXUSR)
         self.env = {"PATH": f"{self.folder}:{os.environ['PATH']}"}
 
-    def read_record(self):
-        """The process of the stand-in, its parent's, and its descriptors."""
-        wait_until(self.record.exists, "the stand-in runs")
-        process, *rest = [int(word) for word in self.record.read_text().split()]
-        self.addCleanup(end, process)
-        return process, *rest
-
     def test_button_starts_it_and_the_server_goes_on(self):
         with seen_server(env=self.env) as (server, view):
             view.press(BUTTON)
-            process, _, *descriptors = self.read_record()
+            wait_until(self.record.exists, "the stand-in runs")
+            process, *descriptors = map(int, self.record.read_text().split())
+            self.addCleanup(end, process)
             # Its script and the folder that it lists, on the lowest free numbers: nothing of ours.
             self.assertLessEqual(len(descriptors), 3)
             self.assertLess(max(descriptors), 5)
             self.assertTrue(pathlib.Path(f"/proc/{process}").exists())
             self.assert_ends_cleanly(server)
-
-    # The shell, that is: one that does not run its last command in its own place leaves that
-    # command behind.
-    def test_its_shell_dies_with_the_server(self):
-        with seen_server(env=self.env) as (server, view):
-            view.press(BUTTON)
-            process, parent, *_ = self.read_record()
-            child = process if parent == server.pid else parent
-            server.kill()
-            wait_until(lambda: not is_running(child), "the server's child is gone")
 
 
 def end(process):
@@ -145,22 +116,12 @@ def end(process):
         os.kill(process, signal.SIGKILL)
 
 
-def is_running(process):
-    try:
-        state = pathlib.Path(f"/proc/{process}/stat").read_text().rsplit(")", 1)[1].split()[0]
-    except (FileNotFoundError, ProcessLookupError):
-        return False
-    return state not in "ZX"
-
-
 class BusyPort(SystemTest):
     """A fatal error shows its box, and the status after it is 255."""
 
     def setUp(self):
         super().setUp()
-        self.holder = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-        self.holder.bind(("0.0.0.0", DEFAULT_PORT))
-        self.addCleanup(self.holder.close)
+        self.enterContext(busy_port())
 
     def test_box_tells_and_ok_ends_with_status_255(self):
         with seen_server() as (server, view):
@@ -183,15 +144,6 @@ class BusyPort(SystemTest):
             begin = time.monotonic()
             self.assertEqual(server.stop(), FATAL)
             self.assertLess(time.monotonic() - begin, PATIENCE / 2)
-
-    def test_box_over_the_minimised_window_works_too(self):
-        with seen_server() as (server, view):
-            wait_until(lambda: len(display.windows(server)) > 1, "the box shows")
-            for window in display.windows(server):
-                display.run("xdotool", "windowminimize", window, check=False)
-            view.press("OK")
-            self.assertEqual(server.wait(), FATAL)
-
 
 def press_return_until_end(server):
     """The box may not have the keyboard yet when it shows."""
@@ -223,20 +175,6 @@ def wait_bind_warning(view):
                   "the warning shows")
 
 
-class Minimised(SystemTest):
-    def test_closing_a_warning_over_the_minimised_window_does_not_end_the_program(self):
-        with seen_server("-b", "no.such.host") as (server, view):
-            wait_bind_warning(view)
-            main_window = display.run("xdotool", "search", "--pid", str(server.pid), "--name",
-                                      "Velantrix Server").split()[-1]
-            display.run("xdotool", "windowminimize", main_window)
-            view.press("OK")
-            server.err.wait_for(NO_SOUND)
-            time.sleep(1)
-            self.assertIsNone(server.child.poll(), "the program must go on")
-            self.assert_ends_cleanly(server)
-
-
 class Closing(SystemTest):
     def test_closing_the_window_ends_with_status_0(self):
         with SoundServer() as sound, gui_server(sound=sound) as server:
@@ -244,9 +182,3 @@ class Closing(SystemTest):
             display.close_window(display.wait_window(server))
             self.assertEqual(server.wait(), 0)
             self.assertEqual(server.err.all(), [])
-
-    def test_verbose_tells_the_result(self):
-        with gui_server("-verbose") as server:
-            display.close_window(display.wait_window(server))
-            self.assertEqual(server.wait(), 0)
-            self.assertIn("Exec returned with result 0", server.out.all())

@@ -9,7 +9,6 @@ import random
 import signal
 import threading
 import time
-import unittest
 
 from support.display import Display
 from support.harness import BANNER, Server, SoundServer, SystemTest
@@ -27,8 +26,7 @@ display = None
 def setUpModule():
     global display
     print(f"seed {SEED}", flush=True)
-    display = Display().__enter__()
-    unittest.addModuleCleanup(display.__exit__)
+    display = Display.of_module()
 
 
 class Crowd:

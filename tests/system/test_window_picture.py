@@ -4,7 +4,6 @@ import contextlib
 import os
 import re
 import subprocess
-import unittest
 
 from support.display import Display
 from support.harness import SOURCE, Server, SystemTest, wait_until
@@ -15,7 +14,7 @@ TEXTS = {"address label": (30, 40, 121, 22), "status": (165, 96, 240, 21),
          "sound": (30, 150, 381, 22)}
 LOGO = (530, 10, 160, 120)
 ICON_SIZE = 64
-FACTORS = (1, 1.25, 1.5, 2)
+FACTORS = (1.25, 1.5, 2)
 LAYOUT_DELTA = 2.5
 
 display = None
@@ -23,8 +22,7 @@ display = None
 
 def setUpModule():
     global display
-    display = Display().__enter__()
-    unittest.addModuleCleanup(display.__exit__)
+    display = Display.of_module()
 
 
 class Picture:
@@ -32,23 +30,20 @@ class Picture:
 
     def __init__(self, window, path):
         self.path = path
-        wait_until(lambda: self._take(window) and all(map(self.text_box, TEXTS)),
-                   "the texts show")
+        wait_until(lambda: self._take(window), "the texts show")
 
     def _take(self, window):
+        """Whether all texts show. ``boxes`` has left, top, width and height of each inside its
+        area, in pixels of the layout."""
         display.screenshot(window, self.path)
-        self.width, self.height = map(int, self._convert("-format", "%w %h", "info:").split())
-        return True
-
-    def _convert(self, *arguments):
-        return convert(self.path, *arguments).decode("ascii")
-
-    def text_box(self, name):
-        """Left, top, width and height of a text inside its area, in pixels of the layout."""
+        self.width, self.height = map(int, convert(self.path, "-format", "%w %h", "info:").split())
         scale = self.width / SIZE[0]
-        box = self._convert(*crop(TEXTS[name], scale), "-fuzz", "25%", "-format", "%@", "info:")
-        width, height, left, top = map(int, re.match(r"(\d+)x(\d+)\+(\d+)\+(\d+)", box).groups())
-        return [edge / scale for edge in (left, top, width, height)] if width else None
+        areas = [["(", "-clone", "0", *crop(area, scale), ")"] for area in TEXTS.values()]
+        found = convert(self.path, *sum(areas, []), "-delete", "0", "-fuzz", "25%", "-format",
+                        "%@\n", "info:").decode("ascii")
+        self.boxes = {name: [int(edge) / scale for edge in re.findall(r"\d+", box)]
+                      for name, box in zip(TEXTS, found.splitlines())}
+        return all(width for width, *_ in self.boxes.values())
 
 
 def convert(path, *arguments):
@@ -94,13 +89,14 @@ class Scale(Window):
     def check(self, scaled):
         """`scaled` gives the variables of a factor."""
         usual = self.picture(**scaled(1))
+        self.assertEqual((usual.width, usual.height), SIZE)
         for factor in FACTORS:
             with self.subTest(factor):
                 picture = self.picture(**scaled(factor))
                 self.assertAlmostEqual(picture.width, SIZE[0] * factor, delta=1)
                 self.assertAlmostEqual(picture.height, SIZE[1] * factor, delta=1)
-                for name in TEXTS:
-                    for edge, usual_edge in zip(picture.text_box(name), usual.text_box(name)):
+                for name, box in usual.boxes.items():
+                    for edge, usual_edge in zip(picture.boxes[name], box):
                         self.assertAlmostEqual(edge, usual_edge, delta=LAYOUT_DELTA, msg=name)
 
     def test_by_the_resolution_of_the_screen(self):

@@ -48,78 +48,61 @@ PaStreamCallback* marked(PaStreamCallback* callback) {
 
 }  // namespace
 
-// The function named, or its failure: `failure` is a statement list that returns.
-#define TORTURE(function, arguments, failure)                      \
-    {                                                              \
+// A function that fails or is the next one of its name; `failure` is a statement list that returns.
+#define TORTURE(result, function, parameters, arguments, failure)  \
+    result function parameters {                                   \
         if (tortureCall(#function, __builtin_return_address(0))) { \
             failure;                                               \
         }                                                          \
         static auto* const real = next(&::function, #function);    \
         return real arguments;                                     \
-    }
+    }                                                              \
+    static_assert(true)
 
 #define FAIL_WITH(error) \
     errno = (error);     \
     return -1
 
 extern "C" {
+TORTURE(int, socket, (int domain, int type, int protocol) noexcept, (domain, type, protocol),
+        FAIL_WITH(EMFILE));
+TORTURE(int, bind, (int socket, const sockaddr* address, socklen_t length) noexcept,
+        (socket, address, length), FAIL_WITH(EADDRNOTAVAIL));
+TORTURE(int, setsockopt,
+        (int socket, int level, int name, const void* value, socklen_t length) noexcept,
+        (socket, level, name, value, length), FAIL_WITH(ENOBUFS));
+TORTURE(int, getsockname, (int socket, sockaddr* address, socklen_t* length) noexcept,
+        (socket, address, length), FAIL_WITH(ENOBUFS));
+TORTURE(ssize_t, recvfrom,
+        (int socket, void* room, size_t size, int flags, sockaddr* sender, socklen_t* length),
+        (socket, room, size, flags, sender, length), FAIL_WITH(ENOMEM));
+TORTURE(ssize_t, sendto,
+        (int socket, const void* data, size_t size, int flags, const sockaddr* receiver,
+         socklen_t length),
+        (socket, data, size, flags, receiver, length), FAIL_WITH(ENOBUFS));
+TORTURE(ssize_t, recvmsg, (int socket, msghdr* message, int flags), (socket, message, flags),
+        FAIL_WITH(ENOMEM));
+TORTURE(ssize_t, sendmsg, (int socket, const msghdr* message, int flags), (socket, message, flags),
+        FAIL_WITH(ENOBUFS));
+TORTURE(int, poll, (pollfd * descriptors, nfds_t number, int timeout),
+        (descriptors, number, timeout), FAIL_WITH(ENOMEM));
+TORTURE(ssize_t, read, (int descriptor, void* room, size_t size), (descriptor, room, size),
+        FAIL_WITH(EIO));
+TORTURE(ssize_t, write, (int descriptor, const void* data, size_t size), (descriptor, data, size),
+        FAIL_WITH(EIO));
+TORTURE(int, dup, (int descriptor) noexcept, (descriptor), FAIL_WITH(EMFILE));
+TORTURE(int, dup2, (int from, int to) noexcept, (from, to), FAIL_WITH(EMFILE));
+TORTURE(int, pipe2, (int* ends, int flags) noexcept, (ends, flags), FAIL_WITH(EMFILE));
+TORTURE(int, getifaddrs, (ifaddrs * *list) noexcept, (list), FAIL_WITH(ENOMEM));
+TORTURE(int, getaddrinfo,
+        (const char* node, const char* service, const addrinfo* hints, addrinfo** result),
+        (node, service, hints, result), return EAI_AGAIN);
+TORTURE(int, pthread_create,
+        (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*),
+         void* argument) noexcept,
+        (thread, attributes, body, argument), return EAGAIN);
 
-int socket(int domain, int type, int protocol) noexcept
-    TORTURE(socket, (domain, type, protocol), FAIL_WITH(EMFILE))
-
-        int bind(int socket, const sockaddr* address, socklen_t length) noexcept
-    TORTURE(bind, (socket, address, length), FAIL_WITH(EADDRNOTAVAIL))
-
-        int setsockopt(int socket, int level, int name, const void* value,
-                       socklen_t length) noexcept
-    TORTURE(setsockopt, (socket, level, name, value, length), FAIL_WITH(ENOBUFS))
-
-        int getsockname(int socket, sockaddr* address, socklen_t* length) noexcept
-    TORTURE(getsockname, (socket, address, length), FAIL_WITH(ENOBUFS))
-
-        ssize_t
-    recvfrom(int socket, void* room, size_t size, int flags, sockaddr* sender, socklen_t* length)
-        TORTURE(recvfrom, (socket, room, size, flags, sender, length), FAIL_WITH(ENOMEM))
-
-            ssize_t sendto(int socket, const void* data, size_t size, int flags,
-                           const sockaddr* receiver, socklen_t length)
-                TORTURE(sendto, (socket, data, size, flags, receiver, length), FAIL_WITH(ENOBUFS))
-
-                    ssize_t recvmsg(int socket, msghdr* message, int flags)
-                        TORTURE(recvmsg, (socket, message, flags), FAIL_WITH(ENOMEM))
-
-                            ssize_t
-    sendmsg(int socket, const msghdr* message, int flags)
-        TORTURE(sendmsg, (socket, message, flags), FAIL_WITH(ENOBUFS))
-
-            int poll(pollfd* descriptors, nfds_t number, int timeout)
-                TORTURE(poll, (descriptors, number, timeout), FAIL_WITH(ENOMEM))
-
-                    ssize_t read(int descriptor, void* room, size_t size)
-                        TORTURE(read, (descriptor, room, size), FAIL_WITH(EIO))
-
-                            ssize_t write(int descriptor, const void* data, size_t size)
-                                TORTURE(write, (descriptor, data, size), FAIL_WITH(EIO))
-
-                                    int dup(int descriptor) noexcept
-    TORTURE(dup, (descriptor), FAIL_WITH(EMFILE))
-
-        int dup2(int from, int to) noexcept TORTURE(dup2, (from, to), FAIL_WITH(EMFILE))
-
-            int pipe2(int* ends, int flags) noexcept
-    TORTURE(pipe2, (ends, flags), FAIL_WITH(EMFILE))
-
-        int getifaddrs(ifaddrs** list) noexcept TORTURE(getifaddrs, (list), FAIL_WITH(ENOMEM))
-
-            int getaddrinfo(const char* node, const char* service, const addrinfo* hints,
-                            addrinfo** result)
-                TORTURE(getaddrinfo, (node, service, hints, result), return EAI_AGAIN)
-
-                    int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
-                                       void* (*body)(void*), void* argument) noexcept
-    TORTURE(pthread_create, (thread, attributes, body, argument), return EAGAIN)
-
-        int open(const char* path, int flags, ...) {
+int open(const char* path, int flags, ...) {
     if (tortureCall("open", __builtin_return_address(0))) {
         FAIL_WITH(EMFILE);
     }
@@ -157,23 +140,13 @@ int ioctl(int descriptor, unsigned long request, ...) noexcept {
 }
 
 /// A room that is too small.
-const char* inet_ntop(int family, const void* address, char* text, socklen_t room) noexcept {
-    if (tortureCall("inet_ntop", __builtin_return_address(0))) {
-        errno = ENOSPC;
-        return nullptr;
-    }
-    static auto* const real = next(&::inet_ntop, "inet_ntop");
-    return real(family, address, text, room);
-}
+TORTURE(const char*, inet_ntop,
+        (int family, const void* address, char* text, socklen_t room) noexcept,
+        (family, address, text, room), errno = ENOSPC;
+        return nullptr);
 
 /// A signal comes before the wait is over.
-int sem_wait(sem_t* semaphore) {
-    if (tortureCall("sem_wait", __builtin_return_address(0))) {
-        FAIL_WITH(EINTR);
-    }
-    static auto* const real = next(&::sem_wait, "sem_wait");
-    return real(semaphore);
-}
+TORTURE(int, sem_wait, (sem_t * semaphore), (semaphore), FAIL_WITH(EINTR));
 
 /// A signal comes at once. Shortens the wait before the version check, too.
 int usleep(useconds_t microseconds) {
@@ -183,81 +156,51 @@ int usleep(useconds_t microseconds) {
     static auto* const real = next(&::usleep, "usleep");
     return real(microseconds >= LONG_SLEEP ? SHORTENED_SLEEP : microseconds);
 }
+TORTURE(PaError, Pa_Initialize, (), (), return paInternalError);
+TORTURE(PaDeviceIndex, Pa_GetDefaultInputDevice, (), (), return paNoDevice);
+TORTURE(const PaDeviceInfo*, Pa_GetDeviceInfo, (PaDeviceIndex device), (device), return nullptr);
+TORTURE(PaError, Pa_OpenStream,
+        (PaStream * *stream, const PaStreamParameters* input, const PaStreamParameters* output,
+         double rate, unsigned long frames, PaStreamFlags flags, PaStreamCallback* callback,
+         void* userData),
+        (stream, input, output, rate, frames, flags, marked(callback), userData),
+        return paDeviceUnavailable);
+TORTURE(PaError, Pa_StartStream, (PaStream * stream), (stream), return paUnanticipatedHostError);
+TORTURE(const PaStreamInfo*, Pa_GetStreamInfo, (PaStream * stream), (stream), return nullptr);
 
-PaError Pa_Initialize() TORTURE(Pa_Initialize, (), return paInternalError)
-
-    PaDeviceIndex Pa_GetDefaultInputDevice()
-        TORTURE(Pa_GetDefaultInputDevice, (), return paNoDevice)
-
-            const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex device)
-                TORTURE(Pa_GetDeviceInfo, (device), return nullptr)
-
-                    PaError
-    Pa_OpenStream(PaStream** stream, const PaStreamParameters* input,
-                  const PaStreamParameters* output, double rate, unsigned long frames,
-                  PaStreamFlags flags, PaStreamCallback* callback, void* userData)
-        TORTURE(Pa_OpenStream,
-                (stream, input, output, rate, frames, flags, marked(callback), userData),
-                return paDeviceUnavailable)
-
-            PaError Pa_StartStream(PaStream* stream)
-                TORTURE(Pa_StartStream, (stream), return paUnanticipatedHostError)
-
-                    const PaStreamInfo* Pa_GetStreamInfo(PaStream* stream)
-                        TORTURE(Pa_GetStreamInfo, (stream), return nullptr)
-
-    /// Fails as a library does that closes all the same. There may be no stream to close.
-    PaError Pa_CloseStream(PaStream* stream) {
+/// Fails as a library does that closes all the same. There may be no stream to close.
+PaError Pa_CloseStream(PaStream* stream) {
     const bool fails = tortureCall("Pa_CloseStream", __builtin_return_address(0));
     static auto* const real = next(&::Pa_CloseStream, "Pa_CloseStream");
     const PaError result = stream == nullptr ? static_cast<PaError>(paBadStreamPtr) : real(stream);
     return fails ? static_cast<PaError>(paInternalError) : result;
 }
+TORTURE(PaError, Pa_Terminate, (), (), return paNotInitialized);
+TORTURE(int, enet_initialize_with_callbacks, (ENetVersion version, const ENetCallbacks* callbacks),
+        (version, callbacks), return -1);
+TORTURE(int, enet_address_set_host, (ENetAddress * address, const char* name), (address, name),
+        return -1);
+TORTURE(ENetHost*, enet_host_create,
+        (const ENetAddress* address, size_t peers, size_t channels, enet_uint32 incoming,
+         enet_uint32 outgoing),
+        (address, peers, channels, incoming, outgoing), errno = ENOMEM;
+        return nullptr);
+TORTURE(ENetPacket*, enet_packet_create, (const void* data, size_t length, enet_uint32 flags),
+        (data, length, flags), return nullptr);
+TORTURE(int, enet_peer_send, (ENetPeer * peer, enet_uint8 channel, ENetPacket* packet),
+        (peer, channel, packet), return -1);
+TORTURE(int, enet_host_service, (ENetHost * host, ENetEvent* event, enet_uint32 timeout),
+        (host, event, timeout), return -1);
+TORTURE(OpusEncoder*, opus_encoder_create,
+        (opus_int32 rate, int channels, int application, int* error),
+        (rate, channels, application, error), *error = OPUS_ALLOC_FAIL;
+        return nullptr);
+TORTURE(opus_int32, opus_encode,
+        (OpusEncoder * encoder, const opus_int16* samples, int frames, unsigned char* data,
+         opus_int32 room),
+        (encoder, samples, frames, data, room), return OPUS_INTERNAL_ERROR);
 
-PaError Pa_Terminate() TORTURE(Pa_Terminate, (), return paNotInitialized)
-
-    int enet_initialize_with_callbacks(ENetVersion version, const ENetCallbacks* callbacks)
-        TORTURE(enet_initialize_with_callbacks, (version, callbacks), return -1)
-
-            int enet_address_set_host(ENetAddress* address,
-                                      const char* name) TORTURE(enet_address_set_host,
-                                                                (address, name), return -1)
-
-                ENetHost* enet_host_create(const ENetAddress* address, size_t peers,
-                                           size_t channels, enet_uint32 incoming,
-                                           enet_uint32 outgoing)
-                    TORTURE(enet_host_create, (address, peers, channels, incoming, outgoing),
-                            errno = ENOMEM;
-                            return nullptr)
-
-                        ENetPacket* enet_packet_create(const void* data, size_t length,
-                                                       enet_uint32 flags)
-                            TORTURE(enet_packet_create, (data, length, flags), return nullptr)
-
-                                int enet_peer_send(ENetPeer* peer, enet_uint8 channel,
-                                                   ENetPacket* packet)
-                                    TORTURE(enet_peer_send, (peer, channel, packet), return -1)
-
-                                        int enet_host_service(ENetHost* host, ENetEvent* event,
-                                                              enet_uint32 timeout)
-                                            TORTURE(enet_host_service, (host, event, timeout),
-                                                    return -1)
-
-                                                OpusEncoder* opus_encoder_create(opus_int32 rate,
-                                                                                 int channels,
-                                                                                 int application,
-                                                                                 int* error)
-                                                    TORTURE(opus_encoder_create,
-                                                            (rate, channels, application, error),
-                                                            *error = OPUS_ALLOC_FAIL;
-                                                            return nullptr)
-
-                                                        opus_int32
-    opus_encode(OpusEncoder* encoder, const opus_int16* samples, int frames, unsigned char* data,
-                opus_int32 room)
-        TORTURE(opus_encode, (encoder, samples, frames, data, room), return OPUS_INTERNAL_ERROR)
-
-            int opus_encoder_ctl(OpusEncoder* encoder, int request, ...) {
+int opus_encoder_ctl(OpusEncoder* encoder, int request, ...) {
     if (tortureCall("opus_encoder_ctl", __builtin_return_address(0))) {
         return OPUS_UNIMPLEMENTED;
     }
@@ -269,13 +212,7 @@ PaError Pa_Terminate() TORTURE(Pa_Terminate, (), return paNotInitialized)
     return real(encoder, request, value);
 }
 
-void* dlopen(const char* path, int mode) noexcept {
-    if (tortureCall("dlopen", __builtin_return_address(0))) {
-        return nullptr;
-    }
-    static auto* const real = next(&::dlopen, "dlopen");
-    return real(path, mode);
-}
+TORTURE(void*, dlopen, (const char* path, int mode) noexcept, (path, mode), return nullptr);
 }
 
 // libcurl's functions are handed out by dlsym.

@@ -16,8 +16,9 @@ constexpr int DEFAULT_RATE = 48000;
 constexpr std::int64_t LONGEST_WAIT = 2 * SECOND;
 /// Packets may be held up for so long before silence takes their place.
 constexpr std::int64_t HOLD = 200 * MILLISECOND;
-/// Longer silence at once would only fill the buffers of players, which have run dry meanwhile.
-constexpr std::int64_t LONGEST_SILENCE = 2 * SECOND;
+/// Longer silence at once would only fill the buffers of players, which have run dry meanwhile, and
+/// the queues of listeners, which are bounded.
+constexpr std::int64_t LONGEST_SILENCE = SECOND / 2;
 /// So far the stream may be ahead of time before sound counts as late: where silence has been
 /// written in its place, and elsewhere.
 constexpr std::int64_t LATE = 20 * MILLISECOND;

@@ -29,31 +29,9 @@ namespace {
 
 constexpr int DRAIN_MS = 5000;
 
-/// Standard output of this process goes elsewhere until the object goes.
-class OutputTo {
-  public:
-    explicit OutputTo(int descriptor) : saved(dup(STDOUT_FILENO)) {
-        dup2(descriptor, STDOUT_FILENO);
-    }
-    ~OutputTo() {
-        dup2(saved, STDOUT_FILENO);
-        close(saved);
-    }
-    OutputTo(const OutputTo&) = delete;
-    OutputTo& operator=(const OutputTo&) = delete;
-
-  private:
-    int saved;
-};
-
 std::string readAvailable(int descriptor) {
     fcntl(descriptor, F_SETFL, O_NONBLOCK);
-    std::string text;
-    char piece[4096];
-    for (ssize_t got = 0; (got = read(descriptor, piece, sizeof piece)) > 0;) {
-        text.append(piece, static_cast<std::size_t>(got));
-    }
-    return text;
+    return readAll(descriptor);
 }
 
 std::string numberedLines(int count) {
@@ -144,21 +122,19 @@ std::string readUntilCounted(const Ends& ends, int lines) {
     return text;
 }
 
-TEST(Console, LinesShowAtOnceInAPipe) {
-    runChild([] {
-        const Ends ends = openPipe();
-        std::string seen;
-        {
-            const OutputTo output(ends[1]);
-            consolePrintf("number %d and %s\n", 7, "text");
-            consolePuts("100 %d");
-            seen = readAvailable(ends[0]);
-            consoleStart();
-            consolePuts("and a third");
-            seen += readUntil(ends, "third\n");
-        }
-        EXPECT_EQ(seen, "number 7 and text\n100 %d\nand a third\n");
-    });
+CHILD_TEST(Console, LinesShowAtOnceInAPipe) {
+    const Ends ends = openPipe();
+    std::string seen;
+    {
+        const OutputTo output(ends[1]);
+        consolePrintf("number %d and %s\n", 7, "text");
+        consolePuts("100 %d");
+        seen = readAvailable(ends[0]);
+        consoleStart();
+        consolePuts("and a third");
+        seen += readUntil(ends, "third\n");
+    }
+    EXPECT_EQ(seen, "number 7 and text\n100 %d\nand a third\n");
 }
 
 TEST(Console, ErrorsGoToStandardErrorInThePlaceOfTheirOrder) {
@@ -201,22 +177,20 @@ TEST(Console, LongTextOfAnOrdinaryThreadIsWrittenWhole) {
     }
 }
 
-TEST(Console, LongTextGoesWholeThroughAPipeThatTakesItInParts) {
-    runChild([] {
-        const Ends ends = openNonblockingPipe();
-        std::string text;
-        for (int i = 0; i < 20000; ++i) {
-            text += std::to_string(i) + ' ';
-        }
-        std::string seen;
-        {
-            const OutputTo output(ends[1]);
-            consoleStart();
-            consolePuts(text.c_str());
-            seen = readUntil(ends, "\n");
-        }
-        EXPECT_EQ(seen, text + '\n');
-    });
+CHILD_TEST(Console, LongTextGoesWholeThroughAPipeThatTakesItInParts) {
+    const Ends ends = openNonblockingPipe();
+    std::string text;
+    for (int i = 0; i < 20000; ++i) {
+        text += std::to_string(i) + ' ';
+    }
+    std::string seen;
+    {
+        const OutputTo output(ends[1]);
+        consoleStart();
+        consolePuts(text.c_str());
+        seen = readUntil(ends, "\n");
+    }
+    EXPECT_EQ(seen, text + '\n');
 }
 
 TEST(Console, LinesKeepTheirOrderWhicheverThreadPrintsThem) {
@@ -294,14 +268,6 @@ TEST(Console, TextThatCannotBeFormattedIsLeftOut) {
     EXPECT_EQ(run.out, "next\n");
 }
 
-TEST(Console, DeferralBeforeTheWriterRunsWritesDirectly) {
-    const ChildRun run = runChild([] {
-        const ConsoleDeferral deferral;
-        consolePuts("early");
-    });
-    EXPECT_EQ(run.out, "early\n");
-}
-
 TEST(Console, ThreadThatStandsStillWhilePrintingHoldsNobodyElse) {
     const ChildRun run = runChild([] {
         consoleStart();
@@ -321,55 +287,51 @@ TEST(Console, ThreadThatStandsStillWhilePrintingHoldsNobodyElse) {
     EXPECT_EQ(seen.lines + seen.lost, 1000);
 }
 
-TEST(Console, OrdinaryThreadsLeaveRoomForTheCapture) {
-    runChild([] {
-        const Ends ends = openFullPipe();
-        std::string seen;
-        {
-            const OutputTo output(ends[1]);
-            consoleStart();
-            for (int i = 0; i < 1000; ++i) {
-                consolePrintf("line %d\n", i);
-            }
-            const ConsoleDeferral deferral;
-            for (int i = 1000; i < 1200; ++i) {
-                consolePrintf("line %d\n", i);
-            }
-            seen = readUntilCounted(ends, 1200);
+CHILD_TEST(Console, OrdinaryThreadsLeaveRoomForTheCapture) {
+    const Ends ends = openFullPipe();
+    std::string seen;
+    {
+        const OutputTo output(ends[1]);
+        consoleStart();
+        for (int i = 0; i < 1000; ++i) {
+            consolePrintf("line %d\n", i);
         }
-        const Seen counts = count(seen);
-        EXPECT_NE(seen.find("line 1000\nline 1001\n"), std::string::npos);
-        EXPECT_NE(seen.find("line 1199\n"), std::string::npos);
-        EXPECT_EQ(counts.lines + counts.lost, 1200);
-    });
+        const ConsoleDeferral deferral;
+        for (int i = 1000; i < 1200; ++i) {
+            consolePrintf("line %d\n", i);
+        }
+        seen = readUntilCounted(ends, 1200);
+    }
+    const Seen counts = count(seen);
+    EXPECT_NE(seen.find("line 1000\nline 1001\n"), std::string::npos);
+    EXPECT_NE(seen.find("line 1199\n"), std::string::npos);
+    EXPECT_EQ(counts.lines + counts.lost, 1200);
 }
 
-TEST(Console, LossIsToldAlsoWhileOthersGoOnPrinting) {
-    runChild([] {
-        const Ends ends = openPipe();
-        fcntl(ends[1], F_SETPIPE_SZ, 4096);
-        std::string seen;
-        {
-            const OutputTo output(ends[1]);
-            consoleStart();
-            std::atomic<bool> enough{false};
-            std::thread printer([&enough] {
-                const std::string line(200, '.');
-                while (!enough.load()) {
-                    consolePuts(line.c_str());
-                }
-            });
-            // Read so slowly that the queue is never empty.
-            char piece[400];
-            for (int i = 0; i < DRAIN_MS && seen.find("lines lost") == std::string::npos; ++i) {
-                seen.append(piece, static_cast<std::size_t>(read(ends[0], piece, sizeof piece)));
-                Sleep(1);
+CHILD_TEST(Console, LossIsToldAlsoWhileOthersGoOnPrinting) {
+    const Ends ends = openPipe();
+    fcntl(ends[1], F_SETPIPE_SZ, 4096);
+    std::string seen;
+    {
+        const OutputTo output(ends[1]);
+        consoleStart();
+        std::atomic<bool> enough{false};
+        std::thread printer([&enough] {
+            const std::string line(200, '.');
+            while (!enough.load()) {
+                consolePuts(line.c_str());
             }
-            enough.store(true);
-            printer.join();
+        });
+        // Read so slowly that the queue is never empty.
+        char piece[400];
+        for (int i = 0; i < DRAIN_MS && seen.find("lines lost") == std::string::npos; ++i) {
+            seen.append(piece, static_cast<std::size_t>(read(ends[0], piece, sizeof piece)));
+            Sleep(1);
         }
-        EXPECT_NE(seen.find("lines lost"), std::string::npos);
-    });
+        enough.store(true);
+        printer.join();
+    }
+    EXPECT_NE(seen.find("lines lost"), std::string::npos);
 }
 
 /// An output, and whether the capture thread prints.
@@ -470,12 +432,10 @@ TEST(Console, ClosedReaderCostsTheLinesNotTheProgram) {
     EXPECT_EQ(run.status, 0);
 }
 
-TEST(Console, ProgramsThatWeStartDieOfABrokenPipeAsUsual) {
-    runChild([] {
-        consoleStart();
-        const int status = std::system("kill -PIPE $$");
-        EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE) << status;
-    });
+CHILD_TEST(Console, ProgramsThatWeStartDieOfABrokenPipeAsUsual) {
+    consoleStart();
+    const int status = std::system("kill -PIPE $$");
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGPIPE) << status;
 }
 
 TEST(Console, FullDiscCostsTheLinesNotTheProgram) {
@@ -509,40 +469,36 @@ TEST(Console, ClosedStandardOutputCostsTheLinesNotTheProgram) {
     EXPECT_EQ(run.out, "here\n");
 }
 
-TEST(Console, MissingDescriptorsAreOpenedOnNowhere) {
-    runChild([] {
-        const int saved = dup(STDOUT_FILENO);
-        for (const int descriptor : {0, 1, 2}) {
-            close(descriptor);
-        }
-        consoleStart();
-        struct stat nowhere = {};
-        stat("/dev/null", &nowhere);
-        std::array<bool, 3> good{};
-        for (int descriptor = 0; descriptor < 3; ++descriptor) {
-            struct stat found = {};
-            good[static_cast<std::size_t>(descriptor)] =
-                fstat(descriptor, &found) == 0 && found.st_rdev == nowhere.st_rdev;
-        }
-        const int next = dup(0);
-        dup2(saved, STDOUT_FILENO);
-        EXPECT_TRUE(good[0] && good[1] && good[2]);
-        EXPECT_GT(next, 2) << "the next descriptor would have been a standard one";
-    });
+CHILD_TEST(Console, MissingDescriptorsAreOpenedOnNowhere) {
+    const int saved = dup(STDOUT_FILENO);
+    for (const int descriptor : {0, 1, 2}) {
+        close(descriptor);
+    }
+    consoleStart();
+    struct stat nowhere = {};
+    stat("/dev/null", &nowhere);
+    std::array<bool, 3> good{};
+    for (int descriptor = 0; descriptor < 3; ++descriptor) {
+        struct stat found = {};
+        good[static_cast<std::size_t>(descriptor)] =
+            fstat(descriptor, &found) == 0 && found.st_rdev == nowhere.st_rdev;
+    }
+    const int next = dup(0);
+    dup2(saved, STDOUT_FILENO);
+    EXPECT_TRUE(good[0] && good[1] && good[2]);
+    EXPECT_GT(next, 2) << "the next descriptor would have been a standard one";
 }
 
-TEST(Console, PresentDescriptorsAreLeftAlone) {
-    runChild([] {
-        struct stat before = {};
-        struct stat after = {};
-        fstat(STDOUT_FILENO, &before);
-        const int next = dup(0);
-        close(next);
-        consoleStart();
-        fstat(STDOUT_FILENO, &after);
-        EXPECT_EQ(before.st_ino, after.st_ino);
-        EXPECT_EQ(dup(0), next) << "a descriptor was left open";
-    });
+CHILD_TEST(Console, PresentDescriptorsAreLeftAlone) {
+    struct stat before = {};
+    struct stat after = {};
+    fstat(STDOUT_FILENO, &before);
+    const int next = dup(0);
+    close(next);
+    consoleStart();
+    fstat(STDOUT_FILENO, &after);
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(dup(0), next) << "a descriptor was left open";
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "tests/support/child_run.h"
 #include "tests/support/fake_workers.h"
 #include "tests/support/sleep_watch.h"
+#include "tests/support/waiting.h"
 
 namespace {
 
@@ -20,13 +21,6 @@ namespace {
 std::atomic<bool> insideReport{false};
 std::atomic<bool> releaseReport{false};
 std::atomic<int> frontEndReports{0};
-
-void waitUntil(const std::atomic<bool>& flag) {
-    for (int waited = 0; waited < 15000 && !flag.load(); ++waited) {
-        usleep(1000);
-    }
-    EXPECT_TRUE(flag.load());
-}
 
 /// A front end as the window is one: derived, and closing the core first when it is destroyed.
 class FrontEnd : public VelantrixServerNoGUI {
@@ -72,7 +66,7 @@ TEST(CoreLife, CaptureThreadHeldInsideAReportUntilTheCoreIsGoneTouchesNothing) {
             reportActivity();
             left.store(true);
         });
-        waitUntil(insideReport);
+        EXPECT_TRUE(waitUntil(insideReport));
         core.reset();
         EXPECT_FALSE(left.load()) << "the report was not held";
         releaseReport.store(true);
@@ -80,31 +74,6 @@ TEST(CoreLife, CaptureThreadHeldInsideAReportUntilTheCoreIsGoneTouchesNothing) {
         EXPECT_EQ(frontEndReports, 1) << "a late report reached the destroyed front end";
     });
     EXPECT_EQ(run.out, "late\nVelantrixServer: Audio capture running\n");
-}
-
-TEST(CoreLife, ReportThatEndsInTimeIsWaitedFor) {
-    runChild([] {
-        static std::atomic<bool> left{false};
-        static std::atomic<bool> leftBeforeTheEnd{false};
-        struct Watched : FrontEnd {
-            using FrontEnd::FrontEnd;
-            ~Watched() override {
-                closeCore([](void*) { releaseReport.store(true); }, nullptr);
-                leftBeforeTheEnd.store(left.load());
-            }
-        };
-        auto core = std::make_unique<Watched>();
-        mainDialog.store(core.get());
-        std::thread capture([] {
-            const CorePin pin;
-            reportStatus();
-            left.store(true);
-        });
-        waitUntil(insideReport);
-        core.reset();
-        capture.join();
-        EXPECT_TRUE(leftBeforeTheEnd.load());
-    });
 }
 
 constexpr int PIN_PATIENCE_STEPS = 500;
@@ -119,9 +88,9 @@ int stepsUntilPinIsReleasedDuring(int nth) {
     std::thread worker([] {
         const CorePin pin;
         pinned.store(true);
-        waitUntil(release);
+        EXPECT_TRUE(waitUntil(release));
     });
-    waitUntil(pinned);
+    EXPECT_TRUE(waitUntil(pinned));
     duringSleep() = [nth, &worker](int milliseconds) {
         if (milliseconds == PIN_STEP_MS && sleepsOf(PIN_STEP_MS) == nth) {
             release.store(true);
@@ -142,88 +111,41 @@ TEST(CoreLife, ThreadThatUsesTheCoreIsWaitedForUntilItHasDone) {
     runChild([] { EXPECT_EQ(stepsUntilPinIsReleasedDuring(200), 200); });
 }
 
-TEST(CoreLife, ThreadThatUsesTheCoreForLongIsWaitedForHalfASecond) {
-    runChild([] {
-        EXPECT_EQ(stepsUntilPinIsReleasedDuring(PIN_PATIENCE_STEPS + 1), PIN_PATIENCE_STEPS);
-    });
+CHILD_TEST(CoreLife, ThreadThatUsesTheCoreForLongIsWaitedForHalfASecond) {
+    EXPECT_EQ(stepsUntilPinIsReleasedDuring(PIN_PATIENCE_STEPS + 1), PIN_PATIENCE_STEPS);
 }
 
-TEST(CoreLife, ManyReportsDuringTheEndReachOneOfTheTwoCores) {
-    // For the thread sanitizer: reports go on while the object is destroyed.
-    const ChildRun run = runChild([] {
-        releaseReport.store(true);
-        static std::atomic<bool> stop{false};
-        std::thread capture([] {
-            while (!stop.load()) {
-                reportStatus();
-                reportActivity();
-            }
-        });
-        for (int i = 0; i < 5; ++i) {
-            auto core = std::make_unique<FrontEnd>();
-            mainDialog.store(core.get());
-            const int before = frontEndReports;
-            for (int waited = 0; waited < 5000 && frontEndReports == before; ++waited) {
-                usleep(1000);
-            }
-            EXPECT_GT(frontEndReports, before);
-            core.reset();
-        }
-        const int after = frontEndReports;
-        usleep(20000);
-        EXPECT_EQ(frontEndReports, after);
-        stop.store(true);
-        capture.join();
-    });
-    EXPECT_EQ(run.status, 0);
-}
-
-TEST(CoreLife, StagesFollowTheDestruction) {
-    runChild([] {
-        static CoreStage duringClose = CoreStage::Destroyed;
-        auto core = std::make_unique<FrontEnd>();
-        fakeWorkers().closeCapture = [] { duringClose = CorePin().stage(); };
-        {
-            const CorePin pin;
-            EXPECT_EQ(pin.stage(), CoreStage::Alive);
-            EXPECT_TRUE(static_cast<bool>(pin));
-        }
-        core.reset();
-        EXPECT_EQ(duringClose, CoreStage::Closing);
+CHILD_TEST(CoreLife, StagesFollowTheDestruction) {
+    static CoreStage duringClose = CoreStage::Destroyed;
+    auto core = std::make_unique<FrontEnd>();
+    fakeWorkers().closeCapture = [] { duringClose = CorePin().stage(); };
+    {
         const CorePin pin;
-        EXPECT_EQ(pin.stage(), CoreStage::Destroyed);
-        EXPECT_FALSE(static_cast<bool>(pin));
-    });
+        EXPECT_EQ(pin.stage(), CoreStage::Alive);
+        EXPECT_TRUE(static_cast<bool>(pin));
+    }
+    core.reset();
+    EXPECT_EQ(duringClose, CoreStage::Closing);
+    const CorePin pin;
+    EXPECT_EQ(pin.stage(), CoreStage::Destroyed);
+    EXPECT_FALSE(static_cast<bool>(pin));
 }
 
-TEST(CoreLife, UnpinnedThreadIsNotWaitedForAndLearnsOfTheEnd) {
-    runChild([] {
-        static std::atomic<bool> waiting{false};
-        static std::atomic<bool> goOn{false};
-        auto core = std::make_unique<FrontEnd>();
-        std::thread check([] {
-            const CorePin pin;
-            CoreUnpin unpin;
-            waiting.store(true);
-            waitUntil(goOn);
-            EXPECT_FALSE(unpin.repin());
-        });
-        waitUntil(waiting);
-        core.reset();
-        goOn.store(true);
-        check.join();
-        // Its pins are balanced: the next object's end waits for nobody.
-        EXPECT_EQ(CorePin().stage(), CoreStage::Destroyed);
-    });
+CHILD_TEST(CoreLife, CallThatGaveItsPinUpIsNotWaitedForAndLearnsOfTheEnd) {
+    auto core = std::make_unique<FrontEnd>();
+    const CallPin call;
+    EXPECT_TRUE(static_cast<bool>(call));
+    EXPECT_TRUE(CorePin::anyHeld());
+    CallPin::release();
+    EXPECT_FALSE(CorePin::anyHeld());
+    core.reset();
+    EXPECT_FALSE(static_cast<bool>(CorePin()));
 }
 
-TEST(CoreLife, RepinWhileAliveSaysSo) {
-    runChild([] {
-        const auto core = std::make_unique<FrontEnd>();
-        const CorePin pin;
-        CoreUnpin unpin;
-        EXPECT_TRUE(unpin.repin());
-    });
+CHILD_TEST(CoreLife, CallThatKeepsItsPinGivesItUpInTheEnd) {
+    const auto core = std::make_unique<FrontEnd>();
+    { const CallPin call; }
+    EXPECT_FALSE(CorePin::anyHeld());
 }
 
 TEST(CoreLife, ReportsBeforeThereIsATargetAreDropped) {
@@ -244,7 +166,7 @@ TEST(CoreLife, NetworkThreadThatStartsAfterTheEndKeepsTheEverlastingCore) {
         };
         auto* const core = new FrontEnd;
         core->init();
-        waitUntil(reported);
+        EXPECT_TRUE(waitUntil(reported));
         EXPECT_EQ(frontEndReports, 1);
         delete core;
         reportMessage("after the end");

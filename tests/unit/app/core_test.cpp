@@ -16,15 +16,14 @@
 #include "tests/support/call_faults.h"
 #include "tests/support/child_run.h"
 #include "tests/support/fake_workers.h"
+#include "tests/support/named_case.h"
 #include "tests/support/sleep_watch.h"
+#include "tests/support/waiting.h"
 
 /// Reaches the core's flags.
 struct CoreTestAccess {
     static bool captureActive(const VelantrixServerNoGUI& core) { return core.audioCaptureActive; }
     static bool shutdownDone(const VelantrixServerNoGUI& core) { return core.audioShutdownDone; }
-    static int startAudioThread(VelantrixServerNoGUI& core) {
-        return core.audioCommThread.start([](void*) -> void* { return nullptr; }, nullptr);
-    }
 };
 
 namespace {
@@ -35,12 +34,6 @@ using Clock = std::chrono::steady_clock;
 const char* const SLOW_SHUTDOWN =
     "VelantrixServer: Audio shutdown is taking a long time, may be caused by an audio driver "
     "issue. Quitting.\n";
-
-void hangForEver() {
-    for (;;) {
-        pause();
-    }
-}
 
 /// Builds a core, calls `body` with it, and returns how long its destruction took.
 Clock::duration destroyAfter(const std::function<void(VelantrixServerNoGUI&)>& body) {
@@ -54,14 +47,12 @@ Clock::duration destroyAfter(const std::function<void(VelantrixServerNoGUI&)>& b
     return Clock::now() - start;
 }
 
-TEST(Core, ConstructionStartsNothing) {
-    runChild([] {
-        static VelantrixServerNoGUI core;
-        EXPECT_EQ(countOf(Call::PthreadCreate), 0);
-        EXPECT_FALSE(CoreTestAccess::captureActive(core));
-        EXPECT_FALSE(CoreTestAccess::shutdownDone(core));
-        EXPECT_EQ(workerCalls(), Calls{});
-    });
+CHILD_TEST(Core, ConstructionStartsNothing) {
+    static VelantrixServerNoGUI core;
+    EXPECT_EQ(countOf(Call::PthreadCreate), 0);
+    EXPECT_FALSE(CoreTestAccess::captureActive(core));
+    EXPECT_FALSE(CoreTestAccess::shutdownDone(core));
+    EXPECT_EQ(workerCalls(), Calls{});
 }
 
 TEST(CoreInit, PrintsTheBannerAndStartsThreeThreads) {
@@ -77,33 +68,26 @@ TEST(CoreInit, PrintsTheBannerAndStartsThreeThreads) {
     EXPECT_EQ(run.status, 0);
 }
 
-TEST(CoreInit, LoadsTheSettingsBeforeAnyThreadAndInitialisesHttpBeforeTheVersionCheck) {
-    runChild([] {
-        // Each worker runs to its record before the main thread goes on: the order is then fixed.
-        static auto* const core = new VelantrixServerNoGUI;
-        fakeWorkers().networkHost = [] { waitForWorker("http init"); };
-        core->init();
-        EXPECT_TRUE(waitForWorker("version check"));
-        const Calls calls = workerCalls();
-        EXPECT_EQ(calls.front(), "settings");
-        const auto place = [&calls](const char* name) {
-            return std::find(calls.begin(), calls.end(), name) - calls.begin();
-        };
-        EXPECT_LT(place("http init"), place("version check"));
-    });
+CHILD_TEST(CoreInit, LoadsTheSettingsBeforeAnyThreadAndInitialisesHttpBeforeTheVersionCheck) {
+    // Each worker runs to its record before the main thread goes on: the order is then fixed.
+    static auto* const core = new VelantrixServerNoGUI;
+    fakeWorkers().networkHost = [] { waitForWorker("http init"); };
+    core->init();
+    EXPECT_TRUE(waitForWorker("version check"));
+    const Calls calls = workerCalls();
+    EXPECT_EQ(calls.front(), "settings");
+    const auto place = [&calls](const char* name) {
+        return std::find(calls.begin(), calls.end(), name) - calls.begin();
+    };
+    EXPECT_LT(place("http init"), place("version check"));
 }
 
 /// Which of the three starts fails, and what comes of it.
-struct StartFailure {
-    const char* name;
+struct StartFailure : NamedCase {
     int nth;
     const char* line;
     int status;
 };
-
-void PrintTo(const StartFailure& failure, std::ostream* out) {
-    *out << failure.name;
-}
 
 /// The record of a thread that does not start stays allocated, by design: no leak to look for.
 void overlookRecords() {
@@ -134,19 +118,7 @@ INSTANTIATE_TEST_SUITE_P(
                                  "Could not create multicast receive thread, err = 1011\n", 255},
                     StartFailure{"VersionCheckIsNotFatal", 3,
                                  "Could not create version check thread, err = 1011\n", 0}),
-    [](const auto& each) { return each.param.name; });
-
-TEST(CoreInit, ThreadThatAlreadyRunsIsReportedAsTen) {
-    const ChildRun run = runChild([] {
-        overlookRecords();
-        static auto* const core = new VelantrixServerNoGUI;
-        EXPECT_EQ(CoreTestAccess::startAudioThread(*core), 0);
-        core->init();
-    });
-    EXPECT_EQ(run.out,
-              "Velantrix Server v" VELANTRIX_VERSION "\nCould not create audio thread, err = 10\n");
-    EXPECT_EQ(run.status, 255);
-}
+    CASE_NAME);
 
 TEST(CoreReports, CaptureIsAnnouncedOncePerProcess) {
     const ChildRun run = runChild([] {
@@ -182,24 +154,12 @@ TEST(CoreReports, ClientStatusHasNoVisibleEffect) {
     EXPECT_EQ(run.out + run.err, "");
 }
 
-TEST(CoreShutdown, FastCloseIsNotWaitedForLong) {
-    const ChildRun run = runChild([] {
-        const auto took = destroyAfter(nullptr);
-        EXPECT_LT(took, std::chrono::milliseconds(2500));
-        EXPECT_EQ(workerCalls(), Calls{"close"});
-        EXPECT_EQ(countOf(Call::PthreadCreate), 1);
-    });
-    EXPECT_EQ(run.out, "");
-}
-
 constexpr int PATIENCE_CHECKS = 15;
 constexpr int PATIENCE_STEP_MS = 200;
 
 /// Waits on the calling thread until the close has recorded its end.
 void awaitShutdown(const VelantrixServerNoGUI& core) {
-    for (int waited = 0; waited < 10000 && !CoreTestAccess::shutdownDone(core); ++waited) {
-        usleep(1000);
-    }
+    waitUntil([&] { return CoreTestAccess::shutdownDone(core); });
     EXPECT_TRUE(CoreTestAccess::shutdownDone(core));
 }
 
@@ -209,6 +169,7 @@ TEST(CoreShutdown, CloseThatIsDoneBeforeTheFirstCheckIsNotSleptFor) {
             afterThreadCreation() = [&core] { awaitShutdown(core); };
         });
         EXPECT_EQ(workerCalls(), Calls{"close"});
+        EXPECT_EQ(countOf(Call::PthreadCreate), 1);
         EXPECT_EQ(sleepsOf(PATIENCE_STEP_MS), 0);
     });
     EXPECT_EQ(run.out, "");
@@ -254,25 +215,6 @@ TEST(CoreShutdown, CloseThatFailsCountsAsDone) {
     EXPECT_EQ(run.out, "");
 }
 
-TEST(CoreShutdown, SlowCloseWithinThePatienceIsWaitedFor) {
-    const ChildRun run = runChild([] {
-        fakeWorkers().closeCapture = [] { Sleep(900); };
-        EXPECT_GE(destroyAfter(nullptr), std::chrono::milliseconds(900));
-    });
-    EXPECT_EQ(run.out, "");
-}
-
-TEST(CoreShutdown, CloseThatNeverReturnsIsReportedOnceAfterThreeSeconds) {
-    const ChildRun run = runChild([] {
-        fakeWorkers().closeCapture = hangForEver;
-        const auto took = destroyAfter(nullptr);
-        EXPECT_GE(took, std::chrono::milliseconds(3000));
-        EXPECT_LT(took, std::chrono::milliseconds(8000));
-    });
-    EXPECT_EQ(run.out, SLOW_SHUTDOWN);
-    EXPECT_EQ(run.status, 0);
-}
-
 TEST(CoreShutdown, CloseThatReturnsAfterTheObjectWentTouchesNothing) {
     // The object's room is filled with a pattern that a late write would change.
     const ChildRun run = runChild([] {
@@ -310,25 +252,21 @@ TEST(CoreShutdown, FailedStartOfTheShutdownThreadIsReportedAndNotWaitedFor) {
     EXPECT_EQ(run.status, 0);
 }
 
-TEST(CoreShutdown, LeavesTheWorkersRunning) {
-    runChild([] {
-        static std::atomic<int> ticks{0};
-        fakeWorkers().networkHost = [] {
-            for (;;) {
-                ++ticks;
-                usleep(1000);
-            }
-        };
-        destroyAfter([](VelantrixServerNoGUI& core) {
-            core.init();
-            EXPECT_TRUE(waitForWorker("network"));
-        });
-        const int before = ticks;
-        for (int waited = 0; waited < 5000 && ticks == before; ++waited) {
+CHILD_TEST(CoreShutdown, LeavesTheWorkersRunning) {
+    static std::atomic<int> ticks{0};
+    fakeWorkers().networkHost = [] {
+        for (;;) {
+            ++ticks;
             usleep(1000);
         }
-        EXPECT_GT(ticks, before);
+    };
+    destroyAfter([](VelantrixServerNoGUI& core) {
+        core.init();
+        EXPECT_TRUE(waitForWorker("network"));
     });
+    const int before = ticks;
+    waitUntil([&] { return ticks != before; });
+    EXPECT_GT(ticks, before);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include "app/base/command_line.h"
 #include "tests/support/child_run.h"
+#include "tests/support/named_case.h"
 
 namespace {
 
@@ -16,8 +17,7 @@ const char* const IGNORING =
     "option or set environment variable QT_QPA_PLATFORM=wayland to run on Wayland anyway.\n";
 
 /// A session, and what is printed and left in QT_QPA_PLATFORM (null: unset).
-struct PlatformCase {
-    const char* name;
+struct PlatformCase : NamedCase {
     ArgumentScan scan;
     const char* platform;
     const char* session;
@@ -26,10 +26,6 @@ struct PlatformCase {
     const char* output;
     const char* platformAfter;
 };
-
-void PrintTo(const PlatformCase& platformCase, std::ostream* out) {
-    *out << platformCase.name;
-}
 
 class PlatformChoice : public testing::TestWithParam<PlatformCase> {};
 
@@ -91,7 +87,6 @@ const PlatformCase PLATFORM_CASES[] = {
      nullptr},
 };
 
-INSTANTIATE_TEST_SUITE_P(CommandLine, PlatformChoice, testing::ValuesIn(PLATFORM_CASES),
-                         [](const auto& each) { return std::string(each.param.name); });
+INSTANTIATE_TEST_SUITE_P(CommandLine, PlatformChoice, testing::ValuesIn(PLATFORM_CASES), CASE_NAME);
 
 }  // namespace

@@ -65,15 +65,6 @@ TEST(ExitProcessTest, MainThreadExitsAtOnceWithHandlersAndQuietStandardError) {
     EXPECT_EQ(run.err, "before\n");
 }
 
-TEST(ExitProcessTest, MainThreadWithARunningLoopExitsItself) {
-    const ChildRun run = runChild([] {
-        startQuiet();
-        runEventLoop([] { QTimer::singleShot(0, [] { ExitProcess(-1); }); });
-    });
-    EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
-    EXPECT_EQ(run.out, "exit on main\n");
-}
-
 TEST(ExitProcessTest, PreparationComesBeforeTheHandlersOnTheMainThreadAndOnce) {
     const auto prepare = [] {
         std::fputs(gettid() == getpid() ? "prepared on main\n" : "prepared on worker\n", stdout);
@@ -117,17 +108,6 @@ TEST(ExitProcessTest, WorkerWithoutAnEventLoopExitsItself) {
     });
     EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
     EXPECT_EQ(run.out, "exit on worker\n");
-    EXPECT_EQ(run.err, "");
-}
-
-TEST(ExitProcessTest, WorkerLetsTheMainThreadExitFromItsEventLoop) {
-    const ChildRun run = runChild([] {
-        startQuiet();
-        runEventLoop(
-            [] { QTimer::singleShot(20, [] { std::thread([] { ExitProcess(-1); }).detach(); }); });
-    });
-    EXPECT_EQ(run.status, STATUS_OF_MINUS_ONE);
-    EXPECT_EQ(run.out, "exit on main\n");
     EXPECT_EQ(run.err, "");
 }
 

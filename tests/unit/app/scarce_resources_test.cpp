@@ -51,16 +51,6 @@ TEST(ScarceResources, ConsoleWithoutAThreadWritesByItself) {
 // A sanitizer's operator new asks no handler, so the build without one has this test; the checks
 // run it from there as plain.scarce_resources.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
-TEST(ScarceResources, NoMemoryForAnObjectEndsTheProgramWithALine) {
-    const ChildRun run = runChild([] {
-        endWhenOutOfMemory();
-        volatile std::size_t tooMuch = std::numeric_limits<std::ptrdiff_t>::max();
-        ::operator delete(::operator new(tooMuch));
-    });
-    EXPECT_EQ(run.status, FATAL);
-    EXPECT_EQ(run.out, "VelantrixServer: not enough memory. Quitting.\n");
-}
-
 TEST(ScarceResources, NoMemoryForDispensableWorkIsThrownToItsOwner) {
     const ChildRun run = runChild([] {
         endWhenOutOfMemory();

@@ -13,6 +13,7 @@
 #include "app/base/ThreadMember.h"
 #include "tests/support/call_faults.h"
 #include "tests/support/child_run.h"
+#include "tests/support/waiting.h"
 
 namespace {
 
@@ -91,23 +92,6 @@ TEST_F(ThreadTest, SecondStartReturnsTenAndCreatesNothing) {
     EXPECT_EQ(thread.join(nullptr), 0);
 }
 
-TEST_F(ThreadTest, StartAfterTheThreadEndedUnjoinedReturnsTen) {
-    Thread thread;
-    std::atomic<bool> ended{false};
-    ASSERT_EQ(thread.start(
-                  [](void* flag) -> void* {
-                      static_cast<std::atomic<bool>*>(flag)->store(true);
-                      return nullptr;
-                  },
-                  &ended),
-              0);
-    while (!ended.load()) {
-        Sleep(1);
-    }
-    EXPECT_EQ(thread.start(echo, nullptr), 10);
-    EXPECT_EQ(thread.join(nullptr), 0);
-}
-
 TEST_F(ThreadTest, StartAfterAJoinStartsAgain) {
     CountingThread thread;
     for (int i = 0; i < 2; ++i) {
@@ -179,9 +163,7 @@ TEST_F(ThreadTest, DestructionLeavesTheThreadRunning) {
     }
     EXPECT_FALSE(went.load());
     gate.open();
-    for (int waited = 0; waited < 5000 && !went.load(); ++waited) {
-        Sleep(1);
-    }
+    waitUntil([&] { return went.load(); });
     EXPECT_TRUE(went.load());
 }
 
@@ -232,23 +214,6 @@ TEST_F(SchedulingTest, OtherFailuresReturnTheirError) {
 TEST_F(ThreadTest, PriorityWithoutAStartFails) {
     Thread thread;
     EXPECT_EQ(thread.setPriority(0), 1000 + ESRCH);
-}
-
-TEST_F(ThreadTest, PriorityOneOfAnUnprivilegedProcessReturnsEleven) {
-    const ChildRun run = runChild([] {
-        const rlimit none = {};
-        EXPECT_EQ(setrlimit(RLIMIT_RTPRIO, &none), 0);
-        if (geteuid() == 0) {
-            EXPECT_EQ(setresuid(65534, 65534, 65534), 0);
-        }
-        Thread thread;
-        Gate gate;
-        EXPECT_EQ(thread.start(Gate::wait, &gate), 0);
-        EXPECT_EQ(thread.setPriority(1), 11);
-        gate.open();
-        EXPECT_EQ(thread.join(nullptr), 0);
-    });
-    EXPECT_EQ(run.status, 0);
 }
 
 struct Target {

@@ -1,6 +1,7 @@
 #include <thread>
 #include <unistd.h>
 
+#include "tests/support/waiting.h"
 #include "tests/unit/audio/audio_fixture.h"
 
 namespace {
@@ -8,12 +9,6 @@ namespace {
 using Calls = std::vector<std::string>;
 
 std::atomic<bool> rate48k{false};
-
-void waitUntil(const std::atomic<bool>& flag) {
-    for (int waited = 0; waited < 10000 && !flag.load(); ++waited) {
-        usleep(1000);
-    }
-}
 
 Calls callsSince(std::size_t first) {
     const Calls all = fakePortAudio().calls();

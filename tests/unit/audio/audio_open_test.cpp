@@ -1,10 +1,14 @@
 #include <algorithm>
+#include <cerrno>
+#include <cstdarg>
 #include <cstdio>
+#include <fcntl.h>
 #include <map>
 #include <unistd.h>
 
 #include "app/base/console.h"
 #include "tests/support/held_line.h"
+#include "tests/support/named_case.h"
 #include "tests/unit/audio/audio_fixture.h"
 
 namespace {
@@ -15,9 +19,25 @@ std::map<const void*, std::size_t>& arraySizes() {
     return *sizes;
 }
 
+/// Whether there is no descriptor to keep standard error in.
+bool refuseToDuplicate = false;
+
 }  // namespace
 
 extern "C" {
+int __real_fcntl(int descriptor, int command, ...);
+
+int __wrap_fcntl(int descriptor, int command, ...) {
+    if (refuseToDuplicate && command == F_DUPFD_CLOEXEC) {
+        errno = EMFILE;
+        return -1;
+    }
+    std::va_list values;
+    va_start(values, command);
+    void* const value = va_arg(values, void*);
+    va_end(values);
+    return __real_fcntl(descriptor, command, value);
+}
 
 void* __real__Znam(std::size_t size);
 
@@ -102,18 +122,13 @@ TEST(AudioOpen, CallbackMayRunBeforeItReturns) {
 }
 
 /// A device rate, the override, and the rate that is opened.
-struct RateCase {
-    const char* name;
+struct RateCase : NamedCase {
     double deviceRate;
     const char* override;
     int reported;
     int opened;
     const char* complaint;
 };
-
-void PrintTo(const RateCase& rateCase, std::ostream* out) {
-    *out << rateCase.name;
-}
 
 class RateRules : public testing::TestWithParam<RateCase> {};
 
@@ -157,21 +172,15 @@ const RateCase RATE_CASES[] = {
     {"OverrideWithLeadingBlank", 48000.0, " 44100", 48000, 48000, ""},
 };
 
-INSTANTIATE_TEST_SUITE_P(AudioOpen, RateRules, testing::ValuesIn(RATE_CASES),
-                         [](const auto& each) { return std::string(each.param.name); });
+INSTANTIATE_TEST_SUITE_P(AudioOpen, RateRules, testing::ValuesIn(RATE_CASES), CASE_NAME);
 
 /// What fails, and what comes of it.
-struct FailureCase {
-    const char* name;
+struct FailureCase : NamedCase {
     void (*breakDevice)(FakePortAudio& device);
     int result;
     std::string report;
     Calls calls;
 };
-
-void PrintTo(const FailureCase& failureCase, std::ostream* out) {
-    *out << failureCase.name;
-}
 
 class OpenFailure : public testing::TestWithParam<FailureCase> {};
 
@@ -239,8 +248,7 @@ const FailureCase FAILURE_CASES[] = {
       "Pa_StartStream", "Pa_Terminate"}},
 };
 
-INSTANTIATE_TEST_SUITE_P(AudioOpen, OpenFailure, testing::ValuesIn(FAILURE_CASES),
-                         [](const auto& each) { return std::string(each.param.name); });
+INSTANTIATE_TEST_SUITE_P(AudioOpen, OpenFailure, testing::ValuesIn(FAILURE_CASES), CASE_NAME);
 
 TEST(StandardError, IsSilentWhilePortAudioStartsAndBackAfterwards) {
     const ChildRun run = runWithVerbose(false, [] {
@@ -284,14 +292,13 @@ TEST(StandardError, NamesTheFailedStartWithVerbose) {
               "Error message: Internal PortAudio error\n");
 }
 
-TEST(StandardError, IsBackWhenPortAudioDoesNotStart) {
+TEST(StandardError, ThatCannotBeKeptIsNotTurnedOff) {
     const ChildRun run = runWithVerbose(false, [] {
-        fakePortAudio().initializeResult = paInternalError;
-        open();
+        refuseToDuplicate = true;
+        EXPECT_EQ(open().result, 0);
+        std::fputs("later\n", stderr);
     });
-    EXPECT_EQ(run.err,
-              "An error occured while opening the portaudio stream\n"
-              "Error message: Internal PortAudio error\n");
+    EXPECT_EQ(run.err, "PortAudio Pa_Initialize call completed with return value 0\nlater\n");
 }
 
 TEST(StandardError, LeavesNoDescriptorBehind) {

@@ -48,20 +48,6 @@ std::string linesOf(const ChildRun& run) {
 
 const char* const NULL_LINE = "Record callback received null buffer\n";
 
-TEST(RecordCallback, FirstBlockIsHandedOnRawAndGathered) {
-    const ChildRun run = withOpenCapture([] {
-        const Samples block = ramp(BLOCK, 1);
-        EXPECT_EQ(call(block), paContinue);
-        ASSERT_EQ(handOvers().size(), 1U);
-        EXPECT_EQ(handOvers()[0].buffer, Audio::_CaptureBuffer);
-        EXPECT_EQ(handOvers()[0].length, 1368);
-        EXPECT_TRUE(handOvers()[0].hasInput);
-        EXPECT_EQ(handOvers()[0].samples, block);
-        EXPECT_EQ(Audio::_CurrentCaptureIndexComp, 1368);
-    });
-    EXPECT_EQ(linesOf(run), "");
-}
-
 TEST(RecordCallback, SecondBlockFillsTheCompressionBufferAndSpillsOver) {
     withOpenCapture([] {
         const Samples stream = ramp(2 * BLOCK, 1);

@@ -19,6 +19,21 @@ class Boxes : public ::testing::Test {
         ASSERT_TRUE(spinUntil([&worker] { return worker.done(); }));
     }
 
+    /// Asks for a message, whose one box `answer` closes.
+    void tell(const char* message, std::function<void(QMessageBox&)> answer) {
+        const BoxAnswerer answerer(std::move(answer));
+        serve([this, message] { window.emitShowMessage(message); });
+        EXPECT_EQ(answerer.count(), 1);
+    }
+
+    /// Asks a question, whose one box `answer` closes.
+    int ask(QMessageBox::StandardButtons buttons, std::function<void(QMessageBox&)> answer) {
+        const BoxAnswerer answerer(std::move(answer));
+        const int result = ask(buttons);
+        EXPECT_EQ(answerer.count(), 1);
+        return result;
+    }
+
     int ask(QMessageBox::StandardButtons buttons) {
         int result = -1;
         serve([this, &result, buttons] {
@@ -59,7 +74,7 @@ TEST_F(Boxes, WorkerGoesOnOnlyAfterItsBoxIsClosed) {
 }
 
 TEST_F(Boxes, MessageIsAPlainBoxWithOkOnly) {
-    const BoxAnswerer answerer([](QMessageBox& box) {
+    tell("something", [](QMessageBox& box) {
         EXPECT_EQ(box.text(), "something");
         EXPECT_EQ(box.windowTitle(), "");
         EXPECT_EQ(box.icon(), QMessageBox::NoIcon);
@@ -69,30 +84,24 @@ TEST_F(Boxes, MessageIsAPlainBoxWithOkOnly) {
         EXPECT_EQ(box.windowModality(), Qt::ApplicationModal);
         box.button(QMessageBox::Ok)->click();
     });
-    serve([this] { window.emitShowMessage("something"); });
-    EXPECT_EQ(answerer.count(), 1);
 }
 
 TEST_F(Boxes, MessageIsReadAsLatin1) {
-    const BoxAnswerer answerer([](QMessageBox& box) {
+    tell("\xC3\xBC\xFF", [](QMessageBox& box) {
         EXPECT_EQ(box.text(), QString::fromUtf16(u"\u00C3\u00BC\u00FF"));
         box.accept();
     });
-    serve([this] { window.emitShowMessage("\xC3\xBC\xFF"); });
-    EXPECT_EQ(answerer.count(), 1);
 }
 
 TEST_F(Boxes, NullMessageGivesAnEmptyBox) {
-    const BoxAnswerer answerer([](QMessageBox& box) {
+    tell(nullptr, [](QMessageBox& box) {
         EXPECT_EQ(box.text(), "");
         box.accept();
     });
-    serve([this] { window.emitShowMessage(nullptr); });
-    EXPECT_EQ(answerer.count(), 1);
 }
 
 TEST_F(Boxes, QuestionShowsWhatItWasGiven) {
-    const BoxAnswerer answerer([](QMessageBox& box) {
+    const auto answer = [](QMessageBox& box) {
         EXPECT_EQ(box.windowTitle(), "The title");
         EXPECT_EQ(box.text(), "The question?");
         EXPECT_EQ(box.icon(), QMessageBox::Information);
@@ -102,30 +111,26 @@ TEST_F(Boxes, QuestionShowsWhatItWasGiven) {
         EXPECT_EQ(box.windowType(), Qt::Dialog);
         EXPECT_EQ(box.defaultButton(), box.button(QMessageBox::Yes));
         box.button(QMessageBox::No)->click();
-    });
-    EXPECT_EQ(ask(QMessageBox::Yes | QMessageBox::No), QMessageBox::No);
-    EXPECT_EQ(answerer.count(), 1);
+    };
+    EXPECT_EQ(ask(QMessageBox::Yes | QMessageBox::No, answer), QMessageBox::No);
 }
 
 TEST_F(Boxes, EnterAnswersYes) {
-    const BoxAnswerer answerer([](QMessageBox& box) { press(box, Qt::Key_Return); });
-    EXPECT_EQ(ask(QMessageBox::No | QMessageBox::Yes), QMessageBox::Yes);
-    EXPECT_EQ(answerer.count(), 1);
+    const auto answer = [](QMessageBox& box) { press(box, Qt::Key_Return); };
+    EXPECT_EQ(ask(QMessageBox::No | QMessageBox::Yes, answer), QMessageBox::Yes);
 }
 
 TEST_F(Boxes, EscapeAnswersNo) {
-    const BoxAnswerer answerer([](QMessageBox& box) { press(box, Qt::Key_Escape); });
-    EXPECT_EQ(ask(QMessageBox::Yes | QMessageBox::No), QMessageBox::No);
-    EXPECT_EQ(answerer.count(), 1);
+    const auto answer = [](QMessageBox& box) { press(box, Qt::Key_Escape); };
+    EXPECT_EQ(ask(QMessageBox::Yes | QMessageBox::No, answer), QMessageBox::No);
 }
 
 TEST_F(Boxes, QuestionWithoutYesKeepsTheToolkitsDefault) {
-    const BoxAnswerer answerer([](QMessageBox& box) {
+    const auto answer = [](QMessageBox& box) {
         EXPECT_EQ(box.defaultButton(), nullptr);
         box.button(QMessageBox::Cancel)->click();
-    });
-    EXPECT_EQ(ask(QMessageBox::Ok | QMessageBox::Cancel), QMessageBox::Cancel);
-    EXPECT_EQ(answerer.count(), 1);
+    };
+    EXPECT_EQ(ask(QMessageBox::Ok | QMessageBox::Cancel, answer), QMessageBox::Cancel);
 }
 
 TEST_F(Boxes, QuestionNobodyListensToGivesZero) {

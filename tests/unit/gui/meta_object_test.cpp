@@ -63,12 +63,4 @@ TEST(MetaObject, CastByNameFindsTheWindowAndTheCore) {
     EXPECT_EQ(window.qt_metacast("QDialog"), nullptr);
 }
 
-TEST(MetaObject, QuestionArgumentsAreKnownByName) {
-    const VelantrixServer window(nullptr);
-    const QMetaObject& meta = *window.metaObject();
-    const QMetaMethod question = meta.method(meta.methodOffset() + 1);
-    EXPECT_EQ(question.parameterType(0), qMetaTypeId<QMessageBox::Icon>());
-    EXPECT_EQ(question.parameterType(3), qMetaTypeId<QMessageBox::StandardButtons>());
-}
-
 }  // namespace

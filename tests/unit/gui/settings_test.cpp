@@ -115,31 +115,6 @@ TEST_F(FreshProcessDeathTest, MissingFileLoadsTheDefaults) {
     EXPECT_FALSE(QFile::exists(fileName()));
 }
 
-TEST_F(FreshProcessDeathTest, ValuesSurviveARestart) {
-    Settings::setWarn48kDone(true);
-    Settings::setMinToTray(MinToTrayOption::Tray);
-    Settings::setInputSelect("monitor", "");
-    Settings::setFileDialogEncOptMP3(-7);
-    Settings::setFileDialogTypeMP3(false);
-    Settings::setEnableHotkeys(false);
-    Settings::setVersionCheckTime(29000000);
-    Settings::setVersionCheckResponse("3.2");
-    EXPECT_EXIT(
-        {
-            Settings::loadSettings();
-            EXPECT_TRUE(Settings::getWarn48kDone());
-            EXPECT_EQ(Settings::getMinToTray(), MinToTrayOption::Tray);
-            EXPECT_EQ(Settings::getInputSelect(""), "monitor");
-            EXPECT_EQ(Settings::getFileDialogEncOptMP3(), -7);
-            EXPECT_FALSE(Settings::getFileDialogTypeMP3());
-            EXPECT_FALSE(Settings::getEnableHotkeys());
-            EXPECT_EQ(Settings::getVersionCheckTime(), 29000000);
-            EXPECT_STREQ(Settings::getVersionCheckResponse(), "3.2");
-            leave();
-        },
-        ::testing::ExitedWithCode(0), "");
-}
-
 TEST_F(SettingsStore, SettersWriteEveryKeyUnderItsName) {
     Settings::setWarn48kDone(true);
     Settings::setMinToTray(MinToTrayOption::Tray);
@@ -155,13 +130,6 @@ TEST_F(SettingsStore, SettersWriteEveryKeyUnderItsName) {
               "|EnableHotkeys=false|FileDialogEncOptMP3=5|FileDialogTypeMP3=false"
               "|InputSelect=line in|MinToTray=1|VersionCheckResponse=3.10|VersionCheckTime=123"
               "|Warn48kDone=true|[General]");
-}
-
-TEST_F(SettingsStore, SetterChangesTheCacheAtOnce) {
-    Settings::setVersionCheckTime(77);
-    Settings::setVersionCheckResponse("4.0");
-    EXPECT_EQ(Settings::getVersionCheckTime(), 77);
-    EXPECT_STREQ(Settings::getVersionCheckResponse(), "4.0");
 }
 
 TEST_F(SettingsStore, GettersDoNotLookAtTheFile) {

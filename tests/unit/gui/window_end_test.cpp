@@ -13,6 +13,7 @@
 #include "app/base/core_pin.h"
 #include "gui/VelantrixServer.h"
 #include "gui_test.h"
+#include "tests/support/waiting.h"
 
 namespace {
 
@@ -40,14 +41,6 @@ class WindowEnd : public ::testing::Test {
 /// Long enough for a worker to arrive in its report.
 void letWorkersArrive() {
     QThread::msleep(100);
-}
-
-/// Waits without an event loop, so that a report which comes meanwhile is not answered yet.
-bool waitIdly(const std::atomic<bool>& flag) {
-    for (int i = 0; i < PATIENCE_MS && !flag.load(); ++i) {
-        QThread::msleep(1);
-    }
-    return flag.load();
 }
 
 TEST_F(WindowEnd, StatusReportThatWaitsIsReleased) {
@@ -79,7 +72,7 @@ TEST_F(WindowEnd, QuestionThatWaitsIsAnsweredWithZero) {
         pinned.store(true);
         answer.store(target->showQuestion(QMessageBox::Information, "t", "q", QMessageBox::Yes));
     });
-    ASSERT_TRUE(waitIdly(pinned));
+    ASSERT_TRUE(waitUntil(pinned));  // Without an event loop: no report is answered yet.
     letWorkersArrive();
     window.reset();
     EXPECT_TRUE(spinUntil([&worker] { return worker.done(); }));

@@ -2,17 +2,16 @@
 
 #include "listen/find_server.h"
 
+#include <list>
 #include <optional>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "stream/wire_format.h"
 #include "tests/support/net_namespace.h"
-#include "tests/unit/listen/loopback_test.h"
-#include "tests/unit/listen/udp_responder.h"
+#include "tests/support/udp_socket.h"
 
 namespace {
 
@@ -21,35 +20,25 @@ class Servers {
   public:
     Servers(const std::vector<const char*>& addresses, std::uint16_t port) {
         for (const char* const address : addresses) {
-            answering_.push_back(boundSocket(address, 0));
+            answering_.emplace_back(0, address);
         }
-        const auto heard = [this](int /*handle*/, const std::string& /*text*/,
-                                  const sockaddr_in& sender) { answer(sender); };
-        listening_.emplace("0.0.0.0", port, heard);
-        listening_->join(wire::DISCOVERY_GROUP);
+        listening_.emplace("0.0.0.0", port,
+                           [this](const UdpSocket& /*own*/, const Datagram& query) {
+                               for (const UdpSocket& each : answering_) {
+                                   each.answer(query, wire::DISCOVERY_RESPONSE);
+                               }
+                           });
+        listening_->socket().join(wire::DISCOVERY_GROUP);
     }
-    ~Servers() {
-        listening_.reset();  // Its thread uses the others.
-        for (const int handle : answering_) {
-            close(handle);
-        }
-    }
-    Servers(const Servers&) = delete;
-    Servers& operator=(const Servers&) = delete;
 
   private:
-    void answer(const sockaddr_in& sender) const {
-        for (const int handle : answering_) {
-            sendText(handle, wire::DISCOVERY_RESPONSE, sender);
-        }
-    }
-
-    std::vector<int> answering_;
+    std::list<UdpSocket> answering_;
     std::optional<UdpResponder> listening_;
 };
 
-class FindServer : public LoopbackTest {
+class FindServer : public testing::Test {
   protected:
+    const LoopbackNetwork network_;
     vxlisten::ServerChoice choice_;
 };
 

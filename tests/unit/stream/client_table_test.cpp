@@ -85,13 +85,6 @@ TEST_F(ClientTable, EleventhClientReplacesTheOldest) {
     EXPECT_EQ(slotOf(*clients[7]), 7);
 }
 
-TEST_F(ClientTable, AmongEqualTimesTheLowestIndexIsReplaced) {
-    fillTable();
-    setTimes(1000);
-    EXPECT_EQ(slotOf(connect(COMPANY | 1)), 0);
-    expectDisconnected(*clients[0], 101);
-}
-
 TEST_F(ClientTable, TimesBeyondTheSearchStartReplaceTheFirst) {
     fillTable();
     setTimes(std::time(nullptr) + 100000);
@@ -162,16 +155,6 @@ TEST_F(ClientTable, DroppedSlotIsAllZero) {
     EXPECT_EQ(clientConn[0].rateCode, 0U);
     EXPECT_EQ(clientConn[0].dataRequested, 0);
     EXPECT_EQ(clientConn[0].connectTime, 0);
-}
-
-TEST_F(ClientTable, ClientsThatTolerateCompanyStay) {
-    const TestClient& first = connect(COMPANY | 1);
-    const TestClient& second = connect(COMPANY | 1);
-    pumpFor(100);
-    EXPECT_TRUE(first.connected);
-    EXPECT_EQ(slotOf(first), 0);
-    EXPECT_EQ(slotOf(second), 1);
-    EXPECT_EQ(countOf(Call::EnetPeerDisconnect), 0);
 }
 
 TEST_F(ClientTable, NewcomerWithoutCompanyIsDroppedByTheNextOneOnly) {
@@ -273,53 +256,6 @@ TEST_F(ClientTable, DisconnectOfAnUnknownAddressClearsNothing) {
     EXPECT_NE(clientConn[1].peer, nullptr);
 }
 
-TEST_F(ClientTable, VanishedClientsEventFreesItsSlot) {
-    const TestClient& client = connect(COMPANY | 1);
-    // What a client that answers no more leads to after half a minute, brought about now.
-    enet_peer_timeout(clientConn[0].peer, 1, 1, 1);
-    vanish(clients[0].operator*());
-    static_cast<void>(client);
-    enet_peer_ping(clientConn[0].peer);
-    pumpUntil([] { return connectCount == 0; });
-    EXPECT_EQ(clientConn[0].peer, nullptr);
-}
-
-/// Peers whose connect the server has answered, without a reply to that.
-std::ptrdiff_t answeredConnects() {
-    return std::count_if(server->peers, server->peers + server->peerCount, [](const auto& peer) {
-        return peer.state == ENET_PEER_STATE_ACKNOWLEDGING_CONNECT;
-    });
-}
-
-TEST_F(ClientTable, OneCallHandlesOneEvent) {
-    const auto serviceClients = [this] {
-        for (const auto& client : clients) {
-            client->service();
-        }
-    };
-    const auto allConnected = [this] {
-        return std::all_of(clients.begin(), clients.end(),
-                           [](const auto& client) { return client->connected; });
-    };
-    for (int i = 0; i < 4; ++i) {
-        clients.push_back(std::make_unique<TestClient>(COMPANY | 1));
-    }
-    serviceClients();
-    for (int calls = 0; calls < 5000 && answeredConnects() < 4; ++calls) {
-        serviceHost();
-    }
-    // From here on the last word of each client waits in the server's socket, for four events.
-    for (int calls = 0; calls < 5000 && !allConnected(); ++calls) {
-        serviceClients();
-    }
-    ASSERT_EQ(answeredConnects(), 4);
-    ASSERT_EQ(connectCount, 0);
-    for (int events = 1; events <= 4; ++events) {
-        EXPECT_EQ(serviceHost(), 1);
-        EXPECT_EQ(connectCount, events);
-    }
-}
-
 TEST_F(ClientTable, ServiceErrorIsPrintedAndReturnedAndTheNextCallTriesAgain) {
     failCall(Call::EnetHostService, 1, -1);
     EXPECT_EQ(serviceHost(), -1);
@@ -332,16 +268,6 @@ TEST_F(ClientTable, EventOfAnotherTypeReturnsZero) {
     failCall(Call::EnetHostService, 1, 1);  // "An event", of type none.
     EXPECT_EQ(serviceHost(), 0);
     EXPECT_EQ(printed(), "");
-}
-
-TEST_F(ClientTable, PeersBeyondTheTableAreAcceptedUpTo32) {
-    for (int i = 0; i < 32; ++i) {
-        connect(COMPANY | 0);
-    }
-    EXPECT_EQ(connectCount, 32);
-    clients.push_back(std::make_unique<TestClient>(COMPANY));
-    pumpFor(200);
-    EXPECT_FALSE(clients.back()->connected);
 }
 
 TEST_F(ClientTable, SmallerMtuOfAClientIsRaised) {

@@ -4,6 +4,7 @@
 #include "stream/send_path.h"
 #include "tests/support/call_faults.h"
 #include "tests/support/live_server.h"
+#include "tests/support/named_case.h"
 
 namespace {
 
@@ -131,16 +132,11 @@ TEST_P(CutMessage, MissingBytesCountAsZero) {
 INSTANTIATE_TEST_SUITE_P(ControlMessage, CutMessage, testing::Range<std::size_t>(0, 18));
 
 /// A name and what is reported.
-struct NameCase {
-    const char* name;
+struct NameCase : NamedCase {
     std::string sent;
     bool terminated;
     std::string reported;
 };
-
-void PrintTo(const NameCase& nameCase, std::ostream* out) {
-    *out << nameCase.name;
-}
 
 class ClientName : public ControlMessage, public testing::WithParamInterface<NameCase> {};
 
@@ -163,37 +159,6 @@ INSTANTIATE_TEST_SUITE_P(
         NameCase{"Of5000", std::string(5000, 'n'), true, std::string(255, 'n')},
         NameCase{"Of5000WithoutTerminator", std::string(5000, 'n'), false, std::string(255, 'n')},
         NameCase{"Utf8", "Küche", true, "Küche"}),
-    [](const auto& each) { return std::string(each.param.name); });
-
-TEST_F(ControlMessage, RandomBytesDisturbNobodyElse) {
-    const unsigned seed = std::random_device{}();
-    SCOPED_TRACE("seed " + std::to_string(seed));
-    std::mt19937 random(seed);
-    const auto below = [&random](std::size_t limit) {
-        return std::uniform_int_distribution<std::size_t>(0, limit - 1)(random);
-    };
-    TestClient& listener = stream(0x1);
-    const ClientSlot before = clientConn[1];
-    std::vector<char> block(wire::RAW_BUFFER_LENGTH, 'a');
-    constexpr std::size_t MESSAGES = 300;
-    for (std::size_t i = 0; i < MESSAGES; ++i) {
-        std::vector<unsigned char> message(below(600));
-        for (unsigned char& byte : message) {
-            byte = static_cast<unsigned char>(below(256));
-        }
-        if (message.size() >= 4 && i % 3 != 0) {
-            wire::writeU32(message.data(), static_cast<std::uint32_t>(below(5)));
-        }
-        tell(*client, message);
-        EXPECT_LE(slot().rateCode, 7U);
-        processBuffer(block.data(), static_cast<int>(block.size()), true);
-    }
-    pumpUntil([&listener] { return listener.packets.size() == MESSAGES; });
-    expectUnchanged(clientConn[1], before);
-    for (std::size_t i = 0; i < MESSAGES; ++i) {
-        ASSERT_EQ(listener.packets[i].header.seq, i);
-        ASSERT_EQ(listener.packets[i].bytes.size(), wire::RAW_BUFFER_LENGTH);
-    }
-}
+    CASE_NAME);
 
 }  // namespace

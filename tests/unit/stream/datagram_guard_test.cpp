@@ -36,6 +36,17 @@ class DatagramGuard : public Strangers {
         }
     }
 
+    /// From now on `passes` decides about each datagram whether the guard and ENet see it.
+    static void filter(std::function<bool(const ENetHost&)> passes) {
+        static ENetInterceptCallback guard = nullptr;
+        static std::function<bool(const ENetHost&)> chosen;
+        guard = guard == nullptr ? server->intercept : guard;
+        chosen = std::move(passes);
+        server->intercept = [](ENetHost* host, ENetEvent* event) {
+            return chosen(*host) ? guard(host, event) : 1;
+        };
+    }
+
     static void deliver(HandMadeClient& stranger, const Bytes& commands) {
         deliver(stranger, std::vector<Bytes>{commands});
     }
@@ -128,13 +139,9 @@ TEST_F(DatagramGuard, ReliableCommandsBehindALostOneTakeBoundedMemoryAndAreTaken
 
 TEST_F(DatagramGuard, LongMessagesBehindALostOneLeaveRoomForIt) {
     TestClient& client = connect(COMPANY | 1);
-    static ENetInterceptCallback guard = nullptr;
-    static enet_uint32 lost = 0;
-    guard = server->intercept;
-    lost = server->totalReceivedPackets + 1;
-    server->intercept = [](ENetHost* host, ENetEvent* event) {
-        return host->totalReceivedPackets == lost ? 1 : guard(host, event);
-    };
+    filter([lost = server->totalReceivedPackets + 1](const ENetHost& host) {
+        return host.totalReceivedPackets != lost;
+    });
     client.send(controlMessage(2));
     std::vector<unsigned char> message = controlMessage(3);
     message.resize(MAX_MESSAGE_BYTES + 1);
@@ -207,15 +214,9 @@ class LossyNetwork : public DatagramGuard, public testing::WithParamInterface<en
   protected:
     /// From now on the server does not get the first of each row of so many datagrams.
     static void loseEvery(enet_uint32 rowLength) {
-        static ENetInterceptCallback guard = nullptr;
-        static enet_uint32 begin = 0;
-        static enet_uint32 length = 0;
-        guard = server->intercept;
-        begin = server->totalReceivedPackets + 1;
-        length = rowLength;
-        server->intercept = [](ENetHost* host, ENetEvent* event) {
-            return (host->totalReceivedPackets - begin) % length == 0 ? 1 : guard(host, event);
-        };
+        filter([begin = server->totalReceivedPackets + 1, rowLength](const ENetHost& host) {
+            return (host.totalReceivedPackets - begin) % rowLength != 0;
+        });
     }
 };
 

@@ -20,7 +20,6 @@ struct DestroyHost {
 class DatagramLimit : public testing::Test {
   protected:
     DatagramLimit() {
-        ip("link set lo up");
         ENetAddress any = {ENET_HOST_ANY, PORT};
         host.reset(enet_host_create(&any, 4, 2, 0, 0));
         enet_address_set_host_ip(&address, "127.0.0.1");
@@ -45,7 +44,7 @@ class DatagramLimit : public testing::Test {
         return ::recv(host->socket, room, sizeof room, MSG_DONTWAIT);
     }
 
-    const NetNamespace network;
+    const LoopbackNetwork network;
     std::unique_ptr<ENetHost, DestroyHost> host;
     ENetAddress address = {};
     ENetSocket sender;

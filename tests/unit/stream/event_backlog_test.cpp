@@ -52,8 +52,7 @@ TEST_F(EventBacklog, AcknowledgementsAreReadWhileMessagesWait) {
     TestClient& busy = connect(COMPANY | 1);
     TestClient& listener = stream(1);
     fillWith(busy, 50);
-    std::vector<char> block(wire::RAW_BUFFER_LENGTH, 'a');
-    processBuffer(block.data(), static_cast<int>(block.size()), true);
+    sendBlock();
     ASSERT_FALSE(enet_list_empty(&peerOf(listener).sentReliableCommands));
     for (int step = 0; step < 30 && !enet_list_empty(&peerOf(listener).sentReliableCommands);
          ++step) {

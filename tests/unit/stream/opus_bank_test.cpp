@@ -37,54 +37,40 @@ TEST(OpusBank, HoldsOneEncoderPerCompressedRateCode) {
     EXPECT_EQ(run.out, "");
 }
 
-TEST(OpusBank, OtherSettingsStayTheLibrarysDefaults) {
-    runChild([] {
-        fillOpusBank();
-        int error = 0;
-        OpusEncoder* const plain = opus_encoder_create(48000, 2, OPUS_APPLICATION_AUDIO, &error);
-        for (const int request :
-             {OPUS_GET_COMPLEXITY_REQUEST, OPUS_GET_VBR_REQUEST, OPUS_GET_DTX_REQUEST,
-              OPUS_GET_INBAND_FEC_REQUEST, OPUS_GET_PACKET_LOSS_PERC_REQUEST,
-              OPUS_GET_LSB_DEPTH_REQUEST, OPUS_GET_MAX_BANDWIDTH_REQUEST}) {
-            EXPECT_EQ(valueOf(opusEnc[1], request), valueOf(plain, request)) << request;
-        }
-        opus_encoder_destroy(plain);
-    });
+CHILD_TEST(OpusBank, OtherSettingsStayTheLibrarysDefaults) {
+    fillOpusBank();
+    int error = 0;
+    OpusEncoder* const plain = opus_encoder_create(48000, 2, OPUS_APPLICATION_AUDIO, &error);
+    for (const int request :
+         {OPUS_GET_COMPLEXITY_REQUEST, OPUS_GET_VBR_REQUEST, OPUS_GET_DTX_REQUEST,
+          OPUS_GET_INBAND_FEC_REQUEST, OPUS_GET_PACKET_LOSS_PERC_REQUEST,
+          OPUS_GET_LSB_DEPTH_REQUEST, OPUS_GET_MAX_BANDWIDTH_REQUEST}) {
+        EXPECT_EQ(valueOf(opusEnc[1], request), valueOf(plain, request)) << request;
+    }
+    opus_encoder_destroy(plain);
 }
 
-class MissingEncoder : public testing::TestWithParam<int> {};
+/// A positive error comes together with an encoder.
+class MissingEncoder : public testing::TestWithParam<std::tuple<int, int>> {};
 
 TEST_P(MissingEncoder, IsWarnedOfOnceAndTheOthersAreThere) {
     const std::size_t codes[] = {1, 2, 3, 5};
-    const int nth = GetParam();
+    const auto [nth, error] = GetParam();
     const std::size_t missing = codes[nth - 1];
-    const ChildRun run = runChild([nth, missing, &codes] {
-        failCall(Call::OpusEncoderCreate, nth, OPUS_ALLOC_FAIL);
+    const ChildRun run = runChild([nth = nth, error = error, missing, &codes] {
+        failCall(Call::OpusEncoderCreate, nth, error);
         fillOpusBank();
         for (const std::size_t code : codes) {
             EXPECT_EQ(opusEnc.at(code) == nullptr, code == missing) << code;
         }
     });
     EXPECT_EQ(run.out, "Warning, could not initialize Opus encoder " + std::to_string(missing) +
-                           " (memory allocation failed)\n");
+                           (error < 0 ? " (memory allocation failed)\n" : " (internal error)\n"));
 }
 
-TEST_P(MissingEncoder, IsAlsoOneThatComesTogetherWithAnError) {
-    const std::size_t codes[] = {1, 2, 3, 5};
-    const int nth = GetParam();
-    const std::size_t missing = codes[nth - 1];
-    const ChildRun run = runChild([nth, missing, &codes] {
-        failCall(Call::OpusEncoderCreate, nth, -OPUS_INTERNAL_ERROR);
-        fillOpusBank();
-        for (const std::size_t code : codes) {
-            EXPECT_EQ(opusEnc.at(code) == nullptr, code == missing) << code;
-        }
-    });
-    EXPECT_EQ(run.out, "Warning, could not initialize Opus encoder " + std::to_string(missing) +
-                           " (internal error)\n");
-}
-
-INSTANTIATE_TEST_SUITE_P(OpusBank, MissingEncoder, testing::Values(1, 2, 3, 4));
+INSTANTIATE_TEST_SUITE_P(OpusBank, MissingEncoder,
+                         testing::Combine(testing::Values(1, 2, 3, 4),
+                                          testing::Values(OPUS_ALLOC_FAIL, -OPUS_INTERNAL_ERROR)));
 
 TEST(OpusBank, WithoutAnyEncoderFourWarningsArePrinted) {
     const ChildRun run = runChild([] {

@@ -6,21 +6,17 @@
 #include "stream/enet_unsent.h"
 #include "stream/queue_trim.h"
 #include "stream/service_step.h"
+#include "tests/support/named_case.h"
 #include "tests/unit/stream/send_path_fixture.h"
 
 namespace {
 
 /// A packet of either pass and how many commands ENet makes of it.
-struct CheckedPacket {
-    const char* name;
+struct CheckedPacket : NamedCase {
     std::uint32_t request;
     int length;
     std::size_t commands;
 };
-
-void PrintTo(const CheckedPacket& packet, std::ostream* out) {
-    *out << packet.name;
-}
 
 /// The queue check where the send path calls it, with a client whose queue is too long.
 class QueueCheck : public SendPath, public testing::WithParamInterface<CheckedPacket> {
@@ -93,6 +89,6 @@ INSTANTIATE_TEST_SUITE_P(SendPath, QueueCheck,
                          testing::Values(CheckedPacket{"RawPacket", RELIABLE, RAW, 1},
                                          CheckedPacket{"FallbackInTwoFragments", RELIABLE | rate(4),
                                                        COMPRESSED, 2}),
-                         [](const auto& each) { return std::string(each.param.name); });
+                         CASE_NAME);
 
 }  // namespace

@@ -51,14 +51,6 @@ TEST_F(QueueTrim, SeventyFiveUnsentCommandsStay) {
     EXPECT_TRUE(recordedConsole().empty());
 }
 
-TEST_F(QueueTrim, PacketQueuedAfterATrimIsTheOnlyOne) {
-    queue.setCounter(1000);
-    queue.queueReliable(80);
-    trimOutgoingQueue(slot, SEQ);
-    queue.queueReliable(1);
-    EXPECT_EQ(queue.waitingNumbers(), std::vector<int>{1001});
-}
-
 TEST_F(QueueTrim, BestEffortClientIsNeverTrimmed) {
     slot.reliable = 0;
     queue.queueReliable(200);
@@ -120,16 +112,8 @@ TEST_F(QueueTrim, CounterEndsBelowTheFirstRemovedCommand) {
     EXPECT_EQ(queue.counter(), 4999);
 }
 
-TEST_F(QueueTrim, NumberZeroRemovedFirstLeavesCounterAtItsEnd) {
-    queue.setCounter(65535);
-    queue.queueReliable(76);
-    ASSERT_EQ(queue.waitingNumbers().front(), 0);
-    trimOutgoingQueue(slot, SEQ);
-    EXPECT_EQ(queue.counter(), 65535);
-}
-
 TEST_F(QueueTrim, QueueAcrossTheWrapRollsBackToItsFirstNumber) {
-    for (int before = 1; before <= 80; ++before) {
+    for (int before = 0; before <= 80; ++before) {
         QueuedPeer wrapping;
         slot.peer = &wrapping.peer;
         wrapping.setCounter(65535 - before);

@@ -10,6 +10,7 @@
 #include "stream/service_step.h"
 #include "tests/support/enet_memory.h"
 #include "tests/support/live_server.h"
+#include "tests/support/named_case.h"
 #include "tests/unit/stream/strangers_fixture.h"
 
 namespace {
@@ -41,15 +42,10 @@ class StuckPeers : public Strangers {
     std::int32_t others = 0;
 };
 
-struct Goodbye {
-    const char* name;
+struct Goodbye : NamedCase {
     bool withTime;
     bool wantsAcknowledgement;
 };
-
-void PrintTo(const Goodbye& way, std::ostream* out) {
-    *out << way.name;
-}
 
 class WaysToLeave : public StuckPeers, public testing::WithParamInterface<Goodbye> {
   protected:
@@ -122,9 +118,7 @@ INSTANTIATE_TEST_SUITE_P(Goodbyes, WaysToLeave,
                                          Goodbye{"WithTime", true, false},
                                          Goodbye{"WithoutTimeToBeAcknowledged", false, true},
                                          Goodbye{"WithoutTime", false, false}),
-                         [](const testing::TestParamInfo<Goodbye>& each) {
-                             return each.param.name;
-                         });
+                         CASE_NAME);
 
 TEST_F(StuckPeers, AllPlacesAreFreeAfterAsManyGoodbyesThatCannotBeAcknowledged) {
     for (std::size_t i = 0; i < server->peerCount; ++i) {
@@ -196,11 +190,6 @@ class Silence : public StuckPeers {
         letTimePass(PATIENCE, [] { sendBlock(); });
         EXPECT_EQ(peerOf(stranger).state, ENET_PEER_STATE_DISCONNECTED);
         expectGone(stranger, counted);
-    }
-
-    static void sendBlock() {
-        std::vector<char> block(wire::RAW_BUFFER_LENGTH, 'a');
-        processBuffer(block.data(), static_cast<int>(block.size()), true);
     }
 };
 
@@ -276,8 +265,7 @@ TEST_F(DispatchQueue, PeerThatTimesOutWithItsMessageQueuedIsNotLinkedAnyMore) {
     stranger.unanswered.clear();
     stranger.send(reliable(1, dataRequest(1)));
     listenUntil([] { return clientConn[0].dataRequested != 0; });
-    std::vector<char> block(wire::RAW_BUFFER_LENGTH, 'a');
-    processBuffer(block.data(), static_cast<int>(block.size()), true);
+    sendBlock();
     shiftClock(std::chrono::seconds(31));
     stranger.send(acknowledgement(patient.channel, patient.number, patient.sentTime) +
                   reliable(2, controlMessage(2)));

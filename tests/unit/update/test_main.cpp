@@ -4,7 +4,7 @@
 #include <QTemporaryDir>
 #include <gtest/gtest.h>
 
-#include "private_network.h"
+#include "tests/support/net_namespace.h"
 #include "version_server.h"
 
 #ifdef TEST_WITH_WINDOWS
@@ -24,7 +24,7 @@ int main(int argc, char** argv) {
     if (GTEST_FLAG_GET(list_tests)) {
         return RUN_ALL_TESTS();
     }
-    enterPrivateNetwork();
+    const LoopbackNetwork network;
     const QTemporaryDir home;
     qputenv("HOME", home.path().toLocal8Bit());
     qputenv("XDG_CONFIG_HOME", home.path().toLocal8Bit());

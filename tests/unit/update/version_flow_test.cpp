@@ -95,16 +95,17 @@ TEST_F(VersionFlow, ThreadWaitsThenChecksOnceThenCleansUp) {
 TEST_F(VersionFlow, HeadlessCheckComparesWithTheVersionOfTheBanner) {
     VelantrixServerNoGUI core;
     shortenWait([] {});
-    server.answer({"3.2\n"});
+    server.answer({NEWER + "\n"});
     ::testing::internal::CaptureStdout();
     CoreTestAccess::runVersionCheckThread(core);
-    EXPECT_EQ(::testing::internal::GetCapturedStdout(), report(4, "3.2", "3.1") + NEWS);
-    EXPECT_STREQ(Settings::getVersionCheckResponse(), "3.2");
+    EXPECT_EQ(::testing::internal::GetCapturedStdout(),
+              report(NEWER.size() + 1, NEWER, VELANTRIX_VERSION) + NEWS);
+    EXPECT_EQ(Settings::getVersionCheckResponse(), NEWER);
 }
 
 TEST_F(VersionFlow, HeadlessCheckReturnsWhetherThereIsNews) {
     VelantrixServerNoGUI core;
-    server.answer({"3.2\n"});
+    server.answer({NEWER + "\n"});
     EXPECT_EQ(core.checkVersion(), 1);
     EXPECT_EQ(core.checkVersion(), 0);
 }
@@ -147,7 +148,7 @@ TEST_F(VersionFlow, CoreGoneWhileTheTimeIsStoredFetchesNothing) {
     auto core = std::make_unique<AnnouncingCore>();
     AnnouncingCore* const raw = core.get();
     shortenWait([] {});
-    server.answer({"3.2\n"});
+    server.answer({NEWER + "\n"});
     QLockFile disc(QSettings("Velantrix", "Server").fileName() + ".lock");
     ASSERT_TRUE(disc.lock());
     std::thread thread([raw] { CoreTestAccess::runVersionCheckThread(*raw); });
@@ -180,10 +181,11 @@ TEST_F(VersionFlow, CoreGoneDuringTheFetchEndsTheThreadQuietly) {
     VelantrixServerNoGUI* const raw = core.get();
     shortenWait([] {});
     keepHandle();
-    server.answer({"3.2\n", 200, "", "late"});
+    server.answer({NEWER + "\n", 200, "", "late"});
     ::testing::internal::CaptureStdout();
     std::thread thread([raw] { CoreTestAccess::runVersionCheckThread(*raw); });
     ASSERT_TRUE(server.waitForRequest());
+    EXPECT_FALSE(CorePin::anyHeld());
     const auto begin = std::chrono::steady_clock::now();
     core.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - begin, LONGEST_SHUTDOWN);

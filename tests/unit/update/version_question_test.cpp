@@ -8,7 +8,6 @@
 #include <iterator>
 #include <memory>
 #include <new>
-#include <sstream>
 #include <string>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -25,6 +24,8 @@
 #include <QTimer>
 
 #include "gui/VelantrixServer.h"
+#include "tests/support/child_run.h"
+#include "tests/support/waiting.h"
 #include "web_if_fixture.h"
 
 namespace {
@@ -85,7 +86,7 @@ class VersionQuestion : public WebIfCheck {
     void SetUp() override {
         WebIfCheck::SetUp();
         window = std::make_unique<VelantrixServer>(nullptr);
-        server.answer({"3.2\n"});
+        server.answer({NEWER + "\n"});
         linkSubstitutes.system = [this](const char* command) {
             commands.emplace_back(command);
             return systemResult;
@@ -142,20 +143,10 @@ TEST_F(VersionQuestion, IsAskedWithYesAsTheDefault) {
 }
 
 TEST_F(VersionQuestion, IsNotAskedWithoutNews) {
-    server.answer({"3.1\n"});
+    server.answer({VELANTRIX_VERSION "\n"});
     EXPECT_EQ(checkInWindow(press(QMessageBox::Yes)), 0);
     EXPECT_TRUE(boxes.empty());
     EXPECT_TRUE(commands.empty());
-}
-
-TEST_F(VersionQuestion, IsAskedOncePerVersion) {
-    EXPECT_EQ(checkInWindow(press(QMessageBox::No)), 1);
-    setClock(NOW + 9 * 60);
-    EXPECT_EQ(checkInWindow(press(QMessageBox::No)), 0);
-    EXPECT_TRUE(boxes.empty());
-    setClock(NOW + 18 * 60);
-    server.answer({"3.3\n"});
-    EXPECT_EQ(checkInWindow(press(QMessageBox::No)), 1);
 }
 
 TEST_F(VersionQuestion, VersionIsStoredBeforeTheAnswer) {
@@ -164,7 +155,7 @@ TEST_F(VersionQuestion, VersionIsStoredBeforeTheAnswer) {
         stored = Settings::getVersionCheckResponse();
         box.button(QMessageBox::No)->click();
     });
-    EXPECT_EQ(stored, "3.2");
+    EXPECT_EQ(stored, NEWER);
 }
 
 TEST_F(VersionQuestion, YesOpensTheAddress) {
@@ -207,72 +198,20 @@ TEST_F(VersionQuestion, YesWithAFailingCommandShowsNothingMore) {
 
 // --- With the real shell ---
 
-/// A folder that is all of PATH, with or without a stand-in for xdg-open.
-class SearchPath {
-  public:
-    SearchPath() { qputenv("PATH", folder.path().toLocal8Bit()); }
-    ~SearchPath() { qputenv("PATH", before); }
-    SearchPath(const SearchPath&) = delete;
-    SearchPath& operator=(const SearchPath&) = delete;
-
-    /// `script` finds its folder in $here.
-    void addXdgOpen(const std::string& script) const {
-        const std::filesystem::path path = file("xdg-open");
-        std::ofstream(path) << "#!/bin/sh\nhere='" << folder.path().toStdString() << "'\n"
-                            << script << "\n";
-        std::filesystem::permissions(path, std::filesystem::perms::owner_all);
-    }
-
-    [[nodiscard]] std::string file(const std::string& name) const {
-        return folder.path().toStdString() + "/" + name;
-    }
-
-    [[nodiscard]] std::string read(const std::string& name) const {
-        std::ostringstream text;
-        text << std::ifstream(file(name)).rdbuf();
-        return text.str();
-    }
-
-  private:
-    QTemporaryDir folder;
-    QByteArray before = qgetenv("PATH");
-};
-
-TEST_F(VersionQuestion, BrowserIsStartedOnceWithTheAddressAsItsOnlyArgument) {
-    const SearchPath path;
-    path.addXdgOpen("printf '%s\\n' $# \"$@\" >> \"$here/arguments\"");
-    linkSubstitutes.system = nullptr;
-    EXPECT_EQ(checkInWindow(press(QMessageBox::Yes)), 1);
-    EXPECT_EQ(path.read("arguments"), "1\n" + server.address() + "\n");
-    expectOnlyTheQuestion();
-}
-
-TEST_F(VersionQuestion, FailingBrowserShowsNothingMore) {
-    const SearchPath path;
-    path.addXdgOpen("exit 3");
-    linkSubstitutes.system = nullptr;
-    EXPECT_EQ(checkInWindow(press(QMessageBox::Yes)), 1);
-    expectOnlyTheQuestion();
-}
-
-TEST_F(VersionQuestion, MissingBrowserShowsNothingMore) {
-    const SearchPath path;
-    linkSubstitutes.system = nullptr;
-    EXPECT_EQ(checkInWindow(press(QMessageBox::Yes)), 1);
-    expectOnlyTheQuestion();
-}
-
 TEST_F(VersionQuestion, BrowserDoesNotInheritTheServersSockets) {
     constexpr int KNOWN_NUMBER = 77;
     const int socket = ::socket(AF_INET, SOCK_DGRAM, 0);
     ASSERT_EQ(::dup2(socket, KNOWN_NUMBER), KNOWN_NUMBER);
-    const SearchPath path;
-    path.addXdgOpen(
-        "echo ran > \"$here/ran\"; if [ -e /proc/$$/fd/77 ]; then echo held > \"$here/held\"; fi");
+    const QTemporaryDir folder;
+    const std::filesystem::path program = folder.path().toStdString() + "/xdg-open";
+    std::ofstream(program) << "#!/bin/sh\n[ -e /proc/$$/fd/77 ]\necho $? > \"$0.held\"\n";
+    std::filesystem::permissions(program, std::filesystem::perms::owner_all);
+    const ScopedVariable path("PATH", folder.path().toLocal8Bit());
     linkSubstitutes.system = nullptr;
     checkInWindow(press(QMessageBox::Yes));
-    EXPECT_EQ(path.read("ran"), "ran\n");
-    EXPECT_FALSE(std::filesystem::exists(path.file("held")));
+    std::string held;
+    std::ifstream(program.string() + ".held") >> held;
+    EXPECT_EQ(held, "1") << "the browser has the socket, or has not been started";
     ::close(KNOWN_NUMBER);
     ::close(socket);
 }
@@ -318,10 +257,14 @@ TEST_F(VersionQuestion, WindowClosedWhileMinimizedEndsTheCheckQuietly) {
     };
     int result = -1;
     VelantrixServer* const raw = window.get();
-    std::thread thread([raw, &result] { result = raw->checkVersion(); });
+    std::thread thread([raw, &result] {
+        const CallPin pin;
+        result = raw->checkVersion();
+    });
     while (!waiting) {
         reallySleep(1);
     }
+    EXPECT_FALSE(CorePin::anyHeld());
     window.reset();
     closed = true;
     thread.join();
@@ -344,48 +287,25 @@ TEST_F(VersionQuestion, ProgramMayEndWhileTheQuestionIsOpen) {
     EXPECT_TRUE(commands.empty());
 }
 
-/// What is printed while it lives, to be waited for.
-class PrintedLines {
-  public:
-    PrintedLines() { ::dup2(file, STDOUT_FILENO); }
-    ~PrintedLines() {
-        ::dup2(before, STDOUT_FILENO);
-        ::close(before);
-        ::close(file);
-    }
-    PrintedLines(const PrintedLines&) = delete;
-    PrintedLines& operator=(const PrintedLines&) = delete;
-
-    void waitFor(const std::string& line) const {
-        char text[1024] = "";
-        while (std::string(text).find(line) == std::string::npos) {
-            reallySleep(1);
-            ASSERT_GE(::pread(file, text, sizeof text - 1, 0), 0);
-        }
-    }
-
-  private:
-    int file = ::memfd_create("lines", 0);
-    int before = ::dup(STDOUT_FILENO);
-};
-
 // As with a settings file on a slow disc: what the check stores waits for the file's lock.
 TEST_F(VersionQuestion, IsNotAskedWhenStoringTheNewsOutlastsTheWindow) {
     window.reset();
     alignas(VelantrixServer) static unsigned char room[sizeof(VelantrixServer)];
     auto* const raw = new (room) VelantrixServer(nullptr);
-    server.answer({"3.2\n", 200, "", "late"});
+    server.answer({NEWER + "\n", 200, "", "late"});
     User user(press(QMessageBox::Yes));
-    const PrintedLines lines;
+    const int lines = ::memfd_create("lines", 0);
+    const OutputTo output(lines);
     std::thread thread([raw] {
-        const CorePin pin;
+        const CallPin pin;
         raw->checkVersion();
     });
     ASSERT_TRUE(server.waitForRequest());
     QLockFile disc(QSettings("Velantrix", "Server").fileName() + ".lock");
     ASSERT_TRUE(disc.lock());
     server.letGo();
-    lines.waitFor(NEWS);  // After which the check no longer looks whether the window is there.
+    ASSERT_TRUE(waitUntil([&] { return readAll(lines).find(NEWS) != std::string::npos; }));
+    // After which the check no longer looks whether the window is there.
     raw->~VelantrixServer();
     std::fill(std::begin(room), std::end(room), static_cast<unsigned char>(0xA5));
     disc.unlock();
@@ -407,9 +327,13 @@ TEST_F(VersionQuestion, ProgramMayEndWhileTheBrowserRuns) {
     };
     User user(press(QMessageBox::Yes));
     VelantrixServer* const raw = window.get();
-    std::thread thread([raw] { raw->checkVersion(); });
+    std::thread thread([raw] {
+        const CallPin pin;
+        raw->checkVersion();
+    });
     QApplication::exec();
     EXPECT_TRUE(running);
+    EXPECT_FALSE(CorePin::anyHeld());
     window.reset();
     ended = true;
     thread.join();

@@ -12,6 +12,9 @@
 #include "update/curl_functions.h"
 #include "version_server.h"
 
+/// Another version than the program's own.
+inline const std::string NEWER = VELANTRIX_VERSION "1";
+
 /// A check on a system with libcurl whose last check was long ago, at a fixed time of day.
 class WebIfCheck : public ::testing::Test {
   protected:

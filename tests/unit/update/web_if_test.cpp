@@ -48,22 +48,6 @@ TEST_F(WebIfCheck, LineIsComparedByteByByte) {
     EXPECT_STREQ(Settings::getVersionCheckResponse(), "3.1 ");
 }
 
-TEST_F(WebIfCheck, EveryLineEndIsUnderstood) {
-    for (const std::string body : {"3.2\r", "3.2\n", "3.2\r\n", "\r\n\r\n3.2\rx"}) {
-        Settings::setVersionCheckTime(0);
-        Settings::setVersionCheckResponse("");
-        EXPECT_EQ(checkFile(body), 1);
-        EXPECT_EQ(printed, report(body.size(), "3.2") + NEWS);
-    }
-}
-
-TEST_F(WebIfCheck, LinesOfThreeAndTenCharactersAreUsable) {
-    EXPECT_EQ(checkFile("3.2\nrest"), 1);
-    Settings::setVersionCheckTime(0);
-    EXPECT_EQ(checkFile("3.20.30.40\nrest"), 1);
-    EXPECT_EQ(printed, report(15, "3.20.30.40") + NEWS);
-}
-
 TEST_F(WebIfCheck, UnusableLinesGiveTheShortReport) {
     for (const std::string body : {"3.", "3.20.30.400", "v3.2", "<html>", " 3.2"}) {
         Settings::setVersionCheckTime(0);
@@ -84,19 +68,6 @@ TEST_F(WebIfCheck, UnusableRunningVersionGivesTheShortReport) {
 TEST_F(WebIfCheck, EmptyBodyIsUnusable) {
     EXPECT_EQ(checkFile(""), 0);
     EXPECT_EQ(printed, shortReport(0, 0));
-}
-
-TEST_F(WebIfCheck, BodyOfLineEndsIsUnusable) {
-    EXPECT_EQ(checkFile("\r\n\r\n"), 0);
-    EXPECT_EQ(printed, shortReport(4, 0));
-}
-
-TEST_F(WebIfCheck, TextEndsAtANulByte) {
-    EXPECT_EQ(checkFile("\0003.2\n"s), 0);
-    EXPECT_EQ(printed, shortReport(5, 0));
-    Settings::setVersionCheckTime(0);
-    EXPECT_EQ(checkFile("3.2\0junk that is long\n"s), 1);
-    EXPECT_EQ(printed, report(22, "3.2") + NEWS);
 }
 
 TEST_F(WebIfCheck, BodyMayComeByteByByte) {
@@ -156,12 +127,6 @@ TEST_F(WebIfCheck, FrameMayRedirect) {
     EXPECT_EQ(check(), 1);
 }
 
-TEST_F(WebIfCheck, FrameAddressOfSevenCharactersIsNotFollowed) {
-    const std::string page = framePage("1234567");
-    EXPECT_EQ(checkFile(page), 0);
-    EXPECT_EQ(printed, shortReport(page.size(), page.size() - 1));
-}
-
 TEST_F(WebIfCheck, FrameAddressOfEightCharactersIsFollowed) {
     EXPECT_EQ(checkFile(framePage("ftp://ab")), 0);
     EXPECT_EQ(printed, secondFailure(CURLE_UNSUPPORTED_PROTOCOL));
@@ -201,12 +166,6 @@ TEST_F(WebIfCheck, SixRedirectsAreTooMany) {
     EXPECT_EQ(server.takeRequests().size(), 6U);
 }
 
-TEST_F(WebIfCheck, RedirectLoopEnds) {
-    server.answer({"", 301, VERSION_FILE});
-    EXPECT_EQ(check(), 0);
-    EXPECT_EQ(printed, failure(CURLE_TOO_MANY_REDIRECTS));
-}
-
 TEST_F(WebIfCheck, OtherProtocolsAreRefused) {
     const QTemporaryDir folder;
     const std::string file = folder.path().toStdString() + "/version";
@@ -243,12 +202,6 @@ TEST_F(WebIfCheck, BodyOfOneMebibyteIsTaken) {
 
 TEST_F(WebIfCheck, LargerBodyIsAFailure) {
     EXPECT_EQ(checkFile("3.2\n" + std::string(LARGEST_BODY - 3, 'x')), 0);
-    EXPECT_EQ(printed, failure(CURLE_WRITE_ERROR));
-}
-
-TEST_F(WebIfCheck, EndlessBodyIsAFailure) {
-    server.answer({std::string(65536, '3'), 200, "", "endless"});
-    EXPECT_EQ(check(), 0);
     EXPECT_EQ(printed, failure(CURLE_WRITE_ERROR));
 }
 

@@ -8,7 +8,8 @@
 
 #include "listen/background.h"
 #include "listen/clock.h"
-#include "tests/unit/listen/device/fake_output.h"
+#include "tests/support/fake_portaudio.h"
+#include "tests/support/waiting.h"
 
 using vxlisten::MILLISECOND;
 using vxlisten::SECOND;
@@ -21,17 +22,10 @@ constexpr const char* AGAIN = "playing again";
 
 class SoundKeeperTest : public testing::Test {
   protected:
-    SoundKeeperTest() {
-        device_.present = true;
-        device_.active = true;
-        device_.closeHangs = false;
-        device_.opened = 0;
-        device_.tries = 0;
-    }
-
+    SoundKeeperTest() { device_.defaultDevice = 0; }
     ~SoundKeeperTest() override {
         keeper_.reset();
-        EXPECT_EQ(device_.open, 0);
+        EXPECT_FALSE(device_.streamOpen);
     }
 
     void openKeeper() {
@@ -67,7 +61,7 @@ class SoundKeeperTest : public testing::Test {
         return told;
     }
 
-    FakeOutput& device_ = fakeOutput();
+    FakePortAudio& device_ = freshFakePortAudio();
     std::unique_ptr<SoundKeeper> keeper_;
     std::int64_t now_ = vxlisten::steadyNow();
 };
@@ -75,7 +69,7 @@ class SoundKeeperTest : public testing::Test {
 }  // namespace
 
 TEST_F(SoundKeeperTest, AMissingDeviceIsAnErrorAtTheStart) {
-    device_.present = false;
+    device_.outputPresent = false;
     SoundKeeper keeper("", 40);
     EXPECT_FALSE(keeper.open(now_));
     EXPECT_EQ(keeper.error(), "cannot play sound: there is no output device");
@@ -96,14 +90,14 @@ TEST_F(SoundKeeperTest, ADeviceThatGoesIsOpenedAgainWithOneSentenceEach) {
 
 TEST_F(SoundKeeperTest, WhileTheDeviceIsAwayThePausesGrow) {
     openKeeper();
-    device_.present = false;
+    device_.outputPresent = false;
     device_.active = false;
     EXPECT_EQ(watch(30 * SECOND), std::vector<std::string>({GONE}));
     EXPECT_EQ(keeper_->queue(), nullptr);
     EXPECT_FALSE(keeper_->figures().device);
     EXPECT_FALSE(keeper_->figures().playing);
     EXPECT_LE(device_.tries, 12) << "with equal pauses there would be 120";
-    device_.present = true;
+    device_.outputPresent = true;
     EXPECT_EQ(watchUntilTold(AGAIN), std::vector<std::string>({AGAIN}));
     EXPECT_EQ(device_.opened, 2);
 }
@@ -116,7 +110,7 @@ TEST_F(SoundKeeperTest, ADeviceThatAsksForNothingForLongIsOpenedAgain) {
 
 TEST_F(SoundKeeperTest, ADeviceThatRunsDryAgainAndAgainIsAskedForMoreLatency) {
     openKeeper();
-    EXPECT_DOUBLE_EQ(device_.latency, 0.08);
+    EXPECT_DOUBLE_EQ(device_.outputLatency, 0.08);
     watch(4 * SECOND);
     for (int i = 0; i < 3; ++i) {
         device_.ask(true);
@@ -126,10 +120,8 @@ TEST_F(SoundKeeperTest, ADeviceThatRunsDryAgainAndAgainIsAskedForMoreLatency) {
     const auto told = watchUntilTold("the output device runs dry");
     ASSERT_EQ(told.size(), 1u);
     EXPECT_NE(told[0].find("asking it for 160 ms of latency"), std::string::npos);
-    for (int i = 0; i < 5000 && device_.opened < 2; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    EXPECT_DOUBLE_EQ(device_.latency, 0.16);
+    waitUntil([&] { return device_.opened >= 2; });
+    EXPECT_DOUBLE_EQ(device_.outputLatency, 0.16);
     EXPECT_TRUE(watch(SECOND).empty());
     EXPECT_EQ(keeper_->figures().underruns, 3u) << "counts go on over the openings";
 }
@@ -140,12 +132,12 @@ TEST_F(SoundKeeperTest, ADeviceThatIsAwayWhenMoreLatencyIsWantedIsToldOf) {
     for (int i = 0; i < 3; ++i) {
         device_.ask(true);
     }
-    device_.present = false;
+    device_.outputPresent = false;
     const auto told = watchUntilTold(GONE);
     ASSERT_EQ(told.size(), 2u);
     EXPECT_EQ(told[1], GONE);
     EXPECT_TRUE(watch(5 * SECOND).empty()) << "once is enough";
-    device_.present = true;
+    device_.outputPresent = true;
     EXPECT_EQ(watchUntilTold(AGAIN), std::vector<std::string>({AGAIN}));
 }
 
@@ -162,12 +154,8 @@ TEST_F(SoundKeeperTest, ASoundLibraryThatHangsDoesNotHoldUpTheEnd) {
     EXPECT_GE(std::fputs("", stderr), 0);
     stderr = usual;
     device_.closeHangs = false;
-    for (int i = 0; i < 5000 && device_.open > 0; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    waitUntil([&] { return !device_.streamOpen; });
     // The background still has PortAudio to end before the next test begins.
-    for (int i = 0; i < 5000 && device_.initialised; ++i) {
-        std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
+    waitUntil([&] { return !device_.initialised; });
     EXPECT_FALSE(device_.initialised);
 }

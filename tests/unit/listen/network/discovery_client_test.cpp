@@ -8,8 +8,8 @@
 #include <gtest/gtest.h>
 
 #include "stream/wire_format.h"
-#include "tests/unit/listen/loopback_test.h"
-#include "tests/unit/listen/udp_responder.h"
+#include "tests/support/net_namespace.h"
+#include "tests/support/udp_socket.h"
 
 using std::chrono::milliseconds;
 using vxlisten::discoverServers;
@@ -24,23 +24,21 @@ class Responder {
         : answers_(std::move(answers)),
           ignored_(ignored),
           end_("0.0.0.0", 0,
-               [this](int handle, const std::string& text, const sockaddr_in& sender) {
-                   answer(handle, text, sender);
-               }) {
-        end_.join(wire::DISCOVERY_GROUP);
+               [this](const UdpSocket& own, const Datagram& datagram) { answer(own, datagram); }) {
+        end_.socket().join(wire::DISCOVERY_GROUP);
     }
 
-    std::uint16_t port() const { return end_.port(); }
+    std::uint16_t port() const { return end_.socket().port(); }
 
     std::atomic<int> queries{0};
     std::string query;
 
   private:
-    void answer(int handle, const std::string& text, const sockaddr_in& sender) {
-        query = text;
+    void answer(const UdpSocket& own, const Datagram& datagram) {
+        query = datagram.text;
         if (++queries > ignored_) {
             for (const std::string& reply : answers_) {
-                sendText(handle, reply, sender);
+                own.answer(datagram, reply);
             }
         }
     }
@@ -50,7 +48,9 @@ class Responder {
     UdpResponder end_;
 };
 
-class DiscoveryClient : public LoopbackTest {};
+class DiscoveryClient : public testing::Test {
+    const LoopbackNetwork network_;
+};
 
 DiscoverySearch searchFor(const Responder& responder, int limitMs) {
     DiscoverySearch search;

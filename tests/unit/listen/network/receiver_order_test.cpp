@@ -9,14 +9,14 @@
 #include <iostream>
 #include <random>
 #include <string>
-#include <unistd.h>
 #include <vector>
 
 #include <enet/enet.h>
 #include <gtest/gtest.h>
 
 #include "listen/network/receiver.h"
-#include "tests/unit/listen/udp_responder.h"
+#include "tests/support/named_case.h"
+#include "tests/support/udp_socket.h"
 
 using vxlisten::Receiver;
 using vxlisten::ReceiverEvent;
@@ -26,8 +26,7 @@ namespace {
 /// More than the 65536 numbers that ENet counts with.
 constexpr std::uint32_t PACKETS = 70000;
 
-struct Delivery {
-    const char* name;
+struct Delivery : NamedCase {
     enet_uint32 flags;
     std::size_t bytes;  ///< Of each packet.
 };
@@ -35,30 +34,20 @@ struct Delivery {
 /// Stands between a client and a server. What the server sends passes in a random order.
 class ReorderingRelay {
   public:
-    explicit ReorderingRelay(std::uint16_t serverPort) : random_(seed_) {
+    explicit ReorderingRelay(std::uint16_t serverPort) : random_(seed_), serverPort_(serverPort) {
         std::cout << "random seed " << seed_ << "\n";
-        server_.sin_family = AF_INET;
-        server_.sin_port = htons(serverPort);
-        server_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     }
-    ~ReorderingRelay() {
-        close(near_);
-        close(far_);
-    }
-    ReorderingRelay(const ReorderingRelay&) = delete;
-    ReorderingRelay& operator=(const ReorderingRelay&) = delete;
 
-    std::uint16_t port() const { return portOf(near_); }
+    std::uint16_t port() const { return near_.port(); }
 
     /// Passes everything on; what is still held back for the sake of disorder once `flushing`.
     void pass(bool flushing) {
-        sockaddr_in sender = {};
-        for (std::string datagram; take(near_, datagram, sender);) {
-            client_ = sender;
-            sendText(far_, datagram, server_);
+        while (const auto datagram = near_.receive(0)) {
+            client_ = *datagram;
+            far_.send(datagram->text, "127.0.0.1", serverPort_);
         }
-        for (std::string datagram; take(far_, datagram, sender);) {
-            hold(datagram);
+        while (const auto datagram = far_.receive(0)) {
+            hold(datagram->text);
         }
         while (held_.size() > (flushing ? 0 : HELD)) {
             release();
@@ -69,22 +58,13 @@ class ReorderingRelay {
     std::uint64_t doubled = 0;
 
   private:
-    struct Datagram {
+    struct Held {
         std::uint64_t number;
         std::string bytes;
     };
 
     static constexpr std::size_t HELD = 4;
     static constexpr std::size_t MUCH_LATER = 2000;
-
-    static bool take(int handle, std::string& datagram, sockaddr_in& sender) {
-        char bytes[4096];
-        socklen_t length = sizeof sender;
-        const ssize_t count = recvfrom(handle, bytes, sizeof bytes, MSG_DONTWAIT,
-                                       reinterpret_cast<sockaddr*>(&sender), &length);
-        datagram.assign(bytes, static_cast<std::size_t>(std::max<ssize_t>(count, 0)));
-        return count >= 0;
-    }
 
     void hold(const std::string& bytes) {
         held_.push_back({++number_, bytes});
@@ -106,18 +86,18 @@ class ReorderingRelay {
         const auto at = held_.begin() + static_cast<std::ptrdiff_t>(random_() % held_.size());
         overtaken += at->number < newest_ ? 1 : 0;
         newest_ = std::max(newest_, at->number);
-        sendText(near_, at->bytes, client_);
+        near_.answer(client_, at->bytes);
         held_.erase(at);
     }
 
     const std::random_device::result_type seed_ = std::random_device{}();
     std::mt19937 random_;
-    int near_ = boundSocket("127.0.0.1", 0);
-    int far_ = boundSocket("127.0.0.1", 0);
-    sockaddr_in server_ = {};
-    sockaddr_in client_ = {};
-    std::vector<Datagram> held_;
-    std::deque<Datagram> past_;
+    const UdpSocket near_;
+    const UdpSocket far_;
+    std::uint16_t serverPort_;
+    Datagram client_;  ///< The last one of the client's.
+    std::vector<Held> held_;
+    std::deque<Held> past_;
     std::uint64_t number_ = 0;
     std::uint64_t newest_ = 0;
 };
@@ -223,6 +203,6 @@ INSTANTIATE_TEST_SUITE_P(
                     Delivery{"ReliableInFragments", ENET_PACKET_FLAG_RELIABLE, 900},
                     Delivery{"BestEffort", ENET_PACKET_FLAG_UNRELIABLE_FRAGMENT, 24},
                     Delivery{"BestEffortInFragments", ENET_PACKET_FLAG_UNRELIABLE_FRAGMENT, 900}),
-    [](const auto& delivery) { return delivery.param.name; });
+    CASE_NAME);
 
 }  // namespace

@@ -59,35 +59,6 @@ TEST_F(GrowthTest, RisingJitterIsMetBeforeTheSoundRunsDry) {
     EXPECT_LT(largestStep(simulation.played()), 10000 * 3 / 2 * 66 / 1000 + 200);
 }
 
-TEST_F(GrowthTest, CalmedJitterGivesTheDelayBack) {
-    jitterMs_ = 80;
-    Simulation simulation(setup(40), network());
-    simulation.run(40, false);
-    EXPECT_GT(simulation.figures().targetMs, 80.0);
-    jitterMs_ = 0;
-    simulation.run(300, false);
-    EXPECT_LT(simulation.figures().targetMs, 45.0);
-    EXPECT_LT(simulation.figures().depthMs, 60.0);
-}
-
-TEST_F(GrowthTest, TheWishIsWhereItStartsAndTheLeastThatItKeeps) {
-    Simulation simulation(setup(150), network());
-    EXPECT_EQ(simulation.figures().targetMs, 150.0);
-    simulation.run(30, false);
-    EXPECT_EQ(simulation.figures().targetMs, 150.0);
-    EXPECT_NEAR(simulation.figures().depthMs, 150.0, 15.0);
-}
-
-TEST_F(GrowthTest, NoJitterMakesItKeepMoreThanHalfASecond) {
-    jitterMs_ = 3000;
-    Simulation simulation(setup(40), network());
-    for (int second = 0; second < 60; ++second) {
-        simulation.run(1, false);
-        EXPECT_LE(simulation.figures().targetMs, 500.0);
-    }
-    EXPECT_GT(simulation.figures().targetMs, 400.0);
-}
-
 TEST(Stretch, ATonesPitchStaysAndNoStepIsHeard) {
     std::vector<std::int16_t> played;
     for (std::size_t packet = 0; packet < 100; ++packet) {

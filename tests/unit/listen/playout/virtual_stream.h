@@ -24,7 +24,6 @@ struct Conditions {
     double amplitude = 10000;
     double delayMs = 40;   ///< What the playout is to keep.
     double periodMs = 10;  ///< Of the output device.
-    std::uint32_t firstSeq = 0;
 };
 
 /// Decides what the network does with packet number `index`, sent at `sent` (microseconds): calls
@@ -77,9 +76,6 @@ class Simulation {
     /// Changes what the network does from the next packet on.
     void setNetwork(Network network) { network_ = std::move(network); }
 
-    /// Starts another stream, as after a new connection.
-    void startNewStream() { feed_.restart(); }
-
     void forgetDepth() { leastDepth_ = 1e9, greatestDepth_ = 0; }
 
     const vxlisten::PlayoutFigures& figures() const { return playout_.figures(); }
@@ -120,7 +116,7 @@ class Simulation {
 
     void deliver(const InFlight& flight) {
         vxlisten::AudioPacket packet;
-        packet.seq = setup_.firstSeq + static_cast<std::uint32_t>(flight.index);
+        packet.seq = static_cast<std::uint32_t>(flight.index);
         packet.sampleRate = RATE;
         packet.frames = PACKET_FRAMES;
         packet.payload = reinterpret_cast<const unsigned char*>(

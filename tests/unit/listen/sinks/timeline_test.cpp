@@ -122,12 +122,6 @@ TEST_F(TimelineTest, ForgedGapsOneAfterTheOtherAreNoLongerThanTimeAllows) {
     EXPECT_LE(frames(), 11u * 338 + 2 * 48000);
 }
 
-TEST_F(TimelineTest, AForgedGapIsNoLongerThanTimeAllows) {
-    take(packets::raw(0));
-    take(packets::raw(8000));
-    EXPECT_LE(frames(), 2u * 338 + 2 * 48000);
-}
-
 TEST_F(TimelineTest, ADamagedPacketBecomesSilence) {
     take(packets::make(0, wire::makeFlags(true, true, 1), packets::Bytes(7, 0xFF)));
     EXPECT_EQ(frames(), 480u);

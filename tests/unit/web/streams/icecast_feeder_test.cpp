@@ -14,7 +14,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/unit/listen/loopback_test.h"
+#include "tests/support/net_namespace.h"
 
 using namespace std::chrono_literals;
 
@@ -130,7 +130,9 @@ class SmallIcecast {
     std::thread thread_;
 };
 
-class IcecastFeederTest : public LoopbackTest {
+class IcecastFeederTest : public testing::Test {
+    const LoopbackNetwork network_;
+
   protected:
     std::unique_ptr<vxweb::IcecastFeeder> feeder() {
         const std::string url =

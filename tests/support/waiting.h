@@ -1,0 +1,22 @@
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+/// Asks `done()` once a millisecond until it says so, for 10 s or `patience`; whether it did.
+template <class Done>
+bool waitUntil(Done done, std::chrono::milliseconds patience = std::chrono::seconds(10)) {
+    const auto end = std::chrono::steady_clock::now() + patience;
+    while (!done()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+inline bool waitUntil(const std::atomic<bool>& flag) {
+    return waitUntil([&flag] { return flag.load(); });
+}

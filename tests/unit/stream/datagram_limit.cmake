@@ -1,3 +1,0 @@
-add_executable(datagram_limit_test datagram_limit_test.cpp)
-target_link_libraries(datagram_limit_test PRIVATE vx_stream vx_test_network GTest::gtest_main)
-gtest_discover_tests(datagram_limit_test)
