@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "listen/network/sequence_tracker.h"
-#include "tests/unit/listen/device/fake_output.h"
+#include "tests/support/fake_portaudio.h"
 #include "tests/unit/listen/packets.h"
 
 namespace {
@@ -14,6 +14,8 @@ namespace {
 /// Outputs that play on a device that never asks for anything, and a stream in virtual time.
 class OutputsTest : public testing::Test {
   protected:
+    OutputsTest() { freshFakePortAudio().defaultDevice = 0; }  // All devices are listed.
+
     /// Takes `seconds` of packets that come `late` microseconds late. Returns what is told.
     std::vector<std::string> take(double seconds, std::int64_t late) {
         std::vector<std::string> told;
