@@ -13,18 +13,18 @@ std::atomic<bool> held{false};
 
 // With glibc `stderr` is a variable that may be set.
 
-StderrMute::StderrMute() : nowhere_(std::fopen("/dev/null", "we")), saved_(stderr) {
+StderrMute::StderrMute() : devNull_(std::fopen("/dev/null", "we")), saved_(stderr) {
     [[maybe_unused]] const bool second = held.exchange(true);
     assert(!second);
-    if (nowhere_ != nullptr) {
-        stderr = nowhere_;
+    if (devNull_ != nullptr) {
+        stderr = devNull_;
     }
 }
 
 StderrMute::~StderrMute() {
-    if (nowhere_ != nullptr) {
+    if (devNull_ != nullptr) {
         stderr = saved_;
-        std::fclose(nowhere_);  // NOLINT(cert-err33-c): nothing was to be kept.
+        std::fclose(devNull_);  // NOLINT(cert-err33-c): nothing was to be kept.
     }
     held = false;
 }

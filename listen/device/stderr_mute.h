@@ -13,13 +13,13 @@ class StderrMute {
     ~StderrMute();
 
     /// Leaves everything as it is for good, for a library that may still write.
-    void abandon() { nowhere_ = nullptr; }
+    void abandon() { devNull_ = nullptr; }
 
     StderrMute(const StderrMute&) = delete;
     StderrMute& operator=(const StderrMute&) = delete;
 
   private:
-    std::FILE* nowhere_;  ///< Null when it could not be had.
+    std::FILE* devNull_;  ///< Null when it could not be had.
     std::FILE* saved_;    ///< What `stderr` was.
 };
 

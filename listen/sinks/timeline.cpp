@@ -45,7 +45,7 @@ void Timeline::begin(const AudioPacket& packet, std::int64_t now) {
 }
 
 // Not by the time since the packet before: that may have waited while a disc or pipe was slow.
-std::uint64_t Timeline::mostFor(const AudioPacket& packet, std::int64_t now) const {
+std::uint64_t Timeline::maximumFill(const AudioPacket& packet, std::int64_t now) const {
     const std::int64_t allowance = BURST_ALLOWANCE + (now - start_) / CLOCK_TOLERANCE;
     return framesIn(now - reach() + allowance, packet.sampleRate);
 }
@@ -53,7 +53,7 @@ std::uint64_t Timeline::mostFor(const AudioPacket& packet, std::int64_t now) con
 std::uint64_t Timeline::missingFrames(const AudioPacket& packet, const SequenceStep& step,
                                       std::int64_t now) const {
     if (!step.start) {
-        return std::min<std::uint64_t>(step.missing * packet.frames, mostFor(packet, now));
+        return std::min<std::uint64_t>(step.missing * packet.frames, maximumFill(packet, now));
     }
     const std::uint64_t elapsed =
         started_ ? framesIn(now - lastArrival_, packet.sampleRate) : packet.frames;

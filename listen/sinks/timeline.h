@@ -44,7 +44,7 @@ class Timeline {
     [[nodiscard]] std::uint64_t missingFrames(const AudioPacket& packet, const SequenceStep& step,
                                               std::int64_t now) const;
     [[nodiscard]] std::int64_t reach() const;
-    [[nodiscard]] std::uint64_t mostFor(const AudioPacket& packet, std::int64_t now) const;
+    [[nodiscard]] std::uint64_t maximumFill(const AudioPacket& packet, std::int64_t now) const;
     void begin(const AudioPacket& packet, std::int64_t now);
     PcmSink* fill(std::uint64_t frames, int rate);
     PcmSink* hand(const std::int16_t* frames, std::size_t count, int rate);

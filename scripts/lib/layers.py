@@ -13,6 +13,12 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 CORE = ("app/base", "stream", "audio", "stream/network_host", "discovery", "gui/Settings", "update")
+SMALL = tuple(f"listen/{name}" for name in ("background", "clock", "retry_pause", "stop_request",
+                                            "utf8"))
+GROUND = ("stream/wire_format", *SMALL)
+# What receives, finds and decodes: the library vx_receive.
+RECEIVE = (*GROUND, "listen/network", "listen/audio", "listen/find_server")
+WEB_SMALL = ("web/channel", "web/log", "web/options", "web/packet")
 ROOMS = {
     "common": (),
     "app/base": (),
@@ -25,8 +31,24 @@ ROOMS = {
     "app": CORE,
     "gui": ("app", *CORE),
     "app/main": ("app", "gui", *CORE),
-    "listen": ("stream/wire_format",),
-    "web": ("listen", "stream/wire_format"),
+    **{name: () for name in SMALL},
+    "listen/network": GROUND,
+    "listen/find_server": ("listen/network", *GROUND),
+    "listen/audio": ("listen/network", *GROUND),
+    "listen/playout": RECEIVE,
+    "listen/device/playback": ("listen/playout",),
+    "listen/device": ("listen/device/playback", "listen/playout", *RECEIVE),
+    "listen/sinks": RECEIVE,
+    "listen/options": ("listen/playout", *RECEIVE),
+    "listen/console": ("listen/options", "listen/device/playback", *RECEIVE),
+    "listen": ("listen/playout", "listen/device", "listen/sinks", "listen/options",
+               "listen/console", *RECEIVE),
+    "web/page": (),
+    "web/streams": RECEIVE,
+    **{name: ("web/streams", *WEB_SMALL, *RECEIVE) for name in WEB_SMALL},
+    "web/upstream": ("web/streams", *WEB_SMALL, *RECEIVE),
+    "web/http": ("web/page", "web/upstream", *WEB_SMALL, *RECEIVE),
+    "web": ("web/streams", "web/upstream", "web/http", *WEB_SMALL, *RECEIVE),
 }
 # "wire_format" is a room for those who may include nothing else of stream/.
 FILES_OF_THEIR_OWN = {"stream/wire_format": ()}
@@ -41,8 +63,8 @@ def room_of(path):
 
 def main():
     wrong = []
-    for file in sorted(path for room in ("common", "app", "audio", "stream", "discovery",
-                                         "gui", "update", "listen", "web") for path in (ROOT / room).rglob("*.[ch]*")):
+    folders = {room.partition("/")[0] for room in ROOMS}
+    for file in sorted(path for folder in folders for path in (ROOT / folder).rglob("*.[ch]*")):
         room = room_of(str(file.relative_to(ROOT).with_suffix("")))
         allowed = ROOMS.get(room, ())
         for line in file.read_text(encoding="utf-8").splitlines():

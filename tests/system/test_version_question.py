@@ -43,10 +43,10 @@ class Question(VersionTest):
         self.opened = self.folder / "opened"
 
     def add_browser(self, then=""):
-        stand_in = self.programs / "xdg-open"
-        stand_in.write_text(
+        fake = self.programs / "xdg-open"
+        fake.write_text(
             f"#!/bin/sh\nprintf '%s\\n' $# \"$@\" >> '{self.opened}'\n{then}\n", encoding="ascii")
-        stand_in.chmod(0o755)
+        fake.chmod(0o755)
 
     def window(self, **options):
         # Without the system's folders: an installed xdg-open must not run.

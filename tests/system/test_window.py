@@ -86,8 +86,8 @@ class VolumeControl(SystemTest):
     def setUp(self):
         super().setUp()
         self.record = self.folder / "record"
-        stand_in = self.folder / "pavucontrol"
-        stand_in.write_text(
+        fake = self.folder / "pavucontrol"
+        fake.write_text(
             "#!/usr/bin/python3\n"
             "import os, time\n"
             "fds = sorted(int(n) for n in os.listdir('/proc/self/fd'))\n"
@@ -95,7 +95,7 @@ class VolumeControl(SystemTest):
             "    print(os.getpid(), *fds, file=out)\n"
             f"os.rename('{self.record}.new', '{self.record}')\n"
             "time.sleep(600)\n", encoding="ascii")
-        stand_in.chmod(stand_in.stat().st_mode | stat.S_IXUSR)
+        fake.chmod(fake.stat().st_mode | stat.S_IXUSR)
         self.env = {"PATH": f"{self.folder}:{os.environ['PATH']}"}
 
     def test_button_starts_it_and_the_server_goes_on(self):
