@@ -28,8 +28,8 @@ function liveUrl(quality) {
 
 /**
  * Calls of `listener`: onState(one of State), onTitle(text), onFigures(figures). The figures are
- * those of Playout, and outputMs (of the browser and the device; null when unknown), leadMs,
- * sampleRate, bytes (until now).
+ * those of Playout, and outputMs (of the browser and the device; null when unknown), sampleRate,
+ * bytes (until now).
  */
 export class Player {
   #listener;
@@ -164,11 +164,9 @@ export class Player {
       this.#hasPlayed = true;
       this.#tell(State.PLAYING);
     }
-    const { baseLatency = 0, outputLatency = 0 } = asksOutput ? this.#context : {};
     this.#listener.onFigures({
-      leadMs: 0,
       ...figures,
-      outputMs: asksOutput ? 1000 * Math.max(baseLatency, outputLatency) : null,
+      outputMs: asksOutput ? 1000 * (this.#context.outputLatency ?? 0) : null,
       sampleRate: this.#format?.sampleRate ?? 0,
       bytes: this.#bytes,
     });
