@@ -15,6 +15,9 @@ const DEPTH_MEMORY = 2; // Seconds over which the depth is averaged.
 const LONGEST_STEP = 1; // Seconds; a longer pause of the output is cut to it.
 const MIN_EXCESS_MS = 40;
 const EXCESS_SHARE = 0.5;
+// Outputs take their time to begin, and sound piles up meanwhile.
+const BEGIN_SECONDS = 4;
+const BEGIN_EXCESS_MS = 12;
 // Much less sound than the target is made up for by stretching, for the drift correction is slow.
 const MAX_SHORTAGE_MS = 15;
 const SHORTAGE_SHARE = 0.3;
@@ -34,7 +37,8 @@ export class Playout {
   #packets = 0; // Of the stream, lost ones too.
   #lastRender = null;
   #meanDepth = 0;
-  #sinceDepth = 0; // Seconds since the depth was looked at,
+  #sinceBegin = 0; // Seconds since it began to play,
+  #sinceDepth = 0; // the depth was looked at,
   #sinceControl = 0; // and the correction set.
   #sinceStretch = 0;
   #stretching = false;
@@ -44,7 +48,8 @@ export class Playout {
   #peak = [0, 0];
   #figures = {
     playing: false,
-    depthMs: 0,
+    depthMs: 0, // What waits here,
+    aheadMs: 0, // and in the output.
     correctionPpm: 0,
     lost: 0, // Packets.
     underruns: 0,
@@ -56,6 +61,12 @@ export class Playout {
   constructor(outputRate, bufferMs) {
     this.#outputRate = outputRate;
     this.#target = new DelayTarget(bufferMs);
+  }
+
+  /** So many milliseconds of the buffer wait in the output, rendered but not yet on their way. */
+  setAhead(milliseconds) {
+    this.#figures.aheadMs = milliseconds;
+    this.#target.setAhead(milliseconds);
   }
 
   setBuffer(milliseconds) {
@@ -140,6 +151,7 @@ export class Playout {
     this.#figures.skipped += this.#everPlayed ? packets : 0;
     this.#everPlayed = true;
     this.#source.resume();
+    this.#sinceBegin = 0;
     this.#meanDepth = this.#target.milliseconds;
     this.#figures.playing = true;
   }
@@ -216,6 +228,7 @@ export class Playout {
       return;
     }
     this.#sinceDepth += seconds;
+    this.#sinceBegin += seconds;
     if (!this.#fresh) {
       return;
     }
@@ -225,12 +238,14 @@ export class Playout {
     this.#meanDepth += (this.#depthMs - this.#meanDepth) * share;
     this.#figures.depthMs = this.#meanDepth;
     const target = this.#target.milliseconds;
-    if (this.#meanDepth > target + Math.max(MIN_EXCESS_MS, EXCESS_SHARE * target)) {
+    const most = this.#sinceBegin < BEGIN_SECONDS
+      ? BEGIN_EXCESS_MS : Math.max(MIN_EXCESS_MS, EXCESS_SHARE * target);
+    if (this.#meanDepth > target + most) {
       this.#skipDown(target);
     }
   }
 
-  /** After an interruption much more may wait than needed. */
+  /** At the begin and after an interruption much more may wait than needed. */
   #skipDown(target) {
     const excess = Math.min(this.#depthMs, this.#meanDepth) - target;
     const packets = Math.floor(excess / this.#packetMs);
