@@ -3,7 +3,10 @@
 import csv
 import math
 import os
+import platform
+import subprocess
 import sys
+import time
 from pathlib import Path
 
 
@@ -82,6 +85,27 @@ def write_histogram(folder, name, values_ns):
         writer = csv.writer(file, lineterminator="\n")
         writer.writerow(("up_to_ms", "count"))
         writer.writerows(histogram(values_ns))
+
+
+def version_of(package):
+    found = subprocess.run(["dpkg-query", "-W", "-f", "${Version}", package], check=False,
+                           capture_output=True, text=True)
+    return found.stdout or "not a package here"
+
+
+def describe_machine(path, packages, more=()):
+    """Writes what a measurement ran on, with the packages' versions and `more` pairs of what and
+    value, unless the file is there."""
+    if path.exists():
+        return
+    with open("/proc/cpuinfo", encoding="utf-8") as lines:
+        model = next((line.partition(":")[2].strip() for line in lines
+                      if line.startswith("model name")), platform.machine())
+    rows = [("date", time.strftime("%Y-%m-%d")), ("processor", model),
+            ("processors", os.cpu_count()), ("kernel", platform.release().partition("-")[0]),
+            *more, *((package, version_of(package)) for package in packages)]
+    with open(path, "w", newline="", encoding="utf-8") as file:
+        csv.writer(file, lineterminator="\n").writerows([("what", "value"), *rows])
 
 
 def build_folder(parser):

@@ -60,9 +60,9 @@ class Player:
     `pieces` is an iterator of bytes, or a function that makes one from the pipe to the player.
     """
 
-    def __init__(self, sound, pieces, latency_ms=None):
+    def __init__(self, sound, pieces, latency_ms=None, sink=NULL_SINK):
         command = ["pacat", "--playback", "--raw", "--format=s16le", "--channels=2",
-                   f"--rate={RATE}", f"--device={NULL_SINK}"]
+                   f"--rate={RATE}", f"--device={sink}"]
         if latency_ms:
             command.append(f"--latency-msec={latency_ms}")
         self.process = subprocess.Popen(command, stdin=subprocess.PIPE, bufsize=0,
@@ -95,18 +95,21 @@ class Player:
 
 
 class Clicks:
-    """Silence handed over piece by piece in real time, with a click at random moments.
+    """Sound handed over piece by piece in real time, with a click at random moments.
 
-    Silence is held back while the player's pipe is not empty, so that no delay builds up there.
+    `sound` are samples that repeat, silence if not given; `click` is shorter than a piece. Sound is
+    held back while the player's pipe is not empty, so that no delay builds up there.
     """
 
-    def __init__(self):
+    PIECE_BYTES = int(RATE * PIECE_S) * 4
+    LOUD = array.array("h", [20000] * (2 * RATE * CLICK_MS // 1000)).tobytes()
+
+    def __init__(self, sound=bytes(PIECE_BYTES), click=LOUD):
         self.handed_over = []
         self.random = random.Random(7)
-        self.silence = bytes(int(RATE * PIECE_S) * 4)
-        frames = RATE * CLICK_MS // 1000
-        click = b"".join((20000).to_bytes(2, "little") for _ in range(2 * frames))
-        self.click = click + self.silence[len(click):]
+        self.sound = itertools.cycle(
+            sound[at:at + self.PIECE_BYTES] for at in range(0, len(sound), self.PIECE_BYTES))
+        self.click = click
 
     @staticmethod
     def _waiting(pipe):
@@ -116,7 +119,7 @@ class Clicks:
 
     def pieces(self, pipe):
         for _ in range(int(PLAYER_LATENCY_MS / 1000 / PIECE_S) + 1):
-            yield self.silence  # As much as the player wants before it begins.
+            yield next(self.sound)  # As much as the player wants before it begins.
         while self._waiting(pipe) > 0:
             time.sleep(PIECE_S)
         due = time.monotonic()
@@ -127,9 +130,9 @@ class Clicks:
             if due >= next_click:
                 next_click = due + self.random.uniform(*CLICK_PAUSE_S)
                 self.handed_over.append(time.monotonic_ns())
-                yield self.click
+                yield self.click + next(self.sound)[len(self.click):]
             elif self._waiting(pipe) == 0:
-                yield self.silence
+                yield next(self.sound)
 
 
 def match(handed_over, arrivals):

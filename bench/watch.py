@@ -100,6 +100,11 @@ class ProcessMeter:
         values = {line.split(":")[0]: line.split()[1] for line in lines if line.endswith("kB")}
         return int(values["VmRSS"]) / 1024, int(values["RssAnon"]) / 1024
 
+    def pss_mb(self):
+        """Resident memory, of pages shared with other processes only the process's part."""
+        lines = (self.folder / "smaps_rollup").read_text(encoding="ascii").splitlines()
+        return next(int(line.split()[1]) for line in lines if line.startswith("Pss:")) / 1024
+
     def processor_ms(self):
         """Processor time of all living threads, in milliseconds."""
         total = 0

@@ -23,6 +23,10 @@ constexpr std::int64_t CONNECT_PATIENCE = 5 * SECOND;
 /// connection helps.
 constexpr std::int64_t SILENCE_PATIENCE = 3 * SECOND;
 constexpr std::int64_t WATCH_INTERVAL = 100 * MILLISECOND;
+// The least round trip is looked for: often at first, not in step with the server's blocks.
+constexpr std::int64_t FIRST_PINGS = 10 * SECOND;
+constexpr std::int64_t FIRST_PING_INTERVAL = 51 * MILLISECOND;
+constexpr std::int64_t PING_INTERVAL = 251 * MILLISECOND;
 
 double toSeconds(std::int64_t microseconds) {
     return static_cast<double>(microseconds) / static_cast<double>(SECOND);
@@ -113,6 +117,7 @@ void Client::fail(const std::string& sentence) {
 void Client::step() {
     handle(receiver_.service(SERVICE_MS));
     watchTime();
+    watchRoundTrip();
     watchConnection();
     watchOutputs();
     watchFigures();
@@ -226,6 +231,17 @@ void Client::watchTime() {
     if (options_.seconds > 0 && everConnected_ &&
         toSeconds(steadyNow() - firstConnect_) >= options_.seconds) {
         end(STATUS_OK);
+    }
+}
+
+void Client::watchRoundTrip() {
+    const std::int64_t now = steadyNow();
+    if (const auto roundTrip = receiver_.takeRoundTrip()) {
+        outputs_.noteRoundTrip(static_cast<double>(*roundTrip));
+    }
+    if (link_ == Link::Connected && options_.play && now >= nextPing_) {
+        receiver_.ping();
+        nextPing_ = now + (now - linkSince_ < FIRST_PINGS ? FIRST_PING_INTERVAL : PING_INTERVAL);
     }
 }
 

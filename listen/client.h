@@ -47,6 +47,7 @@ class Client {
     void endExcused();
     void takeState(SinkState state);
     void watchTime();
+    void watchRoundTrip();
     void watchConnection();
     void watchFigures();
     void measureBitRate();
@@ -77,6 +78,7 @@ class Client {
     std::int64_t lastAudio_ = 0;  ///< Connected: when audio last came, or the connection did.
     std::int64_t nextFigures_ = 0;
     std::int64_t nextWatch_ = 0;
+    std::int64_t nextPing_ = 0;
     std::int64_t bitRateSince_ = 0;   ///< Start of the span that the bit rate is measured over,
     std::uint64_t bitRateBytes_ = 0;  ///< and the bytes received before it.
 };

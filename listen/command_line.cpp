@@ -4,7 +4,9 @@
 #include <cmath>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <iterator>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <unistd.h>
@@ -26,6 +28,9 @@ struct Rate {
     std::uint32_t code;
 };
 
+constexpr double MOST_DELAY_MS = 10000;
+constexpr double MOST_OFFSET_MS = 1000;
+
 constexpr Rate RATES[] = {
     {"raw", wire::RATE_CODE_RAW}, {"64", 1}, {"128", 2}, {"256", 3}, {"20", 5}};
 
@@ -43,6 +48,8 @@ struct Words {
     bool bestEffort = false;
     bool single = false;
     bool noPlay = false;
+    std::string delay;
+    std::string offset;
     std::string stats;
 };
 
@@ -55,8 +62,13 @@ void describe(CLI::App& app, Words& words, Options& options) {
     app.add_flag("--best-effort", words.bestEffort, "Lost packets are not sent again");
     app.add_option("--name", options.choice.name, "Name that the server shows (this host's)");
     app.add_flag("--single", words.single, "Give the place up to the next listener that connects");
-    app.add_option("--buffer", options.bufferMs, "Milliseconds of sound to keep ready (40)")
+    app.add_option("--buffer", options.playout.bufferMs,
+                   "Milliseconds of sound to keep ready, at least (40 at first)")
         ->check(CLI::Range(DelayTarget::LEAST_MS, DelayTarget::MOST_MS));
+    app.add_option("--delay", words.delay,
+                   "Milliseconds from the server to the loudspeaker, for rooms in step");
+    app.add_option("--offset", words.offset,
+                   "Milliseconds that the loudspeaker is late by without saying so");
     app.add_option("--device", options.device, "Output device: its name, or part of it");
     app.add_flag("--list-devices", options.listDevices,
                  "List the output devices, the default one first, and end");
@@ -141,10 +153,41 @@ Complaint takeOutput(const Words& words, bool secondsGiven, Options& options) {
     return {};
 }
 
+/// The number that is the whole of `text`, which may be any text.
+std::optional<double> readNumber(const std::string& text) {
+    const char* const begin = text.c_str();
+    char* end = nullptr;
+    const double value = std::strtod(begin, &end);
+    const bool whole = end != begin && end == begin + text.size();
+    // Neither blanks before it nor what strtod takes in addition: "nan", "inf" and hexadecimals.
+    const bool plain = text.find_first_not_of("+-.0123456789eE") == std::string::npos;
+    return whole && plain && std::isfinite(value) ? std::optional(value) : std::nullopt;
+}
+
+Complaint takeDelay(const CLI::App& app, const Words& words, Options& options) {
+    options.playout.bufferChosen = app.count("--buffer") > 0;
+    if (app.count("--delay") > 0) {
+        options.playout.delayMs = readNumber(words.delay);
+        if (!options.playout.delayMs || *options.playout.delayMs <= 0 ||
+            *options.playout.delayMs > MOST_DELAY_MS) {
+            return "--delay must be a number of milliseconds above 0, up to 10000";
+        }
+    }
+    if (app.count("--offset") > 0) {
+        const std::optional<double> offset = readNumber(words.offset);
+        if (!offset || std::abs(*offset) > MOST_OFFSET_MS) {
+            return "--offset must be a number of milliseconds from -1000 to 1000";
+        }
+        options.playout.offsetMs = *offset;
+    }
+    return {};
+}
+
 Complaint check(const CLI::App& app, const Words& words, Options& options) {
-    for (const Complaint& complaint : {takeHost(words, options), takeStats(words, options),
-                                       takeStream(words, app.count("--name") > 0, options),
-                                       takeOutput(words, app.count("--seconds") > 0, options)}) {
+    for (const Complaint& complaint :
+         {takeHost(words, options), takeStats(words, options),
+          takeStream(words, app.count("--name") > 0, options),
+          takeOutput(words, app.count("--seconds") > 0, options), takeDelay(app, words, options)}) {
         if (!complaint.empty()) {
             return complaint;
         }

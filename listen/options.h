@@ -6,6 +6,7 @@
 
 #include "listen/find_server.h"
 #include "listen/network/receiver.h"
+#include "listen/playout/schedule.h"
 
 namespace vxlisten {
 
@@ -20,8 +21,8 @@ struct Options {
     std::string recordPath;  ///< Empty: no recording.
     bool toStdout = false;   ///< Raw samples go to standard output, everything else elsewhere.
     bool play = true;
-    std::string device;        ///< Output device; empty: the default one.
-    double bufferMs = 40;      ///< Sound to keep buffered before it is played.
+    std::string device;  ///< Output device; empty: the default one.
+    PlayoutSettings playout;
     bool list = false;         ///< Only list the servers.
     bool listDevices = false;  ///< Only list the output devices.
     bool once = false;         ///< End when the connection ends, instead of connecting again.

@@ -25,7 +25,8 @@ bool Outputs::open(const Options& options) {
 }
 
 bool Outputs::openSound(const Options& options) {
-    sound_ = std::make_unique<SoundKeeper>(options.device, options.bufferMs);
+    delayKept_ = options.playout.delayMs.has_value();
+    sound_ = std::make_unique<SoundKeeper>(options.device, options.playout);
     if (sound_->open(steadyNow())) {
         return true;
     }
@@ -44,9 +45,10 @@ SinkState Outputs::take(const AudioPacket& packet, const SequenceStep& step, std
     assert(thread_.here());
     BlockQueue* const played = sound_ != nullptr ? sound_->queue() : nullptr;
     const DecodedBlock sound =
-        decoder_.decode(packet, step, [played, now](const DecodedBlock& block) {
+        decoder_.decode(packet, step, [this, &packet, played, now](const DecodedBlock& block) {
+            const SendTime sent = sendClock_.next(block, packet, now);
             if (played != nullptr) {
-                played->push(block, now);
+                played->push(block, now, sent);
             }
         });
     return judge(timeline_.take(packet, step, sound, now));
@@ -68,6 +70,10 @@ SinkState Outputs::watch(std::int64_t now, std::string& news) {
     assert(thread_.here());
     if (sound_ != nullptr) {
         news = sound_->watch(now);
+    }
+    if (news.empty() && delayKept_ && sendClock_.jumps() != jumpsTold_) {
+        jumpsTold_ = sendClock_.jumps();
+        news = "the server's clock has jumped, coming into step again";
     }
     return pipe_ != nullptr && pipe_->readerGone() ? SinkState::Closed : SinkState::Open;
 }

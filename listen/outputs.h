@@ -12,6 +12,7 @@
 #include "listen/network/audio_packet.h"
 #include "listen/network/sequence_tracker.h"
 #include "listen/options.h"
+#include "listen/playout/send_clock.h"
 #include "listen/sinks/pcm_sink.h"
 #include "listen/sinks/pipe_sink.h"
 #include "listen/sinks/recorder.h"
@@ -29,6 +30,9 @@ class Outputs {
 
     /// Hands a packet on that came at `now` (microseconds). Returns how the sinks took it.
     SinkState take(const AudioPacket& packet, const SequenceStep& step, std::int64_t now);
+
+    /// Takes a round trip to the server and back, in microseconds.
+    void noteRoundTrip(double roundTrip) { sendClock_.noteRoundTrip(roundTrip); }
 
     /// Looks after the outputs; to be called several times a second. Returns whether they go on;
     /// `news` is a sentence for the user when something happened to the output device.
@@ -58,6 +62,9 @@ class Outputs {
     SinkState judge(const PcmSink* stopped);
 
     StreamDecoder decoder_;
+    SendClock sendClock_;
+    bool delayKept_ = false;
+    unsigned jumpsTold_ = 0;
     Timeline timeline_;
     std::unique_ptr<Recorder> recorder_;
     std::unique_ptr<PipeSink> pipe_;

@@ -80,6 +80,9 @@ std::vector<std::string> countFields(const Statistics& s) {
     if (s.playback) {
         fields.push_back("buffer " + number(s.playback->bufferMs, 0) + "/" +
                          number(s.playback->targetMs, 0) + " ms");
+        if (s.playback->delayMs) {
+            fields.push_back(delayText(*s.playback).substr(1));
+        }
     }
     fields.push_back("lost " + std::to_string(s.lost));
     if (s.playback) {

@@ -42,6 +42,10 @@ class JsonObject {
     std::string text_ = "{";
 };
 
+std::string orNull(const std::optional<double>& value) {
+    return value ? number(*value, 2) : "null";
+}
+
 std::string playbackJson(const Playback& p) {
     JsonObject object;
     object.add("playing", p.playing ? "true" : "false")
@@ -50,6 +54,8 @@ std::string playbackJson(const Playback& p) {
         .add("jitter_ms", number(p.jitterMs, 1))
         .add("output_latency_ms", number(p.outputLatencyMs, 1))
         .add("correction_ppm", number(p.correctionPpm, 1))
+        .add("delay_ms", orNull(p.delayMs))
+        .add("in_step_ms", orNull(p.inStepMs))
         .add("concealed", std::to_string(p.concealed))
         .add("skipped", std::to_string(p.skipped))
         .add("stretched", std::to_string(p.stretched))
@@ -89,6 +95,14 @@ const char* deliveryName(bool reliable) {
     return reliable ? "reliable" : "best-effort";
 }
 
+std::string delayText(const Playback& playback) {
+    if (!playback.delayMs) {
+        return {};
+    }
+    const std::string text = " delay " + number(*playback.delayMs, 1) + " ms";
+    return playback.inStepMs ? text + " in step " + number(*playback.inStepMs, 1) + " ms" : text;
+}
+
 std::string toJson(const Statistics& s, const char* type) {
     JsonObject object;
     object.add("type", quoted(type))
@@ -123,7 +137,7 @@ std::string toLine(const Statistics& s) {
     if (s.playback) {
         text += " concealed " + std::to_string(s.playback->concealed) + " underruns " +
                 std::to_string(s.playback->underruns) + " buffer " +
-                number(s.playback->bufferMs, 0) + " ms";
+                number(s.playback->bufferMs, 0) + " ms" + delayText(*s.playback);
     }
     return text;
 }

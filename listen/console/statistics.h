@@ -42,6 +42,10 @@ std::string rateName(std::uint32_t rateCode);
 /// "reliable" or "best-effort".
 const char* deliveryName(bool reliable);
 
+/// The delay and, where it is to be kept, how late the sound is, with a blank before each; empty
+/// while they are not known.
+std::string delayText(const Playback& playback);
+
 /// One JSON object on one line, without a line end. `type` is "stats" or "end".
 std::string toJson(const Statistics& statistics, const char* type);
 

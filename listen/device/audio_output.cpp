@@ -1,6 +1,8 @@
 #include "listen/device/audio_output.h"
 
 #include <algorithm>
+#include <cmath>
+#include <optional>
 
 #include "listen/clock.h"
 #include "listen/device/stderr_mute.h"
@@ -47,6 +49,11 @@ int chooseRate(const PaStreamParameters& parameters, const PaDeviceInfo& info) {
                : static_cast<int>(info.defaultSampleRate);
 }
 
+/// Without a value that is not known.
+std::optional<double> known(double value) {
+    return std::isnan(value) ? std::nullopt : std::optional(value);
+}
+
 }  // namespace
 
 AudioOutput::~AudioOutput() {
@@ -76,7 +83,8 @@ bool AudioOutput::fail(const std::string& reason) {
     return false;
 }
 
-bool AudioOutput::open(const std::string& device, double delayMs, double latencyMs) {
+bool AudioOutput::open(const std::string& device, const PlayoutSettings& settings,
+                       double latencyMs) {
     const PaError result = Pa_Initialize();
     if (result != paNoError) {
         return fail(Pa_GetErrorText(result));
@@ -87,10 +95,10 @@ bool AudioOutput::open(const std::string& device, double delayMs, double latency
         return fail(device.empty() ? "there is no output device"
                                    : "there is no output device named '" + device + "'");
     }
-    return start(index, delayMs, latencyMs);
+    return start(index, settings, latencyMs);
 }
 
-bool AudioOutput::start(PaDeviceIndex device, double delayMs, double latencyMs) {
+bool AudioOutput::start(PaDeviceIndex device, const PlayoutSettings& settings, double latencyMs) {
     const PaDeviceInfo* const info = Pa_GetDeviceInfo(device);
     PaStreamParameters parameters = {};
     parameters.device = device;
@@ -98,15 +106,20 @@ bool AudioOutput::start(PaDeviceIndex device, double delayMs, double latencyMs) 
     parameters.sampleFormat = paInt16;
     parameters.suggestedLatency = std::max(info->defaultLowOutputLatency, latencyMs / 1000.0);
     const int rate = chooseRate(parameters, *info);
-    playout_ = std::make_unique<Playout>(rate, delayMs);
     PaError result = Pa_OpenStream(&stream_, nullptr, &parameters, rate, FRAMES_PER_BUFFER,
                                    paNoFlag, onOutput, this);
     if (result != paNoError) {
         stream_ = nullptr;
         return fail(Pa_GetErrorText(result));
     }
+    playout_ = std::make_unique<Playout>(rate, settings, outputLatencyMs());
     result = Pa_StartStream(stream_);
     return result == paNoError || fail(Pa_GetErrorText(result));
+}
+
+double AudioOutput::outputLatencyMs() const {
+    const PaStreamInfo* const info = Pa_GetStreamInfo(stream_);
+    return info != nullptr ? info->outputLatency * 1000.0 : 0.0;
 }
 
 bool AudioOutput::alive() const {
@@ -115,14 +128,15 @@ bool AudioOutput::alive() const {
 
 Playback AudioOutput::figures() const {
     const PlayoutFigures& figures = playout_->figures();
-    const PaStreamInfo* const info = Pa_GetStreamInfo(stream_);
     Playback result;
     result.playing = figures.playing;
     result.bufferMs = figures.depthMs;
     result.targetMs = figures.targetMs;
     result.jitterMs = figures.jitterMs;
-    result.outputLatencyMs = info != nullptr ? info->outputLatency * 1000.0 : 0.0;
+    result.outputLatencyMs = outputLatencyMs();
     result.correctionPpm = figures.correctionPpm;
+    result.delayMs = known(figures.delayMs);
+    result.inStepMs = known(figures.inStepMs);
     result.concealed = figures.concealed;
     result.skipped = figures.skipped;
     result.stretched = figures.stretched;
@@ -131,18 +145,22 @@ Playback AudioOutput::figures() const {
     return result;
 }
 
-void AudioOutput::render(std::int16_t* output, std::size_t frames, bool underflow) {
+void AudioOutput::render(std::int16_t* output, std::size_t frames, double latency, bool underflow) {
+    const std::int64_t now = steadyNow();
     if (underflow) {
         ++deviceUnderruns_;
+        playout_->noteDeviceUnderrun();
     }
     ++calls_;
-    playout_->render(output, frames, steadyNow());
+    playout_->render(output, frames, now, latency);
 }
 
 int AudioOutput::onOutput(const void* /*input*/, void* output, unsigned long frames,
-                          const PaStreamCallbackTimeInfo* /*time*/, PaStreamCallbackFlags flags,
+                          const PaStreamCallbackTimeInfo* time, PaStreamCallbackFlags flags,
                           void* self) {
-    static_cast<AudioOutput*>(self)->render(static_cast<std::int16_t*>(output), frames,
+    const double latency = time != nullptr ? (time->outputBufferDacTime - time->currentTime) * 1e6
+                                           : OutputClock::UNKNOWN;
+    static_cast<AudioOutput*>(self)->render(static_cast<std::int16_t*>(output), frames, latency,
                                             (flags & paOutputUnderflow) != 0);
     return paContinue;
 }

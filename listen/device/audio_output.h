@@ -35,9 +35,10 @@ class AudioOutput {
     static std::vector<OutputDevice> devices();
 
     /// Opens and starts a device: the one whose name is `device`, else the first whose name
-    /// contains it, or the default for an empty text. `delayMs` is the sound to keep buffered,
-    /// `latencyMs` what the device itself shall keep at least. False on failure, see error().
-    [[nodiscard]] bool open(const std::string& device, double delayMs, double latencyMs);
+    /// contains it, or the default for an empty text. `latencyMs` is what the device itself shall
+    /// keep at least. False on failure, see error().
+    [[nodiscard]] bool open(const std::string& device, const PlayoutSettings& settings,
+                            double latencyMs);
 
     /// Where the sound goes that is to be played; only when open.
     [[nodiscard]] BlockQueue& queue() { return playout_->queue(); }
@@ -51,6 +52,13 @@ class AudioOutput {
     /// Figures of the playing side; only when open.
     [[nodiscard]] Playback figures() const;
 
+    /// The least delay from the sending to the loudspeaker that this device can play at, in
+    /// milliseconds, when that is more than the chosen one; else 0.
+    [[nodiscard]] double neededDelayMs() const { return playout_->figures().neededMs; }
+
+    /// True when the device does not say when its sound is heard.
+    [[nodiscard]] bool latencyIsNominal() const { return playout_->figures().nominalLatency; }
+
     /// Times that the device itself was not fed in time.
     [[nodiscard]] std::uint64_t deviceUnderruns() const { return deviceUnderruns_; }
 
@@ -62,8 +70,9 @@ class AudioOutput {
                         const PaStreamCallbackTimeInfo* time, PaStreamCallbackFlags flags,
                         void* self);
     bool fail(const std::string& reason);
-    bool start(PaDeviceIndex device, double delayMs, double latencyMs);
-    void render(std::int16_t* output, std::size_t frames, bool underflow);
+    [[nodiscard]] double outputLatencyMs() const;
+    bool start(PaDeviceIndex device, const PlayoutSettings& settings, double latencyMs);
+    void render(std::int16_t* output, std::size_t frames, double latency, bool underflow);
 
     bool initialized_ = false;
     PaStream* stream_ = nullptr;  ///< Owned.

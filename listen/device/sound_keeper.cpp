@@ -34,8 +34,8 @@ std::string askedFor(double milliseconds) {
 
 }  // namespace
 
-SoundKeeper::SoundKeeper(std::string device, double delayMs)
-    : device_(std::move(device)), delayMs_(delayMs) {}
+SoundKeeper::SoundKeeper(std::string device, const PlayoutSettings& settings)
+    : device_(std::move(device)), settings_(settings) {}
 
 SoundKeeper::~SoundKeeper() {
     if (opening_.valid() && opening_.wait_for(OPEN_PATIENCE) != std::future_status::ready) {
@@ -64,7 +64,7 @@ void SoundKeeper::giveUp() {
 
 bool SoundKeeper::open(std::int64_t now) {
     output_ = std::make_unique<AudioOutput>();
-    if (!output_->open(device_, delayMs_, latency_.milliseconds())) {
+    if (!output_->open(device_, settings_, latency_.milliseconds())) {
         error_ = output_->error();
         output_.reset();
         return false;
@@ -93,11 +93,11 @@ BlockQueue* SoundKeeper::queue() {
 }
 
 void SoundKeeper::reopen() {
-    opening_ = inBackground([old = std::move(gone_), device = device_, delay = delayMs_,
+    opening_ = inBackground([old = std::move(gone_), device = device_, settings = settings_,
                              latency = latency_.milliseconds()]() mutable {
         old.reset();  // PortAudio looks for devices anew only when nobody uses it any more.
         auto output = std::make_unique<AudioOutput>();
-        if (!output->open(device, delay, latency)) {
+        if (!output->open(device, settings, latency)) {
             output.reset();
         }
         return output;
@@ -121,7 +121,30 @@ std::string SoundKeeper::watch(std::int64_t now) {
     if (now - openedAt_ >= GOOD_SPELL) {
         pause_.reset();
     }
-    return latency_.noteUnderruns(output_->deviceUnderruns(), now) ? askForMore() : std::string();
+    return latency_.noteUnderruns(output_->deviceUnderruns(), now) ? askForMore() : tellDelay();
+}
+
+/// What keeps the sound from the chosen delay, a sentence each, once.
+std::string SoundKeeper::tellDelay() {
+    char text[128];
+    if (!settings_.delayMs) {
+        return {};
+    }
+    if (!toldDelay_ && output_->neededDelayMs() > 0) {
+        toldDelay_ = true;
+        std::snprintf(text, sizeof text,
+                      "a delay of %g ms is not possible here, playing at %.0f ms",
+                      *settings_.delayMs, output_->neededDelayMs());
+        return text;
+    }
+    if (!toldNominal_ && output_->latencyIsNominal()) {
+        toldNominal_ = true;
+        std::snprintf(text, sizeof text,
+                      "the output device does not say when its sound is heard, taking %.0f ms",
+                      output_->figures().outputLatencyMs);
+        return text;
+    }
+    return {};
 }
 
 std::string SoundKeeper::takeOpened(std::int64_t now) {

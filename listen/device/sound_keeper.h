@@ -21,8 +21,8 @@ namespace vxlisten {
 /// Everything on one thread.
 class SoundKeeper {
   public:
-    /// `device` as for AudioOutput::open(); `delayMs` is the sound to keep buffered.
-    SoundKeeper(std::string device, double delayMs);
+    /// `device` as for AudioOutput::open().
+    SoundKeeper(std::string device, const PlayoutSettings& settings);
 
     /// Waits for the background, but not for a sound library that hangs.
     ~SoundKeeper();
@@ -56,16 +56,19 @@ class SoundKeeper {
     std::string askForMore();
     void noteOpened(std::int64_t now);
     bool hasGone(std::int64_t now);
+    std::string tellDelay();
 
     StderrMute mute_;
     std::string device_;
-    double delayMs_;
+    PlayoutSettings settings_;
     DeviceLatency latency_;
     RetryPause pause_;
     OutputPointer output_;  ///< Null while there is none to play on.
     OutputPointer gone_;    ///< One that has gone and is still to be closed.
     std::future<OutputPointer> opening_;
-    bool lost_ = false;  ///< The user has been told that the device has gone.
+    bool lost_ = false;         ///< The user has been told that the device has gone,
+    bool toldDelay_ = false;    ///< that it cannot play at the chosen delay,
+    bool toldNominal_ = false;  ///< and that it does not say when its sound is heard.
     std::int64_t openedAt_ = 0;
     std::uint64_t calls_ = 0;    ///< The device's count of calls when it was last looked at,
     std::int64_t lastCall_ = 0;  ///< and when that count last rose.

@@ -4,9 +4,12 @@
 #include <cassert>
 #include <chrono>
 #include <cstddef>
+#include <cstring>
 #include <thread>
+#include <utility>
 #include <vector>
 
+#include "listen/clock.h"
 #include "listen/utf8.h"
 #include "stream/wire_format.h"
 
@@ -55,6 +58,8 @@ bool Receiver::open() {
         enet_deinitialize();
         return false;
     }
+    host_->peers[0].data = this;
+    host_->intercept = onDatagram;
     host_->maximumPacketSize = LARGEST_PACKET;
     enet_socket_set_option(host_->socket, ENET_SOCKOPT_RCVBUF, SOCKET_BUFFER);
     return true;
@@ -68,6 +73,7 @@ bool Receiver::resolve(const std::string& host, std::uint16_t port) {
 bool Receiver::connect(const StreamChoice& choice) {
     assert(thread_.here() && host_ != nullptr);
     drop();
+    pingedAt_ = roundTrip_ = -1;
     const std::uint32_t data =
         PROTOCOL_VERSION | (choice.multiClient ? wire::CONNECT_MULTI_CLIENT : 0U);
     peer_ = enet_host_connect(host_, &address_, CHANNELS, data);
@@ -161,6 +167,54 @@ void Receiver::startDisconnect() {
 int Receiver::descriptor() const {
     assert(host_ != nullptr);
     return host_->socket;
+}
+
+void Receiver::ping() {
+    assert(thread_.here());
+    if (peer_ == nullptr || peer_->state != ENET_PEER_STATE_CONNECTED) {
+        return;
+    }
+    enet_peer_ping(peer_);
+    enet_host_flush(host_);
+    pingMark_ = static_cast<enet_uint16>(host_->serviceTime & 0xFFFF);
+    pingedAt_ = steadyNow();
+}
+
+std::optional<std::int64_t> Receiver::takeRoundTrip() {
+    assert(thread_.here());
+    const std::int64_t found = std::exchange(roundTrip_, -1);
+    return found >= 0 ? std::optional(found) : std::nullopt;
+}
+
+int Receiver::onDatagram(ENetHost* host, ENetEvent* /*event*/) {
+    static_cast<Receiver*>(host->peers[0].data)
+        ->noteAnswers(host->receivedData, host->receivedDataLength);
+    return 0;
+}
+
+/// ENet itself knows round trips in whole milliseconds, and only their mean. Answers stand first
+/// in a datagram.
+void Receiver::noteAnswers(const enet_uint8* data, std::size_t length) {
+    constexpr std::size_t SENT_TIME = sizeof(enet_uint16);
+    if (pingedAt_ < 0 || length < sizeof(enet_uint16)) {
+        return;
+    }
+    const unsigned flags = data[0];
+    std::size_t at = sizeof(enet_uint16) +
+                     ((flags << 8 & ENET_PROTOCOL_HEADER_FLAG_SENT_TIME) != 0 ? SENT_TIME : 0);
+    for (; at + sizeof(ENetProtocolAcknowledge) <= length; at += sizeof(ENetProtocolAcknowledge)) {
+        ENetProtocolAcknowledge answer;
+        std::memcpy(&answer, data + at, sizeof answer);
+        if ((answer.header.command & ENET_PROTOCOL_COMMAND_MASK) !=
+            ENET_PROTOCOL_COMMAND_ACKNOWLEDGE) {
+            return;
+        }
+        if (ENET_NET_TO_HOST_16(answer.receivedSentTime) == pingMark_) {
+            roundTrip_ = steadyNow() - pingedAt_;
+            pingedAt_ = -1;
+            return;
+        }
+    }
 }
 
 std::string Receiver::address() const {

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <enet/enet.h>
@@ -79,13 +80,27 @@ class Receiver {
     /// The resolved server as "address:port".
     [[nodiscard]] std::string serverAddress() const;
 
+    /// Asks the server for a sign of life, for takeRoundTrip(). Does nothing when not connected.
+    void ping();
+
+    /// The time from the latest ping() to its answer, in microseconds; each once, nothing before
+    /// the answer has come. The server answers between two blocks of sound, so that most take a
+    /// part of a block longer than the way does.
+    std::optional<std::int64_t> takeRoundTrip();
+
     /// ENet's mean round-trip time in milliseconds, 0 when not connected.
     [[nodiscard]] std::uint32_t roundTripTime() const;
 
   private:
+    static int onDatagram(ENetHost* host, ENetEvent* event);
+    void noteAnswers(const enet_uint8* data, std::size_t length);
+
     ENetHost* host_ = nullptr;  ///< Owned.
     ENetPeer* peer_ = nullptr;  ///< Borrowed from the host.
     ENetAddress address_ = {};
+    std::int64_t pingedAt_ = -1;   ///< Microseconds; -1 while no answer is awaited.
+    enet_uint16 pingMark_ = 0;     ///< What the answer repeats.
+    std::int64_t roundTrip_ = -1;  ///< Microseconds; -1: none to take.
     ThreadCheck thread_;
 };
 

@@ -8,6 +8,7 @@
 
 #include "common/thread_check.h"
 #include "listen/audio/stream_decoder.h"
+#include "listen/playout/send_clock.h"
 
 namespace vxlisten {
 
@@ -15,10 +16,11 @@ namespace vxlisten {
 struct QueuedBlock {
     Join join = Join::GoesOn;
     bool concealed = false;
-    std::uint32_t turn = 0;    ///< Blocks of its stream before it.
-    std::int64_t arrival = 0;  ///< Microseconds.
-    int sampleRate = 0;        ///< Hz.
-    std::size_t count = 0;     ///< Frames.
+    std::uint64_t position = 0;  ///< Frames of its stream before it.
+    std::int64_t arrival = 0;    ///< Microseconds.
+    int sampleRate = 0;          ///< Hz.
+    std::size_t count = 0;       ///< Frames.
+    SendTime sent;
     std::array<std::int16_t, 2 * StreamDecoder::MAX_FRAMES> frames{};
 };
 
@@ -26,13 +28,15 @@ struct QueuedBlock {
 /// thread pushes, one other thread looks at what waits and pops.
 class BlockQueue {
   public:
-    static constexpr std::size_t CAPACITY = 512;
-
-    BlockQueue() : slots_(CAPACITY) {}
+    /// Room for `seconds` of sound, and some seconds more.
+    explicit BlockQueue(double seconds = 0);
 
     /// Appends a copy of a block that came at `now` (microseconds). One that finds no room is
     /// dropped, and what follows is a new stream. Thread: the one that pushes.
-    void push(const DecodedBlock& block, std::int64_t now);
+    void push(const DecodedBlock& block, std::int64_t now, const SendTime& sent = {});
+
+    /// The number of blocks that find room.
+    [[nodiscard]] std::size_t capacity() const { return slots_.size(); }
 
     /// The number of blocks that wait. Thread: the one that pops. Realtime-safe: yes.
     [[nodiscard]] std::size_t size() const;
@@ -48,8 +52,9 @@ class BlockQueue {
     std::vector<QueuedBlock> slots_;
     std::atomic<std::size_t> pushed_{0};
     std::atomic<std::size_t> popped_{0};
-    bool newStream_ = true;  ///< The next block begins one. Of the thread that pushes, as turn_.
-    std::uint32_t turn_ = 0;
+    bool newStream_ =
+        true;  ///< The next block begins one. Of the thread that pushes, as position_.
+    std::uint64_t position_ = 0;
     ThreadCheck pushing_;
     ThreadCheck popping_;
 };

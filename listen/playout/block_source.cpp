@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <utility>
 
 #include "listen/audio/splicing.h"
 
@@ -47,8 +48,11 @@ BlockSource::Block BlockSource::next() {
     const QueuedBlock& front = queue_[0];
     const Kind kind = front.concealed ? Kind::Concealed : Kind::Sound;
     const bool fadeIn = fadeIn_ || front.join == Join::FadeIn;
-    lastCount_ = front.count;
-    std::copy_n(front.frames.begin(), 2 * lastCount_, block_.begin());
+    const std::size_t leftOut = std::min(std::exchange(leftOut_, 0), front.count - 1);
+    lastCount_ = front.count - leftOut;
+    end_ = front.position + front.count;
+    std::copy_n(front.frames.begin() + static_cast<std::ptrdiff_t>(2 * leftOut), 2 * lastCount_,
+                block_.begin());
     drop(1);
     if (tailCount_ > 0) {
         crossfade(block_.data(), tail_.data(), std::min(lastCount_, tailCount_));
@@ -57,7 +61,7 @@ BlockSource::Block BlockSource::next() {
     }
     tailCount_ = 0;
     fadeIn_ = false;
-    return {kind, block_.data(), lastCount_};
+    return {kind, block_.data(), lastCount_, end_};
 }
 
 BlockSource::Block BlockSource::fadeOut() {
@@ -71,14 +75,27 @@ BlockSource::Block BlockSource::fadeOut() {
         mirror(block_.data(), lastCount_);
     }
     fade(block_.data(), lastCount_, 1.0, 0.0);
-    return {kind, block_.data(), lastCount_};
+    end_ += lastCount_;
+    return {kind, block_.data(), lastCount_, end_};
 }
 
-void BlockSource::resume() {
+void BlockSource::resume(std::size_t leftOut) {
+    leftOut_ = leftOut;
     pausing_ = false;
     fadeIn_ = true;
     lastCount_ = 0;
     tailCount_ = 0;
+}
+
+std::optional<std::size_t> BlockSource::leaveOutUntil(double position) {
+    while (!empty() && static_cast<double>(queue_[0].position + queue_[0].count) <= position) {
+        drop(1);
+    }
+    if (empty()) {
+        return std::nullopt;
+    }
+    const double before = position - static_cast<double>(queue_[0].position);
+    return before > 0 ? static_cast<std::size_t>(before) : 0;
 }
 
 void BlockSource::skip(std::size_t blocks) {

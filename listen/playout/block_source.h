@@ -3,6 +3,7 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 
 #include "listen/audio/stream_decoder.h"
 #include "listen/playout/block_queue.h"
@@ -17,13 +18,14 @@ class BlockSource {
         Sound,      ///< A packet's own.
         Concealed,  ///< Stands in for a lost packet.
         RanDry,     ///< The last block before a pause, because nothing is left.
-        Ended,      ///< The last block before a pause, because a new stream begins.
+        Ended,      ///< The last block before a pause that comes for another reason.
     };
 
     struct Block {
         Kind kind;
         const std::int16_t* frames;  ///< Stereo; valid until the next call.
         std::size_t count;           ///< Frames.
+        std::uint64_t end;           ///< Frames of the stream up to its end.
     };
 
     /// `queue` is borrowed and must outlive this.
@@ -39,8 +41,20 @@ class BlockSource {
     /// True while nothing is played, until resume().
     [[nodiscard]] bool pausing() const { return pausing_; }
 
-    /// Ends the pause; the next block fades in.
-    void resume();
+    /// Ends the pause; the next block fades in, without its first `leftOut` frames, which are fewer
+    /// than it has.
+    void resume(std::size_t leftOut = 0);
+
+    /// The sound fades out with the next block and pauses.
+    void pause() { streamChanged_ = !pausing_; }
+
+    /// While pausing: leaves out the blocks before the one that has the stream's frame `position`,
+    /// without a fade. Returns the frames of that block before it: 0 when the first block comes
+    /// later, nothing when no block reaches so far.
+    std::optional<std::size_t> leaveOutUntil(double position);
+
+    /// The stream's frame that the oldest block begins with; not when empty().
+    [[nodiscard]] std::uint64_t position() const { return queue_[0].position; }
 
     /// Leaves out up to `blocks` blocks; the sound before fades over into the sound after them.
     void skip(std::size_t blocks);
@@ -65,7 +79,9 @@ class BlockSource {
     int sampleRate_ = 0;
     bool pausing_ = true;
     bool fadeIn_ = true;
-    bool streamChanged_ = false;  ///< A new stream waits, the sound is still the old.
+    bool streamChanged_ = false;  ///< The sound is to end: a new stream waits, or pause().
+    std::size_t leftOut_ = 0;     ///< Frames of the next block.
+    std::uint64_t end_ = 0;       ///< Frames of the stream up to the end of block_.
     std::size_t tailCount_ = 0;   ///< Frames in tail_ that the next block fades over from.
     std::size_t lastCount_ = 0;   ///< Frames in block_ of the latest sound.
     Samples block_{};

@@ -15,6 +15,16 @@ constexpr double SAFETY_MS = 5;
 constexpr double UNDERRUN_EXTRA_MS = 15;
 constexpr double MOST_EXTRA_MS = 200;
 constexpr double EXTRA_LOSS_PER_SECOND = 0.2;
+/// After so many packets of a stream it begins to shrink.
+constexpr double QUIET_PACKETS = 700;
+constexpr double SHRINKING_PER_SECOND = 0.3;  ///< Milliseconds; what drift correction can follow.
+constexpr std::int64_t DEMAND_SETTLING = 1'000'000;
+constexpr double DEMAND_MEMORY = 5;  ///< Seconds over which the device's pace is averaged.
+/// So little is left that the next late packet would be missed.
+constexpr double DIP_MS = 2;
+constexpr double DIP_EXTRA_MS = 3;
+constexpr double DIP_INTERVAL = 1;  ///< Seconds.
+constexpr double NEAR_MS = 3;
 
 }  // namespace
 
@@ -23,6 +33,7 @@ void DelayTarget::restart() {
     lateness_.fill(0);
     total_ = 0;
     jitterMs_ = 0;
+    floor_ = start_;
 }
 
 void DelayTarget::noteArrival(std::int64_t mediaTime, std::int64_t arrival, double packetMs) {
@@ -71,13 +82,54 @@ void DelayTarget::noteUnderrun() {
     extra_ = std::min(extra_ + UNDERRUN_EXTRA_MS, MOST_EXTRA_MS);
 }
 
+void DelayTarget::noteDemand(double asked, std::int64_t now, bool idle) {
+    const double ahead = asked - static_cast<double>(now) / 1000.0;
+    if (idle || demandStart_ < 0) {
+        demandStart_ = now;
+        demandMean_ = ahead;
+    }
+    const double share = static_cast<double>(now - lastDemand_) / 1e6 / DEMAND_MEMORY;
+    demandMean_ += (ahead - demandMean_) * std::clamp(share, 0.0, 1.0);
+    lastDemand_ = now;
+    if (now - demandStart_ >= DEMAND_SETTLING) {
+        demand_ = std::max(demand_, ahead - demandMean_);
+    }
+}
+
+void DelayTarget::noteDepth(double leftMs, double meanMs) {
+    if (chosen_ || leftMs >= DIP_MS || sinceDip_ < DIP_INTERVAL ||
+        meanMs < milliseconds() - NEAR_MS) {
+        return;
+    }
+    extra_ = std::min(extra_ + DIP_EXTRA_MS, MOST_EXTRA_MS);
+    sinceDip_ = 0;
+}
+
 void DelayTarget::pass(double seconds) {
     extra_ = std::max(0.0, extra_ - EXTRA_LOSS_PER_SECOND * seconds);
+    demand_ = std::max(0.0, demand_ - EXTRA_LOSS_PER_SECOND * seconds);
+    sinceDip_ += seconds;
+    if (shrinkingPpm() > 0) {
+        floor_ -= SHRINKING_PER_SECOND * seconds;
+    }
+}
+
+double DelayTarget::repeatedMs() const {
+    return std::max(0.0, extra_ - UNDERRUN_EXTRA_MS);
+}
+
+double DelayTarget::neededMs() const {
+    return jitterMs_ + packetMs_ / 2 + demand_ + SAFETY_MS;
 }
 
 double DelayTarget::milliseconds() const {
-    const double needed = jitterMs_ + packetMs_ + SAFETY_MS;
-    return std::clamp(std::max(chosen_, needed) + extra_, LEAST_MS, MOST_MS);
+    return std::clamp(std::max(floor_, neededMs()) + extra_, chosen_ ? LEAST_MS : packetMs_,
+                      MOST_MS);
+}
+
+double DelayTarget::shrinkingPpm() const {
+    const bool shrinking = !chosen_ && total_ >= QUIET_PACKETS && floor_ > neededMs();
+    return shrinking ? SHRINKING_PER_SECOND * 1000.0 : 0.0;
 }
 
 }  // namespace vxlisten

@@ -7,18 +7,19 @@
 namespace vxlisten {
 
 /// Decides how much sound to keep buffered: at least what the user chose, and as much more as the
-/// network's recent unevenness and recent underruns ask for. It starts from the wish, grows as soon
-/// as a few packets have come later than it covers, before the sound runs dry if it can, and
-/// shrinks back when that has not happened for half a minute or so. Packets that come at once after
-/// a delay count as one, so that a single long stall does not make all later sound late. Times are
-/// given, not taken from a clock. Not thread-safe. Realtime-safe: yes.
+/// unevenness of the network and of the device, and recent underruns, ask for. Where the user chose
+/// nothing it starts from a value that does on most networks and shrinks to what is asked for. It
+/// grows as soon as a few packets have come later than it covers, or the sound has nearly run dry,
+/// and shrinks back when that has not happened for half a minute or so. Packets that come at once
+/// after a delay count as one, so that a single long stall does not make all later sound late.
+/// Times are given, not taken from a clock. Not thread-safe. Realtime-safe: yes.
 class DelayTarget {
   public:
     static constexpr double LEAST_MS = 10;
     static constexpr double MOST_MS = 500;
 
-    /// `chosenMs` is the user's wish.
-    explicit DelayTarget(double chosenMs) : chosen_(chosenMs) {}
+    /// It starts at `startMs`, which is the least if the user has `chosen` it.
+    DelayTarget(double startMs, bool chosen) : start_(startMs), floor_(startMs), chosen_(chosen) {}
 
     /// Notes that the packet which begins `mediaTime` microseconds into its stream came at
     /// `arrival` (microseconds) and lasts `packetMs`.
@@ -27,25 +28,48 @@ class DelayTarget {
     /// Forgets the arrivals, as for a new stream.
     void restart();
 
+    /// Notes that the device asks at `now` (microseconds) for what follows `asked` milliseconds of
+    /// sound. `idle`: it gets silence.
+    void noteDemand(double asked, std::int64_t now, bool idle);
+
+    /// Notes how much is left after the device has got its part: now, and in the mean.
+    void noteDepth(double leftMs, double meanMs);
+
     /// Notes that the sound ran dry.
     void noteUnderrun();
 
     /// Lets `seconds` pass, after which an old underrun weighs less.
     void pass(double seconds);
 
-    /// What to keep buffered, in milliseconds, LEAST_MS to MOST_MS.
+    /// What to keep buffered after the device has got its part, in milliseconds. At least LEAST_MS
+    /// if the user chose, else a packet; at most MOST_MS.
     [[nodiscard]] double milliseconds() const;
+
+    /// How much faster to play while it shrinks from where it started, in parts per million.
+    [[nodiscard]] double shrinkingPpm() const;
+
+    /// What repeated underruns ask for in addition, in milliseconds; 0 after a single one.
+    [[nodiscard]] double repeatedMs() const;
 
     /// How late nearly all packets are at most, against the quickest ones, in milliseconds.
     [[nodiscard]] double jitterMs() const { return jitterMs_; }
 
   private:
     void count(double latenessMs);
+    [[nodiscard]] double neededMs() const;
 
     static constexpr std::size_t BINS = 500;  ///< Of one millisecond each.
 
-    double chosen_;
-    double extra_ = 0;  ///< Milliseconds on account of underruns.
+    double start_;
+    double floor_;  ///< The least for now.
+    bool chosen_;
+    double extra_ = 0;       ///< Milliseconds on account of underruns.
+    double sinceDip_ = 0;    ///< Seconds since the sound nearly ran dry.
+    double meanLate_ = 0;    ///< Milliseconds, of the packets.
+    double demand_ = 0;      ///< How much earlier than in the mean the device asks, milliseconds,
+    double demandMean_ = 0;  ///< and that mean: what it asked for against the time.
+    std::int64_t demandStart_ = -1;
+    std::int64_t lastDemand_ = 0;
     double packetMs_ = 0;
     double jitterMs_ = 0;
     bool started_ = false;

@@ -1,65 +1,40 @@
 #include "listen/playout/playout.h"
 
 #include <algorithm>
-#include <cassert>
 #include <cmath>
-#include <memory>
 
-#include <speex/speex_resampler.h>
+#include "listen/playout/step_control.h"
 
 namespace vxlisten {
 
 namespace {
 
-constexpr unsigned CHANNELS = 2;
-constexpr int QUALITY = 5;
-/// The resampler's ratio is a fraction whose terms must stay below 2^16, or it overflows.
-constexpr int LARGEST_TERM = 60000;
 constexpr double CONTROL_INTERVAL = 0.25;  ///< Seconds.
 constexpr double DEPTH_MEMORY = 2.0;       ///< Seconds over which the depth is averaged.
 constexpr double LONGEST_STEP = 1.0;       ///< Seconds; a longer pause of the device is cut to it.
 constexpr double LEAST_EXCESS_MS = 40;
 constexpr double EXCESS_SHARE = 0.5;
-constexpr double PPM = 1e-6;
 constexpr double MICROSECONDS = 1e6;
+constexpr double MS = 1000;
 // Much less sound than the target is made up for by stretching, for the drift correction is slow.
 constexpr double MOST_SHORTAGE_MS = 15;
 constexpr double SHORTAGE_SHARE = 0.3;
 constexpr double SMALL_SHORTAGE_MS = 4;
 constexpr unsigned STRETCH_INTERVAL = 8;  ///< Packets.
+// Where a delay is kept, sound that is further off than can be steered is put into its place anew.
+constexpr double YOUNG = 3;  ///< Seconds.
+constexpr double YOUNG_INTERVAL = 0.1;
+constexpr double MOST_YOUNG_LATE_MS = 10;
+constexpr double MOST_LATE_MS = 40;
+constexpr double LEAST_PLACED = 1;  ///< Seconds.
+/// What repeated underruns ask for when the delay is too short for the network: a stall or two of
+/// the server do not take a listener out of step with the others.
+constexpr double OFTEN_MS = 20;
+constexpr double LATE_PATIENCE = 1.5;  ///< Longer than a jump of the line takes.
+constexpr double LONGEST_LATE = 3;
 
 void increment(std::atomic<std::uint64_t>& counter, std::uint64_t by = 1) {
     counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
-}
-
-/// What to multiply two rates with to make good terms of a ratio.
-double termScale(int largerRate) {
-    const double share = static_cast<double>(LARGEST_TERM) / largerRate;
-    return share >= 1.0 ? std::floor(share) : 1.0 / std::ceil(1.0 / share);
-}
-
-/// Sets how fast a resampler plays: `ppm` faster than nominal. Returns the part of the ratio's term
-/// that rounding left out, `carry` being what it left out before.
-double setRatio(SpeexResamplerState* resampler, int from, int to, double ppm, double carry) {
-    const double scale = termScale(std::max(from, to));
-    const double out = std::round(to * scale);
-    const double exact = out * from / to * (1.0 + ppm * PPM) + carry;
-    const double in = std::round(exact);
-    speex_resampler_set_rate_frac(resampler, static_cast<unsigned>(in), static_cast<unsigned>(out),
-                                  static_cast<unsigned>(from), static_cast<unsigned>(to));
-    return exact - in;
-}
-
-/// A resampler that needs no more memory when its ratio is corrected.
-Resampler makeResampler(int from, int to) {
-    int error = RESAMPLER_ERR_SUCCESS;
-    Resampler resampler(speex_resampler_init(CHANNELS, static_cast<unsigned>(from),
-                                             static_cast<unsigned>(to), QUALITY, &error));
-    if (resampler != nullptr) {
-        setRatio(resampler.get(), from, to, DriftControl::MOST_PPM, 0);  // Takes all it ever needs.
-        setRatio(resampler.get(), from, to, 0, 0);
-    }
-    return resampler;
 }
 
 double toMs(std::size_t frames, int rate) {
@@ -68,44 +43,60 @@ double toMs(std::size_t frames, int rate) {
 
 }  // namespace
 
-Playout::Playout(int deviceRate, double delayMs)
-    : deviceRate_(deviceRate), target_(delayMs), fifo_(FIFO_SAMPLES) {
-    std::transform(SAMPLE_RATES.begin(), SAMPLE_RATES.end(), resamplers_.begin(),
-                   [deviceRate](int rate) { return makeResampler(rate, deviceRate); });
+Playout::Playout(int deviceRate, const PlayoutSettings& settings, double latencyMs)
+    : deviceRate_(deviceRate),
+      queue_(settings.delayMs.value_or(0) / MS),
+      target_(settings.bufferMs, settings.bufferChosen),
+      schedule_(deviceRate, settings, latencyMs),
+      resampler_(deviceRate),
+      chosenMs_(settings.delayMs.value_or(PlayoutFigures::NOT_KNOWN)) {
     figures_.targetMs = target_.milliseconds();
 }
 
-void Playout::render(std::int16_t* output, std::size_t frames, std::int64_t now) {
-    const double seconds =
+void Playout::render(std::int16_t* output, std::size_t frames, std::int64_t now, double latency) {
+    callSeconds_ =
         lastRender_ < 0
             ? 0.0
             : std::clamp(static_cast<double>(now - lastRender_) / MICROSECONDS, 0.0, LONGEST_STEP);
     lastRender_ = now;
+    periodMs_ = toMs(frames, deviceRate_);
     takeArrivals();
-    target_.pass(seconds);
+    target_.noteDemand(toMs(rendered_, deviceRate_), now, source_.pausing());
+    target_.pass(callSeconds_);
+    schedule_.noteOutput(rendered_, now, latency);
     while (frames > 0) {
-        const std::size_t piece = std::min(frames, FIFO_SAMPLES / 8);
-        watchStart(piece);
+        const std::size_t piece = std::min(frames, SteeredResampler::MOST_TAKEN);
+        if (schedule_.kept()) {
+            startWhenDue(piece);
+        } else {
+            watchStart(piece);
+        }
         produce(piece);
-        std::copy_n(fifo_.begin() + static_cast<std::ptrdiff_t>(fifoStart_), piece * CHANNELS,
-                    output);
-        fifoStart_ += piece * CHANNELS;
-        output += piece * CHANNELS;
+        resampler_.take(output, piece);
+        rendered_ += piece;
+        output += 2 * piece;
         frames -= piece;
     }
-    watchDepth(seconds);
-    control(seconds);
+    watchDepth(callSeconds_);
+    watchStep(callSeconds_);
+    control(callSeconds_);
 }
 
 void Playout::takeArrivals() {
     while (const QueuedBlock* const block = source_.takeArrival()) {
         if (block->join == Join::NewStream) {
             target_.restart();
+            schedule_.restart();
+            inStepFor_ = 0;
+        }
+        if (schedule_.noteBlock(*block)) {
+            target_.restart();
+            inStepFor_ = 0;
         }
         if (!block->concealed) {
-            const double blockMs = toMs(block->count, block->sampleRate);
-            target_.noteArrival(static_cast<std::int64_t>(block->turn * blockMs * 1000.0),
-                                block->arrival, blockMs);
+            target_.noteArrival(
+                static_cast<std::int64_t>(toMs(block->position, block->sampleRate) * MS),
+                block->arrival, toMs(block->count, block->sampleRate));
         }
     }
 }
@@ -116,7 +107,7 @@ void Playout::watchStart(std::size_t wanted) {
     if (!source_.pausing() || source_.empty() || depth < goal) {
         return;
     }
-    prepareResampler(source_.sampleRate());
+    resampler_.prepare(source_.sampleRate());
     const auto excess = static_cast<std::size_t>((depth - goal) / blockMs());
     source_.skip(excess);
     // What came before the device was ready has never been missed.
@@ -127,21 +118,61 @@ void Playout::watchStart(std::size_t wanted) {
     figures_.playing = true;
 }
 
-void Playout::produce(std::size_t wanted) {
-    if (fifoStart_ > FIFO_SAMPLES / 2) {
-        std::copy(fifo_.begin() + static_cast<std::ptrdiff_t>(fifoStart_),
-                  fifo_.begin() + static_cast<std::ptrdiff_t>(fifoEnd_), fifo_.begin());
-        fifoEnd_ -= fifoStart_;
-        fifoStart_ = 0;
+void Playout::startWhenDue(std::size_t wanted) {
+    if (!source_.pausing() || source_.empty() || !schedule_.ready()) {
+        return;
     }
-    while (waiting() < wanted && !source_.pausing()) {
+    if (!everPlayed_) {
+        makePossible(0);
+    }
+    resampler_.prepare(source_.sampleRate());
+    const double due = schedule_.dueAt(static_cast<double>(rendered_)) + resampler_.held();
+    const auto leftOut = source_.leaveOutUntil(due);
+    if (!leftOut) {
+        noteAllLate(callSeconds_);
+        return;
+    }
+    allLateFor_ = 0;
+    const double early = static_cast<double>(source_.position()) - due;
+    if (early > 0) {
+        const double silence = early * deviceRate_ / source_.sampleRate();
+        if (silence + static_cast<double>(resampler_.waiting()) >= static_cast<double>(wanted)) {
+            return;
+        }
+        resampler_.feedSilence(static_cast<std::size_t>(silence));
+    }
+    everPlayed_ = true;
+    source_.resume(*leftOut);
+    meanDepth_ = depthMs();
+    figures_.playing = true;
+}
+
+/// All sound comes too late to be played in its place: the delay is too short, or the line of the
+/// earliest arrivals still has to follow. It never ends in silence.
+void Playout::noteAllLate(double seconds) {
+    allLateFor_ += seconds;
+    if (allLateFor_ >= LATE_PATIENCE) {
+        makePossible(target_.jitterMs());
+    }
+    if (allLateFor_ >= LONGEST_LATE) {
+        schedule_.raiseToNewest(static_cast<double>(rendered_), periodMs_);
+        figures_.neededMs = schedule_.goalMs();
+        allLateFor_ = 0;
+    }
+}
+
+void Playout::makePossible(double jitterMs) {
+    if (schedule_.makePossible(jitterMs, periodMs_)) {
+        figures_.neededMs = schedule_.goalMs();
+    }
+}
+
+void Playout::produce(std::size_t wanted) {
+    while (resampler_.waiting() < wanted && !source_.pausing()) {
         playBlock();
     }
-    if (waiting() < wanted) {
-        const std::size_t silence = (wanted - waiting()) * CHANNELS;
-        std::fill_n(fifo_.begin() + static_cast<std::ptrdiff_t>(fifoEnd_), silence,
-                    std::int16_t{0});
-        fifoEnd_ += silence;
+    if (resampler_.waiting() < wanted) {
+        resampler_.feedSilence(wanted - resampler_.waiting());
     }
 }
 
@@ -155,6 +186,9 @@ void Playout::playBlock() {
             increment(figures_.underruns);
             target_.noteUnderrun();
             figures_.playing = false;
+            if (schedule_.kept() && target_.repeatedMs() > OFTEN_MS) {
+                makePossible(target_.jitterMs() + target_.repeatedMs());
+            }
             break;
         case BlockSource::Kind::Ended:
             figures_.playing = false;
@@ -163,7 +197,8 @@ void Playout::playBlock() {
             stretch(block);
             break;
     }
-    resample(block.frames, block.count);
+    playedEnd_ = block.end;
+    resampler_.feed(block.frames, block.count);
 }
 
 bool Playout::stretchIsDue() {
@@ -175,50 +210,22 @@ bool Playout::stretchIsDue() {
 }
 
 void Playout::stretch(BlockSource::Block& block) {
-    if (!stretchIsDue()) {
+    if (schedule_.kept() || !stretchIsDue()) {
         return;
     }
     const std::size_t longer = vxlisten::stretch(block.frames, block.count, stretched_.data());
     if (longer > block.count) {
         increment(figures_.stretched);
-        meanDepth_ += toMs(longer - block.count, streamRate_);
+        meanDepth_ += toMs(longer - block.count, resampler_.streamRate());
         sinceStretch_ = 0;
         block.frames = stretched_.data();
         block.count = longer;
     }
 }
 
-void Playout::resample(const std::int16_t* frames, std::size_t count) {
-    while (count > 0 && resampler_ != nullptr) {
-        auto taken = static_cast<spx_uint32_t>(count);
-        auto made = static_cast<spx_uint32_t>((FIFO_SAMPLES - fifoEnd_) / CHANNELS);
-        speex_resampler_process_interleaved_int(resampler_, frames, &taken, fifo_.data() + fifoEnd_,
-                                                &made);
-        fifoEnd_ += std::size_t{made} * CHANNELS;
-        frames += std::size_t{taken} * CHANNELS;
-        count -= taken;
-        if (taken == 0) {
-            return;
-        }
-    }
-}
-
-void Playout::prepareResampler(int rate) {
-    if (rate == streamRate_) {
-        return;
-    }
-    streamRate_ = rate;
-    const auto* const at = std::find(SAMPLE_RATES.begin(), SAMPLE_RATES.end(), rate);
-    assert(at != SAMPLE_RATES.end());
-    resampler_ = resamplers_[static_cast<std::size_t>(at - SAMPLE_RATES.begin())].get();
-    if (resampler_ != nullptr) {
-        speex_resampler_reset_mem(resampler_);
-    }
-    ratioCarry_ = 0;
-}
-
 double Playout::depthMs() const {
-    return toMs(source_.depthFrames(), source_.sampleRate()) + toMs(waiting(), deviceRate_);
+    return toMs(source_.depthFrames(), source_.sampleRate()) +
+           toMs(resampler_.waiting(), deviceRate_);
 }
 
 double Playout::blockMs() const {
@@ -226,17 +233,47 @@ double Playout::blockMs() const {
 }
 
 void Playout::watchDepth(double seconds) {
-    figures_.targetMs = target_.milliseconds();
     figures_.jitterMs = target_.jitterMs();
+    const bool kept = schedule_.kept();
+    figures_.targetMs = !kept               ? target_.milliseconds()
+                        : source_.pausing() ? 0.0
+                                            : meanDepth_ - lateMs();
     if (source_.pausing()) {
         figures_.depthMs = depthMs();
         return;
     }
     meanDepth_ += (depthMs() - meanDepth_) * std::min(1.0, seconds / DEPTH_MEMORY);
     figures_.depthMs = meanDepth_;
+    if (kept) {
+        return;
+    }
     const double target = target_.milliseconds();
+    target_.noteDepth(depthMs(), meanDepth_);
     if (meanDepth_ > target + std::max(LEAST_EXCESS_MS, EXCESS_SHARE * target)) {
         skipDown();
+    }
+}
+
+double Playout::lateMs() const {
+    return schedule_.delayMs(static_cast<double>(playedEnd_) - resampler_.held(),
+                             static_cast<double>(rendered_)) -
+           schedule_.goalMs();
+}
+
+void Playout::watchStep(double seconds) {
+    if (source_.pausing() || !schedule_.ready()) {
+        figures_.delayMs = figures_.inStepMs = PlayoutFigures::NOT_KNOWN;
+        return;
+    }
+    const double late = lateMs();
+    figures_.delayMs = late + schedule_.goalMs();
+    figures_.inStepMs = late + schedule_.goalMs() - chosenMs_;
+    figures_.nominalLatency = schedule_.nominalOnly();
+    inStepFor_ += seconds;
+    const double most = inStepFor_ < YOUNG ? MOST_YOUNG_LATE_MS : MOST_LATE_MS;
+    if (schedule_.kept() && inStepFor_ > LEAST_PLACED && std::abs(late) > most) {
+        source_.pause();
+        inStepFor_ = 0;
     }
 }
 
@@ -252,21 +289,22 @@ void Playout::skipDown() {
 
 void Playout::control(double seconds) {
     sinceControl_ += seconds;
-    if (sinceControl_ < CONTROL_INTERVAL) {
+    const bool young = schedule_.kept() && inStepFor_ < YOUNG;
+    if (sinceControl_ < (young ? YOUNG_INTERVAL : CONTROL_INTERVAL)) {
         return;
     }
-    if (!source_.pausing()) {
-        correct(drift_.update(meanDepth_ - target_.milliseconds(), sinceControl_));
+    const bool ready = !schedule_.kept() || schedule_.ready();
+    if (!source_.pausing() && ready) {
+        const double ppm =
+            schedule_.kept()
+                ? stepCorrection(lateMs(), schedule_.ratePpm(), inStepFor_)
+                : std::clamp(drift_.update(meanDepth_ - target_.milliseconds(), sinceControl_) +
+                                 target_.shrinkingPpm(),
+                             -DriftControl::MOST_PPM, DriftControl::MOST_PPM);
+        figures_.correctionPpm = ppm;
+        resampler_.steer(ppm);
     }
     sinceControl_ = 0;
-}
-
-void Playout::correct(double ppm) {
-    figures_.correctionPpm = ppm;
-    if (resampler_ != nullptr) {
-        // What rounding takes now is given back later.
-        ratioCarry_ = setRatio(resampler_, streamRate_, deviceRate_, ppm, ratioCarry_);
-    }
 }
 
 }  // namespace vxlisten

@@ -4,23 +4,24 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <vector>
+#include <limits>
 
-#include <speex/speex_resampler.h>
-
-#include "listen/audio/rate_adapter.h"
 #include "listen/audio/splicing.h"
 #include "listen/audio/stream_decoder.h"
-#include "listen/network/audio_packet.h"
 #include "listen/playout/block_queue.h"
 #include "listen/playout/block_source.h"
 #include "listen/playout/delay_target.h"
 #include "listen/playout/drift_control.h"
+#include "listen/playout/output_clock.h"
+#include "listen/playout/schedule.h"
+#include "listen/playout/steered_resampler.h"
 
 namespace vxlisten {
 
 /// What the playing side tells. Written by the thread that renders, read by any.
 struct PlayoutFigures {
+    static constexpr double NOT_KNOWN = std::numeric_limits<double>::quiet_NaN();
+
     std::atomic<std::uint64_t> concealed{0};  ///< Packets that something else was played for.
     std::atomic<std::uint64_t> underruns{0};  ///< Times that the sound ran dry.
     std::atomic<std::uint64_t> skipped{0};    ///< Packets left out to catch up.
@@ -29,23 +30,35 @@ struct PlayoutFigures {
     std::atomic<double> targetMs{0};          ///< What the depth should be.
     std::atomic<double> jitterMs{0};          ///< How uneven the packets come.
     std::atomic<double> correctionPpm{0};     ///< How much faster than nominal it plays.
+    std::atomic<double> delayMs{NOT_KNOWN};   ///< From the sending to the loudspeaker.
+    std::atomic<double> inStepMs{NOT_KNOWN};  ///< How much later than chosen that is.
+    std::atomic<double> neededMs{0};          ///< The least delay possible, when that is more than
+                                              ///< the chosen one; else 0.
+    std::atomic<bool> nominalLatency{false};  ///< The device's time stamps cannot be true.
     std::atomic<bool> playing{false};         ///< False while it fills up.
 };
 
-/// Plays a stream of packets at the pace of an output device: keeps the right amount of sound
-/// buffered, whatever the network and the two clocks do, and resamples to the device's rate.
-/// One thread pushes into the queue, one renders. Times are given, not taken from a clock.
+/// Plays a stream of packets at the pace of an output device and resamples to the device's rate. It
+/// keeps the right amount of sound buffered, whatever the network and the two clocks do; or it
+/// keeps the delay from the sending to the loudspeaker, when the user chose one. One thread pushes
+/// into the queue, one renders. Times are given, not taken from a clock.
 class Playout {
   public:
-    /// `deviceRate` in Hz; `delayMs` is the sound to keep buffered.
-    Playout(int deviceRate, double delayMs);
+    /// `deviceRate` in Hz; `latencyMs` is the device's nominal latency.
+    Playout(int deviceRate, const PlayoutSettings& settings, double latencyMs = 0);
 
     /// Where the sound goes that is to be played.
     [[nodiscard]] BlockQueue& queue() { return queue_; }
 
-    /// Writes `frames` stereo frames for the device. `now` (microseconds) is the time of the call.
+    /// Writes `frames` stereo frames for the device. `now` (microseconds) is the time of the call,
+    /// `latency` (microseconds) how much later the first of them is heard, as the device says.
     /// Thread: the one that renders. Realtime-safe: yes.
-    void render(std::int16_t* output, std::size_t frames, std::int64_t now);
+    void render(std::int16_t* output, std::size_t frames, std::int64_t now,
+                double latency = OutputClock::UNKNOWN);
+
+    /// Notes that the device itself was not fed in time.
+    /// Thread: the one that renders. Realtime-safe: yes.
+    void noteDeviceUnderrun() { schedule_.noteDeviceUnderrun(); }
 
     /// Thread: any.
     [[nodiscard]] const PlayoutFigures& figures() const { return figures_; }
@@ -53,39 +66,40 @@ class Playout {
   private:
     void takeArrivals();
     void watchStart(std::size_t wanted);
+    void startWhenDue(std::size_t wanted);
+    void noteAllLate(double seconds);
+    void makePossible(double jitterMs);
     void watchDepth(double seconds);
+    void watchStep(double seconds);
     void skipDown();
     void stretch(BlockSource::Block& block);
     [[nodiscard]] bool stretchIsDue();
     void control(double seconds);
     void produce(std::size_t wanted);
     void playBlock();
-    void resample(const std::int16_t* frames, std::size_t count);
-    void prepareResampler(int rate);
-    void correct(double ppm);
     [[nodiscard]] double depthMs() const;
     [[nodiscard]] double blockMs() const;
-    [[nodiscard]] std::size_t waiting() const { return (fifoEnd_ - fifoStart_) / 2; }
-
-    static constexpr std::size_t FIFO_SAMPLES = 1 << 15;
+    /// How late the sound is that is rendered next, against what it is played at.
+    [[nodiscard]] double lateMs() const;
 
     int deviceRate_;
     BlockQueue queue_;
     BlockSource source_{queue_};
     DelayTarget target_;
     DriftControl drift_;
-    /// One for each rate that a stream can have, made beforehand.
-    std::array<Resampler, SAMPLE_RATES.size()> resamplers_;
-    SpeexResamplerState* resampler_ = nullptr;  ///< The one in use.
+    Schedule schedule_;
+    SteeredResampler resampler_;
     bool stretching_ = false;
     unsigned sinceStretch_ = 0;  ///< Packets.
     std::array<std::int16_t, 2 * (StreamDecoder::MAX_FRAMES + STRETCH_MOST_ADDED)> stretched_{};
     bool everPlayed_ = false;
-    int streamRate_ = 0;
-    double ratioCarry_ = 0;  ///< Part of the wanted ratio that rounding has left out so far.
-    std::vector<std::int16_t> fifo_;  ///< Samples at the device's rate, fifoStart_ to fifoEnd_.
-    std::size_t fifoStart_ = 0;
-    std::size_t fifoEnd_ = 0;
+    std::uint64_t rendered_ = 0;   ///< Frames that the device has been given.
+    std::uint64_t playedEnd_ = 0;  ///< Frames of the stream up to the last block that was played.
+    double chosenMs_;              ///< The delay that is to be kept.
+    double periodMs_ = 0;          ///< What the device asks for at a time.
+    double callSeconds_ = 0;       ///< Since the call before.
+    double inStepFor_ = 0;         ///< Seconds since the sound was last put into its place,
+    double allLateFor_ = 0;        ///< and that all sound has come too late for it.
     std::int64_t lastRender_ = -1;
     double meanDepth_ = 0;     ///< Milliseconds, over the last seconds.
     double sinceControl_ = 0;  ///< Seconds since the correction was set.

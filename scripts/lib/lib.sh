@@ -38,6 +38,12 @@ if ! grep -qsx 'ID=ubuntu' /etc/os-release; then
     packages_test+=(chromium chromium-driver firefox-esr)
     packages_bench+=(chromium chromium-driver python3-selenium)
 fi
+# What bench/peers compares; on Debian only.
+packages_peers=(
+    snapserver snapclient pulseaudio pulseaudio-utils netcat-openbsd gstreamer1.0-plugins-base
+    gstreamer1.0-plugins-good trx pipewire pipewire-bin pipewire-pulse libpipewire-0.3-modules
+    wireplumber dbus-daemon libasound2-plugins iproute2 python3
+)
 packages_coverage=(gcovr)
 packages_package=(dpkg-dev lintian file)
 packages_trees=(debootstrap iproute2 python3)
@@ -107,8 +113,8 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
          for the tests:   gtest-devel gmock-devel xorg-x11-server-Xvfb xorg-x11-xauth xdotool \
              openbox ImageMagick dbus-daemon at-spi2-core python3-gobject xprop weston qt5-qtwayland \
              desktop-file-utils appstream mandoc zsh systemd valgrind python3-pytest python3-pyte \
-             curl ffmpeg icecast mpv vlc \
-             chromium chromedriver python3-selenium zbar (and Firefox ESR as firefox-esr)
+             curl ffmpeg icecast mpv vlc chromium chromedriver python3-selenium zbar \
+             (and Firefox ESR as firefox-esr)
          for the checks:  clang clang-tools-extra cppcheck
          for benchmarks:  google-benchmark-devel python3-matplotlib valgrind pulseaudio pulseaudio-utils
 
@@ -118,8 +124,8 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
          for the demo:    pulseaudio iproute2 python
          for the tests:   gtest xorg-server-xvfb xorg-xauth xdotool imagemagick dbus at-spi2-core \
              openbox python-gobject xorg-xprop weston qt5-wayland desktop-file-utils appstream \
-             mandoc zsh valgrind python-pytest python-pyte curl ffmpeg icecast mpv vlc \
-             chromium python-selenium zbar (and Firefox ESR as firefox-esr)
+             mandoc zsh valgrind python-pytest python-pyte curl ffmpeg icecast mpv vlc chromium \
+             python-selenium zbar (and Firefox ESR as firefox-esr)
          for the checks:  clang cppcheck
          for benchmarks:  benchmark python-matplotlib valgrind pulseaudio
 

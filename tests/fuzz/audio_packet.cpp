@@ -77,8 +77,8 @@ class Device {
     }
 
     // Too large for the stack. The sound lies on the heap, with nothing behind it.
-    std::unique_ptr<vxlisten::Playout> playout_ =
-        std::make_unique<vxlisten::Playout>(DEVICE_RATE, CHOSEN_DELAY_MS);
+    std::unique_ptr<vxlisten::Playout> playout_ = std::make_unique<vxlisten::Playout>(
+        DEVICE_RATE, vxlisten::PlayoutSettings{CHOSEN_DELAY_MS, true});
     std::vector<std::int16_t> sound_ = std::vector<std::int16_t>(2 * DEVICE_FRAMES);
     std::int64_t time_ = 0;
 };

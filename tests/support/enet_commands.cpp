@@ -79,7 +79,8 @@ Bytes unreliable(std::uint16_t reliableNumber, std::uint16_t number, const Bytes
 }
 
 Bytes unsequenced(std::uint16_t group, const Bytes& data) {
-    return header(ENET_PROTOCOL_COMMAND_SEND_UNSEQUENCED | ENET_PROTOCOL_COMMAND_FLAG_UNSEQUENCED,
+    return header(unsigned{ENET_PROTOCOL_COMMAND_SEND_UNSEQUENCED} |
+                      ENET_PROTOCOL_COMMAND_FLAG_UNSEQUENCED,
                   0, 0) +
            u16(group) + u16(static_cast<unsigned>(data.size())) + data;
 }

@@ -180,9 +180,12 @@ class Probe(Process):
             client.wait_connected()
         return client
 
-    def listen(self, rate_code=0, reliable=True, **options):
-        """Connects a new client and waits until it hears; see connect."""
+    def listen(self, rate_code=0, reliable=True, thinned=True, **options):
+        """Connects a new client and waits until it hears; see connect. With `thinned` false ENet
+        leaves nothing out."""
         client = self.connect(**options)
+        if not thinned:
+            client.refuse_thinning()
         client.request(rate_code, reliable)
         client.wait_packets(20)
         return client

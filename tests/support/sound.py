@@ -19,10 +19,12 @@ class SoundServer:
 
     ``env``  the variables that lead a program to this sound server, and to the temporary home.
     ``home`` the temporary home folder (pathlib), also HOME and XDG_CONFIG_HOME's parent.
+    ``prefix`` words before the daemon's command, such as those that lead into another network.
     """
 
-    def __init__(self, rate=48000):
+    def __init__(self, rate=48000, prefix=()):
         self.rate = rate
+        self.prefix = prefix
         self.players = []
 
     def __enter__(self):
@@ -45,7 +47,8 @@ class SoundServer:
         """Starts the daemon; again, after stop()."""
         runtime = self.env["XDG_RUNTIME_DIR"]
         self.daemon = Process(
-            ["pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1", "--use-pid-file=no",
+            [*self.prefix, "pulseaudio", "-n", "--daemonize=no", "--exit-idle-time=-1",
+             "--use-pid-file=no",
              "-L", f"module-native-protocol-unix socket={runtime}/native auth-anonymous=1",
              "-L", f"module-null-sink sink_name={NULL_SINK} rate={self.rate} channels=2 "
                    "format=s16le norewinds=1"],

@@ -161,8 +161,7 @@ class Network(FaultTest):
             Probe(self.folder / "far", prefix=self.other.command()))
         (self.folder / "far").mkdir()
         self.far = self.far_client()
-        self.witnesses = [self.client(), self.client(0, reliable=False)]
-        self.witnesses[1].refuse_thinning()
+        self.witnesses = [self.client(), self.client(0, reliable=False, thinned=False)]
 
     def assert_nobody_else_noticed(self):
         for witness in self.witnesses:
@@ -244,8 +243,7 @@ class Clock(FaultTest):
             file.write(struct.pack("=q", seconds))
 
     def check_jump(self, seconds):
-        clients = [self.client(0), self.client(1), self.client(0, reliable=False)]
-        clients[2].refuse_thinning()
+        clients = [self.client(0), self.client(1), self.client(0, reliable=False, thinned=False)]
         marks = [len(client.wait_packets(20)) - 1 for client in clients]
         for _ in range(5):  # Each jump meets the capture thread somewhere else.
             self.set_clock(seconds)
@@ -471,8 +469,7 @@ class ScarceMemory(FaultTest):
 
     def check_share(self, per_mille):
         choices = ((0, True), (0, False), (1, True), (4, True))
-        clients = [self.client(*choice) for choice in choices]
-        clients[1].refuse_thinning()
+        clients = [self.client(*choice, thinned=False) for choice in choices]
         self.shortage(per_mille)  # The heap grows to the size of a shortage.
         served = [self.is_served(client) for client in clients]
         before = self.memory()

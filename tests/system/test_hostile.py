@@ -120,9 +120,7 @@ class HostileNetwork(unittest.TestCase):
 
     @classmethod
     def good_client(cls, rate_code=0, reliable=True):
-        client = cls.probe.listen(rate_code, reliable)
-        client.refuse_thinning()
-        return client
+        return cls.probe.listen(rate_code, reliable, thinned=False)
 
     def attack(self, kind, *words):
         return Attacker(self.network, HERE_ADDRESS, kind, *words)

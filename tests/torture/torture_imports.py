@@ -27,7 +27,7 @@ NEVER_MADE_TO_FAIL = {
     "it fails by the calls below it, which are made to fail":
         "enet_socket_set_option",
     "they write to the standard streams from within the C library, where nothing can be put in "
-    "between; an output that is full or closed is in tests/system/test_faults.py (Output)":
+    "between; an output that is full or closed is in tests/unit/app/console_test.cpp":
         "fflush fwrite fprintf perror",
     "they format into room of our own; only an unknown multibyte sequence fails":
         "snprintf vsnprintf strerror_r",

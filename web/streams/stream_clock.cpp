@@ -43,6 +43,13 @@ std::size_t StreamClock::framesIn(std::int64_t microseconds) const {
     return static_cast<std::size_t>(frames) / unit_ * unit_;
 }
 
+void StreamClock::wrote(std::size_t frames) {
+    written_ += frames;
+    const auto rate = static_cast<std::uint64_t>(rate_);
+    origin_ += static_cast<std::int64_t>(written_ / rate) * SECOND;
+    written_ %= rate;
+}
+
 void StreamClock::begin(std::int64_t now, int rate) {
     rate_ = rate_ > 0 ? rate_ : rate;
     origin_ = now;
@@ -53,7 +60,7 @@ std::size_t StreamClock::fill(std::int64_t microseconds) {
     const std::int64_t excess = std::max<std::int64_t>(0, microseconds - LONGEST_SILENCE);
     origin_ += excess;
     const std::size_t frames = framesIn(microseconds - excess);
-    written_ += frames;
+    wrote(frames);
     return frames;
 }
 

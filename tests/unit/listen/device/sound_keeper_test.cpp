@@ -29,7 +29,7 @@ class SoundKeeperTest : public testing::Test {
     }
 
     void openKeeper() {
-        keeper_ = std::make_unique<SoundKeeper>("", 40);
+        keeper_ = std::make_unique<SoundKeeper>("", settings_);
         ASSERT_TRUE(keeper_->open(now_));
         ASSERT_EQ(device_.opened, 1);
     }
@@ -62,6 +62,7 @@ class SoundKeeperTest : public testing::Test {
     }
 
     FakePortAudio& device_ = freshFakePortAudio();
+    vxlisten::PlayoutSettings settings_;
     std::unique_ptr<SoundKeeper> keeper_;
     std::int64_t now_ = vxlisten::steadyNow();
 };
@@ -70,7 +71,7 @@ class SoundKeeperTest : public testing::Test {
 
 TEST_F(SoundKeeperTest, AMissingDeviceIsAnErrorAtTheStart) {
     device_.outputPresent = false;
-    SoundKeeper keeper("", 40);
+    SoundKeeper keeper("", settings_);
     EXPECT_FALSE(keeper.open(now_));
     EXPECT_EQ(keeper.error(), "cannot play sound: there is no output device");
 }
@@ -139,6 +140,30 @@ TEST_F(SoundKeeperTest, ADeviceThatIsAwayWhenMoreLatencyIsWantedIsToldOf) {
     EXPECT_TRUE(watch(5 * SECOND).empty()) << "once is enough";
     device_.outputPresent = true;
     EXPECT_EQ(watchUntilTold(AGAIN), std::vector<std::string>({AGAIN}));
+}
+
+TEST_F(SoundKeeperTest, WhatKeepsItFromTheChosenDelayIsToldOnce) {
+    settings_.delayMs = 1;
+    openKeeper();
+    const std::vector<std::int16_t> silence(480 * 2);
+    std::vector<std::string> told;
+    // The device gives no time stamps; it is heard in real time.
+    for (int i = 0; i < 1000 && told.size() < 2; ++i) {
+        now_ = vxlisten::steadyNow();
+        keeper_->queue()->push({silence.data(), 480, 48000, vxlisten::Join::GoesOn, false}, now_,
+                               {static_cast<double>(now_), 1e6 / 48000, 0});
+        device_.ask(false);
+        const std::string news = keeper_->watch(now_);
+        if (!news.empty()) {
+            told.push_back(news);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_EQ(told.size(), 2u);
+    EXPECT_EQ(told[0].rfind("a delay of 1 ms is not possible here, playing at ", 0), 0u) << told[0];
+    EXPECT_EQ(told[1], "the output device does not say when its sound is heard, taking 80 ms");
+    EXPECT_GT(keeper_->figures().inStepMs.value_or(0), 80);
+    EXPECT_TRUE(watch(SECOND).empty());
 }
 
 TEST_F(SoundKeeperTest, ASoundLibraryThatHangsDoesNotHoldUpTheEnd) {

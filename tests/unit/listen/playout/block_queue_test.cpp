@@ -20,14 +20,14 @@ class BlockQueueTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(BlockQueueTest, BlocksWaitInTheirOrderAndCountTheirTurns) {
+TEST_F(BlockQueueTest, BlocksWaitInTheirOrderAndKnowTheirPlaces) {
     push(5, Join::NewStream);
     push(6);
     push(7, Join::NewStream);
     ASSERT_EQ(queue_.size(), 3u);
     EXPECT_EQ(queue_[1].frames[0], 6);
-    EXPECT_EQ(queue_[1].turn, 1u);
-    EXPECT_EQ(queue_[2].turn, 0u);
+    EXPECT_EQ(queue_[1].position, 1u);
+    EXPECT_EQ(queue_[2].position, 0u);
     queue_.pop();
     EXPECT_EQ(queue_[0].frames[0], 6);
 }
@@ -38,14 +38,14 @@ TEST_F(BlockQueueTest, TheFirstBlockBeginsAStreamWhateverItsConnectionHeardBefor
 }
 
 TEST_F(BlockQueueTest, WhatFollowsABlockThatFoundNoRoomIsANewStream) {
-    for (std::size_t i = 0; i <= BlockQueue::CAPACITY; ++i) {
+    for (std::size_t i = 0; i <= queue_.capacity(); ++i) {
         push(static_cast<std::int16_t>(i));
     }
-    EXPECT_EQ(queue_.size(), BlockQueue::CAPACITY);
+    EXPECT_EQ(queue_.size(), queue_.capacity());
     queue_.pop();
     push(1000);
-    const auto& newest = queue_[BlockQueue::CAPACITY - 1];
+    const auto& newest = queue_[queue_.capacity() - 1];
     EXPECT_EQ(newest.frames[0], 1000);
     EXPECT_EQ(newest.join, Join::NewStream);
-    EXPECT_EQ(newest.turn, 0u);
+    EXPECT_EQ(newest.position, 0u);
 }

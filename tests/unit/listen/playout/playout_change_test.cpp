@@ -67,7 +67,7 @@ class PlayoutChange : public testing::Test {
 
     std::int64_t microseconds() const { return static_cast<std::int64_t>(now_ * 1e6); }
 
-    vxlisten::Playout playout_{DEVICE_RATE, 40};
+    vxlisten::Playout playout_{DEVICE_RATE, {40, true}};
     PacketFeed feed_{playout_.queue()};
     double now_ = 0;
     double sent_ = 0;

@@ -22,8 +22,10 @@ struct Conditions {
     double serverPpm = 0;  ///< How much faster than the device the server's clock runs.
     int tone = 1000;       ///< Hz, as captured.
     double amplitude = 10000;
-    double delayMs = 40;   ///< What the playout is to keep.
-    double periodMs = 10;  ///< Of the output device.
+    double delayMs = 40;      ///< What the playout is to keep,
+    bool delayChosen = true;  ///< at least.
+    double periodMs = 10;     ///< Of the output device.
+    std::uint32_t firstSeq = 0;
 };
 
 /// Decides what the network does with packet number `index`, sent at `sent` (microseconds): calls
@@ -43,7 +45,7 @@ class Simulation {
     Simulation(const Conditions& setup, Network network)
         : setup_(setup),
           network_(std::move(network)),
-          playout_(RATE, setup.delayMs),
+          playout_(RATE, {setup.delayMs, setup.delayChosen}),
           feed_(playout_.queue()) {
         for (int i = 0; i < RATE; ++i) {
             const double angle = TAU * setup.tone * i / RATE;

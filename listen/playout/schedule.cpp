@@ -1,0 +1,65 @@
+#include "listen/playout/schedule.h"
+
+#include <algorithm>
+#include <cmath>
+
+namespace vxlisten {
+
+namespace {
+
+constexpr double MS = 1000.0;  ///< Microseconds.
+constexpr double SAFETY_MS = 3;
+constexpr double LEAP = 20000;  ///< Microseconds, more than the line moves otherwise.
+/// What the greatest latency loses with a call.
+constexpr double LATENCY_FALL_MS = 0.02;
+
+}  // namespace
+
+bool Schedule::noteBlock(const QueuedBlock& block) {
+    const auto position = static_cast<double>(block.position);
+    const bool leaps = known_ && std::abs(block.sent.first - sentAt(position)) > LEAP;
+    known_ = block.sent.framePeriod > 0;
+    position_ = position;
+    sent_ = block.sent;
+    sampleRate_ = block.sampleRate;
+    return leaps;
+}
+
+void Schedule::noteOutput(std::uint64_t frame, std::int64_t now, double latency) {
+    clock_.note(frame, now, latency);
+    const double heard = clock_.heardAt(static_cast<double>(frame));
+    const double latencyMs = (heard - static_cast<double>(now)) / MS;
+    latencyMs_ = std::max(latencyMs, latencyMs_ - LATENCY_FALL_MS);
+}
+
+double Schedule::sentAt(double position) const {
+    return sent_.first + (position - position_) * sent_.framePeriod;
+}
+
+double Schedule::dueAt(double frame) const {
+    const double sent = clock_.heardAt(frame) - (delayMs_ - settings_.offsetMs) * MS;
+    return position_ + (sent - sent_.first) / sent_.framePeriod;
+}
+
+double Schedule::delayMs(double position, double frame) const {
+    return (clock_.heardAt(frame) - sentAt(position)) / MS + settings_.offsetMs;
+}
+
+bool Schedule::makePossible(double jitterMs, double periodMs) {
+    const double needed =
+        sent_.ahead / MS + jitterMs + latencyMs_ + periodMs + SAFETY_MS + settings_.offsetMs;
+    const bool raised = needed > delayMs_;
+    delayMs_ = std::max(delayMs_, needed);
+    return raised;
+}
+
+void Schedule::raiseToNewest(double frame, double periodMs) {
+    delayMs_ = std::max(delayMs_, delayMs(position_, frame) + periodMs + SAFETY_MS);
+}
+
+double Schedule::ratePpm() const {
+    const double serverPpm = MS * MS - sent_.framePeriod * sampleRate_;
+    return serverPpm - clock_.devicePpm();
+}
+
+}  // namespace vxlisten

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "listen/playout/block_queue.h"
+#include "listen/playout/output_clock.h"
+
+namespace vxlisten {
+
+/// What the user chose for playing.
+struct PlayoutSettings {
+    double bufferMs = 40;       ///< Sound to keep buffered: at first, and at least if
+    bool bufferChosen = false;  ///< the user chose it.
+    std::optional<double> delayMs =
+        std::nullopt;     ///< From the sending to the loudspeaker, if kept.
+    double offsetMs = 0;  ///< The loudspeaker is so much later than its device says.
+};
+
+/// Says which frame of a stream is due when, and how late the sound is. Frames of the stream are
+/// counted from its beginning, those of the output device from the first that it asked for. Not
+/// thread-safe. Realtime-safe: yes.
+class Schedule {
+  public:
+    Schedule(int deviceRate, const PlayoutSettings& settings, double nominalLatencyMs)
+        : settings_(settings),
+          delayMs_(settings.delayMs.value_or(0)),
+          clock_(deviceRate, nominalLatencyMs * 1000.0) {}
+
+    /// True when the delay from the sending to the loudspeaker is to be kept.
+    [[nodiscard]] bool kept() const { return settings_.delayMs.has_value(); }
+
+    /// Takes the newest block of the stream. True when it belongs to another line of sending times
+    /// than the one before.
+    bool noteBlock(const QueuedBlock& block);
+
+    /// Forgets the stream.
+    void restart() { known_ = false; }
+
+    /// The device asks for frames from `frame` on, see OutputClock.
+    void noteOutput(std::uint64_t frame, std::int64_t now, double latency);
+
+    /// The device ran dry, so that its times are others now.
+    void noteDeviceUnderrun() { clock_.restart(); }
+
+    /// True when it is known what is due.
+    [[nodiscard]] bool ready() const { return known_ && clock_.settled(); }
+
+    /// The frame of the stream that is due to be heard when the device's `frame` is.
+    [[nodiscard]] double dueAt(double frame) const;
+
+    /// From the sending to the loudspeaker, for the stream's frame `position` in the device's
+    /// `frame`; milliseconds.
+    [[nodiscard]] double delayMs(double position, double frame) const;
+
+    /// The delay that is played at: the chosen one, or the least possible one above it.
+    [[nodiscard]] double goalMs() const { return delayMs_; }
+
+    /// Raises the delay that is played at to what is needed when nearly all packets come up to
+    /// `jitterMs` after the earliest ones and the device takes `periodMs` at a time. True when it
+    /// had to be raised.
+    bool makePossible(double jitterMs, double periodMs);
+
+    /// Raises it to what the newest sound is late by, when it is to be heard in the device's
+    /// `frame`.
+    void raiseToNewest(double frame, double periodMs);
+
+    /// How much faster than nominal the sound must be played for the delay to stay as it is, in
+    /// parts per million.
+    [[nodiscard]] double ratePpm() const;
+
+    [[nodiscard]] bool nominalOnly() const { return clock_.nominalOnly(); }
+
+  private:
+    [[nodiscard]] double sentAt(double position) const;
+
+    PlayoutSettings settings_;
+    double delayMs_;
+    OutputClock clock_;
+    bool known_ = false;
+    double position_ = 0;  ///< Of the newest block,
+    SendTime sent_;        ///< and when it was sent.
+    int sampleRate_ = 0;
+    double latencyMs_ = 0;  ///< From a call to when its first frame is heard, lately at most.
+};
+
+}  // namespace vxlisten

@@ -1,0 +1,338 @@
+#include <iostream>
+#include <random>
+
+#include <gtest/gtest.h>
+
+#include "tests/unit/listen/playout/virtual_rooms.h"
+
+using virtual_rooms::apart;
+using virtual_rooms::Device;
+using virtual_rooms::Listener;
+using virtual_rooms::offTheDelay;
+using virtual_rooms::Server;
+using virtual_rooms::Spread;
+using virtual_rooms::Way;
+
+namespace {
+
+constexpr double DELAY = 200;
+
+vxlisten::PlayoutSettings keeping(double delayMs, double offsetMs = 0) {
+    vxlisten::PlayoutSettings settings;
+    settings.delayMs = delayMs;
+    settings.offsetMs = offsetMs;
+    return settings;
+}
+
+Way steady(double delay = 0.0002) {
+    return [delay](double) { return std::optional(delay); };
+}
+
+class Rooms : public testing::Test {
+  protected:
+    Rooms() : seed_(std::random_device{}()), random_(seed_) {
+        std::cout << "random seed " << seed_ << "\n";
+    }
+
+    double between(double least, double most) {
+        return std::uniform_real_distribution<>(least, most)(random_);
+    }
+
+    Way jittery(double least, double most) {
+        return [this, least, most](double) { return std::optional(between(least, most)); };
+    }
+
+    /// A device whose time stamps waver.
+    Device device(double ppm, double latency) {
+        Device result;
+        result.ppm = ppm;
+        result.latency = latency;
+        result.stamp = [this](double, double real) { return real + between(-0.0005, 0.0005); };
+        return result;
+    }
+
+    /// Judges two listeners at all times from 3 s after the first sound.
+    static void expectInStep(const Listener& one, const Listener& other, double end, double median,
+                             double most) {
+        const double first = std::max(one.heard().front().time, other.heard().front().time);
+        const Spread young = apart(one, other, first + 3, first + 10);
+        const Spread later = apart(one, other, first + 10, end);
+        std::cout << "3 to 10 s: median " << young.median << " ms, most " << young.most
+                  << " ms; later: median " << later.median << " ms, most " << later.most << " ms\n";
+        EXPECT_LT(young.most, std::max(2.0, most));
+        EXPECT_LT(later.median, median);
+        EXPECT_LT(later.most, most);
+    }
+
+    std::random_device::result_type seed_;
+    std::mt19937 random_;
+};
+
+}  // namespace
+
+TEST_F(Rooms, TwoListenersWithUnlikeClocksAndDevicesPlayAtTheChosenDelay) {
+    for (const double ppm : {-300.0, 0.0, 300.0}) {
+        Server server;
+        server.ppm = ppm;
+        Listener one(server, steady(), device(0, 0.02), keeping(DELAY));
+        Listener other(server, steady(), device(-ppm, 0.11), keeping(DELAY));
+        one.run(60);
+        other.run(60);
+        expectInStep(one, other, 60, 0.5, 1);
+        const Spread off = offTheDelay(one, DELAY, 13, 60);
+        std::cout << "off the delay: median " << off.median << " ms, most " << off.most << " ms\n";
+        EXPECT_LT(off.median, 0.5);
+        EXPECT_EQ(one.figures().underruns, 0u);
+    }
+}
+
+TEST_F(Rooms, FivePercentLossLeavesThemInStep) {
+    const auto lossy = [this](double) {
+        return between(0, 1) < 0.05 ? std::nullopt : std::optional(0.0002);
+    };
+    const Server server;
+    Listener one(server, lossy, device(100, 0.03), keeping(DELAY));
+    Listener other(server, lossy, device(-50, 0.06), keeping(DELAY));
+    one.run(60);
+    other.run(60);
+    EXPECT_GT(one.figures().concealed, 200u);
+    // Up to a tenth of what is judged at a time is made up.
+    expectInStep(one, other, 60, 0.5, 2.5);
+}
+
+TEST_F(Rooms, JitterOnOneOfTwoLeavesThemInStep) {
+    Server server;
+    server.ppm = 40;
+    Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+    Listener other(server, jittery(0.0002, 0.0102), device(30, 0.05), keeping(DELAY));
+    one.run(60);
+    other.run(60);
+    expectInStep(one, other, 60, 4, 6);
+    EXPECT_EQ(other.figures().underruns, 0u);
+}
+
+TEST_F(Rooms, ASlowWayWithMuchJitterIsJudgedByItsRoundTrip) {
+    Server server;
+    server.ppm = 40;
+    Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+    Listener other(server, jittery(0.01, 0.05), device(30, 0.05), keeping(DELAY));
+    one.run(180);
+    other.run(180);
+    const Spread young = apart(one, other, 3, 60);
+    const Spread later = apart(one, other, 60, 180);
+    std::cout << "3 to 60 s: median " << young.median << " ms, most " << young.most
+              << " ms; later: median " << later.median << " ms, most " << later.most << " ms\n";
+    EXPECT_LT(young.median, 8);
+    EXPECT_LT(later.median, 4);
+    EXPECT_LT(later.most, 8);
+}
+
+TEST_F(Rooms, AWayThatGetsLongerForAMinuteLeavesThemInStep) {
+    const Server server;
+    Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+    Listener other(
+        server, [](double sent) { return sent > 40 && sent < 100 ? 0.0202 : 0.0002; },
+        device(0, 0.05), keeping(DELAY));
+    one.run(160);
+    other.run(160);
+    expectInStep(one, other, 160, 0.5, 2);
+    EXPECT_EQ(other.figures().underruns, 0u);
+}
+
+TEST_F(Rooms, AWayThatStaysLongerDoesNot) {
+    const Server server;
+    Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+    Listener other(
+        server, [](double sent) { return sent > 40 ? 0.0202 : 0.0002; }, device(0, 0.05),
+        keeping(DELAY));
+    one.run(240);
+    other.run(240);
+    expectInStep(one, other, 240, 0.5, 2);
+}
+
+TEST_F(Rooms, ARestartedServerIsHeardInStepAgain) {
+    Server server;
+    Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+    Listener other(server, steady(), device(100, 0.05), keeping(DELAY));
+    for (Listener* const listener : {&one, &other}) {
+        listener->run(20);
+        Server again;
+        again.start = 23.456;
+        again.ppm = -60;
+        listener->setServer(again);
+        listener->run(60);
+        EXPECT_EQ(listener->sendClock().jumps(), 0u);
+    }
+    const Spread young = apart(one, other, 27, 34);
+    const Spread later = apart(one, other, 34, 60);
+    EXPECT_LT(young.most, 2);
+    EXPECT_LT(later.median, 0.5);
+    EXPECT_LT(offTheDelay(other, DELAY, 34, 60).median, 0.5);
+}
+
+TEST_F(Rooms, AnotherSampleRateIsHeardInStepAgain) {
+    Server server;
+    Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+    Listener other(server, steady(), device(100, 0.05), keeping(DELAY));
+    for (Listener* const listener : {&one, &other}) {
+        listener->run(20);
+        Server again;
+        again.start = 20.5;
+        again.rate = 44100;
+        listener->setServer(again);
+        listener->run(60);
+    }
+    EXPECT_LT(apart(one, other, 24, 31).most, 2);
+    EXPECT_LT(apart(one, other, 31, 60).median, 0.5);
+    EXPECT_LT(offTheDelay(other, DELAY, 31, 60).median, 0.5);
+}
+
+TEST_F(Rooms, CompressedSoundIsHeardBesideRaw) {
+    Server raw;
+    Server opus;
+    raw.ppm = opus.ppm = 80;
+    opus.opus = true;
+    Listener one(raw, steady(), device(0, 0.03), keeping(DELAY));
+    Listener other(opus, steady(), device(100, 0.05), keeping(DELAY));
+    one.run(60);
+    other.run(60);
+    expectInStep(one, other, 60, 0.5, 2);
+}
+
+TEST_F(Rooms, BlocksOfTwentyMillisecondsLeaveThemInStep) {
+    Server server;
+    server.blockFrames = 960;
+    Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+    Listener other(server, jittery(0.0002, 0.0102), device(30, 0.05), keeping(DELAY));
+    one.run(60);
+    other.run(60);
+    EXPECT_LT(offTheDelay(one, DELAY, 13, 60).median, 0.5);
+    expectInStep(one, other, 60, 4, 6);
+}
+
+TEST_F(Rooms, OneThatComesLaterIsInStepWithTheFirst) {
+    Server server;
+    server.ppm = 200;
+    Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+    one.run(90);
+    Device late = device(-100, 0.08);
+    late.start = 47.3;
+    Listener other(server, steady(), late, keeping(DELAY));
+    other.run(90);
+    expectInStep(one, other, 90, 0.5, 1);
+}
+
+TEST_F(Rooms, ASmallLossOfSoundInTheServerIsFollowedByAll) {
+    Server server;
+    server.shiftAt = 40;
+    server.shift = 0.005;
+    Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+    one.run(90);
+    Device late = device(-100, 0.08);
+    late.start = 50;
+    Listener other(server, steady(), late, keeping(DELAY));
+    other.run(90);
+    EXPECT_LT(apart(one, other, 70, 90).most, 0.5);
+    EXPECT_LT(offTheDelay(one, DELAY + 5, 70, 90).most, 0.5);
+}
+
+TEST_F(Rooms, AServerThatStandsStillForASecondIsFollowedAtOnce) {
+    Server server;
+    server.shiftAt = 40;
+    server.shift = 1.003;
+    Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+    one.run(80);
+    EXPECT_EQ(one.sendClock().jumps(), 1u);
+    EXPECT_LT(offTheDelay(one, DELAY + 1003, 47, 80).most, 2);
+    EXPECT_LT(offTheDelay(one, DELAY + 1003, 55, 80).median, 0.5);
+    EXPECT_LE(one.figures().underruns, 2u);
+    EXPECT_EQ(one.figures().neededMs, 0);
+}
+
+TEST_F(Rooms, ADeviceThatIsOpenedAnewWithMoreLatencyKeepsTheDelay) {
+    const Server server;
+    Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+    one.run(30);
+    Device slower = device(0, 0.12);
+    slower.start = 30.2;
+    one.setDevice(slower);
+    one.run(60);
+    EXPECT_LT(offTheDelay(one, DELAY, 33.5, 60).most, 1);
+    EXPECT_EQ(one.figures().neededMs, 0);
+}
+
+TEST_F(Rooms, TheOffsetPlaysEarlier) {
+    const Server server;
+    Listener one(server, steady(), device(0, 0.03), keeping(DELAY, 7));
+    one.run(30);
+    EXPECT_LT(offTheDelay(one, DELAY - 7, 13, 30).most, 0.5);
+    EXPECT_NEAR(one.figures().delayMs, DELAY, 0.5);
+    EXPECT_NEAR(one.figures().inStepMs, 0, 0.5);
+}
+
+TEST_F(Rooms, ADelayThatIsNotPossibleBecomesTheLeastThatIs) {
+    const Server server;
+    Listener one(server, steady(), device(0, 0.06), keeping(20));
+    one.run(60);
+    const double needed = one.figures().neededMs;
+    EXPECT_GT(needed, 70);
+    EXPECT_LT(needed, 100);
+    EXPECT_TRUE(one.figures().playing);
+    EXPECT_NEAR(one.figures().delayMs, needed, 1);
+    EXPECT_NEAR(one.figures().inStepMs, needed - 20, 1);
+    EXPECT_LE(one.figures().underruns, 2u);
+}
+
+TEST_F(Rooms, JitterThatIsMoreThanTheDelayHoldsRaisesItOnce) {
+    const Server server;
+    Listener one(server, jittery(0.0002, 0.08), device(0, 0.03), keeping(50));
+    one.run(120);
+    const auto underruns = one.figures().underruns.load();
+    EXPECT_GT(one.figures().neededMs, 80);
+    EXPECT_LT(one.figures().neededMs, 160);
+    one.run(180);
+    EXPECT_LE(one.figures().underruns, underruns + 2);
+}
+
+TEST_F(Rooms, TenSecondsArePossible) {
+    Server server;
+    server.ppm = 300;
+    Listener one(server, steady(), device(-300, 0.03), keeping(10000));
+    one.run(50);
+    ASSERT_FALSE(one.heard().empty());
+    EXPECT_NEAR(one.heard().front().time, 10.1, 0.3);
+    const double byTheServersClock = 10000 * 1.0003;
+    EXPECT_LT(offTheDelay(one, byTheServersClock, 20, 50).most, 0.5);
+    EXPECT_EQ(one.figures().underruns, 0u);
+    EXPECT_EQ(one.figures().neededMs, 0);
+}
+
+TEST_F(Rooms, ADeviceWithoutTimeStampsIsTakenAtItsNominalLatency) {
+    const Server server;
+    for (const double absurd : {-1.0, 0.0, 1e6, std::nan("")}) {
+        Device silent = device(0, 0.03);
+        silent.stamp = [absurd](double, double) { return absurd; };
+        Listener one(server, steady(), silent, keeping(DELAY));
+        one.run(30);
+        EXPECT_TRUE(one.figures().nominalLatency);
+        EXPECT_LT(offTheDelay(one, DELAY, 5, 30).most, 1);
+    }
+}
+
+TEST_F(Rooms, TimeStampsThatLeapAboutDoNotMakeALoopOfCorrections) {
+    const Server server;
+    Device wild = device(0, 0.03);
+    wild.stamp = [this](double, double) { return between(0.001, 0.4); };
+    Listener one(server, steady(), wild, keeping(DELAY));
+    one.run(30);
+    const std::size_t heard = one.heard().size();
+    one.run(60);
+    EXPECT_GT(one.heard().size(), heard + 280);
+    Device stalls = device(0, 0.03);
+    stalls.stamp = [](double now, double real) {
+        return now > 20 && now < 22 ? real + 0.008 : real;
+    };
+    Listener other(server, steady(), stalls, keeping(DELAY));
+    other.run(60);
+    EXPECT_LT(offTheDelay(other, DELAY, 13, 60).most, 1);
+}

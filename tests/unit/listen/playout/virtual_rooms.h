@@ -1,0 +1,286 @@
+#pragma once
+
+#include <algorithm>
+#include <array>
+#include <cmath>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <vector>
+
+#include <opus/opus.h>
+
+#include "listen/audio/stream_decoder.h"
+#include "listen/network/audio_packet.h"
+#include "listen/network/sequence_tracker.h"
+#include "listen/playout/playout.h"
+#include "listen/playout/send_clock.h"
+#include "tests/unit/listen/packets.h"
+
+/// One server and several listeners, each with a network, a clock and an output device of its own,
+/// in virtual time. What is heard is judged by the phase of a tone. Times in seconds.
+namespace virtual_rooms {
+
+constexpr double TAU = 6.283185307179586;
+constexpr double TONE = 50;  ///< Hz, as captured: what is judged is known modulo 20 ms.
+constexpr int DEVICE_RATE = 48000;
+
+/// What the server captures and when it sends it.
+struct Server {
+    double ppm = 0;  ///< How much faster than nominal its clock runs.
+    int rate = 48000;
+    bool opus = false;
+    /// The sound comes in blocks of so many frames, a packet leaves when they fill it.
+    std::uint64_t blockFrames = 337;
+    double start = 0;
+    /// From this time on everything is captured later by `shift`.
+    double shiftAt = 1e9;
+    double shift = 0;
+
+    [[nodiscard]] double frameTime(std::uint64_t frames) const {
+        const double time = start + static_cast<double>(frames) / rate / (1 + ppm * 1e-6);
+        return time >= shiftAt ? time + shift : time;
+    }
+    /// When the packet with this number is sent.
+    [[nodiscard]] double sendTime(std::uint64_t number) const {
+        std::uint64_t end = 338 * (number + 1);
+        if (opus) {
+            end = (480 * (number + 1) + 337) / 338 * 338;
+        }
+        const std::uint64_t blocks = (end + blockFrames - 1) / blockFrames;
+        return frameTime(blocks * blockFrames) + 0.0001 + (opus ? 0.0005 : 0);
+    }
+};
+
+/// The way of a packet that is sent at `sent`: how long it takes; nothing when it is lost.
+using Way = std::function<std::optional<double>(double sent)>;
+
+/// What an output device is like.
+struct Device {
+    double ppm = 0;
+    double latency = 0.03;
+    double start = 0;
+    /// What it says instead of its latency at a time, in seconds.
+    std::function<double(double now, double latency)> stamp = [](double, double real) {
+        return real;
+    };
+};
+
+class Listener {
+  public:
+    Listener(const Server& server, Way way, const Device& device,
+             const vxlisten::PlayoutSettings& settings)
+        : server_(server),
+          way_(std::move(way)),
+          device_(device),
+          settings_(settings),
+          playout_(std::make_unique<vxlisten::Playout>(DEVICE_RATE, settings, 30)) {
+        encoder_.reset(opus_encoder_create(48000, 2, OPUS_APPLICATION_AUDIO, nullptr));
+        join();
+    }
+
+    /// Another server, or the same one anew.
+    void setServer(const Server& server) {
+        server_ = server;
+        encoder_.reset(opus_encoder_create(48000, 2, OPUS_APPLICATION_AUDIO, nullptr));
+        tracker_.restart();
+        flying_.clear();
+        join();
+    }
+
+    void setWay(Way way) { way_ = std::move(way); }
+
+    /// Another device in place of this one, as when it is opened anew.
+    void setDevice(const Device& device) {
+        device_ = device;
+        played_ = 0;
+        playout_ = std::make_unique<vxlisten::Playout>(DEVICE_RATE, settings_, 30);
+    }
+
+    /// Lets the time up to `end` pass.
+    void run(double end) {
+        constexpr std::size_t PERIOD = 480;
+        std::array<std::int16_t, 2 * PERIOD> output{};
+        for (double now = callTime(); now <= end; now = callTime()) {
+            deliverUntil(now);
+            const double latency = device_.stamp(now, device_.latency) * 1e6;
+            playout_->render(output.data(), PERIOD, microseconds(now), latency);
+            for (std::size_t i = 0; i < PERIOD; ++i) {
+                hear(output[2 * i]);
+            }
+        }
+        deliverUntil(end);
+    }
+
+    /// How much later than the capture of its last frame in a raw packet the sound was heard, for
+    /// each tenth of a second that it was: (time, delay) in seconds, the delay modulo 20 ms.
+    struct Heard {
+        double time;
+        double delay;
+    };
+    [[nodiscard]] const std::vector<Heard>& heard() const { return heard_; }
+    [[nodiscard]] const vxlisten::PlayoutFigures& figures() const { return playout_->figures(); }
+    [[nodiscard]] const vxlisten::SendClock& sendClock() const { return sendClock_; }
+
+  private:
+    struct InFlight {
+        double arrival;
+        packets::Bytes bytes;
+    };
+    struct EncoderDeleter {
+        void operator()(OpusEncoder* encoder) const { opus_encoder_destroy(encoder); }
+    };
+    static constexpr std::size_t WINDOW = 4800;
+
+    static std::int64_t microseconds(double seconds) {
+        return static_cast<std::int64_t>(std::llround(seconds * 1e6)) + 1'000'000'000;
+    }
+
+    double frameHeard(double frame) const {
+        return device_.start + frame / DEVICE_RATE / (1 + device_.ppm * 1e-6) + device_.latency;
+    }
+    double callTime() const { return frameHeard(static_cast<double>(played_)) - device_.latency; }
+
+    /// The first packet that is sent after the connection.
+    void join() {
+        next_ = 0;
+        while (server_.sendTime(next_) < lastDelivery_) {
+            ++next_;
+        }
+    }
+
+    void hear(std::int16_t sample) {
+        const double time = frameHeard(static_cast<double>(played_++));
+        const double angle = TAU * TONE * (1 + server_.ppm * 1e-6) * (time - server_.start);
+        re_ += sample * std::sin(angle);
+        im_ += sample * std::cos(angle);
+        if (played_ % WINDOW != 0) {
+            return;
+        }
+        const double level = 2 * std::hypot(re_, im_) / WINDOW;
+        if (level > 7000) {
+            heard_.push_back({time, -std::atan2(im_, re_) / TAU / TONE - 338.0 / server_.rate});
+        }
+        re_ = im_ = 0;
+    }
+
+    void deliverUntil(double now) {
+        for (; server_.sendTime(next_) <= now; ++next_) {
+            const double sent = server_.sendTime(next_);
+            packets::Bytes bytes = makePacket(next_);
+            if (const auto taken = way_(sent)) {
+                latest_ = std::max(latest_, sent + *taken);
+                flying_.push_back({latest_, std::move(bytes)});
+            }
+        }
+        for (; nextPing_ <= now; nextPing_ += 0.101) {
+            // The server answers when it next sends something.
+            const double there = nextPing_ + way_(nextPing_).value_or(1);
+            const double back = way_(there).value_or(1);
+            const double wait = std::fmod(there, 0.007);
+            sendClock_.noteRoundTrip((there - nextPing_ + wait + back) * 1e6);
+        }
+        while (!flying_.empty() && flying_.front().arrival <= now) {
+            deliver(flying_.front());
+            flying_.pop_front();
+        }
+        lastDelivery_ = now;
+    }
+
+    packets::Bytes makePacket(std::uint64_t number) {
+        const std::size_t frames = server_.opus ? 480 : 338;
+        std::vector<std::int16_t> sound;
+        for (std::uint64_t i = number * frames; i < (number + 1) * frames; ++i) {
+            const double angle = TAU * TONE * static_cast<double>(i) / server_.rate;
+            const auto value = static_cast<std::int16_t>(std::lround(10000 * std::sin(angle)));
+            sound.insert(sound.end(), {value, value});
+        }
+        packets::Bytes payload = packets::toBytes(sound);
+        if (server_.opus) {
+            payload.resize(wire::MAX_OPUS_BYTES);
+            const auto length = opus_encode(encoder_.get(), sound.data(), 480, payload.data(),
+                                            static_cast<opus_int32>(payload.size()));
+            payload.resize(static_cast<std::size_t>(length));
+        }
+        return packets::make(static_cast<std::uint32_t>(number),
+                             wire::makeFlags(true, server_.rate == 48000, server_.opus ? 2 : 0),
+                             payload);
+    }
+
+    void deliver(const InFlight& flight) {
+        const auto packet = vxlisten::parseAudioPacket(flight.bytes.data(), flight.bytes.size());
+        const std::int64_t now = microseconds(flight.arrival);
+        decoder_.decode(*packet, tracker_.observe(*packet), [&](const auto& block) {
+            playout_->queue().push(block, now, sendClock_.next(block, *packet, now));
+        });
+    }
+
+    Server server_;
+    Way way_;
+    Device device_;
+    vxlisten::PlayoutSettings settings_;
+    std::unique_ptr<vxlisten::Playout> playout_;
+    vxlisten::SequenceTracker tracker_;
+    vxlisten::StreamDecoder decoder_;
+    vxlisten::SendClock sendClock_;
+    std::unique_ptr<OpusEncoder, EncoderDeleter> encoder_;
+    std::uint64_t next_ = 0;
+    std::deque<InFlight> flying_;
+    double latest_ = 0;
+    double lastDelivery_ = 0;
+    double nextPing_ = 0;
+    std::uint64_t played_ = 0;
+    double re_ = 0;
+    double im_ = 0;
+    std::vector<Heard> heard_;
+};
+
+/// `value` modulo 20 ms, -10 to 10 ms, both in milliseconds.
+inline double wrapped(double seconds) {
+    return std::remainder(seconds * 1000, 1000 / TONE);
+}
+
+/// The middle and the greatest of some values.
+struct Spread {
+    double median = 0;
+    double most = 0;
+};
+
+inline Spread spreadOf(std::vector<double> values) {
+    if (values.empty()) {
+        return {1e9, 1e9};
+    }
+    std::sort(values.begin(), values.end());
+    return {values[values.size() / 2], values.back()};
+}
+
+/// How far a listener is from `delayMs`, from `from` to `to`; milliseconds.
+inline Spread offTheDelay(const Listener& one, double delayMs, double from, double to) {
+    std::vector<double> values;
+    for (const auto& heard : one.heard()) {
+        if (heard.time >= from && heard.time < to) {
+            values.push_back(std::abs(wrapped(heard.delay - delayMs / 1000)));
+        }
+    }
+    return spreadOf(values);
+}
+
+/// How far two listeners are from each other, from `from` to `to`; milliseconds.
+inline Spread apart(const Listener& one, const Listener& other, double from, double to) {
+    std::vector<double> values;
+    auto second = other.heard().begin();
+    for (const auto& heard : one.heard()) {
+        while (second != other.heard().end() && second->time < heard.time - 0.05) {
+            ++second;
+        }
+        if (second != other.heard().end() && second->time < heard.time + 0.05 &&
+            heard.time >= from && heard.time < to) {
+            values.push_back(std::abs(wrapped(heard.delay - second->delay)));
+        }
+    }
+    return spreadOf(values);
+}
+
+}  // namespace virtual_rooms
