@@ -235,6 +235,20 @@ class Serving(SystemTest):
                 self.assertEqual(listener.end, 1001)
                 self.assertTrue(read_all(player).endswith(b"\r\n0\r\n\r\n"))
 
+    def test_without_descriptors_it_goes_on_and_serves_again_when_there_are_some(self):
+        with Web(prefix=["prlimit", "--nofile=40:40"]) as web:
+            address = web.address()
+            good = self.enterContext(LiveListener(address))
+            wait_until(lambda: good.numbers, "the sound comes")
+            crowd = [connect(address) for _ in range(60)]
+            count = len(good.numbers)
+            wait_until(lambda: len(good.numbers) > count + 150, "the sound goes on")
+            self.assertEqual(good.lost(), 0)
+            for line in crowd:
+                line.close()
+            later = self.enterContext(LiveListener(address, "?format=opus"))
+            wait_until(lambda: later.numbers, "another stream is opened")
+
     def test_it_ends_although_a_listener_does_not_read(self):
         stuck = self.enterContext(connect(self.address, receive_buffer=4096))
         stuck.sendall(request("/stream.wav"))

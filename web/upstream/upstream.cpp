@@ -43,12 +43,6 @@ Upstream::~Upstream() {
 }
 
 void Upstream::open() {
-    if (receiver_.open()) {
-        socket_.assign(receiver_.descriptor());
-        waitForData();
-    } else {
-        tell("cannot open a network socket");
-    }
     enter(Link::Waiting);
     waitForTime();
     watch();
@@ -166,9 +160,18 @@ void Upstream::lose(const std::string& why) {
     }
 }
 
+/// True with a socket; there may be none when many are connected to us.
+bool Upstream::openSocket() {
+    if (!socket_.is_open() && receiver_.open()) {
+        socket_.assign(receiver_.descriptor());
+        waitForData();
+    }
+    return socket_.is_open();
+}
+
 void Upstream::connect() {
     enter(Link::Connecting);
-    if (!socket_.is_open() || !receiver_.resolve(locator_.address(), locator_.port()) ||
+    if (!openSocket() || !receiver_.resolve(locator_.address(), locator_.port()) ||
         !receiver_.connect(choice_)) {
         lose({});
     }
@@ -186,7 +189,9 @@ void Upstream::watch() {
         events_.serverWentAway();
     } else if (link_ == Link::Waiting && now >= waitUntil_ && !locator_.address().empty()) {
         connect();
-    } else if (link_ == Link::Connecting && (moved || now - linkSince_ >= CONNECT_PATIENCE)) {
+    } else if (link_ == Link::Connecting && moved) {
+        connect();
+    } else if (link_ == Link::Connecting && now - linkSince_ >= CONNECT_PATIENCE) {
         lose({});
     } else if (link_ == Link::Connected && now - lastSound_ >= SILENCE_PATIENCE) {
         receiver_.startDisconnect();

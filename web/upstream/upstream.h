@@ -64,6 +64,7 @@ class Upstream : public std::enable_shared_from_this<Upstream> {
     void handlePacket(const ENetPacket& packet);
     void handleDisconnected(std::uint32_t data);
     void watch();
+    [[nodiscard]] bool openSocket();
     void connect();
     void lose(const std::string& why);
     void enter(Link link);

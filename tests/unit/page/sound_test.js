@@ -84,6 +84,15 @@ export function theBufferIsFortyMillisecondsOnAnEvenNetwork() {
   near(target.milliseconds, 150, 0, 'the choice');
 }
 
+export function whatWaitsInTheOutputIsPartOfTheBuffer() {
+  const target = new DelayTarget(40);
+  target.setAhead(12);
+  arrive(target, 2000, () => 0);
+  near(target.milliseconds, 28, 0, 'the rest of the least');
+  arrive(target, 1000, (i) => (i % 5 === 0 ? 90 : 0), 2000);
+  check(target.milliseconds > 90, 'what the network needs waits before the output');
+}
+
 export function theBufferCoversUnevenPacketsAndForgetsThem() {
   const target = new DelayTarget(40);
   arrive(target, 1000, (i) => (i % 5 === 0 ? 90 : 0));

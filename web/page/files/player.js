@@ -7,8 +7,6 @@ import { samplesOfPcm } from './sound/packets.js';
 import { WorkletOutput } from './worklet_output.js';
 
 const VOLUME_SECONDS = 0.02;
-// A computer's output may have the least latency, a phone's needs its rest.
-const LATENCY_HINT = matchMedia('(pointer: fine)').matches ? 0 : 'interactive';
 // Firefox deadlocks with PulseAudio when a page asks for outputLatency or getOutputTimestamp()
 // while it plays: one time of a hundred or so.
 const asksOutput = !CSS.supports('-moz-appearance', 'none');
@@ -30,8 +28,8 @@ function liveUrl(quality) {
 
 /**
  * Calls of `listener`: onState(one of State), onTitle(text), onFigures(figures). The figures are
- * those of Playout, and outputMs (of the browser and the device; null when unknown), leadMs,
- * sampleRate, bytes (until now).
+ * those of Playout, and outputMs (of the browser and the device; null when unknown), sampleRate,
+ * bytes (until now).
  */
 export class Player {
   #listener;
@@ -76,7 +74,7 @@ export class Player {
   }
 
   #openContext(volume) {
-    this.#context ??= new AudioContext({ latencyHint: LATENCY_HINT });
+    this.#context ??= new AudioContext({ latencyHint: 'interactive' });
     this.#context.resume();
     if (!this.#gain) {
       this.#gain = this.#context.createGain();
@@ -166,11 +164,9 @@ export class Player {
       this.#hasPlayed = true;
       this.#tell(State.PLAYING);
     }
-    const { baseLatency = 0, outputLatency = 0 } = asksOutput ? this.#context : {};
     this.#listener.onFigures({
-      leadMs: 0,
       ...figures,
-      outputMs: asksOutput ? 1000 * Math.max(baseLatency, outputLatency) : null,
+      outputMs: asksOutput ? 1000 * (this.#context.outputLatency ?? 0) : null,
       sampleRate: this.#format?.sampleRate ?? 0,
       bytes: this.#bytes,
     });

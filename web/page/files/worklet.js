@@ -12,6 +12,7 @@ class PlayoutProcessor extends AudioWorkletProcessor {
   constructor({ processorOptions }) {
     super();
     this.#playout = new Playout(sampleRate, processorOptions.bufferMs);
+    this.#playout.setAhead(processorOptions.aheadMs);
     this.port.onmessage = ({ data }) => this.#take(data);
   }
 

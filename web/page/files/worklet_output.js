@@ -13,7 +13,7 @@ export class WorkletOutput {
     this.#node = new AudioWorkletNode(context, 'velantrix-playout', {
       numberOfInputs: 0,
       outputChannelCount: [2],
-      processorOptions: { bufferMs },
+      processorOptions: { bufferMs, aheadMs: 1000 * (context.baseLatency ?? 0) },
     });
     this.#node.port.onmessage = ({ data }) => onFigures(data);
     this.#node.connect(target);

@@ -22,6 +22,7 @@ const EXTRA_LOSS_PER_SECOND = 0.2;
  */
 export class DelayTarget {
   #chosen;
+  #ahead = 0;
   #extra = 0;
   #packetMs = 0;
   #jitter = 0;
@@ -39,6 +40,11 @@ export class DelayTarget {
 
   choose(milliseconds) {
     this.#chosen = Math.max(MIN_BUFFER_MS, milliseconds);
+  }
+
+  /** So much of what is buffered has gone on to the output, and waits there. */
+  setAhead(milliseconds) {
+    this.#ahead = milliseconds;
   }
 
   /** Notes that the packet at `mediaTime` of its stream came at `arrival` and lasts `packetMs`. */
@@ -103,9 +109,10 @@ export class DelayTarget {
     this.#extra = Math.max(0, this.#extra - EXTRA_LOSS_PER_SECOND * seconds);
   }
 
+  /** What is to wait before the output. */
   get milliseconds() {
     const needed = this.#jitter + this.#packetMs + SAFETY_MS;
-    return Math.min(MAX_TARGET_MS, Math.max(this.#chosen, needed) + this.#extra);
+    return Math.min(MAX_TARGET_MS, Math.max(this.#chosen - this.#ahead, needed) + this.#extra);
   }
 
   /** How late nearly all packets are at most, against the quickest ones. */

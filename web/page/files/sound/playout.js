@@ -48,7 +48,8 @@ export class Playout {
   #peak = [0, 0];
   #figures = {
     playing: false,
-    depthMs: 0,
+    depthMs: 0, // What waits here,
+    aheadMs: 0, // and in the output.
     correctionPpm: 0,
     lost: 0, // Packets.
     underruns: 0,
@@ -60,6 +61,12 @@ export class Playout {
   constructor(outputRate, bufferMs) {
     this.#outputRate = outputRate;
     this.#target = new DelayTarget(bufferMs);
+  }
+
+  /** So many milliseconds of the buffer wait in the output, rendered but not yet on their way. */
+  setAhead(milliseconds) {
+    this.#figures.aheadMs = milliseconds;
+    this.#target.setAhead(milliseconds);
   }
 
   setBuffer(milliseconds) {
