@@ -43,7 +43,7 @@ export class ScheduledOutput {
   #figures() {
     const figures = this.#playout.takeFigures();
     figures.underruns += this.#lead.late;
-    return figures;
+    return { ...figures, aheadMs: 1000 * this.#lead.seconds };
   }
 
   push(packet) {
@@ -72,7 +72,6 @@ export class ScheduledOutput {
     }
     this.#lead.pass(this.#lastPump === null ? 0 : now - this.#lastPump);
     this.#lastPump = now;
-    this.#playout.setAhead(1000 * this.#lead.seconds);
     const goal = Math.floor((now + this.#lead.seconds) * rate);
     const late = this.#end / rate < now + this.#margin;
     if (!late && this.#end >= goal) {

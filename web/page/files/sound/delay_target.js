@@ -7,12 +7,12 @@ const BINS = 800; // Of a millisecond each.
 const MEMORY = 1 - 1 / 4000; // Weight that a packet keeps when the next one comes.
 const UNCOVERED = 0.002; // Share of the packets that may come too late,
 const EXCEPTIONS = 1; // but so many at any rate.
-const SETTLING_PACKETS = 30; // The page is busy while it begins: they say nothing.
+const SETTLING_MS = 1500; // The page is busy while it begins, which says nothing of the network.
 const CATCHING_UP_MS = 1;
 const SAFETY_MS = 5;
 const UNDERRUN_EXTRA_MS = 15;
 const MAX_EXTRA_MS = 300;
-const EXTRA_LOSS_PER_SECOND = 0.2;
+const EXTRA_LOSS_PER_SECOND = 1;
 
 /**
  * The target: at least what the user chose, and as much more as the recent unevenness of the
@@ -32,7 +32,7 @@ export class DelayTarget {
   #lastLateness = 0;
   #lateness = new Float64Array(BINS); // How many packets were how late, fading with time.
   #total = 0;
-  #settling = SETTLING_PACKETS;
+  #settling = SETTLING_MS;
 
   constructor(chosenMs) {
     this.choose(chosenMs);
@@ -52,7 +52,7 @@ export class DelayTarget {
     const transit = arrival - mediaTime;
     this.#packetMs = packetMs;
     if (this.#settling > 0) {
-      this.#settling -= 1;
+      this.#settling -= packetMs;
       return;
     }
     if (this.#quickest === null) {
@@ -93,7 +93,7 @@ export class DelayTarget {
   /** Forgets what was, as for a new stream: the end of the last one was no unevenness. */
   restart() {
     this.#extra = 0;
-    this.#settling = SETTLING_PACKETS;
+    this.#settling = SETTLING_MS;
     this.#quickest = null;
     this.#lateness.fill(0);
     this.#total = 0;
@@ -101,7 +101,9 @@ export class DelayTarget {
   }
 
   noteUnderrun() {
-    this.#extra = Math.min(this.#extra + UNDERRUN_EXTRA_MS, MAX_EXTRA_MS);
+    if (this.#settling <= 0) {
+      this.#extra = Math.min(this.#extra + UNDERRUN_EXTRA_MS, MAX_EXTRA_MS);
+    }
   }
 
   /** Lets time pass, after which an old underrun weighs less. */
