@@ -46,7 +46,7 @@ SinkState Outputs::take(const AudioPacket& packet, const SequenceStep& step, std
     BlockQueue* const played = sound_ != nullptr ? sound_->queue() : nullptr;
     const DecodedBlock sound =
         decoder_.decode(packet, step, [this, &packet, played, now](const DecodedBlock& block) {
-            const SendTime sent = sendClock_.next(block, packet.encoding, now);
+            const SendTime sent = sendClock_.next(block, packet, now);
             if (played != nullptr) {
                 played->push(block, now, sent);
             }

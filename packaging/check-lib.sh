@@ -16,7 +16,7 @@ wait_until() {
 web_answers() {
     timeout 5 bash -c 'exec 3<>"/dev/tcp/$2/59080"
         printf "GET %s HTTP/1.1\r\nHost: %s\r\nConnection: close\r\n\r\n" "$1" "$2" >&3
-        head -n 1 <&3' answers "$1" "${2:-127.0.0.1}" | grep -q "^HTTP/1.1 200"
+        head -n 1 <&3' answers "$1" "${2:-127.0.0.1}" 2>/dev/null | grep -q "^HTTP/1.1 200"
 }
 
 # play_into_nothing [PREFIX...]: starts a sound server at $XDG_RUNTIME_DIR/native whose only sink

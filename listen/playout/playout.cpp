@@ -26,7 +26,7 @@ constexpr double YOUNG = 3;  ///< Seconds.
 constexpr double YOUNG_INTERVAL = 0.1;
 constexpr double MOST_YOUNG_LATE_MS = 10;
 constexpr double MOST_LATE_MS = 40;
-constexpr double LEAST_PLACED = 1;     ///< Seconds.
+constexpr double LEAST_PLACED = 1;  ///< Seconds.
 /// What repeated underruns ask for when the delay is too short for the network: a stall or two of
 /// the server do not take a listener out of step with the others.
 constexpr double OFTEN_MS = 20;

@@ -39,8 +39,9 @@ constexpr std::size_t EXTRAPOLATED_SPANS = 6;
 /// Frames that Opus's encoder holds back.
 constexpr double OPUS_LOOK_AHEAD = 312;
 /// Compressed packets leave after the raw pass of the same callback, which ends with a wait of up
-/// to 1 ms for the network, and after their encoding.
-constexpr double SECOND_PASS = 1200;
+/// to 1 ms for the network, mostly all of it: the earliest ones of ten seconds waited for 0.8 ms,
+/// those of a minute for 0.2 ms.
+constexpr double SECOND_PASS = 500;
 
 /// What `count` values can come down to at the least: even the least of them had to wait, and how
 /// far the next ones lie from it tells how long, up to `most`. Puts them in order.
@@ -51,14 +52,22 @@ double extrapolatedLeast(double* values, std::size_t count, double most) {
     return values[0] - std::min(most, (values[used - 1] - values[0]) * FIRST_PLACE / places);
 }
 
-/// How much earlier than its packet the first frame of a block counts as sent, in microseconds.
-double leadOf(Encoding encoding, std::size_t frames, double framePeriod) {
-    if (encoding == Encoding::Raw) {
+/// How much earlier than its packet the first frame of a block counts as sent, in frames.
+double leadOf(const AudioPacket& packet) {
+    return packet.compressedPass()
+               ? static_cast<double>(wire::OPUS_FRAME_SAMPLES) - wire::RAW_BLOCK_FRAMES
+               : 0.0;
+}
+
+/// Frames that a compressed packet had to wait for until a raw one was full, which is when it is
+/// sent: both are numbered from the beginning of the capture.
+double waitOf(const AudioPacket& packet) {
+    if (!packet.compressedPass()) {
         return 0;
     }
-    const double more = static_cast<double>(frames) - static_cast<double>(wire::RAW_BLOCK_FRAMES) +
-                        (encoding == Encoding::Opus ? OPUS_LOOK_AHEAD : 0.0);
-    return more * framePeriod + SECOND_PASS;
+    const std::uint64_t over =
+        (std::uint64_t{packet.seq} + 1) * wire::OPUS_FRAME_SAMPLES % wire::RAW_BLOCK_FRAMES;
+    return over > 0 ? static_cast<double>(wire::RAW_BLOCK_FRAMES - over) : 0.0;
 }
 
 }  // namespace
@@ -77,7 +86,7 @@ void SendClock::forgetSpans() {
     lateSince_ = -1;
 }
 
-SendTime SendClock::next(const DecodedBlock& block, Encoding encoding, std::int64_t now) {
+SendTime SendClock::next(const DecodedBlock& block, const AudioPacket& packet, std::int64_t now) {
     if (block.count == 0) {
         return {};
     }
@@ -85,15 +94,19 @@ SendTime SendClock::next(const DecodedBlock& block, Encoding encoding, std::int6
         restart(now);
     }
     sampleRate_ = block.sampleRate;
-    const double time = position_ / sampleRate_;
+    const double lead = leadOf(packet);
     if (!block.concealed) {
+        const double time = (position_ + lead + waitOf(packet)) / sampleRate_;
         noteArrival(time, static_cast<double>(now - origin_) - time * MICROSECONDS);
     }
+    const double held = packet.encoding == Encoding::Opus ? OPUS_LOOK_AHEAD : 0.0;
+    const double extra = (packet.compressedPass() ? SECOND_PASS : 0.0) + halfRoundTrip();
+    const double time = (position_ - held) / sampleRate_;
     position_ += static_cast<double>(block.count);
     SendTime result;
     result.framePeriod = (MICROSECONDS + slope_) / sampleRate_;
-    result.ahead = leadOf(encoding, block.count, result.framePeriod) + halfRoundTrip();
-    result.first = static_cast<double>(origin_) + time * MICROSECONDS + lineAt(time) - result.ahead;
+    result.ahead = (lead + held) * result.framePeriod + extra;
+    result.first = static_cast<double>(origin_) + time * MICROSECONDS + lineAt(time) - extra;
     return result;
 }
 

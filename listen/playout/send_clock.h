@@ -26,9 +26,9 @@ struct SendTime {
 /// least round trip is taken off it. Times are given, not taken from a clock. Not thread-safe.
 class SendClock {
   public:
-    /// Takes the next block of the stream, whose packet had this encoding and came at `now`
+    /// Takes the next block of the stream, which `packet` brought that came at `now`
     /// (microseconds), and tells when it was sent. Concealed blocks are not judged.
-    SendTime next(const DecodedBlock& block, Encoding encoding, std::int64_t now);
+    SendTime next(const DecodedBlock& block, const AudioPacket& packet, std::int64_t now);
 
     /// Takes a round trip to the server and back, in microseconds.
     void noteRoundTrip(double roundTrip);

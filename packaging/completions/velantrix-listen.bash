@@ -31,14 +31,14 @@ _velantrix_listen() {
             done < <(velantrix-listen --list-devices 2>/dev/null)
             return
             ;;
-        --port | --name | --buffer | --seconds)
+        --port | --name | --buffer | --delay | --offset | --seconds)
             return
             ;;
     esac
 
     if [[ $cur == -* ]]; then
         mapfile -t COMPREPLY < <(compgen -W "--list --rate --best-effort --name --single --buffer
-            --device --list-devices --record --stdout --no-play --seconds --stats --stats=json
+            --delay --offset --device --list-devices --record --stdout --no-play --seconds --stats --stats=json
             --quiet --port --once --version --help" -- "$cur")
     elif declare -F _known_hosts_real >/dev/null; then
         _known_hosts_real -- "$cur"

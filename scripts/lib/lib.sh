@@ -25,6 +25,7 @@ packages_test=(
     libgtest-dev libgmock-dev xvfb xauth xdotool openbox imagemagick dbus at-spi2-core
     gir1.2-atspi-2.0 python3-gi libglib2.0-bin x11-utils weston qtwayland5 desktop-file-utils
     appstream mandoc zsh systemd valgrind python3-pytest python3-pyte
+    curl ffmpeg icecast2 mpv vlc-bin vlc-plugin-base openssl python3-selenium zbar-tools
 )
 packages_qt6=(qt6-base-dev qt6-wayland)
 packages_check=(clang clang-tidy clang-format cppcheck)
@@ -32,6 +33,11 @@ packages_analysis=("${packages_check[@]}" iwyu)
 packages_bench=(
     libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib valgrind
 )
+# Ubuntu's browsers are snaps, which cannot be driven like this.
+if ! grep -qsx 'ID=ubuntu' /etc/os-release; then
+    packages_test+=(chromium chromium-driver firefox-esr)
+    packages_bench+=(chromium chromium-driver python3-selenium)
+fi
 # What bench/peers compares; on Debian only.
 packages_peers=(
     snapserver snapclient pulseaudio pulseaudio-utils netcat-openbsd gstreamer1.0-plugins-base
@@ -106,7 +112,9 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
          for the demo:    pulseaudio pulseaudio-utils iproute python3
          for the tests:   gtest-devel gmock-devel xorg-x11-server-Xvfb xorg-x11-xauth xdotool \
              openbox ImageMagick dbus-daemon at-spi2-core python3-gobject xprop weston qt5-qtwayland \
-             desktop-file-utils appstream mandoc zsh systemd valgrind python3-pytest python3-pyte
+             desktop-file-utils appstream mandoc zsh systemd valgrind python3-pytest python3-pyte \
+             curl ffmpeg icecast mpv vlc chromium chromedriver python3-selenium zbar \
+             (and Firefox ESR as firefox-esr)
          for the checks:  clang clang-tools-extra cppcheck
          for benchmarks:  google-benchmark-devel python3-matplotlib valgrind pulseaudio pulseaudio-utils
 
@@ -116,7 +124,8 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
          for the demo:    pulseaudio iproute2 python
          for the tests:   gtest xorg-server-xvfb xorg-xauth xdotool imagemagick dbus at-spi2-core \
              openbox python-gobject xorg-xprop weston qt5-wayland desktop-file-utils appstream \
-             mandoc zsh valgrind python-pytest python-pyte
+             mandoc zsh valgrind python-pytest python-pyte curl ffmpeg icecast mpv vlc chromium \
+             python-selenium zbar (and Firefox ESR as firefox-esr)
          for the checks:  clang cppcheck
          for benchmarks:  benchmark python-matplotlib valgrind pulseaudio
 

@@ -24,10 +24,10 @@ from support.processes import PATIENCE, Lines, Process, die_with_parent, wait_un
 from support.sound import SoundServer, clean_environment, private_home
 
 __all__ = ["HERE_ADDRESS", "THERE_ADDRESS", "PATIENCE", "BANNER", "CAPTURE_RUNNING",
-           "DEFAULT_PORT", "NEWER_VERSION", "VERSION", "OtherNetwork", "Process", "Lines", "Server", "SoundServer",
-           "SystemTest", "busy_port", "clean_environment", "die_with_parent", "fake", "has_sanitizer", "listen",
-           "listen_command", "private_home", "program", "resident_bytes", "wait_until",
-           "with_prompt_release"]
+           "DEFAULT_PORT", "NEWER_VERSION", "VERSION", "OtherNetwork", "Process", "Lines", "Server",
+           "SoundServer", "SystemTest", "busy_port", "clean_environment", "die_with_parent",
+           "end_by_itself", "fake", "has_sanitizer", "listen", "listen_command", "private_home",
+           "program", "resident_bytes", "wait_until", "with_prompt_release"]
 
 DEFAULT_PORT = 59010
 END_PATIENCE = 30.0
@@ -77,6 +77,15 @@ def fake(name):
     return str(path)
 
 
+def end_by_itself(process):
+    """A sanitizer looks for leaks when a program ends, not when it is killed."""
+    if process.child.poll() is None:
+        status = process.stop(timeout=END_PATIENCE)
+        if status != 0:
+            raise AssertionError(f"{process.name} ended with status {status}:\n  "
+                                 + "\n  ".join(process.out.all() + process.err.all()))
+
+
 class Server(Process):
     """A running VelantrixServer, headless unless ``gui``.
 
@@ -114,14 +123,6 @@ class Server(Process):
         return dict(private_home(self.own_home), XDG_RUNTIME_DIR=self.own_home,
                     ALSA_CONFIG_PATH=str(config), JACK_NO_START_SERVER="1")
 
-    def _end_by_itself(self):
-        """A sanitizer looks for leaks when the program ends, not when it is killed."""
-        if self.child.poll() is None:
-            status = self.stop(timeout=END_PATIENCE)
-            if status != 0:
-                raise AssertionError(f"{self.name} ended with status {status}:\n  "
-                                     + "\n  ".join(self.out.all() + self.err.all()))
-
     def wait_for_capture(self):
         """Waits until sound flows, from when on clients are served."""
         self.out.wait_for(CAPTURE_RUNNING)
@@ -129,7 +130,7 @@ class Server(Process):
     def __exit__(self, *problem):
         try:
             if not any(problem) and has_sanitizer():
-                self._end_by_itself()
+                end_by_itself(self)
         finally:
             super().__exit__()
             if self.own_home:

@@ -177,9 +177,9 @@ PaError Pa_IsFormatSupported(const PaStreamParameters*, const PaStreamParameters
     return paFormatIsSupported;
 }
 
-PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters* input,
-                      const PaStreamParameters*, double wanted, unsigned long frames,
-                      PaStreamFlags, PaStreamCallback* function, void* data) {
+PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters* input, const PaStreamParameters*,
+                      double wanted, unsigned long frames, PaStreamFlags,
+                      PaStreamCallback* function, void* data) {
     static int opened;
     *stream = &opened;
     captures = input != nullptr;

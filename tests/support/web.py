@@ -6,7 +6,7 @@ import subprocess
 import threading
 import time
 
-from support.harness import program
+from support.harness import end_by_itself, has_sanitizer, program
 from support.processes import PATIENCE, Process, die_with_parent, wait_until
 from support.signals import channel, dominant_frequency, rms, sine
 from support.sound import NULL_SINK, clean_environment
@@ -29,6 +29,13 @@ class Web(Process):
         super().__init__([*prefix, program("VELANTRIX_WEB"), *words, "--listen", listen,
                           *arguments], dict(clean_environment(), **(env or {})),
                          name="velantrix-web")
+
+    def __exit__(self, *problem):
+        try:
+            if not any(problem) and has_sanitizer():
+                end_by_itself(self)
+        finally:
+            super().__exit__()
 
     def address(self):
         """Waits until it serves; the address to open, without a slash at the end."""

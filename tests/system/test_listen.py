@@ -26,6 +26,7 @@ FIGURES = {
     "filled_frames", "reconnects", "peak_dbfs", "rms_dbfs", "playback"}
 PLAYBACK_FIGURES = {
     "playing", "buffer_ms", "target_ms", "jitter_ms", "output_latency_ms", "correction_ppm",
+    "delay_ms", "in_step_ms",
     "concealed", "skipped", "stretched", "underruns",
     "device_underruns"}
 PLAYBACK_SINK = "playback"

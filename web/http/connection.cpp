@@ -1,5 +1,7 @@
 #include "web/http/connection.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <utility>
 
 #include <boost/asio/post.hpp>
@@ -86,14 +88,9 @@ void Connection::close() {
     socket_.close(error);
 }
 
-tcp::endpoint Connection::localEndpoint() const {
-    Error error;
-    return socket_.local_endpoint(error);
-}
-
-void Connection::limitSendBuffer(int bytes) {
-    Error error;
-    socket_.set_option(boost::asio::socket_base::send_buffer_size(bytes), error);
+std::int64_t Connection::unacknowledged() const {
+    int bytes = 0;
+    return ioctl(socket_.native_handle(), SIOCOUTQ, &bytes) == 0 ? bytes : 0;
 }
 
 std::shared_ptr<Connection> makeConnection(tcp::socket socket, boost::asio::ssl::context* tls) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
@@ -40,17 +41,14 @@ class Connection {
     /// Ends at once; what is under way ends with an error.
     void close();
 
-    /// Bounds what the kernel keeps for this connection.
-    void limitSendBuffer(int bytes);
+    /// How many of the bytes written the other side has not acknowledged.
+    [[nodiscard]] std::int64_t unacknowledged() const;
 
     [[nodiscard]] auto executor() { return socket_.get_executor(); }
 
-    /// The address and port on this side that the connection came to.
-    [[nodiscard]] boost::asio::ip::tcp::endpoint localEndpoint() const;
-
   protected:
     explicit Connection(boost::asio::ip::tcp::socket socket) : socket_(std::move(socket)) {}
-    boost::asio::ip::tcp::socket socket_;
+    mutable boost::asio::ip::tcp::socket socket_;  ///< Asio's way to ask for its handle changes it.
 
   private:
     void writeRest(std::shared_ptr<const std::string> bytes, std::size_t from, Done done);

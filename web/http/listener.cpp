@@ -14,6 +14,8 @@ namespace vxweb {
 namespace {
 
 constexpr std::int64_t MAX_LIVE_DELAY = 1 * vxlisten::SECOND;
+/// Sound that the kernel keeps; more waits here, where it can be left out.
+constexpr std::int64_t MAX_UNREAD = 500 * vxlisten::MILLISECOND;
 constexpr std::int64_t MAX_STREAM_DELAY = 10 * vxlisten::SECOND;
 
 boost::asio::const_buffer toBuffer(std::string_view bytes) {
@@ -29,15 +31,17 @@ void Listener::send(PacketPtr packet) {
     if (failed_) {
         return;
     }
+    now_ = std::max(now_, packet->time);
     std::size_t gone = 0;
-    if (queue_.empty()) {
+    if (queue_.empty() && !unread()) {
         Error error;
         const std::string_view bytes = packet->view(framed_);
         gone = connection_->tryWrite(toBuffer(bytes), error);
+        written_ += static_cast<std::int64_t>(gone);
         if (gone == bytes.size()) {
             return;
         }
-    } else if (!makeRoom(*packet)) {
+    } else if (!queue_.empty() && !makeRoom(*packet)) {
         fail(boost::asio::error::timed_out);
         return;
     }
@@ -76,9 +80,25 @@ bool Listener::makeRoom(const Packet& packet) {
     return true;
 }
 
+/// True when a live listener has not got what was written half a second ago.
+bool Listener::unread() {
+    if (slow_ != Slow::LosesSound || now_ - mark_.time < MAX_UNREAD) {
+        return false;
+    }
+    if (written_ - connection_->unacknowledged() < mark_.written) {
+        return true;
+    }
+    mark_ = {now_, written_};
+    return false;
+}
+
 void Listener::flush() {
     while (!queue_.empty() && !writing_ && !failed_) {
-        const auto rest = toBuffer(queue_.front().packet->view(framed_)) + queue_.front().gone;
+        const Entry& next = queue_.front();
+        if (next.packet->sound && next.gone == 0 && unread()) {
+            return;  // Until the next packet.
+        }
+        const auto rest = toBuffer(next.packet->view(framed_)) + next.gone;
         Error error;
         const std::size_t count = connection_->tryWrite(rest, error);
         if (error == boost::asio::error::would_block) {
@@ -102,6 +122,7 @@ void Listener::advance(std::size_t count, const Error& error) {
     }
     Entry& entry = queue_.front();
     entry.gone += count;
+    written_ += static_cast<std::int64_t>(count);
     if (entry.gone >= entry.packet->view(framed_).size()) {
         finish(std::move(entry.done), {});
         queue_.pop_front();

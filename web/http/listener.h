@@ -45,6 +45,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
     };
 
     [[nodiscard]] bool makeRoom(const Packet& packet);
+    [[nodiscard]] bool unread();
     void flush();
     void advance(std::size_t count, const Error& error);
     void fail(const Error& error);
@@ -55,6 +56,13 @@ class Listener : public std::enable_shared_from_this<Listener> {
     const bool framed_;
     bool writing_ = false;  ///< The first entry's bytes are being written.
     bool failed_ = false;
+    std::int64_t now_ = 0;      ///< Time of the latest packet.
+    std::int64_t written_ = 0;  ///< Bytes so far,
+    /// and how many they were at a former time.
+    struct {
+        std::int64_t time = 0;
+        std::int64_t written = 0;
+    } mark_;
     std::deque<Entry> queue_;
 };
 

@@ -30,6 +30,8 @@ class Gate {
         : connection_(std::move(connection)), listener_(std::move(listener)) {}
 
     executor_type get_executor() { return connection_->executor(); }
+    /// True once the frame that ends the WebSocket is on its way: no sound may follow it.
+    [[nodiscard]] bool closing() const { return closing_; }
     void close() { connection_->close(); }
 
     template <class Buffers, class Handler>
@@ -43,6 +45,7 @@ class Gate {
     template <class Buffers, class Handler>
     void async_write_some(const Buffers& buffers, Handler&& handler) {
         std::string bytes = boost::beast::buffers_to_string(buffers);
+        closing_ = closing_ || bytes.front() == CLOSE;
         const std::size_t size = bytes.size();
         auto kept = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
         listener_->sendOwn(std::move(bytes), [kept, size](const Error& error, std::size_t) {
@@ -57,8 +60,11 @@ class Gate {
     }
 
   private:
+    static constexpr char CLOSE = '\x88';  ///< First byte of that frame.
+
     std::shared_ptr<Connection> connection_;
     std::shared_ptr<Listener> listener_;
+    bool closing_ = false;
 };
 
 template <class Handler>
@@ -98,7 +104,11 @@ class LiveSession : public Subscriber, public std::enable_shared_from_this<LiveS
         });
     }
 
-    void take(const PacketPtr& packet) override { listener_->send(packet); }
+    void take(const PacketPtr& packet) override {
+        if (!socket_.next_layer().closing()) {
+            listener_->send(packet);
+        }
+    }
 
     void farewell() override {
         socket_.async_close(websocket::close_code::going_away,

@@ -16,8 +16,9 @@ constexpr int DEFAULT_RATE = 48000;
 constexpr std::int64_t LONGEST_WAIT = 2 * SECOND;
 /// Packets may be held up for so long before silence takes their place.
 constexpr std::int64_t HOLD = 200 * MILLISECOND;
-/// Longer silence at once would only fill the buffers of players, which have run dry meanwhile.
-constexpr std::int64_t LONGEST_SILENCE = 2 * SECOND;
+/// Longer silence at once would only fill the buffers of players, which have run dry meanwhile, and
+/// the queues of listeners, which are bounded.
+constexpr std::int64_t LONGEST_SILENCE = SECOND / 2;
 /// So far the stream may be ahead of time before sound counts as late: where silence has been
 /// written in its place, and elsewhere.
 constexpr std::int64_t LATE = 20 * MILLISECOND;
@@ -42,6 +43,13 @@ std::size_t StreamClock::framesIn(std::int64_t microseconds) const {
     return static_cast<std::size_t>(frames) / unit_ * unit_;
 }
 
+void StreamClock::wrote(std::size_t frames) {
+    written_ += frames;
+    const auto rate = static_cast<std::uint64_t>(rate_);
+    origin_ += static_cast<std::int64_t>(written_ / rate) * SECOND;
+    written_ %= rate;
+}
+
 void StreamClock::begin(std::int64_t now, int rate) {
     rate_ = rate_ > 0 ? rate_ : rate;
     origin_ = now;
@@ -52,7 +60,7 @@ std::size_t StreamClock::fill(std::int64_t microseconds) {
     const std::int64_t excess = std::max<std::int64_t>(0, microseconds - LONGEST_SILENCE);
     origin_ += excess;
     const std::size_t frames = framesIn(microseconds - excess);
-    written_ += frames;
+    wrote(frames);
     return frames;
 }
 

@@ -32,7 +32,7 @@ class StreamClock {
     std::size_t pass(std::int64_t now);
 
     /// Counts `frames` of sound that were written.
-    void wrote(std::size_t frames) { written_ += frames; }
+    void wrote(std::size_t frames);
 
     /// Hz; 0 as long as the first packet is to decide it.
     [[nodiscard]] int rate() const { return rate_; }
@@ -48,8 +48,8 @@ class StreamClock {
     std::size_t unit_;
     bool begun_ = false;
     std::optional<std::int64_t> waitsSince_;  ///< The first pass() without sound.
-    std::int64_t origin_ = 0;                 ///< When the stream began.
-    std::uint64_t written_ = 0;               ///< Frames since then.
+    std::int64_t origin_ = 0;                 ///< A moment of the stream,
+    std::uint64_t written_ = 0;               ///< and the frames since then, less than a second.
     std::int64_t lastArrival_ = 0;
     std::size_t filled_ = 0;  ///< Frames of silence whose sound may still come.
     std::optional<std::int64_t> windowEnd_;

@@ -1,5 +1,9 @@
 #include "listen/command_line.h"
 
+#include <algorithm>
+#include <string>
+#include <vector>
+
 #include <gtest/gtest.h>
 
 #include "listen/retry_pause.h"
@@ -52,6 +56,31 @@ TEST(CommandLine, StatsTakesTheWordAfterItAsTheHost) {
 
 TEST(CommandLine, StdoutDoesNotPlay) {
     EXPECT_FALSE(read({"box", "--stdout"}).options.play);
+}
+
+TEST(CommandLine, ADelayMayHaveFractionsAndAnOffsetEitherSign) {
+    EXPECT_EQ(read({"box", "--delay", "0.5"}).options.playout.delayMs, 0.5);
+    EXPECT_EQ(read({"box", "--delay=10000"}).options.playout.delayMs, 10000);
+    EXPECT_EQ(read({"box", "--delay", "3e2"}).options.playout.delayMs, 300);
+    EXPECT_EQ(read({"box", "--offset", "-1000"}).options.playout.offsetMs, -1000);
+    EXPECT_EQ(read({"box", "--offset=12.5"}).options.playout.offsetMs, 12.5);
+    EXPECT_TRUE(read({"box", "--buffer", "40"}).options.playout.bufferChosen);
+}
+
+TEST(CommandLine, ADelayThatIsNoNumberOfMillisecondsIsOneSentence) {
+    for (const char* const word : {"", "nan", "inf", "300ms", "0", "-1", "10001", "1e5", " 300",
+                                   "300 ", "0x10", "1,5", "zwei"}) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(read({"box", "--delay", word}).status, vxlisten::STATUS_USAGE) << word;
+        const std::string told = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1) << told;
+    }
+    for (const char* const word : {"", "nan", "-1001", "1000.1", "5ms"}) {
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(read({"box", "--offset", word}).status, vxlisten::STATUS_USAGE) << word;
+        const std::string told = testing::internal::GetCapturedStderr();
+        EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1) << told;
+    }
 }
 
 TEST(CommandLine, NonsenseIsAUsageError) {

@@ -97,6 +97,8 @@ const bars = ['level-left', 'level-right'].map((id) => ({
   held: MIN_DB,
   heldAt: 0,
 }));
+const rings = [['.ring-near', 0.86, 1.04], ['.ring-far', 0.74, 1.06]].map(
+  ([selector, least, most]) => ({ ring: document.querySelector(selector), least, most }));
 let levelsAt = 0;
 
 function showLevels(peak, atOnce = false) {
@@ -115,7 +117,9 @@ function showLevels(peak, atOnce = false) {
     one.hold.style.transform = `translateX(${(100 * (1 - one.held / MIN_DB)).toFixed(2)}%)`;
   });
   const loudest = Math.max(...bars.map(({ level }) => 1 - level / MIN_DB));
-  document.documentElement.style.setProperty('--level', loudest.toFixed(3));
+  rings.forEach(({ ring, least, most }) => {
+    ring.style.transform = `scale(${(least + (most - least) * loudest).toFixed(3)})`;
+  });
 }
 
 let textsAt = 0;
@@ -154,9 +158,6 @@ function showTexts(figures, seconds) {
   show('figure-correction', `${Math.round(figures.correctionPpm)} ppm`);
   show('figure-lost', String(figures.lost));
   show('figure-underruns', String(figures.underruns));
-  Object.assign(document.documentElement.dataset, {
-    depth: figures.depthMs.toFixed(1), lost: figures.lost, underruns: figures.underruns,
-  });
 }
 
 // What is chosen.

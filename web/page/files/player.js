@@ -7,6 +7,8 @@ import { samplesOfPcm } from './sound/packets.js';
 import { WorkletOutput } from './worklet_output.js';
 
 const VOLUME_SECONDS = 0.02;
+// A computer's output may have the least latency, a phone's needs its rest.
+const LATENCY_HINT = matchMedia('(pointer: fine)').matches ? 0 : 'interactive';
 // Firefox deadlocks with PulseAudio when a page asks for outputLatency or getOutputTimestamp()
 // while it plays: one time of a hundred or so.
 const asksOutput = !CSS.supports('-moz-appearance', 'none');
@@ -74,7 +76,7 @@ export class Player {
   }
 
   #openContext(volume) {
-    this.#context ??= new AudioContext({ latencyHint: 'interactive' });
+    this.#context ??= new AudioContext({ latencyHint: LATENCY_HINT });
     this.#context.resume();
     if (!this.#gain) {
       this.#gain = this.#context.createGain();

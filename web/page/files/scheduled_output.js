@@ -5,12 +5,13 @@ import { Lead } from './sound/lead.js';
 import { Playout } from './sound/playout.js';
 
 const PIECE_SECONDS = 0.01;
+const MAX_PIECES = 2;
 const TIMER_MS = 8;
 const FADE_SECONDS = 0.003;
 const MIN_PERIOD_SECONDS = 0.01;
-const FIGURES_MS = 40;
+const FIGURES_MS = 50;
 
-/** Gives sound to the node `target`; `onFigures` hears the figures of Playout some 25 times a second. */
+/** Gives sound to the node `target`; `onFigures` hears the figures of Playout some 20 times a second. */
 export class ScheduledOutput {
   #context;
   #playout;
@@ -29,20 +30,24 @@ export class ScheduledOutput {
     // The context renders so much at once, and its clock may lag behind by as much.
     const period = Math.max(MIN_PERIOD_SECONDS, context.baseLatency ?? 0);
     this.#margin = period + FADE_SECONDS;
-    this.#lead = new Lead(period + this.#margin + TIMER_MS / 1000);
+    this.#lead = new Lead(period + this.#margin + TIMER_MS / 1000, this.#margin);
     const frames = Math.round(PIECE_SECONDS * context.sampleRate);
     this.#left = new Float32Array(frames);
     this.#right = new Float32Array(frames);
     this.#fader = context.createGain();
     this.#fader.connect(target);
-    const tell = () => onFigures({
-      ...this.#playout.takeFigures(), leadMs: 1000 * this.#lead.seconds,
-    });
+    const tell = () => onFigures(this.#figures());
     this.#timers = [setInterval(() => this.#pump(), TIMER_MS), setInterval(tell, FIGURES_MS)];
   }
 
+  #figures() {
+    const figures = this.#playout.takeFigures();
+    figures.underruns += this.#lead.late;
+    return { ...figures, leadMs: 1000 * this.#lead.seconds };
+  }
+
   push(packet) {
-    this.#playout.push(packet, this.#now());
+    this.#playout.push(packet, performance.now());
     this.#pump(); // Timers of a page that nobody looks at are slow, messages are not.
   }
 
@@ -59,17 +64,14 @@ export class ScheduledOutput {
     this.#fader.disconnect();
   }
 
-  #now() {
-    return 1000 * this.#context.currentTime;
-  }
-
   #pump() {
     const now = this.#context.currentTime;
     const rate = this.#context.sampleRate;
     if (this.#context.state !== 'running') {
       return;
     }
-    this.#lead.pass(now - (this.#lastPump ?? now));
+    this.#lead.pass(this.#lastPump === null ? 0 : now - this.#lastPump);
+    this.#lastPump = now;
     const goal = Math.floor((now + this.#lead.seconds) * rate);
     const late = this.#end / rate < now + this.#margin;
     if (!late && this.#end >= goal) {
@@ -80,16 +82,16 @@ export class ScheduledOutput {
     } else {
       this.#fader.gain.cancelScheduledValues(this.#end / rate - FADE_SECONDS);
     }
-    this.#lastPump = now;
-    do {
+    // Little at a time: behind a pause of the page more packets wait for their turn.
+    for (let pieces = 0; this.#end < goal && (late || pieces < MAX_PIECES); ++pieces) {
       this.#schedulePiece(rate);
-    } while (this.#end < goal);
+    }
     this.#fadeAt(this.#end / rate);
   }
 
   /** What was scheduled fades out, or has done so. */
   #startAgain(now) {
-    if (this.#lastPump !== null) {
+    if (this.#end > 0) {
       this.#lead.noteLate();
     }
     const rate = this.#context.sampleRate;

@@ -2,7 +2,7 @@
 
 import { Playout } from './sound/playout.js';
 
-const FIGURES_INTERVAL = 0.04; // Seconds.
+const FIGURES_INTERVAL = 0.05; // Seconds.
 
 class PlayoutProcessor extends AudioWorkletProcessor {
   #playout;

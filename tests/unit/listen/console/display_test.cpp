@@ -29,6 +29,8 @@ Statistics busy() {
     s.playback->targetMs = 40;
     s.playback->concealed = 98765;
     s.playback->underruns = 4321;
+    s.playback->delayMs = 400.12;
+    s.playback->inStepMs = -0.34;
     return s;
 }
 
@@ -56,7 +58,8 @@ TEST(Display, EveryFigureShowsAt80AndAt40Columns) {
         for (const char* part :
              {"living-room.example.net", "192.168.100.200:59010", "01:02:05", "playing",
               "-12.3 dBFS", "-0.5 dBFS", "48000 Hz", "opus-256", "reliable", "268 kbit/s",
-              "RTT 12 ms", "buffer 41/40 ms", "lost 123456", "concealed 98765", "underruns 4321"}) {
+              "RTT 12 ms", "buffer 41/40 ms", "lost 123456", "concealed 98765", "underruns 4321",
+              "delay 400.1 ms in step -0.3 ms"}) {
             EXPECT_NE(text.find(part), std::string::npos) << columns << ": " << part;
         }
     }

@@ -46,6 +46,18 @@ TEST(StatisticsText, LineOfAClientThatPlaysTellsOfItsBuffer) {
         "concealed 4 underruns 6 buffer 41 ms");
 }
 
+TEST(StatisticsText, TheDelayIsToldOnceItIsKnownAndTheStepWhereOneIsKept) {
+    Statistics s = listening();
+    s.playback = playing();
+    EXPECT_NE(toJson(s, "stats").find(R"("delay_ms":null,"in_step_ms":null)"), std::string::npos);
+    s.playback->delayMs = 66.666;
+    EXPECT_NE(toLine(s).find(" buffer 41 ms delay 66.7 ms"), std::string::npos) << toLine(s);
+    EXPECT_NE(toJson(s, "stats").find(R"("delay_ms":66.67,"in_step_ms":null)"), std::string::npos);
+    s.playback->inStepMs = -0.25;
+    EXPECT_NE(toLine(s).find(" delay 66.7 ms in step -0.2 ms"), std::string::npos) << toLine(s);
+    EXPECT_NE(toJson(s, "stats").find(R"("in_step_ms":-0.25)"), std::string::npos);
+}
+
 TEST(StatisticsText, LineSaysWaitingUntilTheServerAnswers) {
     Statistics s = listening();
     s.connected = false;

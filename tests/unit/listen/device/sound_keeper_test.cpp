@@ -142,6 +142,30 @@ TEST_F(SoundKeeperTest, ADeviceThatIsAwayWhenMoreLatencyIsWantedIsToldOf) {
     EXPECT_EQ(watchUntilTold(AGAIN), std::vector<std::string>({AGAIN}));
 }
 
+TEST_F(SoundKeeperTest, WhatKeepsItFromTheChosenDelayIsToldOnce) {
+    settings_.delayMs = 1;
+    openKeeper();
+    const std::vector<std::int16_t> silence(480 * 2);
+    std::vector<std::string> told;
+    // The device gives no time stamps; it is heard in real time.
+    for (int i = 0; i < 1000 && told.size() < 2; ++i) {
+        now_ = vxlisten::steadyNow();
+        keeper_->queue()->push({silence.data(), 480, 48000, vxlisten::Join::GoesOn, false}, now_,
+                               {static_cast<double>(now_), 1e6 / 48000, 0});
+        device_.ask(false);
+        const std::string news = keeper_->watch(now_);
+        if (!news.empty()) {
+            told.push_back(news);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    ASSERT_EQ(told.size(), 2u);
+    EXPECT_EQ(told[0].rfind("a delay of 1 ms is not possible here, playing at ", 0), 0u) << told[0];
+    EXPECT_EQ(told[1], "the output device does not say when its sound is heard, taking 80 ms");
+    EXPECT_GT(keeper_->figures().inStepMs.value_or(0), 80);
+    EXPECT_TRUE(watch(SECOND).empty());
+}
+
 TEST_F(SoundKeeperTest, ASoundLibraryThatHangsDoesNotHoldUpTheEnd) {
     std::FILE* const usual = stderr;
     openKeeper();

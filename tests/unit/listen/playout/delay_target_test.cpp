@@ -77,6 +77,74 @@ TEST_F(DelayTargetTest, NeverExceedsHalfASecond) {
     EXPECT_EQ(target_.milliseconds(), 500);
 }
 
+namespace {
+
+/// Nothing was chosen: it starts at 40 ms.
+class ShrinkingTarget : public DelayTargetTest {
+  protected:
+    ShrinkingTarget() { target_ = DelayTarget(40, false); }
+
+    /// Packets of 7 ms for a while, and a device that asks every 10 ms.
+    void pass(int seconds, double latenessMs = 0) {
+        for (int i = 0; i < seconds; ++i) {
+            arrive(142, latenessMs);
+            for (int call = 0; call < 100; ++call) {
+                demand_ += 10;
+                target_.noteDemand(demand_, static_cast<std::int64_t>(demand_ * 1000), false);
+            }
+            target_.pass(1);
+        }
+    }
+
+    double demand_ = 0;
+};
+
+}  // namespace
+
+TEST_F(ShrinkingTarget, OnAQuietWireItShrinksTowardsAPacketAndSomeSafety) {
+    EXPECT_EQ(target_.milliseconds(), 40);
+    pass(4);
+    EXPECT_EQ(target_.milliseconds(), 40);
+    pass(30);
+    EXPECT_LT(target_.milliseconds(), 35);
+    EXPECT_GT(target_.shrinkingPpm(), 0);
+    pass(200);
+    EXPECT_LT(target_.milliseconds(), 11);
+    EXPECT_GE(target_.milliseconds(), PACKET_MS);
+    EXPECT_EQ(target_.shrinkingPpm(), 0);
+}
+
+TEST_F(ShrinkingTarget, ItGrowsWhenTheSoundHasNearlyRunDry) {
+    pass(200);
+    const double before = target_.milliseconds();
+    target_.noteDepth(5, before);
+    EXPECT_EQ(target_.milliseconds(), before);
+    target_.noteDepth(1, before);
+    EXPECT_GT(target_.milliseconds(), before + 2);
+    target_.noteDepth(1, before + 3);
+    EXPECT_LT(target_.milliseconds(), before + 4) << "once is enough until it has had an effect";
+}
+
+TEST_F(ShrinkingTarget, ADeviceThatAsksForMuchAtATimeGetsMore) {
+    pass(200);
+    const double before = target_.milliseconds();
+    for (int i = 0; i < 200; ++i) {  // 40 ms at once, every 40 ms.
+        for (int call = 0; call < 4; ++call) {
+            target_.noteDemand(demand_ + 10 * call, static_cast<std::int64_t>(demand_ * 1000),
+                               false);
+        }
+        demand_ += 40;
+    }
+    EXPECT_GT(target_.milliseconds(), before + 25);
+    EXPECT_LT(target_.milliseconds(), before + 35);
+}
+
+TEST_F(ShrinkingTarget, ANewStreamStartsFromTheBeginning) {
+    pass(200);
+    target_.restart();
+    EXPECT_EQ(target_.milliseconds(), 40);
+}
+
 TEST_F(DelayTargetTest, UnderrunsAddToItForAWhile) {
     arrive(100, 0);
     target_.noteUnderrun();

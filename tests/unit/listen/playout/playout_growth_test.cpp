@@ -59,6 +59,25 @@ TEST_F(GrowthTest, RisingJitterIsMetBeforeTheSoundRunsDry) {
     EXPECT_LT(largestStep(simulation.played()), 10000 * 3 / 2 * 66 / 1000 + 200);
 }
 
+TEST_F(GrowthTest, WhereNothingWasChosenItShrinksAndGrowsBeforeTheSoundRunsDry) {
+    Conditions conditions = setup(40);
+    conditions.delayChosen = false;
+    conditions.serverPpm = 100;
+    Simulation simulation(conditions, network());
+    EXPECT_EQ(simulation.figures().targetMs, 40.0);
+    simulation.run(180, false);
+    EXPECT_LT(simulation.figures().targetMs, 12.0);
+    EXPECT_LT(simulation.figures().depthMs, 14.0);
+    simulation.run(60, false);
+    for (int second = 0; second < 60; ++second) {
+        jitterMs_ += 0.5;
+        simulation.run(1, false);
+    }
+    EXPECT_GT(simulation.figures().targetMs, 30.0);
+    EXPECT_EQ(simulation.figures().underruns, 0u);
+    EXPECT_EQ(simulation.figures().skipped, 0u);
+}
+
 TEST(Stretch, ATonesPitchStaysAndNoStepIsHeard) {
     std::vector<std::int16_t> played;
     for (std::size_t packet = 0; packet < 100; ++packet) {

@@ -50,7 +50,7 @@ struct Server {
             end = (480 * (number + 1) + 337) / 338 * 338;
         }
         const std::uint64_t blocks = (end + blockFrames - 1) / blockFrames;
-        return frameTime(blocks * blockFrames) + 0.0001 + (opus ? 0.0012 : 0);
+        return frameTime(blocks * blockFrames) + 0.0001 + (opus ? 0.0005 : 0);
     }
 };
 
@@ -213,7 +213,7 @@ class Listener {
         const auto packet = vxlisten::parseAudioPacket(flight.bytes.data(), flight.bytes.size());
         const std::int64_t now = microseconds(flight.arrival);
         decoder_.decode(*packet, tracker_.observe(*packet), [&](const auto& block) {
-            playout_->queue().push(block, now, sendClock_.next(block, packet->encoding, now));
+            playout_->queue().push(block, now, sendClock_.next(block, *packet, now));
         });
     }
 

@@ -163,7 +163,7 @@ TEST(WavStream, GoesOnBeyond4GiB) {
     VirtualFeed feed(StreamFormat::Wav, 0);
     feed.play(1000);
     feed.forget();
-    feed.pass(23'000'000, 1000);
+    feed.pass(23'000'000, 400);
     EXPECT_GT(feed.bytes(), std::uint64_t{1} << 32);
     const std::uint64_t before = feed.bytes();
     feed.reconnect();
@@ -183,8 +183,8 @@ TEST(Mp3Stream, EveryFrameCanBePlayedByItself) {
             EXPECT_EQ(high, 0) << "the bit reservoir is in use";
         }
     }
-    EXPECT_EQ(feed.heard().find("Xing"), std::string::npos);
-    EXPECT_EQ(feed.heard().find("Info"), std::string::npos);
+    EXPECT_NE(feed.heard().substr(4, 380), std::string(380, '\0'))
+        << "the first frame is room for a header with the length";
 }
 
 TEST(FlacStream, TheTitleStandsInTheHeader) {

@@ -45,7 +45,7 @@ export class SequenceTracker {
   observe(sequence) {
     const missing = this.#expected === null ? 0 : (sequence - this.#expected) >>> 0;
     const start = this.#expected === null || missing > LARGEST_GAP;
-    this.#expected = (sequence + 1) >>> 0;
+    this.#expected = sequence + 1;
     return { start, missing: start ? 0 : missing };
   }
 

@@ -15,6 +15,9 @@ const DEPTH_MEMORY = 2; // Seconds over which the depth is averaged.
 const LONGEST_STEP = 1; // Seconds; a longer pause of the output is cut to it.
 const MIN_EXCESS_MS = 40;
 const EXCESS_SHARE = 0.5;
+// Outputs take their time to begin, and sound piles up meanwhile.
+const BEGIN_SECONDS = 4;
+const BEGIN_EXCESS_MS = 12;
 // Much less sound than the target is made up for by stretching, for the drift correction is slow.
 const MAX_SHORTAGE_MS = 15;
 const SHORTAGE_SHARE = 0.3;
@@ -34,10 +37,13 @@ export class Playout {
   #packets = 0; // Of the stream, lost ones too.
   #lastRender = null;
   #meanDepth = 0;
-  #sinceControl = 0;
+  #sinceBegin = 0; // Seconds since it began to play,
+  #sinceDepth = 0; // the depth was looked at,
+  #sinceControl = 0; // and the correction set.
   #sinceStretch = 0;
   #stretching = false;
   #everPlayed = false;
+  #fresh = false; // Something has come since the depth was looked at.
   #ending = false; // The stream has ended, and is to run dry.
   #peak = [0, 0];
   #figures = {
@@ -84,6 +90,7 @@ export class Playout {
     const packetMs = (1000 * frames) / rate;
     this.#target.noteArrival(this.#packets * packetMs, now, packetMs);
     this.#packets += 1;
+    this.#fresh = true;
     this.#source.push({ samples, frames, join, concealed: false });
   }
 
@@ -109,21 +116,21 @@ export class Playout {
       ? 0 : Math.min(LONGEST_STEP, Math.max(0, (now - this.#lastRender) / 1000));
     this.#lastRender = now;
     this.#target.pass(seconds);
-    this.#watchStart(frames);
+    this.#watchStart();
+    this.#watchDepth(seconds);
     this.#produce(frames);
     this.#resampler.pull(left, right, offset, frames);
     this.#watchLevel(left, 0, offset, frames);
     this.#watchLevel(right, 1, offset, frames);
-    this.#watchDepth(seconds);
     this.#control(seconds);
   }
 
-  #watchStart(wanted) {
+  #watchStart() {
     if (!this.#source.pausing || this.#source.empty) {
       return;
     }
     const depth = (1000 * this.#source.frames) / this.#rate;
-    const excess = depth - this.#target.milliseconds - (1000 * wanted) / this.#outputRate;
+    const excess = depth - this.#target.milliseconds;
     if (excess < 0) {
       return;
     }
@@ -137,6 +144,7 @@ export class Playout {
     this.#figures.skipped += this.#everPlayed ? packets : 0;
     this.#everPlayed = true;
     this.#source.resume();
+    this.#sinceBegin = 0;
     this.#meanDepth = this.#target.milliseconds;
     this.#figures.playing = true;
   }
@@ -206,20 +214,31 @@ export class Playout {
     this.#peak[channel] = peak;
   }
 
+  /** The depth is what waits when the output comes for more and something has come meanwhile. */
   #watchDepth(seconds) {
     if (this.#source.pausing) {
       this.#figures.depthMs = this.#depthMs;
       return;
     }
-    this.#meanDepth += (this.#depthMs - this.#meanDepth) * Math.min(1, seconds / DEPTH_MEMORY);
+    this.#sinceDepth += seconds;
+    this.#sinceBegin += seconds;
+    if (!this.#fresh) {
+      return;
+    }
+    this.#fresh = false;
+    const share = Math.min(1, this.#sinceDepth / DEPTH_MEMORY);
+    this.#sinceDepth = 0;
+    this.#meanDepth += (this.#depthMs - this.#meanDepth) * share;
     this.#figures.depthMs = this.#meanDepth;
     const target = this.#target.milliseconds;
-    if (this.#meanDepth > target + Math.max(MIN_EXCESS_MS, EXCESS_SHARE * target)) {
+    const most = this.#sinceBegin < BEGIN_SECONDS
+      ? BEGIN_EXCESS_MS : Math.max(MIN_EXCESS_MS, EXCESS_SHARE * target);
+    if (this.#meanDepth > target + most) {
       this.#skipDown(target);
     }
   }
 
-  /** After an interruption much more may wait than needed. */
+  /** At the begin and after an interruption much more may wait than needed. */
   #skipDown(target) {
     const excess = Math.min(this.#depthMs, this.#meanDepth) - target;
     const packets = Math.floor(excess / this.#packetMs);
