@@ -52,6 +52,10 @@ def sent(rows, kind):
     return median(values) if values else None
 
 
+def silence(rows):
+    return sum(float(row["silent_ms"]) for row in rows) / sum(float(row["seconds"]) for row in rows)
+
+
 def shown(value, digits=0):
     """A difference below nought is one that what varies has hidden."""
     return "" if value is None else f"{max(value, 0):.{digits}f}"
@@ -64,10 +68,9 @@ def figures():
         if what[0] == BASE:
             continue
         one, ten = of(rows, what, 1), of(rows, what, 10)
-        yield {"what": what, "delay": middle(one, "p50"),
+        yield {"what": what, "delay": min(float(row["p50"]) for row in one),
                "longest": max(float(row["max"]) for row in one),
-               "silent": sum(float(row["silent_ms"]) for row in one)
-                         / sum(float(row["seconds"]) for row in one),
+               "silent": silence(one),
                "ms": sent(one, "ms"), "ms_ten": sent(ten, "ms"),
                "kbit": middle(one, "kbit_out"), "kbit_ten": middle(ten, "kbit_out"),
                "pss": sent(one, "pss"), "rss": sent(one, "rss")}
@@ -111,8 +114,9 @@ def best():
 def path():
     """What the measurement itself takes."""
     rows = rows_of("peers")
-    return table(["recorded at the source", "delay, ms", "longest, ms"], [
-        [server, shown(middle(base, "p50")), shown(max(float(row["max"]) for row in base))]
+    return table(["recorded at the source", "delay, ms", "longest, ms", "silence, ms/s"], [
+        [server, shown(min(float(row["p50"]) for row in base)),
+         shown(max(float(row["max"]) for row in base)), shown(silence(base), 1)]
         for server, base in ((name, of(rows, (BASE, name, ""), 0))
                              for name in ("PulseAudio", "PipeWire"))])
 
@@ -127,9 +131,10 @@ def commands():
 
 def machine():
     rows = rows_of("peers")
-    loads, steal = ([float(row[column]) for row in rows] for column in ("load", "steal"))
+    loads, steal, seconds = ([float(row[column]) for row in rows]
+                             for column in ("load", "steal", "seconds"))
     return ", ".join(f"{row['what']} {row['value']}" for row in rows_of("peers_machine")) + (
-        f"; {len({row['round'] for row in rows})} rounds of {float(rows[0]['seconds']):.0f} s a row; "
+        f"; {len({row['round'] for row in rows})} rounds of {min(seconds):.0f} to {max(seconds):.0f} s a row; "
         f"load {min(loads):g} to {max(loads):g}, steal time {min(steal):g} to {max(steal):g} %")
 
 
