@@ -114,11 +114,11 @@ class InstalledFiles(unittest.TestCase):
     def test_server_manual_shows_how_to_stream_what_the_computer_plays(self):
         # As the user reads it: nothing of it may be taken for a variable of the build.
         text = run("mandoc", "-T", "ascii", input=self.manual("VelantrixServer")).stdout
-        readme = (SOURCE / "README.md").read_text()
+        setup = (SOURCE / "docs/setup.md").read_text()
         for command in ("PULSE_SOURCE=@DEFAULT_MONITOR@ VelantrixServer -nogui",
                         "PIPEWIRE_ALSA='{ stream.capture.sink=true }' VelantrixServer -nogui"):
             self.assertIn(command, text)
-            self.assertIn(command, readme)
+            self.assertIn(command, setup)
 
     def test_server_manual_and_completions_name_every_option(self):
         scan = (SOURCE / "app/base/command_line.cpp").read_text()
