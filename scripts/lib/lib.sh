@@ -31,7 +31,7 @@ packages_qt6=(qt6-base-dev qt6-wayland)
 packages_check=(clang clang-tidy clang-format cppcheck)
 packages_analysis=("${packages_check[@]}" iwyu)
 packages_bench=(
-    libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib valgrind
+    libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib valgrind icecast2
 )
 # Ubuntu's browsers are snaps, which cannot be driven like this.
 if ! grep -qsx 'ID=ubuntu' /etc/os-release; then
