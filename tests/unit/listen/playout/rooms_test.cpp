@@ -319,6 +319,16 @@ TEST_F(Rooms, ADeviceWithoutTimeStampsIsTakenAtItsNominalLatency) {
     }
 }
 
+TEST_F(Rooms, FirstTimeStampsOfSecondsDoNotMakeTheDelayImpossible) {
+    const Server server;
+    Device slow = device(0, 0.03);
+    slow.stamp = [](double now, double real) { return now < 0.3 ? 2.0 : real; };
+    Listener one(server, steady(), slow, keeping(DELAY));
+    one.run(20);
+    EXPECT_EQ(one.figures().neededMs, 0);
+    EXPECT_LT(offTheDelay(one, DELAY, 5, 20).most, 1);
+}
+
 TEST_F(Rooms, TimeStampsThatLeapAboutDoNotMakeALoopOfCorrections) {
     const Server server;
     Device wild = device(0, 0.03);
