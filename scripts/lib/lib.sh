@@ -29,7 +29,8 @@ packages_qt6=(qt6-base-dev qt6-wayland)
 packages_check=(clang clang-tidy clang-format cppcheck)
 packages_analysis=("${packages_check[@]}" iwyu)
 packages_bench=(
-    libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib valgrind
+    libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib snapclient
+    snapserver valgrind
 )
 packages_coverage=(gcovr)
 packages_package=(dpkg-dev lintian file)
@@ -100,7 +101,8 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
              openbox ImageMagick dbus-daemon at-spi2-core python3-gobject xprop weston qt5-qtwayland \
              desktop-file-utils appstream mandoc zsh systemd valgrind
          for the checks:  clang clang-tools-extra cppcheck
-         for benchmarks:  google-benchmark-devel python3-matplotlib valgrind pulseaudio pulseaudio-utils
+         for benchmarks:  google-benchmark-devel python3-matplotlib valgrind pulseaudio pulseaudio-utils \
+             snapcast
 
 Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio opus curl libsndfile \
              speexdsp cli11 alsa-plugins librsvg
