@@ -1,12 +1,19 @@
 #include "listen/outputs.h"
 
 #include <cassert>
+#include <cstdio>
 #include <optional>
 #include <unistd.h>
 
 #include "listen/clock.h"
 
 namespace vxlisten {
+
+namespace {
+
+constexpr double LONG_DELAY_SECONDS = 2;
+
+}  // namespace
 
 bool Outputs::open(const Options& options) {
     if (!options.recordPath.empty()) {
@@ -28,6 +35,12 @@ bool Outputs::openSound(const Options& options) {
     delayKept_ = options.playout.delayMs.has_value();
     sound_ = std::make_unique<SoundKeeper>(options.device, options.playout);
     if (sound_->open(steadyNow())) {
+        const double seconds = options.playout.delayMs.value_or(0) / 1000.0;
+        if (seconds >= LONG_DELAY_SECONDS) {
+            char text[64];
+            std::snprintf(text, sizeof text, "the first sound will be heard after %g s", seconds);
+            warning_ = text;
+        }
         return true;
     }
     const std::string reason = sound_->error();

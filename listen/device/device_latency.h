@@ -10,9 +10,12 @@ class DeviceLatency {
   public:
     /// Milliseconds. Less than the first is promised by some devices and kept by few: a sound
     /// server behind ALSA runs dry at 40 ms as soon as the machine is busy, and takes two seconds
-    /// to get going again.
+    /// to get going again. Where programs that play go before all others it is kept.
     static constexpr double FIRST_MS = 80;
+    static constexpr double REAL_TIME_MS = 40;
     static constexpr double MOST_MS = 320;
+
+    explicit DeviceLatency(double firstMs = FIRST_MS) : milliseconds_(firstMs) {}
 
     /// The device was opened at `now` (microseconds), its underruns count from 0.
     void noteOpened(std::int64_t now);
@@ -24,7 +27,7 @@ class DeviceLatency {
     [[nodiscard]] double milliseconds() const { return milliseconds_; }
 
   private:
-    double milliseconds_ = FIRST_MS;
+    double milliseconds_;
     std::int64_t opened_ = 0;
     std::int64_t since_ = 0;    ///< Start of the span that underruns are counted over,
     std::uint64_t before_ = 0;  ///< and the device's count then.

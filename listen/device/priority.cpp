@@ -27,6 +27,20 @@ void raise(pid_t thread) {
 
 }  // namespace
 
+bool realTimeAllowed() {
+    const int policy = sched_getscheduler(0);
+    if (policy != SCHED_OTHER) {
+        return policy == SCHED_RR || policy == SCHED_FIFO;
+    }
+    sched_param parameters = {};
+    parameters.sched_priority = REAL_TIME_PRIORITY;
+    if (sched_setscheduler(0, SCHED_RR, &parameters) != 0) {
+        return false;
+    }
+    parameters.sched_priority = 0;
+    return sched_setscheduler(0, SCHED_OTHER, &parameters) == 0;
+}
+
 void raisePriority() {
     // Nothing is raised where there is no such folder; threads may end meanwhile.
     std::error_code error;

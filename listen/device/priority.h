@@ -8,4 +8,7 @@ namespace vxlisten {
 /// Programs that the process starts later do not inherit it. Thread: any.
 void raisePriority();
 
+/// True when the user may have real-time scheduling. Thread: any.
+bool realTimeAllowed();
+
 }  // namespace vxlisten

@@ -32,10 +32,18 @@ std::string askedFor(double milliseconds) {
     return text;
 }
 
+/// A long delay that is to be kept leaves room for a device that is safe.
+double firstLatency(const PlayoutSettings& settings) {
+    constexpr double LONG_DELAY_MS = 2.5 * DeviceLatency::FIRST_MS;
+    return settings.delayMs.value_or(0) < LONG_DELAY_MS && realTimeAllowed()
+               ? DeviceLatency::REAL_TIME_MS
+               : DeviceLatency::FIRST_MS;
+}
+
 }  // namespace
 
 SoundKeeper::SoundKeeper(std::string device, const PlayoutSettings& settings)
-    : device_(std::move(device)), settings_(settings) {}
+    : device_(std::move(device)), settings_(settings), latency_(firstLatency(settings)) {}
 
 SoundKeeper::~SoundKeeper() {
     if (opening_.valid() && opening_.wait_for(OPEN_PATIENCE) != std::future_status::ready) {

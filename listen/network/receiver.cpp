@@ -187,8 +187,11 @@ std::optional<std::int64_t> Receiver::takeRoundTrip() {
 }
 
 int Receiver::onDatagram(ENetHost* host, ENetEvent* /*event*/) {
-    static_cast<Receiver*>(host->peers[0].data)
-        ->noteAnswers(host->receivedData, host->receivedDataLength);
+    auto* const self = static_cast<Receiver*>(host->peers[0].data);
+    if (host->receivedAddress.host == self->address_.host &&
+        host->receivedAddress.port == self->address_.port) {
+        self->noteAnswers(host->receivedData, host->receivedDataLength);
+    }
     return 0;
 }
 

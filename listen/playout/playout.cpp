@@ -30,6 +30,7 @@ constexpr double LEAST_PLACED = 1;  ///< Seconds.
 /// What repeated underruns ask for when the delay is too short for the network: a stall or two of
 /// the server do not take a listener out of step with the others.
 constexpr double OFTEN_MS = 20;
+constexpr double REPEATED_SHARE = 0.25;
 constexpr double LATE_PATIENCE = 1.5;  ///< Longer than a jump of the line takes.
 constexpr double LONGEST_LATE = 3;
 
@@ -123,7 +124,7 @@ void Playout::startWhenDue(std::size_t wanted) {
         return;
     }
     if (!everPlayed_) {
-        makePossible(0);
+        makePossible(blockMs());  // The server itself is as uneven as that.
     }
     resampler_.prepare(source_.sampleRate());
     const double due = schedule_.dueAt(static_cast<double>(rendered_)) + resampler_.held();
@@ -187,7 +188,7 @@ void Playout::playBlock() {
             target_.noteUnderrun();
             figures_.playing = false;
             if (schedule_.kept() && target_.repeatedMs() > OFTEN_MS) {
-                makePossible(target_.jitterMs() + target_.repeatedMs());
+                makePossible(target_.jitterMs() + REPEATED_SHARE * target_.repeatedMs());
             }
             break;
         case BlockSource::Kind::Ended:

@@ -29,7 +29,7 @@ void Schedule::noteOutput(std::uint64_t frame, std::int64_t now, double latency)
     clock_.note(frame, now, latency);
     const double heard = clock_.heardAt(static_cast<double>(frame));
     const double latencyMs = (heard - static_cast<double>(now)) / MS;
-    latencyMs_ = std::max(latencyMs, latencyMs_ - LATENCY_FALL_MS);
+    latencyMs_ = clock_.settled() ? std::max(latencyMs, latencyMs_ - LATENCY_FALL_MS) : 0.0;
 }
 
 double Schedule::sentAt(double position) const {

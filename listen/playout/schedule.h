@@ -42,7 +42,11 @@ class Schedule {
     void noteOutput(std::uint64_t frame, std::int64_t now, double latency);
 
     /// The device ran dry, so that its times are others now.
-    void noteDeviceUnderrun() { clock_.restart(); }
+    void noteDeviceUnderrun() {
+        if (clock_.settled()) {  // One that does so at every call must not be waited for for ever.
+            clock_.restart();
+        }
+    }
 
     /// True when it is known what is due.
     [[nodiscard]] bool ready() const { return known_ && clock_.settled(); }

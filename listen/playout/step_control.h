@@ -4,8 +4,9 @@ namespace vxlisten {
 
 /// How much faster than nominal to play, in parts per million, so that sound which is `lateMs`
 /// milliseconds late comes into step. `ratePpm` is what keeps its delay as it is; the sound began
-/// `age` seconds ago. Quick in the first seconds, when little is known and much is to be made good;
-/// then at a hundredth of what can be heard as a change of the delay. Pure. Realtime-safe: yes.
+/// `age` seconds ago. In the first three seconds, when little is known and much is to be made good,
+/// up to 5 ms a second; later 2 ms, so that the delay never changes by 1 ms within a tenth of a
+/// second. Pure. Realtime-safe: yes.
 double stepCorrection(double lateMs, double ratePpm, double age);
 
 }  // namespace vxlisten

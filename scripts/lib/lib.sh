@@ -32,6 +32,7 @@ packages_check=(clang clang-tidy clang-format cppcheck)
 packages_analysis=("${packages_check[@]}" iwyu)
 packages_bench=(
     libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib valgrind icecast2
+    snapclient snapserver
 )
 # Ubuntu's browsers are snaps, which cannot be driven like this.
 if ! grep -qsx 'ID=ubuntu' /etc/os-release; then
@@ -116,7 +117,8 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
              curl ffmpeg icecast mpv vlc chromium chromedriver python3-selenium zbar \
              (and Firefox ESR as firefox-esr)
          for the checks:  clang clang-tools-extra cppcheck
-         for benchmarks:  google-benchmark-devel python3-matplotlib valgrind pulseaudio pulseaudio-utils
+         for benchmarks:  google-benchmark-devel python3-matplotlib valgrind pulseaudio pulseaudio-utils \
+             snapcast
 
 Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio opus curl libsndfile \
              speexdsp cli11 boost openssl nlohmann-json qrencode libogg lame libshout alsa-plugins \

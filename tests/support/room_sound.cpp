@@ -44,7 +44,7 @@ std::atomic<bool> stopRequested{false};
 
 double fromEnvironment(const char* name, double usual) {
     const char* const text = std::getenv(name);
-    return text == nullptr ? usual : std::atof(text);
+    return text == nullptr ? usual : std::strtod(text, nullptr);
 }
 
 std::int64_t clockNs() {

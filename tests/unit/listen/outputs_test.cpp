@@ -51,6 +51,12 @@ TEST_F(OutputsTest, AServersClockThatJumpsIsToldOnceWhereADelayIsKept) {
               std::vector<std::string>({"the server's clock has jumped, coming into step again"}));
 }
 
+TEST_F(OutputsTest, ALongSilenceBeforeTheFirstSoundIsToldBeforehand) {
+    options_.playout.delayMs = 10000;
+    ASSERT_TRUE(outputs_.open(options_));
+    EXPECT_EQ(outputs_.warning(), "the first sound will be heard after 10 s");
+}
+
 TEST_F(OutputsTest, WithoutADelayAJumpIsOfNoInterest) {
     ASSERT_TRUE(outputs_.open(options_));
     take(20, 0);

@@ -7,6 +7,7 @@
 
 using virtual_rooms::apart;
 using virtual_rooms::Device;
+using virtual_rooms::greatestChange;
 using virtual_rooms::Listener;
 using virtual_rooms::offTheDelay;
 using virtual_rooms::Server;
@@ -82,6 +83,8 @@ TEST_F(Rooms, TwoListenersWithUnlikeClocksAndDevicesPlayAtTheChosenDelay) {
         const Spread off = offTheDelay(one, DELAY, 13, 60);
         std::cout << "off the delay: median " << off.median << " ms, most " << off.most << " ms\n";
         EXPECT_LT(off.median, 0.5);
+        EXPECT_LT(greatestChange(one, 3.5), 0.3);
+        EXPECT_LT(greatestChange(other, 3.5), 0.3);
         EXPECT_EQ(one.figures().underruns, 0u);
     }
 }
@@ -136,6 +139,7 @@ TEST_F(Rooms, AWayThatGetsLongerForAMinuteLeavesThemInStep) {
     one.run(160);
     other.run(160);
     expectInStep(one, other, 160, 0.5, 2);
+    EXPECT_LT(greatestChange(other, 3.5), 0.5);
     EXPECT_EQ(other.figures().underruns, 0u);
 }
 
@@ -233,6 +237,7 @@ TEST_F(Rooms, ASmallLossOfSoundInTheServerIsFollowedByAll) {
     Listener other(server, steady(), late, keeping(DELAY));
     other.run(90);
     EXPECT_LT(apart(one, other, 70, 90).most, 0.5);
+    EXPECT_LT(greatestChange(other, 54), 0.5);
     EXPECT_LT(offTheDelay(one, DELAY + 5, 70, 90).most, 0.5);
 }
 
@@ -317,6 +322,16 @@ TEST_F(Rooms, ADeviceWithoutTimeStampsIsTakenAtItsNominalLatency) {
         EXPECT_TRUE(one.figures().nominalLatency);
         EXPECT_LT(offTheDelay(one, DELAY, 5, 30).most, 1);
     }
+}
+
+TEST_F(Rooms, FirstTimeStampsOfSecondsDoNotMakeTheDelayImpossible) {
+    const Server server;
+    Device slow = device(0, 0.03);
+    slow.stamp = [](double now, double real) { return now < 0.3 ? 2.0 : real; };
+    Listener one(server, steady(), slow, keeping(DELAY));
+    one.run(20);
+    EXPECT_EQ(one.figures().neededMs, 0);
+    EXPECT_LT(offTheDelay(one, DELAY, 5, 20).most, 1);
 }
 
 TEST_F(Rooms, TimeStampsThatLeapAboutDoNotMakeALoopOfCorrections) {

@@ -267,6 +267,19 @@ inline Spread offTheDelay(const Listener& one, double delayMs, double from, doub
     return spreadOf(values);
 }
 
+/// How much the delay of a listener changes at most from one tenth of a second to the next, from
+/// `from` on; milliseconds.
+inline double greatestChange(const Listener& one, double from) {
+    double most = 0;
+    for (std::size_t i = 1; i < one.heard().size(); ++i) {
+        if (one.heard()[i - 1].time >= from) {
+            most =
+                std::max(most, std::abs(wrapped(one.heard()[i].delay - one.heard()[i - 1].delay)));
+        }
+    }
+    return most;
+}
+
 /// How far two listeners are from each other, from `from` to `to`; milliseconds.
 inline Spread apart(const Listener& one, const Listener& other, double from, double to) {
     std::vector<double> values;
