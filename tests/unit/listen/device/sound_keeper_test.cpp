@@ -149,7 +149,7 @@ TEST_F(SoundKeeperTest, ADeviceThatIsAwayWhenMoreLatencyIsWantedIsToldOf) {
 TEST_F(SoundKeeperTest, ALongDelayAsksTheDeviceForMoreLatencyThanItMayNeed) {
     settings_.delayMs = 300;
     openKeeper();
-    EXPECT_DOUBLE_EQ(device_.latency, 0.08);
+    EXPECT_DOUBLE_EQ(device_.outputLatency, 0.08);
 }
 
 TEST_F(SoundKeeperTest, WhatKeepsItFromTheChosenDelayIsToldOnce) {
