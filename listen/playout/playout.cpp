@@ -90,7 +90,7 @@ void Playout::takeArrivals() {
             schedule_.restart();
             inStepFor_ = 0;
         }
-        if (schedule_.noteBlock(*block)) {
+        if (schedule_.noteBlock(*block) && schedule_.kept()) {
             target_.restart();
             inStepFor_ = 0;
         }

@@ -53,7 +53,7 @@ TEST_F(GrowthTest, RisingJitterIsMetBeforeTheSoundRunsDry) {
         simulation.run(1);
     }
     EXPECT_EQ(simulation.figures().underruns, 0u);
-    EXPECT_GT(simulation.figures().targetMs, 85.0);
+    EXPECT_GT(simulation.figures().targetMs, 78.0);
     EXPECT_GT(simulation.figures().depthMs, 65.0);
     EXPECT_GT(simulation.figures().stretched, 5u);
     EXPECT_LT(largestStep(simulation.played()), 10000 * 3 / 2 * 66 / 1000 + 200);
