@@ -26,7 +26,8 @@ namespace vxweb {
 
 namespace {
 
-constexpr std::chrono::milliseconds END_PATIENCE{800};
+constexpr std::chrono::milliseconds END_PATIENCE{700};
+constexpr std::chrono::milliseconds CUT_PATIENCE{100};
 constexpr std::chrono::milliseconds END_STEP{20};
 
 /// Each connection is a descriptor.
@@ -143,11 +144,19 @@ class Program {
     }
 
     void end() {
-        if (station_.closed() || std::chrono::steady_clock::now() >= endBefore_) {
+        const bool late = std::chrono::steady_clock::now() >= endBefore_;
+        if (station_.closed() || (late && cut_)) {
             for (const auto& worker : workers_) {
                 worker->context().stop();
             }
             return;
+        }
+        if (late) {  // What still waits for a listener would never be freed.
+            cut_ = true;
+            endBefore_ += CUT_PATIENCE;
+            for (const auto& worker : workers_) {
+                boost::asio::post(worker->context(), [&worker] { worker->cut(); });
+            }
         }
         endTimer_.expires_after(END_STEP);
         endTimer_.async_wait([this](const Error& error) {
@@ -164,6 +173,7 @@ class Program {
     boost::asio::signal_set signals_;
     boost::asio::steady_timer endTimer_;
     std::chrono::steady_clock::time_point endBefore_;
+    bool cut_ = false;  ///< Whoever had not said goodbye by then was cut off.
     std::unique_ptr<Site> site_;
 };
 

@@ -115,6 +115,8 @@ class LiveSession : public Subscriber, public std::enable_shared_from_this<LiveS
                             [self = shared_from_this()](const Error&) {});
     }
 
+    void cut() override { listener_->connection().close(); }
+
   private:
     void read() {
         socket_.async_read_some(boost::asio::buffer(ignored_),

@@ -37,6 +37,8 @@ class StreamSession : public Subscriber, public std::enable_shared_from_this<Str
         });
     }
 
+    void cut() override { connection_->close(); }
+
   private:
     void read() {
         connection_->read(boost::asio::buffer(ignored_),

@@ -43,4 +43,12 @@ void Worker::farewell() {
     }
 }
 
+void Worker::cut() {
+    for (const auto& list : subscribers_) {
+        for (const auto& subscriber : list) {
+            subscriber->cut();
+        }
+    }
+}
+
 }  // namespace vxweb

@@ -19,6 +19,8 @@ class Subscriber {
     virtual void take(const PacketPtr& packet) = 0;
     /// The program ends. Thread: its worker's.
     virtual void farewell() = 0;
+    /// The goodbye took too long: the connection is closed. Thread: its worker's.
+    virtual void cut() = 0;
 
     bool left = false;  ///< It hears nothing more. Set by the station.
 };
@@ -40,6 +42,8 @@ class Worker {
     void deliver(ChannelId channel, const PacketPtr& packet);
     /// Tells all subscribers, also those who come later, that the program ends.
     void farewell();
+    /// Closes the connections of all subscribers who are still there.
+    void cut();
 
   private:
     boost::asio::io_context context_{1};
