@@ -52,7 +52,10 @@ FakePortAudio& fakePortAudio() {
 }
 
 void resetFakePortAudio() {
-    current().store(new FakePortAudio);
+    // The old ones stay: a call that hangs may still use one.
+    static auto* const all = new std::vector<FakePortAudio*>{current().load()};
+    all->push_back(new FakePortAudio);
+    current().store(all->back());
     callers.store(0);
 }
 

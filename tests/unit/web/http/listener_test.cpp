@@ -24,6 +24,9 @@ constexpr std::size_t LARGE = 10000;
 /// A listener over a real connection whose other side reads when the test wants it. Time is the
 /// packets' own.
 class ListenerTest : public testing::Test {
+    boost::asio::io_context context_;
+    std::shared_ptr<Connection> connection_;
+
   protected:
     void open(Listener::Slow slow, bool framed = true, bool small = true) {
         tcp::acceptor acceptor(context_, tcp::endpoint(boost::asio::ip::address_v4::loopback(), 0));
@@ -69,10 +72,6 @@ class ListenerTest : public testing::Test {
 
     std::optional<WebClient> client;
     std::shared_ptr<Listener> listener;
-
-  private:
-    boost::asio::io_context context_;
-    std::shared_ptr<Connection> connection_;
 };
 
 TEST_F(ListenerTest, WhatIsSentArrivesInOrder) {
