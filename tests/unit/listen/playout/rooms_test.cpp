@@ -254,6 +254,26 @@ TEST_F(Rooms, AServerThatStandsStillForASecondIsFollowedAtOnce) {
     EXPECT_EQ(one.figures().neededMs, 0);
 }
 
+TEST_F(Rooms, AStallWhoseSoundComesInABurstIsNoJumpOfTheServersClock) {
+    const Server server;
+    for (const double stall : {1.5, 3.0}) {
+        // The sound of the stall comes in 2 ms, or at twice its pace; one packet is late before it.
+        for (const double pace : {0.001, 0.5}) {
+            const auto stalling = [stall, pace](double sent) {
+                const double since = sent - 40;
+                const bool early = since > -0.05 && since < -0.04;
+                const double late = early ? 0.05 : stall - since * (1 - pace);
+                return std::optional(0.0002 + (since < 0 && !early ? 0 : std::max(0.0, late)));
+            };
+            Listener one(server, stalling, device(0, 0.03), keeping(DELAY));
+            one.run(60);
+            EXPECT_EQ(one.sendClock().jumps(), 0u) << stall << " s, " << pace;
+            EXPECT_EQ(one.figures().neededMs, 0);
+            EXPECT_LT(offTheDelay(one, DELAY, 40 + 2 * stall + 3, 60).most, 1);
+        }
+    }
+}
+
 TEST_F(Rooms, ADeviceThatIsOpenedAnewWithMoreLatencyKeepsTheDelay) {
     const Server server;
     Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
