@@ -264,6 +264,8 @@ double Playout::lateMs() const {
 void Playout::watchStep(double seconds) {
     if (source_.pausing() || !schedule_.ready()) {
         figures_.delayMs = figures_.inStepMs = PlayoutFigures::NOT_KNOWN;
+        // What the device plays has another place once its times are known again.
+        inStepFor_ = schedule_.ready() ? inStepFor_ : 0.0;
         return;
     }
     const double late = lateMs();

@@ -286,6 +286,17 @@ TEST_F(Rooms, ADeviceThatIsOpenedAnewWithMoreLatencyKeepsTheDelay) {
     EXPECT_EQ(one.figures().neededMs, 0);
 }
 
+TEST_F(Rooms, ADeviceThatRanDryIsInStepAgainAfterThreeSeconds) {
+    const Server server;
+    for (const double gap : {0.012, 0.035}) {
+        Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+        one.run(30);
+        one.underrun(gap);
+        one.run(60);
+        EXPECT_LT(offTheDelay(one, DELAY, 33.5, 60).most, 1) << gap;
+    }
+}
+
 TEST_F(Rooms, TheOffsetPlaysEarlier) {
     const Server server;
     Listener one(server, steady(), device(0, 0.03), keeping(DELAY, 7));
