@@ -330,6 +330,29 @@ TEST_F(Rooms, JitterThatIsMoreThanTheDelayHoldsRaisesItOnce) {
     EXPECT_LE(one.figures().underruns, underruns + 2);
 }
 
+TEST_F(Rooms, ADelayThatHadToBeRaisedIsTriedAgainWithTheNextStream) {
+    const Server server;
+    Listener one(server, jittery(0.0002, 0.08), device(0, 0.03), keeping(60));
+    one.run(60);
+    EXPECT_GT(one.figures().neededMs, 80);
+    Server again;
+    again.start = 61;
+    one.setWay(steady());
+    one.setServer(again);
+    one.run(90);
+    EXPECT_EQ(one.figures().neededMs, 0);
+    EXPECT_LT(offTheDelay(one, 60, 75, 90).most, 1);
+    Device slow = device(0, 0.09);
+    slow.start = 90.1;
+    one.setDevice(slow);
+    one.run(100);
+    again.start = 101;
+    one.setServer(again);
+    one.run(120);
+    EXPECT_GT(one.figures().neededMs, 90) << "the next stream is checked, too";
+    EXPECT_NEAR(one.figures().delayMs, one.figures().neededMs, 1);
+}
+
 TEST_F(Rooms, TenSecondsArePossible) {
     Server server;
     server.ppm = 300;
