@@ -26,6 +26,8 @@ constexpr std::int64_t GOOD_SPELL = 10 * SECOND;
 /// back for some seconds while something else is to be heard.
 constexpr std::int64_t DEVICE_PATIENCE = 10 * SECOND;
 
+constexpr double CLEARLY_LONGER_MS = 20;
+
 std::string askedFor(double milliseconds) {
     char text[64];
     std::snprintf(text, sizeof text, "asking it for %.0f ms of latency", milliseconds);
@@ -132,17 +134,19 @@ std::string SoundKeeper::watch(std::int64_t now) {
     return latency_.noteUnderruns(output_->deviceUnderruns(), now) ? askForMore() : tellDelay();
 }
 
-/// What keeps the sound from the chosen delay, a sentence each, once.
+/// What keeps the sound from the chosen delay, a sentence each, once; a delay that has become
+/// clearly longer than told again.
 std::string SoundKeeper::tellDelay() {
     char text[128];
     if (!settings_.delayMs) {
         return {};
     }
-    if (!toldDelay_ && output_->neededDelayMs() > 0) {
-        toldDelay_ = true;
+    const double needed = output_->neededDelayMs();
+    if (needed > 0 && (toldDelayMs_ == 0 || needed > toldDelayMs_ + CLEARLY_LONGER_MS)) {
+        toldDelayMs_ = needed;
         std::snprintf(text, sizeof text,
                       "a delay of %g ms is not possible here, playing at %.0f ms",
-                      *settings_.delayMs, output_->neededDelayMs());
+                      *settings_.delayMs, needed);
         return text;
     }
     if (!toldNominal_ && output_->latencyIsNominal()) {

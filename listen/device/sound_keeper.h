@@ -67,7 +67,7 @@ class SoundKeeper {
     OutputPointer gone_;    ///< One that has gone and is still to be closed.
     std::future<OutputPointer> opening_;
     bool lost_ = false;         ///< The user has been told that the device has gone,
-    bool toldDelay_ = false;    ///< that it cannot play at the chosen delay,
+    double toldDelayMs_ = 0;    ///< that it plays at this in place of the chosen delay (0: not),
     bool toldNominal_ = false;  ///< and that it does not say when its sound is heard.
     std::int64_t openedAt_ = 0;
     std::uint64_t calls_ = 0;    ///< The device's count of calls when it was last looked at,

@@ -88,7 +88,9 @@ void Playout::takeArrivals() {
         if (block->join == Join::NewStream) {
             target_.restart();
             schedule_.restart();
-            inStepFor_ = 0;
+            figures_.neededMs = 0;
+            inStepFor_ = allLateFor_ = 0;
+            delayChecked_ = false;
         }
         if (schedule_.noteBlock(*block) && schedule_.kept()) {
             target_.restart();
@@ -123,7 +125,7 @@ void Playout::startWhenDue(std::size_t wanted) {
     if (!source_.pausing() || source_.empty() || !schedule_.ready()) {
         return;
     }
-    if (!everPlayed_) {
+    if (!delayChecked_) {
         makePossible(blockMs());  // The server itself is as uneven as that.
     }
     resampler_.prepare(source_.sampleRate());
@@ -142,7 +144,7 @@ void Playout::startWhenDue(std::size_t wanted) {
         }
         resampler_.feedSilence(static_cast<std::size_t>(silence));
     }
-    everPlayed_ = true;
+    everPlayed_ = delayChecked_ = true;
     source_.resume(*leftOut);
     meanDepth_ = depthMs();
     figures_.playing = true;
@@ -264,6 +266,8 @@ double Playout::lateMs() const {
 void Playout::watchStep(double seconds) {
     if (source_.pausing() || !schedule_.ready()) {
         figures_.delayMs = figures_.inStepMs = PlayoutFigures::NOT_KNOWN;
+        // What the device plays has another place once its times are known again.
+        inStepFor_ = schedule_.ready() ? inStepFor_ : 0.0;
         return;
     }
     const double late = lateMs();

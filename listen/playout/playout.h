@@ -93,6 +93,7 @@ class Playout {
     unsigned sinceStretch_ = 0;  ///< Packets.
     std::array<std::int16_t, 2 * (StreamDecoder::MAX_FRAMES + STRETCH_MOST_ADDED)> stretched_{};
     bool everPlayed_ = false;
+    bool delayChecked_ = false;    ///< Whether the chosen delay is possible for this stream.
     std::uint64_t rendered_ = 0;   ///< Frames that the device has been given.
     std::uint64_t playedEnd_ = 0;  ///< Frames of the stream up to the last block that was played.
     double chosenMs_;              ///< The delay that is to be kept.

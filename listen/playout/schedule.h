@@ -35,8 +35,11 @@ class Schedule {
     /// than the one before.
     bool noteBlock(const QueuedBlock& block);
 
-    /// Forgets the stream.
-    void restart() { known_ = false; }
+    /// Forgets the stream, and what its delay had to be raised to.
+    void restart() {
+        known_ = false;
+        delayMs_ = settings_.delayMs.value_or(0);
+    }
 
     /// The device asks for frames from `frame` on, see OutputClock.
     void noteOutput(std::uint64_t frame, std::int64_t now, double latency);

@@ -147,13 +147,15 @@ bool SendClock::isJump(double time, double residual) {
     if (late < 0) {
         return true;
     }
-    if (lateSince_ < 0) {
-        lateSince_ = time;
-        lateLeast_ = late;
+    // What comes in a burst after a stall is less and less late.
+    const double arrival = time + residual / MICROSECONDS;
+    if (lateSince_ < 0 || late < lateFirst_ - limit) {
+        lateSince_ = arrival;
+        lateFirst_ = lateLeast_ = late;
         lateTrip_ = NONE;
     }
     lateLeast_ = std::min(lateLeast_, late);
-    if (time - lateSince_ < JUMP_SECONDS) {
+    if (arrival - lateSince_ < JUMP_SECONDS) {
         return false;
     }
     // Where the way has become longer, the round trip has too.

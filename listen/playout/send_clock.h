@@ -106,8 +106,9 @@ class SendClock {
     std::size_t spanCount_ = 0;
     double spanEnd_ = 0;
     double age_ = 0;         ///< Seconds that the slope has been learnt for.
-    double lateSince_ = -1;  ///< Stream time since which all packets are very late; -1: not so.
-    double lateLeast_ = 0;   ///< The least lateness since then,
+    double lateSince_ = -1;  ///< Arrival since which all packets are as late; -1: not so. Seconds.
+    double lateFirst_ = 0;   ///< The lateness then,
+    double lateLeast_ = 0;   ///< the least since then,
     double lateTrip_ = 0;    ///< and the least round trip.
     unsigned jumps_ = 0;
 };

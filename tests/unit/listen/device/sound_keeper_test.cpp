@@ -62,6 +62,26 @@ class SoundKeeperTest : public testing::Test {
         return told;
     }
 
+    /// Plays packets in real time that are sent now and come `ahead` microseconds later, until so
+    /// many sentences have been told or the patience ends.
+    std::vector<std::string> play(vxlisten::Join join, double ahead, std::size_t sentences) {
+        const std::vector<std::int16_t> silence(480 * 2);
+        std::vector<std::string> told;
+        for (int i = 0; i < 1000 && told.size() < sentences; ++i) {
+            now_ = vxlisten::steadyNow();
+            keeper_->queue()->push({silence.data(), 480, 48000, join, false}, now_,
+                                   {static_cast<double>(now_), 1e6 / 48000, ahead});
+            join = vxlisten::Join::GoesOn;
+            device_.ask(false);
+            const std::string news = keeper_->watch(now_);
+            if (!news.empty()) {
+                told.push_back(news);
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+        return told;
+    }
+
     FakePortAudio& device_ = freshFakePortAudio();
     vxlisten::PlayoutSettings settings_;
     std::unique_ptr<SoundKeeper> keeper_;
@@ -155,26 +175,24 @@ TEST_F(SoundKeeperTest, ALongDelayAsksTheDeviceForMoreLatencyThanItMayNeed) {
 TEST_F(SoundKeeperTest, WhatKeepsItFromTheChosenDelayIsToldOnce) {
     settings_.delayMs = 1;
     openKeeper();
-    const std::vector<std::int16_t> silence(480 * 2);
-    std::vector<std::string> told;
     // The device gives no time stamps; it is heard in real time.
-    for (int i = 0; i < 1000 && told.size() < 2; ++i) {
-        now_ = vxlisten::steadyNow();
-        keeper_->queue()->push({silence.data(), 480, 48000, vxlisten::Join::GoesOn, false}, now_,
-                               {static_cast<double>(now_), 1e6 / 48000, 0});
-        device_.ask(false);
-        const std::string news = keeper_->watch(now_);
-        if (!news.empty()) {
-            told.push_back(news);
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
+    const std::vector<std::string> told = play(vxlisten::Join::GoesOn, 0, 2);
     ASSERT_EQ(told.size(), 2u);
     EXPECT_EQ(told[0].rfind("a delay of 1 ms is not possible here, playing at ", 0), 0u) << told[0];
     EXPECT_EQ(told[1].rfind("the output device does not say when its sound is heard, taking ", 0),
               0u)
         << told[1];
     EXPECT_GT(keeper_->figures().inStepMs.value_or(0), 40);
+    EXPECT_TRUE(watch(SECOND).empty());
+}
+
+TEST_F(SoundKeeperTest, ADelayThatGetsClearlyLongerIsToldAgain) {
+    settings_.delayMs = 1;
+    openKeeper();
+    ASSERT_EQ(play(vxlisten::Join::GoesOn, 0, 2).size(), 2u);
+    const std::vector<std::string> told = play(vxlisten::Join::NewStream, 300'000, 1);
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_EQ(told[0].rfind("a delay of 1 ms is not possible here, playing at ", 0), 0u) << told[0];
     EXPECT_TRUE(watch(SECOND).empty());
 }
 

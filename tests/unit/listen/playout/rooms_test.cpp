@@ -254,6 +254,26 @@ TEST_F(Rooms, AServerThatStandsStillForASecondIsFollowedAtOnce) {
     EXPECT_EQ(one.figures().neededMs, 0);
 }
 
+TEST_F(Rooms, AStallWhoseSoundComesInABurstIsNoJumpOfTheServersClock) {
+    const Server server;
+    for (const double stall : {1.5, 3.0}) {
+        // The sound of the stall comes in 2 ms, or at twice its pace; one packet is late before it.
+        for (const double pace : {0.001, 0.5}) {
+            const auto stalling = [stall, pace](double sent) {
+                const double since = sent - 40;
+                const bool early = since > -0.05 && since < -0.04;
+                const double late = early ? 0.05 : stall - since * (1 - pace);
+                return std::optional(0.0002 + (since < 0 && !early ? 0 : std::max(0.0, late)));
+            };
+            Listener one(server, stalling, device(0, 0.03), keeping(DELAY));
+            one.run(60);
+            EXPECT_EQ(one.sendClock().jumps(), 0u) << stall << " s, " << pace;
+            EXPECT_EQ(one.figures().neededMs, 0);
+            EXPECT_LT(offTheDelay(one, DELAY, 40 + 2 * stall + 3, 60).most, 1);
+        }
+    }
+}
+
 TEST_F(Rooms, ADeviceThatIsOpenedAnewWithMoreLatencyKeepsTheDelay) {
     const Server server;
     Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
@@ -264,6 +284,17 @@ TEST_F(Rooms, ADeviceThatIsOpenedAnewWithMoreLatencyKeepsTheDelay) {
     one.run(60);
     EXPECT_LT(offTheDelay(one, DELAY, 33.5, 60).most, 1);
     EXPECT_EQ(one.figures().neededMs, 0);
+}
+
+TEST_F(Rooms, ADeviceThatRanDryIsInStepAgainAfterThreeSeconds) {
+    const Server server;
+    for (const double gap : {0.012, 0.035}) {
+        Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+        one.run(30);
+        one.underrun(gap);
+        one.run(60);
+        EXPECT_LT(offTheDelay(one, DELAY, 33.5, 60).most, 1) << gap;
+    }
 }
 
 TEST_F(Rooms, TheOffsetPlaysEarlier) {
@@ -297,6 +328,29 @@ TEST_F(Rooms, JitterThatIsMoreThanTheDelayHoldsRaisesItOnce) {
     EXPECT_LT(one.figures().neededMs, 160);
     one.run(180);
     EXPECT_LE(one.figures().underruns, underruns + 2);
+}
+
+TEST_F(Rooms, ADelayThatHadToBeRaisedIsTriedAgainWithTheNextStream) {
+    const Server server;
+    Listener one(server, jittery(0.0002, 0.08), device(0, 0.03), keeping(60));
+    one.run(60);
+    EXPECT_GT(one.figures().neededMs, 80);
+    Server again;
+    again.start = 61;
+    one.setWay(steady());
+    one.setServer(again);
+    one.run(90);
+    EXPECT_EQ(one.figures().neededMs, 0);
+    EXPECT_LT(offTheDelay(one, 60, 75, 90).most, 1);
+    Device slow = device(0, 0.09);
+    slow.start = 90.1;
+    one.setDevice(slow);
+    one.run(100);
+    again.start = 101;
+    one.setServer(again);
+    one.run(120);
+    EXPECT_GT(one.figures().neededMs, 90) << "the next stream is checked, too";
+    EXPECT_NEAR(one.figures().delayMs, one.figures().neededMs, 1);
 }
 
 TEST_F(Rooms, TenSecondsArePossible) {

@@ -99,6 +99,12 @@ class Listener {
         playout_ = std::make_unique<vxlisten::Playout>(DEVICE_RATE, settings_, 30);
     }
 
+    /// The device runs dry for so long.
+    void underrun(double gap) {
+        device_.start += gap;
+        playout_->noteDeviceUnderrun();
+    }
+
     /// Lets the time up to `end` pass.
     void run(double end) {
         constexpr std::size_t PERIOD = 480;
