@@ -80,13 +80,16 @@ std::vector<std::string> ownNames() {
 }
 
 std::string hostOf(std::string_view authority) {
-    std::string_view host = authority;
-    if (!host.empty() && host.front() == '[') {
-        const std::size_t end = host.find(']');
-        host = end == std::string_view::npos ? std::string_view() : host.substr(1, end - 1);
-    } else {
-        host = host.substr(0, host.find(':'));
+    const bool literal = !authority.empty() && authority.front() == '[';
+    const std::size_t begin = literal ? 1 : 0;
+    const std::size_t end = std::min(authority.find(literal ? ']' : ':'), authority.size());
+    const std::string_view port = authority.substr(std::min(end + begin, authority.size()));
+    if ((literal && end == authority.size()) ||
+        (!port.empty() &&
+         (port.front() != ':' || port.find_first_not_of("0123456789", 1) != port.npos))) {
+        return {};
     }
+    std::string_view host = authority.substr(begin, end - begin);
     if (!host.empty() && host.back() == '.') {
         host.remove_suffix(1);
     }
@@ -114,7 +117,8 @@ Doors::Doors(const std::vector<std::string>& names, const std::string& login)
 
 bool Doors::knows(std::string_view authority) const {
     const std::string host = hostOf(authority);
-    return isAddress(host) || std::find(names_.begin(), names_.end(), host) != names_.end();
+    return isAddress(host) ||
+           (!host.empty() && std::find(names_.begin(), names_.end(), host) != names_.end());
 }
 
 bool Doors::admits(std::string_view authorization) const {

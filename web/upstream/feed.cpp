@@ -55,7 +55,7 @@ void Feed::publishMedia(ChannelId channel, const Chunk& chunk, std::int64_t now)
 
 void Feed::packetCame(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
                       std::int64_t now) {
-    sampleRate_ = packet.sampleRate;
+    events_.soundCame(packet.sampleRate);
     for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
         if (carries(channel) && CHANNELS[channel].live()) {
             publishLive(channel, packet, step.start, now);

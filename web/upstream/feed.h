@@ -22,6 +22,8 @@ class FeedEvents {
     virtual ~FeedEvents() = default;
     /// For all listeners of the channel.
     virtual void publish(ChannelId channel, const PacketPtr& packet) = 0;
+    /// Sound has come at this rate in Hz.
+    virtual void soundCame(int sampleRate) = 0;
     /// After close(): nothing more comes. The feed may go once this has returned.
     virtual void feedClosed(const Feed& feed) = 0;
 };
@@ -47,9 +49,6 @@ class Feed : public UpstreamEvents {
     [[nodiscard]] PacketPtr intro(ChannelId channel) const { return outlets_[channel].intro; }
 
     [[nodiscard]] bool connected() const { return upstream_->connected(); }
-
-    /// Rate of the sound in Hz; 0 before the first.
-    [[nodiscard]] int sampleRate() const { return sampleRate_; }
 
     /// Ends the connection.
     void close() { upstream_->close(); }
@@ -77,7 +76,6 @@ class Feed : public UpstreamEvents {
     FeedEvents& events_;
     std::array<Outlet, CHANNELS.size()> outlets_;
     std::size_t listeners_ = 0;
-    int sampleRate_ = 0;
     std::shared_ptr<Upstream> upstream_;
 };
 

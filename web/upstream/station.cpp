@@ -135,7 +135,6 @@ void Station::closeLater(Place& place) {
 
 void Station::closeNow(Place& place) {
     if (place.feed) {
-        sampleRate_ = std::max(sampleRate_, place.feed->sampleRate());
         place.feed->close();
         closing_.push_back(std::move(place.feed));
     }
@@ -184,12 +183,10 @@ void Station::askStatus(Worker& worker, std::function<void(const std::string&)> 
 std::string Station::status() const {
     nlohmann::ordered_json feeds = nlohmann::ordered_json::object();
     bool connected = false;
-    int sampleRate = sampleRate_;
     for (std::uint32_t rateCode = 0; rateCode < places_.size(); ++rateCode) {
         if (const auto& feed = places_[rateCode].feed) {
             feeds[feedName(rateCode)] = feed->listeners();
-            connected = connected || feed->connected();
-            sampleRate = std::max(sampleRate, feed->sampleRate());
+            connected = connected || (feed->listeners() > 0 && feed->connected());
         }
     }
     const std::string server = locator_.server();
@@ -200,7 +197,7 @@ std::string Station::status() const {
         {"server", server.empty() ? nlohmann::ordered_json() : nlohmann::ordered_json(server)},
         {"connected", connected},
         {"sampleRate",
-         sampleRate == 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(sampleRate)},
+         sampleRate_ == 0 ? nlohmann::ordered_json() : nlohmann::ordered_json(sampleRate_)},
         {"listeners", listeners_.load()},
         {"feeds", feeds}};
     return result.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace) + "\n";

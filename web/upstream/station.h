@@ -61,6 +61,7 @@ class Station : public FeedEvents {
     };
 
     void publish(ChannelId channel, const PacketPtr& packet) override;
+    void soundCame(int sampleRate) override { sampleRate_ = sampleRate; }
     void feedClosed(const Feed& feed) override;
     void add(ChannelId channel, Worker& worker, const std::shared_ptr<Subscriber>& subscriber);
     void remove(ChannelId channel, Worker& worker);
@@ -83,7 +84,7 @@ class Station : public FeedEvents {
     /// How many of each channel listen on each worker.
     std::vector<std::array<std::size_t, CHANNELS.size()>> counts_;
     std::atomic<std::size_t> listeners_{0};
-    int sampleRate_ = 0;
+    int sampleRate_ = 0;  ///< Of the latest sound in Hz; 0 before the first.
 };
 
 }  // namespace vxweb

@@ -56,6 +56,15 @@ TEST(Doors, OtherNamesAreRefusedForTheyMayPointHereByDesign) {
     }
 }
 
+TEST(Doors, WhatFollowsTheHostIsAPortOrItIsNoHost) {
+    for (const char* const host :
+         {"[::1].attacker.example", "[::1]59080", "[::1]:x", "127.0.0.1:x.attacker.example",
+          "127.0.0.1:80:80", "kitchen:80@attacker.example", "localhost:-1", "[::1",
+          "kitchen: 80"}) {
+        EXPECT_EQ(judgeHost(host), 403U) << host;
+    }
+}
+
 TEST(Doors, ARequestNamesItsHostOnce) {
     Request none;
     none.version(11);

@@ -79,6 +79,27 @@ TEST_F(StationTest, TheLastRateIsRememberedWhenNobodyListens) {
     EXPECT_THAT(status(), HasSubstr("\"connected\":false,\"sampleRate\":44100"));
 }
 
+TEST_F(StationTest, TheRateIsThatOfTheLatestSoundAlsoWhenItIsLower) {
+    start();
+    const auto raw = live();
+    waitForAsked({0});
+    upstream->send(packets::raw(0));
+    waitForStatus("\"sampleRate\":48000");
+    const auto opus = live("?format=opus");
+    waitForAsked({0, 2});
+    upstream->send(packets::OpusStream(2, 0, false).next());
+    waitForStatus("\"sampleRate\":44100");
+}
+
+TEST_F(StationTest, NobodyIsConnectedInTheSecondsAfterTheLastListener) {
+    start();
+    auto client = live();
+    waitForStatus("\"connected\":true");
+    client.reset();
+    waitForStatus("\"feeds\":{\"raw\":0}");
+    EXPECT_THAT(status(), HasSubstr("\"connected\":false"));
+}
+
 TEST_F(StationTest, APlaceThatWasGivenAwayIsAskedForAgainLater) {
     start();
     const auto client = live();
