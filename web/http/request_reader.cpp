@@ -20,12 +20,11 @@ std::size_t RequestReader::read(std::string_view bytes) {
     const std::size_t taken = parser_.put(boost::asio::buffer(bytes), error);
     taken_ += taken;
     const std::size_t waiting = parser_.is_header_done() ? 0 : bytes.size() - taken;
-    if (taken_ + waiting > MAX_HEADER) {  // Beast counts the request line apart.
-        state_ = State::TooLong;
-    } else if (parser_.is_header_done()) {
+    const bool done = parser_.is_header_done();
+    if (taken_ + waiting > MAX_HEADER || (!done && error == http::error::header_limit)) {
+        state_ = State::TooLong;  // Beast counts the request line apart.
+    } else if (done) {
         state_ = State::Complete;
-    } else if (error == http::error::header_limit) {
-        state_ = State::TooLong;
     } else if (error && error != http::error::need_more) {
         state_ = State::Bad;
     }

@@ -46,8 +46,9 @@ std::string darkPath(const QRcode& code) {
                 ++x;
             }
             const std::string length = std::to_string(x - begin);
-            path += 'M' + std::to_string(begin + QUIET) + ' ' + std::to_string(y + QUIET) + 'h' +
-                    length + "v1h-" + length + 'z';
+            path.append("M").append(std::to_string(begin + QUIET)).append(" ");
+            path.append(std::to_string(y + QUIET)).append("h").append(length);
+            path.append("v1h-").append(length).append("z");
         }
     }
     return path;

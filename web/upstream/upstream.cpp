@@ -187,9 +187,8 @@ void Upstream::watch() {
                now - linkSince_ >= LOCATE_PATIENCE) {
         away_ = true;
         events_.serverWentAway();
-    } else if (link_ == Link::Waiting && now >= waitUntil_ && !locator_.address().empty()) {
-        connect();
-    } else if (link_ == Link::Connecting && moved) {
+    } else if ((link_ == Link::Waiting && now >= waitUntil_ && !locator_.address().empty()) ||
+               (link_ == Link::Connecting && moved)) {
         connect();
     } else if (link_ == Link::Connecting && now - linkSince_ >= CONNECT_PATIENCE) {
         lose({});
