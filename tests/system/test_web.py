@@ -50,13 +50,27 @@ class CommandLine(SystemTest):
                       ["--max-listeners", "many"], ["--title", "two\nlines"],
                       ["--host-name", "a/b"], ["--certificate", "a"], ["--key", "a"],
                       ["--icecast", "ftp://a/b.ogg"], ["--icecast", "http://u:topsecret@/"],
-                      ["http://u:topsecret@a/b.ogg"], ["a", "http://u:topsecret@a/b.ogg"]):
+                      ["http://u:topsecret@a/b.ogg"], ["a", "http://u:topsecret@a/b.ogg"],
+                      ["a", "source:topsecret@h/x"], ["--icecats=source:topsecret@h/x"],
+                      ["--icecats", "http://source:a@topsecret@h/x"],
+                      ["--host-name", "source:topsecret@h"],
+                      ["--max-listeners=source:topsecret@h"]):
             with self.subTest(words=words):
                 result = run(*words)
                 self.assertEqual(result.returncode, 2, result)
                 self.assertRegex(result.stderr, r"\Avelantrix-web: [^\n]+\n\Z")
                 self.assertEqual(result.stdout, "")
                 self.assertNotIn("topsecret", result.stderr)
+
+    def test_an_empty_value_is_wrong_usage_and_opens_nothing(self):
+        for words in ([""], ["--listen", ""], ["--title", ""], ["--password-file", ""],
+                      ["--certificate", "", "--key", ""], ["--host-name", ""],
+                      ["--max-listeners", ""], ["--icecast", ""], ["--password-file="]):
+            with self.subTest(words=words):
+                result = run(*words)
+                self.assertEqual(result.returncode, 2, result)
+                self.assertRegex(result.stderr, r"\Avelantrix-web: [^\n]+\n\Z")
+                self.assertEqual(result.stdout, "")
 
     def test_help_and_version_go_to_standard_output(self):
         for word, content in (("--help", "--max-listeners"), ("--version", r"velantrix-web \d")):
