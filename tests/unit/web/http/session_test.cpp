@@ -34,6 +34,12 @@ TEST_F(SessionTest, ThePageItsPictureAndItsPlaylistAreThere) {
                       EndsWith("#EXTM3U\n#EXTINF:-1,Kitchen\nhttp://127.0.0.1/stream.mp3\n")));
 }
 
+TEST_F(SessionTest, TheManifestIsAskedForWithThePagesPassword) {
+    start();
+    EXPECT_THAT(get("/"), HasSubstr("<link rel=\"manifest\" href=\"/page/manifest.webmanifest\" "
+                                    "crossorigin=\"use-credentials\">"));
+}
+
 TEST_F(SessionTest, ThePictureShowsTheAddressThatTheRequestCameTo) {
     start();
     WebClient client(port());
