@@ -17,6 +17,8 @@ constexpr std::int64_t MAX_LIVE_DELAY = 1 * vxlisten::SECOND;
 /// Sound that the kernel keeps; more waits here, where it can be left out.
 constexpr std::int64_t MAX_UNREAD = 500 * vxlisten::MILLISECOND;
 constexpr std::int64_t MAX_STREAM_DELAY = 10 * vxlisten::SECOND;
+/// Between two looks for whether the listener is still there.
+constexpr std::int64_t LOOKING_INTERVAL = 1 * vxlisten::SECOND;
 
 boost::asio::const_buffer toBuffer(std::string_view bytes) {
     return {bytes.data(), bytes.size()};
@@ -32,6 +34,10 @@ void Listener::send(PacketPtr packet) {
         return;
     }
     now_ = std::max(now_, packet->time);
+    if (vanished()) {
+        fail(boost::asio::error::timed_out);
+        return;
+    }
     std::size_t gone = 0;
     if (queue_.empty() && !unread()) {
         Error error;
@@ -78,6 +84,14 @@ bool Listener::makeRoom(const Packet& packet) {
     queue_.erase(std::remove_if(queue_.begin() + (begun ? 1 : 0), queue_.end(), useless),
                  queue_.end());
     return true;
+}
+
+bool Listener::vanished() {
+    if (now_ - lookedAfter_ < LOOKING_INTERVAL) {
+        return false;
+    }
+    lookedAfter_ = now_;
+    return connection_->vanished();
 }
 
 /// True when a live listener has not got what was written half a second ago.

@@ -46,6 +46,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
 
     [[nodiscard]] bool makeRoom(const Packet& packet);
     [[nodiscard]] bool unread();
+    [[nodiscard]] bool vanished();
     void flush();
     void advance(std::size_t count, const Error& error);
     void fail(const Error& error);
@@ -56,6 +57,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
     const bool framed_;
     bool writing_ = false;  ///< The first entry's bytes are being written.
     bool failed_ = false;
+    std::int64_t lookedAfter_ = 0;
     std::int64_t now_ = 0;      ///< Time of the latest packet.
     std::int64_t written_ = 0;  ///< Bytes so far,
     /// and how many they were at a former time.
