@@ -16,6 +16,8 @@ namespace {
 constexpr std::int64_t MAX_LIVE_DELAY = 1 * vxlisten::SECOND;
 /// Sound that the kernel keeps; more waits here, where it can be left out.
 constexpr std::int64_t MAX_UNREAD = 500 * vxlisten::MILLISECOND;
+/// Beside the 128 KiB that the kernel keeps for a connection.
+constexpr std::size_t MAX_WAITING = 112 * 1024;
 constexpr std::int64_t MAX_STREAM_DELAY = 10 * vxlisten::SECOND;
 /// Between two looks for whether the listener is still there.
 constexpr std::int64_t LOOKING_INTERVAL = 1 * vxlisten::SECOND;
@@ -51,6 +53,9 @@ void Listener::send(PacketPtr packet) {
         fail(boost::asio::error::timed_out);
         return;
     }
+    if (slow_ == Slow::LosesConnection && packet->sound && tooMuch(*packet)) {
+        return;
+    }
     queue_.push_back({std::move(packet), gone, nullptr});
     flush();
 }
@@ -83,7 +88,19 @@ bool Listener::makeRoom(const Packet& packet) {
     const bool begun = writing_ || queue_.front().gone > 0;
     queue_.erase(std::remove_if(queue_.begin() + (begun ? 1 : 0), queue_.end(), useless),
                  queue_.end());
+    for (auto it = queue_.begin() + (begun ? 1 : 0); it != queue_.end() && tooMuch(packet);) {
+        it = it->packet->sound && !it->done ? queue_.erase(it) : it + 1;
+    }
     return true;
+}
+
+/// True when a packet would make more wait than may.
+bool Listener::tooMuch(const Packet& packet) const {
+    std::size_t bytes = packet.bytes.size();
+    for (const Entry& entry : queue_) {
+        bytes += entry.packet->bytes.size();
+    }
+    return !queue_.empty() && bytes > MAX_WAITING;
 }
 
 bool Listener::vanished() {

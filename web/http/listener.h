@@ -12,13 +12,13 @@
 namespace vxweb {
 
 /// Writes packets to one connection without ever making anybody wait for it: what does not go at
-/// once is queued. Everything on the connection's thread.
+/// once is queued, 112 KiB of sound at most. Everything on the connection's thread.
 class Listener : public std::enable_shared_from_this<Listener> {
   public:
     /// What happens to one who does not read.
     enum class Slow {
         LosesSound,       ///< What has waited for more than a second.
-        LosesConnection,  ///< When sound has waited for more than ten.
+        LosesConnection,  ///< When sound has waited for more than ten; before, what is too much.
     };
 
     /// `framed`: packets go with their frames.
@@ -45,6 +45,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
     };
 
     [[nodiscard]] bool makeRoom(const Packet& packet);
+    [[nodiscard]] bool tooMuch(const Packet& packet) const;
     [[nodiscard]] bool unread();
     [[nodiscard]] bool vanished();
     void flush();
