@@ -138,27 +138,41 @@ Complaint takeIcecast(const std::vector<std::string>& urls, std::vector<IcecastT
 }
 
 /// Passwords of web addresses do not belong in logs.
-std::string withoutLogins(std::string text) {
-    for (std::size_t at = text.find("//"); at < text.size(); at = text.find("//", at + 2)) {
-        const std::size_t end = text.find('@', at);
-        if (end < text.size()) {
-            text.erase(at + 2, end - at - 1);
+std::string withoutLogins(std::string text, const std::vector<std::string>& arguments) {
+    for (const std::string& argument : arguments) {
+        const std::string_view login = loginOf(argument);
+        std::size_t at = login.empty() ? std::string::npos : text.find(login);
+        while (at != std::string::npos) {
+            text.erase(at, login.size());
+            at = text.find(login, at);
         }
     }
     return text;
 }
 
-Complaint check(const CLI::App& app, const Words& words, Options& options) {
-    if (options.certificate.empty() != options.key.empty()) {
-        return "--certificate and --key are needed together";
+/// An empty value, as of a variable that is not set, must not become the default.
+Complaint checkGiven(const CLI::App& app) {
+    for (const CLI::Option* const option : app.get_options()) {
+        const auto& values = option->results();
+        if (std::find(values.begin(), values.end(), "") != values.end()) {
+            return option->get_name() + " must not be empty";
+        }
     }
+    return {};
+}
+
+Complaint check(const CLI::App& app, const Words& words, Options& options) {
     for (const Complaint& complaint :
-         {takeHost(words.host, options.server), takeListen(words.listen, options.listen),
+         {checkGiven(app), takeHost(words.host, options.server),
+          takeListen(words.listen, options.listen),
           takeTitle(app.count("--title") > 0, options.title), checkNames(options.hostNames),
           takeIcecast(words.icecast, options.icecast)}) {
         if (!complaint.empty()) {
             return complaint;
         }
+    }
+    if (options.certificate.empty() != options.key.empty()) {
+        return "--certificate and --key are needed together";
     }
     return {};
 }
@@ -171,21 +185,20 @@ CommandLine readCommandLine(int argc, char** argv) {
     CLI::App app("Lets browsers, media players and Icecast hear a Velantrix Server",
                  "velantrix-web");
     describe(app, words, result.options);
-    std::vector<std::string> arguments = takeArguments(argc, argv);
-    std::reverse(arguments.begin(), arguments.end());  // As CLI11 wants them.
+    const std::vector<std::string> arguments = takeArguments(argc, argv);
     try {
-        app.parse(arguments);
+        app.parse(std::vector<std::string>(arguments.rbegin(), arguments.rend()));
     } catch (const CLI::Success& success) {
         result.status = app.exit(success);
         return result;
     } catch (const CLI::ParseError& error) {
-        complain(withoutLogins(error.what()));
+        complain(withoutLogins(error.what(), arguments));
         result.status = STATUS_USAGE;
         return result;
     }
     const Complaint complaint = check(app, words, result.options);
     if (!complaint.empty()) {
-        complain(complaint);
+        complain(withoutLogins(complaint, arguments));
         result.status = STATUS_USAGE;
     }
     return result;

@@ -10,8 +10,9 @@ import time
 import urllib.error
 import urllib.request
 
-from support.harness import (PATIENCE, Server, SoundServer, SystemTest, clean_environment,
-                             die_with_parent, program, wait_until)
+from support.harness import (PATIENCE, THERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
+                             clean_environment, die_with_parent, program, wait_until)
+from support.network import ip
 from support.web import Web
 from support.web_listener import LiveListener, connect, read_all, request
 
@@ -50,13 +51,27 @@ class CommandLine(SystemTest):
                       ["--max-listeners", "many"], ["--title", "two\nlines"],
                       ["--host-name", "a/b"], ["--certificate", "a"], ["--key", "a"],
                       ["--icecast", "ftp://a/b.ogg"], ["--icecast", "http://u:topsecret@/"],
-                      ["http://u:topsecret@a/b.ogg"], ["a", "http://u:topsecret@a/b.ogg"]):
+                      ["http://u:topsecret@a/b.ogg"], ["a", "http://u:topsecret@a/b.ogg"],
+                      ["a", "source:topsecret@h/x"], ["--icecats=source:topsecret@h/x"],
+                      ["--icecats", "http://source:a@topsecret@h/x"],
+                      ["--host-name", "source:topsecret@h"],
+                      ["--max-listeners=source:topsecret@h"]):
             with self.subTest(words=words):
                 result = run(*words)
                 self.assertEqual(result.returncode, 2, result)
                 self.assertRegex(result.stderr, r"\Avelantrix-web: [^\n]+\n\Z")
                 self.assertEqual(result.stdout, "")
                 self.assertNotIn("topsecret", result.stderr)
+
+    def test_an_empty_value_is_wrong_usage_and_opens_nothing(self):
+        for words in ([""], ["--listen", ""], ["--title", ""], ["--password-file", ""],
+                      ["--certificate", "", "--key", ""], ["--host-name", ""],
+                      ["--max-listeners", ""], ["--icecast", ""], ["--password-file="]):
+            with self.subTest(words=words):
+                result = run(*words)
+                self.assertEqual(result.returncode, 2, result)
+                self.assertRegex(result.stderr, r"\Avelantrix-web: [^\n]+\n\Z")
+                self.assertEqual(result.stdout, "")
 
     def test_help_and_version_go_to_standard_output(self):
         for word, content in (("--help", "--max-listeners"), ("--version", r"velantrix-web \d")):
@@ -181,6 +196,24 @@ class Tls(SystemTest):
             line.sendall(request("/"))
             self.assertNotIn(b"200 OK", read_all(line))
         self.assertEqual(fetch(self.address + "/", self.context)[0], 200)
+
+
+class Vanishing(SystemTest):
+    def test_listeners_who_leave_the_network_without_a_word_lose_their_place(self):
+        """Whether sound is sent to them or the server is away meanwhile."""
+        there = self.enterContext(OtherNetwork())
+        sound = self.enterContext(SoundServer())
+        self.enterContext(Server(sound=sound, rate=48000,
+                                 prefix=there.command())).wait_for_capture()
+        webs = [self.enterContext(Web(host=host, listen=f"{THERE_ADDRESS}:0",
+                                      prefix=there.command()))
+                for host in ("127.0.0.1", "127.0.0.1:9")]
+        heard, waiting = (self.enterContext(LiveListener(web.address(), "?format=opus&rate=20"))
+                          for web in webs)
+        wait_until(lambda: heard.numbers and waiting.texts, "both hear something")
+        ip("addr", "flush", "dev", "vxhere")
+        for web in webs:
+            web.out.wait_for("a listener to /live opus 20 has left, 0 in all", timeout=60)
 
 
 class Serving(SystemTest):

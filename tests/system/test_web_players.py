@@ -5,6 +5,7 @@ VELANTRIX_WEB_SECONDS says how long each one listens, 4 if it is not set.
 
 import os
 import pathlib
+import re
 import subprocess
 
 from support.harness import PATIENCE, Server, SoundServer, SystemTest, die_with_parent
@@ -24,12 +25,16 @@ class PlayersTest(SystemTest):
     def setUp(self):
         super().setUp()
         self.folder.chmod(0o777)
-        sound = self.enterContext(SoundServer(self.rate))
-        self.server = self.enterContext(Server(sound=sound, rate=self.rate))
-        self.server.wait_for_capture()
-        self.enterContext(Tone(sound))
+        self.sound = self.enterContext(SoundServer(self.rate))
+        self.server = self.start_server()
+        self.enterContext(Tone(self.sound))
         self.web = self.enterContext(Web("--title", "Kitchen"))
         self.address = self.web.address()
+
+    def start_server(self):
+        server = self.enterContext(Server(sound=self.sound, rate=self.rate))
+        server.wait_for_capture()
+        return server
 
     def start(self, command):
         child = subprocess.Popen(
@@ -122,7 +127,22 @@ class Players(PlayersTest):
         away = grown()
         wait_until(lambda: (self.folder / "stream.wav").stat().st_size
                    > away["stream.wav"] + 2 * 192000, "silence comes while the server is away")
+        lines = len(self.web.out.all())
+        self.start_server()
+        for feed in ("raw", "128"):
+            self.web.out.wait_for(re.compile(f"^{feed}: connected"), lines)
+        again = grown()
+        wait_until(lambda: (self.folder / "stream.wav").stat().st_size
+                   > again["stream.wav"] + (SECONDS + 2) * 192000, "the server is heard again")
         self.assertEqual([child.poll() for child in children.values()], [None] * len(STREAMS))
+        for stream, child in children.items():
+            with self.subTest(stream):
+                child.terminate()
+                child.wait()
+                heard = self.folder / f"{stream}.wav"
+                self.decode(self.folder / stream, heard)
+                samples, rate = read_wav(heard)
+                assert_tone(self, samples[-int(SECONDS) * 2 * rate:], rate, SECONDS - 1, stream)
 
 
 class PlayersAt44100(PlayersTest):

@@ -1,7 +1,10 @@
 #include "web/http/connection.h"
 
 #include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
+#include <sys/socket.h>
 #include <utility>
 
 #include <boost/asio/post.hpp>
@@ -14,6 +17,11 @@ namespace {
 using boost::asio::const_buffer;
 using boost::asio::mutable_buffer;
 using boost::asio::ip::tcp;
+
+/// Who has left without a word while nothing is sent is noticed after half a minute.
+constexpr std::pair<int, int> KEEP_ALIVE[] = {
+    {TCP_KEEPIDLE, 15}, {TCP_KEEPINTVL, 5}, {TCP_KEEPCNT, 3}};  // Seconds, seconds, probes.
+constexpr std::uint32_t VANISHED_MILLISECONDS = 30000;
 
 class PlainConnection : public Connection {
   public:
@@ -83,6 +91,11 @@ void Connection::writeRest(std::shared_ptr<const std::string> bytes, std::size_t
     });
 }
 
+void Connection::waitForEnd(Done done) {
+    socket_.async_wait(tcp::socket::wait_error,
+                       [done = std::move(done)](const Error& error) { done(error, 0); });
+}
+
 void Connection::close() {
     Error error;
     socket_.close(error);
@@ -93,10 +106,23 @@ std::int64_t Connection::unacknowledged() const {
     return ioctl(socket_.native_handle(), SIOCOUTQ, &bytes) == 0 ? bytes : 0;
 }
 
+bool Connection::vanished() const {
+    tcp_info info = {};
+    socklen_t length = sizeof info;
+    // Who does not read acknowledges the probes of its window, which are rare.
+    return getsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
+           (info.tcpi_unacked > 0 || info.tcpi_probes > 1) &&
+           info.tcpi_last_ack_recv > VANISHED_MILLISECONDS;
+}
+
 std::shared_ptr<Connection> makeConnection(tcp::socket socket, boost::asio::ssl::context* tls) {
     Error error;
     socket.non_blocking(true, error);
     socket.set_option(tcp::no_delay(true), error);
+    socket.set_option(boost::asio::socket_base::keep_alive(true), error);
+    for (const auto& [option, value] : KEEP_ALIVE) {
+        setsockopt(socket.native_handle(), IPPROTO_TCP, option, &value, sizeof value);
+    }
     if (tls != nullptr) {
         return std::make_shared<TlsConnection>(std::move(socket), *tls);
     }

@@ -38,11 +38,18 @@ class Connection {
     /// Writes everything.
     void writeAll(std::shared_ptr<const std::string> bytes, Done done);
 
+    /// Waits until nothing can be written any more.
+    void waitForEnd(Done done);
+
     /// Ends at once; what is under way ends with an error.
     void close();
 
     /// How many of the bytes written the other side has not acknowledged.
     [[nodiscard]] std::int64_t unacknowledged() const;
+
+    /// True when the other side has left without a word: what was sent has not been acknowledged,
+    /// and nothing has for half a minute.
+    [[nodiscard]] bool vanished() const;
 
     [[nodiscard]] auto executor() { return socket_.get_executor(); }
 

@@ -16,7 +16,11 @@ namespace {
 constexpr std::int64_t MAX_LIVE_DELAY = 1 * vxlisten::SECOND;
 /// Sound that the kernel keeps; more waits here, where it can be left out.
 constexpr std::int64_t MAX_UNREAD = 500 * vxlisten::MILLISECOND;
+/// Beside the 128 KiB that the kernel keeps for a connection.
+constexpr std::size_t MAX_WAITING = 112 * 1024;
 constexpr std::int64_t MAX_STREAM_DELAY = 10 * vxlisten::SECOND;
+/// Between two looks for whether the listener is still there.
+constexpr std::int64_t LOOKING_INTERVAL = 1 * vxlisten::SECOND;
 
 boost::asio::const_buffer toBuffer(std::string_view bytes) {
     return {bytes.data(), bytes.size()};
@@ -32,6 +36,10 @@ void Listener::send(PacketPtr packet) {
         return;
     }
     now_ = std::max(now_, packet->time);
+    if (vanished()) {
+        fail(boost::asio::error::timed_out);
+        return;
+    }
     std::size_t gone = 0;
     if (queue_.empty() && !unread()) {
         Error error;
@@ -43,6 +51,9 @@ void Listener::send(PacketPtr packet) {
         }
     } else if (!queue_.empty() && !makeRoom(*packet)) {
         fail(boost::asio::error::timed_out);
+        return;
+    }
+    if (slow_ == Slow::LosesConnection && packet->sound && tooMuch(*packet)) {
         return;
     }
     queue_.push_back({std::move(packet), gone, nullptr});
@@ -77,7 +88,27 @@ bool Listener::makeRoom(const Packet& packet) {
     const bool begun = writing_ || queue_.front().gone > 0;
     queue_.erase(std::remove_if(queue_.begin() + (begun ? 1 : 0), queue_.end(), useless),
                  queue_.end());
+    for (auto it = queue_.begin() + (begun ? 1 : 0); it != queue_.end() && tooMuch(packet);) {
+        it = it->packet->sound && !it->done ? queue_.erase(it) : it + 1;
+    }
     return true;
+}
+
+/// True when a packet would make more wait than may.
+bool Listener::tooMuch(const Packet& packet) const {
+    std::size_t bytes = packet.bytes.size();
+    for (const Entry& entry : queue_) {
+        bytes += entry.packet->bytes.size();
+    }
+    return !queue_.empty() && bytes > MAX_WAITING;
+}
+
+bool Listener::vanished() {
+    if (now_ - lookedAfter_ < LOOKING_INTERVAL) {
+        return false;
+    }
+    lookedAfter_ = now_;
+    return connection_->vanished();
 }
 
 /// True when a live listener has not got what was written half a second ago.

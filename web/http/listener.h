@@ -12,13 +12,13 @@
 namespace vxweb {
 
 /// Writes packets to one connection without ever making anybody wait for it: what does not go at
-/// once is queued. Everything on the connection's thread.
+/// once is queued, 112 KiB of sound at most. Everything on the connection's thread.
 class Listener : public std::enable_shared_from_this<Listener> {
   public:
     /// What happens to one who does not read.
     enum class Slow {
         LosesSound,       ///< What has waited for more than a second.
-        LosesConnection,  ///< When sound has waited for more than ten.
+        LosesConnection,  ///< When sound has waited for more than ten; before, what is too much.
     };
 
     /// `framed`: packets go with their frames.
@@ -45,7 +45,9 @@ class Listener : public std::enable_shared_from_this<Listener> {
     };
 
     [[nodiscard]] bool makeRoom(const Packet& packet);
+    [[nodiscard]] bool tooMuch(const Packet& packet) const;
     [[nodiscard]] bool unread();
+    [[nodiscard]] bool vanished();
     void flush();
     void advance(std::size_t count, const Error& error);
     void fail(const Error& error);
@@ -56,6 +58,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
     const bool framed_;
     bool writing_ = false;  ///< The first entry's bytes are being written.
     bool failed_ = false;
+    std::int64_t lookedAfter_ = 0;
     std::int64_t now_ = 0;      ///< Time of the latest packet.
     std::int64_t written_ = 0;  ///< Bytes so far,
     /// and how many they were at a former time.

@@ -1,6 +1,7 @@
 #include "web/http/session.h"
 
 #include <array>
+#include <optional>
 #include <utility>
 
 #include <boost/asio/steady_timer.hpp>
@@ -25,6 +26,21 @@ constexpr std::chrono::seconds PATIENCE{10};
 
 std::string_view toView(boost::beast::string_view text) {
     return {text.data(), text.size()};
+}
+
+/// The answer to a request that asks for no WebSocket, or wrongly.
+std::optional<Response> refuseUpgrade(const Request& request) {
+    constexpr std::size_t KEY_LENGTH = 24;  // 16 bytes in base64.
+    const bool upgrade = boost::beast::websocket::is_upgrade(request);
+    if (upgrade && request[http::field::sec_websocket_key].size() != KEY_LENGTH) {
+        return sentence(400, "The Sec-WebSocket-Key is missing or has not 16 bytes.");
+    }
+    if (upgrade && request[http::field::sec_websocket_version] == "13") {
+        return std::nullopt;
+    }
+    Response response = sentence(426, "This address is for WebSockets of version 13.");
+    response.fields = "Upgrade: websocket\r\nSec-WebSocket-Version: 13\r\n";
+    return response;
 }
 
 class Session : public std::enable_shared_from_this<Session> {
@@ -207,10 +223,10 @@ void Session::answerStatus() {
 
 void Session::startLiveSession(const Route& route) {
     const Request& request = reader_->request();
-    if (!boost::beast::websocket::is_upgrade(request) || !bytes_.empty()) {
-        Response response = sentence(426, "This address is for WebSockets.");
-        response.fields = "Upgrade: websocket\r\n";
-        respond(response, manner());
+    if (const auto refusal = refuseUpgrade(request)) {
+        respond(*refusal, manner());
+    } else if (!bytes_.empty()) {
+        respond(sentence(400, "A WebSocket's client waits for the answer."), manner());
     } else if (!site_.station.reserve()) {
         respond(sentence(503, "As many listen as may listen."), manner());
     } else {

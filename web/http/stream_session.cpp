@@ -3,6 +3,8 @@
 #include <array>
 #include <utility>
 
+#include <boost/asio/error.hpp>
+
 #include "web/http/listener.h"
 
 namespace vxweb {
@@ -45,11 +47,24 @@ class StreamSession : public Subscriber, public std::enable_shared_from_this<Str
                           [self = shared_from_this()](const Error& error, std::size_t) {
                               if (!error) {
                                   self->read();
-                                  return;
+                              } else if (error == boost::asio::error::eof) {
+                                  self->waitForEnd();
+                              } else {
+                                  self->leave();
                               }
-                              self->connection_->close();
-                              self->station_.leave(self->channel_, self->worker_, *self);
                           });
+    }
+
+    /// Some players close their direction once they have asked, and hear on. Whoever has gone is
+    /// noticed by the next writing.
+    void waitForEnd() {
+        connection_->waitForEnd(
+            [self = shared_from_this()](const Error&, std::size_t) { self->leave(); });
+    }
+
+    void leave() {
+        connection_->close();
+        station_.leave(channel_, worker_, *this);
     }
 
     Station& station_;

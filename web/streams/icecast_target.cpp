@@ -121,18 +121,25 @@ std::variant<IcecastTarget, std::string> parseIcecastUrl(const std::string& url,
     return target;
 }
 
+std::string_view loginOf(std::string_view argument) {
+    const std::size_t at = argument.rfind('@');
+    if (at == std::string_view::npos) {
+        return {};
+    }
+    const std::size_t scheme = argument.find("://");
+    const std::size_t value = argument.rfind("--", 0) == 0 ? argument.find('=') + 1 : 0;
+    const std::size_t begin = scheme < at ? scheme + 3 : std::min(value, at);
+    return argument.substr(begin, at - begin);
+}
+
 std::vector<std::string> takeArguments(int count, char** arguments) {
     std::vector<std::string> taken;
     for (int i = 1; i < count; ++i) {
         const std::string& text = taken.emplace_back(arguments[i]);
-        const std::size_t at = text.rfind('@');
-        if (at == std::string::npos) {
-            continue;
+        const std::string_view login = loginOf(text);
+        if (!login.empty()) {
+            std::fill_n(arguments[i] + (login.data() - text.data()), login.size(), 'x');
         }
-        const std::size_t scheme = text.find("://");
-        const std::size_t value = text.rfind("--", 0) == 0 ? text.find('=') + 1 : 0;
-        const std::size_t begin = scheme < at ? scheme + 3 : std::min(value, at);
-        std::fill(arguments[i] + begin, arguments[i] + at, 'x');
     }
     return taken;
 }

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <string>
+#include <string_view>
 #include <variant>
 #include <vector>
 
@@ -25,6 +26,10 @@ struct IcecastTarget {
 /// Otherwise one sentence about what is wrong, without a line end, in which neither stands. Pure.
 std::variant<IcecastTarget, std::string> parseIcecastUrl(const std::string& url,
                                                          const char* password);
+
+/// The user's name and password in an argument, also in one that is wrong; empty when there are
+/// none. Pure.
+std::string_view loginOf(std::string_view argument);
 
 /// Copies the program's arguments, without its name, and takes the users' names and passwords of
 /// web addresses out of the originals, which other users see in the process list.

@@ -7,6 +7,13 @@
 
 namespace vxweb {
 
+namespace {
+
+/// Listeners who wait hear from us so often, or they would take the connection for dead.
+constexpr std::int64_t WAITING_INTERVAL = 10 * vxlisten::SECOND;
+
+}  // namespace
+
 Feed::Feed(boost::asio::io_context& context, ServerLocator& locator, std::uint32_t rateCode,
            const std::string& title, FeedEvents& events)
     : rateCode_(rateCode), title_(title), events_(events) {
@@ -55,6 +62,7 @@ void Feed::publishMedia(ChannelId channel, const Chunk& chunk, std::int64_t now)
 
 void Feed::packetCame(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
                       std::int64_t now) {
+    away_ = false;
     events_.soundCame(packet.sampleRate);
     for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
         if (carries(channel) && CHANNELS[channel].live()) {
@@ -78,14 +86,23 @@ void Feed::publishLive(ChannelId channel, const vxlisten::AudioPacket& packet, b
 }
 
 void Feed::serverWentAway() {
+    away_ = true;
+    sayWaiting(vxlisten::steadyNow());
+}
+
+void Feed::sayWaiting(std::int64_t now) {
+    saidWaiting_ = now;
     for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
         if (carries(channel) && CHANNELS[channel].live()) {
-            introduce(channel, makeWaiting(vxlisten::steadyNow()));
+            introduce(channel, makeWaiting(now));
         }
     }
 }
 
 void Feed::timePassed(std::int64_t now) {
+    if (away_ && now - saidWaiting_ >= WAITING_INTERVAL) {
+        sayWaiting(now);
+    }
     for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
         if (outlets_[channel].media) {
             outlets_[channel].media->pass(

@@ -66,6 +66,7 @@ class Feed : public UpstreamEvents {
     void timePassed(std::int64_t now) override;
     void upstreamClosed() override;
     [[nodiscard]] bool carries(ChannelId channel) const;
+    void sayWaiting(std::int64_t now);
     void introduce(ChannelId channel, PacketPtr intro);
     void publishMedia(ChannelId channel, const Chunk& chunk, std::int64_t now);
     void publishLive(ChannelId channel, const vxlisten::AudioPacket& packet, bool start,
@@ -76,6 +77,8 @@ class Feed : public UpstreamEvents {
     FeedEvents& events_;
     std::array<Outlet, CHANNELS.size()> outlets_;
     std::size_t listeners_ = 0;
+    bool away_ = false;             ///< The server is away since its last packet,
+    std::int64_t saidWaiting_ = 0;  ///< which listeners were told at this time.
     std::shared_ptr<Upstream> upstream_;
 };
 

@@ -158,6 +158,26 @@ TEST_F(ListenerTest, AStreamsListenerLosesNothingForTenSecondsAndThenTheConnecti
     EXPECT_TRUE(client->closes());
 }
 
+TEST_F(ListenerTest, AStreamsListenerWhoDoesNotReadMissesWholeChunksBeyond112KiB) {
+    open(Listener::Slow::LosesConnection);
+    for (char letter = 'a'; letter < 'z'; ++letter) {
+        send(letter, 0);
+    }
+    const std::string heard = lettersUntil('z', [this] { send('z', 5 * SECOND); });
+    EXPECT_EQ(heard.substr(0, 10), "abcdefghij");
+    EXPECT_LT(heard.size(), 20U) << heard;
+}
+
+TEST_F(ListenerTest, ALiveListenerWhoDoesNotReadLosesTheOldestBeyond112KiB) {
+    open(Listener::Slow::LosesSound);
+    for (char letter = 'a'; letter <= 'z'; ++letter) {
+        send(letter, 0);
+    }
+    const std::string heard = lettersUntil('z');
+    EXPECT_EQ(heard.substr(heard.size() - 10), "qrstuvwxyz");
+    EXPECT_LT(heard.size(), 20U) << heard;
+}
+
 TEST_F(ListenerTest, AStreamsListenerWhoReadsSlowlyKeepsItsConnectionWhileItKeepsUp) {
     open(Listener::Slow::LosesConnection);
     for (int i = 0; i < 60; ++i) {

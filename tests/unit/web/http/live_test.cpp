@@ -134,6 +134,15 @@ TEST_F(LiveTest, BeforeTheServerIsThereListenersWait) {
     EXPECT_EQ(client->text(), PCM);
 }
 
+TEST_F(LiveTest, WhoWaitsIsToldSoAgainBeforeTheConnectionSeemsDead) {
+    upstream.reset();
+    start();
+    const auto client = live();
+    EXPECT_EQ(client->text(), WAITING);
+    std::this_thread::sleep_for(std::chrono::seconds(6));
+    EXPECT_EQ(client->text(), WAITING);
+}
+
 TEST_F(LiveTest, PingsAreAnsweredBetweenThePackets) {
     start();
     const auto client = listener("", 0);

@@ -6,6 +6,7 @@
 namespace {
 
 using testing::AllOf;
+using testing::ContainsRegex;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::MatchesRegex;
@@ -32,6 +33,12 @@ TEST_F(SessionTest, ThePageItsPictureAndItsPlaylistAreThere) {
     EXPECT_THAT(get("/listen.m3u"),
                 AllOf(HasSubstr("Content-Type: audio/x-mpegurl\r\n"),
                       EndsWith("#EXTM3U\n#EXTINF:-1,Kitchen\nhttp://127.0.0.1/stream.mp3\n")));
+}
+
+TEST_F(SessionTest, TheManifestIsAskedForWithThePagesPassword) {
+    start();
+    EXPECT_THAT(get("/"), HasSubstr("<link rel=\"manifest\" href=\"/page/manifest.webmanifest\" "
+                                    "crossorigin=\"use-credentials\">"));
 }
 
 TEST_F(SessionTest, ThePictureShowsTheAddressThatTheRequestCameTo) {
@@ -169,16 +176,27 @@ TEST_F(SessionTest, AWebSocketFromAnotherServersPageIsRefused) {
     EXPECT_THAT(own.header(), StartsWith("HTTP/1.1 101"));
 }
 
-TEST_F(SessionTest, AnUpgradeThatIsWrongIsAnswered) {
+TEST_F(SessionTest, AnUpgradeThatIsWrongIsAnsweredWithOneSentence) {
     start();
-    EXPECT_THAT(get("/live", "Connection: Upgrade\r\nUpgrade: h2c\r\n"),
-                StartsWith("HTTP/1.1 426"));
-    EXPECT_THAT(get("/live", "Connection: Upgrade\r\nUpgrade: websocket\r\n"),
-                StartsWith("HTTP/1.1 400"));
-    EXPECT_THAT(get("/live",
-                    "Connection: Upgrade\r\nUpgrade: websocket\r\n"
-                    "Sec-WebSocket-Version: 7\r\nSec-WebSocket-Key: a\r\n"),
-                Not(StartsWith("HTTP/1.1 101")));
+    const std::string upgrade = "Connection: Upgrade\r\nUpgrade: websocket\r\n";
+    const std::string key = "Sec-WebSocket-Key: AQIDBAUGBwgJCgsMDQ4PEA==\r\n";
+    const std::string version = "Sec-WebSocket-Version: 13\r\n";
+    const std::pair<std::string, const char*> wrongs[] = {
+        {"Connection: Upgrade\r\nUpgrade: h2c\r\n", "426"},
+        {upgrade, "400"},
+        {upgrade + version, "400"},
+        {upgrade + version + "Sec-WebSocket-Key: a\r\n", "400"},
+        {upgrade + version + "Sec-WebSocket-Key: " + std::string(100, 'a') + "\r\n", "400"},
+        {upgrade + key, "426"},
+        {upgrade + key + "Sec-WebSocket-Version: 7\r\n", "426"}};
+    for (const auto& [lines, code] : wrongs) {
+        EXPECT_THAT(get("/live", lines),
+                    AllOf(StartsWith(std::string("HTTP/1.1 ") + code),
+                          HasSubstr("Content-Type: text/plain"), Not(HasSubstr("Beast")),
+                          ContainsRegex("\r\n\r\n[A-Z][^\n]*\\.\n$")))
+            << lines;
+    }
+    EXPECT_THAT(get("/live", upgrade + key), HasSubstr("Sec-WebSocket-Version: 13\r\n"));
     waitForStatus("\"listeners\":0");
 }
 

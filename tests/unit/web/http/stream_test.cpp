@@ -1,3 +1,5 @@
+#include <sys/socket.h>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -112,6 +114,20 @@ TEST_F(StreamTest, AtTheEndOfTheProgramAStreamEndsWithItsLastChunk) {
         chunk = client->chunk();
     }
     EXPECT_TRUE(client->closes());
+}
+
+TEST_F(StreamTest, AClientThatClosesItsDirectionHearsOnUntilItLeaves) {
+    start();
+    auto client = listener("/stream.wav");
+    client->header();
+    shutdown(client->handle(), SHUT_WR);
+    waitForAsked({0});
+    playHalfASecond();
+    EXPECT_THAT(client->chunk(), StartsWith("RIFF"));
+    EXPECT_GT(client->chunk().size(), 0U);
+    EXPECT_THAT(status(), HasSubstr("\"listeners\":1"));
+    client.reset();
+    waitForStatus("\"listeners\":0");
 }
 
 TEST_F(StreamTest, ListenersAreCountedUntilTheyLeave) {
