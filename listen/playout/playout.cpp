@@ -33,6 +33,7 @@ constexpr double OFTEN_MS = 20;
 constexpr double REPEATED_SHARE = 0.25;
 constexpr double LATE_PATIENCE = 1.5;  ///< Longer than a jump of the line takes.
 constexpr double LONGEST_LATE = 3;
+constexpr double LONGEST_WITHOUT_SOUND = 0.1;  ///< Seconds that count as late; a stall does not.
 
 void increment(std::atomic<std::uint64_t>& counter, std::uint64_t by = 1) {
     counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
@@ -60,6 +61,7 @@ void Playout::render(std::int16_t* output, std::size_t frames, std::int64_t now,
             ? 0.0
             : std::clamp(static_cast<double>(now - lastRender_) / MICROSECONDS, 0.0, LONGEST_STEP);
     lastRender_ = now;
+    sinceLate_ += callSeconds_;
     periodMs_ = toMs(frames, deviceRate_);
     takeArrivals();
     target_.noteDemand(toMs(rendered_, deviceRate_), now, source_.pausing());
@@ -132,7 +134,7 @@ void Playout::startWhenDue(std::size_t wanted) {
     const double due = schedule_.dueAt(static_cast<double>(rendered_)) + resampler_.held();
     const auto leftOut = source_.leaveOutUntil(due);
     if (!leftOut) {
-        noteAllLate(callSeconds_);
+        noteAllLate();
         return;
     }
     allLateFor_ = 0;
@@ -152,8 +154,9 @@ void Playout::startWhenDue(std::size_t wanted) {
 
 /// All sound comes too late to be played in its place: the delay is too short, or the line of the
 /// earliest arrivals still has to follow. It never ends in silence.
-void Playout::noteAllLate(double seconds) {
-    allLateFor_ += seconds;
+void Playout::noteAllLate() {
+    allLateFor_ += std::min(sinceLate_, LONGEST_WITHOUT_SOUND);
+    sinceLate_ = 0;
     if (allLateFor_ >= LATE_PATIENCE) {
         makePossible(target_.jitterMs());
     }

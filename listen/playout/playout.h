@@ -67,7 +67,7 @@ class Playout {
     void takeArrivals();
     void watchStart(std::size_t wanted);
     void startWhenDue(std::size_t wanted);
-    void noteAllLate(double seconds);
+    void noteAllLate();
     void makePossible(double jitterMs);
     void watchDepth(double seconds);
     void watchStep(double seconds);
@@ -101,6 +101,7 @@ class Playout {
     double callSeconds_ = 0;       ///< Since the call before.
     double inStepFor_ = 0;         ///< Seconds since the sound was last put into its place,
     double allLateFor_ = 0;        ///< and that all sound has come too late for it.
+    double sinceLate_ = 0;         ///< Seconds since sound was last found to be too late.
     std::int64_t lastRender_ = -1;
     double meanDepth_ = 0;     ///< Milliseconds, over the last seconds.
     double sinceControl_ = 0;  ///< Seconds since the correction was set.

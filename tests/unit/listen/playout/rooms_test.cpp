@@ -353,6 +353,20 @@ TEST_F(Rooms, ADelayThatHadToBeRaisedIsTriedAgainWithTheNextStream) {
     EXPECT_NEAR(one.figures().delayMs, one.figures().neededMs, 1);
 }
 
+TEST_F(Rooms, PatienceWithLateSoundIsAsShortWhereTheDeviceAsksOftener) {
+    Server server;
+    server.blockFrames = 960;
+    Device often = device(0, 0.03);
+    often.period = 60;
+    Listener one(
+        server, [](double sent) { return sent > 40 ? 0.3 : 0.0002; }, often, keeping(DELAY));
+    one.run(60);
+    const auto again = std::find_if(one.heard().begin(), one.heard().end(),
+                                    [](const auto& heard) { return heard.time > 41; });
+    ASSERT_NE(again, one.heard().end());
+    EXPECT_LT(again->time, 44);
+}
+
 TEST_F(Rooms, TenSecondsArePossible) {
     Server server;
     server.ppm = 300;

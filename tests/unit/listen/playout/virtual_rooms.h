@@ -62,6 +62,7 @@ struct Device {
     double ppm = 0;
     double latency = 0.03;
     double start = 0;
+    std::size_t period = 480;  ///< Frames that it asks for at a time, at most 480.
     /// What it says instead of its latency at a time, in seconds.
     std::function<double(double now, double latency)> stamp = [](double, double real) {
         return real;
@@ -107,13 +108,12 @@ class Listener {
 
     /// Lets the time up to `end` pass.
     void run(double end) {
-        constexpr std::size_t PERIOD = 480;
-        std::array<std::int16_t, 2 * PERIOD> output{};
+        std::array<std::int16_t, 2 * 480> output{};
         for (double now = callTime(); now <= end; now = callTime()) {
             deliverUntil(now);
             const double latency = device_.stamp(now, device_.latency) * 1e6;
-            playout_->render(output.data(), PERIOD, microseconds(now), latency);
-            for (std::size_t i = 0; i < PERIOD; ++i) {
+            playout_->render(output.data(), device_.period, microseconds(now), latency);
+            for (std::size_t i = 0; i < device_.period; ++i) {
                 hear(output[2 * i]);
             }
         }
