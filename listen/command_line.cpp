@@ -166,7 +166,13 @@ std::optional<double> readNumber(const std::string& text) {
 
 Complaint takeDelay(const CLI::App& app, const Words& words, Options& options) {
     options.playout.bufferChosen = app.count("--buffer") > 0;
+    if (app.count("--offset") > 0 && app.count("--delay") == 0) {
+        return "--offset needs --delay";
+    }
     if (app.count("--delay") > 0) {
+        if (words.noPlay || options.toStdout) {
+            return "--delay cannot be used with --no-play or --stdout";
+        }
         options.playout.delayMs = readNumber(words.delay);
         if (!options.playout.delayMs || *options.playout.delayMs <= 0 ||
             *options.playout.delayMs > MOST_DELAY_MS) {
