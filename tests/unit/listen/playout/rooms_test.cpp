@@ -246,8 +246,14 @@ TEST_F(Rooms, AServerThatStandsStillForASecondIsFollowedAtOnce) {
     server.shiftAt = 40;
     server.shift = 1.003;
     Listener one(server, steady(), device(0, 0.03), keeping(DELAY));
+    Listener other(server, jittery(0.0002, 0.0052), device(-100, 0.08), keeping(DELAY));
     one.run(80);
+    other.run(80);
     EXPECT_EQ(one.sendClock().jumps(), 1u);
+    EXPECT_EQ(other.sendClock().jumps(), 1u);
+    EXPECT_LT(apart(one, other, 5, 40).most, 4);
+    EXPECT_LT(apart(one, other, 41, 47).median, 4);
+    EXPECT_LT(apart(one, other, 47, 80).most, 4);
     EXPECT_LT(offTheDelay(one, DELAY + 1003, 47, 80).most, 2);
     EXPECT_LT(offTheDelay(one, DELAY + 1003, 55, 80).median, 0.5);
     EXPECT_LE(one.figures().underruns, 2u);
