@@ -305,7 +305,8 @@ void Playout::control(double seconds) {
     if (!source_.pausing() && ready) {
         const double ppm =
             schedule_.kept()
-                ? stepCorrection(lateMs(), schedule_.ratePpm(), inStepFor_)
+                ? std::clamp(stepCorrection(lateMs(), schedule_.ratePpm(), inStepFor_),
+                             -SteeredResampler::MOST_PPM, SteeredResampler::MOST_PPM)
                 : std::clamp(drift_.update(meanDepth_ - target_.milliseconds(), sinceControl_) +
                                  target_.shrinkingPpm(),
                              -DriftControl::MOST_PPM, DriftControl::MOST_PPM);

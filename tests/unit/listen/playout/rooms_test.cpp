@@ -303,6 +303,21 @@ TEST_F(Rooms, ADeviceThatRanDryIsInStepAgainAfterThreeSeconds) {
     }
 }
 
+TEST_F(Rooms, TheCorrectionIsShownAsItIsPlayed) {
+    Server server;
+    server.ppm = 300;
+    Listener one(server, steady(), device(-300, 0.03), keeping(DELAY));
+    one.run(30);
+    one.underrun(0.008);
+    double most = 0;
+    for (double time = 30; time < 33; time += 0.05) {
+        one.run(time);
+        most = std::max(most, one.figures().correctionPpm.load());
+    }
+    EXPECT_GT(most, 5000);
+    EXPECT_LE(most, 5500);
+}
+
 TEST_F(Rooms, TheOffsetPlaysEarlier) {
     const Server server;
     Listener one(server, steady(), device(0, 0.03), keeping(DELAY, 7));
