@@ -56,11 +56,11 @@ class Rooms : public testing::Test {
     static void expectInStep(const Listener& one, const Listener& other, double end, double median,
                              double most) {
         const double first = std::max(one.heard().front().time, other.heard().front().time);
-        const Spread young = apart(one, other, first + 3, first + 10);
+        const Spread settling = apart(one, other, first + 3, first + 10);
         const Spread later = apart(one, other, first + 10, end);
-        std::cout << "3 to 10 s: median " << young.median << " ms, most " << young.most
+        std::cout << "3 to 10 s: median " << settling.median << " ms, most " << settling.most
                   << " ms; later: median " << later.median << " ms, most " << later.most << " ms\n";
-        EXPECT_LT(young.most, std::max(2.0, most));
+        EXPECT_LT(settling.most, std::max(2.0, most));
         EXPECT_LT(later.median, median);
         EXPECT_LT(later.most, most);
     }
@@ -121,11 +121,11 @@ TEST_F(Rooms, ASlowWayWithMuchJitterIsJudgedByItsRoundTrip) {
     Listener other(server, jittery(0.01, 0.05), device(30, 0.05), keeping(DELAY));
     one.run(180);
     other.run(180);
-    const Spread young = apart(one, other, 3, 60);
+    const Spread settling = apart(one, other, 3, 60);
     const Spread later = apart(one, other, 60, 180);
-    std::cout << "3 to 60 s: median " << young.median << " ms, most " << young.most
+    std::cout << "3 to 60 s: median " << settling.median << " ms, most " << settling.most
               << " ms; later: median " << later.median << " ms, most " << later.most << " ms\n";
-    EXPECT_LT(young.median, 8);
+    EXPECT_LT(settling.median, 8);
     EXPECT_LT(later.median, 4);
     EXPECT_LT(later.most, 8);
 }
@@ -167,9 +167,9 @@ TEST_F(Rooms, ARestartedServerIsHeardInStepAgain) {
         listener->run(60);
         EXPECT_EQ(listener->sendClock().jumps(), 0u);
     }
-    const Spread young = apart(one, other, 27, 34);
+    const Spread settling = apart(one, other, 27, 34);
     const Spread later = apart(one, other, 34, 60);
-    EXPECT_LT(young.most, 2);
+    EXPECT_LT(settling.most, 2);
     EXPECT_LT(later.median, 0.5);
     EXPECT_LT(offTheDelay(other, DELAY, 34, 60).median, 0.5);
 }
