@@ -7,6 +7,8 @@ namespace vxlisten {
 
 constexpr std::int64_t MILLISECOND = 1000;
 constexpr std::int64_t SECOND = 1000 * MILLISECOND;
+constexpr double MICROSECONDS_PER_MILLISECOND = MILLISECOND;
+constexpr double MICROSECONDS_PER_SECOND = SECOND;
 
 /// The time that everything in the program goes by, in microseconds of a clock that never leaps.
 /// Thread: any. Realtime-safe: yes.

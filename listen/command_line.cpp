@@ -28,8 +28,8 @@ struct Rate {
     std::uint32_t code;
 };
 
-constexpr double MOST_DELAY_MS = 10000;
-constexpr double MOST_OFFSET_MS = 1000;
+constexpr double MAXIMUM_DELAY_MS = 10000;
+constexpr double MAXIMUM_OFFSET_MS = 1000;
 
 constexpr Rate RATES[] = {
     {"raw", wire::RATE_CODE_RAW}, {"64", 1}, {"128", 2}, {"256", 3}, {"20", 5}};
@@ -64,7 +64,7 @@ void describe(CLI::App& app, Words& words, Options& options) {
     app.add_flag("--single", words.single, "Give the place up to the next listener that connects");
     app.add_option("--buffer", options.playout.bufferMs,
                    "Milliseconds of sound to keep ready, at least (40 at first)")
-        ->check(CLI::Range(DelayTarget::LEAST_MS, DelayTarget::MOST_MS));
+        ->check(CLI::Range(DelayTarget::MINIMUM_MS, DelayTarget::MAXIMUM_MS));
     app.add_option("--delay", words.delay,
                    "Milliseconds from the server to the loudspeaker, for rooms in step");
     app.add_option("--offset", words.offset,
@@ -166,16 +166,22 @@ std::optional<double> readNumber(const std::string& text) {
 
 Complaint takeDelay(const CLI::App& app, const Words& words, Options& options) {
     options.playout.bufferChosen = app.count("--buffer") > 0;
+    if (app.count("--offset") > 0 && app.count("--delay") == 0) {
+        return "--offset needs --delay";
+    }
     if (app.count("--delay") > 0) {
+        if (words.noPlay || options.toStdout) {
+            return "--delay cannot be used with --no-play or --stdout";
+        }
         options.playout.delayMs = readNumber(words.delay);
         if (!options.playout.delayMs || *options.playout.delayMs <= 0 ||
-            *options.playout.delayMs > MOST_DELAY_MS) {
+            *options.playout.delayMs > MAXIMUM_DELAY_MS) {
             return "--delay must be a number of milliseconds above 0, up to 10000";
         }
     }
     if (app.count("--offset") > 0) {
         const std::optional<double> offset = readNumber(words.offset);
-        if (!offset || std::abs(*offset) > MOST_OFFSET_MS) {
+        if (!offset || std::abs(*offset) > MAXIMUM_OFFSET_MS) {
             return "--offset must be a number of milliseconds from -1000 to 1000";
         }
         options.playout.offsetMs = *offset;
@@ -209,8 +215,8 @@ CommandLine readCommandLine(int argc, const char* const* argv) {
     describe(app, words, result.options);
     try {
         app.parse(argc, argv);
-    } catch (const CLI::Success& wish) {
-        result.status = app.exit(wish);
+    } catch (const CLI::Success& success) {
+        result.status = app.exit(success);
         return result;
     } catch (const CLI::ParseError& error) {
         result.status = complain(error.what());

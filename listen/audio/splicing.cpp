@@ -8,9 +8,9 @@ namespace vxlisten {
 namespace {
 
 constexpr std::size_t CHANNELS = 2;
-constexpr std::size_t STRETCH_LEAST_FRAMES = 300;
+constexpr std::size_t STRETCH_MINIMUM_FRAMES = 300;
 constexpr std::size_t FADE_FRAMES = 60;
-constexpr std::size_t LEAST_LAG = 100;
+constexpr std::size_t MINIMUM_LAG = 100;
 
 std::int16_t scaled(double value) {
     return static_cast<std::int16_t>(std::lround(value));
@@ -36,10 +36,10 @@ double likeness(const std::int16_t* frames, std::size_t count, std::size_t lag) 
 }
 
 std::size_t bestLag(const std::int16_t* frames, std::size_t count) {
-    std::size_t best = LEAST_LAG;
+    std::size_t best = MINIMUM_LAG;
     double alike = -2;
-    const std::size_t last = std::min(STRETCH_MOST_ADDED, count - FADE_FRAMES);
-    for (std::size_t lag = LEAST_LAG; lag <= last; ++lag) {
+    const std::size_t last = std::min(STRETCH_MAXIMUM_ADDED, count - FADE_FRAMES);
+    for (std::size_t lag = MINIMUM_LAG; lag <= last; ++lag) {
         const double now = likeness(frames, count, lag);
         if (now > alike) {
             alike = now;
@@ -80,7 +80,7 @@ void mirror(std::int16_t* frames, std::size_t count) {
 
 std::size_t stretch(const std::int16_t* frames, std::size_t count, std::int16_t* target) {
     std::copy_n(frames, count * CHANNELS, target);
-    if (count < STRETCH_LEAST_FRAMES) {
+    if (count < STRETCH_MINIMUM_FRAMES) {
         return count;
     }
     const std::size_t lag = bestLag(frames, count);

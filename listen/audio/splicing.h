@@ -18,12 +18,12 @@ void crossfade(std::int16_t* frames, const std::int16_t* other, std::size_t coun
 void mirror(std::int16_t* frames, std::size_t count);
 
 /// Most frames that stretch() adds.
-constexpr std::size_t STRETCH_MOST_ADDED = 240;
+constexpr std::size_t STRETCH_MAXIMUM_ADDED = 240;
 
 /// Copies `count` stereo frames (at most the 480 of a packet) to `target` with a piece near their
 /// end played twice. The piece is as long as the sound repeats itself best and faded over, so that
 /// the pitch stays and no step is heard; a block that is too short for that stays as it is. Returns
-/// the number of frames written, at most STRETCH_MOST_ADDED more than `count`. Pure.
+/// the number of frames written, at most STRETCH_MAXIMUM_ADDED more than `count`. Pure.
 /// Realtime-safe: yes.
 std::size_t stretch(const std::int16_t* frames, std::size_t count, std::int16_t* target);
 

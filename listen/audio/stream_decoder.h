@@ -42,7 +42,7 @@ class StreamDecoder {
     /// Most frames of a block.
     static constexpr std::size_t MAX_FRAMES = wire::OPUS_FRAME_SAMPLES;
     /// Packets in a row that are concealed; behind a longer gap a new stream begins.
-    static constexpr std::uint32_t MOST_CONCEALED = 256;
+    static constexpr std::uint32_t MAXIMUM_CONCEALED = 256;
 
     /// Without memory for libopus every Opus packet counts as damaged.
     StreamDecoder();
@@ -52,7 +52,7 @@ class StreamDecoder {
     /// missing packets, then the packet's own or the one in its place.
     template <class Take>
     DecodedBlock decode(const AudioPacket& packet, const SequenceStep& step, const Take& take) {
-        const bool start = step.start || step.missing > MOST_CONCEALED;
+        const bool start = step.start || step.missing > MAXIMUM_CONCEALED;
         if (start) {
             reset();
         }

@@ -15,7 +15,7 @@ namespace vxlisten {
 namespace {
 
 constexpr double METER_FLOOR = -60.0;
-constexpr std::size_t LEAST_COLUMNS = 20;
+constexpr std::size_t MINIMUM_COLUMNS = 20;
 constexpr std::size_t LEVEL_TEXT = 12;  ///< "  -12.3 dBFS".
 constexpr std::size_t LONGEST_BAR = 60;
 
@@ -115,7 +115,7 @@ std::string meterBar(double level, double held, std::size_t width) {
 std::vector<std::string> layOutDisplay(const Statistics& statistics,
                                        const std::array<double, LevelMeter::CHANNELS>& held,
                                        std::size_t columns) {
-    const std::size_t room = std::max(columns, LEAST_COLUMNS) - 1;
+    const std::size_t room = std::max(columns, MINIMUM_COLUMNS) - 1;
     std::vector<std::string> lines = pack(headFields(statistics), room);
     lines.push_back(meterLine("L", statistics.peakDbfs[0], held[0], room));
     lines.push_back(meterLine("R", statistics.peakDbfs[1], held[1], room));

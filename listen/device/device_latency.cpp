@@ -25,10 +25,10 @@ bool DeviceLatency::noteUnderruns(std::uint64_t count, std::int64_t now) {
         since_ = now;
         before_ = count;
     }
-    if (count - before_ < TOO_MANY || milliseconds_ >= MOST_MS) {
+    if (count - before_ < TOO_MANY || milliseconds_ >= MAXIMUM_MS) {
         return false;
     }
-    milliseconds_ = std::min(2 * milliseconds_, MOST_MS);
+    milliseconds_ = std::min(2 * milliseconds_, MAXIMUM_MS);
     return true;
 }
 

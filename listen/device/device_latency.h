@@ -13,7 +13,7 @@ class DeviceLatency {
     /// to get going again. Where programs that play go before all others it is kept.
     static constexpr double FIRST_MS = 80;
     static constexpr double REAL_TIME_MS = 40;
-    static constexpr double MOST_MS = 320;
+    static constexpr double MAXIMUM_MS = 320;
 
     explicit DeviceLatency(double firstMs = FIRST_MS) : milliseconds_(firstMs) {}
 

@@ -28,17 +28,19 @@ void raise(pid_t thread) {
 }  // namespace
 
 bool realTimeAllowed() {
-    const int policy = sched_getscheduler(0);
+    const int scheduler = sched_getscheduler(0);
+    const int flag = scheduler & SCHED_RESET_ON_FORK;  // May not be taken back.
+    const int policy = scheduler & ~SCHED_RESET_ON_FORK;
     if (policy != SCHED_OTHER) {
         return policy == SCHED_RR || policy == SCHED_FIFO;
     }
     sched_param parameters = {};
     parameters.sched_priority = REAL_TIME_PRIORITY;
-    if (sched_setscheduler(0, SCHED_RR, &parameters) != 0) {
+    if (sched_setscheduler(0, SCHED_RR | flag, &parameters) != 0) {
         return false;
     }
     parameters.sched_priority = 0;
-    return sched_setscheduler(0, SCHED_OTHER, &parameters) == 0;
+    return sched_setscheduler(0, SCHED_OTHER | flag, &parameters) == 0;
 }
 
 void raisePriority() {

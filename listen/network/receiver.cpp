@@ -26,8 +26,8 @@ constexpr int SOCKET_BUFFER = 1 << 20;
 constexpr std::size_t LARGEST_PACKET = 1 << 16;
 // A server that says nothing for this long has gone: it sends about 140 packets a second.
 constexpr enet_uint32 TIMEOUT_ATTEMPTS = 8;
-constexpr enet_uint32 TIMEOUT_LEAST_MS = 3000;
-constexpr enet_uint32 TIMEOUT_MOST_MS = 6000;
+constexpr enet_uint32 TIMEOUT_MINIMUM_MS = 3000;
+constexpr enet_uint32 TIMEOUT_MAXIMUM_MS = 6000;
 
 std::string toText(const ENetAddress& address) {
     char text[64] = "";
@@ -80,7 +80,7 @@ bool Receiver::connect(const StreamChoice& choice) {
     if (peer_ == nullptr) {
         return false;
     }
-    enet_peer_timeout(peer_, TIMEOUT_ATTEMPTS, TIMEOUT_LEAST_MS, TIMEOUT_MOST_MS);
+    enet_peer_timeout(peer_, TIMEOUT_ATTEMPTS, TIMEOUT_MINIMUM_MS, TIMEOUT_MAXIMUM_MS);
     return true;
 }
 

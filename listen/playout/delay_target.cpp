@@ -2,23 +2,25 @@
 
 #include <algorithm>
 
+#include "listen/clock.h"
+
 namespace vxlisten {
 
 namespace {
 
-constexpr std::int64_t WINDOW_US = 10'000'000;
+constexpr std::int64_t WINDOW_US = 10 * SECOND;
 /// Weight that a packet keeps when the next one comes: the memory spans some 4000 packets.
 constexpr double MEMORY = 1.0 - 1.0 / 4000.0;
 constexpr double UNCOVERED = 0.002;  ///< Share of the packets that may come too late,
 constexpr double EXCEPTIONS = 1.0;   ///< but so many at any rate.
 constexpr double SAFETY_MS = 5;
 constexpr double UNDERRUN_EXTRA_MS = 15;
-constexpr double MOST_EXTRA_MS = 200;
+constexpr double MAXIMUM_EXTRA_MS = 200;
 constexpr double EXTRA_LOSS_PER_SECOND = 0.2;
 /// After so many packets of a stream it begins to shrink.
 constexpr double QUIET_PACKETS = 700;
 constexpr double SHRINKING_PER_SECOND = 0.3;  ///< Milliseconds; what drift correction can follow.
-constexpr std::int64_t DEMAND_SETTLING = 1'000'000;
+constexpr std::int64_t DEMAND_SETTLING = SECOND;
 constexpr double DEMAND_MEMORY = 5;  ///< Seconds over which the device's pace is averaged.
 /// So little is left that the next late packet would be missed.
 constexpr double DIP_MS = 2;
@@ -51,7 +53,8 @@ void DelayTarget::noteArrival(std::int64_t mediaTime, std::int64_t arrival, doub
         quickestNow_ = transit;
         windowEnd_ = arrival + WINDOW_US;
     }
-    const double latenessMs = static_cast<double>(transit - quickest_) / 1000.0;
+    const double latenessMs =
+        static_cast<double>(transit - quickest_) / MICROSECONDS_PER_MILLISECOND;
     const bool sameDelay = static_cast<double>(arrival - lastArrival_) < packetMs * 500.0 &&
                            latenessMs < lastLatenessMs_;
     lastArrival_ = arrival;
@@ -79,16 +82,17 @@ void DelayTarget::count(double latenessMs) {
 }
 
 void DelayTarget::noteUnderrun() {
-    extra_ = std::min(extra_ + UNDERRUN_EXTRA_MS, MOST_EXTRA_MS);
+    extra_ = std::min(extra_ + UNDERRUN_EXTRA_MS, MAXIMUM_EXTRA_MS);
 }
 
 void DelayTarget::noteDemand(double asked, std::int64_t now, bool idle) {
-    const double ahead = asked - static_cast<double>(now) / 1000.0;
+    const double ahead = asked - static_cast<double>(now) / MICROSECONDS_PER_MILLISECOND;
     if (idle || demandStart_ < 0) {
         demandStart_ = now;
         demandMean_ = ahead;
     }
-    const double share = static_cast<double>(now - lastDemand_) / 1e6 / DEMAND_MEMORY;
+    const double share =
+        static_cast<double>(now - lastDemand_) / MICROSECONDS_PER_SECOND / DEMAND_MEMORY;
     demandMean_ += (ahead - demandMean_) * std::clamp(share, 0.0, 1.0);
     lastDemand_ = now;
     if (now - demandStart_ >= DEMAND_SETTLING) {
@@ -101,7 +105,7 @@ void DelayTarget::noteDepth(double leftMs, double meanMs) {
         meanMs < milliseconds() - NEAR_MS) {
         return;
     }
-    extra_ = std::min(extra_ + DIP_EXTRA_MS, MOST_EXTRA_MS);
+    extra_ = std::min(extra_ + DIP_EXTRA_MS, MAXIMUM_EXTRA_MS);
     sinceDip_ = 0;
 }
 
@@ -123,8 +127,8 @@ double DelayTarget::neededMs() const {
 }
 
 double DelayTarget::milliseconds() const {
-    return std::clamp(std::max(floor_, neededMs()) + extra_, chosen_ ? LEAST_MS : packetMs_,
-                      MOST_MS);
+    return std::clamp(std::max(floor_, neededMs()) + extra_, chosen_ ? MINIMUM_MS : packetMs_,
+                      MAXIMUM_MS);
 }
 
 double DelayTarget::shrinkingPpm() const {

@@ -15,8 +15,8 @@ namespace vxlisten {
 /// Times are given, not taken from a clock. Not thread-safe. Realtime-safe: yes.
 class DelayTarget {
   public:
-    static constexpr double LEAST_MS = 10;
-    static constexpr double MOST_MS = 500;
+    static constexpr double MINIMUM_MS = 10;
+    static constexpr double MAXIMUM_MS = 500;
 
     /// It starts at `startMs`, which is the least if the user has `chosen` it.
     DelayTarget(double startMs, bool chosen) : start_(startMs), floor_(startMs), chosen_(chosen) {}
@@ -41,8 +41,8 @@ class DelayTarget {
     /// Lets `seconds` pass, after which an old underrun weighs less.
     void pass(double seconds);
 
-    /// What to keep buffered after the device has got its part, in milliseconds. At least LEAST_MS
-    /// if the user chose, else a packet; at most MOST_MS.
+    /// What to keep buffered after the device has got its part, in milliseconds. At least
+    /// MINIMUM_MS if the user chose, else a packet; at most MAXIMUM_MS.
     [[nodiscard]] double milliseconds() const;
 
     /// How much faster to play while it shrinks from where it started, in parts per million.

@@ -18,10 +18,10 @@ constexpr double LEARNING_LIMIT_MS = 15;
 
 double DriftControl::update(double deviationMs, double seconds) {
     if (std::abs(deviationMs) < LEARNING_LIMIT_MS) {
-        integral_ =
-            std::clamp(integral_ + PPM_PER_MS_SECOND * deviationMs * seconds, -MOST_PPM, MOST_PPM);
+        integral_ = std::clamp(integral_ + PPM_PER_MS_SECOND * deviationMs * seconds, -MAXIMUM_PPM,
+                               MAXIMUM_PPM);
     }
-    return std::clamp(PPM_PER_MS * deviationMs + integral_, -MOST_PPM, MOST_PPM);
+    return std::clamp(PPM_PER_MS * deviationMs + integral_, -MAXIMUM_PPM, MAXIMUM_PPM);
 }
 
 }  // namespace vxlisten

@@ -8,7 +8,7 @@ namespace vxlisten {
 class DriftControl {
   public:
     /// Largest correction in parts per million: less than one cent of pitch.
-    static constexpr double MOST_PPM = 500;
+    static constexpr double MAXIMUM_PPM = 500;
 
     /// Takes the deviation of the buffer's depth from its target over the last `seconds` and
     /// returns the correction: how many parts per million faster to play.

@@ -3,15 +3,16 @@
 #include <algorithm>
 #include <cmath>
 
+#include "listen/clock.h"
+
 namespace vxlisten {
 
 namespace {
 
-constexpr double MICROSECONDS = 1e6;
-constexpr std::int64_t SPAN = 500'000;
+constexpr std::int64_t SPAN = 500 * MILLISECOND;
 /// After a longer pause of the device its times are others.
-constexpr std::int64_t LONGEST_PAUSE = 1'000'000;
-constexpr double GREATEST_LATENCY = 5e6;
+constexpr std::int64_t LONGEST_PAUSE = SECOND;
+constexpr double GREATEST_LATENCY = 5 * MICROSECONDS_PER_SECOND;
 /// A device that gets going asks for much at once and then for nothing.
 constexpr double UNEVEN = 0.2;
 /// One that never runs evenly is taken as it is, after so many spans.
@@ -51,25 +52,25 @@ void OutputClock::note(std::uint64_t frame, std::int64_t now, double latency) {
         spanStart_ = now;
         spanStartTime_ = time;
     }
-    const double base = static_cast<double>(now - origin_) - time * MICROSECONDS;
+    const double base = static_cast<double>(now - origin_) - time * MICROSECONDS_PER_SECOND;
     const bool known = latency > 0 && latency < GREATEST_LATENCY;
     latest_ = base + (known ? latency : nominal_);
-    if (known && stampCount_ < MOST_STAMPS) {
+    if (known && stampCount_ < MAXIMUM_STAMPS) {
         stamps_[stampCount_++] = base + latency;
     }
-    if (nominalCount_ < MOST_STAMPS) {
+    if (nominalCount_ < MAXIMUM_STAMPS) {
         nominals_[nominalCount_++] = base + nominal_;
     }
 }
 
 void OutputClock::finishSpan(std::int64_t now, double time) {
-    const double asked = (time - spanStartTime_) * MICROSECONDS;
+    const double asked = (time - spanStartTime_) * MICROSECONDS_PER_SECOND;
     const auto passed = static_cast<double>(now - spanStart_);
     const bool even = std::abs(asked - passed) < UNEVEN * passed;
     ++spansSeen_;
     if (nominalCount_ > 0 && (even || spansSeen_ > PATIENCE) && spansSeen_ > 1) {
         nominalOnly_ = 2 * stampCount_ < nominalCount_;
-        if (spanCount_ == MOST_SPANS) {
+        if (spanCount_ == MAXIMUM_SPANS) {
             std::move(spans_.begin() + 1, spans_.end(), spans_.begin());
             --spanCount_;
         }
@@ -84,7 +85,7 @@ void OutputClock::finishSpan(std::int64_t now, double time) {
 /// The median of the slopes between any two spans, and the line with it that has as many spans
 /// above as below.
 void OutputClock::fit() {
-    std::array<double, MOST_SPANS * MOST_SPANS / 2> slopes{};
+    std::array<double, MAXIMUM_SPANS * MAXIMUM_SPANS / 2> slopes{};
     std::size_t count = 0;
     for (std::size_t i = 0; spanCount_ >= SLOPE_SPANS && i < spanCount_; ++i) {
         for (std::size_t j = i + 1; j < spanCount_; ++j) {
@@ -95,7 +96,7 @@ void OutputClock::fit() {
     if (count > 0) {
         slope_ = std::clamp(median(slopes.data(), count), -GREATEST_SLOPE, GREATEST_SLOPE);
     }
-    std::array<double, MOST_SPANS> offsets{};
+    std::array<double, MAXIMUM_SPANS> offsets{};
     for (std::size_t i = 0; i < spanCount_; ++i) {
         offsets[i] = spans_[i].value - slope_ * spans_[i].time;
     }
@@ -105,7 +106,7 @@ void OutputClock::fit() {
 double OutputClock::heardAt(double frame) const {
     const double time = frame / rate_;
     const double value = settled() ? offset_ + slope_ * time : latest_;
-    return static_cast<double>(origin_) + time * MICROSECONDS + value;
+    return static_cast<double>(origin_) + time * MICROSECONDS_PER_SECOND + value;
 }
 
 }  // namespace vxlisten

@@ -40,8 +40,8 @@ class OutputClock {
     [[nodiscard]] double devicePpm() const { return -slope_; }
 
   private:
-    static constexpr std::size_t MOST_SPANS = 20;
-    static constexpr std::size_t MOST_STAMPS = 64;
+    static constexpr std::size_t MAXIMUM_SPANS = 20;
+    static constexpr std::size_t MAXIMUM_STAMPS = 64;
 
     struct Point {
         double time = 0;   ///< Seconds, by the count of frames.
@@ -58,11 +58,11 @@ class OutputClock {
     std::int64_t latestCall_ = 0;
     double spanStartTime_ = 0;
     unsigned spansSeen_ = 0;
-    std::array<double, MOST_STAMPS> stamps_{};
-    std::array<double, MOST_STAMPS> nominals_{};  ///< The same with the nominal latency.
+    std::array<double, MAXIMUM_STAMPS> stamps_{};
+    std::array<double, MAXIMUM_STAMPS> nominals_{};  ///< The same with the nominal latency.
     std::size_t stampCount_ = 0;
     std::size_t nominalCount_ = 0;
-    std::array<Point, MOST_SPANS> spans_{};
+    std::array<Point, MAXIMUM_SPANS> spans_{};
     std::size_t spanCount_ = 0;
     bool nominalOnly_ = false;
     double latest_ = 0;  ///< Value of the latest call, before it has settled.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
+#include "listen/clock.h"
 #include "listen/playout/step_control.h"
 
 namespace vxlisten {
@@ -12,27 +13,26 @@ namespace {
 constexpr double CONTROL_INTERVAL = 0.25;  ///< Seconds.
 constexpr double DEPTH_MEMORY = 2.0;       ///< Seconds over which the depth is averaged.
 constexpr double LONGEST_STEP = 1.0;       ///< Seconds; a longer pause of the device is cut to it.
-constexpr double LEAST_EXCESS_MS = 40;
+constexpr double MINIMUM_EXCESS_MS = 40;
 constexpr double EXCESS_SHARE = 0.5;
-constexpr double MICROSECONDS = 1e6;
 constexpr double MS = 1000;
 // Much less sound than the target is made up for by stretching, for the drift correction is slow.
-constexpr double MOST_SHORTAGE_MS = 15;
+constexpr double MAXIMUM_SHORTAGE_MS = 15;
 constexpr double SHORTAGE_SHARE = 0.3;
 constexpr double SMALL_SHORTAGE_MS = 4;
 constexpr unsigned STRETCH_INTERVAL = 8;  ///< Packets.
 // Where a delay is kept, sound that is further off than can be steered is put into its place anew.
-constexpr double YOUNG = 3;  ///< Seconds.
-constexpr double YOUNG_INTERVAL = 0.1;
-constexpr double MOST_YOUNG_LATE_MS = 10;
-constexpr double MOST_LATE_MS = 40;
-constexpr double LEAST_PLACED = 1;  ///< Seconds.
+constexpr double SETTLING_INTERVAL = 0.1;
+constexpr double MAXIMUM_SETTLING_LATE_MS = 10;
+constexpr double MAXIMUM_LATE_MS = 40;
+constexpr double MINIMUM_PLACED = 1;  ///< Seconds.
 /// What repeated underruns ask for when the delay is too short for the network: a stall or two of
 /// the server do not take a listener out of step with the others.
 constexpr double OFTEN_MS = 20;
 constexpr double REPEATED_SHARE = 0.25;
 constexpr double LATE_PATIENCE = 1.5;  ///< Longer than a jump of the line takes.
 constexpr double LONGEST_LATE = 3;
+constexpr double LONGEST_WITHOUT_SOUND = 0.1;  ///< Seconds that count as late; a stall does not.
 
 void increment(std::atomic<std::uint64_t>& counter, std::uint64_t by = 1) {
     counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
@@ -58,15 +58,17 @@ void Playout::render(std::int16_t* output, std::size_t frames, std::int64_t now,
     callSeconds_ =
         lastRender_ < 0
             ? 0.0
-            : std::clamp(static_cast<double>(now - lastRender_) / MICROSECONDS, 0.0, LONGEST_STEP);
+            : std::clamp(static_cast<double>(now - lastRender_) / MICROSECONDS_PER_SECOND, 0.0,
+                         LONGEST_STEP);
     lastRender_ = now;
+    sinceLate_ += callSeconds_;
     periodMs_ = toMs(frames, deviceRate_);
     takeArrivals();
     target_.noteDemand(toMs(rendered_, deviceRate_), now, source_.pausing());
     target_.pass(callSeconds_);
     schedule_.noteOutput(rendered_, now, latency);
     while (frames > 0) {
-        const std::size_t piece = std::min(frames, SteeredResampler::MOST_TAKEN);
+        const std::size_t piece = std::min(frames, SteeredResampler::MAXIMUM_TAKEN);
         if (schedule_.kept()) {
             startWhenDue(piece);
         } else {
@@ -89,7 +91,7 @@ void Playout::takeArrivals() {
             target_.restart();
             schedule_.restart();
             figures_.neededMs = 0;
-            inStepFor_ = allLateFor_ = 0;
+            inStepFor_ = lateSeconds_ = 0;
             delayChecked_ = false;
         }
         if (schedule_.noteBlock(*block) && schedule_.kept()) {
@@ -126,16 +128,16 @@ void Playout::startWhenDue(std::size_t wanted) {
         return;
     }
     if (!delayChecked_) {
-        makePossible(blockMs());  // The server itself is as uneven as that.
+        raiseToMinimum(blockMs());  // The server itself is as uneven as that.
     }
     resampler_.prepare(source_.sampleRate());
     const double due = schedule_.dueAt(static_cast<double>(rendered_)) + resampler_.held();
     const auto leftOut = source_.leaveOutUntil(due);
     if (!leftOut) {
-        noteAllLate(callSeconds_);
+        noteLateSound();
         return;
     }
-    allLateFor_ = 0;
+    lateSeconds_ = 0;
     const double early = static_cast<double>(source_.position()) - due;
     if (early > 0) {
         const double silence = early * deviceRate_ / source_.sampleRate();
@@ -152,20 +154,21 @@ void Playout::startWhenDue(std::size_t wanted) {
 
 /// All sound comes too late to be played in its place: the delay is too short, or the line of the
 /// earliest arrivals still has to follow. It never ends in silence.
-void Playout::noteAllLate(double seconds) {
-    allLateFor_ += seconds;
-    if (allLateFor_ >= LATE_PATIENCE) {
-        makePossible(target_.jitterMs());
+void Playout::noteLateSound() {
+    lateSeconds_ += std::min(sinceLate_, LONGEST_WITHOUT_SOUND);
+    sinceLate_ = 0;
+    if (lateSeconds_ >= LATE_PATIENCE) {
+        raiseToMinimum(target_.jitterMs());
     }
-    if (allLateFor_ >= LONGEST_LATE) {
+    if (lateSeconds_ >= LONGEST_LATE) {
         schedule_.raiseToNewest(static_cast<double>(rendered_), periodMs_);
         figures_.neededMs = schedule_.goalMs();
-        allLateFor_ = 0;
+        lateSeconds_ = 0;
     }
 }
 
-void Playout::makePossible(double jitterMs) {
-    if (schedule_.makePossible(jitterMs, periodMs_)) {
+void Playout::raiseToMinimum(double jitterMs) {
+    if (schedule_.raiseToMinimum(jitterMs, periodMs_)) {
         figures_.neededMs = schedule_.goalMs();
     }
 }
@@ -190,7 +193,7 @@ void Playout::playBlock() {
             target_.noteUnderrun();
             figures_.playing = false;
             if (schedule_.kept() && target_.repeatedMs() > OFTEN_MS) {
-                makePossible(target_.jitterMs() + REPEATED_SHARE * target_.repeatedMs());
+                raiseToMinimum(target_.jitterMs() + REPEATED_SHARE * target_.repeatedMs());
             }
             break;
         case BlockSource::Kind::Ended:
@@ -207,7 +210,7 @@ void Playout::playBlock() {
 bool Playout::stretchIsDue() {
     const double target = target_.milliseconds();
     const double shortage = target - meanDepth_;
-    const double most = std::min(MOST_SHORTAGE_MS, SHORTAGE_SHARE * target);
+    const double most = std::min(MAXIMUM_SHORTAGE_MS, SHORTAGE_SHARE * target);
     stretching_ = shortage > (stretching_ ? std::min(SMALL_SHORTAGE_MS, most) : most);
     return ++sinceStretch_ >= STRETCH_INTERVAL && stretching_;
 }
@@ -252,7 +255,7 @@ void Playout::watchDepth(double seconds) {
     }
     const double target = target_.milliseconds();
     target_.noteDepth(depthMs(), meanDepth_);
-    if (meanDepth_ > target + std::max(LEAST_EXCESS_MS, EXCESS_SHARE * target)) {
+    if (meanDepth_ > target + std::max(MINIMUM_EXCESS_MS, EXCESS_SHARE * target)) {
         skipDown();
     }
 }
@@ -275,8 +278,8 @@ void Playout::watchStep(double seconds) {
     figures_.inStepMs = late + schedule_.goalMs() - chosenMs_;
     figures_.nominalLatency = schedule_.nominalOnly();
     inStepFor_ += seconds;
-    const double most = inStepFor_ < YOUNG ? MOST_YOUNG_LATE_MS : MOST_LATE_MS;
-    if (schedule_.kept() && inStepFor_ > LEAST_PLACED && std::abs(late) > most) {
+    const double most = inStepFor_ < SETTLING_SECONDS ? MAXIMUM_SETTLING_LATE_MS : MAXIMUM_LATE_MS;
+    if (schedule_.kept() && inStepFor_ > MINIMUM_PLACED && std::abs(late) > most) {
         source_.pause();
         inStepFor_ = 0;
     }
@@ -294,18 +297,19 @@ void Playout::skipDown() {
 
 void Playout::control(double seconds) {
     sinceControl_ += seconds;
-    const bool young = schedule_.kept() && inStepFor_ < YOUNG;
-    if (sinceControl_ < (young ? YOUNG_INTERVAL : CONTROL_INTERVAL)) {
+    const bool settling = schedule_.kept() && inStepFor_ < SETTLING_SECONDS;
+    if (sinceControl_ < (settling ? SETTLING_INTERVAL : CONTROL_INTERVAL)) {
         return;
     }
     const bool ready = !schedule_.kept() || schedule_.ready();
     if (!source_.pausing() && ready) {
         const double ppm =
             schedule_.kept()
-                ? stepCorrection(lateMs(), schedule_.ratePpm(), inStepFor_)
+                ? std::clamp(stepCorrection(lateMs(), schedule_.ratePpm(), inStepFor_),
+                             -SteeredResampler::MAXIMUM_PPM, SteeredResampler::MAXIMUM_PPM)
                 : std::clamp(drift_.update(meanDepth_ - target_.milliseconds(), sinceControl_) +
                                  target_.shrinkingPpm(),
-                             -DriftControl::MOST_PPM, DriftControl::MOST_PPM);
+                             -DriftControl::MAXIMUM_PPM, DriftControl::MAXIMUM_PPM);
         figures_.correctionPpm = ppm;
         resampler_.steer(ppm);
     }

@@ -67,8 +67,8 @@ class Playout {
     void takeArrivals();
     void watchStart(std::size_t wanted);
     void startWhenDue(std::size_t wanted);
-    void noteAllLate(double seconds);
-    void makePossible(double jitterMs);
+    void noteLateSound();
+    void raiseToMinimum(double jitterMs);
     void watchDepth(double seconds);
     void watchStep(double seconds);
     void skipDown();
@@ -91,7 +91,7 @@ class Playout {
     SteeredResampler resampler_;
     bool stretching_ = false;
     unsigned sinceStretch_ = 0;  ///< Packets.
-    std::array<std::int16_t, 2 * (StreamDecoder::MAX_FRAMES + STRETCH_MOST_ADDED)> stretched_{};
+    std::array<std::int16_t, 2 * (StreamDecoder::MAX_FRAMES + STRETCH_MAXIMUM_ADDED)> stretched_{};
     bool everPlayed_ = false;
     bool delayChecked_ = false;    ///< Whether the chosen delay is possible for this stream.
     std::uint64_t rendered_ = 0;   ///< Frames that the device has been given.
@@ -100,7 +100,8 @@ class Playout {
     double periodMs_ = 0;          ///< What the device asks for at a time.
     double callSeconds_ = 0;       ///< Since the call before.
     double inStepFor_ = 0;         ///< Seconds since the sound was last put into its place,
-    double allLateFor_ = 0;        ///< and that all sound has come too late for it.
+    double lateSeconds_ = 0;       ///< and that all sound has come too late for it.
+    double sinceLate_ = 0;         ///< Seconds since sound was last found to be too late.
     std::int64_t lastRender_ = -1;
     double meanDepth_ = 0;     ///< Milliseconds, over the last seconds.
     double sinceControl_ = 0;  ///< Seconds since the correction was set.

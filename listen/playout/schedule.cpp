@@ -3,11 +3,12 @@
 #include <algorithm>
 #include <cmath>
 
+#include "listen/clock.h"
+
 namespace vxlisten {
 
 namespace {
 
-constexpr double MS = 1000.0;  ///< Microseconds.
 constexpr double SAFETY_MS = 3;
 constexpr double LEAP = 20000;  ///< Microseconds, more than the line moves otherwise.
 /// What the greatest latency loses with a call.
@@ -28,7 +29,7 @@ bool Schedule::noteBlock(const QueuedBlock& block) {
 void Schedule::noteOutput(std::uint64_t frame, std::int64_t now, double latency) {
     clock_.note(frame, now, latency);
     const double heard = clock_.heardAt(static_cast<double>(frame));
-    const double latencyMs = (heard - static_cast<double>(now)) / MS;
+    const double latencyMs = (heard - static_cast<double>(now)) / MICROSECONDS_PER_MILLISECOND;
     latencyMs_ = clock_.settled() ? std::max(latencyMs, latencyMs_ - LATENCY_FALL_MS) : 0.0;
 }
 
@@ -37,17 +38,19 @@ double Schedule::sentAt(double position) const {
 }
 
 double Schedule::dueAt(double frame) const {
-    const double sent = clock_.heardAt(frame) - (delayMs_ - settings_.offsetMs) * MS;
+    const double sent =
+        clock_.heardAt(frame) - (delayMs_ - settings_.offsetMs) * MICROSECONDS_PER_MILLISECOND;
     return position_ + (sent - sent_.first) / sent_.framePeriod;
 }
 
 double Schedule::delayMs(double position, double frame) const {
-    return (clock_.heardAt(frame) - sentAt(position)) / MS + settings_.offsetMs;
+    return (clock_.heardAt(frame) - sentAt(position)) / MICROSECONDS_PER_MILLISECOND +
+           settings_.offsetMs;
 }
 
-bool Schedule::makePossible(double jitterMs, double periodMs) {
-    const double needed =
-        sent_.ahead / MS + jitterMs + latencyMs_ + periodMs + SAFETY_MS + settings_.offsetMs;
+bool Schedule::raiseToMinimum(double jitterMs, double periodMs) {
+    const double needed = sent_.ahead / MICROSECONDS_PER_MILLISECOND + jitterMs + latencyMs_ +
+                          periodMs + SAFETY_MS + settings_.offsetMs;
     const bool raised = needed > delayMs_;
     delayMs_ = std::max(delayMs_, needed);
     return raised;
@@ -58,7 +61,7 @@ void Schedule::raiseToNewest(double frame, double periodMs) {
 }
 
 double Schedule::ratePpm() const {
-    const double serverPpm = MS * MS - sent_.framePeriod * sampleRate_;
+    const double serverPpm = MICROSECONDS_PER_SECOND - sent_.framePeriod * sampleRate_;
     return serverPpm - clock_.devicePpm();
 }
 

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <optional>
 
+#include "listen/clock.h"
 #include "listen/playout/block_queue.h"
 #include "listen/playout/output_clock.h"
 
@@ -26,7 +27,7 @@ class Schedule {
     Schedule(int deviceRate, const PlayoutSettings& settings, double nominalLatencyMs)
         : settings_(settings),
           delayMs_(settings.delayMs.value_or(0)),
-          clock_(deviceRate, nominalLatencyMs * 1000.0) {}
+          clock_(deviceRate, nominalLatencyMs * MICROSECONDS_PER_MILLISECOND) {}
 
     /// True when the delay from the sending to the loudspeaker is to be kept.
     [[nodiscard]] bool kept() const { return settings_.delayMs.has_value(); }
@@ -67,7 +68,7 @@ class Schedule {
     /// Raises the delay that is played at to what is needed when nearly all packets come up to
     /// `jitterMs` after the earliest ones and the device takes `periodMs` at a time. True when it
     /// had to be raised.
-    bool makePossible(double jitterMs, double periodMs);
+    bool raiseToMinimum(double jitterMs, double periodMs);
 
     /// Raises it to what the newest sound is late by, when it is to be heard in the device's
     /// `frame`.

@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <cmath>
 
+#include "listen/clock.h"
 #include "stream/wire_format.h"
 
 namespace vxlisten {
 
 namespace {
 
-constexpr double MICROSECONDS = 1e6;
 /// Longer than the 337 packets after which blocks of 337 frames fall together with packets again.
 constexpr double SPAN_SECONDS = 2.5;
 constexpr std::size_t RECENT_SPANS = 3;
@@ -19,7 +19,7 @@ constexpr double GREATEST_SLOPE = 500;
 /// How much the slope may change with a span after so many seconds; less as it gets better known.
 constexpr double SLOPE_CHANGE = 400;
 constexpr double SLOPE_CHANGE_SECONDS = 5;
-constexpr double LEAST_SLOPE_CHANGE = 1;
+constexpr double MINIMUM_SLOPE_CHANGE = 1;
 constexpr double ERRORS = 2;  ///< By so many of its own errors it may, too.
 /// What all recent packets are later than the line before it is given up (microseconds), in
 /// addition to so much of their noise.
@@ -97,16 +97,17 @@ SendTime SendClock::next(const DecodedBlock& block, const AudioPacket& packet, s
     const double lead = leadOf(packet);
     if (!block.concealed) {
         const double time = (position_ + lead + waitOf(packet)) / sampleRate_;
-        noteArrival(time, static_cast<double>(now - origin_) - time * MICROSECONDS);
+        noteArrival(time, static_cast<double>(now - origin_) - time * MICROSECONDS_PER_SECOND);
     }
     const double held = packet.encoding == Encoding::Opus ? OPUS_LOOK_AHEAD : 0.0;
     const double extra = (packet.compressedPass() ? SECOND_PASS : 0.0) + halfRoundTrip();
     const double time = (position_ - held) / sampleRate_;
     position_ += static_cast<double>(block.count);
     SendTime result;
-    result.framePeriod = (MICROSECONDS + slope_) / sampleRate_;
+    result.framePeriod = (MICROSECONDS_PER_SECOND + slope_) / sampleRate_;
     result.ahead = (lead + held) * result.framePeriod + extra;
-    result.first = static_cast<double>(origin_) + time * MICROSECONDS + lineAt(time) - extra;
+    result.first =
+        static_cast<double>(origin_) + time * MICROSECONDS_PER_SECOND + lineAt(time) - extra;
     return result;
 }
 
@@ -148,7 +149,7 @@ bool SendClock::isJump(double time, double residual) {
         return true;
     }
     // What comes in a burst after a stall is less and less late.
-    const double arrival = time + residual / MICROSECONDS;
+    const double arrival = time + residual / MICROSECONDS_PER_SECOND;
     if (lateSince_ < 0 || late < lateFirst_ - limit) {
         lateSince_ = arrival;
         lateFirst_ = lateLeast_ = late;
@@ -165,7 +166,7 @@ bool SendClock::isJump(double time, double residual) {
 
 void SendClock::finishSpan(double time) {
     const double span = std::max(SPAN_SECONDS, time - spanEnd_ + SPAN_SECONDS);
-    if (spanCount_ == MOST_SPANS) {
+    if (spanCount_ == MAXIMUM_SPANS) {
         std::move(spans_.begin() + 1, spans_.end(), spans_.begin());
         --spanCount_;
     }
@@ -204,7 +205,7 @@ void SendClock::judgeRecent() {
 /// The slope of the line under all spans that comes nearest to them: the edge of their convex hull
 /// below their mean time. `extent` becomes its length in seconds.
 double SendClock::rawSlope(double& extent) const {
-    std::array<std::size_t, MOST_SPANS> hull{};
+    std::array<std::size_t, MAXIMUM_SPANS> hull{};
     std::size_t size = 0;
     double mean = 0;
     for (std::size_t i = 0; i < spanCount_; ++i) {
@@ -252,12 +253,12 @@ void SendClock::fitSlope() {
         std::clamp(raw * usual / (usual + error * error), -GREATEST_SLOPE, GREATEST_SLOPE);
     const double share = SLOPE_CHANGE_SECONDS / age_;
     const double change =
-        std::max({LEAST_SLOPE_CHANGE, SLOPE_CHANGE * share * share, ERRORS * error});
+        std::max({MINIMUM_SLOPE_CHANGE, SLOPE_CHANGE * share * share, ERRORS * error});
     slope_ = std::clamp(wanted, slope_ - change, slope_ + change);
 }
 
 void SendClock::fitOffset() {
-    std::array<double, 2 * (MOST_SPANS + 1)> residuals{};
+    std::array<double, 2 * (MAXIMUM_SPANS + 1)> residuals{};
     std::size_t count = 0;
     for (std::size_t i = 0; i <= spanCount_; ++i) {
         const double drift = slope_ * spans_[i].time;
@@ -278,7 +279,7 @@ double SendClock::leastRoundTrip(std::size_t from, std::size_t to) const {
 }
 
 double SendClock::halfRoundTrip() const {
-    std::array<double, 3 * (MOST_SPANS + 1)> trips{};
+    std::array<double, 3 * (MAXIMUM_SPANS + 1)> trips{};
     std::size_t count = 0;
     double spread = 0;
     for (std::size_t i = 0; i <= spanCount_; ++i) {

@@ -80,7 +80,7 @@ class SendClock {
         [[nodiscard]] double least() const { return residuals[0]; }
     };
 
-    static constexpr std::size_t MOST_SPANS = 32;
+    static constexpr std::size_t MAXIMUM_SPANS = 32;
 
     void restart(std::int64_t now);
     void forgetSpans();
@@ -102,7 +102,7 @@ class SendClock {
     double offset_ = 0;    ///< Of the line, microseconds.
     double slope_ = 0;     ///< Microseconds a second.
     /// The last ones are the newest; spans_[spanCount_] is the present one.
-    std::array<Span, MOST_SPANS + 1> spans_{};
+    std::array<Span, MAXIMUM_SPANS + 1> spans_{};
     std::size_t spanCount_ = 0;
     double spanEnd_ = 0;
     double age_ = 0;         ///< Seconds that the slope has been learnt for.

@@ -40,7 +40,8 @@ Resampler makeResampler(int from, int to) {
     Resampler resampler(speex_resampler_init(CHANNELS, static_cast<unsigned>(from),
                                              static_cast<unsigned>(to), QUALITY, &error));
     if (resampler != nullptr) {
-        setRatio(resampler.get(), from, to, SteeredResampler::MOST_PPM, 0);  // All it ever needs.
+        setRatio(resampler.get(), from, to, SteeredResampler::MAXIMUM_PPM,
+                 0);  // All it ever needs.
         setRatio(resampler.get(), from, to, 0, 0);
     }
     return resampler;
@@ -71,7 +72,7 @@ void SteeredResampler::steer(double ppm) {
     if (resampler_ != nullptr) {
         // What rounding takes now is given back later.
         carry_ = setRatio(resampler_, streamRate_, deviceRate_,
-                          std::clamp(ppm, -MOST_PPM, MOST_PPM), carry_);
+                          std::clamp(ppm, -MAXIMUM_PPM, MAXIMUM_PPM), carry_);
     }
 }
 

@@ -16,9 +16,9 @@ namespace vxlisten {
 class SteeredResampler {
   public:
     /// The most that the sound can be played faster or slower, in parts per million.
-    static constexpr double MOST_PPM = 5500;
+    static constexpr double MAXIMUM_PPM = 5500;
     /// Most frames to take at once.
-    static constexpr std::size_t MOST_TAKEN = 4096;
+    static constexpr std::size_t MAXIMUM_TAKEN = 4096;
 
     /// `deviceRate` in Hz.
     explicit SteeredResampler(int deviceRate);

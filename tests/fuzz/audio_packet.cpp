@@ -68,10 +68,10 @@ class Device {
     void check() const {
         const vxlisten::PlayoutFigures& figures = playout_->figures();
         require(std::isfinite(figures.depthMs) && figures.depthMs >= 0, "the buffer has a depth");
-        require(figures.targetMs >= vxlisten::DelayTarget::LEAST_MS &&
-                    figures.targetMs <= vxlisten::DelayTarget::MOST_MS,
+        require(figures.targetMs >= vxlisten::DelayTarget::MINIMUM_MS &&
+                    figures.targetMs <= vxlisten::DelayTarget::MAXIMUM_MS,
                 "the wanted depth is bounded");
-        require(std::abs(figures.correctionPpm) <= vxlisten::DriftControl::MOST_PPM,
+        require(std::abs(figures.correctionPpm) <= vxlisten::DriftControl::MAXIMUM_PPM,
                 "the speed is bounded");
         require(std::isfinite(figures.jitterMs) && figures.jitterMs >= 0, "jitter is a time");
     }

@@ -62,8 +62,8 @@ TEST(CommandLine, ADelayMayHaveFractionsAndAnOffsetEitherSign) {
     EXPECT_EQ(read({"box", "--delay", "0.5"}).options.playout.delayMs, 0.5);
     EXPECT_EQ(read({"box", "--delay=10000"}).options.playout.delayMs, 10000);
     EXPECT_EQ(read({"box", "--delay", "3e2"}).options.playout.delayMs, 300);
-    EXPECT_EQ(read({"box", "--offset", "-1000"}).options.playout.offsetMs, -1000);
-    EXPECT_EQ(read({"box", "--offset=12.5"}).options.playout.offsetMs, 12.5);
+    EXPECT_EQ(read({"box", "--delay=9", "--offset", "-1000"}).options.playout.offsetMs, -1000);
+    EXPECT_EQ(read({"box", "--delay=9", "--offset=12.5"}).options.playout.offsetMs, 12.5);
     EXPECT_TRUE(read({"box", "--buffer", "40"}).options.playout.bufferChosen);
 }
 
@@ -77,10 +77,23 @@ TEST(CommandLine, ADelayThatIsNoNumberOfMillisecondsIsOneSentence) {
     }
     for (const char* const word : {"", "nan", "-1001", "1000.1", "5ms"}) {
         testing::internal::CaptureStderr();
-        EXPECT_EQ(read({"box", "--offset", word}).status, vxlisten::STATUS_USAGE) << word;
+        EXPECT_EQ(read({"box", "--delay", "9", "--offset", word}).status, vxlisten::STATUS_USAGE)
+            << word;
         const std::string told = testing::internal::GetCapturedStderr();
         EXPECT_EQ(std::count(told.begin(), told.end(), '\n'), 1) << told;
     }
+}
+
+TEST(CommandLine, ADelayOrAnOffsetThatWouldMoveNothingIsRefused) {
+    testing::internal::CaptureStderr();
+    EXPECT_EQ(read({"box", "--offset", "5"}).status, vxlisten::STATUS_USAGE);
+    EXPECT_EQ(read({"box", "--no-play", "--delay", "9"}).status, vxlisten::STATUS_USAGE);
+    EXPECT_EQ(read({"box", "--stdout", "--delay", "9", "--offset", "5"}).status,
+              vxlisten::STATUS_USAGE);
+    EXPECT_EQ(testing::internal::GetCapturedStderr(),
+              "velantrix-listen: --offset needs --delay\n"
+              "velantrix-listen: --delay cannot be used with --no-play or --stdout\n"
+              "velantrix-listen: --delay cannot be used with --no-play or --stdout\n");
 }
 
 TEST(CommandLine, NonsenseIsAUsageError) {

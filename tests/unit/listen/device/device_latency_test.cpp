@@ -43,5 +43,5 @@ TEST(DeviceLatency, ItGrowsToALimitAndNoFurther) {
         times += latency.noteUnderruns(9, opened + 4 * SECOND) ? 1 : 0;
     }
     EXPECT_EQ(times, 2);
-    EXPECT_EQ(latency.milliseconds(), DeviceLatency::MOST_MS);
+    EXPECT_EQ(latency.milliseconds(), DeviceLatency::MAXIMUM_MS);
 }

@@ -82,7 +82,7 @@ TEST(Stretch, ATonesPitchStaysAndNoStepIsHeard) {
     std::vector<std::int16_t> played;
     for (std::size_t packet = 0; packet < 100; ++packet) {
         const auto block = packets::tone(338, packet * 338);
-        std::vector<std::int16_t> longer(2 * (338 + vxlisten::STRETCH_MOST_ADDED));
+        std::vector<std::int16_t> longer(2 * (338 + vxlisten::STRETCH_MAXIMUM_ADDED));
         const std::size_t count =
             packet % 5 == 0 ? vxlisten::stretch(block.data(), 338, longer.data()) : 338;
         const auto& source = packet % 5 == 0 ? longer : block;
@@ -96,7 +96,7 @@ TEST(Stretch, ATonesPitchStaysAndNoStepIsHeard) {
 
 TEST(Stretch, SilenceGrowsLongerToo) {
     const std::vector<std::int16_t> silence(480 * 2);
-    std::vector<std::int16_t> longer(2 * (480 + vxlisten::STRETCH_MOST_ADDED), 1);
+    std::vector<std::int16_t> longer(2 * (480 + vxlisten::STRETCH_MAXIMUM_ADDED), 1);
     const std::size_t count = vxlisten::stretch(silence.data(), 480, longer.data());
     EXPECT_GT(count, 480u);
     longer.resize(2 * count);

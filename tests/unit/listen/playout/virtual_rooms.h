@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cmath>
+#include <complex>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -20,11 +21,13 @@
 #include "tests/unit/listen/packets.h"
 
 /// One server and several listeners, each with a network, a clock and an output device of its own,
-/// in virtual time. What is heard is judged by the phase of a tone. Times in seconds.
+/// in virtual time. What is heard is judged by the phases of two tones. Times in seconds.
 namespace virtual_rooms {
 
 constexpr double TAU = 6.283185307179586;
-constexpr double TONE = 50;  ///< Hz, as captured: what is judged is known modulo 20 ms.
+/// Hz, as captured. The first one tells the delay modulo 20 ms, both together modulo 40 ms.
+constexpr double TONES[] = {50, 75};
+constexpr double PERIOD_MS = 40;
 constexpr int DEVICE_RATE = 48000;
 
 /// What the server captures and when it sends it.
@@ -62,6 +65,7 @@ struct Device {
     double ppm = 0;
     double latency = 0.03;
     double start = 0;
+    std::size_t period = 480;  ///< Frames that it asks for at a time, at most 480.
     /// What it says instead of its latency at a time, in seconds.
     std::function<double(double now, double latency)> stamp = [](double, double real) {
         return real;
@@ -107,13 +111,12 @@ class Listener {
 
     /// Lets the time up to `end` pass.
     void run(double end) {
-        constexpr std::size_t PERIOD = 480;
-        std::array<std::int16_t, 2 * PERIOD> output{};
+        std::array<std::int16_t, 2 * 480> output{};
         for (double now = callTime(); now <= end; now = callTime()) {
             deliverUntil(now);
             const double latency = device_.stamp(now, device_.latency) * 1e6;
-            playout_->render(output.data(), PERIOD, microseconds(now), latency);
-            for (std::size_t i = 0; i < PERIOD; ++i) {
+            playout_->render(output.data(), device_.period, microseconds(now), latency);
+            for (std::size_t i = 0; i < device_.period; ++i) {
                 hear(output[2 * i]);
             }
         }
@@ -121,7 +124,7 @@ class Listener {
     }
 
     /// How much later than the capture of its last frame in a raw packet the sound was heard, for
-    /// each tenth of a second that it was: (time, delay) in seconds, the delay modulo 20 ms.
+    /// each 80 ms that it was: (time, delay) in seconds, the delay modulo 40 ms.
     struct Heard {
         double time;
         double delay;
@@ -138,7 +141,9 @@ class Listener {
     struct EncoderDeleter {
         void operator()(OpusEncoder* encoder) const { opus_encoder_destroy(encoder); }
     };
-    static constexpr std::size_t WINDOW = 4800;
+    static constexpr std::size_t WINDOW = 3840;  ///< Whole periods of both tones.
+
+    static constexpr std::complex<double> I{0, 1};
 
     static std::int64_t microseconds(double seconds) {
         return static_cast<std::int64_t>(std::llround(seconds * 1e6)) + 1'000'000'000;
@@ -159,17 +164,22 @@ class Listener {
 
     void hear(std::int16_t sample) {
         const double time = frameHeard(static_cast<double>(played_++));
-        const double angle = TAU * TONE * (1 + server_.ppm * 1e-6) * (time - server_.start);
-        re_ += sample * std::sin(angle);
-        im_ += sample * std::cos(angle);
+        for (std::size_t i = 0; i < sums_.size(); ++i) {
+            const double pace = TONES[i] * (1 + server_.ppm * 1e-6);
+            sums_[i] += std::polar<double>(sample, TAU * pace * (time - server_.start));
+        }
         if (played_ % WINDOW != 0) {
             return;
         }
-        const double level = 2 * std::hypot(re_, im_) / WINDOW;
+        const double level = 2 * std::abs(sums_[0]) / WINDOW;
         if (level > 7000) {
-            heard_.push_back({time, -std::atan2(im_, re_) / TAU / TONE - 338.0 / server_.rate});
+            // A tone that comes later by d has the sum of i * exp(i * 2 pi f d).
+            double delay = std::arg(sums_[0] / I) / TAU / TONES[0];
+            const auto other = sums_[1] / I * std::polar(1.0, -TAU * TONES[1] * delay);
+            delay += other.real() < 0 ? 1 / TONES[0] : 0.0;
+            heard_.push_back({time, delay - 338.0 / server_.rate});
         }
-        re_ = im_ = 0;
+        sums_ = {};
     }
 
     void deliverUntil(double now) {
@@ -199,8 +209,9 @@ class Listener {
         const std::size_t frames = server_.opus ? 480 : 338;
         std::vector<std::int16_t> sound;
         for (std::uint64_t i = number * frames; i < (number + 1) * frames; ++i) {
-            const double angle = TAU * TONE * static_cast<double>(i) / server_.rate;
-            const auto value = static_cast<std::int16_t>(std::lround(10000 * std::sin(angle)));
+            const double time = static_cast<double>(i) / server_.rate;
+            const auto value = static_cast<std::int16_t>(std::lround(
+                10000 * (std::sin(TAU * TONES[0] * time) + std::sin(TAU * TONES[1] * time))));
             sound.insert(sound.end(), {value, value});
         }
         packets::Bytes payload = packets::toBytes(sound);
@@ -238,14 +249,13 @@ class Listener {
     double lastDelivery_ = 0;
     double nextPing_ = 0;
     std::uint64_t played_ = 0;
-    double re_ = 0;
-    double im_ = 0;
+    std::array<std::complex<double>, 2> sums_{};
     std::vector<Heard> heard_;
 };
 
-/// `value` modulo 20 ms, -10 to 10 ms, both in milliseconds.
+/// `seconds` modulo 40 ms: -20 to 20 ms.
 inline double wrapped(double seconds) {
-    return std::remainder(seconds * 1000, 1000 / TONE);
+    return std::remainder(seconds * 1000, PERIOD_MS);
 }
 
 /// The middle and the greatest of some values.
@@ -273,7 +283,7 @@ inline Spread offTheDelay(const Listener& one, double delayMs, double from, doub
     return spreadOf(values);
 }
 
-/// How much the delay of a listener changes at most from one tenth of a second to the next, from
+/// How much the delay of a listener changes at most from 80 ms to the next, from
 /// `from` on; milliseconds.
 inline double greatestChange(const Listener& one, double from) {
     double most = 0;
