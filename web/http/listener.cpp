@@ -17,7 +17,7 @@ constexpr std::int64_t MAX_LIVE_DELAY = 1 * vxlisten::SECOND;
 /// Sound that the kernel keeps; more waits here, where it can be left out.
 constexpr std::int64_t MAX_UNREAD = 500 * vxlisten::MILLISECOND;
 /// Beside the 128 KiB that the kernel keeps for a connection.
-constexpr std::size_t MAX_WAITING = 112 * 1024;
+constexpr std::size_t MAX_WAITING = std::size_t{112} * 1024;
 constexpr std::int64_t MAX_STREAM_DELAY = 10 * vxlisten::SECOND;
 /// Between two looks for whether the listener is still there.
 constexpr std::int64_t LOOKING_INTERVAL = 1 * vxlisten::SECOND;

@@ -141,7 +141,7 @@ class LiveSession : public Subscriber, public std::enable_shared_from_this<LiveS
 
 void startLive(std::shared_ptr<Connection> connection, Station& station, Worker& worker,
                ChannelId channel, const Request& request) {
-    std::make_shared<LiveSession>(std::move(connection), station, worker, channel)->start(request);
+    std::make_shared<LiveSession>(connection, station, worker, channel)->start(request);
 }
 
 }  // namespace vxweb
