@@ -86,7 +86,18 @@ def end_by_itself(process):
                                  + "\n  ".join(process.out.all() + process.err.all()))
 
 
-class Server(Process):
+class Program(Process):
+    """One of ours: a sanitizer's last word counts, unless the test has failed already."""
+
+    def __exit__(self, *problem):
+        try:
+            if not any(problem) and has_sanitizer():
+                end_by_itself(self)
+        finally:
+            super().__exit__()
+
+
+class Server(Program):
     """A running VelantrixServer, headless unless ``gui``.
 
     ``sound``    a SoundServer, or None for a machine without any sound device.
@@ -129,10 +140,8 @@ class Server(Process):
 
     def __exit__(self, *problem):
         try:
-            if not any(problem) and has_sanitizer():
-                end_by_itself(self)
+            super().__exit__(*problem)
         finally:
-            super().__exit__()
             if self.own_home:
                 shutil.rmtree(self.own_home, ignore_errors=True)
 

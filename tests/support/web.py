@@ -6,8 +6,8 @@ import subprocess
 import threading
 import time
 
-from support.harness import end_by_itself, has_sanitizer, program
-from support.processes import PATIENCE, Process, die_with_parent, wait_until
+from support.harness import Program, program
+from support.processes import PATIENCE, die_with_parent, wait_until
 from support.signals import channel, dominant_frequency, rms, sine
 from support.sound import NULL_SINK, clean_environment
 
@@ -21,7 +21,7 @@ NOT_ROOT = ["unshare", "--user", "--map-user=65534", "--map-group=65534", "--"]
 """The words before a program that refuses to run as root."""
 
 
-class Web(Process):
+class Web(Program):
     """A running velantrix-web on a free port of the loopback interface."""
 
     def __init__(self, *arguments, host="127.0.0.1", listen="127.0.0.1:0", env=None, prefix=()):
@@ -29,13 +29,6 @@ class Web(Process):
         super().__init__([*prefix, program("VELANTRIX_WEB"), *words, "--listen", listen,
                           *arguments], dict(clean_environment(), **(env or {})),
                          name="velantrix-web")
-
-    def __exit__(self, *problem):
-        try:
-            if not any(problem) and has_sanitizer():
-                end_by_itself(self)
-        finally:
-            super().__exit__()
 
     def address(self):
         """Waits until it serves; the address to open, without a slash at the end."""
