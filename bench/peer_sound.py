@@ -8,12 +8,11 @@ import os
 import random
 import shutil
 import subprocess
-import threading
 import time
 
-from sound_session import RATE
+from sound_session import MonitorReader, RATE
 from support.processes import Process, wait_until
-from support.sound import NULL_SINK, SoundServer, clean_environment
+from support.sound import NULL_SINK, SoundServer
 
 BYTES_PER_S = 4 * RATE
 
@@ -91,7 +90,7 @@ def burst():
     return array.array("h", itertools.chain.from_iterable((value, value) for value in tone)).tobytes()
 
 
-class Recording:
+class Recording(MonitorReader):
     """Everything that is heard at the monitor of a sink, with the time at which it was read."""
 
     LOUD = 13000
@@ -99,14 +98,9 @@ class Recording:
     SILENT = bytes(BYTES_PER_S // 1000)
 
     def __init__(self, sound, sink=NULL_SINK):
-        self.process = subprocess.Popen(
-            ["parec", "--raw", "--format=s16le", "--channels=2", f"--rate={RATE}",
-             f"--device={sink}.monitor", "--latency-msec=1"], stdout=subprocess.PIPE,
-            env=dict(clean_environment(), **sound.env))
         self.data = bytearray()
         self.ends, self.times = [], []
-        self.thread = threading.Thread(target=self._read, daemon=True)
-        self.thread.start()
+        super().__init__(sound, sink)
 
     def _read(self):
         while True:
@@ -116,15 +110,6 @@ class Recording:
             self.times.append(time.monotonic_ns())
             self.data += data
             self.ends.append(len(self.data))
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.process.terminate()
-        self.process.wait(timeout=20)
-        self.thread.join(timeout=20)
-        self.process.stdout.close()
 
     def mark(self):
         """Where the recording is now."""

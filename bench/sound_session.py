@@ -145,8 +145,29 @@ def match(handed_over, arrivals):
     return sorted(delays)
 
 
-class Recorder:
-    """parec on a null sink's monitor with as little buffering as there can be.
+class MonitorReader:
+    """parec on a null sink's monitor with as little buffering as there can be; _read() takes it."""
+
+    def __init__(self, sound, sink=NULL_SINK):
+        self.process = subprocess.Popen(
+            ["parec", "--raw", "--format=s16le", "--channels=2", f"--rate={RATE}",
+             f"--device={sink}.monitor", "--latency-msec=1"], stdout=subprocess.PIPE,
+            env=dict(clean_environment(), **sound.env))
+        self.thread = threading.Thread(target=self._read, daemon=True)
+        self.thread.start()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.terminate()
+        self.process.wait(timeout=20)
+        self.thread.join(timeout=20)
+        self.process.stdout.close()
+
+
+class Recorder(MonitorReader):
+    """Hears clicks.
 
     `clicks` are the times at which the first loud sample after quiet ones was read, ns.
     """
@@ -155,13 +176,8 @@ class Recorder:
     QUIET_BYTES = 1400
 
     def __init__(self, sound, sink=NULL_SINK):
-        self.process = subprocess.Popen(
-            ["parec", "--raw", "--format=s16le", "--channels=2", f"--rate={RATE}",
-             f"--device={sink}.monitor", "--latency-msec=1"], stdout=subprocess.PIPE,
-            env=dict(clean_environment(), **sound.env))
         self.clicks = []
-        self.thread = threading.Thread(target=self._read, daemon=True)
-        self.thread.start()
+        super().__init__(sound, sink)
 
     def _read(self):
         quiet, rest = 0, b""
@@ -179,14 +195,6 @@ class Recorder:
                 quiet = 0
             else:
                 quiet += whole
-
-    def __enter__(self):
-        return self
-
-    def __exit__(self, *_):
-        self.process.terminate()
-        self.process.wait(timeout=20)
-        self.thread.join(timeout=20)
 
 
 class SoundSession:
