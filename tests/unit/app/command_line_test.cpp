@@ -147,28 +147,29 @@ TEST_P(StartEnvironmentCases, GiveTheseValuesAndLines) {
     EXPECT_EQ(run.out, expected.output);
 }
 
-#define PORT_LINE "Using port number 7000 from environment\n"
+#define PORT_LINE "Using port number 9000 from environment\n"
 #define ADDRESS_LINE "Using bind address 10.0.0.6 from environment\n"
 
 const EnvironmentCase ENVIRONMENT_CASES[] = {
     {"NothingSet", {}, nullptr, nullptr, 0, "", ""},
-    {"PortTaken", {}, "7000", nullptr, 7000, "", PORT_LINE},
-    {"PortWithTrailingText", {}, "7000x", nullptr, 7000, "", PORT_LINE},
+    {"PortTaken", {}, "9000", nullptr, 9000, "", PORT_LINE},
+    {"PortWithTrailingText", {}, "9000x", nullptr, 9000, "", PORT_LINE},
     {"PortZeroSaysNothing", {}, "0", nullptr, 0, "", ""},
     {"PortEmpty", {}, "", nullptr, 0, "", ""},
-    {"PortWithLeadingBlank", {}, " 7000", nullptr, 0, "", ""},
-    {"PortWithPlusSign", {}, "+7000", nullptr, 0, "", ""},
-    {"PortWithMinusSign", {}, "-7000", nullptr, 0, "", ""},
-    {"CommandLinePortWins", {"-p", "6000"}, "7000", nullptr, 6000, "", ""},
-    {"CommandLinePortZeroAsksTheEnvironment", {"-p", "0"}, "7000", nullptr, 7000, "", PORT_LINE},
+    {"PortWithLeadingBlank", {}, " 9000", nullptr, 0, "", ""},
+    {"PortWithPlusSign", {}, "+9000", nullptr, 0, "", ""},
+    {"PortWithMinusSign", {}, "-9000", nullptr, 0, "", ""},
+    {"CommandLinePortWins", {"-p", "6000"}, "9000", nullptr, 6000, "", ""},
+    {"CommandLinePortZeroAsksTheEnvironment", {"-p", "0"}, "9000", nullptr, 9000, "", PORT_LINE},
     {"AddressTaken", {}, nullptr, "10.0.0.6", 0, "10.0.0.6", ADDRESS_LINE},
+    {"AddressOfOneCharacter", {}, nullptr, "h", 0, "h", "Using bind address h from environment\n"},
     {"AddressEmpty", {}, nullptr, "", 0, "", ""},
     {"CommandLineAddressWins", {"-b", "10.0.0.5"}, nullptr, "10.0.0.6", 0, "10.0.0.5", ""},
     {"BothAfterAPlatformArgument",
      {"-platform", "wayland"},
-     "7000",
+     "9000",
      "10.0.0.6",
-     7000,
+     9000,
      "10.0.0.6",
      PORT_LINE ADDRESS_LINE},
 };

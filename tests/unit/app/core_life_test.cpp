@@ -148,6 +148,19 @@ CHILD_TEST(CoreLife, CallThatKeepsItsPinGivesItUpInTheEnd) {
     EXPECT_FALSE(CorePin::anyHeld());
 }
 
+CHILD_TEST(CoreLife, ReportsAreServedWhileAThreadUsesTheCore) {
+    const VelantrixServerNoGUI core;
+    const CallPin pin;
+    int served = 0;
+    closeCore(
+        [](void* count) {
+            ++*static_cast<int*>(count);
+            CallPin::release();
+        },
+        &served);
+    EXPECT_EQ(served, 1);
+}
+
 TEST(CoreLife, ReportsBeforeThereIsATargetAreDropped) {
     const ChildRun run = runChild([] {
         reportMessage("to nobody");

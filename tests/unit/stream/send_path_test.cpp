@@ -1,6 +1,7 @@
 #include "stream/send_path.h"
 
 #include <algorithm>
+#include <cstring>
 #include <thread>
 
 #include <opus/opus.h>
@@ -110,6 +111,20 @@ TEST_P(OpusCode, ClientsReceiveOneOpusPacketABlock) {
                   480);
     }
     opus_decoder_destroy(decoder);
+}
+
+TEST_P(OpusCode, PacketIsTheEncodedBlock) {
+    TestClient& client = stream(RELIABLE | rate(GetParam()));
+    std::vector<unsigned char> encoder(static_cast<std::size_t>(opus_encoder_get_size(2)));
+    std::memcpy(encoder.data(), opusEnc[GetParam()], encoder.size());
+    std::vector<opus_int16> samples(480 * 2);
+    std::memcpy(samples.data(), buffer.data() + 16, samples.size() * 2);
+    std::vector<unsigned char> packet(1352);
+    packet.resize(static_cast<std::size_t>(
+        opus_encode(reinterpret_cast<OpusEncoder*>(encoder.data()), samples.data(), 480,
+                    packet.data(), static_cast<opus_int32>(packet.size()))));
+    process(COMPRESSED);
+    EXPECT_EQ(payloadOf(receive(client)), packet);
 }
 
 TEST_P(OpusCode, FailedEncoderGivesTheUncompressedFallback) {
