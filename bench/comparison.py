@@ -1,4 +1,4 @@
-"""The tables of docs/comparison.md, from the files that bench/peers writes."""
+"""The tables about other programs, from the files that bench/peers writes."""
 
 import csv
 import sys
@@ -46,7 +46,7 @@ def middle(rows, column):
 
 
 def sent(rows, kind):
-    """`ms`, `pss` or `rss` of the sending side, without what its sound server takes by itself."""
+    """`ms` or `pss` of the sending side, without what its sound server takes by itself."""
     values = [float(row[f"own_{kind}"]) + float(row[f"sound_{kind}"]) - float(row[f"base_{kind}"])
               for row in rows]
     return median(values) if values else None
@@ -73,16 +73,16 @@ def figures():
                "silent": silence(one),
                "ms": sent(one, "ms"), "ms_ten": sent(ten, "ms"),
                "kbit": middle(one, "kbit_out"), "kbit_ten": middle(ten, "kbit_out"),
-               "pss": sent(one, "pss"), "rss": sent(one, "rss")}
+               "pss": sent(one, "pss")}
 
 
 def measured():
     return table(["program", "sound", "setting", "delay, ms", "longest, ms", "silence, ms/s",
                   "processor, 1 client, ms/s", "10 clients", "network, 1 client, kbit/s",
-                  "10 clients", "memory, MB: PSS", "RSS"],
+                  "10 clients", "memory, MB"],
                  [[*row["what"], shown(row["delay"]), shown(row["longest"]),
                    shown(row["silent"], 1), shown(row["ms"]), shown(row["ms_ten"]),
-                   shown(row["kbit"]), shown(row["kbit_ten"]), shown(row["pss"]), shown(row["rss"])]
+                   shown(row["kbit"]), shown(row["kbit_ten"]), shown(row["pss"])]
                   for row in figures()])
 
 
@@ -138,5 +138,4 @@ def machine():
         f"load {min(loads):g} to {max(loads):g}, steal time {min(steal):g} to {max(steal):g} %")
 
 
-TABLES = {"measured": measured, "best": best, "path": path, "commands": commands,
-          "machine": machine}
+TABLES = {"measured": measured, "best": best, "machine": machine}
