@@ -55,7 +55,7 @@ std::string readLogin(const std::string& path, std::string& login) {
         return "cannot read the password file " + path + ": " + reason();
     }
     if ((state.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        return "others may read the password file " + path + ": take that right away (chmod 600)";
+        return "others may read the password file " + path + ": make it private (chmod 600)";
     }
     std::string line = contentOf(file);
     if (!line.empty() && line.back() == '\n') {

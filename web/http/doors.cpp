@@ -136,18 +136,18 @@ std::optional<Response> Doors::refuse(const Request& request, bool stream) const
     const auto hosts = request.count(http::field::host);
     const std::string_view host = toView(request[http::field::host]);
     if (hosts > 1 || (hosts == 0 && (request.version() >= 11 || !stream))) {
-        return sentence(400, "The request does not say once which host it is for.");
+        return sentence(400, "The request must have exactly one Host.");
     }
     if (hosts == 1 && !knows(host)) {
-        return sentence(403, "This server does not go by that name.");
+        return sentence(403, "The host is not a name of this server.");
     }
     const auto origin = request.find(http::field::origin);
     if (request.find(http::field::upgrade) != request.end() && origin != request.end() &&
         !sameOrigin(toView(origin->value()), host)) {
-        return sentence(403, "Pages of other servers may not listen here.");
+        return sentence(403, "Pages of other servers may not connect.");
     }
     if (!admits(toView(request[http::field::authorization]))) {
-        Response response = sentence(401, "This server asks for a user's name and password.");
+        Response response = sentence(401, "A user name and a password are required.");
         response.fields = "WWW-Authenticate: Basic realm=\"velantrix-web\", charset=\"UTF-8\"\r\n";
         return response;
     }

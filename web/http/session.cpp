@@ -33,7 +33,7 @@ std::optional<Response> refuseUpgrade(const Request& request) {
     constexpr std::size_t KEY_LENGTH = 24;  // 16 bytes in base64.
     const bool upgrade = boost::beast::websocket::is_upgrade(request);
     if (upgrade && request[http::field::sec_websocket_key].size() != KEY_LENGTH) {
-        return sentence(400, "The Sec-WebSocket-Key is missing or has not 16 bytes.");
+        return sentence(400, "The Sec-WebSocket-Key is missing or not 16 bytes long.");
     }
     if (upgrade && request[http::field::sec_websocket_version] == "13") {
         return std::nullopt;
@@ -83,7 +83,7 @@ class Session : public std::enable_shared_from_this<Session> {
         if (served_ && bytes_.empty()) {
             connection_->close();  // It asked before and may have nothing more to ask.
         } else {
-            refuse(sentence(408, "The request did not come within 10 seconds."));
+            refuse(sentence(408, "The request took longer than 10 seconds."));
         }
     }
 
@@ -117,7 +117,7 @@ class Session : public std::enable_shared_from_this<Session> {
                 answer();
                 break;
             case RequestReader::State::Bad:
-                refuse(sentence(400, "This is no HTTP request."));
+                refuse(sentence(400, "This is not an HTTP request."));
                 break;
             case RequestReader::State::TooLong:
                 refuse(sentence(431, "The header is longer than 8 KiB."));
@@ -167,7 +167,7 @@ void Session::answer() {
     if (const auto refusal = site_.doors.refuse(request, stream)) {
         respond(*refusal, manner());
     } else if (route.kind == Route::Kind::Missing) {
-        respond(sentence(404, "There is nothing here."), manner());
+        respond(sentence(404, "There is no such address."), manner());
     } else if (request.method() != http::verb::get && request.method() != http::verb::head) {
         Response response = sentence(405, "Only GET and HEAD are answered.");
         response.fields = "Allow: GET, HEAD\r\n";
@@ -206,7 +206,7 @@ void Session::answerKnown(const Route& route) {
             }
             break;
         default:
-            response = sentence(404, "There is nothing here.");
+            response = sentence(404, "There is no such address.");
             break;
     }
     respond(response, manner());
@@ -228,7 +228,7 @@ void Session::startLiveSession(const Route& route) {
     } else if (!bytes_.empty()) {
         respond(sentence(400, "A WebSocket's client waits for the answer."), manner());
     } else if (!site_.station.reserve()) {
-        respond(sentence(503, "As many listen as may listen."), manner());
+        respond(sentence(503, "All places are taken."), manner());
     } else {
         timer_.cancel();
         startLive(connection_, site_.station, worker_, route.channel, request);
@@ -248,7 +248,7 @@ void Session::startStreamSession(const Route& route) {
         return;
     }
     if (!site_.station.reserve()) {
-        respond(sentence(503, "As many listen as may listen."), manner());
+        respond(sentence(503, "All places are taken."), manner());
         return;
     }
     limitTime([](Session& self) { self.connection_->close(); });

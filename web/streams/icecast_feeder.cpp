@@ -47,14 +47,14 @@ std::string reasonOf(int error) {
         case SHOUTERR_NOCONNECT:
             return "it cannot be reached";
         case SHOUTERR_NOLOGIN:
-            return "it refuses it";
+            return "it refuses the stream";
         case SHOUTERR_NOTLS:
         case SHOUTERR_TLSBADCERT:
-            return "its certificate does not fit";
+            return "its certificate is not valid";
         case SHOUTERR_BUSY:
             return "it does not answer";
         default:
-            return "the connection broke";
+            return "the connection was lost";
     }
 }
 
@@ -213,7 +213,7 @@ void IcecastFeeder::State::run() {
     while (shout != nullptr && waitForStart()) {
         int result = connect(shout.get());
         if (result == SHOUTERR_CONNECTED) {
-            told = "Icecast hears the stream: " + target.name();
+            told = "Icecast receives the stream: " + target.name();
             tell(told);
             setConnected(true);
             const std::int64_t since = steadyNow();
@@ -225,7 +225,7 @@ void IcecastFeeder::State::run() {
         }
         shout_close(shout.get());
         const std::string line =
-            "Icecast does not hear the stream, " + reasonOf(result) + ": " + target.name();
+            "Icecast does not receive the stream, " + reasonOf(result) + ": " + target.name();
         if (line != told) {
             tell(told = line);
         }

@@ -63,7 +63,7 @@ void PcmStream::take(const vxlisten::AudioPacket& packet, const vxlisten::Sequen
     if (sound.count > 0) {
         const auto arrival = clock_.arrive(nowUs, sound.count, packet.sampleRate, step);
         writeSilence(arrival.silence);
-        join_ = join_ || arrival.late || sound.join != vxlisten::Join::GoesOn;
+        join_ = join_ || arrival.late || sound.join != vxlisten::Join::Continues;
         if (!arrival.late) {
             writeSound(sound.frames, sound.count, packet.sampleRate);
         }

@@ -85,7 +85,7 @@ void ServerLocator::take(Found found) {
     }
     if (!toldUnknown_) {
         toldUnknown_ = true;
-        say(choice_.host.empty() ? "no server answers yet, searching on"
+        say(choice_.host.empty() ? "no server has answered yet, still searching"
                                  : "there is no host named '" + choice_.host + "' yet");
     }
     searching_ = true;

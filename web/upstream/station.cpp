@@ -106,8 +106,8 @@ void Station::add(ChannelId channel, Worker& worker,
                           [&worker, channel, subscriber, intro = place.feed->intro(channel)] {
                               worker.attach(channel, subscriber, intro);
                           });
-    say("a listener to " + channelName(channel) + " has come, " +
-        std::to_string(listeners_.load()) + " in all");
+    say("listener to " + channelName(channel) + " connected, " + std::to_string(listeners_.load()) +
+        " in total");
 }
 
 void Station::remove(ChannelId channel, Worker& worker) {
@@ -120,8 +120,8 @@ void Station::remove(ChannelId channel, Worker& worker) {
             closeLater(place);
         }
     }
-    say("a listener to " + channelName(channel) + " has left, " +
-        std::to_string(listeners_.load()) + " in all");
+    say("listener to " + channelName(channel) + " disconnected, " +
+        std::to_string(listeners_.load()) + " in total");
 }
 
 void Station::closeLater(Place& place) {

@@ -136,7 +136,7 @@ void Upstream::handleDisconnected(std::uint32_t data) {
     if (link_ == Link::Closing) {
         linkSince_ = 0;
     } else if (data == wire::DISCONNECT_REPLACED) {
-        lose("another listener has taken this place at " + receiver_.serverAddress());
+        lose("another client has taken this one's place at " + receiver_.serverAddress());
         waitUntil_ = steadyNow() + REPLACED_PAUSE;
     } else {
         lose(link_ == Link::Connected
@@ -194,7 +194,7 @@ void Upstream::watch() {
         lose({});
     } else if (link_ == Link::Connected && now - lastSound_ >= SILENCE_PATIENCE) {
         receiver_.startDisconnect();
-        lose("no sound has come from " + receiver_.serverAddress() + " for a while");
+        lose("no audio received from " + receiver_.serverAddress() + " for a while");
     }
 }
 
