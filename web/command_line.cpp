@@ -17,10 +17,10 @@ namespace vxweb {
 
 namespace {
 
-/// One sentence about what is wrong, empty when nothing is.
+/// A message about an error, empty for none.
 using Complaint = std::string;
 
-/// What is read before it is checked.
+/// The values before they are checked.
 struct Words {
     std::string host;
     std::string listen;
@@ -123,7 +123,7 @@ Complaint checkNames(const std::vector<std::string>& names) {
 }
 
 Complaint takeIcecast(const std::vector<std::string>& urls, std::vector<IcecastTarget>& targets) {
-    // Nobody else writes the environment.
+    // Nothing else writes the environment.
     const char* const password =
         std::getenv("VELANTRIX_ICECAST_PASSWORD");  // NOLINT(concurrency-mt-unsafe)
     for (const std::string& url : urls) {
@@ -136,7 +136,7 @@ Complaint takeIcecast(const std::vector<std::string>& urls, std::vector<IcecastT
     return {};
 }
 
-/// Passwords of web addresses do not belong in logs.
+/// Passwords must not appear in logs.
 std::string withoutLogins(std::string text, const std::vector<std::string>& arguments) {
     for (const std::string& argument : arguments) {
         const std::string_view login = loginOf(argument);
@@ -149,7 +149,7 @@ std::string withoutLogins(std::string text, const std::vector<std::string>& argu
     return text;
 }
 
-/// An empty value, as of a variable that is not set, must not become the default.
+/// An empty value, such as of an unset variable, must not become the default.
 Complaint checkGiven(const CLI::App& app) {
     for (const CLI::Option* const option : app.get_options()) {
         const auto& values = option->results();

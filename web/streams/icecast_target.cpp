@@ -18,7 +18,7 @@ bool printable(const std::string& text) {
                        [](char c) { return static_cast<unsigned char>(c) > ' ' && c != '\x7F'; });
 }
 
-/// With "%41" for "A"; nothing for a wrong or an unprintable character.
+/// Decodes "%41" to "A"; nothing for a wrong or an unprintable character.
 std::optional<std::string> unescaped(const std::string& text) {
     std::string result;
     for (std::size_t i = 0; i < text.size(); ++i) {

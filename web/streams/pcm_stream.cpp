@@ -8,7 +8,7 @@ namespace vxweb {
 
 namespace {
 
-/// A step at a join is spread over so many frames, 5 ms.
+/// A step at a join is spread over 5 ms.
 constexpr std::size_t JOIN_FRAMES = 240;
 
 std::int16_t clipped(double value) {

@@ -83,8 +83,8 @@ void ServerLocator::take(Found found) {
         pause_.reset();
         return;
     }
-    if (!toldUnknown_) {
-        toldUnknown_ = true;
+    if (!unknownReported_) {
+        unknownReported_ = true;
         say(choice_.host.empty() ? "no server has answered yet, still searching"
                                  : "there is no host named '" + choice_.host + "' yet");
     }
