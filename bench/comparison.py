@@ -17,7 +17,7 @@ EXPLAINED = {"delay by default": ("trx", "PipeWire RTP"), "delay, short": MODULE
              "network, 1 client, lossless": ("Snapcast",),
              "network, 10 clients, lossless": ("PulseAudio RTP", "PipeWire RTP"),
              "memory": MODULES}
-"""Whose figure may be the least: the page's text says why."""
+"""Programs that may have the least figure: the page's text says why."""
 
 
 def rows_of(name):
@@ -46,7 +46,7 @@ def middle(rows, column):
 
 
 def sent(rows, kind):
-    """`ms` or `pss` of the sending side, without what its sound server takes by itself."""
+    """`ms` or `pss` of the sending side, without what its sound server takes anyway."""
     values = [float(row[f"own_{kind}"]) + float(row[f"sound_{kind}"]) - float(row[f"base_{kind}"])
               for row in rows]
     return median(values) if values else None
@@ -57,7 +57,7 @@ def silence(rows):
 
 
 def shown(value, digits=0):
-    """A difference below nought is one that what varies has hidden."""
+    """A negative difference is noise."""
     return "" if value is None else f"{max(value, 0):.{digits}f}"
 
 
@@ -87,7 +87,7 @@ def measured():
 
 
 def best():
-    """The least of each figure, beside our own least."""
+    """The least of each figure, and our own."""
     lines = list(figures())
 
     def line(name, column, unit, short=False, lossless=False):
@@ -112,7 +112,7 @@ def best():
 
 
 def path():
-    """What the measurement itself takes."""
+    """The delay of the measurement itself."""
     rows = rows_of("peers")
     return table(["recorded at the source", "delay, ms", "longest, ms", "silence, ms/s"], [
         [server, shown(min(float(row["p50"]) for row in base)),
