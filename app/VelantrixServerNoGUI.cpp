@@ -78,7 +78,7 @@ void VelantrixServerNoGUI::multiCommThreadFn() {
 
 void VelantrixServerNoGUI::audioShutdownThreadFn() {
     Audio::Close();
-    // A close that outlasted the watchdog comes back when the object may be gone.
+    // After the watchdog's time the object may be gone.
     const CorePin pin;
     if (pin.stage() != CoreStage::Destroyed) {
         audioShutdownDone.store(true, std::memory_order_release);

@@ -43,7 +43,7 @@ bool readUsableAddress(const ifaddrs& entry, char (&text)[ADDRESS_ROOM]) {
     return ntohl(address.sin_addr.s_addr) >> 24 != LOOPBACK_NET;
 }
 
-/// Copies the first usable address to `result`; tells about it and the others when `print` is set.
+/// Copies the first usable address to `result`; prints all when `print` is set.
 bool findAddress(char (&result)[RESULT_ROOM], bool print) {
     const InterfaceList interfaces = listInterfaces();
     bool found = false;

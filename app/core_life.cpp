@@ -8,10 +8,10 @@
 
 namespace {
 
-constexpr int PIN_PATIENCE_MS = 500;
+constexpr int PIN_TIMEOUT_MS = 500;
 
 void waitForPins(void (*serveReports)(void*), void* context) {
-    for (int waited = 0; waited < PIN_PATIENCE_MS && CorePin::anyHeld(); ++waited) {
+    for (int waited = 0; waited < PIN_TIMEOUT_MS && CorePin::anyHeld(); ++waited) {
         if (serveReports != nullptr) {
             serveReports(context);
         }
@@ -19,8 +19,8 @@ void waitForPins(void (*serveReports)(void*), void* context) {
     }
 }
 
-/// The core that late reports reach. Never destroyed: threads may call it until the very end.
-VelantrixServerNoGUI* afterlifeCore() {
+/// The core that gets late reports. Never destroyed: threads may call it until the process ends.
+VelantrixServerNoGUI* permanentCore() {
     static auto* const core = new VelantrixServerNoGUI;
     return core;
 }
@@ -37,9 +37,9 @@ void closeCore(void (*serveReports)(void*), void* context) {
     if (coreStage.load() != CoreStage::Alive) {
         return;
     }
-    VelantrixServerNoGUI* const afterlife = afterlifeCore();
+    VelantrixServerNoGUI* const permanent = permanentCore();
     coreStage.store(CoreStage::Closing);
-    mainDialog.store(afterlife);
+    mainDialog.store(permanent);
     waitForPins(serveReports, context);
 }
 

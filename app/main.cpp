@@ -13,15 +13,16 @@
 
 namespace {
 
-/// An exit in the middle destroys what Qt keeps for the whole program, which the threads that use
-/// the core must not meet. Nobody serves their reports now: one that waits for its answer is left.
+/// An exit inside the event loop destroys Qt's global objects, which the threads that use the core
+/// must not use any more. Their reports are not served: a thread that waits for an answer stays
+/// blocked.
 void leaveCore() {
     closeCore(nullptr, nullptr);
 }
 
 int runEventLoop() {
     const int result = QApplication::exec();
-    // A sound library that hangs in its start-up may let its exit handlers hang, too.
+    // The exit handlers of a sound library that hangs in its start-up may hang, too.
     limitExit(finalStatus(result));
     if (getVerbose()) {
         consolePrintf("Exec returned with result %d\n", result);
@@ -29,8 +30,8 @@ int runEventLoop() {
     return result;
 }
 
-/// The "offscreen" platform is left as it is: when it is destroyed it first reads all fonts, and
-/// where memory is short the font library crashes then.
+/// The "offscreen" platform is never destroyed: its destruction first reads all fonts, and the font
+/// library crashes when memory is short.
 struct DestroyUnlessOffscreen {
     void operator()(const QApplication* application) const {
         if (QGuiApplication::platformName() != QLatin1String("offscreen")) {

@@ -25,8 +25,8 @@ constexpr int RATE_48K = 48000;
 constexpr int RATE_44K1 = 44100;
 constexpr int ABORTED_STATUS = 255;
 
-// PortAudio may not be opened and closed at once, which a quit during start-up would do.
-// Never held by the callback.
+// PortAudio may not be opened and closed at the same time, as a quit during start-up would. The
+// callback never takes it.
 std::mutex lifeMutex;
 bool closed = false;
 
@@ -38,7 +38,7 @@ class QuietStandardError {
         std::fflush(stderr);
         saved_ = ::fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 0);
         const int devNull = ::open("/dev/null", O_WRONLY | O_CLOEXEC);
-        // What cannot be put back stays as it is: chatter is better than silence for ever.
+        // Only if it can be restored.
         if (saved_ >= 0 && devNull >= 0) {
             ::dup2(devNull, STDERR_FILENO);
         }
@@ -60,7 +60,7 @@ class QuietStandardError {
     int saved_;
 };
 
-[[noreturn]] void endInWords(int /*signal*/) {
+[[noreturn]] void reportAbort(int /*signal*/) {
     consolePuts(
         "VelantrixServer: the sound library failed in its start-up, memory may be short. "
         "Quitting.");
@@ -68,18 +68,18 @@ class QuietStandardError {
     ::_exit(ABORTED_STATUS);
 }
 
-/// For its lifetime an abort ends the program in words. PortAudio asserts that ALSA got the memory
-/// it asked for, and its own words go to a standard error that may be turned off.
-class AbortInWords {
+/// For its lifetime an abort prints a message and ends the program. PortAudio asserts that ALSA got
+/// memory, but prints that to standard error, which may be turned off.
+class AbortReport {
   public:
-    AbortInWords() {
-        struct sigaction inWords = {};
-        inWords.sa_handler = endInWords;
-        ::sigaction(SIGABRT, &inWords, &before_);
+    AbortReport() {
+        struct sigaction action = {};
+        action.sa_handler = reportAbort;
+        ::sigaction(SIGABRT, &action, &before_);
     }
-    ~AbortInWords() { ::sigaction(SIGABRT, &before_, nullptr); }
-    AbortInWords(const AbortInWords&) = delete;
-    AbortInWords& operator=(const AbortInWords&) = delete;
+    ~AbortReport() { ::sigaction(SIGABRT, &before_, nullptr); }
+    AbortReport(const AbortReport&) = delete;
+    AbortReport& operator=(const AbortReport&) = delete;
 
   private:
     struct sigaction before_ = {};
@@ -87,14 +87,14 @@ class AbortInWords {
 
 PaError initializePortAudio() {
     consolePuts("Initializing PortAudio");
-    const AbortInWords guard;
+    const AbortReport guard;
     const PaError err = Pa_Initialize();
-    // Belongs to the chatter: shown only when standard error is open, which is intended.
+    // Shown only when standard error is open, like the libraries' messages.
     std::fprintf(stderr, "PortAudio Pa_Initialize call completed with return value %d\n", err);
     return err;
 }
 
-/// Finds the default input device; null after a report when there is none that can be used.
+/// Finds the default input device; null, after a message, when none can be used.
 const PaDeviceInfo* findInputDevice(PaStreamParameters& parameters) {
     parameters.device = Pa_GetDefaultInputDevice();
     if (parameters.device == paNoDevice) {
@@ -108,17 +108,17 @@ const PaDeviceInfo* findInputDevice(PaStreamParameters& parameters) {
     return info;
 }
 
-/// The rate to open at: the device's own or the user's, if it is one of the two we stream.
+/// The rate to open at: the user's or the device's, if it is one of the two we stream.
 int chooseRate(double deviceRate) {
-    // Adding a half and truncating is what rounds 47999.6 Hz up; rates are positive.
+    // Rounds 47999.6 Hz up; rates are positive.
     int rate = static_cast<int>(deviceRate + 0.5);  // NOLINT(bugprone-incorrect-roundings)
     consolePrintf(
         "PortAudio reported default input device sample rate is %d (may not be accurate)\n", rate);
     const char* const wanted = std::getenv("VELANTRIX_SERVER_SAMPLE_RATE");
     if (wanted != nullptr && wanted[0] >= '0' && wanted[0] <= '9') {
-        // Cut off at its lower bits, a number out of range could look like one that we stream.
-        constexpr long GREATEST = std::numeric_limits<int>::max();
-        rate = static_cast<int>(std::min(std::strtol(wanted, nullptr, 10), GREATEST));
+        // The lower bits of a number out of range could be a rate that we stream.
+        constexpr long MAX_RATE = std::numeric_limits<int>::max();
+        rate = static_cast<int>(std::min(std::strtol(wanted, nullptr, 10), MAX_RATE));
     }
     if (rate != RATE_48K && rate != RATE_44K1) {
         consoleError("Sample rate %d not supported, using %d\n", rate, RATE_44K1);

@@ -7,20 +7,19 @@
 
 /// The capture: one 16-bit stereo stream on the default input device, at 48000 or 44100 Hz.
 ///
-/// Every block of 338 frames goes to processBuffer() twice: at once, and gathered into blocks of
-/// 480 frames for compression. Buffers are interleaved, left then right, native byte order, with
-/// 16 bytes of room for the packet header in front.
+/// Every block of 338 frames goes to processBuffer() at once, and again in blocks of 480 frames for
+/// compression. Buffers are interleaved, left then right, native byte order, with 16 bytes of room
+/// for the packet header in front.
 class Audio {
   public:
-    /// Opens and starts the capture stream. The first argument is not used; `isRate48k` becomes
-    /// true when the stream runs at 48000 Hz and is false after a failure. Returns 0, or a
-    /// negative PortAudio code after reporting it on standard error. The callback may run before
-    /// this returns. Discards standard error for the time of PortAudio's start-up unless
-    /// "-verbose" was given. Thread: network.
+    /// Opens and starts the capture stream. `isRate48k` becomes true when the stream runs at 48000
+    /// Hz, false at 44100 Hz and after a failure. Returns 0, or a negative PortAudio code after
+    /// reporting it on standard error. The callback may run before this returns. Discards standard
+    /// error during PortAudio's start-up unless "-verbose" was given. Thread: network.
     static int Open(int unused, std::atomic<bool>& isRate48k);
 
-    /// Closes the stream and terminates PortAudio; returns the result of the close. May hang with
-    /// a bad driver. An Open() that comes later fails. Thread: audio shutdown.
+    /// Closes the stream and terminates PortAudio; returns the result of the close. May hang with a
+    /// bad driver. A later Open() fails. Thread: audio shutdown.
     static int Close();
 
     /// PortAudio's stream callback; always returns paContinue. Only `input` (null: silence is

@@ -14,7 +14,7 @@ namespace {
 constexpr auto HEADER = wire::HEADER_LENGTH;
 constexpr auto FRAME = wire::BYTES_PER_FRAME;
 
-/// Appends the frames to the compression buffer and hands it over whenever it is full.
+/// Appends the frames to the compression buffer and sends it whenever it is full.
 void gather(const char* frames, std::size_t frameCount, bool hasInput) {
     while (frameCount > 0) {
         const auto space = static_cast<std::size_t>(Audio::_CaptureBufferSizeComp -
@@ -33,7 +33,7 @@ void gather(const char* frames, std::size_t frameCount, bool hasInput) {
     }
 }
 
-/// Hands on one block of at most 338 frames; `input` null stands for silence.
+/// Sends one block of at most 338 frames; `input` null means silence.
 void deliver(const char* input, std::size_t frameCount) {
     char* const samples = Audio::_CaptureBuffer + HEADER;
     if (input != nullptr) {
@@ -60,7 +60,7 @@ int Audio::recordCallback(const void* input, void* /*output*/, unsigned long fra
     }
     lastBufferNull = input == nullptr;
 
-    // PortAudio keeps to the block of 338 frames; a longer one must still not overrun the buffer.
+    // PortAudio delivers 338 frames; a longer block must still not overrun the buffer.
     const char* source = static_cast<const char*>(input);
     do {
         const std::size_t piece = std::min<std::size_t>(frameCount, wire::RAW_BLOCK_FRAMES);

@@ -17,7 +17,7 @@ std::int64_t nowNs() {
 
 namespace {
 
-/// Adds the time of its own life to a sum.
+/// Adds the time of its lifetime to a sum.
 class Stopwatch {
   public:
     explicit Stopwatch(std::int64_t& sum) : total(sum), start(nowNs()) {}

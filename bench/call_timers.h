@@ -2,11 +2,11 @@
 
 #include <cstdint>
 
-/// Time spent inside other people's code since the last reset, in nanoseconds. Measured by
-/// functions in this program that stand in front of the libraries' own.
+/// Time spent in libraries since the last reset, in nanoseconds. Measured by functions of this
+/// program that wrap the libraries'.
 struct CallTimes {
     std::int64_t opus = 0;  ///< opus_encode.
-    std::int64_t enet = 0;  ///< ENet's calls, waiting included.
+    std::int64_t enet = 0;  ///< ENet's calls, with waiting.
     std::int64_t wait = 0;  ///< poll, within ENet's service call.
 };
 

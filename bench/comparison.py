@@ -1,4 +1,4 @@
-"""The tables of docs/comparison.md, from the files that bench/peers writes."""
+"""The tables about other programs, from the files that bench/peers writes."""
 
 import csv
 import sys
@@ -17,7 +17,7 @@ EXPLAINED = {"delay by default": ("trx", "PipeWire RTP"), "delay, short": MODULE
              "network, 1 client, lossless": ("Snapcast",),
              "network, 10 clients, lossless": ("PulseAudio RTP", "PipeWire RTP"),
              "memory": MODULES}
-"""Whose figure may be the least: the page's text says why."""
+"""Programs that may have the least figure: the page's text says why."""
 
 
 def rows_of(name):
@@ -46,7 +46,7 @@ def middle(rows, column):
 
 
 def sent(rows, kind):
-    """`ms`, `pss` or `rss` of the sending side, without what its sound server takes by itself."""
+    """`ms` or `pss` of the sending side, without what its sound server takes anyway."""
     values = [float(row[f"own_{kind}"]) + float(row[f"sound_{kind}"]) - float(row[f"base_{kind}"])
               for row in rows]
     return median(values) if values else None
@@ -57,7 +57,7 @@ def silence(rows):
 
 
 def shown(value, digits=0):
-    """A difference below nought is one that what varies has hidden."""
+    """A negative difference is noise."""
     return "" if value is None else f"{max(value, 0):.{digits}f}"
 
 
@@ -73,21 +73,21 @@ def figures():
                "silent": silence(one),
                "ms": sent(one, "ms"), "ms_ten": sent(ten, "ms"),
                "kbit": middle(one, "kbit_out"), "kbit_ten": middle(ten, "kbit_out"),
-               "pss": sent(one, "pss"), "rss": sent(one, "rss")}
+               "pss": sent(one, "pss")}
 
 
 def measured():
     return table(["program", "sound", "setting", "delay, ms", "longest, ms", "silence, ms/s",
                   "processor, 1 client, ms/s", "10 clients", "network, 1 client, kbit/s",
-                  "10 clients", "memory, MB: PSS", "RSS"],
+                  "10 clients", "memory, MB"],
                  [[*row["what"], shown(row["delay"]), shown(row["longest"]),
                    shown(row["silent"], 1), shown(row["ms"]), shown(row["ms_ten"]),
-                   shown(row["kbit"]), shown(row["kbit_ten"]), shown(row["pss"]), shown(row["rss"])]
+                   shown(row["kbit"]), shown(row["kbit_ten"]), shown(row["pss"])]
                   for row in figures()])
 
 
 def best():
-    """The least of each figure, beside our own least."""
+    """The least of each figure, and our own."""
     lines = list(figures())
 
     def line(name, column, unit, short=False, lossless=False):
@@ -112,7 +112,7 @@ def best():
 
 
 def path():
-    """What the measurement itself takes."""
+    """The delay of the measurement itself."""
     rows = rows_of("peers")
     return table(["recorded at the source", "delay, ms", "longest, ms", "silence, ms/s"], [
         [server, shown(min(float(row["p50"]) for row in base)),
@@ -138,5 +138,4 @@ def machine():
         f"load {min(loads):g} to {max(loads):g}, steal time {min(steal):g} to {max(steal):g} %")
 
 
-TABLES = {"measured": measured, "best": best, "path": path, "commands": commands,
-          "machine": machine}
+TABLES = {"measured": measured, "best": best, "machine": machine}

@@ -1,6 +1,6 @@
-// The least that streaming can cost: encodes the same frames, sends datagrams of the same sizes,
+// The minimum cost of streaming: encodes the same frames, sends datagrams of the same sizes,
 // receives as many acknowledgement datagrams and waits in poll as the server does, in the same
-// order and at the same pace, and does nothing else.
+// order and at the same pace.
 //
 // Usage: floor SECONDS [RATE_CODE:RELIABLE(0|1)]...
 // One choice for each client; every rate code among them is encoded once. Each pass (one for every
@@ -78,8 +78,8 @@ sockaddr_in addressOf(int socket) {
     return address;
 }
 
-/// A client process: sleeps in poll, as a client of the server does, reads every datagram and
-/// acknowledges it when `acknowledge` is set.
+/// A client process: sleeps in poll, reads every datagram and acknowledges it when `acknowledge` is
+/// set.
 [[noreturn]] void runPeer(int socket, bool acknowledge) {
     std::array<char, 4096> room{};
     for (;;) {
@@ -119,7 +119,7 @@ class Floor {
                 encoders.at(choice.rateCode) = makeEncoder(choice.rateCode);
             }
         }
-        sound = testsound::make();  // Shared with no peer, whose pages would be copied first.
+        sound = testsound::make();  // Before the processes, which would copy its pages.
     }
 
     ~Floor() {
@@ -225,8 +225,7 @@ class Floor {
         }
     }
 
-    /// As the service step: receives what there is and waits for more until the clock, which
-    /// counts whole milliseconds, has moved on by one.
+    /// As the service step: receives until the clock, in whole milliseconds, has advanced by one.
     void waitAndReceive() {
         const std::int64_t end = clockNs(CLOCK_MONOTONIC) / NS_PER_MILLISECOND + 1;
         if (acknowledged) {
@@ -263,10 +262,10 @@ class Floor {
     std::array<std::size_t, RATE_CODES> lengths{};
     std::array<std::int16_t, 2 * wire::OPUS_FRAME_SAMPLES> group{};
     std::size_t gathered = 0;
-    std::array<char, 4096> room{};  ///< For what is received.
+    std::array<char, 4096> room{};  ///< For received datagrams.
     std::int64_t start = 0;         ///< Of the first block, CLOCK_MONOTONIC, ns.
     std::int64_t call = 0;          ///< Number of the next block.
-    bool acknowledged = false;      ///< Some client acknowledges what it gets.
+    bool acknowledged = false;      ///< Some client acknowledges.
     double sends = 0;
     double receives = 0;
     double polls = 0;

@@ -1,5 +1,5 @@
-// A client that judges the sound that it gets through a real sound server.
-// Usage: path_client PORT RATE_CODE RELIABLE(0|1) OUTPUT tone|clicks     Ends with standard input.
+// A client that checks the sound that it gets through a real sound server. Usage: path_client PORT
+// RATE_CODE RELIABLE(0|1) OUTPUT tone|clicks     Ends with standard input.
 //
 // OUTPUT gets a line for every event, the time of arrival (CLOCK_MONOTONIC, nanoseconds) first:
 //   gap N        N sequence numbers are missing before this packet
@@ -97,7 +97,7 @@ class Judge {
         return !known || std::abs(expectedSample - sample) <= TONE_TOLERANCE;
     }
 
-    /// Lost or repeated frames show even when they are whole periods of the tone.
+    /// Shows lost or repeated frames even when they are whole periods of the tone.
     bool continuesCounter(int count) {
         const int before = std::exchange(counter, count);
         const int heldBefore = held;

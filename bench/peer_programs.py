@@ -127,7 +127,7 @@ def piped(command, environment):
 
 
 def versions():
-    """The packages of everything that is compared, and those that carry its sound."""
+    """The packages of the compared programs and of the sound servers."""
     return list(dict.fromkeys(package for peer in PEERS for package in peer.packages))
 
 
@@ -189,7 +189,7 @@ class Session:
         return [self.stack.enter_context(Process([*prefix, *words], environment, stdin=stdin))]
 
     def playing(self):
-        """How many clients play."""
+        """The number of clients that play."""
         return self.listener.playing()
 
     def sound_server_pids(self):

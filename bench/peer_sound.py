@@ -1,4 +1,4 @@
-"""The two ends of a comparison: sound servers of the source and the listeners, and what is heard."""
+"""The two ends of a comparison: sound servers of the source and of the listeners, and a recorder."""
 
 import array
 import bisect
@@ -27,7 +27,7 @@ class PulseServer(SoundServer):
         self.control("load-module", module, *arguments)
 
     def playing(self):
-        """How many streams play into it."""
+        """The number of streams that play into it."""
         return len(self.control("list", "short", "sink-inputs").splitlines())
 
     def pids(self):
@@ -91,7 +91,7 @@ def burst():
 
 
 class Recording(MonitorReader):
-    """Everything that is heard at the monitor of a sink, with the time at which it was read."""
+    """The sound at the monitor of a sink, with the time at which it was read."""
 
     LOUD = 13000
     CLICK_APART_BYTES = BYTES_PER_S // 4
@@ -112,7 +112,7 @@ class Recording(MonitorReader):
             self.ends.append(len(self.data))
 
     def mark(self):
-        """Where the recording is now."""
+        """The present position of the recording."""
         return len(self.data) // 4 * 4
 
     def loud_since(self, start):
@@ -138,10 +138,10 @@ class Recording(MonitorReader):
 
 
 def delays(handed_over, heard, furthest_ns=6000000000, spread_ns=300000000):
-    """Delays in ns, in order, of the clicks handed over that were heard.
+    """Delays in ns, in order, of the clicks that were heard.
 
-    The delay may be longer than the pause between two clicks, whose pattern is irregular: what
-    most pairs of a click and an arrival agree upon is the delay.
+    The delay may be longer than the pause between two clicks, whose pattern is irregular: the
+    most frequent difference of a click and an arrival is the delay.
     """
     pairs = sorted(at - since for since in handed_over for at in heard
                    if 0 <= at - since < furthest_ns)
@@ -158,6 +158,6 @@ def delays(handed_over, heard, furthest_ns=6000000000, spread_ns=300000000):
 
 
 def wait_for_sound(recording, patience=40):
-    """Until a click is heard."""
+    """Waits until a click is heard."""
     wait_until(lambda: recording.loud_since(max(0, recording.mark() - 2 * BYTES_PER_S)),
                "a click is heard", patience)

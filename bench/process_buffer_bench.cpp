@@ -50,7 +50,7 @@ std::vector<BenchClients::Choice> choicesOf(Choice choice, std::size_t clients) 
     return chosen;
 }
 
-/// A block that sounds like something, so that Opus has work to do.
+/// A block of music-like sound, so that Opus has work to do.
 void fillBlock(std::vector<char>& buffer, double& phase) {
     for (std::size_t at = wire::HEADER_LENGTH; at + 4 <= buffer.size(); at += 4) {
         phase += 2 * M_PI * 440 / 48000;

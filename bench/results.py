@@ -94,8 +94,8 @@ def version_of(package):
 
 
 def describe_machine(path, packages, more=()):
-    """Writes what a measurement ran on, with the packages' versions and `more` pairs of what and
-    value, unless the file is there."""
+    """Describes the machine of a measurement, with the packages' versions and `more` pairs of what and
+    value, unless the file exists."""
     if path.exists():
         return
     with open("/proc/cpuinfo", encoding="utf-8") as lines:

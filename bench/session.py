@@ -1,6 +1,6 @@
 """One measured streaming session: the built server on the paced capture, and client processes.
 
-Everything runs in a network namespace of its own, so nothing leaves the machine.
+Everything runs in a private network namespace.
 """
 
 import os
@@ -16,14 +16,14 @@ from support.network import enter_private_network  # noqa: E402,F401 (for the me
 from support.paced_capture import capture_environment, counters  # noqa: E402
 
 BLOCKS_PER_GROUP = 480 / 338
-"""A group is what is encoded at once."""
+"""A group is encoded at once."""
 
 ALL_CHOICES = [(code, reliable) for code in (0, 5, 1, 2, 3) for reliable in (True, False)]
 RATE_CODES = {"raw": 0, "20": 5, "64": 1, "128": 2, "256": 3}
 
 
 def choices(rate, mode, clients):
-    """(rate code, reliable) of so many clients; "four" are the compressed rates in turn."""
+    """(rate code, reliable) of this many clients; "four" are the compressed rates in turn."""
     codes = [code for code in RATE_CODES.values() if code] if rate == "four" else [RATE_CODES[rate]]
     return [(codes[i % len(codes)], mode == "reliable") for i in range(clients)]
 

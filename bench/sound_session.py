@@ -27,7 +27,7 @@ FURTHEST_MS = 500
 
 
 def busy_sound():
-    """One second of stereo that keeps an encoder busy, over and over."""
+    """One second of stereo that keeps an encoder busy, repeated."""
     noise = random.Random(1)
     frames = array.array("h")
     for frame in range(RATE):
@@ -39,9 +39,9 @@ def busy_sound():
 
 
 def tone():
-    """What path_client knows: 1 kHz on the left, on the right a counter of milliseconds.
+    """The sound for path_client: 1 kHz on the left, on the right a counter of milliseconds.
 
-    In pieces of one second, again and again: the counter goes from -30000 to 29999.
+    In pieces of one second, without end: the counter goes from -30000 to 29999.
     """
     sine = [round(8000 * math.sin(2 * math.pi * frame / 48)) for frame in range(48)]
     pieces = []
@@ -55,7 +55,7 @@ def tone():
 
 
 class Player:
-    """pacat, fed with `pieces` as fast as it takes them or as they come.
+    """pacat, fed with `pieces` as fast as it reads them or as they come.
 
     `pieces` is an iterator of bytes, or a function that makes one from the pipe to the player.
     """
@@ -119,7 +119,7 @@ class Clicks:
 
     def pieces(self, pipe):
         for _ in range(int(PLAYER_LATENCY_MS / 1000 / PIECE_S) + 1):
-            yield next(self.sound)  # As much as the player wants before it begins.
+            yield next(self.sound)  # As much as the player needs before it begins.
         while self._waiting(pipe) > 0:
             time.sleep(PIECE_S)
         due = time.monotonic()
@@ -146,7 +146,7 @@ def match(handed_over, arrivals):
 
 
 class MonitorReader:
-    """parec on a null sink's monitor with as little buffering as there can be; _read() takes it."""
+    """parec on a null sink's monitor with minimum buffering."""
 
     def __init__(self, sound, sink=NULL_SINK):
         self.process = subprocess.Popen(
@@ -247,7 +247,7 @@ class SoundSession:
         return self.log_path.read_text(encoding="utf-8", errors="replace").splitlines()
 
     def input_latency_s(self):
-        """What PortAudio said that the input's latency is."""
+        """The input's latency, as PortAudio reported it."""
         found = re.search(r"input latency = (\S+) sec", "\n".join(self.lines()))
         return float(found.group(1))
 

@@ -1,13 +1,13 @@
-// Tells when the machine stood still: one thread per processor sleeps a millisecond at a time
-// and writes a line whenever it wakes up late. What was late at the same time in the server was
-// then not the server's fault.
+// Records when the machine stood still: one thread per processor sleeps a millisecond at a time and
+// writes a line when it wakes up late. What was late in the server at the same time was not the
+// server's fault.
 //
 // Usage: stall_watch OUTPUT     Ends when its standard input is closed.
 // Lines: processor, when it should have woken and when it did (CLOCK_MONOTONIC, nanoseconds).
 //
-// The threads come before all ordinary ones where that is allowed (SCHED_FIFO), so that late means:
-// not even they got the processor. Otherwise they have the ordinary priority, as the capture thread
-// has, and see what other programs take as well.
+// The threads have real-time priority where that is allowed, so late means that not even they got
+// the processor. Otherwise they have ordinary priority, like the capture thread, and also see the
+// load of other programs.
 
 #include <atomic>
 #include <cerrno>

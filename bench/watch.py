@@ -21,7 +21,7 @@ class Stalls:
         self.long = joined((due, woke) for due, woke in lines if woke - due > self.LONG_NS)
 
     def time(self, start, end):
-        """For how long within the span a processor stood still, short stalls too."""
+        """How long a processor stood still within the span, with short stalls."""
         return sum(min(to, end) - max(since, start)
                    for since, to in overlapping(self.all, start, end))
 
@@ -38,7 +38,7 @@ def joined(spans):
 
 
 def overlapping(spans, start, end):
-    """Those of the ordered, separate (from, to) pairs that touch the span."""
+    """The ordered, separate (from, to) pairs that overlap the span."""
     index = bisect_left(spans, start, key=lambda span: span[1])
     while index < len(spans) and spans[index][0] <= end:
         yield spans[index]
@@ -83,7 +83,7 @@ class StealTime:
         return times[7], sum(times)
 
     def percent(self):
-        """From the making of this object to now."""
+        """Since the construction."""
         stolen, everything = (now - was for now, was in zip(self._read(), self.at))
         return round(100 * stolen / max(everything, 1), 2)
 
@@ -101,7 +101,7 @@ class ProcessMeter:
         return int(values["VmRSS"]) / 1024, int(values["RssAnon"]) / 1024
 
     def pss_mb(self):
-        """Resident memory, of pages shared with other processes only the process's part."""
+        """Resident memory, with the process's part of shared pages."""
         lines = (self.folder / "smaps_rollup").read_text(encoding="ascii").splitlines()
         return next(int(line.split()[1]) for line in lines if line.startswith("Pss:")) / 1024
 

@@ -1,4 +1,4 @@
-# Everything that is installed and called, found in one place.
+# Finds all dependencies.
 
 find_package(PkgConfig REQUIRED)
 find_package(Threads REQUIRED)
@@ -25,7 +25,7 @@ pkg_check_modules(SNDFILE REQUIRED IMPORTED_TARGET sndfile)
 pkg_check_modules(SPEEXDSP REQUIRED IMPORTED_TARGET speexdsp)
 pkg_check_modules(QRENCODE REQUIRED IMPORTED_TARGET libqrencode)
 
-# velantrix-web. Only headers of Boost, whose Asio brings TLS by OpenSSL.
+# velantrix-web: only headers of Boost; Asio uses OpenSSL for TLS.
 find_package(Boost 1.74 REQUIRED)
 find_package(OpenSSL REQUIRED)
 find_package(nlohmann_json REQUIRED)

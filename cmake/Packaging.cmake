@@ -6,7 +6,7 @@ set(CPACK_PACKAGE_NAME velantrix)
 set(CPACK_PACKAGE_VENDOR "The Velantrix Server developers")
 set(CPACK_PACKAGE_CONTACT "The Velantrix Server developers <packages@velantrix.example>")
 set(CPACK_PACKAGE_VERSION ${PROJECT_VERSION})
-# Each component brings its own first line; a summary of the whole would be put before it.
+# Each component has its own first line; a summary would be put before it.
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGING_INSTALL_PREFIX ${CMAKE_INSTALL_PREFIX})
 set(CPACK_STRIP_FILES ON)

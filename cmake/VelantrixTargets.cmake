@@ -1,5 +1,5 @@
-# How every target of ours is compiled. Third-party headers come in as SYSTEM
-# includes, so the warnings below are about our own code only.
+# How all our targets are compiled. Third-party headers are SYSTEM includes, so warnings are about
+# our own code only.
 
 add_library(vx_flags INTERFACE)
 target_compile_features(vx_flags INTERFACE cxx_std_17)
@@ -7,8 +7,8 @@ target_compile_options(vx_flags INTERFACE -Wall -Wextra -Wpedantic -Wshadow -Wco
                                           $<$<BOOL:${VELANTRIX_WERROR}>:-Werror>)
 target_include_directories(vx_flags INTERFACE ${CMAKE_SOURCE_DIR})
 
-# Hardening: every program reads what the network sends. Fortified calls need an optimised build
-# and get in the way of the sanitizers.
+# Hardening: every program reads what the network sends. Fortified calls need an optimised build and
+# disturb the sanitizers.
 include(CheckPIESupported)
 check_pie_supported()
 target_compile_options(vx_flags INTERFACE -fstack-protector-strong)
@@ -28,7 +28,7 @@ if(VELANTRIX_SANITIZE)
   endif()
 endif()
 
-# Coverage: some processes end by _exit or a signal, as the product does; their counts are kept.
+# Coverage: keeps the counts of processes that end by _exit or a signal.
 if(VELANTRIX_COVERAGE)
   add_compile_options(--coverage -fprofile-update=atomic)
   add_link_options(--coverage)

@@ -1,5 +1,5 @@
 // Keeps gcov's counts of processes that do not end through exit(). Linked into every program of a
-// build that measures coverage, in front of the libraries; no part of any other build.
+// coverage build, before the libraries.
 
 #include <array>
 #include <csignal>
@@ -19,11 +19,11 @@ int __gcov_execl(const char* path, char* argument, ...);
 
 namespace {
 
-/// Tests send this to a process of ours instead of SIGKILL; it ends as that would end it.
+/// Tests send this instead of SIGKILL; the process then ends as if by SIGKILL.
 constexpr int WRITE_COUNTS_AND_DIE = 60;
 
-/// Opens files although a test has left no descriptor for them. The counts start from zero again:
-/// after vfork, the parent goes on with this memory.
+/// Opens files although a test has left no descriptor for them. Resets the counts: after vfork the
+/// parent continues with this memory.
 void writeCounts() {
     rlimit before = {};
     ::getrlimit(RLIMIT_NOFILE, &before);
@@ -61,8 +61,8 @@ void abort() {
     ::_exit(127);
 }
 
-/// What the compiler calls for execl. The library's own marks the counts as written for good, also
-/// in a parent that lent its memory.
+/// The compiler calls it for execl. The library's own function marks the counts as written, also in
+/// a parent that shares its memory.
 int __gcov_execl(const char* path, char* argument, ...) {
     constexpr std::size_t ROOM = 64;
     std::array<char*, ROOM> words{argument};

@@ -1,37 +1,36 @@
-// What the sanitizers are to overlook, and why: only things in the libraries that come with the
-// system, and that threads of ours are not joined. Linked into our programs when they are built
-// with sanitizers; run-time options add to it.
+// Exceptions for the sanitizers, with reasons: only for system libraries, and for our threads that
+// are not joined. Linked into programs built with sanitizers; run-time options add to it.
 
 #if defined(__SANITIZE_ADDRESS__)
 
-// The toolkit's plug-ins and those of the sound libraries are unloaded before leaks are looked for,
-// and the places that allocated could then not be named. So here nothing is unloaded.
+// The toolkit and sound libraries unload plug-ins before the leak check, which then cannot name
+// their functions. So nothing is unloaded.
 extern "C" int dlclose(void* library);
 extern "C" int dlclose(void* /*library*/) {
     return 0;
 }
 
-// Leaks are looked for in exit(): at every end but those by a signal and by _exit, which
-// ExitProcess takes when the main thread does not answer it.
+// The leak check runs in exit(), so not after a signal or _exit, which ExitProcess calls when the
+// main thread does not answer.
 extern "C" const char* __asan_default_options();
 extern "C" const char* __asan_default_options() {
     return "detect_leaks=1:print_suppressions=0";
 }
 
-// A leak is overlooked when one of these names stands anywhere in the stack of its allocation. So
-// none may be a library that calls us back (the toolkit's own, PortAudio): it would hide our leaks.
+// Ignores a leak with one of these names anywhere in the stack of its allocation. So none may be a
+// library that calls our code (the toolkit, PortAudio).
 extern "C" const char* __lsan_default_suppressions();
 extern "C" const char* __lsan_default_suppressions() {
     return
         // The platform without a display never frees its one screen.
         "leak:libqoffscreen.so\n"
-        // The fonts' configuration, when exit() comes from below an event loop.
+        // The fonts' configuration, when exit() is called inside an event loop.
         "leak:libfontconfig.so\n"
-        // The connections to the buses, which the toolkit leaves open to the end.
+        // The connections to the buses, which the toolkit never closes.
         "leak:libdbus-1.so\n"
         // What a connection to Icecast used is not freed when it is closed.
         "leak:libshout.so\n"
-        // The compositor's objects, which the toolkit's plug-in leaves to the end.
+        // The compositor's objects, which the toolkit's plug-in never frees.
         "leak:libwayland-client.so\n";
 }
 
@@ -42,18 +41,16 @@ extern "C" const char* __tsan_default_options() {
     return "history_size=4:print_suppressions=0";
 }
 
-// But for the first two, these are libraries. They are not built with the sanitizer, which so
-// cannot see how they keep their own threads apart. called_from_lib leaves out what a library calls
-// itself (memcpy, free and the like), not what our callbacks do below it; race_top looks at the
-// innermost function only. Nothing wider: it would hide races of ours.
+// All but the first two are libraries that are not built with the sanitizer, which cannot see their
+// synchronisation. called_from_lib ignores what a library calls itself (memcpy, free), not what our
+// callbacks do. Nothing wider: it would hide our races.
 extern "C" const char* __tsan_default_suppressions();
 extern "C" const char* __tsan_default_suppressions() {
     return
-        // Our threads that nobody joins, by design: those of the core, of which the version check
-        // comes to an end, and the one that closes the capture.
+        // Our threads that are never joined, by design.
         "thread:VelantrixServerNoGUI::init\n"
         "thread:VelantrixServerNoGUI::closeAudioUnderWatchdog\n"
-        // The toolkit's atomics and futexes, by which it hands events from thread to thread.
+        // The toolkit's atomics and futexes between threads.
         "called_from_lib:libQt*Core.so\n"
         "called_from_lib:libQt*Gui.so\n"
         "called_from_lib:libQt*Widgets.so\n"
@@ -64,14 +61,13 @@ extern "C" const char* __tsan_default_suppressions() {
         // The buses' and the screen's messages, written by one thread and read by another.
         "called_from_lib:libdbus-1.so\n"
         "called_from_lib:libxcb.so\n"
-        // The sound server's main loop on a thread of its own.
+        // The main loop of PulseAudio's library, on its own thread.
         "called_from_lib:libpulse.so\n"
         "called_from_lib:libpulsecommon-\n"
-        // What the sound plug-ins bring along is initialised on the thread that loads them, and
-        // undone by exit() on the main thread.
+        // The sound plug-ins' data is initialised on the thread that loads them and destroyed by
+        // exit() on the main thread.
         "race:snd_dlopen\n"
-        // Locks of the screen's libraries, taken in one and released in another that is ignored
-        // above.
+        // Locks of the screen's libraries, taken in one and released in another.
         "mutex:libX11.so\n"
         "mutex:libxcb.so\n"
         "mutex:libGLX_mesa.so\n"

@@ -1,7 +1,7 @@
-// What the thread sanitizer cannot see in the toolkit, which is not built with it: that who emits a
-// signal to another thread is done with its arguments before the slot reads them, and that the slot
-// is done with them before a blocking emission returns. Both calls stand in front of the toolkit's
-// own. Linked into the server when it is built with the thread sanitizer.
+// Tells the thread sanitizer about synchronisation in the toolkit, which is not built with it:
+// signal arguments are written before the slot reads them, and the slot is done before a blocking
+// emission returns. Both functions replace the toolkit's. Linked into the server when it is built
+// with the thread sanitizer.
 
 #include <dlfcn.h>
 #include <sanitizer/tsan_interface.h>
@@ -34,7 +34,7 @@ void QMetaObject::activate(QObject* sender, const QMetaObject* meta, int signal,
     }
 }
 
-// Signals of ours are connected to slots of the same object, so its address names the hand-over.
+// Our signals are connected to slots of the same object, so its address identifies the call.
 bool QObject::event(QEvent* event) {
     using Event = bool (*)(QObject*, QEvent*);
     static const auto next = toolkits<Event>("_ZN7QObject5eventEP6QEvent");

@@ -9,8 +9,8 @@ inline bool onMainThread() {
     return ::gettid() == ::getpid();
 }
 
-/// The rule that certain calls come from one thread: `assert(check.here())` in each of them. Which
-/// thread that is, the first of the calls decides.
+/// Checks that certain calls come from one thread: `assert(check.here())` in each of them. The
+/// first call decides which thread that is.
 class ThreadCheck {
   public:
     /// True on the thread that called first. Thread: any. Realtime-safe: yes.

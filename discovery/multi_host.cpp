@@ -19,7 +19,7 @@ constexpr std::size_t RECEIVE_ROOM = 256;
 constexpr int ANSWER_PAUSE_MS = 100;
 constexpr int RECEIVE_PAUSE_MS = 500;
 
-/// An IPv4 UDP socket; closed on destruction. Programs that this process starts do not get it.
+/// An IPv4 UDP socket; closed on destruction. Child processes do not inherit it.
 class UdpSocket {
   public:
     UdpSocket() : handle_(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
@@ -86,8 +86,8 @@ bool setUp(const UdpSocket& socket, std::uint16_t port) {
     return failure == nullptr;
 }
 
-/// Sends the response and pauses, which bounds the rate of answers. Returns 0, or the error number
-/// of a failed send, to be reported when all else is done.
+/// Sends the response and pauses, which bounds the rate of responses. Returns 0, or the error
+/// number of a failed send, which the caller reports last.
 [[nodiscard]] int answer(const UdpSocket& socket, const sockaddr_in& receiver) {
     const int error = socket.send(wire::DISCOVERY_RESPONSE, receiver) ? 0 : errno;
     Sleep(ANSWER_PAUSE_MS);
@@ -102,8 +102,8 @@ void report(const char* failure, int error) {
     }
 }
 
-/// As answer(), from a socket of its own, which is closed afterwards. Returns 0, too, when there
-/// is none, after a report of that.
+/// As answer(), from a separate socket, which is then closed. Returns 0 also when there is no
+/// socket, which it reports.
 [[nodiscard]] int answerAtFixedPort(const sockaddr_in& sender, std::uint16_t port) {
     const UdpSocket socket;
     if (!socket.isOpen()) {

@@ -8,8 +8,8 @@
 
 namespace {
 
-/// A text that is never destroyed, and made without memory: before main() nothing could be
-/// reported.
+/// A text that is never destroyed, and that needs no memory before main(), where no failure could
+/// be reported.
 union KeptText {
     KeptText() noexcept : text() {}
     ~KeptText() {}
@@ -42,8 +42,8 @@ class Store {
         return file_.value(key, fallback);
     }
 
-    /// In the locale's encoding, up to the first NUL. `fallback` as it is when the key is missing:
-    /// it may be in that encoding already.
+    /// In the locale's encoding, up to the first NUL. When the key is missing, `fallback`, not
+    /// converted: it may already be in that encoding.
     [[nodiscard]] std::string readText(const QString& key, const std::string& fallback) const {
         if (!file_.contains(key)) {
             return fallback;
@@ -57,7 +57,7 @@ class Store {
     QSettings file_{QStringLiteral("Velantrix"), QStringLiteral("Server")};
 };
 
-/// Takes a new value over into the cache and the file.
+/// Stores a new value in the cache and the file.
 template <class Value>
 void keep(Value& cached, Value value, const char* key) {
     Store store;

@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <string>
 
-/// Where the window goes when it is minimised. Kept as an integer: values without a name here, as
-/// a newer release may have stored them, are kept too.
+/// Where the window goes when it is minimised. Stored as an integer; unknown values of newer
+/// releases are kept.
 enum class MinToTrayOption : std::int32_t {
     Taskbar = 0,  ///< It stays in the task bar.
     Tray = 1,     ///< It goes to the system tray.
@@ -13,13 +13,12 @@ enum class MinToTrayOption : std::int32_t {
 /// The user's persistent settings: a process-wide cache over Qt's settings file of the
 /// organisation "Velantrix", application "Server", in the user's configuration folder.
 ///
-/// Getters with a fixed key read the cache only, setters write cache and file. Nothing reports
-/// failure: a file that cannot be written loses the value at the end of the process. Texts go to
-/// the file as UTF-8 and come back in the locale's 8-bit encoding.
+/// Getters with a fixed key read only the cache, setters write cache and file. Failures are not
+/// reported: when the file cannot be written, the value is lost at the end of the process. Texts
+/// are written as UTF-8 and read in the locale's 8-bit encoding.
 ///
-/// Nothing here locks. loadSettings() runs before the worker threads exist; after that each
-/// setting belongs to one thread, the two VersionCheck ones to the version check thread.
-/// Realtime-safe: no.
+/// Nothing here locks. loadSettings() runs before the worker threads exist; after that each setting
+/// belongs to one thread, the two of VersionCheck to the version check thread. Realtime-safe: no.
 class Settings {
   public:
     /// Reads all keys; a missing one keeps its cached value. Writes nothing.
@@ -47,14 +46,13 @@ class Settings {
     static int getVersionCheckTime() { return VersionCheckTime; }
     static void setVersionCheckTime(int minutes);
 
-    /// The newest version text that the user has been told about; empty: none. Never null; valid
-    /// until the next setVersionCheckResponse() or loadSettings().
+    /// The newest version that was announced to the user; empty: none. Never null; valid until the
+    /// next setVersionCheckResponse() or loadSettings().
     static const char* getVersionCheckResponse() { return VersionCheckResponse.c_str(); }
     static void setVersionCheckResponse(const char* version);
 
-    /// The selected input of the kind `suffix`. The empty suffix reads the cache, any other one
-    /// its own key in the file, with the cached text as the fallback. Neither argument of the two
-    /// may be null.
+    /// The selected input of the kind `suffix`. The empty suffix reads the cache; others read their
+    /// key in the file, with the cached text as the default. Arguments may not be null.
     static std::string getInputSelect(const char* suffix);
 
     /// Stores the selected input of the kind `suffix`. Only the empty suffix has a cache.

@@ -49,7 +49,7 @@ QString audioStatusText(bool active) {
            QString().setNum(rate, 'g', 6) + QStringLiteral(" kHz</font>");
 }
 
-/// The layout is fixed in pixels, so the size of the font is, too; its family is the user's.
+/// The layout is in pixels, so the size of the font is, too; the user chooses its family.
 void fixFontSize(QWidget& content) {
     QFont font;
     font.setPixelSize(FONT_PIXELS);
@@ -57,7 +57,7 @@ void fixFontSize(QWidget& content) {
 }
 
 /// Copies at most 255 bytes.
-void remember(char (&kept)[NAME_ROOM], const char* name) {
+void copyName(char (&kept)[NAME_ROOM], const char* name) {
     const std::size_t length = std::min(std::strlen(name), NAME_ROOM - 1);
     std::memcpy(kept, name, length);
     kept[length] = '\0';
@@ -65,7 +65,7 @@ void remember(char (&kept)[NAME_ROOM], const char* name) {
 
 }  // namespace
 
-// The collection lies in a static library, which the linker leaves out unless it is named.
+// The linker drops the resources of a static library unless they are named.
 static void keepResources() {
     Q_INIT_RESOURCE(VelantrixServer);
 }
@@ -159,11 +159,11 @@ void VelantrixServer::SetClientStatus(int clientCount, const char* clientName, b
     } else {
         emit setClientStatus(message);
     }
-    // The window may be gone by now: from here on nothing of it is touched.
+    // The window may be gone now: nothing of it may be used after this.
     if (clientCount <= 0) {
         o_name[0] = '\0';
     } else if (name != o_name) {
-        remember(o_name, name);
+        copyName(o_name, name);
     }
 }
 

@@ -14,11 +14,10 @@
 /// is being captured, and who is connected.
 ///
 /// Worker threads never touch a widget. The signals below are connected to the slots of the same
-/// subject with blocking queued connections: who emits one is suspended until the main thread has
-/// run the slot. Emitting one on the main thread would never come back.
+/// subject with blocking queued connections: the emitting thread waits until the main thread has
+/// run the slot. The main thread would wait for itself.
 ///
-/// Built, shown and destroyed on the main thread; once its destruction has begun the slots open
-/// no box any more.
+/// Built, shown and destroyed on the main thread; during its destruction the slots open no box.
 class VelantrixServer : public QMainWindow, public VelantrixServerNoGUI {
     Q_OBJECT
 
@@ -29,8 +28,8 @@ class VelantrixServer : public QMainWindow, public VelantrixServerNoGUI {
     /// Releases the threads that wait for the window, then stops the sound as the core does.
     ~VelantrixServer() override;
 
-    /// Shows the status line "Connected ..." or "Disconnected" and keeps the name for the reports
-    /// that come without one. Without `direct` it blocks until the main thread has shown it.
+    /// Shows the status line "Connected ..." or "Disconnected" and keeps the name for later reports
+    /// without a name. Without `direct` it blocks until the main thread has shown it.
     void SetClientStatus(int clientCount, const char* clientName, bool direct) override;
 
     /// Shows `message` (Latin-1; null: empty) in a box and blocks until the user has closed it.
@@ -56,10 +55,10 @@ class VelantrixServer : public QMainWindow, public VelantrixServerNoGUI {
     void setClientStatus(QString theMessage);
 
   public slots:
-    /// Starts the PulseAudio volume control through a shell, which dies with the server.
+    /// Starts the PulseAudio volume control through a shell, which ends with the server.
     void handlePAVButtonClicked();
 
-    /// Refreshes what changes by itself; runs every second.
+    /// Updates address and audio status; runs every second.
     void handleTimerTimeout();
 
     void handleShowMessage(QString message);

@@ -11,13 +11,12 @@
 
 namespace {
 
-/// False once the window is going. A box would then wait for a user who has already left.
+/// False once the window is being destroyed: the user has quit.
 bool mayOpenBox() {
     return static_cast<bool>(CorePin());
 }
 
-/// Runs a box as one that does not count among the windows whose last one ends the program: it
-/// may be closed while the main window is hidden.
+/// Runs a box whose closing does not end the program when the main window is hidden.
 int runBox(QMessageBox& box) {
     box.setAttribute(Qt::WA_QuitOnClose, false);
     return box.exec();

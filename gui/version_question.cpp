@@ -1,4 +1,4 @@
-// What the window adds to the version check: it waits while it is minimised, and asks.
+// The window's part of the version check: waits while it is minimised, and asks.
 
 #include <cassert>
 #include <cstdlib>
@@ -17,9 +17,9 @@ namespace {
 
 constexpr int MINIMIZED_STEP_MS = 2000;
 constexpr int NO_SHELL = 127;
-constexpr int DESCRIPTORS_KEPT = 1024;
+constexpr int DESCRIPTORS_MARKED = 1024;
 
-/// False when the window went away meanwhile: nothing of it may be touched then.
+/// False when the window is gone: nothing of it may then be used.
 bool waitWhileMinimized(const QWidget& window) {
     for (;;) {
         {
@@ -32,8 +32,7 @@ bool waitWhileMinimized(const QWidget& window) {
     }
 }
 
-/// The user's answer to the question. None when the window went away meanwhile: what the check
-/// stored may have outlasted it, on a slow disc.
+/// The user's answer to the question; none when the window is gone.
 std::optional<int> ask(VelantrixServer& window) {
     const CorePin pin;
     if (!pin) {
@@ -45,19 +44,19 @@ std::optional<int> ask(VelantrixServer& window) {
         QMessageBox::Yes | QMessageBox::No);
 }
 
-/// Keeps programs that are started from now on from inheriting our sockets: a browser that
-/// outlives the server would go on holding its port.
-void keepDescriptorsToOurselves() {
-    for (int descriptor = STDERR_FILENO + 1; descriptor < DESCRIPTORS_KEPT; ++descriptor) {
+/// Keeps child processes from inheriting our sockets: a browser that outlives the server would keep
+/// its port busy.
+void closeDescriptorsOnExec() {
+    for (int descriptor = STDERR_FILENO + 1; descriptor < DESCRIPTORS_MARKED; ++descriptor) {
         ::fcntl(descriptor, F_SETFD, FD_CLOEXEC);
     }
 }
 
-/// Opens the maker's web address in the user's browser, which may take as long as the browser
-/// runs. False when no shell could be started for it. The status is compared as it is, not
-/// decoded: a shell that ran counts as success, whatever became of its command.
+/// Opens the maker's web address in the user's browser; may return only when the browser ends.
+/// False when no shell could be started. The status is not decoded: a shell that ran counts as
+/// success.
 bool openBrowser() {
-    keepDescriptorsToOurselves();
+    closeDescriptorsOnExec();
     const int status = std::system(browserCommand(webAddress()).c_str());
     return status >= 0 && status != NO_SHELL;
 }

@@ -11,7 +11,7 @@ namespace {
 constexpr int DESCRIPTORS_CLOSED = 256;
 constexpr int STATUS_NO_SHELL = 127;
 
-/// The child's half. It borrows the parent's memory until it runs the shell: nothing here may
+/// Runs in the child, which shares the parent's memory until it runs the shell: nothing here may
 /// allocate, lock or return.
 [[noreturn]] void becomeVolumeControl() {
     for (int descriptor = 0; descriptor < DESCRIPTORS_CLOSED; ++descriptor) {

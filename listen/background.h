@@ -11,24 +11,25 @@
 
 namespace vxlisten {
 
-/// Work that is given up at the end of the program; see workAbandoned().
+/// Set when work still runs at the end of the program; see workAbandoned().
 inline std::atomic<bool> abandonedWork{false};
 
-/// Notes that work in the background goes on although nobody waits for it any more. Thread: any.
+/// Notes that work in the background may still run, although its result is no longer needed.
+/// Thread: any.
 inline void noteAbandoned() {
     abandonedWork = true;
 }
 
 /// True when background work may still run: the program must then end without exit handlers, which
-/// would take away what the work uses. Thread: any.
+/// would destroy what the work uses. Thread: any.
 inline bool workAbandoned() {
     return abandonedWork;
 }
 
-/// Runs `work` on a thread of its own and returns its result to come. Unlike std::async's, the
-/// future does not wait when it is thrown away: a call into a library that hangs must not hold up
-/// the end of the program. So `work` may own what it uses, but borrow nothing.
-/// Without a thread to be had the result is an empty one, as when the work failed.
+/// Runs `work` on a new thread and returns a future of its result. Unlike std::async's, the future
+/// does not wait when it is destroyed: a call that hangs must not delay the end of the program. So
+/// `work` must own everything that it uses. When no thread can be created, the result is empty, as
+/// after a failure.
 template <class Work>
 auto inBackground(Work work) -> std::future<decltype(work())> {
     using Result = decltype(work());
@@ -36,7 +37,7 @@ auto inBackground(Work work) -> std::future<decltype(work())> {
     auto result = task->get_future();
     try {
         std::thread([task] { (*task)(); }).detach();
-    } catch (const std::system_error&) {  // GCOVR_EXCL_START: no thread is to be had
+    } catch (const std::system_error&) {  // GCOVR_EXCL_START: no thread can be created
         std::promise<Result> nothing;
         if constexpr (std::is_void_v<Result>) {
             nothing.set_value();

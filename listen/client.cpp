@@ -17,13 +17,12 @@ namespace vxlisten {
 namespace {
 
 constexpr std::uint32_t SERVICE_MS = 5;
-constexpr std::uint32_t GOODBYE_MS = 300;
-constexpr std::int64_t CONNECT_PATIENCE = 5 * SECOND;
-/// A server sends without a pause. When nothing comes although the connection stands, only a new
-/// connection helps.
-constexpr std::int64_t SILENCE_PATIENCE = 3 * SECOND;
+constexpr std::uint32_t DISCONNECT_TIMEOUT_MS = 300;
+constexpr std::int64_t CONNECT_TIMEOUT = 5 * SECOND;
+/// A server sends all the time. When a connection delivers nothing, only a new one helps.
+constexpr std::int64_t SILENCE_TIMEOUT = 3 * SECOND;
 constexpr std::int64_t WATCH_INTERVAL = 100 * MILLISECOND;
-// The least round trip is looked for: often at first, not in step with the server's blocks.
+// The minimum round trip is needed: ping often at first, and not in step with the server's blocks.
 constexpr std::int64_t FIRST_PINGS = 10 * SECOND;
 constexpr std::int64_t FIRST_PING_INTERVAL = 51 * MILLISECOND;
 constexpr std::int64_t PING_INTERVAL = 251 * MILLISECOND;
@@ -72,7 +71,7 @@ bool Client::prepare() {
     }
     counts_.server = receiver_.serverAddress();
     counts_.hostName = options_.server.host;
-    counts_.rateCode = options_.choice.rateCode;  // Until the first packet says what comes.
+    counts_.rateCode = options_.choice.rateCode;  // Until the first packet.
     counts_.reliable = options_.choice.reliable;
     return startConnecting();
 }
@@ -96,14 +95,14 @@ void Client::end(int status) {
     status_ = status;
 }
 
-void Client::endExcused() {
-    excused_ = true;
+void Client::endWithoutAudio() {
+    noAudioNeeded_ = true;
     end(STATUS_OK);
 }
 
 void Client::takeState(SinkState state) {
     if (state == SinkState::Closed) {
-        endExcused();
+        endWithoutAudio();
     } else if (state == SinkState::Failed) {
         fail(outputs_.error());
     }
@@ -166,13 +165,13 @@ void Client::handlePacket(const ENetPacket& packet) {
     counts_.rateCode = audio->rateCode;
     counts_.reliable = audio->reliable;
     takeState(outputs_.take(*audio, tracker_.observe(*audio), steadyNow()));
-    lastAudio_ = steadyNow();  // After the outputs, which may have made it wait.
+    lastAudio_ = steadyNow();  // After the outputs, which may block.
 }
 
 void Client::handleDisconnected(std::uint32_t data) {
     if (data == wire::DISCONNECT_REPLACED) {
-        reporter_.announce("another listener has taken this one's place at " + counts_.server);
-        endExcused();
+        reporter_.announce("another client has taken this one's place at " + counts_.server);
+        endWithoutAudio();
     } else if (link_ == Link::Connecting) {
         loseConnection(counts_.server + " does not answer");
     } else {
@@ -196,20 +195,20 @@ void Client::loseConnection(const std::string& why) {
     }
     enter(Link::Waiting);
     waitUntil_ = linkSince_ + retryPause_.next() * MILLISECOND;
-    // One that hangs is kept: a second would hang as well.
-    if (!whereabouts_.valid() || isReady(whereabouts_)) {
-        whereabouts_ = inBackground([server = options_.server, address = receiver_.address()] {
+    // One that hangs is kept: another would hang, too.
+    if (!lookUp_.valid() || isReady(lookUp_)) {
+        lookUp_ = inBackground([server = options_.server, address = receiver_.address()] {
             return locateAgain(server, address);
         });
     }
 }
 
-/// True when the look-up has just brought another address, which holds from now on.
+/// True when the look-up has just returned another address, which is used from now on.
 bool Client::followServer() {
-    if (!whereabouts_.valid() || !isReady(whereabouts_)) {
+    if (!lookUp_.valid() || !isReady(lookUp_)) {
         return false;
     }
-    const std::string address = whereabouts_.get();
+    const std::string address = lookUp_.get();
     if (address.empty() || address == receiver_.address() ||
         !receiver_.resolve(address, options_.server.port)) {
         return false;
@@ -222,9 +221,9 @@ bool Client::followServer() {
     return true;
 }
 
-void Client::giveUpSilentLine() {
-    receiver_.disconnect(GOODBYE_MS);
-    loseConnection("no audio has come from " + counts_.server + " for a while");
+void Client::dropSilentConnection() {
+    receiver_.disconnect(DISCONNECT_TIMEOUT_MS);
+    loseConnection("no audio received from " + counts_.server + " for a while");
 }
 
 void Client::watchTime() {
@@ -246,15 +245,15 @@ void Client::watchRoundTrip() {
 }
 
 void Client::watchConnection() {
-    if (link_ == Link::Connecting && steadyNow() - linkSince_ >= CONNECT_PATIENCE) {
+    if (link_ == Link::Connecting && steadyNow() - linkSince_ >= CONNECT_TIMEOUT) {
         loseConnection(counts_.server + " does not answer");
     } else if (link_ == Link::Waiting && steadyNow() >= waitUntil_) {
         followServer();
         startConnecting();  // To the old address when the look-up takes long.
     } else if (link_ == Link::Connecting && followServer()) {
         startConnecting();
-    } else if (link_ == Link::Connected && steadyNow() - lastAudio_ >= SILENCE_PATIENCE) {
-        giveUpSilentLine();
+    } else if (link_ == Link::Connected && steadyNow() - lastAudio_ >= SILENCE_TIMEOUT) {
+        dropSilentConnection();
     }
 }
 
@@ -287,7 +286,7 @@ void Client::watchFigures() {
     if (ended_ || steadyNow() < nextFigures_) {
         return;
     }
-    // After a stall no lines come to make up for those that were due.
+    // After a stall, skip the lines that were due.
     nextFigures_ = std::max(nextFigures_ + reporter_.interval(), steadyNow());
     measureBitRate();
     reporter_.show(figures());
@@ -313,21 +312,21 @@ Statistics Client::wholeFigures() {
 }
 
 int Client::finish() {
-    if (status_ == STATUS_OK && !excused_ && link_ != Link::Connected) {
+    if (status_ == STATUS_OK && !noAudioNeeded_ && link_ != Link::Connected) {
         takeState(outputs_.passSilence(steadyNow()));
     }
-    if (whereabouts_.valid() && !isReady(whereabouts_)) {
+    if (lookUp_.valid() && !isReady(lookUp_)) {
         noteAbandoned();
     }
     const Statistics statistics = wholeFigures();
-    receiver_.disconnect(GOODBYE_MS);
+    receiver_.disconnect(DISCONNECT_TIMEOUT_MS);
     if (outputs_.finish() == SinkState::Failed && status_ == STATUS_OK) {
         fail(outputs_.error());
     }
     if (everConnected_) {
         reporter_.report(statistics);
     }
-    if (status_ == STATUS_OK && counts_.packets == 0 && !excused_) {
+    if (status_ == STATUS_OK && counts_.packets == 0 && !noAudioNeeded_) {
         fail("no audio has arrived");
     }
     return status_;

@@ -18,15 +18,15 @@
 
 namespace vxlisten {
 
-/// The whole session of one run: keeps connected to the server, hands the audio on and prints the
+/// The session: stays connected to the server, passes the audio to the outputs and prints the
 /// figures. Everything on the thread that calls run().
 class Client {
   public:
     /// `options` is borrowed and must outlive this; its host is chosen.
     explicit Client(const Options& options) : options_(options), reporter_(options) {}
 
-    /// Listens until the time is over, a stop is requested or nothing more can be done. Returns
-    /// the exit status of the program, having told why when it is not 0.
+    /// Listens until the time is over, a stop is requested or an error ends it. Returns the exit
+    /// status of the program; when it is not 0 a message has been printed.
     int run();
 
   private:
@@ -42,9 +42,9 @@ class Client {
     void handleDisconnected(std::uint32_t data);
     void loseConnection(const std::string& why);
     void watchOutputs();
-    void giveUpSilentLine();
+    void dropSilentConnection();
     bool followServer();
-    void endExcused();
+    void endWithoutAudio();
     void takeState(SinkState state);
     void watchTime();
     void watchRoundTrip();
@@ -63,19 +63,19 @@ class Client {
     SequenceTracker tracker_;
     Outputs outputs_;
     RetryPause retryPause_;
-    Statistics counts_;                     ///< What is counted here; figures() adds the rest.
-    std::future<std::string> whereabouts_;  ///< A look-up of where the server is now.
+    Statistics counts_;                ///< Counted here; figures() adds the rest.
+    std::future<std::string> lookUp_;  ///< Look-up of the server's address.
     Link link_ = Link::Connecting;
     bool everConnected_ = false;
     bool ended_ = false;
     int status_ = 0;
-    bool excused_ = false;  ///< It has ended for a reason that asks for no audio.
+    bool noAudioNeeded_ = false;  ///< The end needs no audio to count as success.
     // Times in microseconds.
     std::int64_t start_ = 0;
     std::int64_t linkSince_ = 0;  ///< When the present state of the link began.
     std::int64_t waitUntil_ = 0;  ///< Waiting: time of the next attempt.
     std::int64_t firstConnect_ = 0;
-    std::int64_t lastAudio_ = 0;  ///< Connected: when audio last came, or the connection did.
+    std::int64_t lastAudio_ = 0;  ///< Connected: time of the latest audio, or of the connection.
     std::int64_t nextFigures_ = 0;
     std::int64_t nextWatch_ = 0;
     std::int64_t nextPing_ = 0;

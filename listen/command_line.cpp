@@ -40,7 +40,7 @@ std::string ownName() {
     return known ? name : "velantrix-listen";
 }
 
-/// What is read before it is checked.
+/// The values before they are checked.
 struct Words {
     std::string host;
     std::string rate = "raw";
@@ -54,36 +54,36 @@ struct Words {
 };
 
 void describe(CLI::App& app, Words& words, Options& options) {
-    app.add_option("HOST", words.host, "Server as HOST or HOST:PORT; none: find one");
-    app.add_flag("--list", options.list, "List the servers that answer, and end");
+    app.add_option("HOST", words.host, "Server, HOST or HOST:PORT; default: the first found");
+    app.add_flag("--list", options.list, "List the servers that answer, and exit");
     app.add_option("--port", words.port, "UDP port of the server (59010)")
         ->check(CLI::Range(1, 65535));
     app.add_option("--rate", words.rate, "raw, or kbit/s of Opus: 20, 64, 128, 256 (raw)");
-    app.add_flag("--best-effort", words.bestEffort, "Lost packets are not sent again");
+    app.add_flag("--best-effort", words.bestEffort, "Do not resend lost packets");
     app.add_option("--name", options.choice.name, "Name that the server shows (this host's)");
-    app.add_flag("--single", words.single, "Give the place up to the next listener that connects");
+    app.add_flag("--single", words.single, "Leave when another client connects");
     app.add_option("--buffer", options.playout.bufferMs,
-                   "Milliseconds of sound to keep ready, at least (40 at first)")
+                   "Minimum buffer in milliseconds (40 at first)")
         ->check(CLI::Range(DelayTarget::MINIMUM_MS, DelayTarget::MAXIMUM_MS));
     app.add_option("--delay", words.delay,
-                   "Milliseconds from the server to the loudspeaker, for rooms in step");
+                   "Fixed delay to the loudspeaker in milliseconds, for rooms in step");
     app.add_option("--offset", words.offset,
-                   "Milliseconds that the loudspeaker is late by without saying so");
+                   "Latency in milliseconds that the device does not report");
     app.add_option("--device", options.device, "Output device: its name, or part of it");
     app.add_flag("--list-devices", options.listDevices,
-                 "List the output devices, the default one first, and end");
-    app.add_flag("--stdout", options.toStdout, "Write raw 16-bit stereo, and do not play");
+                 "List the output devices, the default one first, and exit");
+    app.add_flag("--stdout", options.toStdout,
+                 "Write raw 16-bit stereo to standard output; do not play");
     app.add_option("--record", options.recordPath, "Record to a .wav, .flac, .ogg or .opus file");
     app.add_flag("--no-play", words.noPlay, "Do not play the sound");
-    app.add_option("--seconds", options.seconds, "End this long after the connection");
-    app.add_flag("--once", options.once, "End with the connection instead of trying again");
-    app.add_flag("--stats", words.stats,
-                 "Print figures once a second; --stats=json as JSON objects");
-    app.add_flag("--quiet", options.quiet, "Print nothing but errors");
+    app.add_option("--seconds", options.seconds, "Exit this many seconds after connecting");
+    app.add_flag("--once", options.once, "Exit when the connection is lost; do not reconnect");
+    app.add_flag("--stats", words.stats, "Print statistics once a second; --stats=json: as JSON");
+    app.add_flag("--quiet", options.quiet, "Print only errors");
     app.set_version_flag("--version", "velantrix-listen " VELANTRIX_LISTEN_VERSION);
 }
 
-/// One sentence about what is wrong, empty when nothing is.
+/// A message about an error, empty for none.
 using Complaint = std::string;
 
 Complaint takeHost(const Words& words, Options& options) {
@@ -118,7 +118,7 @@ Complaint takeStats(const Words& words, Options& options) {
     } else if (words.stats == "true") {
         options.stats = StatsStyle::Lines;
     } else if (!words.stats.empty()) {
-        return "--stats takes nothing or =json";
+        return "--stats takes no value or =json";
     }
     return {};
 }
@@ -159,7 +159,7 @@ std::optional<double> readNumber(const std::string& text) {
     char* end = nullptr;
     const double value = std::strtod(begin, &end);
     const bool whole = end != begin && end == begin + text.size();
-    // Neither blanks before it nor what strtod takes in addition: "nan", "inf" and hexadecimals.
+    // No leading blanks, nor "nan", "inf" and hexadecimals, which strtod accepts.
     const bool plain = text.find_first_not_of("+-.0123456789eE") == std::string::npos;
     return whole && plain && std::isfinite(value) ? std::optional(value) : std::nullopt;
 }
@@ -211,7 +211,7 @@ int complain(const Complaint& complaint) {
 CommandLine readCommandLine(int argc, const char* const* argv) {
     CommandLine result;
     Words words;
-    CLI::App app("Listens to a Velantrix Server", "velantrix-listen");
+    CLI::App app("Plays, records or pipes the sound of a Velantrix Server", "velantrix-listen");
     describe(app, words, result.options);
     try {
         app.parse(argc, argv);

@@ -9,10 +9,9 @@ namespace vxlisten {
 /// Exit statuses of the program.
 constexpr int STATUS_OK = 0;
 constexpr int STATUS_FAILURE = 1;  ///< Something failed while it ran.
-constexpr int STATUS_USAGE = 2;    ///< The command line makes no sense.
+constexpr int STATUS_USAGE = 2;    ///< Wrong command line.
 
-/// What the command line asks for: options to run with, or the status to end with at once (help
-/// and version, or a sentence about an error, have then been printed).
+/// The options, or the status to end with at once, after printing help, version or a message.
 struct CommandLine {
     Options options;
     std::optional<int> status;

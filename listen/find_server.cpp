@@ -13,12 +13,12 @@ namespace vxlisten {
 
 namespace {
 
-/// Other servers that answer this soon after the first one are told of.
+/// How long to wait for other servers after the first answer.
 constexpr std::chrono::milliseconds GRACE{300};
-/// A search for a server that was there before does not hold up the attempts to reach it.
+/// A search for a lost server must not delay the attempts to reach it.
 constexpr std::chrono::milliseconds SHORT_LIMIT{1000};
 
-/// A server's discovery port is one above the port that its environment chose, if it did.
+/// A server's discovery port is one above a port chosen by its environment.
 DiscoverySearch makeSearch(const ServerChoice& choice) {
     DiscoverySearch search;
     search.ports = {wire::DEFAULT_DISCOVERY_PORT};

@@ -32,7 +32,7 @@ void print(std::FILE* target, const std::vector<vxlisten::FoundServer>& servers)
     }
 }
 
-/// False when no server has answered, having told why.
+/// False, after a message, when no server has answered.
 bool hasAnswer(const vxlisten::DiscoveryResult& result) {
     if (!result.error.empty()) {
         std::fprintf(stderr, "velantrix-listen: cannot look for servers: %s\n",
@@ -53,7 +53,7 @@ int printServers(const vxlisten::ServerChoice& choice) {
 bool chooseServer(vxlisten::Options& options) {
     const vxlisten::DiscoveryResult result = vxlisten::findServer(options.server);
     if (result.servers.size() > 1 && !options.quiet) {
-        std::fputs("velantrix-listen: several servers have answered, taking the first\n", stderr);
+        std::fputs("velantrix-listen: several servers have answered, using the first\n", stderr);
         print(stderr, result.servers);
     }
     return hasAnswer(result);
@@ -82,7 +82,7 @@ int main(int argc, char** argv) {
     }
     const int status = listenTo(commandLine.options);
     if (vxlisten::workAbandoned()) {
-        // GCOVR_EXCL_START: without exit handlers, which write the counts, too
+        // GCOVR_EXCL_START: exit handlers would write the counts
         std::fflush(nullptr);
         std::_Exit(status);
         // GCOVR_EXCL_STOP

@@ -38,7 +38,7 @@ bool Outputs::openSound(const Options& options) {
         const double seconds = options.playout.delayMs.value_or(0) / 1000.0;
         if (seconds >= LONG_DELAY_SECONDS) {
             char text[64];
-            std::snprintf(text, sizeof text, "the first sound will be heard after %g s", seconds);
+            std::snprintf(text, sizeof text, "the sound starts in %g s", seconds);
             warning_ = text;
         }
         return true;
@@ -46,7 +46,7 @@ bool Outputs::openSound(const Options& options) {
     const std::string reason = sound_->error();
     sound_.reset();
     if (recorder_ != nullptr && options.device.empty()) {
-        warning_ = reason + "; recording without it";
+        warning_ = reason + "; recording only";
         return true;
     }
     error_ = reason +
@@ -84,9 +84,9 @@ SinkState Outputs::watch(std::int64_t now, std::string& news) {
     if (sound_ != nullptr) {
         news = sound_->watch(now);
     }
-    if (news.empty() && delayKept_ && sendClock_.jumps() != jumpsTold_) {
-        jumpsTold_ = sendClock_.jumps();
-        news = "the server's clock has jumped, coming into step again";
+    if (news.empty() && delayKept_ && sendClock_.jumps() != jumpsReported_) {
+        jumpsReported_ = sendClock_.jumps();
+        news = "the server's clock has jumped, synchronizing again";
     }
     return pipe_ != nullptr && pipe_->readerGone() ? SinkState::Closed : SinkState::Open;
 }

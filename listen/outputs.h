@@ -20,32 +20,32 @@
 
 namespace vxlisten {
 
-/// Everything that the audio goes into: the levels, the recording, the pipe and the output device,
-/// as the options choose. Everything on one thread.
+/// The destinations of the audio: levels, recording, pipe and output device, as the options choose.
+/// Everything on one thread.
 class Outputs {
   public:
-    /// Opens what `options` names. False when that is not possible, see error(). A device that
-    /// cannot be opened is only a warning when there is a recording to make.
+    /// Opens the outputs of `options`. False on failure, see error(). When there is a recording, a
+    /// device that cannot be opened is only a warning.
     [[nodiscard]] bool open(const Options& options);
 
-    /// Hands a packet on that came at `now` (microseconds). Returns how the sinks took it.
+    /// Passes on a packet that arrived at `now` (microseconds). Returns the state of the sinks.
     SinkState take(const AudioPacket& packet, const SequenceStep& step, std::int64_t now);
 
-    /// Takes a round trip to the server and back, in microseconds.
+    /// Notes a round-trip time in microseconds.
     void noteRoundTrip(double roundTrip) { sendClock_.noteRoundTrip(roundTrip); }
 
-    /// Looks after the outputs; to be called several times a second. Returns whether they go on;
-    /// `news` is a sentence for the user when something happened to the output device.
+    /// Checks the outputs; to be called several times a second. Returns their state; `news` is a
+    /// message for the user when something happened to the output device.
     SinkState watch(std::int64_t now, std::string& news);
 
-    /// Puts silence in place of the sound that is missing while there is no connection; to be
-    /// called several times a second then. Returns how the sinks took it.
+    /// Writes silence for the sound that is missing while there is no connection; then to be called
+    /// several times a second. Returns the state of the sinks.
     SinkState passSilence(std::int64_t now);
 
     /// Completes the recording. Failed: see error().
     SinkState finish();
 
-    /// Enters the outputs' figures into `statistics`, levels since the last clearLevels().
+    /// Adds the outputs' figures to `statistics`, levels since the last clearLevels().
     void describe(Statistics& statistics);
 
     /// Levels of all sound, instead of the recent ones.
@@ -64,7 +64,7 @@ class Outputs {
     StreamDecoder decoder_;
     SendClock sendClock_;
     bool delayKept_ = false;
-    unsigned jumpsTold_ = 0;
+    unsigned jumpsReported_ = 0;
     Timeline timeline_;
     std::unique_ptr<Recorder> recorder_;
     std::unique_ptr<PipeSink> pipe_;

@@ -5,15 +5,15 @@
 
 namespace vxlisten {
 
-/// The pauses between attempts to reach a server again: each twice as long as the one before, up
-/// to a longest one.
+/// Back-off: pauses between attempts to reach a server, each twice as long as the one before, up to
+/// a maximum.
 class RetryPause {
   public:
     static constexpr std::int64_t FIRST_MS = 250;
-    static constexpr std::int64_t LONGEST_MS = 5000;
+    static constexpr std::int64_t MAXIMUM_MS = 5000;
 
     /// `longest` in milliseconds.
-    explicit RetryPause(std::int64_t longest = LONGEST_MS) : longest_(longest) {}
+    explicit RetryPause(std::int64_t longest = MAXIMUM_MS) : longest_(longest) {}
 
     /// The pause before the next attempt, in milliseconds.
     std::int64_t next() {

@@ -23,18 +23,18 @@ void installStopRequest() {
     assert(onMainThread());
     struct sigaction action = {};
     action.sa_handler = onSignal;
-    action.sa_flags = static_cast<int>(SA_RESETHAND);  // Blocking calls are to be interrupted.
+    action.sa_flags = static_cast<int>(SA_RESETHAND);  // So that blocking calls are interrupted.
     sigaction(SIGINT, &action, nullptr);
     sigaction(SIGTERM, &action, nullptr);
     struct sigaction before = {};
     sigaction(SIGHUP, nullptr, &before);
-    if (before.sa_handler != SIG_IGN) {  // As nohup leaves it.
+    if (before.sa_handler != SIG_IGN) {  // nohup sets SIG_IGN.
         sigaction(SIGHUP, &action, nullptr);
     }
     action.sa_handler = SIG_IGN;
     action.sa_flags = 0;
     sigaction(SIGPIPE, &action, nullptr);
-    sigaction(SIGXFSZ, &action, nullptr);  // A write that is too large then fails instead.
+    sigaction(SIGXFSZ, &action, nullptr);  // A write that is too large then fails.
 }
 
 bool stopRequested() {

@@ -2,11 +2,11 @@
 
 namespace vxlisten {
 
-/// Makes SIGINT, SIGTERM and SIGHUP ask the program to end; a second signal ends it at once.
-/// SIGPIPE is ignored. Thread: main, before any other thread exists.
+/// Makes SIGINT, SIGTERM and SIGHUP request the end of the program; a second signal ends it at
+/// once. SIGPIPE is ignored. Thread: main, before any other thread exists.
 void installStopRequest();
 
-/// True once the program was asked to end. Thread: any.
+/// True once the end was requested. Thread: any.
 bool stopRequested();
 
 }  // namespace vxlisten

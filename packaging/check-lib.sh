@@ -11,8 +11,8 @@ wait_until() {
     done
 }
 
-# web_answers PATH [ADDRESS]: velantrix-web answers a request for it with status 200. By bash, which
-# every tree has.
+# web_answers PATH [ADDRESS]: velantrix-web answers a request for it with status 200. With bash,
+# which every tree has.
 web_answers() {
     timeout 5 bash -c 'exec 3<>"/dev/tcp/$2/59080"
         printf "GET %s HTTP/1.1\r\nHost: %s\r\nConnection: close\r\n\r\n" "$1" "$2" >&3
@@ -20,7 +20,7 @@ web_answers() {
 }
 
 # play_into_nothing [PREFIX...]: starts a sound server at $XDG_RUNTIME_DIR/native whose only sink
-# makes no sound, in the background; PREFIX are words before the command. Its words go to
+# makes no sound, in the background, with PREFIX before the command. Its output goes to
 # pulseaudio.log.
 play_into_nothing() {
     "$@" pulseaudio -n --daemonize=no --exit-idle-time=-1 --use-pid-file=no --disable-shm=1 \

@@ -1,9 +1,9 @@
 #!/bin/sh
-# Runs inside a tree as root, in a network namespace of its own: the packaged server stands behind
-# ufw and then behind firewalld, the packaged client looks for it from a second namespace at the
-# other end of a virtual cable. Closed, it must neither be found nor stream; opened with the
-# installed profile, and with the commands of README.md and SECURITY.md, it must do both.
-# Usage: firewall-check.sh     (scripts/firewall-test makes the world that it needs)
+# Runs inside a tree as root, in a network namespace: the packaged server runs behind ufw and then
+# behind firewalld, the packaged client looks for it from a second namespace at the other end of a
+# veth pair. Closed, it must neither be found nor stream; opened with the installed profile, and
+# with the commands of the documents, it must do both. Usage: firewall-check.sh
+# (scripts/firewall-test makes the world that it needs)
 set -eu
 checks=$(dirname "$0")
 . "$checks/check-lib.sh"
@@ -120,8 +120,8 @@ try_ufw() {
     ufw --force reset >/dev/null
 }
 
-# The answer to a multicast query comes from an address that was not asked: the client's own
-# firewall takes it for something new.
+# The answer to a multicast query comes from another address than the query went to: the client's
+# firewall does not recognise it as an answer.
 try_client_firewall() {
     on_client ufw --force enable >/dev/null
     ! found || die "ufw on the client: the server is found"

@@ -1,8 +1,8 @@
 #!/bin/sh
-# Runs inside a tree as an ordinary user, whose service manager it starts: tries the packaged unit
-# velantrix-server.service against the packaged velantrix-listen, and velantrix-web.service beside it.
-# The recordings are left in ~/heard-*.wav, the programs' lines in ~/server.log and ~/web.log.
-# Usage: service-check.sh pulseaudio|pipewire  (scripts/service-test makes the world that it needs)
+# Runs inside a tree as an ordinary user, whose service manager it starts: tests the packaged
+# velantrix-server.service with the packaged velantrix-listen, and velantrix-web.service. The
+# recordings are left in ~/heard-*.wav, the programs' lines in ~/server.log and ~/web.log. Usage:
+# service-check.sh pulseaudio|pipewire  (scripts/service-test makes the world that it needs)
 set -eu
 . "$(dirname "$0")/check-lib.sh"
 cd "$HOME"
@@ -51,7 +51,7 @@ hear() {
 }
 
 # Each sound server as Debian's units start it, with a null sink and a silent microphone, which is
-# the default input; its start is made slow, so that a server that did not wait would be seen.
+# the default input. Its start is slow, so that a server that does not wait would fail.
 configure_pulseaudio() {
     mkdir -p .config/pulse
     cat >.config/pulse/default.pa <<END
@@ -83,7 +83,7 @@ END
 configure_$sound
 mkdir -p .config/systemd/user/$sound.service.d .config/systemd/user/$unit.service.d
 printf '[Service]\nExecStartPre=/bin/sleep 2\n' >.config/systemd/user/$sound.service.d/slow.conf
-# What `systemctl --user edit` would write, and the log in a file, as there is no journal here.
+# The file of `systemctl --user edit`, with the log in a file, as there is no journal here.
 cat >.config/systemd/user/$unit.service.d/override.conf <<END
 [Service]
 Environment=$monitor
@@ -96,7 +96,7 @@ END
 
 /usr/lib/systemd/systemd --user >manager.log 2>&1 &
 wait_until 60 systemctl --user list-units || die "the user's service manager does not answer"
-# Nothing wanted yet: a socket would bring the sound server up by itself otherwise.
+# Mask the sockets: one would start the sound server.
 systemctl --user stop $units
 systemctl --user reset-failed
 

@@ -1,9 +1,9 @@
 #!/bin/sh
-# Runs inside a tree, as an ordinary user without display or sound card: a private sound server
-# with a null sink plays a tone, VelantrixServer streams the sink's monitor, velantrix-listen
-# finds it through multicast and records it to ~/heard.wav; velantrix-web does, too, and what it sends
-# a player is left in ~/heard-web.wav.
-# Usage: stream-check.sh SECONDS [EMULATOR]. The programs run under EMULATOR if it is given.
+# Runs inside a tree, as an ordinary user without display or sound card: a private sound server with
+# a null sink plays a tone, VelantrixServer streams the sink's monitor, velantrix-listen finds it
+# through multicast and records it to ~/heard.wav; velantrix-web does, too, and its stream is
+# recorded to ~/heard-web.wav. Usage: stream-check.sh SECONDS [EMULATOR]. The programs run under
+# EMULATOR if it is given.
 set -eu
 . "$(dirname "$0")/check-lib.sh"
 seconds=$1

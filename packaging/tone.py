@@ -1,5 +1,5 @@
 #!/usr/bin/python3
-"""Writes a tone of 1000 Hz, or checks that a recording holds it.
+"""Writes a tone of 1000 Hz, or checks that a recording contains it.
 
 tone.py write FILE SECONDS
 tone.py check FILE SECONDS [SHARE]    at least so many seconds, the tone at its level in this

@@ -29,7 +29,7 @@ bool sameAddress(const ENetAddress& a, const ENetAddress& b) {
     return a.host == b.host && a.port == b.port;
 }
 
-/// Tells the slot's client that another one takes its place. Old clients are only forgotten.
+/// Disconnects the slot's client because another one takes its place. Old clients stay connected.
 void disconnectReplaced(const ClientSlot& slot) {
     if (slot.protocolVersion != 0) {
         enet_peer_disconnect(slot.peer, wire::DISCONNECT_REPLACED);
@@ -48,7 +48,7 @@ ClientSlot& oldestSlot() {
     return *oldest;
 }
 
-/// Finds room for a new client, throwing out the oldest when there is none.
+/// Finds a slot for a new client, if need be that of the oldest.
 ClientSlot& makeRoomFor(const ENetPeer& newPeer) {
     for (ClientSlot& slot : clientConn) {
         if (slot.peer == nullptr) {
@@ -74,8 +74,8 @@ void dropSingleClients() {
     }
 }
 
-/// The slot that holds the peer itself, which ENet gives to the next client that comes; where none
-/// does, the first of its address. Null: there is none of either.
+/// The slot that holds the peer; if none does, the first with its address, because ENet reuses
+/// peers. Null: none.
 ClientSlot* slotOfDisconnected(const ENetPeer& peer) {
     ClientSlot* first = nullptr;
     for (ClientSlot& slot : clientConn) {
@@ -90,7 +90,7 @@ ClientSlot* slotOfDisconnected(const ENetPeer& peer) {
     return first;
 }
 
-/// Copies the NUL-terminated name behind the header, cut to what fits and to the packet.
+/// Copies the NUL-terminated name after the header, cut to the length of `name` and of the packet.
 void readClientName(const ENetPacket& packet, char (&name)[wire::MAX_CLIENT_NAME + 1]) {
     const std::size_t available =
         packet.dataLength > wire::HEADER_LENGTH ? packet.dataLength - wire::HEADER_LENGTH : 0;

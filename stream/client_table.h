@@ -11,7 +11,7 @@ constexpr std::size_t CLIENT_SLOTS = 10;
 /// One client that may receive audio. A free slot is all zero.
 struct ClientSlot {
     std::uint32_t protocolVersion = 0;  ///< 0: an old client that is never actively disconnected.
-    std::uint8_t multiClient = 0;       ///< Clear: dropped as soon as any other client connects.
+    std::uint8_t multiClient = 0;       ///< 0: dropped as soon as another client connects.
     std::uint8_t reliable = 0;          ///< 1: reliable delivery, 0: best-effort.
     std::uint32_t rateCode = 0;         ///< 0: raw PCM; 1 to 7: compressed.
     std::uint8_t dataRequested = 0;     ///< 1 once the client has asked for audio.
@@ -23,24 +23,24 @@ struct ClientSlot {
 /// touched by the capture thread only.
 extern std::array<ClientSlot, CLIENT_SLOTS> clientConn;
 
-/// ENet connections, whatever the table does with them. Thread: capture.
+/// ENet connections, also those that the table does not hold. Thread: capture.
 extern std::int32_t connectCount;
 
-/// True when the slot's client is to receive audio now. Realtime-safe: yes.
-/// Inline, because the send path asks it of every slot in every pass.
+/// True when the slot's client is to receive audio now. Realtime-safe: yes. Inline, because the
+/// send path calls it for each slot in each pass.
 inline bool isStreaming(const ClientSlot& slot) {
     return slot.peer != nullptr && slot.dataRequested != 0 &&
            slot.peer->state == ENET_PEER_STATE_CONNECTED;
 }
 
-/// Enters a new connection, replacing the oldest client of a full table and dropping clients that
-/// do not want company. `event` is a connect event. Thread: capture.
+/// Adds a new connection, replacing the oldest client of a full table and dropping clients without
+/// the multi-client flag. `event` is a connect event. Thread: capture.
 void handleConnect(const ENetEvent& event);
 
-/// Takes a client out. `event` is a disconnect event. Thread: capture.
+/// Removes a client. `event` is a disconnect event. Thread: capture.
 void handleDisconnect(const ENetEvent& event);
 
-/// Obeys a control message and destroys its packet. `event` is a receive event. Thread: capture.
+/// Handles a control message and destroys its packet. `event` is a receive event. Thread: capture.
 void handleReceive(const ENetEvent& event);
 
 /// Formats an IPv4 address as ENet holds it (network byte order in the low 32 bits) as dotted

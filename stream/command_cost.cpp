@@ -9,20 +9,20 @@
 
 namespace {
 
-/// Numbers that are further ahead are behind.
-constexpr enet_uint16 BEHIND = 0x8000;
+/// A number this far ahead or further is behind.
+constexpr enet_uint16 MIN_BEHIND = 0x8000;
 
-/// Early commands may fill half of the room that a client's messages have; what brings the channel
-/// on finds room in the other.
+/// Early commands may fill half of the room for a client's messages; the other half is for commands
+/// that are due.
 constexpr std::size_t MAX_EARLY_BYTES = MAX_WAITING_BYTES / 2;
 
-/// The steps that ENet may make for one peer.
+/// How many steps ENet may still make for one peer.
 struct Account {
-    enet_uint32 time = 0;  ///< ENet's, when it was last looked at.
+    enet_uint32 time = 0;  ///< ENet's, of the last update.
     std::size_t steps = 0;
 };
 
-/// Up to date. Who is given a place that others had before him has what they have left.
+/// The peer's steps, updated. A new client of the same peer inherits them.
 std::size_t& stepsOf(const ENetPeer& peer) {
     static std::array<Account, 32> accounts;
     Account& account = accounts[peer.incomingPeerID % accounts.size()];
@@ -33,14 +33,14 @@ std::size_t& stepsOf(const ENetPeer& peer) {
     return account.steps;
 }
 
-/// False when there are not so many left, which uses up the rest.
+/// False when fewer are left, which are then used up.
 bool spend(std::size_t& left, std::size_t steps) {
     const bool enough = steps <= left;
     left -= enough ? steps : left;
     return enough;
 }
 
-/// Commands of all clients that wait.
+/// Early commands of all clients that wait.
 std::size_t countEarly(const ENetHost& host) {
     std::size_t early = 0;
     std::for_each(host.peers, host.peers + host.peerCount, [&early](ENetPeer& peer) {
@@ -52,43 +52,44 @@ std::size_t countEarly(const ENetHost& host) {
     return early;
 }
 
-/// Whether all clients together have as many early commands waiting as they may. Counted anew only
-/// when so many have come since the last time, and once in a millisecond.
-class Crowd {
+/// Whether the early commands of all clients have reached their maximum. Counts them again only
+/// when as many may wait, at maximum once in a millisecond.
+class EarlyTotal {
   public:
-    bool isThere(const ENetHost& host) {
-        if (early_ >= MAX_EARLY_OF_ALL && host.serviceTime != countedAt_) {
+    bool isFull(const ENetHost& host) {
+        if (early_ >= MAX_EARLY_TOTAL && host.serviceTime != countedAt_) {
             early_ = countEarly(host);
             countedAt_ = host.serviceTime;
         }
-        return early_ >= MAX_EARLY_OF_ALL;
+        return early_ >= MAX_EARLY_TOTAL;
     }
 
-    void join() { ++early_; }
+    void add() { ++early_; }
 
   private:
-    std::size_t early_ = 0;  ///< At most so many.
+    std::size_t early_ = 0;  ///< An upper bound.
     enet_uint32 countedAt_ = 0;
 };
 
-Crowd crowd;
+EarlyTotal earlyTotal;
 
-/// How far ahead of what its channel has completed a command is; 0: it is due, or behind.
+/// How far a command is ahead of what its channel has completed; 0: it is due, or behind.
 enet_uint16 aheadOf(const ENetChannel& channel, enet_uint16 number) {
     const auto ahead = static_cast<enet_uint16>(number - channel.incomingReliableSequenceNumber);
-    return ahead < BEHIND ? ahead : enet_uint16{0};
+    return ahead < MIN_BEHIND ? ahead : enet_uint16{0};
 }
 
-/// ENet looks for a reliable command's place from the last one backwards.
+/// ENet looks for the place of a reliable command from the last one backwards.
 bool reliableCostsTooMuch(const ENetPeer& peer, ENetChannel& channel, enet_uint16 number) {
     std::size_t& left = stepsOf(peer);
     const enet_uint16 ahead = aheadOf(channel, number);
-    const std::size_t most = crowd.isThere(*peer.host) ? FEW_EARLY : MAX_EARLY_RELIABLE;
+    const std::size_t maximum =
+        earlyTotal.isFull(*peer.host) ? MAX_EARLY_WHEN_FULL : MAX_EARLY_RELIABLE;
     const bool noRoom = ahead > 1 && peer.totalWaitingData >= MAX_EARLY_BYTES;
-    if (ahead == 0 || ahead > most || noRoom || left == 0) {
+    if (ahead == 0 || ahead > maximum || noRoom || left == 0) {
         return ahead != 0;
     }
-    crowd.join();
+    earlyTotal.add();
     std::size_t steps = 0;
     ENetList& waiting = channel.incomingReliableCommands;
     for (ENetListIterator node = enet_list_previous(enet_list_end(&waiting));
@@ -103,24 +104,24 @@ bool reliableCostsTooMuch(const ENetPeer& peer, ENetChannel& channel, enet_uint1
     return !spend(left, steps);
 }
 
-/// Of unreliable ones any number can wait for the same reliable one.
+/// Any number of unreliable commands can wait for the same reliable one.
 bool unreliableCostsTooMuch(const ENetPeer& peer, ENetChannel& channel, enet_uint16 number) {
     if (aheadOf(channel, number) == 0) {
         return false;
     }
-    const std::size_t most = crowd.isThere(*peer.host) ? FEW_EARLY : MAX_EARLY_UNRELIABLE;
-    crowd.join();
+    const std::size_t maximum =
+        earlyTotal.isFull(*peer.host) ? MAX_EARLY_WHEN_FULL : MAX_EARLY_UNRELIABLE;
+    earlyTotal.add();
     ENetList& waiting = channel.incomingUnreliableCommands;
     std::size_t steps = 0;
     for (ENetListIterator node = enet_list_begin(&waiting);
-         node != enet_list_end(&waiting) && steps < most; node = enet_list_next(node)) {
+         node != enet_list_end(&waiting) && steps < maximum; node = enet_list_next(node)) {
         ++steps;
     }
-    return steps == most || !spend(stepsOf(peer), steps);
+    return steps == maximum || !spend(stepsOf(peer), steps);
 }
 
-/// ENet looks for what is acknowledged among all that is under way, and then among what is to be
-/// sent again.
+/// ENet looks for an acknowledged command among those under way, then among those to be sent again.
 bool acknowledgementCostsTooMuch(ENetPeer& peer, enet_uint8 channel, enet_uint16 number,
                                  std::size_t& left) {
     std::size_t steps = 0;

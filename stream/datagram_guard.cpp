@@ -12,7 +12,7 @@ namespace {
 constexpr std::size_t PEER_ID_LENGTH = offsetof(ENetProtocolHeader, sentTime);
 constexpr int INTERCEPTED = 1;
 
-/// Without its data; 0: ENet does not know the command and reads no further.
+/// Size of the command without its data; 0: unknown, ENet reads no further.
 std::size_t sizeOf(unsigned type) {
     return type < ENET_PROTOCOL_COMMAND_COUNT
                ? enet_protocol_command_size(static_cast<enet_uint8>(type))
@@ -41,9 +41,9 @@ bool isFragment(unsigned type) {
            type == ENET_PROTOCOL_COMMAND_SEND_UNRELIABLE_FRAGMENT;
 }
 
-/// Makes the piece of a longer message say that the message is of the length that is kept. ENet
-/// then takes it without having room for all of it; what comes behind overwrites the end of what is
-/// kept. What ENet would refuse anyway stays as it is.
+/// Changes a fragment of a longer message as if the message had the maximum length. ENet then
+/// accepts it without memory for all of it; later fragments overwrite the end. Leaves what ENet
+/// refuses anyway.
 void cutLongMessage(enet_uint8* fragment) {
     constexpr enet_uint32 KEPT = MAX_MESSAGE_BYTES;
     enet_uint8* const totalAt = fragment + offsetof(ENetProtocolSendFragment, totalLength);
@@ -57,12 +57,12 @@ void cutLongMessage(enet_uint8* fragment) {
     }
 }
 
-bool hasMorePiecesThanBytes(const enet_uint8* fragment) {
+bool hasMoreFragmentsThanBytes(const enet_uint8* fragment) {
     return readU32(fragment + offsetof(ENetProtocolSendFragment, fragmentCount)) >
            readU32(fragment + offsetof(ENetProtocolSendFragment, totalLength));
 }
 
-/// The peer that a datagram names, if it comes from there.
+/// The peer that a datagram names, if its address is that of the sender.
 ENetPeer* senderOf(const ENetHost& host, unsigned peerWord) {
     const std::size_t id = peerWord & ENET_PROTOCOL_MAXIMUM_PEER_ID;
     const bool known = id < host.peerCount &&
@@ -71,7 +71,7 @@ ENetPeer* senderOf(const ENetHost& host, unsigned peerWord) {
     return known ? &host.peers[id] : nullptr;
 }
 
-/// Takes out of the received datagram what ENet is not to read; returns what is left, 0: nothing.
+/// Removes from the received datagram what ENet must not read; returns the length that is left.
 std::size_t filter(const ENetHost& host) {
     const std::size_t length = host.receivedDataLength;
     const bool canBeAnswered = host.receivedAddress.port != 0;
@@ -96,14 +96,14 @@ std::size_t filter(const ENetHost& host) {
             return 0;
         }
         if (type == ENET_PROTOCOL_COMMAND_VERIFY_CONNECT) {
-            // Only a server sends it, to whom it takes for its client. Forged connects would let
-            // two servers hear each other for ever.
+            // Only a server sends it, to a client. Forged connects would connect two servers to
+            // each other.
             data[kept] = ENET_PROTOCOL_COMMAND_DISCONNECT;
             return kept + sizeof(ENetProtocolDisconnect);
         }
         if (isFragment(type)) {
             cutLongMessage(command);
-            if (hasMorePiecesThanBytes(command)) {
+            if (hasMoreFragmentsThanBytes(command)) {
                 return 0;
             }
         }

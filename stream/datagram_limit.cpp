@@ -6,10 +6,10 @@
 
 namespace {
 
-/// The filter of a UDP socket sees the UDP header in front of the datagram.
+/// The filter of a UDP socket sees the UDP header, too.
 constexpr std::uint32_t UDP_HEADER_LENGTH = 8;
-constexpr std::uint32_t LONGEST = ENET_PROTOCOL_MAXIMUM_MTU + UDP_HEADER_LENGTH;
-constexpr std::uint32_t SHORTEST = sizeof(enet_uint16) + UDP_HEADER_LENGTH;
+constexpr std::uint32_t MAX_LENGTH = ENET_PROTOCOL_MAXIMUM_MTU + UDP_HEADER_LENGTH;
+constexpr std::uint32_t MIN_LENGTH = sizeof(enet_uint16) + UDP_HEADER_LENGTH;
 constexpr std::uint32_t KEEP_WHOLE = 0xFFFFFFFFU;
 constexpr std::uint32_t DROP = 0;
 
@@ -18,8 +18,8 @@ constexpr std::uint32_t DROP = 0;
 bool limitDatagrams(const ENetHost& host) {
     sock_filter steps[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_LEN, 0),
-        BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, LONGEST, 1, 0),
-        BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, SHORTEST, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, MAX_LENGTH, 1, 0),
+        BPF_JUMP(BPF_JMP | BPF_JGE | BPF_K, MIN_LENGTH, 1, 0),
         BPF_STMT(BPF_RET | BPF_K, DROP),
         BPF_STMT(BPF_RET | BPF_K, KEEP_WHOLE),
     };

@@ -13,8 +13,8 @@ inline void raiseHostMtu(ENetHost& host) {
     }
 }
 
-/// Raises a smaller MTU that a connecting client negotiated; every ENet receives up to 4096 bytes,
-/// whatever it asks for. Thread: capture. Realtime-safe: yes.
+/// Raises a smaller MTU that a connecting client negotiated: ENet always receives up to 4096 bytes.
+/// Thread: capture. Realtime-safe: yes.
 inline void raisePeerMtu(ENetPeer& peer) {
     if (peer.mtu < AUDIO_MTU) {
         peer.mtu = AUDIO_MTU;

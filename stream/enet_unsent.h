@@ -2,10 +2,9 @@
 
 #include <enet/enet.h>
 
-/// Where ENet keeps the reliable commands that wait to be sent. Releases differ, and only this
-/// file knows it:
-/// - up to 1.3.15 they have a list of their own, `outgoingReliableCommands`;
-/// - 1.3.16 and 1.3.17 queue reliable and unreliable commands in one list, `outgoingCommands`;
+/// Where ENet keeps the reliable commands that wait to be sent, which differs between releases:
+/// - up to 1.3.15 in `outgoingReliableCommands`;
+/// - in 1.3.16 and 1.3.17 in `outgoingCommands`, together with unreliable ones;
 /// - from 1.3.18 on, those that carry data wait in `outgoingSendReliableCommands`, and
 ///   `outgoingCommands` holds the rest, ENet's own reliable commands (pings) included.
 /// Thread: capture. Realtime-safe: yes, as far as the visitors are.
@@ -18,7 +17,7 @@ inline bool isReliableCommand(const ENetOutgoingCommand& command) {
 }
 
 /// Calls `visit(command)` for the reliable commands of `list` in queue order. The visitor may
-/// unlink and free the command that it is given.
+/// unlink and free the command.
 template <class Visit>
 void visitReliableOf(ENetList& list, Visit& visit) {
     ENetListIterator position = enet_list_begin(&list);

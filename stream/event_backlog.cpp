@@ -25,9 +25,9 @@ void moveToFront(ENetList& queue, ENetList& peers) {
     }
 }
 
-/// Services the network although events wait, by taking those peers out of ENet's sight meanwhile.
-/// Without an event to fill ENet would read too, but throw away what else stands in a datagram that
-/// completes a connection: a client's first request, say.
+/// Services the network although events wait, by hiding those peers from ENet meanwhile. Without
+/// `event` ENet would read too, but lose the rest of a datagram that completes a connection, such
+/// as a client's first request.
 int serviceBesidesBacklog(ENetHost& host, ENetEvent& event) {
     ENetList waiting;
     enet_list_clear(&waiting);

@@ -42,11 +42,11 @@ void showMessage(const char* text) {
     ExitProcess(-1);
 }
 
-// ENet's own reaction to a failed allocation is abort(). Coming back makes the call fail instead,
-// and a lost packet is better than a lost server. Told once: it may happen for every packet.
+// ENet's default reaction to a failed allocation is abort(). When this returns, only the call
+// fails, which loses a packet. Printed once: it may happen for every packet.
 void onEnetOutOfMemory() {
-    static std::atomic<bool> told{false};
-    if (!told.exchange(true)) {
+    static std::atomic<bool> reported{false};
+    if (!reported.exchange(true)) {
         consolePuts("Warning, not enough memory for network communication");
     }
 }
@@ -75,7 +75,7 @@ void bindToChosenAddress(ENetAddress& address) {
                   "Warning, could not bind server to address '%.50s' check environment variable "
                   "VELANTRIX_SERVER_BINDADDR and/or command line parameter. Using INADDR_ANY.\n",
                   chosen);
-    giveUpCmdBindAddr();  // A later failure must not blame this address again.
+    giveUpCmdBindAddr();  // A later message must not name this address.
     showMessage(text);
 }
 
@@ -116,7 +116,7 @@ void createHost() {
     if (server == nullptr) {
         failHostCreation(errno);
     }
-    // ENet has tried that without looking at the result; a socket that waits would hang the audio.
+    // ENet does not check the result, and a blocking socket would hang the audio.
     if (enet_socket_set_option(server->socket, ENET_SOCKOPT_NONBLOCK, 1) != 0) {
         failHostCreation(errno);
     }
@@ -142,7 +142,7 @@ void openAudio() {
 
 void enetHost(VelantrixServerNoGUI* core) {
     assert(!onMainThread() && server == nullptr);
-    // A quit that was faster than this thread has already put the everlasting core here.
+    // After an early quit mainDialog is already the core that is never destroyed.
     VelantrixServerNoGUI* none = nullptr;
     mainDialog.compare_exchange_strong(none, core);
     clientConn.fill(ClientSlot{});

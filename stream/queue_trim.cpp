@@ -23,8 +23,8 @@ unsigned long sentCount(ENetPeer& peer) {
     return static_cast<unsigned long>(enet_list_size(&peer.sentReliableCommands));
 }
 
-/// Lets the next command of the channel take the number of this one, which is to be removed, unless
-/// an earlier one has already given up its own. The difference is signed, because the numbers wrap.
+/// Makes the number of a removed command the channel's next, unless an earlier one is already. The
+/// difference is signed, because the numbers wrap.
 void giveBackNumber(ENetChannel& channel, enet_uint16 number) {
     enet_uint16& last = channel.outgoingReliableSequenceNumber;
     if (static_cast<std::int16_t>(last - number) >= 0) {
@@ -40,7 +40,7 @@ void removeCommand(ENetPeer& peer, ENetOutgoingCommand& command) {
     const auto bytes =
         command.fragmentLength +
         static_cast<enet_uint32>(enet_protocol_command_size(command.command.header.command));
-    // ENet may have cleared the total since the command was queued: it does so every second.
+    // ENet clears the total every second.
     peer.outgoingDataTotal -= std::min(bytes, peer.outgoingDataTotal);
     enet_free(&command);
 }

@@ -25,19 +25,19 @@ namespace {
 
 constexpr enet_uint8 AUDIO_CHANNEL = 0;
 
-/// What is sent to one client: borrowed bytes, header room included.
+/// The bytes for one client, borrowed, with room for the header.
 struct Payload {
     unsigned char* data;
     std::size_t length;
 };
 
-/// The Opus packets of one block by rate code, each with header room in front.
+/// The Opus packets of one block by rate code, each after room for the header.
 struct EncodedBlock {
     std::array<std::array<unsigned char, wire::RAW_BUFFER_LENGTH>, OPUS_BANK_SIZE> area;
     std::array<int, OPUS_BANK_SIZE> length{};  ///< 0: not encoded; negative: the encoder failed.
 };
 
-/// Encodes the block once for every rate code that some client uses.
+/// Encodes the block once for each rate code in use.
 void encodeInUse(const unsigned char* buffer, EncodedBlock& encoded) {
     std::array<bool, wire::RATE_CODE_COUNT> inUse{};
     for (const ClientSlot& slot : clientConn) {
@@ -72,7 +72,7 @@ void sendPayload(const ClientSlot& slot, const Pass& pass, const Payload& payloa
         trimOutgoingQueue(slot, pass.seq);
     }
     if (slot.reliable == 0 && seemsVanished(*slot.peer)) {
-        askVanished(*slot.peer);
+        pingVanished(*slot.peer);
         return;
     }
     ENetPacket* const packet = enet_packet_create(
@@ -81,7 +81,7 @@ void sendPayload(const ClientSlot& slot, const Pass& pass, const Payload& payloa
     if (packet == nullptr) {
         return;
     }
-    // ENet owns the packet from here on, unless it refuses it.
+    // ENet then owns the packet, unless it refuses it.
     if (enet_peer_send(slot.peer, AUDIO_CHANNEL, packet) < 0 && packet->referenceCount == 0) {
         enet_packet_destroy(packet);
     }

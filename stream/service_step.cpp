@@ -32,7 +32,7 @@ bool handle(const ENetEvent& event) {
     }
 }
 
-/// Gives back a peer that ENet would keep for ever; one in each step.
+/// Resets a peer that ENet would keep; at most one in each step.
 void freeStuckPeer() {
     ENetPeer* const peer = findStuckPeer(*server);
     if (peer == nullptr) {

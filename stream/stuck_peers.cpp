@@ -4,16 +4,16 @@
 
 namespace {
 
-/// Whether ENet holds a command that the other side has to acknowledge.
+/// Whether ENet holds a command that the client has to acknowledge.
 bool awaitsAnswer(ENetPeer& peer) {
     bool found = !enet_list_empty(&peer.sentReliableCommands);
     visitWaitingReliable(peer, [&found](ENetOutgoingCommand&) { found = true; });
     return found;
 }
 
-/// Whether nothing has been acknowledged for too long though there was something to acknowledge.
+/// Whether commands have waited too long for an acknowledgement.
 bool isSilent(ENetPeer& peer) {
-    enet_uint32 since = peer.earliestTimeout;  // Of what has had to be sent again.
+    enet_uint32 since = peer.earliestTimeout;  // Of the oldest command that was sent again.
     if (since == 0) {
         if (enet_list_empty(&peer.sentReliableCommands)) {
             return false;
@@ -21,7 +21,7 @@ bool isSilent(ENetPeer& peer) {
         since = static_cast<ENetOutgoingCommand*>(enet_list_front(&peer.sentReliableCommands))
                     ->sentTime;
     }
-    return peer.host->serviceTime - since >= LONGEST_SILENCE_MS;
+    return peer.host->serviceTime - since >= MAX_SILENCE_MS;
 }
 
 bool isStuck(ENetPeer& peer) {

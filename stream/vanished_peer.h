@@ -2,22 +2,20 @@
 
 #include <enet/enet.h>
 
-/// What is sent to a machine that has left the network waits in the kernel, which asks for its
-/// hardware address in vain for some seconds; up to 208 KiB for each address, and all in the send
-/// buffer of the one socket. When that is full, ENet takes what it cannot send for sent, and nobody
-/// hears anything.
+/// Packets for a machine that has left the network wait in the kernel, which asks for its hardware
+/// address for some seconds: up to 208 KiB for each address, all in the send buffer of the one
+/// socket. When that is full, packets to all clients are lost.
 
-/// Whether a peer has acknowledged nothing for a good second, though ENet asks half a second after
-/// its last acknowledgement at the latest: then it is to be sent no best-effort sound. A round trip
-/// of up to 2 s is waited for. Goes by the time of the last service call.
-/// Thread: capture. Realtime-safe: yes.
+/// Whether a peer has acknowledged nothing for more than a second, though ENet pings it after half
+/// a second; it then gets no best-effort sound. Waits for a round trip of up to 2 s. Uses the time
+/// of the last service call. Thread: capture. Realtime-safe: yes.
 bool seemsVanished(const ENetPeer& peer);
 
-/// Asks such a peer four times a second whether it is back. ENet itself asks at growing intervals,
-/// and would hear of a short absence only after another of its length.
-/// Thread: capture. Realtime-safe: yes, but for ENet's allocation.
-void askVanished(ENetPeer& peer);
+/// Pings such a peer four times a second. ENet itself resends at growing intervals, and would
+/// notice the end of a short absence late. Thread: capture. Realtime-safe: yes, except for ENet's
+/// allocation.
+void pingVanished(ENetPeer& peer);
 
-/// Gives the host's socket a send buffer that holds what may wait for ten such addresses, or as
-/// much of that as the kernel grants. Thread: network.
+/// Sets the host's send buffer to what may wait for ten such addresses, or as much as the kernel
+/// allows. Thread: network.
 void enlargeSendBuffer(const ENetHost& host);

@@ -3,8 +3,8 @@
 #include <cstddef>
 #include <cstdint>
 
-/// What crosses the network, shared by the server, the listening client, tests and fuzzers.
-/// All integers are little-endian. Everything here is pure and realtime-safe.
+/// The protocol, shared by all programs, tests and fuzzers. All integers are little-endian.
+/// Everything here is pure and realtime-safe.
 namespace wire {
 
 constexpr std::uint16_t DEFAULT_SERVER_PORT = 59010;     ///< UDP, ENet host.

@@ -23,11 +23,11 @@ namespace {
 
 constexpr const char* VERSION_FILE_PATH = "/VelantrixData/cur_version_linuxRPiGUI.txt";
 constexpr const char* USER_AGENT = "libcurl-agent/1.0";
-constexpr long MOST_REDIRECTS = 5;
+constexpr long MAX_REDIRECTS = 5;
 constexpr long WEB_PROTOCOLS = CURLPROTO_HTTP | CURLPROTO_HTTPS;
-constexpr std::size_t LARGEST_BODY = 1024UL * 1024;
+constexpr std::size_t MAX_BODY_SIZE = 1024UL * 1024;
 constexpr int SECONDS_PER_MINUTE = 60;
-constexpr int QUIET_MINUTES = 479;
+constexpr int MIN_PAUSE_MINUTES = 479;
 
 void printAdvice() {
     consolePuts(" Velantrix Server will continue to run but won't be able to check for new");
@@ -48,9 +48,9 @@ std::int32_t minutesSinceEpoch() {
     return static_cast<std::int32_t>(std::time(nullptr) / SECONDS_PER_MINUTE);
 }
 
-/// A check in the future means that the clock was set back: it counts as none.
+/// A check in the future does not count: the clock was set back.
 bool checkedLately(std::int32_t last, std::int32_t now) {
-    return last <= now && now <= std::int64_t{last} + QUIET_MINUTES;
+    return last <= now && now <= std::int64_t{last} + MIN_PAUSE_MINUTES;
 }
 
 /// Sets options one after the other until one fails.
@@ -77,7 +77,7 @@ CURLcode prepare(CURL* handle, WebIf* receiver) {
     return OptionSetter(handle)
         .set(CURLOPT_URL, versionFileAddress())
         .set(CURLOPT_FOLLOWLOCATION, 1L)
-        .set(CURLOPT_MAXREDIRS, MOST_REDIRECTS)
+        .set(CURLOPT_MAXREDIRS, MAX_REDIRECTS)
         .set(CURLOPT_FAILONERROR, 1L)
         .set(CURLOPT_WRITEFUNCTION, &WebIf::writeMemoryCallback)
         .set(CURLOPT_WRITEDATA, receiver)
@@ -89,9 +89,9 @@ CURLcode prepare(CURL* handle, WebIf* receiver) {
         .outcome();
 }
 
-/// Performs a transfer, which may take for ever, without holding up the destruction of the core
-/// object. No result when the core went away: then settings and objects that end with the process,
-/// libcurl's among them, may not be touched any more.
+/// Performs a transfer of any duration without delaying the destruction of the core object. No
+/// result when the core is gone: then settings and other global objects, also libcurl's, may not be
+/// used.
 template <class Prepare>
 std::optional<CURLcode> perform(CURL* handle, Prepare prepare) {
     if (const CorePin pin; !pin) {
@@ -103,7 +103,8 @@ std::optional<CURLcode> perform(CURL* handle, Prepare prepare) {
     return CorePin() ? std::optional(result) : std::nullopt;
 }
 
-/// Whether it is time for a check, of which the settings then know. Not when the core has gone.
+/// Whether it is time for a check, which is then noted in the settings. False when the core is
+/// gone.
 bool beginCheck() {
     const CorePin pin;
     const std::int32_t now = minutesSinceEpoch();
@@ -115,7 +116,7 @@ bool beginCheck() {
 }
 
 void release(CURL* handle) {
-    static std::atomic<CURL*> left{nullptr};  // Remembered, so that it does not count as a leak.
+    static std::atomic<CURL*> left{nullptr};  // Kept, so that it does not count as a leak.
     if (const CorePin pin; pin) {
         curl_easy_cleanup2(handle);
     } else {
@@ -127,8 +128,8 @@ void release(CURL* handle) {
 
 int WebIf::init() {
     assert(onMainThread());
-    // Made here, so that a complaint about the variable shows at start-up, and so that nothing
-    // needs memory for it when clients are being served: too little of it ends the program.
+    // Called here so that a message about the variable appears at start-up, and so that it needs no
+    // memory while clients are served.
     versionFileAddress();
     if (!loadCurlFunctions()) {
         printAdvice();
@@ -154,7 +155,7 @@ WebIf::~WebIf() {
 std::size_t WebIf::writeMemoryCallback(void* contents, std::size_t itemSize, std::size_t itemCount,
                                        void* userp) {
     auto* const receiver = static_cast<WebIf*>(userp);
-    const std::size_t room = LARGEST_BODY - receiver->size;
+    const std::size_t room = MAX_BODY_SIZE - receiver->size;
     if (itemSize > 0 && itemCount > room / itemSize) {
         return 0;
     }
@@ -178,12 +179,12 @@ int WebIf::checkVersion(const char* currentVersion) {
     if (curl_global_init2 == nullptr || !beginCheck()) {
         return 0;
     }
-    // Closed also when memory runs out, which is thrown.
+    // Released also when memory runs out, which throws.
     std::unique_ptr<CURL, void (*)(CURL*)> handle(nullptr, release);
     if (const CorePin pin; pin) {
         handle.reset(curl_easy_init2());
     } else {
-        return 0;  // A slow disc has outlasted it.
+        return 0;  // The core is gone.
     }
     if (handle == nullptr) {
         consolePuts("WebIf::checkVersion: curl_easy_init() failed, can't check for new versions");
@@ -202,7 +203,7 @@ bool WebIf::fetch(void* handle) {
     return result == CURLE_OK;
 }
 
-/// Fetches what the page shows in a frame in its place, once. True when there is no frame.
+/// Fetches the page in a frame instead, once. True when there is no frame.
 bool WebIf::fetchFrame(void* handle) {
     const std::string address(frameAddress(memory, size));
     if (address.empty()) {

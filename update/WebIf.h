@@ -2,14 +2,14 @@
 
 #include <cstddef>
 
-/// Fetches the version file from the maker's web server, with a libcurl that is loaded at run
-/// time, and compares it with the running version. An object is the receive buffer of one check.
+/// Fetches the version file from the maker's web server, with a libcurl that is loaded at run time,
+/// and compares it with the running version. An object holds the received data of one check.
 ///
-/// All operations print what they find on standard output. Realtime-safe: no.
+/// All operations print their results on standard output. Realtime-safe: no.
 class WebIf {
   public:
-    /// Loads libcurl. Returns 0, or 1 when it is missing; then advice is printed, and the
-    /// operations below do nothing. Called once. Thread: main, before the version check thread.
+    /// Loads libcurl. Returns 0, or 1 when it is missing; then it prints advice, and the operations
+    /// below do nothing. Called once. Thread: main, before the version check thread.
     static int init();
 
     /// Releases what libcurl holds process-wide; no check may follow. Thread: version check.
@@ -22,9 +22,9 @@ class WebIf {
 
     /// Checks for a version other than `currentVersion` (borrowed). Returns 1 when there is one
     /// that was not announced before, else 0: also when the last check is less than 480 minutes
-    /// ago, nothing usable came, or the core object went away meanwhile. Blocks for the time of
-    /// the transfer, during which it holds no pin on the core object. Remembers the time of the
-    /// check and the version found in the settings. Thread: version check.
+    /// ago, the answer is not usable, or the core object is gone. Blocks for the time of the
+    /// transfer, during which it holds no pin on the core object. Remembers the time of the check
+    /// and the version found in the settings. Thread: version check.
     int checkVersion(const char* currentVersion);
 
     /// libcurl's write callback: appends `itemSize` * `itemCount` bytes at `contents` to the body
@@ -34,7 +34,7 @@ class WebIf {
                                            std::size_t itemCount, void* userp);
 
   private:
-    char* memory;          // The body, owned; ends with a NUL once anything has arrived.
+    char* memory;          // The body, owned; ends with a NUL unless empty.
     std::size_t size = 0;  // Bytes of the body, without that NUL.
 
     bool fetch(void* handle);

@@ -12,7 +12,7 @@ constexpr int WAIT_BEFORE_CHECK_MS = 8000;
 
 }  // namespace
 
-// Nobody waits for this thread, so the object may be gone whenever no pin is held.
+// No other thread waits for this one, so the object may be gone whenever no pin is held.
 void VelantrixServerNoGUI::versionCheckThreadFn() {
     Sleep(WAIT_BEFORE_CHECK_MS);
     const CallPin pin;
@@ -30,7 +30,7 @@ void VelantrixServerNoGUI::versionCheckThreadFn() {
     }
 }
 
-// Touches nothing of the object after the check: it may be gone when the check comes back.
+// Uses nothing of the object after the check, when it may be gone.
 int VelantrixServerNoGUI::checkVersion() {
     CallPin::release();
     WebIf fetcher;

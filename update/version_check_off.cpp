@@ -1,5 +1,4 @@
-// What stands in for the version check in a build without it: nothing is loaded, waited for or
-// fetched.
+// The version check in a build without it: nothing is loaded or fetched.
 
 #include "app/base/VelantrixServerNoGUI.h"
 #include "update/WebIf.h"

@@ -6,10 +6,10 @@ namespace {
 
 constexpr std::string_view FRAME_MARK = "frame src";
 constexpr std::string_view LINE_ENDS = "\r\n";
-constexpr std::size_t LARGEST_PAGE_WITHOUT_FRAME = 15;
-constexpr std::size_t LONGEST_UNUSED_ADDRESS = 7;
-constexpr std::size_t SHORTEST_VERSION = 3;
-constexpr std::size_t LONGEST_VERSION = 10;
+constexpr std::size_t MAX_PAGE_WITHOUT_FRAME = 15;
+constexpr std::size_t MAX_IGNORED_ADDRESS = 7;
+constexpr std::size_t MIN_VERSION_LENGTH = 3;
+constexpr std::size_t MAX_VERSION_LENGTH = 10;
 
 std::string_view pageText(const char* memory, std::size_t size) {
     return {memory, static_cast<std::size_t>(std::find(memory, memory + size, '\0') - memory)};
@@ -18,7 +18,7 @@ std::string_view pageText(const char* memory, std::size_t size) {
 }  // namespace
 
 std::string_view frameAddress(const char* memory, std::size_t size) {
-    if (size <= LARGEST_PAGE_WITHOUT_FRAME) {
+    if (size <= MAX_PAGE_WITHOUT_FRAME) {
         return {};
     }
     const std::string_view text = pageText(memory, size);
@@ -35,7 +35,7 @@ std::string_view frameAddress(const char* memory, std::size_t size) {
         return {};
     }
     const std::string_view address = text.substr(opening + 1, closing - opening - 1);
-    return address.size() > LONGEST_UNUSED_ADDRESS ? address : std::string_view();
+    return address.size() > MAX_IGNORED_ADDRESS ? address : std::string_view();
 }
 
 std::string_view firstLine(const char* memory, std::size_t size) {
@@ -49,6 +49,6 @@ std::string_view firstLine(const char* memory, std::size_t size) {
 }
 
 bool isVersionText(std::string_view text) {
-    return text.size() >= SHORTEST_VERSION && text.size() <= LONGEST_VERSION &&
+    return text.size() >= MIN_VERSION_LENGTH && text.size() <= MAX_VERSION_LENGTH &&
            text.front() >= '0' && text.front() <= '9';
 }

@@ -1,4 +1,4 @@
-// The parts of Asio and Beast that need no templates.
+// Compiles the parts of Asio and Beast that are not templates.
 
 #include <boost/asio/impl/src.hpp>
 #include <boost/asio/ssl/impl/src.hpp>

@@ -14,11 +14,11 @@ namespace vxweb {
 /// How a listener gets the sound.
 enum class Form { LivePcm, LiveOpus, Wav, Flac, Mp3, Ogg };
 
-/// One stream that is made once for all who hear it.
+/// One stream, made once for all its listeners.
 struct Channel {
     Form form;
     int rate;                ///< kbit/s; 0: uncompressed or lossless.
-    std::uint32_t rateCode;  ///< Of the server's stream that it is made of.
+    std::uint32_t rateCode;  ///< Of the server's stream that is its source.
 
     [[nodiscard]] constexpr bool live() const {
         return form == Form::LivePcm || form == Form::LiveOpus;
@@ -52,10 +52,10 @@ std::optional<ChannelId> findChannel(Form form, int rate);
 /// The format of a form that is not live.
 StreamFormat mediaFormat(Form form);
 
-/// The server's stream as it is named in the status: "raw", "128".
+/// The name of a server's stream in the status: "raw", "128".
 std::string feedName(std::uint32_t rateCode);
 
-/// The channel as it is named in the log: "/live opus 128", "/stream.wav".
+/// The name of a channel in the log: "/live opus 128", "/stream.wav".
 std::string channelName(ChannelId channel);
 
 }  // namespace vxweb

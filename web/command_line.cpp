@@ -17,10 +17,10 @@ namespace vxweb {
 
 namespace {
 
-/// One sentence about what is wrong, empty when nothing is.
+/// A message about an error, empty for none.
 using Complaint = std::string;
 
-/// What is read before it is checked.
+/// The values before they are checked.
 struct Words {
     std::string host;
     std::string listen;
@@ -28,20 +28,19 @@ struct Words {
 };
 
 void describe(CLI::App& app, Words& words, Options& options) {
-    app.add_option("HOST", words.host, "Server as HOST or HOST:PORT; none: find one");
-    app.add_option("--listen", words.listen, "Where to accept browsers and players ([::]:59080)")
+    app.add_option("HOST", words.host, "Server, HOST or HOST:PORT; default: the first found");
+    app.add_option("--listen", words.listen, "Address to serve on ([::]:59080)")
         ->type_name("ADDRESS:PORT");
     app.add_option("--title", options.title, "Name that listeners see (this computer's)");
     app.add_option("--password-file", options.passwordFile,
-                   "File with one line, user:password, that listeners are asked for");
+                   "File with the login for listeners: one line, user:password");
     app.add_option("--certificate", options.certificate, "Certificate for https, PEM");
     app.add_option("--key", options.key, "The certificate's private key, PEM");
-    app.add_option("--host-name", options.hostNames,
-                   "A further name that this computer is called by")
+    app.add_option("--host-name", options.hostNames, "Another host name of this computer")
         ->allow_extra_args(false);
-    app.add_option("--max-listeners", options.maxListeners, "How many may listen at once (500)")
+    app.add_option("--max-listeners", options.maxListeners, "Maximum number of listeners (500)")
         ->check(CLI::Range(1, 100000));
-    app.add_option("--icecast", words.icecast, "Icecast server that the stream is sent to")
+    app.add_option("--icecast", words.icecast, "Icecast server to send the Ogg stream to")
         ->allow_extra_args(false)
         ->type_name("URL");
     app.set_version_flag("--version", "velantrix-web " VELANTRIX_WEB_VERSION);
@@ -117,14 +116,14 @@ Complaint takeTitle(bool given, std::string& title) {
 Complaint checkNames(const std::vector<std::string>& names) {
     for (const std::string& name : names) {
         if (!isName(name)) {
-            return "--host-name: '" + name + "' is not the name of a computer";
+            return "--host-name: '" + name + "' is not a host name";
         }
     }
     return {};
 }
 
 Complaint takeIcecast(const std::vector<std::string>& urls, std::vector<IcecastTarget>& targets) {
-    // Nobody else writes the environment.
+    // Nothing else writes the environment.
     const char* const password =
         std::getenv("VELANTRIX_ICECAST_PASSWORD");  // NOLINT(concurrency-mt-unsafe)
     for (const std::string& url : urls) {
@@ -137,7 +136,7 @@ Complaint takeIcecast(const std::vector<std::string>& urls, std::vector<IcecastT
     return {};
 }
 
-/// Passwords of web addresses do not belong in logs.
+/// Passwords must not appear in logs.
 std::string withoutLogins(std::string text, const std::vector<std::string>& arguments) {
     for (const std::string& argument : arguments) {
         const std::string_view login = loginOf(argument);
@@ -150,7 +149,7 @@ std::string withoutLogins(std::string text, const std::vector<std::string>& argu
     return text;
 }
 
-/// An empty value, as of a variable that is not set, must not become the default.
+/// An empty value, such as of an unset variable, must not become the default.
 Complaint checkGiven(const CLI::App& app) {
     for (const CLI::Option* const option : app.get_options()) {
         const auto& values = option->results();
@@ -182,7 +181,7 @@ Complaint check(const CLI::App& app, const Words& words, Options& options) {
 CommandLine readCommandLine(int argc, char** argv) {
     CommandLine result;
     Words words;
-    CLI::App app("Lets browsers, media players and Icecast hear a Velantrix Server",
+    CLI::App app("Sends a Velantrix Server's sound to browsers, media players and Icecast",
                  "velantrix-web");
     describe(app, words, result.options);
     const std::vector<std::string> arguments = takeArguments(argc, argv);

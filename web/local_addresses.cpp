@@ -16,7 +16,7 @@ struct Free {
     void operator()(ifaddrs* list) const { freeifaddrs(list); }
 };
 
-/// Dotted or bracketed; empty for an address that others do not reach.
+/// Dotted or bracketed; empty for an address that other computers cannot use.
 std::string textOf(const sockaddr* address, bool v6) {
     char text[INET6_ADDRSTRLEN] = "";
     if (!v6 && address->sa_family == AF_INET) {
@@ -32,7 +32,7 @@ std::string textOf(const sockaddr* address, bool v6) {
     return {};
 }
 
-/// The addresses of one family on interfaces that lead out of this computer.
+/// The addresses of one family on interfaces except loopback.
 std::vector<std::string> addresses(bool v6) {
     ifaddrs* first = nullptr;
     if (getifaddrs(&first) != 0) {

@@ -6,9 +6,9 @@
 
 namespace vxweb {
 
-/// The web addresses at which other computers reach a port of this one: for each of its IPv4 and
-/// global IPv6 addresses, `http` or `https` with an address and the port. Where `listen`, without
-/// brackets, is one address, that one. Without a network the loopback interface's. Never empty.
+/// The web addresses of a port of this computer for other computers: one for each IPv4 and global
+/// IPv6 address, or for `listen` (without brackets) if that is a specific address. Without a
+/// network, the loopback interface's. Never empty.
 std::vector<std::string> webAddresses(const std::string& listen, std::uint16_t port, bool tls);
 
 }  // namespace vxweb

@@ -8,7 +8,7 @@ namespace vxweb {
 
 void say(const std::string& line) {
     const std::string whole = line + "\n";
-    // A pipe that can be written to takes a line of this length without waiting.
+    // A writable pipe accepts a line of this length without waiting.
     pollfd out = {STDOUT_FILENO, POLLOUT, 0};
     if (poll(&out, 1, 0) > 0 && (out.revents & POLLOUT) != 0) {
         const ssize_t written = write(STDOUT_FILENO, whole.data(), whole.size());

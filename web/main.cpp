@@ -13,7 +13,7 @@ int main(int argc, char** argv) {
     }
     const int result = vxweb::run(commandLine.options);
     if (vxlisten::workAbandoned()) {
-        // GCOVR_EXCL_START: without exit handlers, which write the counts, too
+        // GCOVR_EXCL_START: exit handlers would write the counts
         std::fflush(nullptr);
         std::_Exit(result);
         // GCOVR_EXCL_STOP

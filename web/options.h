@@ -13,7 +13,7 @@ namespace vxweb {
 /// Where to accept connections.
 struct ListenAddress {
     std::string address = "::";  ///< IPv4 or IPv6, without brackets; "::" includes IPv4.
-    std::uint16_t port = 59080;  ///< 0: one that is free.
+    std::uint16_t port = 59080;  ///< 0: any free one.
 };
 
 /// Everything that the command line chooses.
@@ -24,7 +24,7 @@ struct Options {
     std::string passwordFile;
     std::string certificate;
     std::string key;
-    std::vector<std::string> hostNames;  ///< Further names that this computer goes by.
+    std::vector<std::string> hostNames;  ///< Further host names of this computer.
     std::size_t maxListeners = 500;
     std::vector<IcecastTarget> icecast;
 };

@@ -8,15 +8,15 @@
 
 namespace vxweb {
 
-/// Bytes for all listeners of a channel, framed once. Nobody copies or changes them.
+/// Bytes for all listeners of a channel, framed once, then never copied or changed.
 struct Packet {
     std::string bytes;           ///< With their frame: of a WebSocket, or of a chunk of HTTP/1.1.
-    std::size_t bodyBegin = 0;   ///< Where what the frame holds begins,
+    std::size_t bodyBegin = 0;   ///< Where the frame's content begins,
     std::size_t bodyLength = 0;  ///< and how long it is.
-    std::int64_t time = 0;       ///< When it came, in microseconds of steadyNow().
-    bool sound = true;           ///< A listener who does not read may lose it.
+    std::int64_t time = 0;       ///< Time of arrival, in microseconds of steadyNow().
+    bool sound = true;           ///< May be dropped for a listener that does not read.
 
-    /// What a listener gets: all, or for HTTP/1.0 what the frame holds.
+    /// The bytes for a listener: all, or for HTTP/1.0 the frame's content.
     [[nodiscard]] std::string_view view(bool framed) const {
         const std::string_view whole = bytes;
         return framed ? whole : whole.substr(bodyBegin, bodyLength);

@@ -26,8 +26,8 @@ namespace vxweb {
 
 namespace {
 
-constexpr std::chrono::milliseconds END_PATIENCE{700};
-constexpr std::chrono::milliseconds CUT_PATIENCE{100};
+constexpr std::chrono::milliseconds END_TIMEOUT{700};
+constexpr std::chrono::milliseconds CUT_TIMEOUT{100};
 constexpr std::chrono::milliseconds END_STEP{20};
 
 /// Each connection is a descriptor.
@@ -82,7 +82,7 @@ class Program {
         return result;
     }
 
-    /// Returns one sentence about what cannot be used, nothing when all is well.
+    /// Returns a message on failure, else an empty text.
     std::string prepare() {
         std::string login;
         std::unique_ptr<boost::asio::ssl::context> tls;
@@ -115,7 +115,7 @@ class Program {
 
     [[nodiscard]] boost::asio::io_context& context() const { return workers_.front()->context(); }
 
-    /// Runs the first worker on this thread and each other on one of its own, until all stop.
+    /// Runs the first worker on this thread and each other on a new one, until all stop.
     void work() {
         std::vector<std::thread> threads;
         std::vector<boost::asio::executor_work_guard<boost::asio::io_context::executor_type>> busy;
@@ -139,7 +139,7 @@ class Program {
             boost::asio::post(worker->context(), [&worker] { worker->farewell(); });
         }
         station_.close();
-        endBefore_ = std::chrono::steady_clock::now() + END_PATIENCE;
+        endBefore_ = std::chrono::steady_clock::now() + END_TIMEOUT;
         end();
     }
 
@@ -151,9 +151,9 @@ class Program {
             }
             return;
         }
-        if (late) {  // What still waits for a listener would never be freed.
+        if (late) {  // Else what waits for a listener would never be freed.
             cut_ = true;
-            endBefore_ += CUT_PATIENCE;
+            endBefore_ += CUT_TIMEOUT;
             for (const auto& worker : workers_) {
                 boost::asio::post(worker->context(), [&worker] { worker->cut(); });
             }
@@ -173,7 +173,7 @@ class Program {
     boost::asio::signal_set signals_;
     boost::asio::steady_timer endTimer_;
     std::chrono::steady_clock::time_point endBefore_;
-    bool cut_ = false;  ///< Whoever had not said goodbye by then was cut off.
+    bool cut_ = false;  ///< Listeners that did not close in time were cut off.
     std::unique_ptr<Site> site_;
 };
 

@@ -4,8 +4,8 @@
 
 namespace vxweb {
 
-/// Serves until SIGINT or SIGTERM comes. Returns the exit status of the program, having told why
-/// when it is not 0. Thread: main.
+/// Serves until SIGINT or SIGTERM. Returns the exit status of the program; when it is not 0 a
+/// message has been printed. Thread: main.
 int run(const Options& options);
 
 }  // namespace vxweb

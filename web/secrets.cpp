@@ -13,9 +13,9 @@ namespace vxweb {
 
 namespace {
 
-constexpr std::size_t LONGEST_LOGIN = 1024;
+constexpr std::size_t MAX_LOGIN = 1024;
 
-/// A file that is open for reading.
+/// A file opened for reading.
 class OpenFile {
   public:
     explicit OpenFile(const std::string& path)
@@ -38,9 +38,9 @@ std::string reason() {
     return std::generic_category().message(errno);
 }
 
-/// The first bytes of a file; a longer one is of no use.
+/// The first bytes of a file, enough to recognise one that is too long.
 std::string contentOf(const OpenFile& file) {
-    std::string content(LONGEST_LOGIN + 1, '\0');
+    std::string content(MAX_LOGIN + 1, '\0');
     const ssize_t length = read(file.descriptor(), content.data(), content.size());
     content.resize(length > 0 ? static_cast<std::size_t>(length) : 0);
     return content;
@@ -55,7 +55,7 @@ std::string readLogin(const std::string& path, std::string& login) {
         return "cannot read the password file " + path + ": " + reason();
     }
     if ((state.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        return "others may read the password file " + path + ": take that right away (chmod 600)";
+        return "others may read the password file " + path + ": make it private (chmod 600)";
     }
     std::string line = contentOf(file);
     if (!line.empty() && line.back() == '\n') {
@@ -63,7 +63,7 @@ std::string readLogin(const std::string& path, std::string& login) {
     }
     const std::size_t colon = line.find(':');
     if (colon == std::string::npos || colon == 0 || colon + 1 == line.size() ||
-        line.size() > LONGEST_LOGIN || line.find_first_of(std::string("\r\n\0", 3)) < line.size()) {
+        line.size() > MAX_LOGIN || line.find_first_of(std::string("\r\n\0", 3)) < line.size()) {
         return "the password file " + path + " is not one line user:password";
     }
     login = std::move(line);
@@ -77,7 +77,7 @@ std::string openTls(const std::string& certificate, const std::string& key,
     SSL_CTX_set_min_proto_version(context->native_handle(), TLS1_2_VERSION);
     SSL_CTX_set_mode(context->native_handle(), SSL_MODE_RELEASE_BUFFERS);
     SSL_CTX_set_options(context->native_handle(), SSL_OP_NO_RENEGOTIATION);
-    // A key with a password is of no use to a program without a terminal.
+    // No terminal to ask for a key's password.
     boost::system::error_code error;
     context->set_password_callback([](std::size_t, auto) { return std::string(); }, error);
     context->use_certificate_chain_file(certificate, error);

@@ -7,13 +7,12 @@
 
 namespace vxweb {
 
-/// Reads the one line `user:password` of a file that nobody else may read into `login`. Returns one
-/// sentence when it is not such a file, nothing otherwise. In the sentence there is nothing of what
-/// it holds.
+/// Reads the line `user:password` of a file that only its owner may read into `login`. Returns a
+/// message on failure, which contains nothing of the file, else an empty text.
 [[nodiscard]] std::string readLogin(const std::string& path, std::string& login);
 
-/// Makes the context of a server that speaks TLS 1.2 and later, from PEM files. Returns one
-/// sentence when they are of no use, nothing otherwise.
+/// Makes a server's context for TLS 1.2 and later from PEM files. Returns a message on failure,
+/// else an empty text.
 [[nodiscard]] std::string openTls(const std::string& certificate, const std::string& key,
                                   std::unique_ptr<boost::asio::ssl::context>& tls);
 

@@ -38,7 +38,7 @@ int Thread::start(void* (*fn)(void*), void* arg) {
     if (handle_ != 0) {
         return ALREADY_STARTED;
     }
-    // Stored before the thread runs, which may ask for it at once.
+    // Stored before the thread runs: it may use tid() at once.
     const int error = fn == nullptr ? pthread_create(&handle_, &attributes_, s_Run, this)
                                     : pthread_create(&handle_, &attributes_, fn, arg);
     if (error != 0) {
@@ -58,7 +58,7 @@ void* Thread::s_Run(void* object) {
 int Thread::join(int* result) {
     assert(owner_.here());
     if (handle_ == 0) {
-        return statusOf(ESRCH);  // Not for the system to look at: no handle is that of a thread.
+        return statusOf(ESRCH);  // 0 is no handle that the system may look at.
     }
     void* dropped = nullptr;
     const int error = pthread_join(handle_, result == nullptr ? nullptr : &dropped);

@@ -4,8 +4,8 @@
 
 #include "common/thread_check.h"
 
-/// A POSIX thread with integer status codes. One owner thread drives an object (start, join,
-/// destruction); nothing here locks.
+/// A POSIX thread with integer status codes. One owner thread starts, joins and destroys an object;
+/// nothing here locks.
 ///
 /// Status codes: 0 success; 10 already started and not yet joined; 11 no permission to change the
 /// scheduling; 1000 + e for any other failure, e being the system's error number.
@@ -26,7 +26,7 @@ class Thread {
     /// Waits for the thread to end. The exit value is dropped: `*result` is never written.
     virtual int join(int* result);
 
-    /// What a thread started without a function runs; the base does nothing.
+    /// Runs on a thread that was started without a function; the base does nothing.
     virtual int run();
 
     /// The handle: 0 before a start and after a successful join.

@@ -2,7 +2,7 @@
 
 #include "app/base/Thread.h"
 
-/// What a thread is to call: a member function without arguments on an object that it borrows.
+/// A member function without arguments and the object, borrowed, to call it on.
 template <class T>
 struct MemberCall {
     T* object;
@@ -29,7 +29,7 @@ class ThreadMember : public Thread {
 };
 
 /// Starts `function` of `object` on `thread`; returns the thread's status code. When the start
-/// fails the record stays allocated: that path is fatal or happens once, at the process end.
+/// fails the record leaks: the caller ends the process, or is its end.
 template <class T>
 [[nodiscard]] int startMember(ThreadMember<T>& thread, T* object, void (T::*function)()) {
     auto* const record = new MemberCall<T>{object, function};

@@ -4,9 +4,8 @@
 
 #include "app/base/ThreadMember.h"
 
-/// The server core: owns the worker threads and is the interface through which the network and
-/// audio code report to whatever front end is present. Used as it is, it prints to standard
-/// output; the main window derives from it and shows the reports instead.
+/// The server core: owns the worker threads, and receives the reports of the network and audio
+/// code. This class prints them to standard output; the main window derives from it and shows them.
 ///
 /// Built, started and destroyed on the main thread. The reports come from other threads.
 class VelantrixServerNoGUI {
@@ -14,9 +13,9 @@ class VelantrixServerNoGUI {
     /// Starts nothing.
     VelantrixServerNoGUI();
 
-    /// Closes the audio capture on a thread of its own and waits for it at most 3 s, so that a
-    /// driver that hangs cannot hang the exit; up to a second more when a thread hangs inside a
-    /// report as well. The worker threads end with the process.
+    /// Closes the audio capture on a separate thread and waits for it at most 3 s, so that a
+    /// hanging driver cannot hang the exit; up to a second more when a thread hangs inside a
+    /// report. The worker threads end with the process.
     virtual ~VelantrixServerNoGUI();
 
     VelantrixServerNoGUI(const VelantrixServerNoGUI&) = delete;
@@ -26,12 +25,12 @@ class VelantrixServerNoGUI {
     /// status 255 when the network or the discovery thread cannot be started. Called once.
     virtual void init();
 
-    /// Notes that captured sound has been sent; the first call in the process prints so.
+    /// Notes that captured sound has been sent; the first call in the process prints a line.
     /// Thread: capture. Realtime-safe: yes.
     virtual void SetAudioCaptureActive();
 
-    /// Tells the user `message`; headless: prints it. `message` is borrowed for the call.
-    /// May block until the user has closed the message. Thread: network | version check.
+    /// Shows `message` to the user; headless: prints it. `message` is borrowed for the call. May
+    /// block until the user has closed the message. Thread: network | version check.
     virtual void emitShowMessage(const char* message);
 
     /// Shows who is connected. `clientCount` counts connections, `clientName` is the UTF-8 name of
@@ -40,8 +39,8 @@ class VelantrixServerNoGUI {
     /// Thread: capture, or main with `direct`.
     virtual void SetClientStatus(int clientCount, const char* clientName, bool direct);
 
-    /// Looks for a newer release; returns 1 when one was found that was not announced before,
-    /// else 0. Blocks for the time of the fetch. Thread: version check.
+    /// Looks for a newer release; returns 1 when it found one that was not announced before, else
+    /// 0. Blocks during the fetch. Thread: version check.
     virtual int checkVersion();
 
     /// The IPv4 address that clients should use: the bind address if one was chosen, else the

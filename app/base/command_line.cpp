@@ -15,15 +15,15 @@
 namespace {
 
 std::int32_t CmdPortNum = 0;
-constexpr std::size_t LONGEST_ADDRESS = 255;
-char CmdBindAddr[LONGEST_ADDRESS + 1] = "";
+constexpr std::size_t MAX_ADDRESS_LENGTH = 255;
+char CmdBindAddr[MAX_ADDRESS_LENGTH + 1] = "";
 std::atomic<bool> bindAddrGivenUp{false};
 std::uint8_t Verbose = 0;
 
-/// Copies an address into CmdBindAddr, cut to the 255 characters that fit.
+/// Copies an address into CmdBindAddr, at most 255 characters.
 void setBindAddr(const char* address) {
-    std::strncpy(CmdBindAddr, address, LONGEST_ADDRESS);
-    CmdBindAddr[LONGEST_ADDRESS] = '\0';
+    std::strncpy(CmdBindAddr, address, MAX_ADDRESS_LENGTH);
+    CmdBindAddr[MAX_ADDRESS_LENGTH] = '\0';
 }
 
 std::int32_t toPort(const char* text) {
@@ -40,7 +40,7 @@ void printWaylandWarning() {
         "you should choose X11 by starting VelantrixServer with '-platform xcb' option.");
 }
 
-/// The rules for a session in which nobody gave a "-platform" argument.
+/// The rules for a session without a "-platform" argument.
 void applySessionRules() {
     const QString platform = qEnvironmentVariable("QT_QPA_PLATFORM");
     if (!platform.isEmpty()) {

@@ -21,21 +21,21 @@ namespace {
 
 constexpr std::size_t LINE_ROOM = 256;
 constexpr unsigned QUEUE_LINES = 512;  // A power of two: the counts of lines wrap.
-constexpr unsigned QUEUE_LINES_OF_OTHERS = QUEUE_LINES / 2;
+constexpr unsigned UNRESERVED_LINES = QUEUE_LINES / 2;
 constexpr useconds_t FULL_PIPE_PAUSE_US = 10000;
 
 struct Line {
     std::atomic<bool> complete{false};
     int descriptor = 0;
     std::size_t length = 0;
-    char* longText = nullptr;  ///< Owned; in place of `text`, where that has not enough room.
+    char* longText = nullptr;  ///< Owned; used instead of `text` when the line is longer.
     char text[LINE_ROOM] = {};
 };
 
-// A ring. A thread that prints takes the next line, fills it and declares it complete; the writing
-// thread writes complete lines in order and gives them back. A thread that is held up between the
-// two delays what is written, but nobody who prints. Everything here has a trivial destructor: it
-// is used until the process ends.
+// A ring. A thread that prints takes the next line, fills it and marks it complete; the writing
+// thread writes complete lines in order and frees them. A thread that stops between the two delays
+// the writing but not other threads. Everything here has a trivial destructor: it is used until the
+// process ends.
 std::array<Line, QUEUE_LINES> lines;
 std::atomic<unsigned> taken{0};
 std::atomic<unsigned> written{0};
@@ -45,12 +45,13 @@ sem_t wakeUp;
 std::atomic<bool> writerRuns{false};
 thread_local bool deferring = false;
 
-/// Null when the thread's part of the queue is full.
+/// Null when the part of the queue that the thread may use is full.
 Line* takeLine() {
-    const auto room = static_cast<int>(deferring ? QUEUE_LINES : QUEUE_LINES_OF_OTHERS);
+    const auto room = static_cast<int>(deferring ? QUEUE_LINES : UNRESERVED_LINES);
     unsigned next = taken.load(std::memory_order_relaxed);
     do {
-        // Negative when others have taken and written more meanwhile; then the exchange fails.
+        // Negative when other threads have taken and written lines meanwhile; then the exchange
+        // fails.
         if (static_cast<int>(next - written.load(std::memory_order_acquire)) >= room) {
             return nullptr;
         }
@@ -80,9 +81,9 @@ void writeAll(int descriptor, const char* text, std::size_t length) {
             text += count;
             length -= static_cast<std::size_t>(count);
         } else if (count < 0 && errno == EAGAIN) {
-            ::usleep(FULL_PIPE_PAUSE_US);  // Not poll, which takes a terminal's last byte for room.
+            ::usleep(FULL_PIPE_PAUSE_US);  // Not poll: it counts a terminal's last byte as room.
         } else if (count == 0 || errno != EINTR) {
-            return;  // Closed, full disc: the line is gone, the program is not.
+            return;  // Closed, or the disk is full: drop the line.
         }
     }
 }
@@ -131,7 +132,7 @@ void* runWriter(void* /*unused*/) {
             line.complete.store(false, std::memory_order_relaxed);
             written.store(++next, std::memory_order_release);
         }
-        // Behind what stood before the loss, but not behind all that others go on printing.
+        // After the lines printed before the loss, but without waiting for all later ones.
         if (next == end || next == taken.load(std::memory_order_relaxed)) {
             reportLostLines();
         }
@@ -150,13 +151,13 @@ void openMissingDescriptors() {
 
 void ignoreSignal(int) {}
 
-/// What was printed before an abort, such as the toolkit's without a display, may say why.
+/// Writes what was printed before an abort, which may give the reason.
 void abortLater(int) {
     consoleDrain();
     ::raise(SIGABRT);
 }
 
-// Handlers, not SIG_IGN: programs that we start get the default action back.
+// Handlers, not SIG_IGN: in programs that we start the default action applies again.
 void handleSignal(int number, void (*handler)(int), int flags) {
     struct sigaction action = {};
     action.sa_handler = handler;
@@ -181,7 +182,7 @@ void consoleStart() {
     }
     ::pthread_detach(writer);
     writerRuns.store(true, std::memory_order_release);
-    // The first to be registered is the last to be called.
+    // Registered first, so called last.
     static_cast<void>(std::atexit([] { consoleDrain(); }));
 }
 

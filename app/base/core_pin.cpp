@@ -7,8 +7,8 @@ std::atomic<VelantrixServerNoGUI*> mainDialog{nullptr};
 
 namespace {
 
-// Sequentially consistent on purpose: a pin is counted before the stage is read, and the stage is
-// changed before the pins are counted, so one side always sees the other.
+// Sequentially consistent: a pin is counted before the stage is read, and the stage is changed
+// before the pins are counted, so one side always sees the other.
 std::atomic<int> pins{0};
 thread_local bool callPinned = false;
 

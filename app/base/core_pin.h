@@ -4,18 +4,18 @@
 
 #include "app/base/VelantrixServerNoGUI.h"  // IWYU pragma: export
 
-/// Keeps threads that outlive the core object away from it once it is destroyed.
+/// Keeps threads that outlive the core object from using it after its destruction.
 ///
-/// The capture, network, discovery and version check threads are never joined: they go on while
-/// the main thread destroys the core. A thread holds a CorePin for as long as it uses the object.
-/// The destructors (app/core_life.h) first make new pins fail and new reports go to a plain core
+/// The capture, network, discovery and version check threads are never joined: they run while the
+/// main thread destroys the core. A thread holds a CorePin for as long as it uses the object. The
+/// destructors (app/core_life.h) first make new pins fail and direct new reports to a plain core
 /// that lives until the process ends, then wait for the pins still held, then destroy. The wait is
-/// short and bounded: a thread that is blocked inside a report when it runs out is released later,
-/// and touches nothing of the object on its way out.
+/// short and bounded: a thread that is still blocked inside a report then returns later, and
+/// touches nothing of the object.
 
 enum class CoreStage {
     Alive,     ///< In use.
-    Closing,   ///< The window's part is going; the core's own members are still there.
+    Closing,   ///< The window's part is being destroyed; the core's own members still exist.
     Destroyed  ///< No part of the object may be touched.
 };
 
@@ -41,8 +41,8 @@ class CorePin {
     CoreStage stageSeen_;
 };
 
-/// The pin for a virtual call of the core that may take for ever. What is called gives it up with
-/// release() as soon as it runs, and pins the core where it uses it. Thread: version check.
+/// The pin for a virtual call of the core that may never return. The called function gives it up
+/// with release() first, and then pins the core where it uses it. Thread: version check.
 class CallPin {
   public:
     CallPin();
@@ -53,7 +53,7 @@ class CallPin {
     /// True when the call may be made.
     explicit operator bool() const { return usable_; }
 
-    /// Gives the pin of the calling thread up; without one it does nothing.
+    /// Releases the pin of the calling thread; without one it does nothing.
     static void release();
 
   private:
@@ -63,13 +63,13 @@ class CallPin {
 /// The stage that new pins see. Only main writes it, through app/core_life.h.
 extern std::atomic<CoreStage> coreStage;
 
-/// The core object that receives the streaming side's reports; borrowed. Set by enetHost, pointed
-/// at a core that never dies when the real one is about to be destroyed. Null before enetHost.
+/// The core object that receives the streaming side's reports; borrowed. Set by enetHost; when that
+/// core is about to be destroyed, changed to one that is never destroyed. Null before enetHost.
 extern std::atomic<VelantrixServerNoGUI*> mainDialog;
 
-/// Calls `report(core)` on the present report target, keeping it from being destroyed between the
-/// look-up and the call. Does nothing before there is a target.
-/// Thread: capture | network. As realtime-safe as the report.
+/// Calls `report(core)` on the present report target, pinned so that it is not destroyed meanwhile.
+/// Does nothing before there is a target. Thread: capture | network. As realtime-safe as the
+/// report.
 template <class Report>
 void reportToCore(Report report) {
     const CorePin pin;

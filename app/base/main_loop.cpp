@@ -17,7 +17,7 @@
 
 namespace {
 
-// A request is one byte. It must stay that way: a signal handler writes it.
+// A request must be one byte: a signal handler writes it.
 constexpr char QUIT_REQUEST = 'q';
 constexpr char EXIT_REQUEST = 'x';
 
@@ -46,7 +46,7 @@ void onStopSignal(int number) {
     const int savedErrno = errno;
     std::signal(SIGINT, SIG_DFL);
     std::signal(SIGTERM, SIG_DFL);
-    // A full pipe already holds a request; without any the signal is left to its default action.
+    // A full pipe already holds a request; after another error the default action applies.
     if (::write(requestPipe[1], &QUIT_REQUEST, 1) != 1 && errno != EAGAIN) {
         ::raise(number);  // GCOVR_EXCL_LINE: ends the process, and its counts with it
     }

@@ -13,15 +13,15 @@
 namespace {
 
 constexpr int FATAL_STATUS = 255;
-constexpr unsigned READER_PATIENCE_S = 1;
+constexpr unsigned READER_TIMEOUT_S = 1;
 
 thread_local bool throwing = false;
 std::terminate_handler otherTermination = nullptr;
 
-// Without memory no exit handler can be trusted to run: only the line and the status are left.
-// Standard error may be turned off at this moment, so it goes where all lines go.
+// Without memory exit handlers may fail, so only print the line and set the status. Standard error
+// may be turned off now: use standard output.
 [[noreturn]] void endProcess() {
-    limitExit(FATAL_STATUS, READER_PATIENCE_S);
+    limitExit(FATAL_STATUS, READER_TIMEOUT_S);
     consolePuts("VelantrixServer: not enough memory. Quitting.");
     consoleDrain();
     ::_exit(FATAL_STATUS);
@@ -34,7 +34,7 @@ void onNoMemory() {
     endProcess();
 }
 
-/// Qt throws by itself, past the handler of operator new.
+/// Qt throws without calling the handler of operator new.
 [[noreturn]] void onTerminate() {
     if (const std::exception_ptr thrown = std::current_exception()) {
         try {

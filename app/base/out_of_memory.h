@@ -1,13 +1,12 @@
 #pragma once
 
-/// Makes the process end with status 255 and a printed line when memory for our own or
-/// Qt's objects runs out, in place of an abort. Packets and web pages are not concerned: their
-/// allocations are checked where they are made. Thread: main, before any thread but the console's
-/// exists.
+/// Makes the process end with status 255 and a printed line, instead of an abort, when memory for
+/// our own or Qt's objects runs out. Allocations of packets and web pages are checked where they
+/// are made. Thread: main, before any thread but the console's exists.
 void endWhenOutOfMemory();
 
-/// While it lives, memory that runs out in this thread is thrown as std::bad_alloc, for its owner
-/// to catch: for work that the program can do without. Thread: any, one at a time in each.
+/// While it exists, std::bad_alloc is thrown when memory runs out in this thread; its owner catches
+/// it. For work that the program can do without. Thread: any, one at a time in each.
 class ThrowWhenOutOfMemory {
   public:
     ThrowWhenOutOfMemory();

@@ -15,13 +15,13 @@
 
 namespace {
 
-constexpr int ANSWER_PATIENCE_MS = 3000;
+constexpr int ANSWER_TIMEOUT_MS = 3000;
 constexpr int WAIT_STEP_MS = 10;
 
-std::atomic<int> statusInTheEnd{0};
+std::atomic<int> finalExitStatus{0};
 
 void endNow(int /*signal*/) {
-    ::_exit(statusInTheEnd.load());
+    ::_exit(finalExitStatus.load());
 }
 
 void silenceStandardError() {
@@ -31,9 +31,9 @@ void silenceStandardError() {
     ::close(devNull);
 }
 
-/// Waits for the main thread's exit, however long it takes. Returns only when none begins.
+/// Waits for the main thread's exit. Returns only when it does not begin.
 void waitForMainThread() {
-    for (int waited = 0; waited < ANSWER_PATIENCE_MS || mainThreadExitBegun();
+    for (int waited = 0; waited < ANSWER_TIMEOUT_MS || mainThreadExitBegun();
          waited += WAIT_STEP_MS) {
         Sleep(WAIT_STEP_MS);
     }
@@ -42,7 +42,7 @@ void waitForMainThread() {
 }  // namespace
 
 void limitExit(int status, unsigned seconds) {
-    statusInTheEnd.store(status);
+    finalExitStatus.store(status);
     std::signal(SIGALRM, endNow);
     ::alarm(seconds);
 }

@@ -1,5 +1,5 @@
-// Load for velantrix-web and what it is compared with. Each packet carries the time when it was
-// sent, so that listeners know how long it took.
+// Load for velantrix-web and the programs that it is compared with. Each packet contains the time
+// when it was sent, so that listeners know its delay.
 //
 //   web_load source PORT                        a server that sends Opus packets of 128 kbit/s
 //   web_load floor PORT live|ogg                writes the same bytes to whoever connects
@@ -35,7 +35,7 @@ namespace {
 using Clock = std::chrono::steady_clock;
 
 constexpr std::size_t PAYLOAD = 320;  ///< Bytes of an Opus packet of 10 ms at 128 kbit/s.
-constexpr std::size_t STAMP_AT = 1;   ///< Behind the byte that says what kind of packet it is.
+constexpr std::size_t STAMP_AT = 1;   ///< After the byte with the kind of packet.
 constexpr std::chrono::milliseconds PERIOD{10};
 constexpr int PACKETS_A_PAGE = 10;
 constexpr char STEREO_10_MS = '\xF4';
@@ -116,7 +116,7 @@ std::string makePage(const std::vector<std::string>& packets) {
     return page;
 }
 
-/// What the floor sends at one moment; empty for nothing.
+/// The bytes that the floor sends now; empty for none.
 std::string makeFloorBytes(bool ogg, std::vector<std::string>& waiting) {
     const std::string payload = makePayload();
     if (!ogg) {
@@ -188,7 +188,7 @@ class Listener {
         fcntl(handle, F_SETFL, O_NONBLOCK);
     }
 
-    /// Takes what has come.
+    /// Reads what has arrived.
     void take() {
         char room[65536];
         for (ssize_t length = recv(handle, room, sizeof room, 0); length > 0;
@@ -293,7 +293,7 @@ void report(int count) {
         delays.size(), incomplete, part(0.5), part(0.99), part(1.0));
 }
 
-/// Counts what is sent from two seconds after the last has connected on.
+/// Counts packets sent later than two seconds after the last connection.
 void runListeners(int port, const std::string& path, int count, int seconds) {
     std::vector<Listener> listeners;
     const int events = epoll_create1(0);

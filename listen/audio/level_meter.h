@@ -18,7 +18,7 @@ class LevelMeter {
     /// Takes `count` interleaved stereo frames.
     void add(const std::int16_t* frames, std::size_t count);
 
-    /// Starts anew.
+    /// Forgets all frames.
     void clear() { *this = LevelMeter(); }
 
     [[nodiscard]] double peakDbfs(std::size_t channel) const;
@@ -30,7 +30,7 @@ class LevelMeter {
     std::uint64_t frames_ = 0;
 };
 
-/// The highest level of late, as a meter shows it: held for a while, then sinking.
+/// The peak level that a meter shows: held for a while, then falling.
 class PeakHold {
   public:
     /// Takes a new peak in dBFS at `now` (microseconds) and returns the level to show.

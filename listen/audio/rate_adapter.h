@@ -15,11 +15,11 @@ struct ResamplerDeleter {
 };
 using Resampler = std::unique_ptr<SpeexResamplerState, ResamplerDeleter>;
 
-/// Brings a stream whose sample rate may change to one fixed rate. Frames that have it already
-/// pass through untouched.
+/// Converts a stream whose sample rate may change to a fixed rate. Frames that already have it are
+/// not changed.
 class RateAdapter {
   public:
-    /// `rate` in Hz is what comes out.
+    /// `rate`: of the result, in Hz.
     explicit RateAdapter(int rate) : rate_(rate) {}
 
     /// Converts `count` interleaved stereo frames of `rate` Hz. The result stays valid until the

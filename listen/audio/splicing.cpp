@@ -20,8 +20,8 @@ double monoAt(const std::int16_t* frames, std::size_t at) {
     return static_cast<double>(frames[at * CHANNELS]) + frames[at * CHANNELS + 1];
 }
 
-/// How alike the last FADE_FRAMES frames and those `lag` frames before them are, 1 at best.
-double likeness(const std::int16_t* frames, std::size_t count, std::size_t lag) {
+/// How similar the last FADE_FRAMES frames and those `lag` frames earlier are; 1: equal.
+double similarity(const std::int16_t* frames, std::size_t count, std::size_t lag) {
     double together = 0;
     double here = 1e-9;
     double there = 1e-9;
@@ -37,12 +37,12 @@ double likeness(const std::int16_t* frames, std::size_t count, std::size_t lag) 
 
 std::size_t bestLag(const std::int16_t* frames, std::size_t count) {
     std::size_t best = MINIMUM_LAG;
-    double alike = -2;
+    double bestSimilarity = -2;
     const std::size_t last = std::min(STRETCH_MAXIMUM_ADDED, count - FADE_FRAMES);
     for (std::size_t lag = MINIMUM_LAG; lag <= last; ++lag) {
-        const double now = likeness(frames, count, lag);
-        if (now > alike) {
-            alike = now;
+        const double candidate = similarity(frames, count, lag);
+        if (candidate > bestSimilarity) {
+            bestSimilarity = candidate;
             best = lag;
         }
     }
@@ -84,7 +84,7 @@ std::size_t stretch(const std::int16_t* frames, std::size_t count, std::int16_t*
         return count;
     }
     const std::size_t lag = bestLag(frames, count);
-    // The end is faded over into what came `lag` frames before, which then goes on to the end.
+    // The end fades into the sound of `lag` frames earlier, which then plays again up to the end.
     std::int16_t* const faded = target + (count - FADE_FRAMES) * CHANNELS;
     const std::int16_t* const again = frames + (count - FADE_FRAMES - lag) * CHANNELS;
     std::copy_n(again, (FADE_FRAMES + lag) * CHANNELS, faded);

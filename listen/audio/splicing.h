@@ -13,18 +13,17 @@ void fade(std::int16_t* frames, std::size_t count, double from, double to);
 /// Realtime-safe: yes.
 void crossfade(std::int16_t* frames, const std::int16_t* other, std::size_t count);
 
-/// Turns the order of `count` stereo frames round, so that they go on without a step from where
-/// they ended. Realtime-safe: yes.
+/// Reverses the order of `count` stereo frames, so that they continue without a step after
+/// themselves. Realtime-safe: yes.
 void mirror(std::int16_t* frames, std::size_t count);
 
-/// Most frames that stretch() adds.
+/// Maximum number of frames that stretch() adds.
 constexpr std::size_t STRETCH_MAXIMUM_ADDED = 240;
 
-/// Copies `count` stereo frames (at most the 480 of a packet) to `target` with a piece near their
-/// end played twice. The piece is as long as the sound repeats itself best and faded over, so that
-/// the pitch stays and no step is heard; a block that is too short for that stays as it is. Returns
-/// the number of frames written, at most STRETCH_MAXIMUM_ADDED more than `count`. Pure.
-/// Realtime-safe: yes.
+/// Copies `count` stereo frames (at most 480) to `target` and repeats a piece near their end. The
+/// piece is a period of the sound, with a crossfade, so that pitch and waveform stay smooth; a
+/// block that is too short is only copied. Returns the number of frames written, at most
+/// STRETCH_MAXIMUM_ADDED more than `count`. Pure. Realtime-safe: yes.
 std::size_t stretch(const std::int16_t* frames, std::size_t count, std::int16_t* target);
 
 }  // namespace vxlisten

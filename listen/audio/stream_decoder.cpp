@@ -8,13 +8,13 @@ namespace vxlisten {
 
 namespace {
 
-// The encoder always works at this rate, even on sound captured at 44100 Hz: what comes out are
-// the captured samples, whose true rate the packet's flag tells.
+// The encoder always uses this rate, also for sound captured at 44100 Hz: the result is the
+// captured samples, whose true rate is in the packet's flags.
 constexpr opus_int32 DECODER_RATE = 48000;
 constexpr int CHANNELS = 2;
 constexpr int FRAMES = wire::OPUS_FRAME_SAMPLES;
-constexpr unsigned LONGEST_RUN = 6;  ///< Lost Opus packets in a row until silence.
-constexpr unsigned SHORT_RUN = 2;    ///< So many leave libopus's sound whole.
+constexpr unsigned MAXIMUM_RUN = 6;  ///< Lost Opus packets in a row until silence.
+constexpr unsigned SHORT_RUN = 2;    ///< After up to this many, sound needs no fade in.
 
 /// Copies little-endian samples.
 void copySamples(const AudioPacket& packet, std::int16_t* frames) {
@@ -26,7 +26,7 @@ void copySamples(const AudioPacket& packet, std::int16_t* frames) {
 }
 
 double gainAfter(unsigned run) {
-    return 1.0 - static_cast<double>(run) / LONGEST_RUN;
+    return 1.0 - static_cast<double>(run) / MAXIMUM_RUN;
 }
 
 }  // namespace
@@ -55,7 +55,7 @@ std::size_t StreamDecoder::decodeOpus(const AudioPacket& packet) {
         return 0;
     }
     if (packet.rateCode != rateCode_ || !primed_) {
-        resetOpus();  // Another encoder, whose past this decoder has not followed.
+        resetOpus();  // Another encoder: the decoder's state does not match.
     }
     const auto length = static_cast<opus_int32>(packet.payloadLength);
     if (opus_packet_get_nb_samples(packet.payload, length, DECODER_RATE) != FRAMES ||
@@ -78,18 +78,18 @@ DecodedBlock StreamDecoder::decode(const AudioPacket& packet) {
     if (count == 0) {
         return {};
     }
-    if (join_ == Join::GoesOn && lostRun_ > (primed_ ? SHORT_RUN : 0)) {
+    if (join_ == Join::Continues && lostRun_ > (primed_ ? SHORT_RUN : 0)) {
         join_ = Join::FadeIn;
     }
     lostRun_ = 0;
     count_ = count;
     sampleRate_ = packet.sampleRate;
-    return {block_.data(), count, sampleRate_, std::exchange(join_, Join::GoesOn), false};
+    return {block_.data(), count, sampleRate_, std::exchange(join_, Join::Continues), false};
 }
 
 DecodedBlock StreamDecoder::conceal() {
     const unsigned run = lostRun_++;
-    if (primed_ && run < LONGEST_RUN &&
+    if (primed_ && run < MAXIMUM_RUN &&
         opus_decode(opus_.get(), nullptr, 0, block_.data(), FRAMES, 0) == FRAMES) {
         fade(block_.data(), count_, gainAfter(run), gainAfter(run + 1));
     } else if (!primed_ && run == 0) {
@@ -98,7 +98,7 @@ DecodedBlock StreamDecoder::conceal() {
     } else {
         block_.fill(0);
     }
-    return {block_.data(), count_, sampleRate_, Join::GoesOn, true};
+    return {block_.data(), count_, sampleRate_, Join::Continues, true};
 }
 
 }  // namespace vxlisten

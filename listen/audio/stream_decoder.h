@@ -13,11 +13,11 @@
 
 namespace vxlisten {
 
-/// How a block of sound follows the one before.
+/// How a block of sound continues the one before.
 enum class Join {
-    GoesOn,
-    FadeIn,     ///< With a step, unless it is faded in.
-    NewStream,  ///< It has nothing to do with what came before.
+    Continues,
+    FadeIn,     ///< There is a step unless it is faded in.
+    NewStream,  ///< It does not continue the sound before.
 };
 
 /// The sound of one packet.
@@ -25,8 +25,8 @@ struct DecodedBlock {
     const std::int16_t* frames = nullptr;  ///< Stereo; valid until the decoder is used again.
     std::size_t count = 0;                 ///< Frames; 0 for none.
     int sampleRate = 0;                    ///< Hz.
-    Join join = Join::GoesOn;
-    bool concealed = false;  ///< It stands in for a packet that was lost or damaged.
+    Join join = Join::Continues;
+    bool concealed = false;  ///< It replaces a lost or damaged packet.
 };
 
 /// Frees an Opus decoder.
@@ -34,22 +34,21 @@ struct OpusDecoderDeleter {
     void operator()(OpusDecoder* decoder) const { opus_decoder_destroy(decoder); }
 };
 
-/// Turns the packets of a connection into signed 16-bit sound, once for all who take it. For lost
-/// packets stand libopus's own concealment, growing fainter, or the mirrored block before, faded
-/// out. Not thread-safe.
+/// Decodes the packets of a connection to signed 16-bit sound. Lost packets are replaced by
+/// libopus's concealment, fading out, or by the mirrored block before, faded out. Not thread-safe.
 class StreamDecoder {
   public:
-    /// Most frames of a block.
+    /// Maximum frames of a block.
     static constexpr std::size_t MAX_FRAMES = wire::OPUS_FRAME_SAMPLES;
-    /// Packets in a row that are concealed; behind a longer gap a new stream begins.
+    /// Maximum packets in a row that are concealed; after a longer gap a new stream begins.
     static constexpr std::uint32_t MAXIMUM_CONCEALED = 256;
 
     /// Without memory for libopus every Opus packet counts as damaged.
     StreamDecoder();
 
-    /// Decodes the packet that `step` judged and returns its sound, none for a damaged packet.
-    /// Before that it calls `take(block)` for each block of what is to be heard: those in place of
-    /// missing packets, then the packet's own or the one in its place.
+    /// Decodes a packet with the SequenceTracker's `step` and returns its sound, none for a damaged
+    /// packet. First calls `take(block)` for each block to play: those for missing packets, then
+    /// the packet's own or its replacement.
     template <class Take>
     DecodedBlock decode(const AudioPacket& packet, const SequenceStep& step, const Take& take) {
         const bool start = step.start || step.missing > MAXIMUM_CONCEALED;
@@ -73,7 +72,7 @@ class StreamDecoder {
 
     std::unique_ptr<OpusDecoder, OpusDecoderDeleter> opus_;
     std::uint32_t rateCode_ = 0;  ///< Of the latest Opus packet.
-    bool primed_ = false;         ///< libopus has followed the stream up to the latest packet.
+    bool primed_ = false;         ///< libopus has decoded the stream up to the latest packet.
     Join join_ = Join::NewStream;
     unsigned lostRun_ = 0;  ///< Blocks concealed in a row.
     int sampleRate_ = 0;

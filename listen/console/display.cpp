@@ -17,7 +17,7 @@ namespace {
 constexpr double METER_FLOOR = -60.0;
 constexpr std::size_t MINIMUM_COLUMNS = 20;
 constexpr std::size_t LEVEL_TEXT = 12;  ///< "  -12.3 dBFS".
-constexpr std::size_t LONGEST_BAR = 60;
+constexpr std::size_t MAXIMUM_BAR = 60;
 
 std::size_t barPosition(double level, std::size_t width) {
     const double share = std::clamp((level - METER_FLOOR) / -METER_FLOOR, 0.0, 1.0);
@@ -45,7 +45,7 @@ std::vector<std::string> pack(const std::vector<std::string>& fields, std::size_
     return lines;
 }
 
-/// `text` with a "?" in place of every character that could steer a terminal.
+/// `text` with a every control character replaced by "?".
 std::string plainText(std::string text) {
     std::replace_if(
         text.begin(), text.end(), [](unsigned char c) { return std::iscntrl(c) != 0; }, '?');
@@ -93,7 +93,7 @@ std::vector<std::string> countFields(const Statistics& s) {
 }
 
 std::string meterLine(const char* name, double level, double held, std::size_t room) {
-    const std::size_t width = std::min(LONGEST_BAR, room - 2 - LEVEL_TEXT);
+    const std::size_t width = std::min(MAXIMUM_BAR, room - 2 - LEVEL_TEXT);
     const std::string text = number(std::max(level, -99.9), 1) + " dBFS";
     return std::string(name) + " " + meterBar(level, held, width) +
            std::string(LEVEL_TEXT - text.size(), ' ') + text;

@@ -15,14 +15,14 @@ namespace vxlisten {
 std::string meterBar(double level, double held, std::size_t width);
 
 /// The lines of the live display for a terminal of `columns` columns; none is longer than
-/// `columns` - 1. `held` are the peak-hold levels in dBFS. The text is plain: control characters
-/// in names come out as "?".
+/// `columns` - 1. `held` are the peak-hold levels in dBFS. Control characters in names are replaced
+/// by "?".
 std::vector<std::string> layOutDisplay(const Statistics& statistics,
                                        const std::array<double, LevelMeter::CHANNELS>& held,
                                        std::size_t columns);
 
-/// What to write to a terminal so that `lines` stand in place of the `before` lines written last:
-/// one string, to be written at once.
+/// The text that replaces the `before` lines written last by `lines` on a terminal; to be written
+/// at once.
 std::string redraw(const std::vector<std::string>& lines, std::size_t before);
 
 }  // namespace vxlisten

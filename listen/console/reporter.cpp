@@ -17,8 +17,8 @@ namespace vxlisten {
 namespace {
 
 constexpr std::int64_t DISPLAY_INTERVAL = 100 * MILLISECOND;
-constexpr int SENTENCE_PATIENCE_MS = 100;
-constexpr int LAST_PATIENCE_MS = 1000;
+constexpr int MESSAGE_TIMEOUT_MS = 100;
+constexpr int REPORT_TIMEOUT_MS = 1000;
 constexpr std::size_t USUAL_COLUMNS = 80;
 constexpr const char* HIDE_CURSOR = "\x1b[?25l";
 constexpr const char* SHOW_CURSOR = "\x1b[?25h";
@@ -34,18 +34,18 @@ std::size_t columnsOf(int descriptor) {
     return known ? size.ws_col : USUAL_COLUMNS;
 }
 
-/// A terminal that is held or a pipe that nobody reads must not hold up the sound: what finds no
-/// room within `patience` milliseconds is left out. Returns whether it was written.
-bool writeAll(int descriptor, const std::string& text, int patience) {
+/// A stopped terminal or a full pipe must not delay the sound: text that cannot be written within
+/// `timeout` milliseconds is dropped. Returns whether it was written.
+bool writeAll(int descriptor, const std::string& text, int timeout) {
     pollfd waiting = {descriptor, POLLOUT, 0};
-    if (poll(&waiting, 1, patience) == 0) {
+    if (poll(&waiting, 1, timeout) == 0) {
         return false;
     }
     std::size_t done = 0;
     while (done < text.size()) {
         const ssize_t written = ::write(descriptor, text.data() + done, text.size() - done);
         if (written < 0 && (errno != EINTR || stopRequested())) {
-            return false;  // Nobody reads; the figures are not worth ending for.
+            return false;  // Nobody reads: no reason to end.
         }
         done += written > 0 ? static_cast<std::size_t>(written) : 0;
     }
@@ -59,7 +59,7 @@ Reporter::Reporter(const Options& options)
       descriptor_(options.toStdout ? STDERR_FILENO : STDOUT_FILENO),
       display_(!options.quiet && options.stats == StatsStyle::Display && canRedraw(descriptor_)) {
     if (display_) {
-        write(HIDE_CURSOR, LAST_PATIENCE_MS);
+        write(HIDE_CURSOR, REPORT_TIMEOUT_MS);
     }
 }
 
@@ -69,7 +69,7 @@ Reporter::~Reporter() {
 
 void Reporter::showCursor() {
     if (display_) {
-        write(SHOW_CURSOR, LAST_PATIENCE_MS);
+        write(SHOW_CURSOR, REPORT_TIMEOUT_MS);
         display_ = false;
     }
 }
@@ -78,8 +78,8 @@ std::int64_t Reporter::interval() const {
     return display_ ? DISPLAY_INTERVAL : SECOND;
 }
 
-bool Reporter::write(const std::string& text, int patience) const {
-    return writeAll(descriptor_, text, patience);
+bool Reporter::write(const std::string& text, int timeout) const {
+    return writeAll(descriptor_, text, timeout);
 }
 
 void Reporter::show(const Statistics& statistics) {
@@ -115,16 +115,16 @@ void Reporter::complain(const std::string& sentence) {
         write(redraw({}, lines_));
         lines_ = 0;
     }
-    writeAll(STDERR_FILENO, "velantrix-listen: " + sentence + "\n", SENTENCE_PATIENCE_MS);
+    writeAll(STDERR_FILENO, "velantrix-listen: " + sentence + "\n", MESSAGE_TIMEOUT_MS);
 }
 
 void Reporter::report(const Statistics& statistics) {
     showCursor();
     lines_ = 0;
     if (options_.stats == StatsStyle::Json) {
-        write(toJson(statistics, "end") + "\n", LAST_PATIENCE_MS);
+        write(toJson(statistics, "end") + "\n", REPORT_TIMEOUT_MS);
     } else if (!options_.quiet) {
-        write(toReport(statistics), LAST_PATIENCE_MS);
+        write(toReport(statistics), REPORT_TIMEOUT_MS);
     }
 }
 

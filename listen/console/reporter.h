@@ -11,9 +11,9 @@
 
 namespace vxlisten {
 
-/// Prints what the user is to see: figures while the program runs, as a live display, as lines or
-/// as JSON, sentences about what happens, and the report at the end. Figures go to standard
-/// output, to standard error while standard output carries the sound.
+/// Prints figures while the program runs (as a live display, as lines or as JSON), messages, and
+/// the report at the end. Figures go to standard output, or to standard error when standard output
+/// carries the sound.
 class Reporter {
   public:
     /// `options` is borrowed and must outlive this.
@@ -22,16 +22,16 @@ class Reporter {
     Reporter(const Reporter&) = delete;
     Reporter& operator=(const Reporter&) = delete;
 
-    /// How often show() wants to be called, in microseconds.
+    /// The interval in which to call show(), in microseconds.
     [[nodiscard]] std::int64_t interval() const;
 
-    /// Prints the present figures, or leaves them out where nobody takes them.
+    /// Prints the figures, or drops them when they cannot be written.
     void show(const Statistics& statistics);
 
-    /// Prints a sentence without disturbing the display; nothing when quiet.
+    /// Prints a message above the display; nothing when quiet.
     void announce(const std::string& sentence);
 
-    /// Prints an error, without disturbing the display.
+    /// Prints an error above the display.
     void complain(const std::string& sentence);
 
     /// Prints the report at the end; the display stays as it is.
@@ -39,13 +39,13 @@ class Reporter {
 
   private:
     void draw(const Statistics& statistics);
-    bool write(const std::string& text, int patience = 0) const;
+    bool write(const std::string& text, int timeout = 0) const;
     void showCursor();
 
     const Options& options_;
     int descriptor_;
     bool display_;           ///< Draw in place, on a terminal.
-    std::size_t lines_ = 0;  ///< Lines of the display that stand on the terminal.
+    std::size_t lines_ = 0;  ///< Lines of the display on the terminal.
     std::array<PeakHold, LevelMeter::CHANNELS> holds_;
 };
 

@@ -14,7 +14,7 @@ namespace vxlisten {
 struct Statistics {
     double time = 0;       ///< Seconds since the program began to listen.
     std::string server;    ///< Address and port.
-    std::string hostName;  ///< As the user named the server.
+    std::string hostName;  ///< The server as the user gave it.
     bool connected = false;
     int sampleRate = 0;  ///< Hz, 0 before the first audio.
     std::uint32_t rateCode = 0;
@@ -24,7 +24,7 @@ struct Statistics {
     std::uint64_t packets = 0;       ///< Audio packets received.
     std::uint64_t bytes = 0;         ///< Their bytes, headers of the audio packets included.
     std::uint64_t lost = 0;          ///< Sequence numbers that never came.
-    std::uint64_t damaged = 0;       ///< Packets that are no audio or cannot be decoded.
+    std::uint64_t damaged = 0;       ///< Packets that are not audio or cannot be decoded.
     std::uint64_t frames = 0;        ///< Stereo frames decoded.
     std::uint64_t filledFrames = 0;  ///< Frames of silence in place of missing sound.
     std::uint64_t reconnects = 0;
@@ -33,7 +33,7 @@ struct Statistics {
     std::optional<Playback> playback;  ///< Empty when nothing is played.
 };
 
-/// Text of a number with `decimals` digits after the point, whatever the locale.
+/// Text of a number with `decimals` digits after the point, in any locale.
 std::string number(double value, int decimals);
 
 /// Name of a rate code: "raw", "opus-64" and so on, "code-4" for one without an encoder.
@@ -42,8 +42,8 @@ std::string rateName(std::uint32_t rateCode);
 /// "reliable" or "best-effort".
 const char* deliveryName(bool reliable);
 
-/// The delay and, where it is to be kept, how late the sound is, with a blank before each; empty
-/// while they are not known.
+/// The delay and, with --delay, how late the sound is, with a blank before each; empty while they
+/// are not known.
 std::string delayText(const Playback& playback);
 
 /// One JSON object on one line, without a line end. `type` is "stats" or "end".

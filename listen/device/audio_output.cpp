@@ -49,7 +49,7 @@ int chooseRate(const PaStreamParameters& parameters, const PaDeviceInfo& info) {
                : static_cast<int>(info.defaultSampleRate);
 }
 
-/// Without a value that is not known.
+/// Empty for a value that is not known.
 std::optional<double> known(double value) {
     return std::isnan(value) ? std::nullopt : std::optional(value);
 }

@@ -23,7 +23,7 @@ struct OutputDevice {
 };
 
 /// Plays the stream on an output device. Opening and closing belong to one thread; the sound is
-/// made on PortAudio's own thread.
+/// rendered on PortAudio's thread.
 class AudioOutput {
   public:
     AudioOutput() = default;
@@ -35,15 +35,15 @@ class AudioOutput {
     static std::vector<OutputDevice> devices();
 
     /// Opens and starts a device: the one whose name is `device`, else the first whose name
-    /// contains it, or the default for an empty text. `latencyMs` is what the device itself shall
-    /// keep at least. False on failure, see error().
+    /// contains it, or the default for an empty text. `latencyMs` is the minimum latency of the
+    /// device itself. False on failure, see error().
     [[nodiscard]] bool open(const std::string& device, const PlayoutSettings& settings,
                             double latencyMs);
 
-    /// Where the sound goes that is to be played; only when open.
+    /// The queue of the sound to play; only when open.
     [[nodiscard]] BlockQueue& queue() { return playout_->queue(); }
 
-    /// False once the device has gone.
+    /// False once the device is gone.
     [[nodiscard]] bool alive() const;
 
     /// Times that the device asked for sound.
@@ -52,14 +52,14 @@ class AudioOutput {
     /// Figures of the playing side; only when open.
     [[nodiscard]] Playback figures() const;
 
-    /// The least delay from the sending to the loudspeaker that this device can play at, in
-    /// milliseconds, when that is more than the chosen one; else 0.
+    /// The minimum delay from the sending to the loudspeaker that is possible, in milliseconds,
+    /// when that is more than the chosen one; else 0.
     [[nodiscard]] double neededDelayMs() const { return playout_->figures().neededMs; }
 
-    /// True when the device does not say when its sound is heard.
+    /// True when the device does not report its latency.
     [[nodiscard]] bool latencyIsNominal() const { return playout_->figures().nominalLatency; }
 
-    /// Times that the device itself was not fed in time.
+    /// Underruns of the device itself.
     [[nodiscard]] std::uint64_t deviceUnderruns() const { return deviceUnderruns_; }
 
     /// One sentence about what went wrong, without a line end.

@@ -20,7 +20,7 @@ void DeviceLatency::noteOpened(std::int64_t now) {
 }
 
 bool DeviceLatency::noteUnderruns(std::uint64_t count, std::int64_t now) {
-    // While a device gets going, its underruns say nothing.
+    // Underruns while a device starts do not count.
     if (now - opened_ < SETTLING || now - since_ >= SPAN) {
         since_ = now;
         before_ = count;

@@ -4,13 +4,13 @@
 
 namespace vxlisten {
 
-/// Decides how much latency to ask the output device for: little at first, more when the device
-/// runs dry again and again. Times are given, not taken from a clock. Not thread-safe.
+/// Decides how much latency to request from the output device: little at first, more after repeated
+/// underruns. Times are given, not taken from a clock. Not thread-safe.
 class DeviceLatency {
   public:
-    /// Milliseconds. Less than the first is promised by some devices and kept by few: a sound
-    /// server behind ALSA runs dry at 40 ms as soon as the machine is busy, and takes two seconds
-    /// to get going again. Where programs that play go before all others it is kept.
+    /// Milliseconds. Some devices promise less than the first, but few keep it: a sound server
+    /// behind ALSA has underruns at 40 ms as soon as the machine is busy, and takes two seconds to
+    /// recover. With real-time scheduling 40 ms are enough.
     static constexpr double FIRST_MS = 80;
     static constexpr double REAL_TIME_MS = 40;
     static constexpr double MAXIMUM_MS = 320;
@@ -20,8 +20,8 @@ class DeviceLatency {
     /// The device was opened at `now` (microseconds), its underruns count from 0.
     void noteOpened(std::int64_t now);
 
-    /// Takes the device's count of underruns. True when it is to be opened again with the greater
-    /// latency that milliseconds() then tells.
+    /// Takes the device's count of underruns. True when it must be reopened with more latency:
+    /// milliseconds().
     bool noteUnderruns(std::uint64_t count, std::int64_t now);
 
     [[nodiscard]] double milliseconds() const { return milliseconds_; }

@@ -10,7 +10,7 @@ namespace vxlisten {
 
 namespace {
 
-/// Low among the real-time ones: a sound server has to go first.
+/// Below that of a sound server.
 constexpr int REAL_TIME_PRIORITY = 2;
 constexpr int NICE = -11;
 
@@ -18,7 +18,7 @@ void raise(pid_t thread) {
     sched_param parameters = {};
     parameters.sched_priority = REAL_TIME_PRIORITY;
     if (sched_getscheduler(thread) != SCHED_OTHER) {
-        return;  // Somebody has chosen already.
+        return;  // The user has chosen one.
     }
     if (sched_setscheduler(thread, SCHED_RR | SCHED_RESET_ON_FORK, &parameters) != 0) {
         setpriority(PRIO_PROCESS, static_cast<id_t>(thread), NICE);
@@ -29,7 +29,7 @@ void raise(pid_t thread) {
 
 bool realTimeAllowed() {
     const int scheduler = sched_getscheduler(0);
-    const int flag = scheduler & SCHED_RESET_ON_FORK;  // May not be taken back.
+    const int flag = scheduler & SCHED_RESET_ON_FORK;  // Cannot be cleared.
     const int policy = scheduler & ~SCHED_RESET_ON_FORK;
     if (policy != SCHED_OTHER) {
         return policy == SCHED_RR || policy == SCHED_FIFO;
@@ -44,7 +44,7 @@ bool realTimeAllowed() {
 }
 
 void raisePriority() {
-    // Nothing is raised where there is no such folder; threads may end meanwhile.
+    // Does nothing where there is no such folder; threads may end meanwhile.
     std::error_code error;
     for (std::filesystem::directory_iterator task("/proc/self/task", error), end;
          !error && task != end; task.increment(error)) {

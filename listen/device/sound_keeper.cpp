@@ -16,25 +16,25 @@ namespace vxlisten {
 
 namespace {
 
-constexpr std::chrono::seconds CLOSE_PATIENCE{2};
-/// A program that ends inside the sound libraries' start-up can leave locks in shared memory that
-/// the next one waits for.
-constexpr std::chrono::seconds OPEN_PATIENCE{10};
-/// A device that played this long is a good one: the pauses start over.
-constexpr std::int64_t GOOD_SPELL = 10 * SECOND;
-/// One that asks for nothing for this long is as good as gone. A sound server may hold a stream
-/// back for some seconds while something else is to be heard.
-constexpr std::int64_t DEVICE_PATIENCE = 10 * SECOND;
+constexpr std::chrono::seconds CLOSE_TIMEOUT{2};
+/// A program that ends while a sound library starts can leave locks in shared memory that block the
+/// next one.
+constexpr std::chrono::seconds OPEN_TIMEOUT{10};
+/// After playing this long the back-off starts over.
+constexpr std::int64_t STABLE_TIME = 10 * SECOND;
+/// A device that requests nothing for this long counts as gone. A sound server may pause a stream
+/// for some seconds.
+constexpr std::int64_t DEVICE_TIMEOUT = 10 * SECOND;
 
-constexpr double CLEARLY_LONGER_MS = 20;
+constexpr double MINIMUM_INCREASE_MS = 20;
 
-std::string askedFor(double milliseconds) {
+std::string requestText(double milliseconds) {
     char text[64];
-    std::snprintf(text, sizeof text, "asking it for %.0f ms of latency", milliseconds);
+    std::snprintf(text, sizeof text, "requesting %.0f ms of latency", milliseconds);
     return text;
 }
 
-/// A long delay that is to be kept leaves room for a device that is safe.
+/// A long --delay leaves room for a safe latency.
 double firstLatency(const PlayoutSettings& settings) {
     constexpr double LONG_DELAY_MS = 2.5 * DeviceLatency::FIRST_MS;
     return settings.delayMs.value_or(0) < LONG_DELAY_MS && realTimeAllowed()
@@ -48,7 +48,7 @@ SoundKeeper::SoundKeeper(std::string device, const PlayoutSettings& settings)
     : device_(std::move(device)), settings_(settings), latency_(firstLatency(settings)) {}
 
 SoundKeeper::~SoundKeeper() {
-    if (opening_.valid() && opening_.wait_for(OPEN_PATIENCE) != std::future_status::ready) {
+    if (opening_.valid() && opening_.wait_for(OPEN_TIMEOUT) != std::future_status::ready) {
         giveUp();
         return;
     }
@@ -62,7 +62,7 @@ SoundKeeper::~SoundKeeper() {
         output.reset();
         gone.reset();
     });
-    if (closing.wait_for(CLOSE_PATIENCE) != std::future_status::ready) {
+    if (closing.wait_for(CLOSE_TIMEOUT) != std::future_status::ready) {
         giveUp();
     }
 }
@@ -90,11 +90,11 @@ void SoundKeeper::noteOpened(std::int64_t now) {
     latency_.noteOpened(now);
 }
 
-bool SoundKeeper::hasGone(std::int64_t now) {
+bool SoundKeeper::isGone(std::int64_t now) {
     const std::uint64_t calls = output_->calls();
     lastCall_ = calls != calls_ ? now : lastCall_;
     calls_ = calls;
-    return !output_->alive() || now - lastCall_ >= DEVICE_PATIENCE;
+    return !output_->alive() || now - lastCall_ >= DEVICE_TIMEOUT;
 }
 
 BlockQueue* SoundKeeper::queue() {
@@ -105,7 +105,7 @@ BlockQueue* SoundKeeper::queue() {
 void SoundKeeper::reopen() {
     opening_ = inBackground([old = std::move(gone_), device = device_, settings = settings_,
                              latency = latency_.milliseconds()]() mutable {
-        old.reset();  // PortAudio looks for devices anew only when nobody uses it any more.
+        old.reset();  // PortAudio lists devices again only when nothing uses it.
         auto output = std::make_unique<AudioOutput>();
         if (!output->open(device, settings, latency)) {
             output.reset();
@@ -125,34 +125,34 @@ std::string SoundKeeper::watch(std::int64_t now) {
         }
         return {};
     }
-    if (hasGone(now)) {
+    if (isGone(now)) {
         return lose(now);
     }
-    if (now - openedAt_ >= GOOD_SPELL) {
+    if (now - openedAt_ >= STABLE_TIME) {
         pause_.reset();
     }
-    return latency_.noteUnderruns(output_->deviceUnderruns(), now) ? askForMore() : tellDelay();
+    return latency_.noteUnderruns(output_->deviceUnderruns(), now) ? raiseLatency()
+                                                                   : delayMessage();
 }
 
-/// What keeps the sound from the chosen delay, a sentence each, once; a delay that has become
-/// clearly longer than told again.
-std::string SoundKeeper::tellDelay() {
+/// A message when the chosen delay is not possible or the latency unknown, each once; again when
+/// the delay has become clearly longer.
+std::string SoundKeeper::delayMessage() {
     char text[128];
     if (!settings_.delayMs) {
         return {};
     }
     const double needed = output_->neededDelayMs();
-    if (needed > 0 && (toldDelayMs_ == 0 || needed > toldDelayMs_ + CLEARLY_LONGER_MS)) {
-        toldDelayMs_ = needed;
-        std::snprintf(text, sizeof text,
-                      "a delay of %g ms is not possible here, playing at %.0f ms",
+    if (needed > 0 && (reportedDelayMs_ == 0 || needed > reportedDelayMs_ + MINIMUM_INCREASE_MS)) {
+        reportedDelayMs_ = needed;
+        std::snprintf(text, sizeof text, "a delay of %g ms is too short, using %.0f ms",
                       *settings_.delayMs, needed);
         return text;
     }
-    if (!toldNominal_ && output_->latencyIsNominal()) {
-        toldNominal_ = true;
+    if (!reportedNominal_ && output_->latencyIsNominal()) {
+        reportedNominal_ = true;
         std::snprintf(text, sizeof text,
-                      "the output device does not say when its sound is heard, taking %.0f ms",
+                      "the output device does not report its latency, assuming %.0f ms",
                       output_->figures().outputLatencyMs);
         return text;
     }
@@ -163,7 +163,7 @@ std::string SoundKeeper::takeOpened(std::int64_t now) {
     output_ = opening_.get();
     if (output_ == nullptr) {
         nextTry_ = now + pause_.next() * MILLISECOND;
-        return tellLost();
+        return lostMessage();
     }
     noteOpened(now);
     const bool wasLost = lost_;
@@ -175,21 +175,21 @@ std::string SoundKeeper::lose(std::int64_t now) {
     past_ = figures();
     gone_ = std::move(output_);
     nextTry_ = now + pause_.next() * MILLISECOND;
-    return tellLost();
+    return lostMessage();
 }
 
-/// The sentence about a device that has gone, once until it is back.
-std::string SoundKeeper::tellLost() {
+/// The message that the device is gone, once until it is back.
+std::string SoundKeeper::lostMessage() {
     const bool told = lost_;
     lost_ = true;
-    return told ? std::string() : "the output device has gone, trying to open it again";
+    return told ? std::string() : "the output device is gone, trying to reopen it";
 }
 
-std::string SoundKeeper::askForMore() {
+std::string SoundKeeper::raiseLatency() {
     past_ = figures();
     gone_ = std::move(output_);
     reopen();
-    return "the output device runs dry again and again, " + askedFor(latency_.milliseconds());
+    return "repeated underruns of the output device, " + requestText(latency_.milliseconds());
 }
 
 Playback SoundKeeper::figures() const {

@@ -15,16 +15,15 @@
 
 namespace vxlisten {
 
-/// Keeps the sound playing: opens the output device, opens it again with growing pauses when it
-/// goes, and with more latency when it runs dry again and again. Everything but the first opening
-/// happens in the background, so that packets are received, recorded and piped on meanwhile.
-/// Everything on one thread.
+/// Keeps the sound playing: opens the output device, reopens it with back-off when it is gone, and
+/// with more latency after repeated underruns. All openings but the first run in the background,
+/// while packets are received, recorded and piped. Everything on one thread.
 class SoundKeeper {
   public:
     /// `device` as for AudioOutput::open().
     SoundKeeper(std::string device, const PlayoutSettings& settings);
 
-    /// Waits for the background, but not for a sound library that hangs.
+    /// Waits for background work, but not for a sound library that hangs.
     ~SoundKeeper();
     SoundKeeper(const SoundKeeper&) = delete;
     SoundKeeper& operator=(const SoundKeeper&) = delete;
@@ -32,12 +31,11 @@ class SoundKeeper {
     /// Opens the device for the first time. May take a moment. False on failure, see error().
     [[nodiscard]] bool open(std::int64_t now);
 
-    /// Where the sound goes that is to be played, until watch() is called again; null while there
-    /// is no device.
+    /// The queue of the sound to play, valid until the next watch(); null while there is no device.
     [[nodiscard]] BlockQueue* queue();
 
-    /// Looks after the device; to be called several times a second. Returns a sentence for the
-    /// user when something happened, else an empty text. Does not block.
+    /// Checks the device; to be called several times a second. Returns a message for the user when
+    /// something happened, else an empty text. Does not block.
     std::string watch(std::int64_t now);
 
     /// The figures of the playing side, counted over all openings.
@@ -51,26 +49,26 @@ class SoundKeeper {
     void reopen();
     std::string takeOpened(std::int64_t now);
     std::string lose(std::int64_t now);
-    std::string tellLost();
+    std::string lostMessage();
     void giveUp();
-    std::string askForMore();
+    std::string raiseLatency();
     void noteOpened(std::int64_t now);
-    bool hasGone(std::int64_t now);
-    std::string tellDelay();
+    bool isGone(std::int64_t now);
+    std::string delayMessage();
 
     StderrMute mute_;
     std::string device_;
     PlayoutSettings settings_;
     DeviceLatency latency_;
     RetryPause pause_;
-    OutputPointer output_;  ///< Null while there is none to play on.
-    OutputPointer gone_;    ///< One that has gone and is still to be closed.
+    OutputPointer output_;  ///< Null while there is no device.
+    OutputPointer gone_;    ///< A device that is gone and still has to be closed.
     std::future<OutputPointer> opening_;
-    bool lost_ = false;         ///< The user has been told that the device has gone,
-    double toldDelayMs_ = 0;    ///< that it plays at this in place of the chosen delay (0: not),
-    bool toldNominal_ = false;  ///< and that it does not say when its sound is heard.
+    bool lost_ = false;             ///< Printed: that the device is gone,
+    double reportedDelayMs_ = 0;    ///< that this replaces the chosen delay (0: not printed),
+    bool reportedNominal_ = false;  ///< and that the device does not report its latency.
     std::int64_t openedAt_ = 0;
-    std::uint64_t calls_ = 0;    ///< The device's count of calls when it was last looked at,
+    std::uint64_t calls_ = 0;    ///< The device's count of calls at the last check,
     std::int64_t lastCall_ = 0;  ///< and when that count last rose.
     std::int64_t nextTry_ = 0;
     Playback past_;  ///< Counts of the openings before this one.

@@ -4,7 +4,8 @@ namespace vxlisten {
 
 namespace {
 
-/// Encoding and frame count by rate code and payload length; false when no server sends that.
+/// Sets encoding and frame count by rate code and payload length; false when a server never sends
+/// that.
 bool classify(AudioPacket& packet) {
     if (packet.rateCode == wire::RATE_CODE_RAW) {
         packet.encoding = Encoding::Raw;

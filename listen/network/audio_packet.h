@@ -9,13 +9,13 @@
 
 namespace vxlisten {
 
-/// Bytes of the longest payload that an audio packet may carry: one fallback block.
+/// Maximum bytes of an audio packet's payload: one fallback block.
 constexpr std::size_t MAX_PAYLOAD = wire::COMPRESSED_BUFFER_LENGTH - wire::HEADER_LENGTH;
 
 /// Rates in Hz that captured sound can have.
 constexpr std::array<int, 2> SAMPLE_RATES = {44100, 48000};
 
-/// How a packet's payload is written.
+/// How a packet's payload is encoded.
 enum class Encoding {
     Raw,       ///< Frames of the raw pass.
     Opus,      ///< One Opus packet of 480 frames.
@@ -29,15 +29,15 @@ struct AudioPacket {
     std::uint32_t rateCode = 0;
     bool reliable = false;
     int sampleRate = 0;      ///< Of the captured sound, compressed or not: one of SAMPLE_RATES.
-    std::size_t frames = 0;  ///< Stereo frames that the payload stands for.
+    std::size_t frames = 0;  ///< Stereo frames in the payload.
     const unsigned char* payload = nullptr;
     std::size_t payloadLength = 0;  ///< Bytes, at most MAX_PAYLOAD.
 
-    /// True for packets that are numbered by the compressed pass.
+    /// True for packets with sequence numbers of the compressed pass.
     [[nodiscard]] bool compressedPass() const { return encoding != Encoding::Raw; }
 };
 
-/// Reads an audio packet; nothing when `data` is no audio packet that a server sends. Pure: reads
+/// Reads an audio packet; nothing when `data` is not one. Pure: reads
 /// `length` bytes at most, for any content. The result borrows from `data`. Realtime-safe: yes.
 std::optional<AudioPacket> parseAudioPacket(const unsigned char* data, std::size_t length);
 

@@ -17,12 +17,12 @@ struct FoundServer {
 struct DiscoverySearch {
     std::vector<std::uint16_t> ports;  ///< Ports that the queries go to.
     std::chrono::milliseconds limit{3000};
-    /// After the first answer: how long to wait for more of them. Not above `limit`.
+    /// How long to wait for more answers after the first one. Not above `limit`.
     std::chrono::milliseconds grace{3000};
     std::string wanted;  ///< The search ends as soon as the server at this address answers.
 };
 
-/// What a search brought: servers in the order of their answers, each once. `error` is empty
+/// The result of a search: servers in the order of their answers, each once. `error` is empty
 /// unless no query could be sent.
 struct DiscoveryResult {
     std::vector<FoundServer> servers;

@@ -17,14 +17,14 @@ namespace vxlisten {
 
 namespace {
 
-/// Any version but 0, so that the server tells us when it drops us.
+/// Not 0: the server then disconnects us when it drops us.
 constexpr std::uint32_t PROTOCOL_VERSION = 1;
 constexpr std::size_t CHANNELS = 2;
 constexpr enet_uint8 CONTROL_CHANNEL = 0;
-/// Enough for several seconds of raw audio while a disc or a pipe makes us wait.
+/// Holds several seconds of raw audio while a disk or a pipe blocks us.
 constexpr int SOCKET_BUFFER = 1 << 20;
-constexpr std::size_t LARGEST_PACKET = 1 << 16;
-// A server that says nothing for this long has gone: it sends about 140 packets a second.
+constexpr std::size_t MAXIMUM_PACKET = 1 << 16;
+// A server that is silent for this long is gone: it sends about 140 packets a second.
 constexpr enet_uint32 TIMEOUT_ATTEMPTS = 8;
 constexpr enet_uint32 TIMEOUT_MINIMUM_MS = 3000;
 constexpr enet_uint32 TIMEOUT_MAXIMUM_MS = 6000;
@@ -60,7 +60,7 @@ bool Receiver::open() {
     }
     host_->peers[0].data = this;
     host_->intercept = onDatagram;
-    host_->maximumPacketSize = LARGEST_PACKET;
+    host_->maximumPacketSize = MAXIMUM_PACKET;
     enet_socket_set_option(host_->socket, ENET_SOCKOPT_RCVBUF, SOCKET_BUFFER);
     return true;
 }
@@ -95,7 +95,7 @@ void Receiver::requestData(const StreamChoice& choice) {
     std::copy(name.begin(), name.end(), message.begin() + wire::HEADER_LENGTH);
     ENetPacket* const packet =
         enet_packet_create(message.data(), message.size(), ENET_PACKET_FLAG_RELIABLE);
-    // ENet owns the packet from here on, unless it refuses it.
+    // ENet then owns the packet, unless it refuses it.
     if (packet != nullptr && enet_peer_send(peer_, CONTROL_CHANNEL, packet) < 0 &&
         packet->referenceCount == 0) {
         enet_packet_destroy(packet);
@@ -108,7 +108,7 @@ ReceiverEvent Receiver::service(std::uint32_t milliseconds) {
     ENetEvent event = {};
     ReceiverEvent result;
     const int found = enet_host_service(host_, &event, milliseconds);
-    if (found < 0) {  // At once, and perhaps again and again.
+    if (found < 0) {  // It returned at once, and may do so again.
         std::this_thread::sleep_for(std::chrono::milliseconds(milliseconds));
     }
     if (found <= 0) {
@@ -117,8 +117,8 @@ ReceiverEvent Receiver::service(std::uint32_t milliseconds) {
     switch (event.type) {
         case ENET_EVENT_TYPE_CONNECT:
             result.type = ReceiverEvent::Type::Connected;
-            // Left alone, ENet's server side drops best-effort packets at random whenever the
-            // round-trip time wavers. A steady stream gains nothing by that.
+            // By default the server's ENet drops best-effort packets whenever the round-trip time
+            // rises. A constant stream gains nothing by that.
             enet_peer_throttle_configure(peer_, ENET_PEER_PACKET_THROTTLE_INTERVAL,
                                          ENET_PEER_PACKET_THROTTLE_ACCELERATION, 0);
             break;
@@ -195,8 +195,8 @@ int Receiver::onDatagram(ENetHost* host, ENetEvent* /*event*/) {
     return 0;
 }
 
-/// ENet itself knows round trips in whole milliseconds, and only their mean. Answers stand first
-/// in a datagram.
+/// ENet itself only keeps the mean round trip in milliseconds. Acknowledgements come first in a
+/// datagram.
 void Receiver::noteAnswers(const enet_uint8* data, std::size_t length) {
     constexpr std::size_t SENT_TIME = sizeof(enet_uint16);
     if (pingedAt_ < 0 || length < sizeof(enet_uint16)) {

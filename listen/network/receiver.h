@@ -16,7 +16,7 @@ struct PacketDeleter {
     void operator()(ENetPacket* packet) const { enet_packet_destroy(packet); }
 };
 
-/// What one service step brought.
+/// The result of one service step.
 struct ReceiverEvent {
     enum class Type { None, Connected, Packet, Disconnected };
 
@@ -25,12 +25,12 @@ struct ReceiverEvent {
     std::unique_ptr<ENetPacket, PacketDeleter> packet;  ///< Packet: its bytes.
 };
 
-/// What the client asks of the server.
+/// What the client requests from the server.
 struct StreamChoice {
     bool reliable = true;
     std::uint32_t rateCode = 0;
     std::string name;         ///< At most 255 bytes are sent.
-    bool multiClient = true;  ///< Clear: the server drops this client for the next one.
+    bool multiClient = true;  ///< False: the server drops this client for the next one.
 };
 
 /// Dotted IPv4 address of a host, empty when the name is unknown. May wait for the name service.
@@ -48,26 +48,26 @@ class Receiver {
     /// Sets up the network side. False without memory or sockets.
     [[nodiscard]] bool open();
 
-    /// Looks the server up; may wait for the name service. False when the name is unknown.
+    /// Resolves the server's name; may wait for the name service. False when the name is unknown.
     [[nodiscard]] bool resolve(const std::string& host, std::uint16_t port);
 
     /// Starts a connection to the resolved server; Connected or Disconnected follows. Drops an
-    /// older connection without a word. False when it could not be started.
+    /// older connection without notice. False when it could not be started.
     [[nodiscard]] bool connect(const StreamChoice& choice);
 
-    /// Asks for audio; at any time while connected, to start it or to change the choice.
+    /// Requests audio, or changes the choice; at any time while connected.
     void requestData(const StreamChoice& choice);
 
     /// Waits at most `milliseconds` for an event.
     ReceiverEvent service(std::uint32_t milliseconds);
 
-    /// Gives the connection up without a word.
+    /// Drops the connection without notice.
     void drop();
 
-    /// Says goodbye and waits at most `milliseconds` for the server's answer.
+    /// Disconnects and waits at most `milliseconds` for the acknowledgement.
     void disconnect(std::uint32_t milliseconds);
 
-    /// Says goodbye without waiting; Disconnected follows when the server has answered.
+    /// Disconnects without waiting; Disconnected follows when the server has acknowledged.
     void startDisconnect();
 
     /// Becomes readable when service() has something to receive. Owned by the receiver, which has
@@ -80,12 +80,12 @@ class Receiver {
     /// The resolved server as "address:port".
     [[nodiscard]] std::string serverAddress() const;
 
-    /// Asks the server for a sign of life, for takeRoundTrip(). Does nothing when not connected.
+    /// Pings the server, for takeRoundTrip(). Does nothing when not connected.
     void ping();
 
-    /// The time from the latest ping() to its answer, in microseconds; each once, nothing before
-    /// the answer has come. The server answers between two blocks of sound, so that most take a
-    /// part of a block longer than the way does.
+    /// The time from the latest ping() to its acknowledgement in microseconds, once; nothing
+    /// before. The server answers between two blocks of sound, so most are longer by part of a
+    /// block.
     std::optional<std::int64_t> takeRoundTrip();
 
     /// ENet's mean round-trip time in milliseconds, 0 when not connected.
@@ -99,8 +99,8 @@ class Receiver {
     ENetPeer* peer_ = nullptr;  ///< Borrowed from the host.
     ENetAddress address_ = {};
     std::int64_t pingedAt_ = -1;   ///< Microseconds; -1 while no answer is awaited.
-    enet_uint16 pingMark_ = 0;     ///< What the answer repeats.
-    std::int64_t roundTrip_ = -1;  ///< Microseconds; -1: none to take.
+    enet_uint16 pingMark_ = 0;     ///< The sent time that the acknowledgement repeats.
+    std::int64_t roundTrip_ = -1;  ///< Microseconds; -1: none.
     ThreadCheck thread_;
 };
 

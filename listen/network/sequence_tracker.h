@@ -6,21 +6,21 @@
 
 namespace vxlisten {
 
-/// Where a packet stands in its stream.
+/// How a packet follows those before it.
 struct SequenceStep {
-    bool start = true;          ///< It has nothing to do with the packets before it.
-    std::uint32_t missing = 0;  ///< Packets of the stream that are missing right before it.
+    bool start = true;          ///< It does not continue the packets before it.
+    std::uint32_t missing = 0;  ///< Packets that are missing before it.
 };
 
-/// Follows the sequence numbers of one connection, which ENet delivers in order and each once. The
-/// raw and the compressed pass count apart, so a change of pass is a new start, and so are a change
-/// of sample rate and a jump that no loss explains. Numbers wrap at 2^32. Not thread-safe.
+/// Follows the sequence numbers of one connection, whose packets ENet delivers in order and once.
+/// The raw and the compressed pass have separate numbers, so a change of pass is a new start, as
+/// are a change of sample rate and an impossible gap. Numbers wrap at 2^32. Not thread-safe.
 class SequenceTracker {
   public:
-    /// Judges one packet in order of arrival. Realtime-safe: yes.
+    /// Takes the next packet. Realtime-safe: yes.
     SequenceStep observe(const AudioPacket& packet);
 
-    /// Forgets the stream, as after a new connection; the count stays.
+    /// Forgets the stream, as after a new connection; keeps the count.
     void restart() { started_ = false; }
 
     /// Packets that never came.

@@ -14,7 +14,7 @@ namespace vxlisten {
 
 /// A block of sound that waits to be played.
 struct QueuedBlock {
-    Join join = Join::GoesOn;
+    Join join = Join::Continues;
     bool concealed = false;
     std::uint64_t position = 0;  ///< Frames of its stream before it.
     std::int64_t arrival = 0;    ///< Microseconds.
@@ -24,18 +24,18 @@ struct QueuedBlock {
     std::array<std::int16_t, 2 * StreamDecoder::MAX_FRAMES> frames{};
 };
 
-/// The sound between the network's thread and the thread of the audio output, without a lock. One
-/// thread pushes, one other thread looks at what waits and pops.
+/// The sound between the network thread and the output thread, without a lock. One thread pushes,
+/// another reads and pops.
 class BlockQueue {
   public:
     /// Room for `seconds` of sound, and some seconds more.
     explicit BlockQueue(double seconds = 0);
 
-    /// Appends a copy of a block that came at `now` (microseconds). One that finds no room is
-    /// dropped, and what follows is a new stream. Thread: the one that pushes.
+    /// Appends a copy of a block that arrived at `now` (microseconds). When the queue is full it is
+    /// dropped, and the next block begins a new stream. Thread: the one that pushes.
     void push(const DecodedBlock& block, std::int64_t now, const SendTime& sent = {});
 
-    /// The number of blocks that find room.
+    /// Maximum number of blocks.
     [[nodiscard]] std::size_t capacity() const { return slots_.size(); }
 
     /// The number of blocks that wait. Thread: the one that pops. Realtime-safe: yes.

@@ -20,7 +20,8 @@ const QueuedBlock* BlockSource::takeArrival() {
     }
     const QueuedBlock& arrived = queue_[seen_];
     if (arrived.join == Join::NewStream) {
-        // What was just playing must still fade out: the next block does so and then pauses.
+        // The sound that was playing must still fade out: the next block does that, then comes the
+        // pause.
         drop(seen_);
         tailCount_ = 0;
         streamChanged_ = !pausing_;
@@ -65,7 +66,7 @@ BlockSource::Block BlockSource::next() {
 }
 
 BlockSource::Block BlockSource::fadeOut() {
-    const Kind kind = streamChanged_ ? Kind::Ended : Kind::RanDry;
+    const Kind kind = streamChanged_ ? Kind::Ended : Kind::Underrun;
     pausing_ = true;
     streamChanged_ = false;
     if (tailCount_ > 0) {

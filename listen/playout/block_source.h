@@ -10,15 +10,15 @@
 
 namespace vxlisten {
 
-/// Makes an unbroken row of blocks of the sound that waits in a queue: fades where it stops, starts
-/// or leaps. Everything on the thread that pops. Realtime-safe: yes.
+/// Makes a continuous sequence of blocks from a queue: fades where the sound stops, starts or
+/// jumps. Everything on the thread that pops. Realtime-safe: yes.
 class BlockSource {
   public:
     enum class Kind {
         Sound,      ///< A packet's own.
-        Concealed,  ///< Stands in for a lost packet.
-        RanDry,     ///< The last block before a pause, because nothing is left.
-        Ended,      ///< The last block before a pause that comes for another reason.
+        Concealed,  ///< Replaces a lost packet.
+        Underrun,   ///< The last block before a pause, because nothing is left.
+        Ended,      ///< The last block before a pause for another reason.
     };
 
     struct Block {
@@ -31,8 +31,8 @@ class BlockSource {
     /// `queue` is borrowed and must outlive this.
     explicit BlockSource(BlockQueue& queue) : queue_(queue) {}
 
-    /// Takes account of the next block that has come; null when there is none. A new stream throws
-    /// away what waits before it and pauses the sound.
+    /// Counts the next block that has arrived; null when there is none. A new stream drops what
+    /// waits before it and pauses the sound.
     const QueuedBlock* takeArrival();
 
     /// The next block of sound; not while pausing.
@@ -56,10 +56,10 @@ class BlockSource {
     /// The stream's frame that the oldest block begins with; not when empty().
     [[nodiscard]] std::uint64_t position() const { return queue_[0].position; }
 
-    /// Leaves out up to `blocks` blocks; the sound before fades over into the sound after them.
+    /// Drops up to `blocks` blocks, with a crossfade.
     void skip(std::size_t blocks);
 
-    /// True when no block waits that has been taken account of. The next ones tell of those.
+    /// True when no counted block waits. The functions below are about those.
     [[nodiscard]] bool empty() const { return seen_ == 0; }
     [[nodiscard]] std::size_t depthFrames() const { return depthFrames_; }
     /// Frames of the latest block, 0 before the first, and its sample rate in Hz.
@@ -73,13 +73,13 @@ class BlockSource {
     void drop(std::size_t blocks);
 
     BlockQueue& queue_;
-    std::size_t seen_ = 0;         ///< Blocks that wait and have been taken account of,
+    std::size_t seen_ = 0;         ///< Blocks that wait and are counted,
     std::size_t depthFrames_ = 0;  ///< and their frames.
     std::size_t blockFrames_ = 0;
     int sampleRate_ = 0;
     bool pausing_ = true;
     bool fadeIn_ = true;
-    bool streamChanged_ = false;  ///< The sound is to end: a new stream waits, or pause().
+    bool streamChanged_ = false;  ///< The sound must end: a new stream waits, or pause().
     std::size_t leftOut_ = 0;     ///< Frames of the next block.
     std::uint64_t end_ = 0;       ///< Frames of the stream up to the end of block_.
     std::size_t tailCount_ = 0;   ///< Frames in tail_ that the next block fades over from.

@@ -11,7 +11,7 @@ namespace {
 // loop with a time constant of 50 s: fast against the drift of clocks, slow against jitter.
 constexpr double PPM_PER_MS = 40;
 constexpr double PPM_PER_MS_SECOND = 0.4;
-/// Beyond this the depth is off for another reason than drift, from which nothing is learnt.
+/// Beyond this the deviation has another reason than drift.
 constexpr double LEARNING_LIMIT_MS = 15;
 
 }  // namespace

@@ -10,16 +10,16 @@ namespace vxlisten {
 namespace {
 
 constexpr std::int64_t SPAN = 500 * MILLISECOND;
-/// After a longer pause of the device its times are others.
-constexpr std::int64_t LONGEST_PAUSE = SECOND;
-constexpr double GREATEST_LATENCY = 5 * MICROSECONDS_PER_SECOND;
-/// A device that gets going asks for much at once and then for nothing.
+/// After a longer pause the device's times have changed.
+constexpr std::int64_t MAXIMUM_PAUSE = SECOND;
+constexpr double MAXIMUM_LATENCY = 5 * MICROSECONDS_PER_SECOND;
+/// A starting device requests much at once and then nothing.
 constexpr double UNEVEN = 0.2;
-/// One that never runs evenly is taken as it is, after so many spans.
-constexpr unsigned PATIENCE = 8;
-/// Spans without which the slope is not known.
+/// After this many spans an uneven device is accepted.
+constexpr unsigned MAXIMUM_UNEVEN_SPANS = 8;
+/// Minimum number of spans for the slope.
 constexpr std::size_t SLOPE_SPANS = 8;
-constexpr double GREATEST_SLOPE = 500;
+constexpr double MAXIMUM_SLOPE = 500;
 
 /// The middle one of `count` values, which it puts out of order.
 double median(double* values, std::size_t count) {
@@ -37,7 +37,7 @@ void OutputClock::restart() {
 
 void OutputClock::note(std::uint64_t frame, std::int64_t now, double latency) {
     const double time = static_cast<double>(frame) / rate_;
-    if (origin_ >= 0 && now - latestCall_ > LONGEST_PAUSE) {
+    if (origin_ >= 0 && now - latestCall_ > MAXIMUM_PAUSE) {
         restart();
     }
     latestCall_ = now;
@@ -53,7 +53,7 @@ void OutputClock::note(std::uint64_t frame, std::int64_t now, double latency) {
         spanStartTime_ = time;
     }
     const double base = static_cast<double>(now - origin_) - time * MICROSECONDS_PER_SECOND;
-    const bool known = latency > 0 && latency < GREATEST_LATENCY;
+    const bool known = latency > 0 && latency < MAXIMUM_LATENCY;
     latest_ = base + (known ? latency : nominal_);
     if (known && stampCount_ < MAXIMUM_STAMPS) {
         stamps_[stampCount_++] = base + latency;
@@ -68,7 +68,7 @@ void OutputClock::finishSpan(std::int64_t now, double time) {
     const auto passed = static_cast<double>(now - spanStart_);
     const bool even = std::abs(asked - passed) < UNEVEN * passed;
     ++spansSeen_;
-    if (nominalCount_ > 0 && (even || spansSeen_ > PATIENCE) && spansSeen_ > 1) {
+    if (nominalCount_ > 0 && (even || spansSeen_ > MAXIMUM_UNEVEN_SPANS) && spansSeen_ > 1) {
         nominalOnly_ = 2 * stampCount_ < nominalCount_;
         if (spanCount_ == MAXIMUM_SPANS) {
             std::move(spans_.begin() + 1, spans_.end(), spans_.begin());
@@ -94,7 +94,7 @@ void OutputClock::fit() {
         }
     }
     if (count > 0) {
-        slope_ = std::clamp(median(slopes.data(), count), -GREATEST_SLOPE, GREATEST_SLOPE);
+        slope_ = std::clamp(median(slopes.data(), count), -MAXIMUM_SLOPE, MAXIMUM_SLOPE);
     }
     std::array<double, MAXIMUM_SPANS> offsets{};
     for (std::size_t i = 0; i < spanCount_; ++i) {

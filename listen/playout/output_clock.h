@@ -6,11 +6,10 @@
 
 namespace vxlisten {
 
-/// Tells when a frame that was given to the output device is heard, from the device's time stamps.
-/// The first ones of a stream say nothing, a sound server's waver by some tenths of a millisecond,
-/// and by some milliseconds for a while after a stall: what counts is the line through the medians
-/// of the last ten seconds that half of them cannot move. Times are given, not taken from a clock.
-/// Not thread-safe. Realtime-safe: yes.
+/// Estimates when a frame is heard, from the output device's time stamps. The first ones of a
+/// stream are useless; a sound server's vary by tenths of a millisecond, after a stall by
+/// milliseconds. The estimate is a robust line through the medians of the last ten seconds. Times
+/// are given, not taken from a clock. Not thread-safe. Realtime-safe: yes.
 class OutputClock {
   public:
     /// A latency that is not known.
@@ -24,13 +23,13 @@ class OutputClock {
     /// that the first of them is heard `latency` microseconds later.
     void note(std::uint64_t frame, std::int64_t now, double latency);
 
-    /// Begins anew, as after an underrun of the device.
+    /// Starts over, as after an underrun of the device.
     void restart();
 
     /// True once the device runs at its pace and the times can be relied on.
     [[nodiscard]] bool settled() const { return spanCount_ > 0; }
 
-    /// True when the device's time stamps cannot be true and the nominal latency stands for them.
+    /// True when the device's time stamps are implausible and the nominal latency is used.
     [[nodiscard]] bool nominalOnly() const { return settled() && nominalOnly_; }
 
     /// When a frame is heard, in microseconds.

@@ -12,27 +12,27 @@ namespace {
 
 constexpr double CONTROL_INTERVAL = 0.25;  ///< Seconds.
 constexpr double DEPTH_MEMORY = 2.0;       ///< Seconds over which the depth is averaged.
-constexpr double LONGEST_STEP = 1.0;       ///< Seconds; a longer pause of the device is cut to it.
+constexpr double MAXIMUM_STEP = 1.0;       ///< Seconds; a longer pause of the device is cut to it.
 constexpr double MINIMUM_EXCESS_MS = 40;
 constexpr double EXCESS_SHARE = 0.5;
 constexpr double MS = 1000;
-// Much less sound than the target is made up for by stretching, for the drift correction is slow.
+// Much less sound than the target is corrected by stretching, since drift correction is slow.
 constexpr double MAXIMUM_SHORTAGE_MS = 15;
 constexpr double SHORTAGE_SHARE = 0.3;
 constexpr double SMALL_SHORTAGE_MS = 4;
 constexpr unsigned STRETCH_INTERVAL = 8;  ///< Packets.
-// Where a delay is kept, sound that is further off than can be steered is put into its place anew.
+// With a fixed delay, sound that is further off than can be steered is aligned again.
 constexpr double SETTLING_INTERVAL = 0.1;
 constexpr double MAXIMUM_SETTLING_LATE_MS = 10;
 constexpr double MAXIMUM_LATE_MS = 40;
 constexpr double MINIMUM_PLACED = 1;  ///< Seconds.
-/// What repeated underruns ask for when the delay is too short for the network: a stall or two of
-/// the server do not take a listener out of step with the others.
+/// The delay is raised only after more extra milliseconds of repeated underruns: a stall or two of
+/// the server must not put a listener out of step.
 constexpr double OFTEN_MS = 20;
 constexpr double REPEATED_SHARE = 0.25;
-constexpr double LATE_PATIENCE = 1.5;  ///< Longer than a jump of the line takes.
-constexpr double LONGEST_LATE = 3;
-constexpr double LONGEST_WITHOUT_SOUND = 0.1;  ///< Seconds that count as late; a stall does not.
+constexpr double LATE_SECONDS = 1.5;  ///< Longer than the detection of a jump.
+constexpr double MAXIMUM_LATE_SECONDS = 3;
+constexpr double MAXIMUM_PAUSE_SECONDS = 0.1;  ///< Seconds that count as late; a stall does not.
 
 void increment(std::atomic<std::uint64_t>& counter, std::uint64_t by = 1) {
     counter.store(counter.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
@@ -59,7 +59,7 @@ void Playout::render(std::int16_t* output, std::size_t frames, std::int64_t now,
         lastRender_ < 0
             ? 0.0
             : std::clamp(static_cast<double>(now - lastRender_) / MICROSECONDS_PER_SECOND, 0.0,
-                         LONGEST_STEP);
+                         MAXIMUM_STEP);
     lastRender_ = now;
     sinceLate_ += callSeconds_;
     periodMs_ = toMs(frames, deviceRate_);
@@ -115,7 +115,7 @@ void Playout::watchStart(std::size_t wanted) {
     resampler_.prepare(source_.sampleRate());
     const auto excess = static_cast<std::size_t>((depth - goal) / blockMs());
     source_.skip(excess);
-    // What came before the device was ready has never been missed.
+    // Sound from before the device was ready does not count.
     increment(figures_.skipped, everPlayed_ ? excess : 0);
     everPlayed_ = true;
     source_.resume();
@@ -128,7 +128,7 @@ void Playout::startWhenDue(std::size_t wanted) {
         return;
     }
     if (!delayChecked_) {
-        raiseToMinimum(blockMs());  // The server itself is as uneven as that.
+        raiseToMinimum(blockMs());  // The server's own jitter.
     }
     resampler_.prepare(source_.sampleRate());
     const double due = schedule_.dueAt(static_cast<double>(rendered_)) + resampler_.held();
@@ -152,15 +152,15 @@ void Playout::startWhenDue(std::size_t wanted) {
     figures_.playing = true;
 }
 
-/// All sound comes too late to be played in its place: the delay is too short, or the line of the
-/// earliest arrivals still has to follow. It never ends in silence.
+/// All sound arrives too late: the delay is too short, or the line of the earliest arrivals is not
+/// yet right. Raises the delay rather than stay silent.
 void Playout::noteLateSound() {
-    lateSeconds_ += std::min(sinceLate_, LONGEST_WITHOUT_SOUND);
+    lateSeconds_ += std::min(sinceLate_, MAXIMUM_PAUSE_SECONDS);
     sinceLate_ = 0;
-    if (lateSeconds_ >= LATE_PATIENCE) {
+    if (lateSeconds_ >= LATE_SECONDS) {
         raiseToMinimum(target_.jitterMs());
     }
-    if (lateSeconds_ >= LONGEST_LATE) {
+    if (lateSeconds_ >= MAXIMUM_LATE_SECONDS) {
         schedule_.raiseToNewest(static_cast<double>(rendered_), periodMs_);
         figures_.neededMs = schedule_.goalMs();
         lateSeconds_ = 0;
@@ -188,7 +188,7 @@ void Playout::playBlock() {
         case BlockSource::Kind::Concealed:
             increment(figures_.concealed);
             break;
-        case BlockSource::Kind::RanDry:
+        case BlockSource::Kind::Underrun:
             increment(figures_.underruns);
             target_.noteUnderrun();
             figures_.playing = false;
@@ -269,7 +269,7 @@ double Playout::lateMs() const {
 void Playout::watchStep(double seconds) {
     if (source_.pausing() || !schedule_.ready()) {
         figures_.delayMs = figures_.inStepMs = PlayoutFigures::NOT_KNOWN;
-        // What the device plays has another place once its times are known again.
+        // The alignment is void once the device's times are known again.
         inStepFor_ = schedule_.ready() ? inStepFor_ : 0.0;
         return;
     }

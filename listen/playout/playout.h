@@ -18,46 +18,45 @@
 
 namespace vxlisten {
 
-/// What the playing side tells. Written by the thread that renders, read by any.
+/// The figures of the playing side. Written by the thread that renders, read by any.
 struct PlayoutFigures {
     static constexpr double NOT_KNOWN = std::numeric_limits<double>::quiet_NaN();
 
-    std::atomic<std::uint64_t> concealed{0};  ///< Packets that something else was played for.
-    std::atomic<std::uint64_t> underruns{0};  ///< Times that the sound ran dry.
-    std::atomic<std::uint64_t> skipped{0};    ///< Packets left out to catch up.
+    std::atomic<std::uint64_t> concealed{0};  ///< Packets that were replaced.
+    std::atomic<std::uint64_t> underruns{0};  ///< Underruns.
+    std::atomic<std::uint64_t> skipped{0};    ///< Packets dropped to catch up.
     std::atomic<std::uint64_t> stretched{0};  ///< Packets played longer, to buffer more.
     std::atomic<double> depthMs{0};           ///< Mean of the sound waiting to be rendered.
     std::atomic<double> targetMs{0};          ///< What the depth should be.
-    std::atomic<double> jitterMs{0};          ///< How uneven the packets come.
+    std::atomic<double> jitterMs{0};          ///< How late nearly all packets are at most.
     std::atomic<double> correctionPpm{0};     ///< How much faster than nominal it plays.
     std::atomic<double> delayMs{NOT_KNOWN};   ///< From the sending to the loudspeaker.
     std::atomic<double> inStepMs{NOT_KNOWN};  ///< How much later than chosen that is.
-    std::atomic<double> neededMs{0};          ///< The least delay possible, when that is more than
-                                              ///< the chosen one; else 0.
+    std::atomic<double> neededMs{0};  ///< The minimum delay possible, when that is more than
+                                      ///< the chosen one; else 0.
     std::atomic<bool> nominalLatency{false};  ///< The device's time stamps cannot be true.
     std::atomic<bool> playing{false};         ///< False while it fills up.
 };
 
-/// Plays a stream of packets at the pace of an output device and resamples to the device's rate. It
-/// keeps the right amount of sound buffered, whatever the network and the two clocks do; or it
-/// keeps the delay from the sending to the loudspeaker, when the user chose one. One thread pushes
-/// into the queue, one renders. Times are given, not taken from a clock.
+/// Plays a stream at the pace of an output device and resamples it to the device's rate. It keeps
+/// the right amount of sound buffered or, when the user chose a delay, keeps that delay from the
+/// sending to the loudspeaker. One thread pushes into the queue, one renders. Times are given, not
+/// taken from a clock.
 class Playout {
   public:
     /// `deviceRate` in Hz; `latencyMs` is the device's nominal latency.
     Playout(int deviceRate, const PlayoutSettings& settings, double latencyMs = 0);
 
-    /// Where the sound goes that is to be played.
+    /// The queue of the sound to play.
     [[nodiscard]] BlockQueue& queue() { return queue_; }
 
     /// Writes `frames` stereo frames for the device. `now` (microseconds) is the time of the call,
-    /// `latency` (microseconds) how much later the first of them is heard, as the device says.
+    /// `latency` (microseconds) how much later the first of them is heard, reported by the device.
     /// Thread: the one that renders. Realtime-safe: yes.
     void render(std::int16_t* output, std::size_t frames, std::int64_t now,
                 double latency = OutputClock::UNKNOWN);
 
-    /// Notes that the device itself was not fed in time.
-    /// Thread: the one that renders. Realtime-safe: yes.
+    /// Notes an underrun of the device itself. Thread: the one that renders. Realtime-safe: yes.
     void noteDeviceUnderrun() { schedule_.noteDeviceUnderrun(); }
 
     /// Thread: any.
@@ -79,7 +78,7 @@ class Playout {
     void playBlock();
     [[nodiscard]] double depthMs() const;
     [[nodiscard]] double blockMs() const;
-    /// How late the sound is that is rendered next, against what it is played at.
+    /// How late the sound is that is rendered next.
     [[nodiscard]] double lateMs() const;
 
     int deviceRate_;
@@ -96,11 +95,11 @@ class Playout {
     bool delayChecked_ = false;    ///< Whether the chosen delay is possible for this stream.
     std::uint64_t rendered_ = 0;   ///< Frames that the device has been given.
     std::uint64_t playedEnd_ = 0;  ///< Frames of the stream up to the last block that was played.
-    double chosenMs_;              ///< The delay that is to be kept.
-    double periodMs_ = 0;          ///< What the device asks for at a time.
+    double chosenMs_;              ///< The delay to keep.
+    double periodMs_ = 0;          ///< The device's period.
     double callSeconds_ = 0;       ///< Since the call before.
-    double inStepFor_ = 0;         ///< Seconds since the sound was last put into its place,
-    double lateSeconds_ = 0;       ///< and that all sound has come too late for it.
+    double inStepFor_ = 0;         ///< Seconds since the sound was last aligned,
+    double lateSeconds_ = 0;       ///< and that all sound has been too late for that.
     double sinceLate_ = 0;         ///< Seconds since sound was last found to be too late.
     std::int64_t lastRender_ = -1;
     double meanDepth_ = 0;     ///< Milliseconds, over the last seconds.

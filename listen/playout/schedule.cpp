@@ -11,7 +11,7 @@ namespace {
 
 constexpr double SAFETY_MS = 3;
 constexpr double LEAP = 20000;  ///< Microseconds, more than the line moves otherwise.
-/// What the greatest latency loses with a call.
+/// By how much the maximum latency falls with each call.
 constexpr double LATENCY_FALL_MS = 0.02;
 
 }  // namespace

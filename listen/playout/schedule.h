@@ -16,11 +16,11 @@ struct PlayoutSettings {
     bool bufferChosen = false;  ///< the user chose it.
     std::optional<double> delayMs =
         std::nullopt;     ///< From the sending to the loudspeaker, if kept.
-    double offsetMs = 0;  ///< The loudspeaker is so much later than its device says.
+    double offsetMs = 0;  ///< Latency of the loudspeaker that its device does not report.
 };
 
-/// Says which frame of a stream is due when, and how late the sound is. Frames of the stream are
-/// counted from its beginning, those of the output device from the first that it asked for. Not
+/// Computes which frame of a stream is due when, and how late the sound is. Frames of the stream
+/// are counted from its beginning, those of the output device from the first that it asked for. Not
 /// thread-safe. Realtime-safe: yes.
 class Schedule {
   public:
@@ -45,14 +45,14 @@ class Schedule {
     /// The device asks for frames from `frame` on, see OutputClock.
     void noteOutput(std::uint64_t frame, std::int64_t now, double latency);
 
-    /// The device ran dry, so that its times are others now.
+    /// The device had an underrun, so its times have changed.
     void noteDeviceUnderrun() {
-        if (clock_.settled()) {  // One that does so at every call must not be waited for for ever.
+        if (clock_.settled()) {  // Else an underrun at each call would wait endlessly.
             clock_.restart();
         }
     }
 
-    /// True when it is known what is due.
+    /// True when dueAt() is known.
     [[nodiscard]] bool ready() const { return known_ && clock_.settled(); }
 
     /// The frame of the stream that is due to be heard when the device's `frame` is.
@@ -62,20 +62,17 @@ class Schedule {
     /// `frame`; milliseconds.
     [[nodiscard]] double delayMs(double position, double frame) const;
 
-    /// The delay that is played at: the chosen one, or the least possible one above it.
+    /// The delay in use: the chosen one, or the minimum possible above it.
     [[nodiscard]] double goalMs() const { return delayMs_; }
 
-    /// Raises the delay that is played at to what is needed when nearly all packets come up to
-    /// `jitterMs` after the earliest ones and the device takes `periodMs` at a time. True when it
-    /// had to be raised.
+    /// Raises the delay in use to the minimum for packets that arrive up to `jitterMs` after the
+    /// earliest ones and a device with a period of `periodMs`. True when it was raised.
     bool raiseToMinimum(double jitterMs, double periodMs);
 
-    /// Raises it to what the newest sound is late by, when it is to be heard in the device's
-    /// `frame`.
+    /// Raises the delay in use so that the newest sound is heard in the device's `frame`.
     void raiseToNewest(double frame, double periodMs);
 
-    /// How much faster than nominal the sound must be played for the delay to stay as it is, in
-    /// parts per million.
+    /// How much faster than nominal to play so that the delay stays constant, in parts per million.
     [[nodiscard]] double ratePpm() const;
 
     [[nodiscard]] bool nominalOnly() const { return clock_.nominalOnly(); }
@@ -90,7 +87,7 @@ class Schedule {
     double position_ = 0;  ///< Of the newest block,
     SendTime sent_;        ///< and when it was sent.
     int sampleRate_ = 0;
-    double latencyMs_ = 0;  ///< From a call to when its first frame is heard, lately at most.
+    double latencyMs_ = 0;  ///< From a call to when its first frame is heard; a falling maximum.
 };
 
 }  // namespace vxlisten

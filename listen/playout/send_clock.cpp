@@ -10,19 +10,19 @@ namespace vxlisten {
 
 namespace {
 
-/// Longer than the 337 packets after which blocks of 337 frames fall together with packets again.
+/// Longer than 337 packets, after which blocks of 337 frames coincide with packets again.
 constexpr double SPAN_SECONDS = 2.5;
 constexpr std::size_t RECENT_SPANS = 3;
 /// Clocks differ so much, usually, and never by more than the greatest slope (ppm).
 constexpr double USUAL_SLOPE = 150;
-constexpr double GREATEST_SLOPE = 500;
-/// How much the slope may change with a span after so many seconds; less as it gets better known.
+constexpr double MAXIMUM_SLOPE = 500;
+/// How much the slope may change with a span, after this many seconds; later less.
 constexpr double SLOPE_CHANGE = 400;
 constexpr double SLOPE_CHANGE_SECONDS = 5;
 constexpr double MINIMUM_SLOPE_CHANGE = 1;
-constexpr double ERRORS = 2;  ///< By so many of its own errors it may, too.
-/// What all recent packets are later than the line before it is given up (microseconds), in
-/// addition to so much of their noise.
+constexpr double ERRORS = 2;  ///< It may always change by this many standard errors.
+/// How much later than the line all recent packets must be before it is abandoned (microseconds),
+/// in addition to this multiple of their noise.
 constexpr double SHIFT = 1000;
 constexpr double JUMP = 30000;
 constexpr double NOISES = 3;
@@ -34,7 +34,7 @@ constexpr double KNOWN_SECONDS = 10;
 constexpr double PLACE_POWER = 0.4;
 constexpr double FIRST_PLACE = 0.9;
 constexpr std::size_t PLACES = 8;
-/// So many spans tell enough of the slope for that.
+/// Minimum number of spans for that.
 constexpr std::size_t EXTRAPOLATED_SPANS = 6;
 /// Frames that Opus's encoder holds back.
 constexpr double OPUS_LOOK_AHEAD = 312;
@@ -148,7 +148,7 @@ bool SendClock::isJump(double time, double residual) {
     if (late < 0) {
         return true;
     }
-    // What comes in a burst after a stall is less and less late.
+    // Packets in a burst after a stall are less and less late.
     const double arrival = time + residual / MICROSECONDS_PER_SECOND;
     if (lateSince_ < 0 || late < lateFirst_ - limit) {
         lateSince_ = arrival;
@@ -159,7 +159,7 @@ bool SendClock::isJump(double time, double residual) {
     if (arrival - lateSince_ < JUMP_SECONDS) {
         return false;
     }
-    // Where the way has become longer, the round trip has too.
+    // When the network has become slower, the round trip is longer, too.
     const double before = leastRoundTrip(0, spanCount_ + 1);
     return lateTrip_ == NONE || lateTrip_ - before < lateLeast_ / 2;
 }
@@ -176,9 +176,8 @@ void SendClock::finishSpan(double time) {
     spans_[spanCount_] = Span();
 }
 
-/// Finds out whether all that came of late is later than it should be: when the way has become
-/// longer, the line stays; when the server sends later, as after sound that it has lost, only what
-/// came since then counts.
+/// Checks whether all recent packets are late. If the network has become slower, the line stays; if
+/// the server sends later, as after lost sound, only packets since then count.
 void SendClock::judgeRecent() {
     if (spanCount_ <= RECENT_SPANS) {
         fitSlope();
@@ -232,7 +231,7 @@ double SendClock::rawSlope(double& extent) const {
     return (to.least() - from.least()) / extent;
 }
 
-/// How far the earliest arrivals of a span lie apart: the greater, the less a span tells.
+/// The spread of the earliest arrivals of a span: the larger, the less reliable is the span.
 double SendClock::noise() const {
     double sum = 0;
     for (std::size_t i = 0; i < spanCount_; ++i) {
@@ -250,7 +249,7 @@ void SendClock::fitSlope() {
     const double error = noise() * SPAN_NOISE * 2.0 / static_cast<double>(spanCount_) / extent;
     const double usual = USUAL_SLOPE * USUAL_SLOPE;
     const double wanted =
-        std::clamp(raw * usual / (usual + error * error), -GREATEST_SLOPE, GREATEST_SLOPE);
+        std::clamp(raw * usual / (usual + error * error), -MAXIMUM_SLOPE, MAXIMUM_SLOPE);
     const double share = SLOPE_CHANGE_SECONDS / age_;
     const double change =
         std::max({MINIMUM_SLOPE_CHANGE, SLOPE_CHANGE * share * share, ERRORS * error});

@@ -11,29 +11,29 @@ namespace vxlisten {
 
 /// When a block of sound was sent, by this computer's clock. Times in microseconds.
 struct SendTime {
-    /// When its first frame counts as sent: frames that were captured at the same moment have the
-    /// same time, in whatever packets they come.
+    /// When its first frame counts as sent: frames captured at the same moment have the same time
+    /// in all kinds of packets.
     double first = 0;
     double framePeriod = 0;  ///< From one frame to the next; 0: the times are not known.
     double ahead = 0;        ///< How much before its earliest possible arrival `first` is.
 };
 
-/// Estimates when the server sent its packets from when they arrive. The server hands a packet to
-/// all clients at once, so that all who listen find the same times: they are the clock that rooms
-/// keep step by. The earliest arrivals lie on a line: its slope is the server's clock against ours,
-/// and what lies above it came late. The server captures in blocks that do not match its packets,
-/// so that even without a network only one packet in two seconds or so lies on the line. Half the
-/// least round trip is taken off it. Times are given, not taken from a clock. Not thread-safe.
+/// Estimates from arrivals when the server sent its packets. The server sends a packet to all
+/// clients at once, so all listeners get the same times: the common clock of rooms in step. The
+/// earliest arrivals lie on a line, whose slope is the server's clock against ours; packets above
+/// it came late. The sound system's blocks do not match the server's packets, so even without a
+/// network only about one packet in two seconds lies on the line. Half the minimum round trip is
+/// subtracted. Times are given, not taken from a clock. Not thread-safe.
 class SendClock {
   public:
-    /// Takes the next block of the stream, which `packet` brought that came at `now`
-    /// (microseconds), and tells when it was sent. Concealed blocks are not judged.
+    /// Takes the next block of the stream, from `packet` that arrived at `now` (microseconds), and
+    /// returns when it was sent. Concealed blocks do not count as arrivals.
     SendTime next(const DecodedBlock& block, const AudioPacket& packet, std::int64_t now);
 
-    /// Takes a round trip to the server and back, in microseconds.
+    /// Notes a round-trip time in microseconds.
     void noteRoundTrip(double roundTrip);
 
-    /// Times that the server's clock jumped while it was known well: the estimate began anew.
+    /// How often the server's clock jumped while it was known well and the estimate started over.
     [[nodiscard]] unsigned jumps() const { return jumps_; }
 
     /// How much faster than ours the server's clock runs, in parts per million.
@@ -42,12 +42,12 @@ class SendClock {
   private:
     static constexpr double NONE = 1e12;
 
-    /// The least ones of some values, in order.
+    /// The smallest of some values, in order.
     template <std::size_t SIZE>
     class Least {
       public:
         Least() { values_.fill(NONE); }
-        /// True when it is the least until now.
+        /// True when it is the smallest so far.
         bool add(double value) {
             std::size_t at = SIZE;
             for (; at > 0 && value < values_[at - 1]; --at) {
@@ -61,7 +61,7 @@ class SendClock {
             return at == 0;
         }
         [[nodiscard]] double operator[](std::size_t at) const { return values_[at]; }
-        /// How far they lie apart; 0 when there are not so many.
+        /// Difference of the last and the first; 0 when there are fewer.
         [[nodiscard]] double spread() const {
             return values_[SIZE - 1] < NONE ? values_[SIZE - 1] - values_[0] : 0.0;
         }
@@ -70,7 +70,7 @@ class SendClock {
         std::array<double, SIZE> values_;
     };
 
-    /// What a span of the stream brought.
+    /// The arrivals in a span of the stream.
     struct Span {
         double time = 0;      ///< Of the earliest arrival, seconds of the stream.
         Least<8> residuals;   ///< Arrivals against the stream's time, microseconds.
@@ -105,7 +105,7 @@ class SendClock {
     std::array<Span, MAXIMUM_SPANS + 1> spans_{};
     std::size_t spanCount_ = 0;
     double spanEnd_ = 0;
-    double age_ = 0;         ///< Seconds that the slope has been learnt for.
+    double age_ = 0;         ///< Seconds of data for the slope.
     double lateSince_ = -1;  ///< Arrival since which all packets are as late; -1: not so. Seconds.
     double lateFirst_ = 0;   ///< The lateness then,
     double lateLeast_ = 0;   ///< the least since then,

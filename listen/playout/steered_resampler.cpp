@@ -16,7 +16,7 @@ constexpr int QUALITY = 5;
 constexpr int LARGEST_TERM = 60000;
 constexpr double PPM = 1e-6;
 
-/// What to multiply two rates with to make good terms of a ratio.
+/// The factor that makes two rates the terms of a precise ratio.
 double termScale(int largerRate) {
     const double share = static_cast<double>(LARGEST_TERM) / largerRate;
     return share >= 1.0 ? std::floor(share) : 1.0 / std::ceil(1.0 / share);
@@ -34,7 +34,7 @@ double setRatio(SpeexResamplerState* resampler, int from, int to, double ppm, do
     return exact - in;
 }
 
-/// A resampler that needs no more memory when its ratio is corrected.
+/// A resampler that allocates nothing when its ratio changes.
 Resampler makeResampler(int from, int to) {
     int error = RESAMPLER_ERR_SUCCESS;
     Resampler resampler(speex_resampler_init(CHANNELS, static_cast<unsigned>(from),
@@ -70,7 +70,7 @@ void SteeredResampler::prepare(int streamRate) {
 
 void SteeredResampler::steer(double ppm) {
     if (resampler_ != nullptr) {
-        // What rounding takes now is given back later.
+        // Rounding errors are compensated later.
         carry_ = setRatio(resampler_, streamRate_, deviceRate_,
                           std::clamp(ppm, -MAXIMUM_PPM, MAXIMUM_PPM), carry_);
     }

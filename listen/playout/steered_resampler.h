@@ -10,14 +10,13 @@
 
 namespace vxlisten {
 
-/// Brings the sound to the device's rate, a little faster or slower as it is steered, and keeps
-/// what the device has not asked for yet. Not thread-safe. Realtime-safe: yes, but for the
-/// constructor.
+/// Resamples the sound to the device's rate, slightly faster or slower as steered, and keeps it
+/// until the device requests it. Not thread-safe. Realtime-safe: yes, except the constructor.
 class SteeredResampler {
   public:
-    /// The most that the sound can be played faster or slower, in parts per million.
+    /// Maximum correction in parts per million.
     static constexpr double MAXIMUM_PPM = 5500;
-    /// Most frames to take at once.
+    /// Maximum frames to take at once.
     static constexpr std::size_t MAXIMUM_TAKEN = 4096;
 
     /// `deviceRate` in Hz.
@@ -35,13 +34,13 @@ class SteeredResampler {
     /// Appends `count` stereo frames of silence, at the device's rate.
     void feedSilence(std::size_t count);
 
-    /// Moves `count` frames to `output`; so many must wait.
+    /// Moves `count` frames to `output`; at least as many must wait.
     void take(std::int16_t* output, std::size_t count);
 
     /// Frames that wait, at the device's rate.
     [[nodiscard]] std::size_t waiting() const { return (end_ - start_) / 2; }
 
-    /// Frames of the stream that were fed and are still to come out.
+    /// Frames of the stream that were fed and not yet taken.
     [[nodiscard]] double held() const;
 
     /// The rate of the stream in Hz, 0 before any.
@@ -53,11 +52,11 @@ class SteeredResampler {
     static constexpr std::size_t FIFO_SAMPLES = 1 << 15;
 
     int deviceRate_;
-    /// One for each rate that a stream can have, made beforehand.
+    /// One for each rate that a stream can have.
     std::array<Resampler, SAMPLE_RATES.size()> resamplers_;
     SpeexResamplerState* resampler_ = nullptr;  ///< The one in use.
     int streamRate_ = 0;
-    double carry_ = 0;  ///< Part of the wanted ratio that rounding has left out so far.
+    double carry_ = 0;                ///< Accumulated rounding error of the ratio.
     std::vector<std::int16_t> fifo_;  ///< Samples at the device's rate, start_ to end_.
     std::size_t start_ = 0;
     std::size_t end_ = 0;

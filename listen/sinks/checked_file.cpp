@@ -32,7 +32,7 @@ bool CheckedFile::open(const std::string& path) {
 }
 
 void CheckedFile::clear() {
-    // A device cannot be cut; writing to it tells soon enough whether it takes anything.
+    // A device cannot be truncated; a write shows whether it works.
     if (ftruncate(descriptor_, 0) != 0 && errno != EINVAL && error_ == 0) {
         error_ = errno;
     }

@@ -7,7 +7,7 @@
 namespace vxlisten {
 
 /// A file for libsndfile that remembers the first failed write, which the encoders of compressed
-/// formats do not pass on. Not thread-safe.
+/// formats do not report. Not thread-safe.
 class CheckedFile {
   public:
     CheckedFile() = default;
@@ -15,7 +15,7 @@ class CheckedFile {
     CheckedFile(const CheckedFile&) = delete;
     CheckedFile& operator=(const CheckedFile&) = delete;
 
-    /// Opens `path` for writing, keeping what it holds until clear(). False: see errorNumber().
+    /// Opens `path` for writing, keeping its content until clear(). False: see errorNumber().
     [[nodiscard]] bool open(const std::string& path);
 
     /// Empties the file.
@@ -30,7 +30,7 @@ class CheckedFile {
     /// The system's number of the first failure, 0 for none.
     [[nodiscard]] int errorNumber() const { return error_; }
 
-    /// Opens a sound file upon this one; null on failure. This must outlive the result.
+    /// Opens a sound file that writes to this one; null on failure. This must outlive the result.
     SNDFILE* openSound(SF_INFO& info);
 
   private:

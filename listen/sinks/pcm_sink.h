@@ -6,15 +6,14 @@
 
 namespace vxlisten {
 
-/// How a sink took what it was given.
+/// The state of a sink.
 enum class SinkState {
-    Open,    ///< It takes more.
-    Closed,  ///< Its reader has gone; the program ends quietly.
-    Failed,  ///< It cannot go on; error() says why.
+    Open,    ///< It accepts more.
+    Closed,  ///< Its reader is gone; the program ends quietly.
+    Failed,  ///< It cannot continue; see error().
 };
 
-/// A place where the stream's frames go in true time order: a file or a pipe.
-/// Thread: the one that owns it.
+/// A file or pipe that takes the stream's frames in order. Thread: the one that owns it.
 class PcmSink {
   public:
     PcmSink() = default;
@@ -25,7 +24,7 @@ class PcmSink {
     /// Takes `count` interleaved stereo frames of `rate` Hz. May block.
     virtual SinkState write(const std::int16_t* frames, std::size_t count, int rate) = 0;
 
-    /// One sentence about the failure, without a line end; empty for none.
+    /// A message about the failure, without a line end; empty for none.
     [[nodiscard]] const std::string& error() const { return error_; }
 
   protected:

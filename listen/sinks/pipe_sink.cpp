@@ -16,7 +16,7 @@ namespace vxlisten {
 namespace {
 
 constexpr int POLL_MS = 100;
-/// A pipe that poll() calls writable takes this much without blocking.
+/// A pipe that poll() reports writable accepts this much without blocking.
 constexpr std::size_t PIECE_BYTES = PIPE_BUF;
 
 #if __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__

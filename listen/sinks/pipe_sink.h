@@ -10,14 +10,14 @@
 namespace vxlisten {
 
 /// Writes raw little-endian 16-bit stereo to a descriptor, at the rate of the first frames; later
-/// changes of rate are converted. A slow reader is waited for until a stop is requested.
+/// changes of rate are converted. Waits for a slow reader until a stop is requested.
 class PipeSink : public PcmSink {
   public:
     /// `descriptor` is borrowed.
     explicit PipeSink(int descriptor) : descriptor_(descriptor) {}
 
     SinkState write(const std::int16_t* frames, std::size_t count, int rate) override;
-    /// True once nobody can read any more what is written. Does not block.
+    /// True once the pipe has no reader. Does not block.
     [[nodiscard]] bool readerGone() const;
 
   private:

@@ -41,7 +41,7 @@ SF_INFO describe(int format, int rate) {
     return info;
 }
 
-/// The system's words for an error number.
+/// The system's text for an error number.
 std::string reasonOf(int number) {
     return std::generic_category().message(number);
 }

@@ -13,8 +13,8 @@
 
 namespace vxlisten {
 
-/// Writes the stream into a sound file whose format follows from the file's ending. The file has
-/// the rate of the first frames written (an .opus file always 48000 Hz); later changes of rate are
+/// Writes the stream to a sound file; the file's ending chooses the format. The file has the rate
+/// of the first frames written (an .opus file always 48000 Hz); later changes of rate are
 /// converted. An existing file is only overwritten once there is sound to write.
 class Recorder : public PcmSink {
   public:
@@ -24,8 +24,8 @@ class Recorder : public PcmSink {
     /// True when `path` ends in a format that the installed libsndfile writes.
     static bool knowsEnding(const std::string& path);
 
-    /// Creates the file, so that an unwritable one is told before the stream starts. Its ending is
-    /// known. False on failure, see error().
+    /// Creates the file, so that an unwritable one is reported before the stream starts. Its ending
+    /// must be known. False on failure, see error().
     [[nodiscard]] bool open(const std::string& path);
 
     SinkState write(const std::int16_t* frames, std::size_t count, int rate) override;
@@ -35,8 +35,8 @@ class Recorder : public PcmSink {
 
   private:
     bool startFile(int rate);
-    /// Once a second of sound brings a WAV file's header up to date, so that the file can be read
-    /// even if the program is killed.
+    /// Updates a WAV file's header each second of sound, so that the file can be read even if the
+    /// program is killed.
     void refreshHeader(std::size_t frames);
     SinkState refuse(const std::string& reason);
     [[nodiscard]] SinkState state() const;

@@ -9,11 +9,11 @@ namespace vxlisten {
 
 namespace {
 
-/// What may arrive at once after a stall and so seems to be missing for longer than it was.
+/// Sound that may arrive at once after a stall, and so seems to be missing for longer.
 constexpr std::int64_t BURST_ALLOWANCE = 2 * SECOND;
-/// How much faster than this machine's clock, one part in so many, a server's clock may run.
+/// A server's clock may run faster than this machine's by one part in this many.
 constexpr std::int64_t CLOCK_TOLERANCE = 1000;
-/// Silence is held back so long: the next connection's first packet may hold sound of that time.
+/// Silence is delayed by this time: the next connection's first packet may contain its sound.
 constexpr std::int64_t PASS_MARGIN = 100 * MILLISECOND;
 constexpr std::size_t CHANNELS = 2;
 constexpr std::size_t PIECE_FRAMES = 480;
@@ -44,7 +44,7 @@ void Timeline::begin(const AudioPacket& packet, std::int64_t now) {
     rate_ = packet.sampleRate;
 }
 
-// Not by the time since the packet before: that may have waited while a disc or pipe was slow.
+// Not from the time since the packet before: that may have waited for a slow disk or pipe.
 std::uint64_t Timeline::maximumFill(const AudioPacket& packet, std::int64_t now) const {
     const std::int64_t allowance = BURST_ALLOWANCE + (now - start_) / CLOCK_TOLERANCE;
     return framesIn(now - reach() + allowance, packet.sampleRate);

@@ -12,27 +12,25 @@
 
 namespace vxlisten {
 
-/// Hands the sound to the sinks with silence in place of what is missing, so that every moment of
-/// the recording is where it was in time. Not thread-safe.
+/// Passes the sound to the sinks, with silence for what is missing, so that times in the recording
+/// are true. Not thread-safe.
 class Timeline {
   public:
     /// Adds a sink; borrowed, must outlive this.
     void addSink(PcmSink* sink) { sinks_.push_back(sink); }
 
-    /// Takes the sound of a packet that `step` judged, none when the packet is damaged; `now` is
-    /// its time of arrival in microseconds. Returns the first sink that takes no more, null when
-    /// all go on.
+    /// Takes the sound of a packet with its `step`, none when the packet is damaged; `now` is its
+    /// time of arrival in microseconds. Returns the first sink that is not open, null when all are.
     PcmSink* take(const AudioPacket& packet, const SequenceStep& step, const DecodedBlock& sound,
                   std::int64_t now);
 
-    /// Writes the silence that is due at `now` (microseconds) while there is no connection, a
-    /// second of it at most, so that it keeps pace with time instead of coming all at once at the
-    /// end. Returns as take() does.
+    /// Writes the silence that is due at `now` (microseconds) while there is no connection, at most
+    /// a second of it. Called regularly, it keeps pace with time. Returns as take() does.
     PcmSink* pass(std::int64_t now);
 
     /// Levels of all sound received.
     [[nodiscard]] const LevelMeter& level() const { return level_; }
-    /// Levels since the last time this was cleared.
+    /// Levels since they were last cleared.
     [[nodiscard]] LevelMeter& recentLevel() { return recentLevel_; }
     /// Frames of sound and of silence in place of missing sound.
     [[nodiscard]] std::uint64_t framesDecoded() const { return framesDecoded_; }
@@ -59,8 +57,8 @@ class Timeline {
     std::int64_t lastArrival_ = 0;  ///< Or the time up to which pass() has written.
     int rate_ = 0;                  ///< Hz, of the latest packet.
     std::int64_t start_ = 0;        ///< When the sound began, microseconds.
-    std::int64_t rateStart_ = 0;    ///< The same for what has the present rate,
-    std::uint64_t rateFrames_ = 0;  ///< and the frames handed on since then.
+    std::int64_t rateStart_ = 0;    ///< The same for the sound with the present rate,
+    std::uint64_t rateFrames_ = 0;  ///< and the frames since then.
 };
 
 }  // namespace vxlisten

@@ -12,8 +12,8 @@ import shlex
 import subprocess
 import sys
 
-# clang-tidy has run clang's usual checkers already; these are the ones it leaves out that suit code
-# like ours: sizes, pointers and iterators, files, and the strings of C.
+# clang-tidy has already run clang's usual checkers; these are further useful ones: sizes, pointers
+# and iterators, files, and C strings.
 CLANG_CHECKERS = [
     "core", "cplusplus", "unix",
     "alpha.core.CastSize", "alpha.core.IdenticalExpr", "alpha.core.PointerSub",
@@ -35,9 +35,8 @@ CLANG = ["--analyze", "-Xclang", "-analyzer-checker=" + ",".join(CLANG_CHECKERS)
 
 GCC = ["-fanalyzer", "-O0", "-U_FORTIFY_SOURCE", "-fdiagnostics-format=json"]
 
-# In this analyzer's eyes, operator new may return null, and objects returned by value, which have no
-# name, are not initialised; clang's looks after both. The same warnings about what malloc returns,
-# and about variables, count.
+# This analyzer thinks that operator new may return null, and that objects returned by value are not
+# initialised; clang's checks both. Its warnings about malloc and about variables count.
 GCC_MISTAKES = re.compile(r"possibly-NULL 'operator new|use of uninitialized value '<unknown>'")
 
 

@@ -32,14 +32,14 @@ NULL_SINK = "out"
 
 
 def free_port():
-    """A UDP port of the loopback interface that nobody uses now."""
+    """A free UDP port of the loopback interface."""
     with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as probe:
         probe.bind(("127.0.0.1", 0))
         return probe.getsockname()[1]
 
 
 def output_folder(wanted):
-    """The folder for what stays, or a temporary one when that cannot be written."""
+    """The folder for the results, or a temporary one when that cannot be written."""
     try:
         wanted.mkdir(parents=True, exist_ok=True)
         with tempfile.TemporaryFile(dir=wanted):
@@ -50,7 +50,7 @@ def output_folder(wanted):
 
 @contextlib.contextmanager
 def running(*command, **options):
-    """A program that ends with the context, if not before."""
+    """A program that ends with the context at the latest."""
     with subprocess.Popen([str(word) for word in command], **options) as child:
         try:
             yield child
@@ -69,7 +69,7 @@ def wait_until(condition, child, what):
 
 @contextlib.contextmanager
 def sound_server(folder):
-    """PulseAudio with one null sink, heard by nobody else; yields the variables that lead there."""
+    """A private PulseAudio with one null sink; yields its environment variables."""
     for tool in ("pulseaudio", "pactl", "pacat"):
         if shutil.which(tool) is None:
             raise RuntimeError(f"{tool} is not installed")
@@ -99,7 +99,7 @@ def play_again_and_again(sound, player):
 
 @contextlib.contextmanager
 def streaming(build, folder, sound):
-    """A server that streams a sound, bytes, again and again. Yields the server, its port and the
+    """A server that streams a sound, bytes, repeatedly. Yields the server, its port and the
     variables that lead to its sound server."""
     port = free_port()
     log = folder / "server.log"
@@ -123,7 +123,7 @@ def streaming(build, folder, sound):
 
 
 def leave_page(build, folder):
-    """Lets everybody hear the tune until Ctrl-C; returns the exit status."""
+    """Serves the tune to everybody until Ctrl-C; returns the exit status."""
     print("Making the tune ...", flush=True)
     with streaming(build, folder, make_tune().tobytes()) as (_, port, env):
         print("Open one of these addresses; Ctrl-C ends it.", flush=True)
@@ -161,7 +161,7 @@ def stream(build, folder):
 
 
 def matching_share(recording, played):
-    """How much of the recording stands bit for bit in the tune, in the tune's order (0 to 1).
+    """The share of the recording that is bit for bit in the tune, in the tune's order (0 to 1).
 
     Compares windows of 10 ms; returns the share and the seconds compared. Silence before the
     tune does not count.

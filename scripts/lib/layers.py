@@ -1,4 +1,4 @@
-"""Fails when a file of the programs includes one of a room that it may not know.
+"""Fails when a file of the programs includes one that its layer may not know.
 
 Usage: layers.py   (scripts/check layers runs it)
 
@@ -16,7 +16,7 @@ CORE = ("app/base", "stream", "audio", "stream/network_host", "discovery", "gui/
 SMALL = tuple(f"listen/{name}" for name in ("background", "clock", "retry_pause", "stop_request",
                                             "utf8"))
 GROUND = ("stream/wire_format", *SMALL)
-# What receives, finds and decodes: the library vx_receive.
+# The library vx_receive, which receives, finds and decodes.
 RECEIVE = (*GROUND, "listen/network", "listen/audio", "listen/find_server")
 WEB_SMALL = ("web/channel", "web/log", "web/options", "web/packet")
 ROOMS = {

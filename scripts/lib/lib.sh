@@ -1,7 +1,7 @@
-# What the scripts share. Sourced by bash; sets `repo` and strict mode.
+# Shared by the scripts. Sourced by bash; sets `repo` and strict mode.
 #
 # Variables that the user may set:
-#   VELANTRIX_SKIP_SETUP=1   install nothing, trust that everything is there
+#   VELANTRIX_SKIP_SETUP=1   install nothing
 #   JOBS=N                   parallel jobs (default: the number of cores)
 
 set -euo pipefail
@@ -9,7 +9,7 @@ set -euo pipefail
 repo=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 jobs=${JOBS:-$(nproc)}
 
-# PulseAudio for ourselves, where the package cannot be installed; see unpack_sound_server.
+# A private PulseAudio, where the package cannot be installed; see unpack_sound_server.
 sound_server=$repo/build-sound-server
 PATH=$sound_server/bin:$PATH
 
@@ -34,12 +34,12 @@ packages_bench=(
     libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib valgrind icecast2
     snapclient snapserver
 )
-# Ubuntu's browsers are snaps, which cannot be driven like this.
+# Ubuntu's browsers are snaps, which tests cannot control.
 if ! grep -qsx 'ID=ubuntu' /etc/os-release; then
     packages_test+=(chromium chromium-driver firefox-esr)
     packages_bench+=(chromium chromium-driver python3-selenium)
 fi
-# What bench/peers compares; on Debian only.
+# For bench/peers; on Debian only.
 packages_peers=(
     snapserver snapclient pulseaudio pulseaudio-utils netcat-openbsd gstreamer1.0-plugins-base
     gstreamer1.0-plugins-good trx pipewire pipewire-bin pipewire-pulse libpipewire-0.3-modules
@@ -53,14 +53,14 @@ say() {
     printf '%s\n' "$*"
 }
 
-# Ends the script with one clear sentence.
+# Ends the script with a message.
 fail() {
     printf '%s: %s\n' "$(basename "$0")" "$*" >&2
     exit 1
 }
 
-# Starts the script again, with its arguments "$@", without random addresses where the system allows
-# that: the sanitizers' memory maps do not fit every layout.
+# Restarts the script, with its arguments "$@", without address randomisation where the system
+# allows that: the sanitizers' memory maps do not fit every layout.
 steady_addresses() {
     if [ -z "${VELANTRIX_STEADY_ADDRESSES:-}" ] && setarch -R true 2>/dev/null; then
         VELANTRIX_STEADY_ADDRESSES=1 exec setarch -R "$0" "$@"
@@ -138,13 +138,13 @@ NAMES
 }
 
 install_packages() {
-    # --no-remove: nothing of the user's makes room for our packages.
+    # --no-remove: remove none of the user's packages.
     as_root env DEBIAN_FRONTEND=noninteractive apt-get install -q -y --no-install-recommends \
         --no-remove "$@" ||
         fail "apt-get could not install $* (nothing was removed for them)"
 }
 
-# Unpacks PulseAudio beside the builds, for the private sound server only.
+# Unpacks PulseAudio into a build folder, for the private sound server only.
 unpack_sound_server() {
     local needs
     mapfile -t needs < <(LC_ALL=C apt-cache depends --no-recommends --no-suggests --no-conflicts \
@@ -164,7 +164,7 @@ WRAPPER
     chmod +x "$sound_server/bin/pulseaudio"
 }
 
-# Installs what the groups in "$@" lack.
+# Installs the missing packages of the groups in "$@".
 ensure_packages() {
     if [ "${VELANTRIX_SKIP_SETUP:-0}" = 1 ]; then
         return
@@ -182,7 +182,7 @@ ensure_packages() {
     as_root apt-get update -q || fail "apt-get update failed: is this machine on the network?"
     if [[ " ${missing[*]} " == *' pulseaudio '* ]] &&
         ! apt-get install -q -s --no-install-recommends --no-remove pulseaudio >/dev/null 2>&1; then
-        say "This system's own sound excludes the package pulseaudio: unpacking it for us alone."
+        say "This system's own sound conflicts with the package pulseaudio: unpacking it for private use."
         unpack_sound_server
         local name others=()
         for name in "${missing[@]}"; do
@@ -195,7 +195,7 @@ ensure_packages() {
     fi
 }
 
-# Debian keeps clang's own sanitizers apart, under a name with its version.
+# On Debian clang's sanitizers are a separate package with its version in the name.
 ensure_clang_runtime() {
     local runtime
     runtime=libclang-rt-$(clang -dumpversion | cut -d. -f1)-dev
@@ -205,19 +205,19 @@ ensure_clang_runtime() {
     fi
 }
 
-# Sets `alone` to the words that start a program in a network of its own; none where the system does
-# not allow that.
+# Sets `private_network` to the command that starts a program in a private network; empty where the
+# system does not allow that.
 find_private_network() {
-    alone=()
+    private_network=()
     if unshare -n true 2>/dev/null; then
-        alone=(unshare -n)
+        private_network=(unshare -n)
     elif unshare -rn true 2>/dev/null; then
-        alone=(unshare -rn)
+        private_network=(unshare -rn)
     fi
 }
 
-# Builds preset $1 into build-$1; further arguments go to cmake's configuration. Only the targets in
-# the array build_targets, where there are any.
+# Builds preset $1 into build-$1; further arguments go to cmake's configuration. Builds only the
+# targets in the array build_targets, unless it is empty.
 build_targets=()
 build_preset() {
     local preset=$1 folder="$repo/build-$1"
@@ -225,7 +225,7 @@ build_preset() {
     if [ -e "$folder" ] && [ ! -w "$folder" ] || [ ! -e "$folder" ] && [ ! -w "$repo" ]; then
         fail "no right to write to $folder: remove it, or run as its owner"
     fi
-    # A tree that was moved since cannot be built on.
+    # A build folder that was moved is useless.
     if [ -f "$folder/CMakeCache.txt" ] &&
         ! grep -qxF "CMAKE_HOME_DIRECTORY:INTERNAL=$repo" "$folder/CMakeCache.txt"; then
         rm -rf "$folder"

@@ -1,13 +1,13 @@
-# Bare Debian trees to try things in. Sourced by bash, after lib.sh.
+# Bare Debian trees for tests. Sourced by bash, after lib.sh.
 #
-# What runs in a tree runs in namespaces of its own: it ends with the command that started it, and
-# nothing of this machine is changed. Variable that the user may set:
+# Commands in a tree run in new namespaces: they end with the command that started them, and change
+# nothing of this machine. Variables that the user may set:
 #   VELANTRIX_DEBIAN_MIRROR   where Debian's packages come from
 #   VELANTRIX_KEEP_TREE=1     do not delete the tree at the end
 
 debian_mirror=${VELANTRIX_DEBIAN_MIRROR:-http://deb.debian.org/debian}
 
-# The releases of Debian that everything is tried on, and what the scripts call by other names there.
+# The releases of Debian that are tested, and package names that differ.
 declare -A release_numbers=([bookworm]=12 [trixie]=13)
 declare -A release_libcurl=([bookworm]=libcurl4 [trixie]=libcurl4t64)
 
@@ -21,7 +21,7 @@ choose_releases() {
     done
 }
 
-# need_root "$@": starts the script again through sudo unless it runs as root.
+# need_root "$@": restarts the script through sudo unless it runs as root.
 need_root() {
     if [ "$(id -u)" -ne 0 ]; then
         command -v sudo >/dev/null || fail "this needs root, and there is no sudo"
@@ -37,7 +37,7 @@ new_tree() {
     trap 'exit 1' INT TERM
 }
 
-# leave_tree: deletes the tree at once, for a script that makes another one.
+# leave_tree: deletes the tree now, for a script that makes another one.
 leave_tree() {
     trap - EXIT
     if [ "${VELANTRIX_KEEP_TREE:-0}" = 1 ]; then
@@ -65,7 +65,7 @@ tree_create() {
     cp /etc/resolv.conf "$1/etc/resolv.conf"
     # Every installed Debian has this file, the bare tree does not.
     printf '127.0.0.1\tlocalhost %s\n' "$(hostname)" >"$1/etc/hosts"
-    # Nothing in the tree has to survive a power cut.
+    # Nothing in the tree must survive a power cut.
     echo force-unsafe-io >"$1/etc/dpkg/dpkg.cfg.d/unsafe-io"
     # No package starts a service in the tree.
     printf '#!/bin/sh\nexit 101\n' >"$1/usr/sbin/policy-rc.d"
@@ -84,9 +84,9 @@ user_words=(
     HOME=/home/user USER=user TERM=dumb XDG_RUNTIME_DIR=/run/sound
 )
 
-# tree_inside OPTIONS FOLDER COMMAND...: with the tree as its root, in new namespaces, among them
-# those of unshare's OPTIONS. A network of its own has the loopback interface only, multicast
-# included. Not through chroot alone: in that, an ordinary user could make no namespaces.
+# tree_inside OPTIONS FOLDER COMMAND...: with the tree as its root, in new namespaces, also those of
+# unshare's OPTIONS. A private network has only the loopback interface, with multicast. More than
+# chroot, in which an ordinary user could not create namespaces.
 tree_inside() {
     local options=$1
     shift
@@ -117,7 +117,7 @@ tree_root() {
     tree_inside "" "$where" "${root_words[@]}" "$@"
 }
 
-# tree_user FOLDER COMMAND...: as the tree's user, in a network of its own.
+# tree_user FOLDER COMMAND...: as the tree's user, in a private network.
 tree_user() {
     local where=$1
     shift

@@ -1,4 +1,4 @@
-"""The demo's tune: a short melody of our own over a slow bass, made from plucked tones."""
+"""The demo's tune: a short melody over a slow bass, made from plucked tones."""
 
 import array
 import math
@@ -18,7 +18,7 @@ BAR_BEATS = 8
 
 
 def pitch(semitones):
-    """Frequency in Hz of a note so far above A3."""
+    """Frequency in Hz of a note this many semitones above A3."""
     return 220.0 * 2 ** (semitones / 12)
 
 

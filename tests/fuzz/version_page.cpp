@@ -39,7 +39,7 @@ namespace {
 
 constexpr const char* CURRENT_VERSION = "3.1";
 constexpr std::size_t LEAST_ADDRESS = 8;
-constexpr std::size_t LARGEST_BODY = 1024UL * 1024;
+constexpr std::size_t MAX_BODY_SIZE = 1024UL * 1024;
 constexpr std::size_t MOST_PIECES = 16;
 constexpr std::size_t LAST_CODE_FOR_ONCE = 239;
 
@@ -81,7 +81,7 @@ CURLcode easyPerform(CURL* /*handle*/) {
     for (std::size_t at = 0; at < page.size(); at += most) {
         const std::size_t length = std::min(most, page.size() - at);
         const std::size_t taken = WebIf::writeMemoryCallback(&page[at], 1, length, receiver);
-        require(taken == (at + length <= LARGEST_BODY ? length : 0), "1 MiB is taken, no more");
+        require(taken == (at + length <= MAX_BODY_SIZE ? length : 0), "1 MiB is taken, no more");
         if (taken != length) {
             return CURLE_WRITE_ERROR;
         }
@@ -97,7 +97,7 @@ std::string repeated(const std::string& text, std::size_t code) {
     const std::size_t root = code > LAST_CODE_FOR_ONCE ? code - LAST_CODE_FOR_ONCE : 1;
     const std::size_t times = root * root * root * root;
     std::string result;
-    for (std::size_t i = 0; i < times && result.size() < 2 * LARGEST_BODY; ++i) {
+    for (std::size_t i = 0; i < times && result.size() < 2 * MAX_BODY_SIZE; ++i) {
         result += text;
     }
     return result;

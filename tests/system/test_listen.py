@@ -33,7 +33,7 @@ PLAYBACK_SINK = "playback"
 PLAYBACK_SECONDS = 6
 # A server that is killed falls silent; the client may notice that first, or ENet.
 SERVER_GONE = (r"(the connection to 127\.0\.0\.1:59010 has ended|"
-               r"no audio has come from 127\.0\.0\.1:59010 for a while)")
+               r"no audio received from 127\.0\.0\.1:59010 for a while)")
 
 
 def report_of(text):
@@ -341,7 +341,7 @@ class Persistence(ListenTest):
         with listening("--no-play", "--single") as first:
             self.assertEqual(listen("--no-play", "--seconds", 1).returncode, 0)
             self.assertEqual(first.wait(), 0)
-            self.assertIn("another listener has taken this one's place",
+            self.assertIn("another client has taken this one's place",
                           "\n".join(first.err.all()))
 
 

@@ -117,7 +117,7 @@ class WithoutServer(SystemTest):
 
     def test_a_server_that_starts_later_is_found(self):
         with Web(host=None) as web, LiveListener(web.address()) as listener:
-            web.out.wait_for("no server answers yet, searching on")
+            web.out.wait_for("no server has answered yet, still searching")
             wait_until(lambda: WAITING in listener.texts, "the listener is told to wait")
             self.assertIsNone(status_of(web.address())["server"])
             sound = self.enterContext(SoundServer())
@@ -213,7 +213,7 @@ class Vanishing(SystemTest):
         wait_until(lambda: heard.numbers and waiting.texts, "both hear something")
         ip("addr", "flush", "dev", "vxhere")
         for web in webs:
-            web.out.wait_for("a listener to /live opus 20 has left, 0 in all", timeout=60)
+            web.out.wait_for("listener to /live opus 20 disconnected, 0 in total", timeout=60)
 
 
 class Descriptors(SystemTest):

@@ -164,5 +164,5 @@ class Hostile(SystemTest):
                 line.sendall(request(path, UPGRADE if path == "/live" else ""))
                 if index % 3:
                     line.recv(1)
-        wait_until(lambda: "a listener to /stream.flac has left" in "".join(self.web.out.all()),
+        wait_until(lambda: "listener to /stream.flac disconnected" in "".join(self.web.out.all()),
                    "they have left")

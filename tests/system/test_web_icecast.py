@@ -18,8 +18,8 @@ from support.web import NOT_ROOT, Tone, Web, assert_tone
 SECONDS = float(os.environ.get("VELANTRIX_WEB_SECONDS", "4"))
 SECRET = "kept-to-ourselves"
 MOUNT = "/velantrix.ogg"
-HEARS = re.compile("^Icecast hears the stream: ")
-LOST = re.compile("^Icecast does not hear the stream, ")
+HEARS = re.compile("^Icecast receives the stream: ")
+LOST = re.compile("^Icecast does not receive the stream, ")
 
 CONFIGURATION = """<icecast>
   <limits><clients>20</clients><sources>2</sources></limits>

@@ -18,7 +18,7 @@ using boost::asio::const_buffer;
 using boost::asio::mutable_buffer;
 using boost::asio::ip::tcp;
 
-/// Who has left without a word while nothing is sent is noticed after half a minute.
+/// A client that vanishes while nothing is sent is noticed after half a minute.
 constexpr std::pair<int, int> KEEP_ALIVE[] = {
     {TCP_KEEPIDLE, 15}, {TCP_KEEPINTVL, 5}, {TCP_KEEPCNT, 3}};  // Seconds, seconds, probes.
 constexpr std::uint32_t VANISHED_MILLISECONDS = 30000;
@@ -109,7 +109,7 @@ std::int64_t Connection::unacknowledged() const {
 bool Connection::vanished() const {
     tcp_info info = {};
     socklen_t length = sizeof info;
-    // Who does not read acknowledges the probes of its window, which are rare.
+    // A client that does not read acknowledges window probes, which are rare.
     return getsockopt(socket_.native_handle(), IPPROTO_TCP, TCP_INFO, &info, &length) == 0 &&
            (info.tcpi_unacked > 0 || info.tcpi_probes > 1) &&
            info.tcpi_last_ack_recv > VANISHED_MILLISECONDS;

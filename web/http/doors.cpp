@@ -47,7 +47,7 @@ Digest digestOf(std::string_view text) {
     return digest;
 }
 
-/// Takes as long for any two texts of these lengths: digests are compared, all of them.
+/// Compares in constant time, by digests.
 bool sameSecret(std::string_view one, std::string_view other) {
     const Digest first = digestOf(one);
     const Digest second = digestOf(other);
@@ -115,13 +115,13 @@ Doors::Doors(const std::vector<std::string>& names, const std::string& login)
     names_.emplace_back("localhost");
 }
 
-bool Doors::knows(std::string_view authority) const {
+bool Doors::isOwnName(std::string_view authority) const {
     const std::string host = hostOf(authority);
     return isAddress(host) ||
            (!host.empty() && std::find(names_.begin(), names_.end(), host) != names_.end());
 }
 
-bool Doors::admits(std::string_view authorization) const {
+bool Doors::isAuthorized(std::string_view authorization) const {
     constexpr std::string_view SCHEME = "basic ";
     if (credentials_.empty()) {
         return true;
@@ -136,18 +136,18 @@ std::optional<Response> Doors::refuse(const Request& request, bool stream) const
     const auto hosts = request.count(http::field::host);
     const std::string_view host = toView(request[http::field::host]);
     if (hosts > 1 || (hosts == 0 && (request.version() >= 11 || !stream))) {
-        return sentence(400, "The request does not say once which host it is for.");
+        return sentence(400, "The request must have exactly one Host.");
     }
-    if (hosts == 1 && !knows(host)) {
-        return sentence(403, "This server does not go by that name.");
+    if (hosts == 1 && !isOwnName(host)) {
+        return sentence(403, "The host is not a name of this server.");
     }
     const auto origin = request.find(http::field::origin);
     if (request.find(http::field::upgrade) != request.end() && origin != request.end() &&
         !sameOrigin(toView(origin->value()), host)) {
-        return sentence(403, "Pages of other servers may not listen here.");
+        return sentence(403, "Pages of other servers may not connect.");
     }
-    if (!admits(toView(request[http::field::authorization]))) {
-        Response response = sentence(401, "This server asks for a user's name and password.");
+    if (!isAuthorized(toView(request[http::field::authorization]))) {
+        Response response = sentence(401, "A user name and a password are required.");
         response.fields = "WWW-Authenticate: Basic realm=\"velantrix-web\", charset=\"UTF-8\"\r\n";
         return response;
     }

@@ -10,20 +10,20 @@
 
 namespace vxweb {
 
-/// Who may come in.
+/// Decides which requests are refused.
 class Doors {
   public:
-    /// `names`: what this computer is called besides addresses and localhost. `login`:
-    /// "user:password", or empty where nobody is asked.
+    /// `names` of this computer, besides addresses and localhost. `login`: "user:password", or
+    /// empty for none.
     Doors(const std::vector<std::string>& names, const std::string& login);
 
-    /// The answer to a request that is refused, or nothing. `streamsOnly`: the request is for
-    /// a stream, which old radios ask for without a Host.
+    /// The response to a refused request, or nothing. `stream`: the request is for a stream, which
+    /// old radios request without a Host.
     [[nodiscard]] std::optional<Response> refuse(const Request& request, bool stream) const;
 
   private:
-    [[nodiscard]] bool knows(std::string_view host) const;
-    [[nodiscard]] bool admits(std::string_view authorization) const;
+    [[nodiscard]] bool isOwnName(std::string_view host) const;
+    [[nodiscard]] bool isAuthorized(std::string_view authorization) const;
 
     std::vector<std::string> names_;  ///< Lower case.
     std::string credentials_;         ///< As a browser sends them, in base64.
@@ -33,7 +33,7 @@ class Doors {
 std::vector<std::string> ownNames();
 
 /// The name or address in "HOST[:PORT]", in lower case, without brackets and a last dot. Empty when
-/// it is none. Pure.
+/// it is invalid. Pure.
 std::string hostOf(std::string_view authority);
 
 /// True when an Origin's "SCHEME://HOST[:PORT]" names the same host and port as a Host. Pure.

@@ -14,13 +14,13 @@ namespace vxweb {
 namespace {
 
 constexpr std::int64_t MAX_LIVE_DELAY = 1 * vxlisten::SECOND;
-/// Sound that the kernel keeps; more waits here, where it can be left out.
+/// Maximum time of sound in the kernel; more waits here, where it can be dropped.
 constexpr std::int64_t MAX_UNREAD = 500 * vxlisten::MILLISECOND;
-/// Beside the 128 KiB that the kernel keeps for a connection.
+/// In addition to 128 KiB for each connection in the kernel.
 constexpr std::size_t MAX_WAITING = std::size_t{112} * 1024;
 constexpr std::int64_t MAX_STREAM_DELAY = 10 * vxlisten::SECOND;
-/// Between two looks for whether the listener is still there.
-constexpr std::int64_t LOOKING_INTERVAL = 1 * vxlisten::SECOND;
+/// Interval of the checks for a vanished listener.
+constexpr std::int64_t CHECK_INTERVAL = 1 * vxlisten::SECOND;
 
 boost::asio::const_buffer toBuffer(std::string_view bytes) {
     return {bytes.data(), bytes.size()};
@@ -53,7 +53,7 @@ void Listener::send(PacketPtr packet) {
         fail(boost::asio::error::timed_out);
         return;
     }
-    if (slow_ == Slow::LosesConnection && packet->sound && tooMuch(*packet)) {
+    if (slow_ == Slow::LosesConnection && packet->sound && isTooMuch(*packet)) {
         return;
     }
     queue_.push_back({std::move(packet), gone, nullptr});
@@ -73,14 +73,14 @@ void Listener::sendOwn(std::string bytes, Done done) {
     }
 }
 
-/// Before another packet joins the queue. False when the listener is too slow for the connection.
+/// Makes room in the queue for a packet. False when the listener is too slow to stay connected.
 bool Listener::makeRoom(const Packet& packet) {
     if (slow_ == Slow::LosesConnection) {
         return std::none_of(queue_.begin(), queue_.end(), [&packet](const Entry& entry) {
             return entry.packet->sound && packet.time - entry.packet->time > MAX_STREAM_DELAY;
         });
     }
-    // A text begins something new: what waits from before is of no use any more.
+    // After a text message all earlier packets are useless.
     const auto useless = [&packet](const Entry& entry) {
         const bool old = packet.time - entry.packet->time > MAX_LIVE_DELAY;
         return !entry.done && (!packet.sound || (entry.packet->sound && old));
@@ -88,14 +88,14 @@ bool Listener::makeRoom(const Packet& packet) {
     const bool begun = writing_ || queue_.front().gone > 0;
     queue_.erase(std::remove_if(queue_.begin() + (begun ? 1 : 0), queue_.end(), useless),
                  queue_.end());
-    for (auto it = queue_.begin() + (begun ? 1 : 0); it != queue_.end() && tooMuch(packet);) {
+    for (auto it = queue_.begin() + (begun ? 1 : 0); it != queue_.end() && isTooMuch(packet);) {
         it = it->packet->sound && !it->done ? queue_.erase(it) : it + 1;
     }
     return true;
 }
 
-/// True when a packet would make more wait than may.
-bool Listener::tooMuch(const Packet& packet) const {
+/// True when a packet would exceed the queue's maximum.
+bool Listener::isTooMuch(const Packet& packet) const {
     std::size_t bytes = packet.bytes.size();
     for (const Entry& entry : queue_) {
         bytes += entry.packet->bytes.size();
@@ -104,14 +104,14 @@ bool Listener::tooMuch(const Packet& packet) const {
 }
 
 bool Listener::vanished() {
-    if (now_ - lookedAfter_ < LOOKING_INTERVAL) {
+    if (now_ - checkedAt_ < CHECK_INTERVAL) {
         return false;
     }
-    lookedAfter_ = now_;
+    checkedAt_ = now_;
     return connection_->vanished();
 }
 
-/// True when a live listener has not got what was written half a second ago.
+/// True when a live listener has not acknowledged what was written half a second ago.
 bool Listener::unread() {
     if (slow_ != Slow::LosesSound || now_ - mark_.time < MAX_UNREAD) {
         return false;
@@ -160,7 +160,7 @@ void Listener::advance(std::size_t count, const Error& error) {
     }
 }
 
-/// Ends the connection; what is being written stays where it is until that has ended.
+/// Closes the connection; what is being written stays valid until the write has ended.
 void Listener::fail(const Error& error) {
     failed_ = true;
     connection_->close();

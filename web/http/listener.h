@@ -11,25 +11,26 @@
 
 namespace vxweb {
 
-/// Writes packets to one connection without ever making anybody wait for it: what does not go at
-/// once is queued, 112 KiB of sound at most. Everything on the connection's thread.
+/// Writes packets to one connection without blocking: what cannot be written at once is queued, at
+/// most 112 KiB of sound. Everything on the connection's thread.
 class Listener : public std::enable_shared_from_this<Listener> {
   public:
-    /// What happens to one who does not read.
+    /// What happens when the client does not read.
     enum class Slow {
-        LosesSound,       ///< What has waited for more than a second.
-        LosesConnection,  ///< When sound has waited for more than ten; before, what is too much.
+        LosesSound,       ///< Sound that has waited for more than a second is dropped.
+        LosesConnection,  ///< Closed when sound has waited for more than ten seconds; until then
+                          ///< sound beyond the maximum is dropped.
     };
 
-    /// `framed`: packets go with their frames.
+    /// `framed`: packets are sent with their frames.
     Listener(std::shared_ptr<Connection> connection, Slow slow, bool framed);
 
-    /// Writes a packet after those before it. The connection is closed when it cannot be written
-    /// to; nobody is called.
+    /// Writes a packet after those before it. Closes the connection when that fails, without a
+    /// callback.
     void send(PacketPtr packet);
 
-    /// As send(), for what belongs to this listener alone and is never left out. `done` is called,
-    /// not from within, when it has gone.
+    /// As send(), for bytes that only this listener gets and that are never dropped. `done` is
+    /// called later, when they have been written.
     void sendOwn(std::string bytes, Done done);
 
     /// True when nothing waits.
@@ -41,11 +42,11 @@ class Listener : public std::enable_shared_from_this<Listener> {
     struct Entry {
         PacketPtr packet;
         std::size_t gone = 0;  ///< Bytes of it that have been written.
-        Done done;             ///< Set for what is never left out.
+        Done done;             ///< Set for bytes that are never dropped.
     };
 
     [[nodiscard]] bool makeRoom(const Packet& packet);
-    [[nodiscard]] bool tooMuch(const Packet& packet) const;
+    [[nodiscard]] bool isTooMuch(const Packet& packet) const;
     [[nodiscard]] bool unread();
     [[nodiscard]] bool vanished();
     void flush();
@@ -58,10 +59,10 @@ class Listener : public std::enable_shared_from_this<Listener> {
     const bool framed_;
     bool writing_ = false;  ///< The first entry's bytes are being written.
     bool failed_ = false;
-    std::int64_t lookedAfter_ = 0;
+    std::int64_t checkedAt_ = 0;
     std::int64_t now_ = 0;      ///< Time of the latest packet.
     std::int64_t written_ = 0;  ///< Bytes so far,
-    /// and how many they were at a former time.
+    /// and how many at an earlier time.
     struct {
         std::int64_t time = 0;
         std::int64_t written = 0;

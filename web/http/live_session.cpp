@@ -18,10 +18,10 @@ namespace {
 namespace websocket = boost::beast::websocket;
 
 constexpr std::size_t MAX_MESSAGE = 65536;
-constexpr std::chrono::seconds HANDSHAKE_PATIENCE{10};
+constexpr std::chrono::seconds HANDSHAKE_TIMEOUT{10};
 
-/// What the WebSocket's own messages pass on their way: they go between the packets of sound,
-/// which are written past it.
+/// Carries the WebSocket's own messages: it sends them between the packets of sound, which do not
+/// pass through it.
 class Gate {
   public:
     using executor_type = boost::asio::ip::tcp::socket::executor_type;
@@ -30,7 +30,7 @@ class Gate {
         : connection_(std::move(connection)), listener_(std::move(listener)) {}
 
     executor_type get_executor() { return connection_->executor(); }
-    /// True once the frame that ends the WebSocket is on its way: no sound may follow it.
+    /// True once the close frame is being sent: no sound may follow it.
     [[nodiscard]] bool closing() const { return closing_; }
     void close() { connection_->close(); }
 
@@ -87,7 +87,7 @@ class LiveSession : public Subscriber, public std::enable_shared_from_this<LiveS
           socket_(std::move(connection), listener_) {
         socket_.read_message_max(MAX_MESSAGE);
         websocket::stream_base::timeout times{};
-        times.handshake_timeout = HANDSHAKE_PATIENCE;
+        times.handshake_timeout = HANDSHAKE_TIMEOUT;
         times.idle_timeout = websocket::stream_base::none();
         times.keep_alive_pings = false;
         socket_.set_option(times);

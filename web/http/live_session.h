@@ -10,8 +10,8 @@
 
 namespace vxweb {
 
-/// Lets the connection become a WebSocket, as the request asks, on which the channel is heard until
-/// one side ends it. The other side's messages are ignored. `station` and `worker` are borrowed.
+/// Makes the connection a WebSocket, as requested, and sends the channel until one side closes it.
+/// The client's messages are ignored. `station` and `worker` are borrowed.
 void startLive(std::shared_ptr<Connection> connection, Station& station, Worker& worker,
                ChannelId channel, const Request& request);
 

@@ -11,7 +11,7 @@ namespace http = boost::beast::http;
 
 RequestReader::RequestReader() {
     parser_.header_limit(MAX_HEADER);
-    // Announced bodies are not read; how long they are does not matter.
+    // Bodies are not read, so their length does not matter.
     parser_.body_limit(std::numeric_limits<std::uint64_t>::max());
 }
 
@@ -22,7 +22,7 @@ std::size_t RequestReader::read(std::string_view bytes) {
     const std::size_t waiting = parser_.is_header_done() ? 0 : bytes.size() - taken;
     const bool done = parser_.is_header_done();
     if (taken_ + waiting > MAX_HEADER || (!done && error == http::error::header_limit)) {
-        state_ = State::TooLong;  // Beast counts the request line apart.
+        state_ = State::TooLong;  // Beast does not count the request line.
     } else if (done) {
         state_ = State::Complete;
     } else if (error && error != http::error::need_more) {

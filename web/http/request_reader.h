@@ -11,25 +11,25 @@ namespace vxweb {
 
 using Request = boost::beast::http::request<boost::beast::http::empty_body>;
 
-/// Reads the header of one request, in whatever pieces it comes. Pure.
+/// Reads the header of one request, in pieces of any size. Pure.
 class RequestReader {
   public:
-    /// Bytes of the longest header.
+    /// Maximum bytes of a header.
     static constexpr std::size_t MAX_HEADER = 8192;
 
     enum class State { Reading, Complete, Bad, TooLong };
 
     RequestReader();
 
-    /// Reads on. `bytes` begins with what was not taken before; returns how many are taken now.
+    /// Continues. `bytes` begins with what was not taken before; returns how many are taken.
     std::size_t read(std::string_view bytes);
 
     [[nodiscard]] State state() const { return state_; }
 
-    /// Complete: the request. It is whole: a body that was announced is never read.
+    /// Complete: the request, without its body, which is never read.
     [[nodiscard]] const Request& request() const { return parser_.get(); }
 
-    /// Complete: true when something that is not read follows the header.
+    /// Complete: true when a body follows the header.
     [[nodiscard]] bool hasBody() const;
 
   private:

@@ -6,7 +6,7 @@ namespace vxweb {
 
 namespace {
 
-/// What keeps a page of ours to itself. Nothing needs more than its own origin.
+/// The page may load only from its own origin.
 constexpr const char* PROTECTION =
     "Content-Security-Policy: default-src 'self'\r\n"
     "X-Content-Type-Options: nosniff\r\n"
@@ -21,10 +21,10 @@ Response sentence(unsigned status, const std::string& text) {
     return response;
 }
 
-std::string write(const Response& response, const Manner& manner) {
+std::string write(const Response& response, const RequestTraits& traits) {
     const auto reason = boost::beast::http::obsolete_reason(
         static_cast<boost::beast::http::status>(response.status));
-    std::string text = manner.version < 11 ? "HTTP/1.0 " : "HTTP/1.1 ";
+    std::string text = traits.version < 11 ? "HTTP/1.0 " : "HTTP/1.1 ";
     text += std::to_string(response.status) + " ";
     text.append(reason.data(), reason.size());
     text += "\r\nServer: velantrix-web\r\nContent-Type: " + response.contentType + "\r\n";
@@ -33,11 +33,11 @@ std::string write(const Response& response, const Manner& manner) {
     text += response.fields;
     if (!response.endless) {
         text += "Content-Length: " + std::to_string(response.body.size()) + "\r\n";
-    } else if (manner.version >= 11) {
+    } else if (traits.version >= 11) {
         text += "Transfer-Encoding: chunked\r\n";
     }
-    text += manner.keepAlive ? "Connection: keep-alive\r\n\r\n" : "Connection: close\r\n\r\n";
-    return manner.head || response.endless ? text : text + response.body;
+    text += traits.keepAlive ? "Connection: keep-alive\r\n\r\n" : "Connection: close\r\n\r\n";
+    return traits.head || response.endless ? text : text + response.body;
 }
 
 }  // namespace vxweb

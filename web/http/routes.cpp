@@ -9,7 +9,7 @@ namespace vxweb {
 
 namespace {
 
-/// A form of sound with the rates that may be chosen.
+/// A form of sound and its rates.
 struct Choice {
     std::string_view path;
     Form form;

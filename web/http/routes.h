@@ -8,7 +8,7 @@
 
 namespace vxweb {
 
-/// What a request asks for.
+/// The target of a request.
 struct Route {
     enum class Kind { Asset, Qr, Status, Playlist, Stream, Live, Missing, BadQuery };
 
@@ -18,11 +18,11 @@ struct Route {
     std::string problem;    ///< BadQuery: one sentence.
 };
 
-/// Finds what stands at a target, "/path?query". Pure.
+/// Finds the route of a target, "/path?query". Pure.
 Route findRoute(std::string_view target);
 
-/// The value of the first `name` in a query, if it is there. Not decoded: no name or value of ours
-/// needs that. Pure.
+/// The value of the first `name` in a query, if any. Not decoded: none of our names and values
+/// needs it. Pure.
 std::optional<std::string_view> queryValue(std::string_view query, std::string_view name);
 
 }  // namespace vxweb

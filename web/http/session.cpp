@@ -28,12 +28,12 @@ std::string_view toView(boost::beast::string_view text) {
     return {text.data(), text.size()};
 }
 
-/// The answer to a request that asks for no WebSocket, or wrongly.
+/// The response to a request that is not for a WebSocket, or is wrong.
 std::optional<Response> refuseUpgrade(const Request& request) {
     constexpr std::size_t KEY_LENGTH = 24;  // 16 bytes in base64.
     const bool upgrade = boost::beast::websocket::is_upgrade(request);
     if (upgrade && request[http::field::sec_websocket_key].size() != KEY_LENGTH) {
-        return sentence(400, "The Sec-WebSocket-Key is missing or has not 16 bytes.");
+        return sentence(400, "The Sec-WebSocket-Key is missing or not 16 bytes long.");
     }
     if (upgrade && request[http::field::sec_websocket_version] == "13") {
         return std::nullopt;
@@ -61,7 +61,7 @@ class Session : public std::enable_shared_from_this<Session> {
     }
 
   private:
-    /// Calls `late` when the time is over before this is called again.
+    /// Calls `late` after the time-out, unless this is called again before.
     template <class Late>
     void limitTime(Late late) {
         timer_.expires_after(PATIENCE);
@@ -81,13 +81,13 @@ class Session : public std::enable_shared_from_this<Session> {
 
     void giveUpWaiting() {
         if (served_ && bytes_.empty()) {
-            connection_->close();  // It asked before and may have nothing more to ask.
+            connection_->close();  // It sent a request before and may have no more.
         } else {
-            refuse(sentence(408, "The request did not come within 10 seconds."));
+            refuse(sentence(408, "The request took longer than 10 seconds."));
         }
     }
 
-    /// Once the last answer is under way, what still comes is ignored.
+    /// After the last response, everything received is ignored.
     void read() {
         reading_ = true;
         connection_->read(boost::asio::buffer(room_),
@@ -117,7 +117,7 @@ class Session : public std::enable_shared_from_this<Session> {
                 answer();
                 break;
             case RequestReader::State::Bad:
-                refuse(sentence(400, "This is no HTTP request."));
+                refuse(sentence(400, "This is not an HTTP request."));
                 break;
             case RequestReader::State::TooLong:
                 refuse(sentence(431, "The header is longer than 8 KiB."));
@@ -125,10 +125,10 @@ class Session : public std::enable_shared_from_this<Session> {
         }
     }
 
-    /// Answers what was no request and ends.
+    /// Answers an invalid request and closes.
     void refuse(const Response& response) {
         ended_ = true;
-        respond(response, Manner());
+        respond(response, RequestTraits());
     }
 
     void answer();
@@ -138,8 +138,8 @@ class Session : public std::enable_shared_from_this<Session> {
     void startStreamSession(const Route& route);
     [[nodiscard]] Response playlist() const;
     [[nodiscard]] std::string pageAddress() const;
-    [[nodiscard]] Manner manner() const;
-    void respond(const Response& response, const Manner& manner);
+    [[nodiscard]] RequestTraits traits() const;
+    void respond(const Response& response, const RequestTraits& traits);
     void end();
 
     std::shared_ptr<Connection> connection_;
@@ -150,11 +150,11 @@ class Session : public std::enable_shared_from_this<Session> {
     std::array<char, 2048> room_{};
     std::string bytes_;  ///< Received and not yet taken.
     bool reading_ = false;
-    bool served_ = false;  ///< A request has come on this connection.
-    bool ended_ = false;   ///< The connection ends with the present answer.
+    bool served_ = false;  ///< A request was received on this connection.
+    bool ended_ = false;   ///< The connection ends with the present response.
 };
 
-Manner Session::manner() const {
+RequestTraits Session::traits() const {
     const Request& request = reader_->request();
     return {request.method() == http::verb::head, request.keep_alive() && !reader_->hasBody(),
             request.version()};
@@ -165,15 +165,15 @@ void Session::answer() {
     const Route route = findRoute(toView(request.target()));
     const bool stream = route.kind == Route::Kind::Stream;
     if (const auto refusal = site_.doors.refuse(request, stream)) {
-        respond(*refusal, manner());
+        respond(*refusal, traits());
     } else if (route.kind == Route::Kind::Missing) {
-        respond(sentence(404, "There is nothing here."), manner());
+        respond(sentence(404, "There is no such address."), traits());
     } else if (request.method() != http::verb::get && request.method() != http::verb::head) {
         Response response = sentence(405, "Only GET and HEAD are answered.");
         response.fields = "Allow: GET, HEAD\r\n";
-        respond(response, manner());
+        respond(response, traits());
     } else if (route.kind == Route::Kind::BadQuery) {
-        respond(sentence(400, route.problem), manner());
+        respond(sentence(400, route.problem), traits());
     } else {
         answerKnown(route);
     }
@@ -206,10 +206,10 @@ void Session::answerKnown(const Route& route) {
             }
             break;
         default:
-            response = sentence(404, "There is nothing here.");
+            response = sentence(404, "There is no such address.");
             break;
     }
-    respond(response, manner());
+    respond(response, traits());
 }
 
 void Session::answerStatus() {
@@ -217,18 +217,18 @@ void Session::answerStatus() {
         Response response;
         response.contentType = "application/json";
         response.body = text;
-        self->respond(response, self->manner());
+        self->respond(response, self->traits());
     });
 }
 
 void Session::startLiveSession(const Route& route) {
     const Request& request = reader_->request();
     if (const auto refusal = refuseUpgrade(request)) {
-        respond(*refusal, manner());
+        respond(*refusal, traits());
     } else if (!bytes_.empty()) {
-        respond(sentence(400, "A WebSocket's client waits for the answer."), manner());
+        respond(sentence(400, "A WebSocket's client waits for the answer."), traits());
     } else if (!site_.station.reserve()) {
-        respond(sentence(503, "As many listen as may listen."), manner());
+        respond(sentence(503, "All places are taken."), traits());
     } else {
         timer_.cancel();
         startLive(connection_, site_.station, worker_, route.channel, request);
@@ -241,14 +241,14 @@ void Session::startStreamSession(const Route& route) {
     response.contentType = contentType(format);
     response.fields = "icy-name: " + site_.title + "\r\n";
     response.endless = true;
-    Manner how = manner();
+    RequestTraits how = traits();
     how.keepAlive = how.keepAlive && how.head;
     if (how.head) {
         respond(response, how);
         return;
     }
     if (!site_.station.reserve()) {
-        respond(sentence(503, "As many listen as may listen."), manner());
+        respond(sentence(503, "All places are taken."), traits());
         return;
     }
     limitTime([](Session& self) { self.connection_->close(); });
@@ -265,7 +265,7 @@ void Session::startStreamSession(const Route& route) {
         });
 }
 
-/// The address that the request came to, as in its Host.
+/// The page's address, from the request's Host.
 std::string Session::pageAddress() const {
     const std::string_view host = toView(reader_->request()[http::field::host]);
     const std::string name = hostOf(host);
@@ -283,10 +283,10 @@ Response Session::playlist() const {
     return response;
 }
 
-void Session::respond(const Response& response, const Manner& manner) {
-    ended_ = ended_ || !manner.keepAlive;
+void Session::respond(const Response& response, const RequestTraits& traits) {
+    ended_ = ended_ || !traits.keepAlive;
     limitTime([](Session& self) { self.connection_->close(); });
-    connection_->writeAll(std::make_shared<std::string>(write(response, manner)),
+    connection_->writeAll(std::make_shared<std::string>(write(response, traits)),
                           [self = shared_from_this()](const Error& error, std::size_t) {
                               if (error) {
                                   self->timer_.cancel();
@@ -298,7 +298,7 @@ void Session::respond(const Response& response, const Manner& manner) {
                           });
 }
 
-/// Waits until the other side has closed, or it might lose the answer.
+/// Waits until the client has closed, or it might lose the response.
 void Session::end() {
     connection_->endWriting([self = shared_from_this()](const Error&, std::size_t) {
         if (!self->reading_) {

@@ -12,11 +12,11 @@
 
 namespace vxweb {
 
-/// What all sessions know. Not changed once the program runs.
+/// Data that all sessions share. Constant while the program serves.
 struct Site {
     Doors doors;
     std::string title;
-    std::string address;  ///< Web address of the page, as other computers open it.
+    std::string address;  ///< Web address of the page for other computers.
     std::unique_ptr<boost::asio::ssl::context> tls;  ///< Null without TLS.
     Station& station;
 };

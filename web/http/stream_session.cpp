@@ -55,8 +55,8 @@ class StreamSession : public Subscriber, public std::enable_shared_from_this<Str
                           });
     }
 
-    /// Some players close their direction once they have asked, and hear on. Whoever has gone is
-    /// noticed by the next writing.
+    /// Some players close their direction after the request and keep listening. The next write
+    /// notices a client that is gone.
     void waitForEnd() {
         connection_->waitForEnd(
             [self = shared_from_this()](const Error&, std::size_t) { self->leave(); });

@@ -14,11 +14,11 @@ namespace {
 
 using boost::asio::ip::tcp;
 
-// What the kernel keeps for a connection; it doubles both.
+// The kernel's buffers for each connection; it doubles both.
 constexpr int SEND_BUFFER = 1 << 16;
 constexpr int RECEIVE_BUFFER = 1 << 14;
 constexpr int BACKLOG = 1024;
-/// When no descriptor is left, until one may be.
+/// The pause when no descriptor is left.
 constexpr std::chrono::milliseconds PAUSE{100};
 
 }  // namespace

@@ -19,16 +19,16 @@ class WebServer {
     /// `workers` are borrowed and outlive this.
     explicit WebServer(Workers& workers);
 
-    /// Takes the port. Returns one sentence when that fails, nothing otherwise.
+    /// Binds the port. Returns a message on failure, else an empty text.
     [[nodiscard]] std::string open(const ListenAddress& address);
 
-    /// Accepts from now on. `site` is borrowed and outlives this.
+    /// Starts to accept. `site` is borrowed and outlives this.
     void start(const Site& site);
 
-    /// Accepts nothing more.
+    /// Stops accepting.
     void close();
 
-    /// The port that was taken.
+    /// The bound port.
     [[nodiscard]] std::uint16_t port() const;
 
   private:

@@ -4,7 +4,7 @@
 
 namespace vxweb {
 
-/// A file of the page. What it points to lives as long as the program.
+/// A file of the page. Its texts exist as long as the program.
 struct Asset {
     std::string_view path;         ///< As in the request: "/" or below "/page/".
     std::string_view contentType;  ///< For the header of that name.

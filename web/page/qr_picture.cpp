@@ -8,7 +8,7 @@ namespace vxweb {
 
 namespace {
 
-constexpr int QUIET = 4;  ///< Modules of the border that the standard wants.
+constexpr int BORDER = 4;  ///< Modules of the border that the standard requires.
 
 std::string escaped(const std::string& text) {
     std::string result;
@@ -46,8 +46,8 @@ std::string darkPath(const QRcode& code) {
                 ++x;
             }
             const std::string length = std::to_string(x - begin);
-            path.append("M").append(std::to_string(begin + QUIET)).append(" ");
-            path.append(std::to_string(y + QUIET)).append("h").append(length);
+            path.append("M").append(std::to_string(begin + BORDER)).append(" ");
+            path.append(std::to_string(y + BORDER)).append("h").append(length);
             path.append("v1h-").append(length).append("z");
         }
     }
@@ -65,7 +65,7 @@ std::string qrSvg(const std::string& address) {
     if (code == nullptr) {
         return {};
     }
-    const std::string size = std::to_string(code->width + 2 * QUIET);
+    const std::string size = std::to_string(code->width + 2 * BORDER);
     return "<svg xmlns=\"http://www.w3.org/2000/svg\" viewBox=\"0 0 " + size + ' ' + size +
            "\" shape-rendering=\"crispEdges\"><title>" + escaped(address) +
            "</title><path fill=\"#fff\" d=\"M0 0h" + size + 'v' + size + "H0z\"/><path d=\"" +

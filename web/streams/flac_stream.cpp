@@ -4,14 +4,14 @@ namespace vxweb {
 
 namespace {
 
-/// A FLAC frame begins with it; no metadata block does.
+/// First byte of a FLAC frame, but of no metadata block.
 constexpr unsigned char SYNC = 0xFF;
 
 }  // namespace
 
 FlacStream::~FlacStream() = default;
 
-// libFLAC hands over each metadata block and each frame in one call.
+// libFLAC passes each metadata block and each frame in one call.
 sf_count_t FlacStream::take(const void* source, sf_count_t count, void* self) {
     auto* const stream = static_cast<FlacStream*>(self);
     const auto* const bytes = static_cast<const char*>(source);

@@ -24,18 +24,18 @@ using vxlisten::SECOND;
 using vxlisten::steadyNow;
 using Milliseconds = std::chrono::milliseconds;
 
-/// Bytes that wait for the server here, four seconds at 256 kbit/s, and in libshout.
-constexpr std::size_t LONGEST_QUEUE = 1U << 17;
-constexpr ssize_t LONGEST_SEND_QUEUE = 1 << 14;
+/// Maximum bytes that wait here, four seconds at 256 kbit/s, and in libshout.
+constexpr std::size_t MAX_QUEUE = 1U << 17;
+constexpr ssize_t MAX_SEND_QUEUE = 1 << 14;
 constexpr std::int64_t CONNECT_TIMEOUT = 10 * SECOND;
 constexpr std::int64_t SEND_TIMEOUT = 10 * SECOND;
 /// libshout loses some bytes with each attempt.
-constexpr std::int64_t LONGEST_PAUSE_MS = 30'000;
-/// A server that ends each connection before is not asked again at once.
-constexpr std::int64_t LASTING_CONNECTION = 5 * SECOND;
-/// libshout does not show its socket, so it is asked so often.
+constexpr std::int64_t MAX_PAUSE_MS = 30'000;
+/// The back-off starts over only after a connection of this length.
+constexpr std::int64_t STABLE_CONNECTION = 5 * SECOND;
+/// libshout does not give access to its socket, so it is polled at this interval.
 constexpr Milliseconds STEP(20);
-constexpr Milliseconds LONGEST_END(500);
+constexpr Milliseconds END_TIMEOUT(500);
 
 struct ShoutDeleter {
     void operator()(shout_t* shout) const { shout_free(shout); }
@@ -47,14 +47,14 @@ std::string reasonOf(int error) {
         case SHOUTERR_NOCONNECT:
             return "it cannot be reached";
         case SHOUTERR_NOLOGIN:
-            return "it refuses it";
+            return "it refuses the stream";
         case SHOUTERR_NOTLS:
         case SHOUTERR_TLSBADCERT:
-            return "its certificate does not fit";
+            return "its certificate is not valid";
         case SHOUTERR_BUSY:
             return "it does not answer";
         default:
-            return "the connection broke";
+            return "the connection was lost";
     }
 }
 
@@ -89,13 +89,13 @@ struct IcecastFeeder::State {
     std::condition_variable changed;
     // Under the mutex:
     bool stopped = false;
-    bool connected = false;  ///< Chunks are taken.
+    bool connected = false;  ///< Chunks are queued.
     bool headerDue = false;
     std::string header;
     std::deque<Chunk> queue;
     std::size_t queued = 0;  ///< Bytes.
 
-    /// Reports a line unless nobody wants to know any more.
+    /// Reports a line unless stopped.
     void tell(const std::string& line) {
         const std::lock_guard lock(mutex);
         if (!stopped) {
@@ -103,13 +103,13 @@ struct IcecastFeeder::State {
         }
     }
 
-    /// Waits, but not beyond the end. False when the end has come.
+    /// Waits; returns false at once when stopped.
     bool sleep(Milliseconds time) {
         std::unique_lock lock(mutex);
         return !changed.wait_for(lock, time, [this] { return stopped; });
     }
 
-    /// Waits for start(). False when the end has come.
+    /// Waits for start(). False when stopped.
     bool waitForStart() {
         std::unique_lock lock(mutex);
         changed.wait(lock, [this] { return stopped || !header.empty(); });
@@ -133,7 +133,7 @@ struct IcecastFeeder::State {
     void enqueue(const Chunk& chunk) {
         queue.push_back(chunk);
         queued += chunk->size();
-        while (queued > LONGEST_QUEUE && !queue.empty()) {
+        while (queued > MAX_QUEUE && !queue.empty()) {
             queued -= queue.front()->size();
             queue.pop_front();
         }
@@ -160,7 +160,7 @@ struct IcecastFeeder::State {
     void run();
 };
 
-/// SHOUTERR_CONNECTED, or what went wrong.
+/// Returns SHOUTERR_CONNECTED or an error.
 int IcecastFeeder::State::connect(shout_t* shout) {
     const std::int64_t end = steadyNow() + CONNECT_TIMEOUT;
     int result = shout_open(shout);
@@ -174,7 +174,7 @@ int IcecastFeeder::State::connect(shout_t* shout) {
     return result == SHOUTERR_SOCKET ? SHOUTERR_NOCONNECT : result;
 }
 
-/// Sends until something goes wrong, and returns that.
+/// Sends until an error, which it returns.
 int IcecastFeeder::State::feed(shout_t* shout) {
     std::int64_t lastEmpty = steadyNow();
     while (sleep(Milliseconds(0))) {
@@ -184,7 +184,7 @@ int IcecastFeeder::State::feed(shout_t* shout) {
             return SHOUTERR_BUSY;
         }
         Chunk chunk;
-        if (waiting < LONGEST_SEND_QUEUE) {
+        if (waiting < MAX_SEND_QUEUE) {
             chunk = next();
         } else {
             sleep(STEP);
@@ -192,7 +192,7 @@ int IcecastFeeder::State::feed(shout_t* shout) {
         if (chunk == nullptr && waiting <= 0) {
             continue;
         }
-        // Without a chunk what waits is sent on.
+        // Without a chunk, sends what waits in libshout.
         const std::string_view bytes = chunk != nullptr ? *chunk : std::string_view();
         const auto* const data = reinterpret_cast<const unsigned char*>(bytes.data());
         if (shout_send_raw(shout, data, bytes.size()) < 0 &&
@@ -206,28 +206,28 @@ int IcecastFeeder::State::feed(shout_t* shout) {
 void IcecastFeeder::State::run() {
     sigset_t all;
     sigfillset(&all);
-    pthread_sigmask(SIG_BLOCK, &all, nullptr);  // SIGPIPE, too, which libshout lets come.
-    vxlisten::RetryPause pause(LONGEST_PAUSE_MS);
-    std::string told;
+    pthread_sigmask(SIG_BLOCK, &all, nullptr);  // Also SIGPIPE, which libshout does not suppress.
+    vxlisten::RetryPause pause(MAX_PAUSE_MS);
+    std::string lastLine;
     const Shout shout = prepare(target, title);
     while (shout != nullptr && waitForStart()) {
         int result = connect(shout.get());
         if (result == SHOUTERR_CONNECTED) {
-            told = "Icecast hears the stream: " + target.name();
-            tell(told);
+            lastLine = "Icecast receives the stream: " + target.name();
+            tell(lastLine);
             setConnected(true);
             const std::int64_t since = steadyNow();
             result = feed(shout.get());
             setConnected(false);
-            if (steadyNow() - since > LASTING_CONNECTION) {
+            if (steadyNow() - since > STABLE_CONNECTION) {
                 pause.reset();
             }
         }
         shout_close(shout.get());
         const std::string line =
-            "Icecast does not hear the stream, " + reasonOf(result) + ": " + target.name();
-        if (line != told) {
-            tell(told = line);
+            "Icecast does not receive the stream, " + reasonOf(result) + ": " + target.name();
+        if (line != lastLine) {
+            tell(lastLine = line);
         }
         if (!sleep(Milliseconds(pause.next()))) {
             return;
@@ -251,7 +251,7 @@ IcecastFeeder::~IcecastFeeder() {
         state_->stopped = true;
     }
     state_->changed.notify_all();
-    if (thread_.wait_for(LONGEST_END) != std::future_status::ready) {
+    if (thread_.wait_for(END_TIMEOUT) != std::future_status::ready) {
         vxlisten::noteAbandoned();
     }
 }

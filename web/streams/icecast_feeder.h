@@ -10,16 +10,15 @@
 
 namespace vxweb {
 
-/// Sends an Ogg stream to an Icecast server, and connects again with growing pauses for as long as
-/// it lives. A thread of its own waits for the network, so that its caller never does. All calls
-/// on one thread.
+/// Sends an Ogg stream to an Icecast server, and reconnects with back-off. A separate thread waits
+/// for the network, so calls never block. All calls on one thread.
 class IcecastFeeder {
   public:
-    /// Takes one line without a line end when the connection comes or goes. Called on the feeder's
+    /// Takes a line without a line end when the connection is made or lost. Called on the feeder's
     /// thread; must not block or call the feeder.
     using Report = std::function<void(const std::string& line)>;
 
-    /// Connects when the first sound comes. `title` is the name that Icecast shows.
+    /// Connects at the first sound. `title` is the name that Icecast shows.
     IcecastFeeder(const IcecastTarget& target, const std::string& title, Report report);
 
     /// Returns within half a second; nothing is reported afterwards.
@@ -30,12 +29,12 @@ class IcecastFeeder {
     /// Begins a stream: each connection gets `header` first. Drops what waits.
     void start(const std::string& header);
 
-    /// Takes what start()'s stream emits. Where the server does not read, the oldest is dropped.
+    /// Takes a chunk of the stream. When the server does not read, the oldest is dropped.
     void push(const Chunk& chunk);
 
   private:
     struct State;
-    std::shared_ptr<State> state_;  ///< The thread's, too, which may outlive this.
+    std::shared_ptr<State> state_;  ///< Shared with the thread, which may outlive this.
     std::future<void> thread_;      ///< Its end.
 };
 

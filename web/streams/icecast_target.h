@@ -8,7 +8,7 @@
 
 namespace vxweb {
 
-/// Where an Icecast server takes a stream, and who may send it there.
+/// An Icecast server's address, stream and login.
 struct IcecastTarget {
     std::string host;  ///< A name or an address, IPv6 without brackets.
     std::uint16_t port = 0;
@@ -22,8 +22,8 @@ struct IcecastTarget {
 };
 
 /// Reads `http://[USER[:PASSWORD]@]HOST[:PORT]/MOUNT`, or the same with `https`. Without a user
-/// "source", without a port 8000, without a password `password`, which may be null or empty.
-/// Otherwise one sentence about what is wrong, without a line end, in which neither stands. Pure.
+/// "source", without a port 8000, without a password `password`, which may be null or empty. On
+/// failure a message, without a line end, that contains neither. Pure.
 std::variant<IcecastTarget, std::string> parseIcecastUrl(const std::string& url,
                                                          const char* password);
 
@@ -31,8 +31,8 @@ std::variant<IcecastTarget, std::string> parseIcecastUrl(const std::string& url,
 /// none. Pure.
 std::string_view loginOf(std::string_view argument);
 
-/// Copies the program's arguments, without its name, and takes the users' names and passwords of
-/// web addresses out of the originals, which other users see in the process list.
+/// Copies the program's arguments, without its name, and overwrites user names and passwords of web
+/// addresses in the originals, which other users see in the process list.
 std::vector<std::string> takeArguments(int count, char** arguments);
 
 }  // namespace vxweb

@@ -12,17 +12,17 @@ namespace vxweb {
 
 enum class StreamFormat { Wav, Flac, Mp3, Ogg };
 
-/// Bytes of a stream. Shared by all who send them; nobody copies them.
+/// Bytes of a stream, shared and never copied.
 using Chunk = std::shared_ptr<const std::string>;
 using Emit = std::function<void(Chunk)>;
 
-/// One endless media stream, made once for all who hear it. Its sound keeps pace with time: silence
-/// stands for what is missing, and sound that comes after its time was filled is left out. Time
-/// is given in microseconds of one steady clock. Not thread-safe.
+/// One endless media stream, made once for all its listeners. Its sound keeps pace with time:
+/// silence replaces what is missing, and sound that arrives after its time was filled is dropped.
+/// Times are microseconds of one steady clock. Not thread-safe.
 ///
-/// Each chunk holds whole frames or pages, so that a listener may begin with any of them. A
-/// listener gets header() right before the first chunk; what holds for a listener's first chunk is
-/// known when it is emitted, and not before.
+/// Each chunk contains whole frames or pages, so a listener may begin with any of them. A listener
+/// gets header() right before its first chunk; header() is valid for that chunk when the chunk is
+/// emitted, not before.
 class MediaStream {
   public:
     MediaStream() = default;
@@ -33,12 +33,12 @@ class MediaStream {
     /// What each listener gets before its first chunk. Empty for MP3, and before the first chunk.
     [[nodiscard]] virtual std::string header() const = 0;
 
-    /// Takes a packet that `step` judged and that arrived at `nowUs`. Emits at most one chunk.
+    /// Takes a packet with its `step` that arrived at `nowUs`. Emits at most one chunk.
     virtual void take(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
                       std::int64_t nowUs, const Emit& emit) = 0;
 
-    /// To be called about every 20 ms, whether sound arrives or not: fills what is missing with
-    /// silence. Emits at most one chunk.
+    /// To be called about every 20 ms, with or without sound: fills what is missing with silence.
+    /// Emits at most one chunk.
     virtual void pass(std::int64_t nowUs, const Emit& emit) = 0;
 };
 

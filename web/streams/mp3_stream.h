@@ -15,7 +15,7 @@ struct LameDeleter {
 };
 
 /// MP3 of a constant bit rate by LAME, without a header and without a bit reservoir, so that each
-/// frame can be played by itself. libsndfile offers neither that nor the choice of a rate.
+/// frame can be played separately, which libsndfile does not offer.
 class Mp3Stream final : public PcmStream {
   public:
     /// `rate` in kbit/s.

@@ -13,10 +13,10 @@ namespace {
 constexpr int RATE = 48000;
 constexpr std::size_t PACKET_FRAMES = wire::OPUS_FRAME_SAMPLES;
 constexpr std::size_t PAGE_PACKETS = 10;
-/// What libopus's encoder delays the sound by, in frames at 48 kHz.
+/// Delay of libopus's encoder, in frames at 48 kHz.
 constexpr std::uint32_t PRE_SKIP = 312;
-/// Packets in a row that players are to conceal.
-constexpr std::size_t LONGEST_CONCEALED = 6;
+/// Maximum packets in a row that players conceal.
+constexpr std::size_t MAX_CONCEALED = 6;
 /// 10 ms of stereo silence, full band.
 constexpr std::array<unsigned char, 3> SILENCE = {0xF4, 0xFF, 0xFE};
 constexpr unsigned char TOC_MASK = 0xFC;  ///< Mode, bandwidth, length and channels.
@@ -102,12 +102,12 @@ void OggStream::put(const unsigned char* bytes, std::size_t length) {
 void OggStream::putSilence(std::size_t count) {
     for (std::size_t i = 0; i < count; ++i) {
         put(SILENCE.data(), SILENCE.size());
-        emptyRun_ = LONGEST_CONCEALED;
+        emptyRun_ = MAX_CONCEALED;
     }
 }
 
 void OggStream::putMissing(std::size_t count) {
-    for (; count > 0 && emptyRun_ < LONGEST_CONCEALED && packets_ > 0; --count, ++emptyRun_) {
+    for (; count > 0 && emptyRun_ < MAX_CONCEALED && packets_ > 0; --count, ++emptyRun_) {
         put(&emptyPacket_, 1);
     }
     putSilence(count);

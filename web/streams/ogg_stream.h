@@ -16,9 +16,9 @@
 
 namespace vxweb {
 
-/// The server's Opus packets as they came, in pages of 100 ms. What is no such packet is encoded
-/// here: uncompressed blocks, and sound captured at 44.1 kHz, which the server encodes as if it
-/// were 48. For a few lost packets stand empty ones, which players conceal, otherwise silence.
+/// The server's Opus packets, unchanged, in pages of 100 ms. Other packets are encoded here:
+/// uncompressed blocks, and sound captured at 44.1 kHz, which the server encodes as if it were 48.
+/// A few lost packets are replaced by empty ones, which players conceal, more by silence.
 class OggStream final : public MediaStream {
   public:
     /// `rate` in kbit/s.
@@ -42,9 +42,9 @@ class OggStream final : public MediaStream {
     std::string header_;
     StreamClock clock_;
     OpusTranscoder transcoder_;
-    std::int64_t packets_ = 0;       ///< Of sound, so far.
+    std::int64_t packets_ = 0;       ///< Packets so far.
     std::size_t pagePackets_ = 0;    ///< In the page that is being filled.
-    unsigned char emptyPacket_ = 0;  ///< What an empty one looks like after the last packet.
+    unsigned char emptyPacket_ = 0;  ///< The byte of an empty packet after the last one.
     std::size_t emptyRun_ = 0;       ///< Empty packets since the last one with sound.
     std::string bytes_;
 };

@@ -19,22 +19,20 @@ struct OpusEncoderDeleter {
     void operator()(OpusEncoder* encoder) const { opus_encoder_destroy(encoder); }
 };
 
-/// Makes Opus packets of 10 ms at 48 kHz from packets that no player can take as they are. Not
-/// thread-safe.
+/// Makes Opus packets of 10 ms at 48 kHz from packets that players cannot decode. Not thread-safe.
 class OpusTranscoder {
   public:
     using Put = std::function<void(const unsigned char* packet, std::size_t length)>;
 
-    /// `rate` in kbit/s. The encoder is made when it is needed.
+    /// `rate` in kbit/s. Creates the encoder when needed.
     explicit OpusTranscoder(int rate) : rate_(rate) {}
 
-    /// Decodes a packet that `step` judged and calls `put` for each packet that is complete. False
-    /// when it could not be decoded.
+    /// Decodes a packet with its `step` and calls `put` for each complete new packet. False when it
+    /// could not be decoded.
     [[nodiscard]] bool take(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
                             const Put& put);
 
-    /// Forgets the sound that waits for a packet to be complete; the next one has nothing to do
-    /// with it.
+    /// Drops the sound of an incomplete packet; the next sound begins a new stream.
     void restart();
 
   private:

@@ -8,7 +8,7 @@ namespace vxweb {
 
 namespace {
 
-/// A step at a join is spread over so many frames, 5 ms.
+/// A step at a join is spread over 5 ms.
 constexpr std::size_t JOIN_FRAMES = 240;
 
 std::int16_t clipped(double value) {
@@ -63,7 +63,7 @@ void PcmStream::take(const vxlisten::AudioPacket& packet, const vxlisten::Sequen
     if (sound.count > 0) {
         const auto arrival = clock_.arrive(nowUs, sound.count, packet.sampleRate, step);
         writeSilence(arrival.silence);
-        join_ = join_ || arrival.late || sound.join != vxlisten::Join::GoesOn;
+        join_ = join_ || arrival.late || sound.join != vxlisten::Join::Continues;
         if (!arrival.late) {
             writeSound(sound.frames, sound.count, packet.sampleRate);
         }

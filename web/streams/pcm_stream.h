@@ -14,8 +14,8 @@
 
 namespace vxweb {
 
-/// What the streams that are made from decoded sound share: the rate of the first packet for good,
-/// the pace of time, and joins without a step. Not thread-safe.
+/// Base of the streams of decoded sound: keeps the rate of the first packet and the pace of time,
+/// and joins sound without steps. Not thread-safe.
 class PcmStream : public MediaStream {
   public:
     void take(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
@@ -28,8 +28,8 @@ class PcmStream : public MediaStream {
     /// Called once, before the first write(): `rate` in Hz.
     virtual void start(int rate) = 0;
 
-    /// Takes `count` interleaved stereo frames and appends the whole frames of its format that are
-    /// complete to `bytes`.
+    /// Takes `count` interleaved stereo frames and appends the complete frames of its format to
+    /// `bytes`.
     virtual void write(const std::int16_t* frames, std::size_t count, std::string& bytes) = 0;
 
   private:
@@ -44,7 +44,7 @@ class PcmStream : public MediaStream {
     std::unique_ptr<vxlisten::RateAdapter> adapter_;  ///< Null before the start.
     std::vector<std::int16_t> frames_;                ///< Being written.
     std::array<std::int16_t, CHANNELS> last_{};       ///< The last frame written.
-    bool join_ = false;  ///< The next sound does not go on from the last frame.
+    bool join_ = false;  ///< The next sound does not continue the last frame.
     std::string bytes_;
 };
 

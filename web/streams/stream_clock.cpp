@@ -12,21 +12,21 @@ using vxlisten::MILLISECOND;
 using vxlisten::SECOND;
 
 constexpr int DEFAULT_RATE = 48000;
-/// Without a server a stream begins with silence after this time, or players would give it up.
-constexpr std::int64_t LONGEST_WAIT = 2 * SECOND;
-/// Packets may be held up for so long before silence takes their place.
+/// Without a server a stream begins with silence after this time, or players would disconnect.
+constexpr std::int64_t MAX_WAIT = 2 * SECOND;
+/// How late packets may be before silence replaces them.
 constexpr std::int64_t HOLD = 200 * MILLISECOND;
-/// Longer silence at once would only fill the buffers of players, which have run dry meanwhile, and
-/// the queues of listeners, which are bounded.
-constexpr std::int64_t LONGEST_SILENCE = SECOND / 2;
-/// So far the stream may be ahead of time before sound counts as late: where silence has been
-/// written in its place, and elsewhere.
-constexpr std::int64_t LATE = 20 * MILLISECOND;
-constexpr std::int64_t FAR_AHEAD = 250 * MILLISECOND;
-/// A stream that lags behind for a whole window has lost time; a smaller lag is the clocks' drift.
+/// More silence at once would only fill the buffers of players, which are empty by then, and the
+/// queues of listeners.
+constexpr std::int64_t MAX_SILENCE = SECOND / 2;
+/// How far the stream may be ahead of time before sound counts as late: after silence in its place,
+/// and otherwise.
+constexpr std::int64_t MAX_AHEAD_OF_SILENCE = 20 * MILLISECOND;
+constexpr std::int64_t MAX_AHEAD = 250 * MILLISECOND;
+/// A stream that lags for a whole window has lost time; a smaller lag is drift.
 constexpr std::int64_t WINDOW = 2 * SECOND;
-constexpr std::int64_t LARGEST_LAG = 50 * MILLISECOND;
-constexpr std::int64_t LARGEST_DRIFT = WINDOW / 1000;
+constexpr std::int64_t MAX_LAG = 50 * MILLISECOND;
+constexpr std::int64_t MAX_DRIFT = WINDOW / 1000;
 
 std::int64_t lengthOf(std::uint64_t frames, int rate) {
     return static_cast<std::int64_t>(frames) * SECOND / rate;
@@ -57,7 +57,7 @@ void StreamClock::begin(std::int64_t now, int rate) {
 }
 
 std::size_t StreamClock::fill(std::int64_t microseconds) {
-    const std::int64_t excess = std::max<std::int64_t>(0, microseconds - LONGEST_SILENCE);
+    const std::int64_t excess = std::max<std::int64_t>(0, microseconds - MAX_SILENCE);
     origin_ += excess;
     const std::size_t frames = framesIn(microseconds - excess);
     wrote(frames);
@@ -67,7 +67,7 @@ std::size_t StreamClock::fill(std::int64_t microseconds) {
 std::size_t StreamClock::pass(std::int64_t now) {
     if (!begun_) {
         waitsSince_ = waitsSince_.value_or(now);
-        if (now - *waitsSince_ < LONGEST_WAIT) {
+        if (now - *waitsSince_ < MAX_WAIT) {
             return 0;
         }
         begin(now - HOLD, DEFAULT_RATE);
@@ -82,7 +82,7 @@ std::size_t StreamClock::pass(std::int64_t now) {
     return frames;
 }
 
-// The least lag of a window is that of the packets that were not held up on their way.
+// The minimum lag of a window is that of packets that were not delayed.
 std::size_t StreamClock::settle(std::int64_t now, std::int64_t lag) {
     leastLag_ = windowEnd_ ? std::min(leastLag_, lag) : lag;
     windowEnd_ = windowEnd_.value_or(now + WINDOW);
@@ -91,10 +91,10 @@ std::size_t StreamClock::settle(std::int64_t now, std::int64_t lag) {
     }
     windowEnd_.reset();
     filled_ = 0;
-    if (leastLag_ > LARGEST_LAG) {
+    if (leastLag_ > MAX_LAG) {
         return fill(leastLag_);
     }
-    origin_ += std::clamp(leastLag_, -LARGEST_DRIFT, LARGEST_DRIFT);
+    origin_ += std::clamp(leastLag_, -MAX_DRIFT, MAX_DRIFT);
     return 0;
 }
 
@@ -115,11 +115,11 @@ StreamClock::Arrival StreamClock::arrive(std::int64_t now, std::size_t frames, i
             framesIn(lengthOf(std::uint64_t{step.missing} * frames, packetRate));
         const std::size_t done = std::min(missing, filled_);
         filled_ -= done;
-        const std::int64_t most = begins - reach() + FAR_AHEAD;
+        const std::int64_t most = begins - reach() + MAX_AHEAD;
         arrival.silence = fill(std::min(lengthOf(missing - done, rate_) + 1, most));
     }
     const std::int64_t lag = begins - reach();
-    if (lag < (filled_ > 0 ? -LATE : -FAR_AHEAD)) {
+    if (lag < (filled_ > 0 ? -MAX_AHEAD_OF_SILENCE : -MAX_AHEAD)) {
         arrival.late = true;
         filled_ -= std::min(filled_, framesIn(now - begins));
         return arrival;

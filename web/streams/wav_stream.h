@@ -4,7 +4,7 @@
 
 namespace vxweb {
 
-/// Signed 16-bit samples behind a WAV header whose sizes say that the end is not known.
+/// Signed 16-bit samples after a WAV header for an unknown length.
 class WavStream final : public PcmStream {
   public:
     [[nodiscard]] std::string header() const override { return header_; }

@@ -9,7 +9,8 @@ namespace vxweb {
 
 namespace {
 
-/// Listeners who wait hear from us so often, or they would take the connection for dead.
+/// Interval of the messages to waiting listeners, who would otherwise think that the connection is
+/// lost.
 constexpr std::int64_t WAITING_INTERVAL = 10 * vxlisten::SECOND;
 
 }  // namespace
@@ -87,11 +88,11 @@ void Feed::publishLive(ChannelId channel, const vxlisten::AudioPacket& packet, b
 
 void Feed::serverWentAway() {
     away_ = true;
-    sayWaiting(vxlisten::steadyNow());
+    sendWaiting(vxlisten::steadyNow());
 }
 
-void Feed::sayWaiting(std::int64_t now) {
-    saidWaiting_ = now;
+void Feed::sendWaiting(std::int64_t now) {
+    waitingSentAt_ = now;
     for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
         if (carries(channel) && CHANNELS[channel].live()) {
             introduce(channel, makeWaiting(now));
@@ -100,8 +101,8 @@ void Feed::sayWaiting(std::int64_t now) {
 }
 
 void Feed::timePassed(std::int64_t now) {
-    if (away_ && now - saidWaiting_ >= WAITING_INTERVAL) {
-        sayWaiting(now);
+    if (away_ && now - waitingSentAt_ >= WAITING_INTERVAL) {
+        sendWaiting(now);
     }
     for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
         if (outlets_[channel].media) {

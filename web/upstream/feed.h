@@ -16,20 +16,20 @@ namespace vxweb {
 
 class Feed;
 
-/// What a feed makes of the server's sound, and its end.
+/// The packets that a feed makes, and its end.
 class FeedEvents {
   public:
     virtual ~FeedEvents() = default;
     /// For all listeners of the channel.
     virtual void publish(ChannelId channel, const PacketPtr& packet) = 0;
-    /// Sound has come at this rate in Hz.
+    /// Sound has arrived at this rate in Hz.
     virtual void soundCame(int sampleRate) = 0;
-    /// After close(): nothing more comes. The feed may go once this has returned.
+    /// After close(), the last call. The feed may be destroyed once this has returned.
     virtual void feedClosed(const Feed& feed) = 0;
 };
 
-/// One of the server's streams while it is in use, and all channels that are made of it.
-/// Everything on the thread of its context.
+/// One of the server's streams while it is in use, and all channels made from it. Everything on the
+/// thread of its context.
 class Feed : public UpstreamEvents {
   public:
     /// `locator` and `events` are borrowed and outlive this.
@@ -42,7 +42,7 @@ class Feed : public UpstreamEvents {
     void addListener(ChannelId channel);
     void removeListener(ChannelId channel);
 
-    /// How many listen to all channels.
+    /// Listeners of all channels.
     [[nodiscard]] std::size_t listeners() const { return listeners_; }
 
     /// What a new listener of the channel gets first; null for nothing.
@@ -57,7 +57,7 @@ class Feed : public UpstreamEvents {
     struct Outlet {
         std::size_t listeners = 0;
         PacketPtr intro;
-        std::unique_ptr<MediaStream> media;  ///< While somebody hears it; not for live channels.
+        std::unique_ptr<MediaStream> media;  ///< While it has listeners; not for live channels.
     };
 
     void packetCame(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
@@ -66,7 +66,7 @@ class Feed : public UpstreamEvents {
     void timePassed(std::int64_t now) override;
     void upstreamClosed() override;
     [[nodiscard]] bool carries(ChannelId channel) const;
-    void sayWaiting(std::int64_t now);
+    void sendWaiting(std::int64_t now);
     void introduce(ChannelId channel, PacketPtr intro);
     void publishMedia(ChannelId channel, const Chunk& chunk, std::int64_t now);
     void publishLive(ChannelId channel, const vxlisten::AudioPacket& packet, bool start,
@@ -77,8 +77,8 @@ class Feed : public UpstreamEvents {
     FeedEvents& events_;
     std::array<Outlet, CHANNELS.size()> outlets_;
     std::size_t listeners_ = 0;
-    bool away_ = false;             ///< The server is away since its last packet,
-    std::int64_t saidWaiting_ = 0;  ///< which listeners were told at this time.
+    bool away_ = false;               ///< The server has been away since its last packet,
+    std::int64_t waitingSentAt_ = 0;  ///< which was sent to listeners at this time.
     std::shared_ptr<Upstream> upstream_;
 };
 

@@ -13,15 +13,15 @@ namespace {
 
 constexpr unsigned char WHOLE_TEXT = 0x81;
 constexpr unsigned char WHOLE_BINARY = 0x82;
-constexpr std::size_t LONGEST_SHORT = 125;  ///< Longer messages have two further bytes of length.
+constexpr std::size_t MAX_SHORT_LENGTH = 125;  ///< Longer messages have two more bytes of length.
 
 /// The beginning of a message of at most 65535 bytes.
 std::string frameOf(unsigned char kind, std::size_t length) {
     std::string frame(1, static_cast<char>(kind));
-    if (length <= LONGEST_SHORT) {
+    if (length <= MAX_SHORT_LENGTH) {
         frame.push_back(static_cast<char>(length));
     } else {
-        frame.push_back(static_cast<char>(LONGEST_SHORT + 1));
+        frame.push_back(static_cast<char>(MAX_SHORT_LENGTH + 1));
         frame.push_back(static_cast<char>(length >> 8));
         frame.push_back(static_cast<char>(length & 0xFF));
     }

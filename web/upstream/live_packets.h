@@ -9,10 +9,10 @@
 
 namespace vxweb {
 
-/// The messages of /live as frames of a WebSocket, and chunks of media streams as HTTP/1.1 frames
-/// them. `now` in microseconds of steadyNow(). Thread: any.
+/// The messages of /live as WebSocket frames, and chunks of media streams as HTTP/1.1 chunks. `now`
+/// in microseconds of steadyNow(). Thread: any.
 
-/// The text message that says what sound follows. `sampleRate` in Hz.
+/// The text message with the format of the following sound. `sampleRate` in Hz.
 PacketPtr makeFormat(bool opus, int sampleRate, const std::string& title, std::int64_t now);
 
 /// The text message that says that the server is away.

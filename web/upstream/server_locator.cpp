@@ -83,9 +83,9 @@ void ServerLocator::take(Found found) {
         pause_.reset();
         return;
     }
-    if (!toldUnknown_) {
-        toldUnknown_ = true;
-        say(choice_.host.empty() ? "no server answers yet, searching on"
+    if (!unknownReported_) {
+        unknownReported_ = true;
+        say(choice_.host.empty() ? "no server has answered yet, still searching"
                                  : "there is no host named '" + choice_.host + "' yet");
     }
     searching_ = true;

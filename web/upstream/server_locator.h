@@ -13,19 +13,19 @@
 
 namespace vxweb {
 
-/// Knows where the server is, and looks for it without making anybody wait. Everything on the
-/// thread of its context.
+/// Knows the server's address, and searches for it in the background. Everything on the thread of
+/// its context.
 class ServerLocator {
   public:
     ServerLocator(boost::asio::io_context& context, vxlisten::ServerChoice choice);
 
-    /// Looks for a server that was not named until one answers, with growing pauses.
+    /// Unless a server was given, searches with back-off until one answers.
     void start();
 
-    /// Ends what waits, for good. What runs in the background is abandoned.
+    /// Stops, for the end of the program. Abandons background work.
     void stop();
 
-    /// Looks once whether the server is elsewhere now, unless that is being done.
+    /// Searches once for a new address of the server, unless a search is running.
     void look();
 
     /// Dotted IPv4 address; empty before it is known.
@@ -51,7 +51,7 @@ class ServerLocator {
     std::future<Found> search_;
     std::string address_;
     bool searching_ = false;  ///< A search runs, or the pause before the next one.
-    bool toldUnknown_ = false;
+    bool unknownReported_ = false;
     bool stopped_ = false;
 };
 

@@ -15,7 +15,7 @@ namespace vxweb {
 
 namespace {
 
-/// A feed that nobody hears any more stays this long for whoever comes back.
+/// How long a feed without listeners stays open.
 constexpr std::chrono::seconds LINGER{5};
 constexpr int ICECAST_RATE = 128;
 
@@ -49,11 +49,13 @@ void Station::start() {
 
 void Station::close() {
     locator_.stop();
-    // Each may take half a second.
+    // Each destruction may take half a second.
     for (auto& feeder : feeders_) {
         --listeners_;
-        goodbyes_.push_back(vxlisten::inBackground([last = std::shared_ptr<IcecastFeeder>(std::move(
-                                                        feeder))]() mutable { last.reset(); }));
+        feederEnds_.push_back(vxlisten::inBackground(
+            [last = std::shared_ptr<IcecastFeeder>(std::move(feeder))]() mutable {
+                last.reset();
+            }));
     }
     feeders_.clear();
     for (Place& place : places_) {
@@ -64,7 +66,7 @@ void Station::close() {
 
 bool Station::closed() const {
     return closing_.empty() && listeners_ == 0 &&
-           std::all_of(goodbyes_.begin(), goodbyes_.end(), vxlisten::isReady<void>);
+           std::all_of(feederEnds_.begin(), feederEnds_.end(), vxlisten::isReady<void>);
 }
 
 bool Station::reserve() {
@@ -87,7 +89,7 @@ void Station::leave(ChannelId channel, Worker& worker, Subscriber& subscriber) {
     boost::asio::dispatch(context_, [this, channel, &worker] { remove(channel, worker); });
 }
 
-/// The place of a stream, which somebody is to hear.
+/// The place of a stream that gets a listener.
 Station::Place& Station::use(std::uint32_t rateCode) {
     Place& place = places_[rateCode];
     if (!place.feed) {
@@ -106,8 +108,8 @@ void Station::add(ChannelId channel, Worker& worker,
                           [&worker, channel, subscriber, intro = place.feed->intro(channel)] {
                               worker.attach(channel, subscriber, intro);
                           });
-    say("a listener to " + channelName(channel) + " has come, " +
-        std::to_string(listeners_.load()) + " in all");
+    say("listener to " + channelName(channel) + " connected, " + std::to_string(listeners_.load()) +
+        " in total");
 }
 
 void Station::remove(ChannelId channel, Worker& worker) {
@@ -120,8 +122,8 @@ void Station::remove(ChannelId channel, Worker& worker) {
             closeLater(place);
         }
     }
-    say("a listener to " + channelName(channel) + " has left, " +
-        std::to_string(listeners_.load()) + " in all");
+    say("listener to " + channelName(channel) + " disconnected, " +
+        std::to_string(listeners_.load()) + " in total");
 }
 
 void Station::closeLater(Place& place) {
@@ -163,7 +165,7 @@ void Station::publish(ChannelId channel, const PacketPtr& packet) {
     if (!feeders_.empty() && channel == icecastChannel()) {
         feedIcecast(*packet);
     }
-    // The own worker last: the others work meanwhile.
+    // The own worker last, so that the others start earlier.
     for (std::size_t i = workers_.size(); i-- > 0;) {
         if (counts_[i][channel] > 0) {
             boost::asio::dispatch(

@@ -23,7 +23,7 @@
 
 namespace vxweb {
 
-/// Opens the server's streams that somebody hears and brings them to the workers. Lives on the
+/// Opens the server's streams that have listeners and passes them to the workers. Lives on the
 /// thread of the first worker.
 class Station : public FeedEvents {
   public:
@@ -33,21 +33,21 @@ class Station : public FeedEvents {
     /// Looks for the server and starts to feed Icecast. Thread: the first worker's, as for close().
     void start();
 
-    /// Says goodbye to the server, which takes up to half a second.
+    /// Disconnects from the server, which takes up to half a second.
     void close();
 
-    /// True once nobody listens and every goodbye has been said. Thread: the first worker's.
+    /// True once there are no listeners and all connections are closed. Thread: the first worker's.
     [[nodiscard]] bool closed() const;
 
     /// Takes one of the places for listeners; false when all are taken. Thread: any.
     [[nodiscard]] bool reserve();
-    /// Gives a place back. Thread: any.
+    /// Frees a place. Thread: any.
     void release() { --listeners_; }
 
-    /// The subscriber, who has a reserved place, hears the channel until it leaves. Thread: the
+    /// The subscriber, for whom a place is reserved, gets the channel until it leaves. Thread: the
     /// worker's.
     void join(ChannelId channel, Worker& worker, std::shared_ptr<Subscriber> subscriber);
-    /// Gives the place back, too. Thread: the worker's, not within take().
+    /// Also frees the place. Thread: the worker's, not within take().
     void leave(ChannelId channel, Worker& worker, Subscriber& subscriber);
 
     /// Calls `answer` with the JSON text of /status. Thread: the worker's, as is the answer.
@@ -80,8 +80,8 @@ class Station : public FeedEvents {
     std::vector<Place> places_;  ///< By rate code.
     std::vector<std::unique_ptr<Feed>> closing_;
     std::vector<std::unique_ptr<IcecastFeeder>> feeders_;
-    std::vector<std::future<void>> goodbyes_;  ///< Of the feeders.
-    /// How many of each channel listen on each worker.
+    std::vector<std::future<void>> feederEnds_;  ///< Ends of the feeders.
+    /// Listeners of each channel on each worker.
     std::vector<std::array<std::size_t, CHANNELS.size()>> counts_;
     std::atomic<std::size_t> listeners_{0};
     int sampleRate_ = 0;  ///< Of the latest sound in Hz; 0 before the first.

@@ -19,11 +19,10 @@ using vxlisten::steadyNow;
 constexpr std::chrono::milliseconds TICK{20};
 constexpr std::int64_t LOCATE_PATIENCE = 1 * SECOND;
 constexpr std::int64_t CONNECT_PATIENCE = 5 * SECOND;
-/// A server sends without a pause. When nothing comes although the connection stands, only a new
-/// connection helps.
+/// A server sends all the time. When a connection delivers nothing, only a new one helps.
 constexpr std::int64_t SILENCE_PATIENCE = 3 * SECOND;
 constexpr std::int64_t GOODBYE_PATIENCE = 400 * MILLISECOND;
-/// Somebody else was given the place: not taken back at once.
+/// Another client was given the place: do not take it back at once.
 constexpr std::int64_t REPLACED_PAUSE = 5 * SECOND;
 
 }  // namespace
@@ -136,7 +135,7 @@ void Upstream::handleDisconnected(std::uint32_t data) {
     if (link_ == Link::Closing) {
         linkSince_ = 0;
     } else if (data == wire::DISCONNECT_REPLACED) {
-        lose("another listener has taken this place at " + receiver_.serverAddress());
+        lose("another client has taken this one's place at " + receiver_.serverAddress());
         waitUntil_ = steadyNow() + REPLACED_PAUSE;
     } else {
         lose(link_ == Link::Connected
@@ -160,7 +159,7 @@ void Upstream::lose(const std::string& why) {
     }
 }
 
-/// True with a socket; there may be none when many are connected to us.
+/// False without a socket: all descriptors may be in use.
 bool Upstream::openSocket() {
     if (!socket_.is_open() && receiver_.open()) {
         socket_.assign(receiver_.descriptor());
@@ -194,7 +193,7 @@ void Upstream::watch() {
         lose({});
     } else if (link_ == Link::Connected && now - lastSound_ >= SILENCE_PATIENCE) {
         receiver_.startDisconnect();
-        lose("no sound has come from " + receiver_.serverAddress() + " for a while");
+        lose("no audio received from " + receiver_.serverAddress() + " for a while");
     }
 }
 

@@ -16,14 +16,14 @@
 
 namespace vxweb {
 
-/// What comes from one connection to the server, in order.
+/// The events of one connection to the server, in order.
 class UpstreamEvents {
   public:
     virtual ~UpstreamEvents() = default;
-    /// A packet of the stream that was asked for. Borrowed.
+    /// A packet of the requested stream. Borrowed.
     virtual void packetCame(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
                             std::int64_t now) = 0;
-    /// The server is away. Called anew only after packets have come.
+    /// The server is away. Called again only after packets have arrived.
     virtual void serverWentAway() = 0;
     /// Called every 20 ms.
     virtual void timePassed(std::int64_t now) = 0;
@@ -31,8 +31,8 @@ class UpstreamEvents {
     virtual void upstreamClosed() = 0;
 };
 
-/// One connection to the server, for one of its streams; connects again, without end. Everything
-/// on the thread of its context.
+/// One connection to the server, for one of its streams; always reconnects. Everything on the
+/// thread of its context.
 class Upstream : public std::enable_shared_from_this<Upstream> {
   public:
     /// `locator` and `events` are borrowed and outlive this.
@@ -45,10 +45,10 @@ class Upstream : public std::enable_shared_from_this<Upstream> {
     /// Starts to connect. Once.
     void open();
 
-    /// Says goodbye to the server; upstreamClosed() follows within half a second.
+    /// Disconnects from the server; upstreamClosed() follows within half a second.
     void close();
 
-    /// Ends without a word to the server or to the events, which may then go.
+    /// Ends without notice to the server or the events, which may then be destroyed.
     void abandon();
 
     [[nodiscard]] bool connected() const { return link_ == Link::Connected; }
@@ -79,7 +79,7 @@ class Upstream : public std::enable_shared_from_this<Upstream> {
     vxlisten::SequenceTracker tracker_;
     vxlisten::RetryPause pause_;
     Link link_ = Link::Waiting;
-    bool away_ = false;  ///< serverWentAway() was the last word.
+    bool away_ = false;  ///< serverWentAway() was the last call about it.
     // Times in microseconds.
     std::int64_t linkSince_ = 0;
     std::int64_t waitUntil_ = 0;

@@ -11,7 +11,7 @@
 
 namespace vxweb {
 
-/// One who hears a channel.
+/// A listener of a channel.
 class Subscriber {
   public:
     virtual ~Subscriber() = default;
@@ -19,14 +19,14 @@ class Subscriber {
     virtual void take(const PacketPtr& packet) = 0;
     /// The program ends. Thread: its worker's.
     virtual void farewell() = 0;
-    /// The goodbye took too long: the connection is closed. Thread: its worker's.
+    /// The end took too long: closes the connection. Thread: its worker's.
     virtual void cut() = 0;
 
-    bool left = false;  ///< It hears nothing more. Set by the station.
+    bool left = false;  ///< It gets nothing more. Set by the station.
 };
 
-/// A thread's work, and the subscribers that belong to it: nothing of theirs is shared with other
-/// threads. Thread: the one that runs the context.
+/// A thread's io_context and its subscribers, which share nothing with other threads. Thread: the
+/// one that runs the context.
 class Worker {
   public:
     explicit Worker(std::size_t index) : index_(index) {}
@@ -34,15 +34,15 @@ class Worker {
     [[nodiscard]] boost::asio::io_context& context() { return context_; }
     [[nodiscard]] std::size_t index() const { return index_; }
 
-    /// From now on the subscriber takes what the channel brings, `intro` first unless it is null.
+    /// The subscriber gets the channel from now on, `intro` first unless it is null.
     void attach(ChannelId channel, const std::shared_ptr<Subscriber>& subscriber,
                 const PacketPtr& intro);
     /// Not within take().
     void detach(ChannelId channel, const Subscriber* subscriber);
     void deliver(ChannelId channel, const PacketPtr& packet);
-    /// Tells all subscribers, also those who come later, that the program ends.
+    /// Tells all subscribers, also later ones, that the program ends.
     void farewell();
-    /// Closes the connections of all subscribers who are still there.
+    /// Closes the connections of all remaining subscribers.
     void cut();
 
   private:

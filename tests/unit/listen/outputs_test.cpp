@@ -48,13 +48,13 @@ TEST_F(OutputsTest, AServersClockThatJumpsIsToldOnceWhereADelayIsKept) {
     ASSERT_TRUE(outputs_.open(options_));
     EXPECT_TRUE(take(20, 0).empty());
     EXPECT_EQ(take(20, 700'000),
-              std::vector<std::string>({"the server's clock has jumped, coming into step again"}));
+              std::vector<std::string>({"the server's clock has jumped, synchronizing again"}));
 }
 
 TEST_F(OutputsTest, ALongSilenceBeforeTheFirstSoundIsToldBeforehand) {
     options_.playout.delayMs = 10000;
     ASSERT_TRUE(outputs_.open(options_));
-    EXPECT_EQ(outputs_.warning(), "the first sound will be heard after 10 s");
+    EXPECT_EQ(outputs_.warning(), "the sound starts in 10 s");
 }
 
 TEST_F(OutputsTest, WithoutADelayAJumpIsOfNoInterest) {

@@ -170,7 +170,8 @@ TEST_F(DatagramGuard, EarlyCommandsOfManyClientsTakeNoMoreMemoryThanThoseOfOne) 
     EXPECT_LT(enetBytes() - before, ENOUGH_MEMORY);
     EXPECT_EQ(connectCount, 6);
     deliver(*crowd.back(), reliableRows(1, 1));
-    EXPECT_EQ(peerOf(*crowd.back()).channels[0].incomingReliableSequenceNumber, FEW_EARLY);
+    EXPECT_EQ(peerOf(*crowd.back()).channels[0].incomingReliableSequenceNumber,
+              MAX_EARLY_WHEN_FULL);
 }
 
 TEST_F(DatagramGuard, MessageInPiecesWaitsAtItsFirstNumber) {

@@ -12,7 +12,7 @@ namespace {
 
 using namespace std::string_literals;
 
-constexpr std::size_t LARGEST_BODY = 1024UL * 1024UL;
+constexpr std::size_t MAX_BODY_SIZE = 1024UL * 1024UL;
 
 TEST_F(WebIfCheck, NewVersionIsReportedAndStored) {
     EXPECT_EQ(checkFile("3.2\r\n"), 1);
@@ -196,18 +196,18 @@ TEST_F(WebIfCheck, HttpErrorIsAFailureAndStillAdvancesTheTime) {
 }
 
 TEST_F(WebIfCheck, BodyOfOneMebibyteIsTaken) {
-    EXPECT_EQ(checkFile("3.2\n" + std::string(LARGEST_BODY - 4, 'x')), 1);
-    EXPECT_EQ(printed, report(LARGEST_BODY, "3.2") + NEWS);
+    EXPECT_EQ(checkFile("3.2\n" + std::string(MAX_BODY_SIZE - 4, 'x')), 1);
+    EXPECT_EQ(printed, report(MAX_BODY_SIZE, "3.2") + NEWS);
 }
 
 TEST_F(WebIfCheck, LargerBodyIsAFailure) {
-    EXPECT_EQ(checkFile("3.2\n" + std::string(LARGEST_BODY - 3, 'x')), 0);
+    EXPECT_EQ(checkFile("3.2\n" + std::string(MAX_BODY_SIZE - 3, 'x')), 0);
     EXPECT_EQ(printed, failure(CURLE_WRITE_ERROR));
 }
 
 TEST_F(WebIfCheck, LimitHoldsForTheFrameToo) {
-    server.answer({framePage(server.address() + "/inner") + std::string(LARGEST_BODY / 2, 'x')});
-    server.answer({"3.2\n" + std::string(LARGEST_BODY - 4, 'x')}, "/inner");
+    server.answer({framePage(server.address() + "/inner") + std::string(MAX_BODY_SIZE / 2, 'x')});
+    server.answer({"3.2\n" + std::string(MAX_BODY_SIZE - 4, 'x')}, "/inner");
     EXPECT_EQ(check(), 1);
     Settings::setVersionCheckTime(0);
     server.answer({std::string(65536, '3'), 200, "", "endless"}, "/inner");

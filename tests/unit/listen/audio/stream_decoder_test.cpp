@@ -80,7 +80,7 @@ TEST_F(StreamDecoderTest, OpusDecodesToTheLevelThatWasEncoded) {
         ASSERT_EQ(decode(stream.next()), 480u);
     }
     EXPECT_NEAR(rmsDbfs(heard_[0]), TONE_DBFS, 1.0);
-    EXPECT_EQ(heard_[0].join, Join::GoesOn);
+    EXPECT_EQ(heard_[0].join, Join::Continues);
 }
 
 TEST_F(StreamDecoderTest, ALostOpusPacketIsConcealedWithSimilarSound) {
@@ -94,7 +94,7 @@ TEST_F(StreamDecoderTest, ALostOpusPacketIsConcealedWithSimilarSound) {
     EXPECT_TRUE(heard_[0].concealed);
     EXPECT_EQ(heard_[0].samples.size(), 2u * 480);
     EXPECT_NEAR(rmsDbfs(heard_[0]), TONE_DBFS, 4.0);
-    EXPECT_EQ(heard_[1].join, Join::GoesOn) << "libopus leads into it";
+    EXPECT_EQ(heard_[1].join, Join::Continues) << "libopus leads into it";
 }
 
 TEST_F(StreamDecoderTest, LongerLossFadesToSilenceAndTheSoundAfterItFadesIn) {

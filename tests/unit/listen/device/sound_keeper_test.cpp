@@ -18,7 +18,7 @@ using vxlisten::SoundKeeper;
 
 namespace {
 
-constexpr const char* GONE = "the output device has gone, trying to open it again";
+constexpr const char* GONE = "the output device is gone, trying to reopen it";
 constexpr const char* AGAIN = "playing again";
 
 class SoundKeeperTest : public testing::Test {
@@ -71,7 +71,7 @@ class SoundKeeperTest : public testing::Test {
             now_ = vxlisten::steadyNow();
             keeper_->queue()->push({silence.data(), 480, 48000, join, false}, now_,
                                    {static_cast<double>(now_), 1e6 / 48000, ahead});
-            join = vxlisten::Join::GoesOn;
+            join = vxlisten::Join::Continues;
             device_.ask(false);
             const std::string news = keeper_->watch(now_);
             if (!news.empty()) {
@@ -142,7 +142,7 @@ TEST_F(SoundKeeperTest, ADeviceThatRunsDryAgainAndAgainIsAskedForMoreLatency) {
     EXPECT_EQ(keeper_->figures().deviceUnderruns, 3u);
     const auto told = watchUntilTold("the output device runs dry");
     ASSERT_EQ(told.size(), 1u);
-    EXPECT_NE(told[0].find("asking it for " + std::to_string(2 * first) + " ms of latency"),
+    EXPECT_NE(told[0].find("requesting " + std::to_string(2 * first) + " ms of latency"),
               std::string::npos)
         << told[0];
     waitUntil([&] { return device_.opened >= 2; });
@@ -176,11 +176,10 @@ TEST_F(SoundKeeperTest, WhatKeepsItFromTheChosenDelayIsToldOnce) {
     settings_.delayMs = 1;
     openKeeper();
     // The device gives no time stamps; it is heard in real time.
-    const std::vector<std::string> told = play(vxlisten::Join::GoesOn, 0, 2);
+    const std::vector<std::string> told = play(vxlisten::Join::Continues, 0, 2);
     ASSERT_EQ(told.size(), 2u);
-    EXPECT_EQ(told[0].rfind("a delay of 1 ms is not possible here, playing at ", 0), 0u) << told[0];
-    EXPECT_EQ(told[1].rfind("the output device does not say when its sound is heard, taking ", 0),
-              0u)
+    EXPECT_EQ(told[0].rfind("a delay of 1 ms is too short, using ", 0), 0u) << told[0];
+    EXPECT_EQ(told[1].rfind("the output device does not report its latency, assuming ", 0), 0u)
         << told[1];
     EXPECT_GT(keeper_->figures().inStepMs.value_or(0), 40);
     EXPECT_TRUE(watch(SECOND).empty());
@@ -189,10 +188,10 @@ TEST_F(SoundKeeperTest, WhatKeepsItFromTheChosenDelayIsToldOnce) {
 TEST_F(SoundKeeperTest, ADelayThatGetsClearlyLongerIsToldAgain) {
     settings_.delayMs = 1;
     openKeeper();
-    ASSERT_EQ(play(vxlisten::Join::GoesOn, 0, 2).size(), 2u);
+    ASSERT_EQ(play(vxlisten::Join::Continues, 0, 2).size(), 2u);
     const std::vector<std::string> told = play(vxlisten::Join::NewStream, 300'000, 1);
     ASSERT_EQ(told.size(), 1u);
-    EXPECT_EQ(told[0].rfind("a delay of 1 ms is not possible here, playing at ", 0), 0u) << told[0];
+    EXPECT_EQ(told[0].rfind("a delay of 1 ms is too short, using ", 0), 0u) << told[0];
     EXPECT_TRUE(watch(SECOND).empty());
 }
 

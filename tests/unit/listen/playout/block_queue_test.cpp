@@ -10,7 +10,7 @@ namespace {
 class BlockQueueTest : public testing::Test {
   protected:
     /// Pushes a block whose first sample is `value`.
-    void push(std::int16_t value, Join join = Join::GoesOn) {
+    void push(std::int16_t value, Join join = Join::Continues) {
         const std::array<std::int16_t, 2> frame = {value, value};
         queue_.push({frame.data(), 1, 48000, join, false}, 0);
     }

@@ -142,7 +142,7 @@ TEST(BlockSource, SoundThatRunsDryFadesOutFromWhereItEnded) {
     source.resume();
     EXPECT_EQ(source.next().frames[2 * 337], 5337);
     const auto last = source.next();
-    EXPECT_EQ(last.kind, vxlisten::BlockSource::Kind::RanDry);
+    EXPECT_EQ(last.kind, vxlisten::BlockSource::Kind::Underrun);
     EXPECT_EQ(last.frames[0], 5337);
     EXPECT_NEAR(last.frames[2 * 337], 0, 20);
     EXPECT_TRUE(source.pausing());

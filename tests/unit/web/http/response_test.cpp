@@ -25,7 +25,7 @@ TEST(Response, HeadGetsTheSameHeaderWithoutTheBody) {
 }
 
 TEST(Response, EveryAnswerKeepsPagesToTheirOwnOrigin) {
-    const std::string text = write(Response(), Manner());
+    const std::string text = write(Response(), RequestTraits());
     EXPECT_THAT(text, HasSubstr("Content-Security-Policy: default-src 'self'\r\n"));
     EXPECT_THAT(text, HasSubstr("Cache-Control: no-store\r\n"));
 }
