@@ -20,7 +20,7 @@ class Audio {
     static int Open(int unused, std::atomic<bool>& isRate48k);
 
     /// Closes the stream and terminates PortAudio; returns the result of the close. May hang with
-    /// a bad driver. An Open() that comes later fails. Thread: audio shutdown.
+    /// a bad driver. An Open() that comes later fails. Thread: audio shutdown, never main.
     static int Close();
 
     /// PortAudio's stream callback; always returns paContinue. Only `input` (null: silence is

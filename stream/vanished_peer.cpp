@@ -1,5 +1,8 @@
 #include "stream/vanished_peer.h"
 
+#include <cassert>
+
+#include "stream/capture_thread.h"
 #include "stream/client_table.h"
 
 namespace {
@@ -18,6 +21,7 @@ constexpr int WAITING_FOR_AN_ADDRESS = 208 * 1024;
 }  // namespace
 
 bool seemsVanished(const ENetPeer& peer) {
+    assert(captureThread.here());
     const enet_uint32 now = peer.host->serviceTime;
     if (peer.earliestTimeout != 0) {
         return now - peer.earliestTimeout >= PATIENCE_MS;
@@ -31,12 +35,14 @@ bool seemsVanished(const ENetPeer& peer) {
 }
 
 void askVanished(ENetPeer& peer) {
+    assert(captureThread.here());
     if (peer.host->serviceTime - peer.lastSendTime >= ASKING_INTERVAL_MS) {
         enet_peer_ping(&peer);
     }
 }
 
 void enlargeSendBuffer(const ENetHost& host) {
+    assert(!captureThread.elsewhere());
     // The kernel doubles what it is asked for.
     enet_socket_set_option(host.socket, ENET_SOCKOPT_SNDBUF,
                            static_cast<int>(CLIENT_SLOTS) * WAITING_FOR_AN_ADDRESS / 2);

@@ -13,7 +13,7 @@
 
 namespace vxweb {
 
-/// Accepts connections and gives them to the workers in turn. Lives on the first worker's thread.
+/// Accepts connections and gives them to the workers in turn.
 class WebServer {
   public:
     /// `workers` are borrowed and outlive this.
@@ -22,7 +22,8 @@ class WebServer {
     /// Takes the port. Returns one sentence when that fails, nothing otherwise.
     [[nodiscard]] std::string open(const ListenAddress& address);
 
-    /// Accepts from now on. `site` is borrowed and outlives this.
+    /// Accepts from now on. `site` is borrowed and outlives this. Thread: the first
+    /// worker's, as for close().
     void start(const Site& site);
 
     /// Accepts nothing more.

@@ -5,6 +5,7 @@
 #include <memory>
 #include <string>
 
+#include "common/thread_check.h"
 #include "web/streams/icecast_target.h"
 #include "web/streams/media_stream.h"
 
@@ -12,7 +13,7 @@ namespace vxweb {
 
 /// Sends an Ogg stream to an Icecast server, and connects again with growing pauses for as long as
 /// it lives. A thread of its own waits for the network, so that its caller never does. All calls
-/// on one thread.
+/// on one thread; any thread may destroy it.
 class IcecastFeeder {
   public:
     /// Takes one line without a line end when the connection comes or goes. Called on the feeder's
@@ -35,6 +36,7 @@ class IcecastFeeder {
 
   private:
     struct State;
+    ThreadCheck caller_;
     std::shared_ptr<State> state_;  ///< The thread's, too, which may outlive this.
     std::future<void> thread_;      ///< Its end.
 };
