@@ -53,9 +53,8 @@ void sleepUntil(std::int64_t time) {
 }
 
 void sendBlock(EnetServer& server, std::uint32_t seq) {
-    packets::Bytes bytes(
-        (compressed ? wire::COMPRESSED_BUFFER_LENGTH : wire::RAW_BUFFER_LENGTH) -
-        wire::HEADER_LENGTH);
+    packets::Bytes bytes((compressed ? wire::COMPRESSED_BUFFER_LENGTH : wire::RAW_BUFFER_LENGTH) -
+                         wire::HEADER_LENGTH);
     if (seq % CLICK_INTERVAL == 0) {
         for (std::size_t i = 0; i < 200; ++i) {
             bytes[2 * i] = CLICK & 0xFF;

@@ -78,8 +78,8 @@ sockaddr_in loopback(int port) {
         next += PERIOD;
         std::this_thread::sleep_until(next);
         const std::string payload = makePayload();
-        server.send(packets::make(seq, wire::makeFlags(true, true, 2),
-                                  {payload.begin(), payload.end()}));
+        server.send(
+            packets::make(seq, wire::makeFlags(true, true, 2), {payload.begin(), payload.end()}));
         server.service();
     }
 }

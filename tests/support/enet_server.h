@@ -15,7 +15,8 @@
 class EnetServer {
   public:
     /// `port` 0: one that is free. Ends the program when the port is taken. Services itself every
-    /// `period` milliseconds on a thread of its own and then calls `step`; 0: its owner services it.
+    /// `period` milliseconds on a thread of its own and then calls `step`; 0: its owner services
+    /// it.
     explicit EnetServer(std::uint16_t port = 0, int period = 0,
                         std::function<void(EnetServer&)> step = {});
     ~EnetServer();

@@ -16,8 +16,8 @@
 #include "listen/command_line.h"
 #include "tests/support/child_run.h"
 #include "tests/support/enet_server.h"
-#include "tests/support/udp_socket.h"
 #include "tests/support/packets.h"
+#include "tests/support/udp_socket.h"
 
 namespace {
 
