@@ -1,6 +1,7 @@
 #include "audio/Audio.h"
 
 #include <algorithm>
+#include <cassert>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -11,6 +12,8 @@
 
 #include "app/base/console.h"
 #include "app/base/start_values.h"
+#include "common/thread_check.h"
+#include "stream/capture_thread.h"
 #include "stream/wire_format.h"
 
 PaStream* Audio::stream = nullptr;
@@ -193,6 +196,7 @@ PaError openCapture(std::atomic<bool>& isRate48k) {
 }  // namespace
 
 int Audio::Open(int /*unused*/, std::atomic<bool>& isRate48k) {
+    assert(!captureThread.elsewhere());
     const std::lock_guard<std::mutex> lock(lifeMutex);
     isRate48k.store(false);
     if (closed) {
@@ -208,6 +212,7 @@ int Audio::Open(int /*unused*/, std::atomic<bool>& isRate48k) {
 }
 
 int Audio::Close() {
+    assert(!onMainThread());
     const std::lock_guard<std::mutex> lock(lifeMutex);
     closed = true;
     const PaError err = Pa_CloseStream(stream);

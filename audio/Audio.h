@@ -19,7 +19,7 @@ class Audio {
     static int Open(int unused, std::atomic<bool>& isRate48k);
 
     /// Closes the stream and terminates PortAudio; returns the result of the close. May hang with a
-    /// bad driver. A later Open() fails. Thread: audio shutdown.
+    /// bad driver. A later Open() fails. Thread: audio shutdown, never main.
     static int Close();
 
     /// PortAudio's stream callback; always returns paContinue. Only `input` (null: silence is

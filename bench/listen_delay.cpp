@@ -26,19 +26,18 @@
 #include <thread>
 #include <vector>
 
-#include <enet/enet.h>
-
 #include "listen/audio/stream_decoder.h"
 #include "listen/clock.h"
 #include "listen/device/priority.h"
 #include "listen/network/receiver.h"
 #include "listen/network/sequence_tracker.h"
 #include "listen/playout/playout.h"
+#include "tests/support/enet_server.h"
+#include "tests/support/packets.h"
 
 namespace {
 
 constexpr int RATE = 48000;
-constexpr std::uint16_t PORT = 59030;
 constexpr std::size_t PERIOD_FRAMES = 480;
 constexpr std::uint32_t CLICK_INTERVAL = 53;  ///< Blocks.
 constexpr std::uint32_t CODE_WITHOUT_ENCODER = 4;
@@ -53,26 +52,21 @@ void sleepUntil(std::int64_t time) {
     std::this_thread::sleep_for(std::chrono::microseconds(time - vxlisten::steadyNow()));
 }
 
-void sendBlock(ENetHost* server, std::uint32_t seq) {
-    std::vector<unsigned char> bytes(compressed ? wire::COMPRESSED_BUFFER_LENGTH
-                                                : wire::RAW_BUFFER_LENGTH);
-    wire::PacketHeader header;
-    header.seq = seq;
-    header.flags = wire::makeFlags(true, true, compressed ? CODE_WITHOUT_ENCODER : 0);
-    wire::writeHeader(bytes.data(), header);
+void sendBlock(EnetServer& server, std::uint32_t seq) {
+    packets::Bytes bytes((compressed ? wire::COMPRESSED_BUFFER_LENGTH : wire::RAW_BUFFER_LENGTH) -
+                         wire::HEADER_LENGTH);
     if (seq % CLICK_INTERVAL == 0) {
         for (std::size_t i = 0; i < 200; ++i) {
-            bytes[wire::HEADER_LENGTH + 2 * i] = CLICK & 0xFF;
-            bytes[wire::HEADER_LENGTH + 2 * i + 1] = CLICK >> 8;
+            bytes[2 * i] = CLICK & 0xFF;
+            bytes[2 * i + 1] = CLICK >> 8;
         }
         clickSent = vxlisten::steadyNow();
     }
-    enet_host_broadcast(server, 0,
-                        enet_packet_create(bytes.data(), bytes.size(), ENET_PACKET_FLAG_RELIABLE));
-    enet_host_flush(server);
+    const std::uint32_t code = compressed ? CODE_WITHOUT_ENCODER : wire::RATE_CODE_RAW;
+    server.send(packets::make(seq, wire::makeFlags(true, true, code), bytes));
 }
 
-void runServer(ENetHost* server) {
+void runServer(EnetServer& server) {
     const std::int64_t start = vxlisten::steadyNow();
     std::uint32_t seq = 0;
     for (std::uint32_t callback = 1; !stop; ++callback) {
@@ -85,16 +79,13 @@ void runServer(ENetHost* server) {
             sleepUntil(vxlisten::steadyNow() + vxlisten::MILLISECOND);
             sendBlock(server, seq++);
         }
-        ENetEvent event = {};
-        if (enet_host_service(server, &event, 1) > 0 && event.type == ENET_EVENT_TYPE_RECEIVE) {
-            enet_packet_destroy(event.packet);
-        }
+        server.service(1);
     }
 }
 
-void runReceiver(vxlisten::Playout& playout) {
+void runReceiver(vxlisten::Playout& playout, std::uint16_t port) {
     vxlisten::Receiver receiver;
-    if (!receiver.open() || !receiver.resolve("127.0.0.1", PORT) || !receiver.connect({})) {
+    if (!receiver.open() || !receiver.resolve("127.0.0.1", port) || !receiver.connect({})) {
         std::abort();
     }
     vxlisten::SequenceTracker tracker;
@@ -139,12 +130,12 @@ std::vector<double> runDevice(vxlisten::Playout& playout, double seconds) {
 }
 
 /// Prints the row of one kind of sound. False when too little was heard.
-bool measure(ENetHost* server, double seconds) {
+bool measure(EnetServer& server, double seconds) {
     stop = false;
     clickSent = 0;
     vxlisten::Playout playout(RATE, {});
-    std::thread serving(runServer, server);
-    std::thread receiving(runReceiver, std::ref(playout));
+    std::thread serving(runServer, std::ref(server));
+    std::thread receiving(runReceiver, std::ref(playout), server.port());
     vxlisten::raisePriority();  // As the program does.
     std::vector<double> delays =
         runDevice(playout, static_cast<double>(SETTLING / vxlisten::SECOND) + seconds);
@@ -168,14 +159,7 @@ bool measure(ENetHost* server, double seconds) {
 
 int main(int argc, char** argv) {
     const double seconds = argc > 1 ? std::atof(argv[1]) : 60;
-    enet_initialize();
-    ENetAddress address = {ENET_HOST_ANY, PORT};
-    enet_address_set_host(&address, "127.0.0.1");
-    ENetHost* const server = enet_host_create(&address, 4, 2, 0, 0);
-    if (server == nullptr) {
-        std::fputs("listen_delay: the port is in use\n", stderr);
-        return 1;
-    }
+    EnetServer server;
     std::puts("sound,median_ms,least_ms,greatest_ms,p99_ms,clicks,underruns");
     bool good = measure(server, seconds);
     compressed = true;

@@ -20,6 +20,12 @@ class ThreadCheck {
         return owner_.compare_exchange_strong(owner, caller) || owner == caller;
     }
 
+    /// True when another thread called here() before. Thread: any. Realtime-safe: yes.
+    [[nodiscard]] bool elsewhere() const {
+        const std::thread::id owner = owner_;
+        return owner != std::thread::id() && owner != std::this_thread::get_id();
+    }
+
   private:
     mutable std::atomic<std::thread::id> owner_{std::thread::id()};
 };

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <array>
+#include <cassert>
 
+#include "stream/capture_thread.h"
 #include "stream/enet_unsent.h"
 #include "stream/event_backlog.h"
 #include "stream/network_order.h"
@@ -144,6 +146,7 @@ bool acknowledgementCostsTooMuch(ENetPeer& peer, enet_uint8 channel, enet_uint16
 }  // namespace
 
 bool costsTooMuch(ENetPeer& peer, const enet_uint8* command) {
+    assert(captureThread.here());
     const unsigned type = *command & ENET_PROTOCOL_COMMAND_MASK;
     const enet_uint8 channel = command[offsetof(ENetProtocolCommandHeader, channelID)];
     const auto numberAt = [command](std::size_t offset) { return readU16(command + offset); };

@@ -1,8 +1,10 @@
 #include "stream/datagram_guard.h"
 
 #include <algorithm>
+#include <cassert>
 #include <cstring>
 
+#include "stream/capture_thread.h"
 #include "stream/command_cost.h"
 #include "stream/event_backlog.h"
 #include "stream/network_order.h"
@@ -125,5 +127,6 @@ int guardDatagram(ENetHost* host, ENetEvent* /*event*/) {
 }  // namespace
 
 void guardDatagrams(ENetHost& host) {
+    assert(!captureThread.elsewhere());
     host.intercept = guardDatagram;
 }

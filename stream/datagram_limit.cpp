@@ -1,8 +1,11 @@
 #include "stream/datagram_limit.h"
 
+#include <cassert>
 #include <cstdint>
 #include <linux/filter.h>
 #include <sys/socket.h>
+
+#include "stream/capture_thread.h"
 
 namespace {
 
@@ -16,6 +19,7 @@ constexpr std::uint32_t DROP = 0;
 }  // namespace
 
 bool limitDatagrams(const ENetHost& host) {
+    assert(!captureThread.elsewhere());
     sock_filter steps[] = {
         BPF_STMT(BPF_LD | BPF_W | BPF_LEN, 0),
         BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, MAX_LENGTH, 1, 0),

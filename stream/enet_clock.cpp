@@ -1,8 +1,11 @@
 #include "stream/enet_clock.h"
 
+#include <cassert>
 #include <ctime>
 
 #include <enet/enet.h>
+
+#include "stream/capture_thread.h"
 
 namespace {
 
@@ -22,5 +25,6 @@ extern "C" __attribute__((visibility("default"))) enet_uint32 enet_time_get() {
 }
 
 void steadyEnetClock() {
+    assert(captureThread.here());
     enet_time_set(steadyMilliseconds());
 }

@@ -56,6 +56,7 @@ int takeEvent(ENetHost& host, ENetEvent& event) {
 }  // namespace
 
 void limitMessages(ENetHost& host) {
+    assert(!captureThread.elsewhere());
     host.maximumPacketSize = MAX_MESSAGE_BYTES;
     host.maximumWaitingData = MAX_WAITING_BYTES;
 }

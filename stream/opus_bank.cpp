@@ -1,8 +1,10 @@
 #include "stream/opus_bank.h"
 
+#include <cassert>
 #include <cstdint>
 
 #include "app/base/console.h"
+#include "stream/capture_thread.h"
 #include "stream/wire_format.h"
 
 std::array<OpusEncoder*, OPUS_BANK_SIZE> opusEnc{};
@@ -29,6 +31,7 @@ OpusEncoder* createEncoder(std::uint32_t rateCode) {
 }  // namespace
 
 void fillOpusBank() {
+    assert(!captureThread.elsewhere());
     for (std::uint32_t rateCode = 0; rateCode < OPUS_BANK_SIZE; ++rateCode) {
         opusEnc[rateCode] = wire::bitRateOf(rateCode) > 0 ? createEncoder(rateCode) : nullptr;
     }

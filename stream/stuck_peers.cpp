@@ -1,5 +1,8 @@
 #include "stream/stuck_peers.h"
 
+#include <cassert>
+
+#include "stream/capture_thread.h"
 #include "stream/enet_unsent.h"
 
 namespace {
@@ -41,6 +44,7 @@ bool isStuck(ENetPeer& peer) {
 }  // namespace
 
 ENetPeer* findStuckPeer(ENetHost& host) {
+    assert(captureThread.here());
     for (ENetPeer* peer = host.peers; peer < host.peers + host.peerCount; ++peer) {
         if (peer->state != ENET_PEER_STATE_DISCONNECTED && isStuck(*peer)) {
             return peer;
@@ -50,6 +54,7 @@ ENetPeer* findStuckPeer(ENetHost& host) {
 }
 
 void unlinkFromDispatch(ENetHost& host, const ENetPeer& peer) {
+    assert(captureThread.here());
     for (ENetListIterator node = enet_list_begin(&host.dispatchQueue);
          node != enet_list_end(&host.dispatchQueue); node = enet_list_next(node)) {
         if (node == &peer.dispatchList) {

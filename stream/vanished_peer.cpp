@@ -1,5 +1,8 @@
 #include "stream/vanished_peer.h"
 
+#include <cassert>
+
+#include "stream/capture_thread.h"
 #include "stream/client_table.h"
 
 namespace {
@@ -18,6 +21,7 @@ constexpr int MAX_UNRESOLVED_BYTES = 208 * 1024;
 }  // namespace
 
 bool seemsVanished(const ENetPeer& peer) {
+    assert(captureThread.here());
     const enet_uint32 now = peer.host->serviceTime;
     if (peer.earliestTimeout != 0) {
         return now - peer.earliestTimeout >= ANSWER_TIMEOUT_MS;
@@ -31,12 +35,14 @@ bool seemsVanished(const ENetPeer& peer) {
 }
 
 void pingVanished(ENetPeer& peer) {
+    assert(captureThread.here());
     if (peer.host->serviceTime - peer.lastSendTime >= PING_INTERVAL_MS) {
         enet_peer_ping(&peer);
     }
 }
 
 void enlargeSendBuffer(const ENetHost& host) {
+    assert(!captureThread.elsewhere());
     // The kernel doubles the value.
     enet_socket_set_option(host.socket, ENET_SOCKOPT_SNDBUF,
                            static_cast<int>(CLIENT_SLOTS) * MAX_UNRESOLVED_BYTES / 2);

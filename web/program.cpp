@@ -1,6 +1,7 @@
 #include "web/program.h"
 
 #include <algorithm>
+#include <cassert>
 #include <chrono>
 #include <csignal>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <boost/asio/signal_set.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "common/thread_check.h"
 #include "web/command_line.h"
 #include "web/http/connection.h"
 #include "web/http/web_server.h"
@@ -180,6 +182,7 @@ class Program {
 }  // namespace
 
 int run(const Options& options) {
+    assert(onMainThread());
     std::signal(SIGPIPE, SIG_IGN);
     Program program(options);
     return program.run();

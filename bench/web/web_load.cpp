@@ -26,9 +26,8 @@
 #include <unistd.h>
 #include <vector>
 
-#include <enet/enet.h>
-
-#include "stream/wire_format.h"
+#include "tests/support/enet_server.h"
+#include "tests/support/packets.h"
 
 namespace {
 
@@ -73,32 +72,15 @@ sockaddr_in loopback(int port) {
 }
 
 [[noreturn]] void runSource(int port) {
-    enet_initialize();
-    ENetAddress address = {};
-    enet_address_set_host(&address, "127.0.0.1");
-    address.port = static_cast<enet_uint16>(port);
-    ENetHost* const host = enet_host_create(&address, 10, 2, 0, 0);
-    if (host == nullptr) {
-        fail("source");
-    }
+    EnetServer server(static_cast<std::uint16_t>(port));
     auto next = Clock::now();
     for (std::uint32_t seq = 0;; ++seq) {
         next += PERIOD;
         std::this_thread::sleep_until(next);
-        std::string packet(wire::HEADER_LENGTH, '\0');
-        wire::PacketHeader header;
-        header.seq = seq;
-        header.flags = wire::makeFlags(true, true, 2);
-        wire::writeHeader(reinterpret_cast<unsigned char*>(packet.data()), header);
-        packet += makePayload();
-        enet_host_broadcast(
-            host, 0, enet_packet_create(packet.data(), packet.size(), ENET_PACKET_FLAG_RELIABLE));
-        ENetEvent event = {};
-        while (enet_host_service(host, &event, 0) > 0) {
-            if (event.type == ENET_EVENT_TYPE_RECEIVE) {
-                enet_packet_destroy(event.packet);
-            }
-        }
+        const std::string payload = makePayload();
+        server.send(
+            packets::make(seq, wire::makeFlags(true, true, 2), {payload.begin(), payload.end()}));
+        server.service();
     }
 }
 

@@ -28,7 +28,7 @@ packages_test=(
     curl ffmpeg icecast2 mpv vlc-bin vlc-plugin-base openssl python3-selenium zbar-tools
 )
 packages_qt6=(qt6-base-dev qt6-wayland)
-packages_check=(clang clang-tidy clang-format cppcheck)
+packages_check=(clang clang-tidy clang-format cppcheck libgtest-dev)
 packages_analysis=("${packages_check[@]}" iwyu)
 packages_bench=(
     libbenchmark-dev iproute2 pulseaudio pulseaudio-utils python3 python3-matplotlib valgrind icecast2

@@ -8,51 +8,25 @@
 #include <optional>
 #include <vector>
 
+#include <gtest/gtest.h>
+
 #include "app/base/command_line.h"
 #include "audio/Audio.h"
 #include "discovery/query.h"
 #include "stream/send_path.h"
 #include "stream/wire_format.h"
 #include "tests/fuzz/fuzz_input.h"
+#include "tests/support/fake_portaudio.h"
 #include "update/web_address.h"
-
-// One capture device that cannot be opened takes PortAudio's place; it notes the wanted rate.
-namespace {
-
-constexpr double DEVICE_RATE = 48000;
-double wantedRate = 0;
-std::FILE* devNull = nullptr;
-
-}  // namespace
 
 /// No sound is captured, so that nothing of the streaming side is needed.
 int processBuffer(char* /*buffer*/, int /*length*/, bool /*hasInput*/) {
     return 0;
 }
 
-extern "C" {
-PaError Pa_Initialize() {
-    return paNoError;
-}
-PaError Pa_Terminate() {
-    return paNoError;
-}
-PaDeviceIndex Pa_GetDefaultInputDevice() {
-    return 0;
-}
-const PaDeviceInfo* Pa_GetDeviceInfo(PaDeviceIndex) {
-    static PaDeviceInfo info;
-    info.defaultSampleRate = DEVICE_RATE;
-    return &info;
-}
-PaError Pa_OpenStream(PaStream**, const PaStreamParameters*, const PaStreamParameters*, double rate,
-                      unsigned long, PaStreamFlags, PaStreamCallback*, void*) {
-    wantedRate = rate;
-    return paDeviceUnavailable;
-}
-}
-
 namespace {
+
+std::FILE* devNull = nullptr;
 
 constexpr const char* VARIABLES[] = {"VELANTRIX_SERVER_PORT", "VELANTRIX_SERVER_BINDADDR",
                                      "VELANTRIX_WEB_ADDRESS", "QT_QPA_PLATFORM",
@@ -150,6 +124,8 @@ void checkSampleRate() {
     stderr = devNull;
     const int result = Audio::Open(0, is48k);
     stderr = saved;
+    const double wantedRate = fakePortAudio().rate;
+    fakePortAudio().log.clear();
     // The program opens once and keeps them for ever.
     delete[] Audio::_CaptureBuffer;
     delete[] Audio::_CaptureBufferComp;
@@ -157,7 +133,8 @@ void checkSampleRate() {
     require(wantedRate == 44100 || wantedRate == 48000, "there are two rates");
     require(!startsWithDigit(text) || (wantedRate == 48000) == (leadingNumber(text) == "48000"),
             "the user's rate is taken");
-    require(startsWithDigit(text) || wantedRate == DEVICE_RATE, "the device's rate is kept");
+    require(startsWithDigit(text) || wantedRate == fakePortAudio().deviceRate,
+            "the device's rate is kept");
 }
 
 void checkStart(const std::vector<const char*>& arguments) {
@@ -174,6 +151,8 @@ int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
     silenceStandardOutput();
     devNull = std::fopen("/dev/null", "we");
     require(devNull != nullptr, "reports can be thrown away");
+    fakePortAudio().openResult = paDeviceUnavailable;
+    testing::GTEST_FLAG(throw_on_failure) = true;  // The device's own checks.
     return 0;
 }
 

@@ -12,6 +12,9 @@ import time
 PATIENCE = 30.0
 """Seconds to wait for something that comes at once on an idle machine."""
 
+NOT_ROOT = ["unshare", "--user", "--map-user=65534", "--map-group=65534", "--"]
+"""The words before a program that refuses to run as root."""
+
 _PR_SET_PDEATHSIG = 1
 _WRITE_COUNTS_AND_DIE = 60
 _libc = ctypes.CDLL(None)
@@ -98,7 +101,7 @@ class Process:
     """A running program with both outputs captured by line. A context manager that kills it."""
 
     def __init__(self, command, env, name=None, **options):
-        self.name = name or command[0].rsplit("/", 1)[-1]
+        self.name = name or str(command[0]).rsplit("/", 1)[-1]
         self.child = subprocess.Popen(
             [str(word) for word in command], env=env, stdout=subprocess.PIPE,
             stderr=subprocess.PIPE, stdin=options.pop("stdin", subprocess.DEVNULL), text=True,

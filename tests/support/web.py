@@ -17,9 +17,6 @@ TONE = {"left": 997, "right": 503}
 AMPLITUDE = 10000
 RATE = 48000
 
-NOT_ROOT = ["unshare", "--user", "--map-user=65534", "--map-group=65534", "--"]
-"""The words before a program that refuses to run as root."""
-
 
 class Web(Program):
     """A running velantrix-web on a free port of the loopback interface."""

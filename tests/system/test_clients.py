@@ -1,15 +1,12 @@
 """Clients that come, go, misbehave and share the server."""
 
 import re
-import time
 
 from support.harness import (THERE_ADDRESS, HERE_ADDRESS, OtherNetwork, Server, SoundServer,
                              SystemTest, wait_until)
-from support.probe import (DISCONNECT_REPLACED, FALLBACK_BYTES, FLAG_RELIABLE, RAW_PACKET_BYTES,
+from support.probe import (FALLBACK_BYTES, FLAG_RELIABLE, RAW_PACKET_BYTES,
                            Probe, sequence_gaps, wait_packets_of_all)
 from support.streaming import StreamingTest
-
-CAPACITY = 10
 
 
 class ClientTest(StreamingTest):
@@ -84,18 +81,6 @@ class Sharing(ClientTest):
             self.assertGreater(len(common), 20)
             self.assertTrue(all(first[seq] == second[seq] for seq in common),
                             "one encoding serves every client of a rate code")
-
-    def test_eleventh_client_replaces_the_oldest(self):
-        clients = [self.probe.connect()]
-        time.sleep(1.1)  # Ages are whole seconds: the first must be older than the rest.
-        clients += [self.probe.connect() for _ in range(CAPACITY - 1)]
-        eleventh = self.probe.connect()
-        self.assertEqual(clients[0].wait_disconnected(), DISCONNECT_REPLACED)
-        eleventh.request(1)
-        self.wait_line("Sending compressed audio data to client 0 at rate code 1")
-        eleventh.wait_packets(20)
-        self.assertFalse(any(client.is_disconnected() for client in clients[1:]))
-
 
 class Vanishing(ClientTest):
     def test_vanished_client_is_noticed_and_harms_nobody(self):

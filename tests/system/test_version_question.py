@@ -7,15 +7,11 @@ import time
 from support.display import Display
 from support.harness import NEWER_VERSION, wait_until
 from test_stop import default_action
-from test_version_check import BANNER, NEWS, WAIT, VersionTest
+from test_version_check import NEWS, VersionTest
 
 QUIET_MINUTES = 480
 QUESTION = "Velantrix Version Notification"
 PROGRAM_CLASS = "VelantrixServer"
-LOOK_AGAIN = 2.0
-"""Seconds between two looks at a minimised window."""
-LOAD_MARGIN = 10.0
-"""Seconds that a busy machine may add."""
 
 display = None
 
@@ -103,20 +99,3 @@ class Question(VersionTest):
             self.assert_ends_cleanly(server)
         self.assertFalse(self.opened.exists())
         self.assertEqual(len(self.web.requests()), 2)
-
-    def test_minimized_window_postpones_the_check(self):
-        with self.window(faults="") as server:
-            server.out.wait_for(BANNER)
-            window = wait_until(lambda: visible("--name", "^Velantrix Server"),
-                                "the window is shown")[0]
-            display.run("xdotool", "windowminimize", "--sync", window, check=False)
-            wait_until(lambda: not visible("--name", "^Velantrix Server"), "the window is minimised")
-            time.sleep(WAIT + 4)
-            self.assertEqual(self.web.requests(), [])
-            display.run("xdotool", "windowactivate", window, check=False)
-            begin = time.monotonic()
-            wait_until(self.web.requests, "the check is made", timeout=LOOK_AGAIN + LOAD_MARGIN)
-            wait_for_question()
-            print(f"asked {time.monotonic() - begin:.1f} s after the window was restored")
-            self.assertEqual(len(self.web.requests()), 1)
-            self.assert_ends_cleanly(server)

@@ -6,58 +6,17 @@ VELANTRIX_WEB_SECONDS says how long the player listens, 4 if it is not set.
 import os
 import pathlib
 import re
-import socket
 import subprocess
 import time
 
-from support.harness import (PATIENCE, Process, Server, SoundServer, SystemTest, die_with_parent,
-                             wait_until)
+from support.harness import PATIENCE, Server, SoundServer, SystemTest, die_with_parent, wait_until
+from support.icecast import MOUNT, SECRET, Icecast
 from support.signals import read_wav
-from support.web import NOT_ROOT, Tone, Web, assert_tone
+from support.web import Tone, Web, assert_tone
 
 SECONDS = float(os.environ.get("VELANTRIX_WEB_SECONDS", "4"))
-SECRET = "kept-to-ourselves"
-MOUNT = "/velantrix.ogg"
 HEARS = re.compile("^Icecast receives the stream: ")
 LOST = re.compile("^Icecast does not receive the stream, ")
-
-CONFIGURATION = """<icecast>
-  <limits><clients>20</clients><sources>2</sources></limits>
-  <authentication>
-    <source-password>{secret}</source-password>
-    <admin-user>admin</admin-user><admin-password>{secret}</admin-password>
-  </authentication>
-  <hostname>127.0.0.1</hostname>
-  <master-update-interval>1</master-update-interval>
-  <listen-socket><port>{port}</port><bind-address>127.0.0.1</bind-address></listen-socket>
-  {relay}
-  <paths>
-    <basedir>{folder}</basedir><logdir>{folder}</logdir>
-    <webroot>/usr/share/icecast2/web</webroot><adminroot>/usr/share/icecast2/admin</adminroot>
-  </paths>
-  <logging><accesslog>access.log</accesslog><errorlog>error.log</errorlog><loglevel>3</loglevel></logging>
-</icecast>
-"""
-RELAY = """<relay>
-    <server>127.0.0.1</server><port>{port}</port><mount>{mount}</mount>
-    <local-mount>{mount}</local-mount><on-demand>0</on-demand>
-  </relay>"""
-
-
-class Icecast(Process):
-    """A running icecast2 that nobody else sees."""
-
-    def __init__(self, folder, port, relayed_port=None):
-        folder.mkdir(exist_ok=True)
-        folder.chmod(0o777)
-        relay = RELAY.format(port=relayed_port, mount=MOUNT) if relayed_port else ""
-        (folder / "icecast.xml").write_text(
-            CONFIGURATION.format(secret=SECRET, port=port, relay=relay, folder=folder))
-        super().__init__([*(NOT_ROOT if os.geteuid() == 0 else []), "icecast2", "-c",
-                          folder / "icecast.xml"], None, name=f"icecast2 {folder.name}")
-        self.address = f"http://127.0.0.1:{port}{MOUNT}"
-        wait_until(lambda: socket.socket().connect_ex(("127.0.0.1", port)) == 0,
-                   f"{self.name} accepts connections")
 
 
 class IcecastAndRelay(SystemTest):

@@ -9,9 +9,9 @@ import re
 import subprocess
 
 from support.harness import PATIENCE, Server, SoundServer, SystemTest, die_with_parent
-from support.processes import wait_until
+from support.processes import NOT_ROOT, wait_until
 from support.signals import read_wav
-from support.web import NOT_ROOT, Tone, Web, assert_tone
+from support.web import Tone, Web, assert_tone
 
 SECONDS = float(os.environ.get("VELANTRIX_WEB_SECONDS", "4"))
 STREAMS = ("stream.wav", "stream.flac", "stream.mp3", "stream.ogg")

@@ -1,5 +1,6 @@
 #include "web/http/connection.h"
 
+#include <cassert>
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
@@ -76,6 +77,7 @@ class TlsConnection : public Connection {
 }  // namespace
 
 void Connection::writeAll(std::shared_ptr<const std::string> bytes, Done done) {
+    assert(thread_.here());
     writeRest(std::move(bytes), 0, std::move(done));
 }
 
@@ -92,11 +94,13 @@ void Connection::writeRest(std::shared_ptr<const std::string> bytes, std::size_t
 }
 
 void Connection::waitForEnd(Done done) {
+    assert(thread_.here());
     socket_.async_wait(tcp::socket::wait_error,
                        [done = std::move(done)](const Error& error) { done(error, 0); });
 }
 
 void Connection::close() {
+    assert(thread_.here());
     Error error;
     socket_.close(error);
 }

@@ -10,6 +10,8 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 
+#include "common/thread_check.h"
+
 namespace vxweb {
 
 using Error = boost::system::error_code;
@@ -59,6 +61,8 @@ class Connection {
 
   private:
     void writeRest(std::shared_ptr<const std::string> bytes, std::size_t from, Done done);
+
+    ThreadCheck thread_;
 };
 
 /// A connection over the socket; with TLS unless `tls` (borrowed) is null.

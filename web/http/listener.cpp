@@ -1,6 +1,7 @@
 #include "web/http/listener.h"
 
 #include <algorithm>
+#include <cassert>
 #include <string_view>
 #include <utility>
 
@@ -32,6 +33,7 @@ Listener::Listener(std::shared_ptr<Connection> connection, Slow slow, bool frame
     : connection_(std::move(connection)), slow_(slow), framed_(framed) {}
 
 void Listener::send(PacketPtr packet) {
+    assert(thread_.here());
     if (failed_) {
         return;
     }
@@ -61,6 +63,7 @@ void Listener::send(PacketPtr packet) {
 }
 
 void Listener::sendOwn(std::string bytes, Done done) {
+    assert(thread_.here());
     auto packet = std::make_shared<Packet>();
     packet->bytes = std::move(bytes);
     packet->bodyLength = packet->bytes.size();

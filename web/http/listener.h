@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 
+#include "common/thread_check.h"
 #include "web/http/connection.h"
 #include "web/packet.h"
 
@@ -54,6 +55,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
     void fail(const Error& error);
     void finish(Done done, const Error& error);
 
+    ThreadCheck thread_;
     std::shared_ptr<Connection> connection_;
     const Slow slow_;
     const bool framed_;

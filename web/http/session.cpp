@@ -1,6 +1,7 @@
 #include "web/http/session.h"
 
 #include <array>
+#include <cassert>
 #include <optional>
 #include <utility>
 
@@ -310,6 +311,7 @@ void Session::end() {
 }  // namespace
 
 void startSession(boost::asio::ip::tcp::socket socket, const Site& site, Worker& worker) {
+    assert(worker.here());
     std::make_shared<Session>(makeConnection(std::move(socket), site.tls.get()), site, worker)
         ->start();
 }

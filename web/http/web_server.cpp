@@ -1,5 +1,6 @@
 #include "web/http/web_server.h"
 
+#include <cassert>
 #include <utility>
 
 #include <boost/asio/ip/address.hpp>
@@ -54,11 +55,13 @@ std::string WebServer::open(const ListenAddress& address) {
 }
 
 void WebServer::start(const Site& site) {
+    assert(workers_.front()->here());
     site_ = &site;
     accept();
 }
 
 void WebServer::close() {
+    assert(workers_.front()->here());
     Error error;
     acceptor_.close(error);
     pause_.cancel();

@@ -13,7 +13,7 @@
 
 namespace vxweb {
 
-/// Accepts connections and gives them to the workers in turn. Lives on the first worker's thread.
+/// Accepts connections and gives them to the workers in turn.
 class WebServer {
   public:
     /// `workers` are borrowed and outlive this.
@@ -22,7 +22,8 @@ class WebServer {
     /// Binds the port. Returns a message on failure, else an empty text.
     [[nodiscard]] std::string open(const ListenAddress& address);
 
-    /// Starts to accept. `site` is borrowed and outlives this.
+    /// Starts to accept. `site` is borrowed and outlives this. Thread: the first worker's, as for
+    /// close().
     void start(const Site& site);
 
     /// Stops accepting.

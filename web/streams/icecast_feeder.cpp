@@ -1,6 +1,7 @@
 #include "web/streams/icecast_feeder.h"
 
 #include <algorithm>
+#include <cassert>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
@@ -257,6 +258,7 @@ IcecastFeeder::~IcecastFeeder() {
 }
 
 void IcecastFeeder::start(const std::string& header) {
+    assert(caller_.here());
     {
         const std::lock_guard lock(state_->mutex);
         state_->header = header;
@@ -266,6 +268,7 @@ void IcecastFeeder::start(const std::string& header) {
 }
 
 void IcecastFeeder::push(const Chunk& chunk) {
+    assert(caller_.here());
     {
         const std::lock_guard lock(state_->mutex);
         if (!state_->connected) {

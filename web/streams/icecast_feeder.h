@@ -5,13 +5,14 @@
 #include <memory>
 #include <string>
 
+#include "common/thread_check.h"
 #include "web/streams/icecast_target.h"
 #include "web/streams/media_stream.h"
 
 namespace vxweb {
 
 /// Sends an Ogg stream to an Icecast server, and reconnects with back-off. A separate thread waits
-/// for the network, so calls never block. All calls on one thread.
+/// for the network, so calls never block. All calls on one thread; any thread may destroy it.
 class IcecastFeeder {
   public:
     /// Takes a line without a line end when the connection is made or lost. Called on the feeder's
@@ -34,6 +35,7 @@ class IcecastFeeder {
 
   private:
     struct State;
+    ThreadCheck caller_;
     std::shared_ptr<State> state_;  ///< Shared with the thread, which may outlive this.
     std::future<void> thread_;      ///< Its end.
 };

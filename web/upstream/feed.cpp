@@ -1,5 +1,6 @@
 #include "web/upstream/feed.h"
 
+#include <cassert>
 #include <utility>
 
 #include "listen/clock.h"
@@ -30,6 +31,7 @@ Feed::~Feed() {
 }
 
 void Feed::addListener(ChannelId channel) {
+    assert(thread_.here());
     const Channel& it = CHANNELS[channel];
     if (outlets_[channel].listeners++ == 0 && !it.live()) {
         outlets_[channel].media = makeMediaStream(mediaFormat(it.form), it.rate, title_);
@@ -38,6 +40,7 @@ void Feed::addListener(ChannelId channel) {
 }
 
 void Feed::removeListener(ChannelId channel) {
+    assert(thread_.here());
     if (--outlets_[channel].listeners == 0 && outlets_[channel].media) {
         outlets_[channel] = {};
     }

@@ -8,6 +8,7 @@
 
 #include <boost/asio/io_context.hpp>
 
+#include "common/thread_check.h"
 #include "web/channel.h"
 #include "web/packet.h"
 #include "web/upstream/upstream.h"
@@ -72,6 +73,7 @@ class Feed : public UpstreamEvents {
     void publishLive(ChannelId channel, const vxlisten::AudioPacket& packet, bool start,
                      std::int64_t now);
 
+    ThreadCheck thread_;
     const std::uint32_t rateCode_;
     const std::string title_;
     FeedEvents& events_;

@@ -1,5 +1,6 @@
 #include "web/upstream/server_locator.h"
 
+#include <cassert>
 #include <chrono>
 #include <utility>
 
@@ -19,12 +20,14 @@ ServerLocator::ServerLocator(boost::asio::io_context& context, vxlisten::ServerC
     : timer_(context), choice_(std::move(choice)) {}
 
 void ServerLocator::start() {
+    assert(thread_.here());
     if (!searching_ && !stopped_) {
         search();
     }
 }
 
 void ServerLocator::stop() {
+    assert(thread_.here());
     stopped_ = true;
     timer_.cancel();
     if (search_.valid() && !vxlisten::isReady(search_)) {

@@ -8,6 +8,7 @@
 #include <boost/asio/io_context.hpp>
 #include <boost/asio/steady_timer.hpp>
 
+#include "common/thread_check.h"
 #include "listen/find_server.h"
 #include "listen/retry_pause.h"
 
@@ -45,6 +46,7 @@ class ServerLocator {
     void poll();
     void take(Found found);
 
+    ThreadCheck thread_;
     boost::asio::steady_timer timer_;
     vxlisten::ServerChoice choice_;
     vxlisten::RetryPause pause_;

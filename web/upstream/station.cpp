@@ -1,6 +1,7 @@
 #include "web/upstream/station.h"
 
 #include <algorithm>
+#include <cassert>
 #include <chrono>
 #include <utility>
 
@@ -39,6 +40,7 @@ Station::Station(const Options& options, Workers& workers)
 }
 
 void Station::start() {
+    assert(workers_.front()->here());
     locator_.start();
     for (const IcecastTarget& target : icecast_) {
         feeders_.push_back(std::make_unique<IcecastFeeder>(target, title_, say));
@@ -48,6 +50,7 @@ void Station::start() {
 }
 
 void Station::close() {
+    assert(workers_.front()->here());
     locator_.stop();
     // Each destruction may take half a second.
     for (auto& feeder : feeders_) {
@@ -65,6 +68,7 @@ void Station::close() {
 }
 
 bool Station::closed() const {
+    assert(workers_.front()->here());
     return closing_.empty() && listeners_ == 0 &&
            std::all_of(feederEnds_.begin(), feederEnds_.end(), vxlisten::isReady<void>);
 }
@@ -78,12 +82,14 @@ bool Station::reserve() {
 }
 
 void Station::join(ChannelId channel, Worker& worker, std::shared_ptr<Subscriber> subscriber) {
+    assert(worker.here());
     boost::asio::dispatch(context_, [this, channel, &worker, it = std::move(subscriber)] {
         add(channel, worker, it);
     });
 }
 
 void Station::leave(ChannelId channel, Worker& worker, Subscriber& subscriber) {
+    assert(worker.here());
     subscriber.left = true;
     worker.detach(channel, &subscriber);
     boost::asio::dispatch(context_, [this, channel, &worker] { remove(channel, worker); });
@@ -162,6 +168,7 @@ void Station::feedIcecast(const Packet& packet) {
 }
 
 void Station::publish(ChannelId channel, const PacketPtr& packet) {
+    assert(workers_.front()->here());
     if (!feeders_.empty() && channel == icecastChannel()) {
         feedIcecast(*packet);
     }
@@ -176,6 +183,7 @@ void Station::publish(ChannelId channel, const PacketPtr& packet) {
 }
 
 void Station::askStatus(Worker& worker, std::function<void(const std::string&)> answer) {
+    assert(worker.here());
     boost::asio::dispatch(context_, [this, &worker, answer = std::move(answer)]() mutable {
         boost::asio::dispatch(worker.context(),
                               [answer = std::move(answer), text = status()] { answer(text); });

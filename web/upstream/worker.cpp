@@ -1,11 +1,13 @@
 #include "web/upstream/worker.h"
 
 #include <algorithm>
+#include <cassert>
 
 namespace vxweb {
 
 void Worker::attach(ChannelId channel, const std::shared_ptr<Subscriber>& subscriber,
                     const PacketPtr& intro) {
+    assert(here());
     if (subscriber->left) {
         return;
     }
@@ -18,6 +20,7 @@ void Worker::attach(ChannelId channel, const std::shared_ptr<Subscriber>& subscr
 }
 
 void Worker::detach(ChannelId channel, const Subscriber* subscriber) {
+    assert(here());
     auto& list = subscribers_[channel];
     const auto found = std::find_if(list.begin(), list.end(), [subscriber](const auto& other) {
         return other.get() == subscriber;
@@ -29,12 +32,14 @@ void Worker::detach(ChannelId channel, const Subscriber* subscriber) {
 }
 
 void Worker::deliver(ChannelId channel, const PacketPtr& packet) {
+    assert(here());
     for (const auto& subscriber : subscribers_[channel]) {
         subscriber->take(packet);
     }
 }
 
 void Worker::farewell() {
+    assert(here());
     ending_ = true;
     for (const auto& list : subscribers_) {
         for (const auto& subscriber : list) {
@@ -44,6 +49,7 @@ void Worker::farewell() {
 }
 
 void Worker::cut() {
+    assert(here());
     for (const auto& list : subscribers_) {
         for (const auto& subscriber : list) {
             subscriber->cut();

@@ -6,6 +6,7 @@
 
 #include <boost/asio/io_context.hpp>
 
+#include "common/thread_check.h"
 #include "web/channel.h"
 #include "web/packet.h"
 
@@ -33,6 +34,8 @@ class Worker {
 
     [[nodiscard]] boost::asio::io_context& context() { return context_; }
     [[nodiscard]] std::size_t index() const { return index_; }
+    /// True on the thread that runs the context, which the first call is to come from.
+    [[nodiscard]] bool here() const { return thread_.here(); }
 
     /// The subscriber gets the channel from now on, `intro` first unless it is null.
     void attach(ChannelId channel, const std::shared_ptr<Subscriber>& subscriber,
@@ -48,6 +51,7 @@ class Worker {
   private:
     boost::asio::io_context context_{1};
     const std::size_t index_;
+    ThreadCheck thread_;
     bool ending_ = false;
     std::array<std::vector<std::shared_ptr<Subscriber>>, CHANNELS.size()> subscribers_;
 };

@@ -19,7 +19,7 @@ TEST(AudioClose, ClosesTheStreamAndTerminates) {
     const ChildRun run = runWithVerbose(false, [] {
         ASSERT_EQ(Audio::Open(0, rate48k), 0);
         const std::size_t opened = fakePortAudio().calls().size();
-        EXPECT_EQ(Audio::Close(), 0);
+        EXPECT_EQ(closeAudio(), 0);
         EXPECT_EQ(callsSince(opened), (Calls{"Pa_CloseStream", "Pa_Terminate"}));
         EXPECT_FALSE(fakePortAudio().streamOpen);
         EXPECT_FALSE(fakePortAudio().initialised);
@@ -31,7 +31,7 @@ TEST(AudioClose, LeavesTheBuffersAndTheRate) {
     runWithVerbose(false, [] {
         ASSERT_EQ(Audio::Open(0, vxOptionAltRate), 0);
         const char* const raw = Audio::_CaptureBuffer;
-        EXPECT_EQ(Audio::Close(), 0);
+        EXPECT_EQ(closeAudio(), 0);
         EXPECT_EQ(Audio::_CaptureBuffer, raw);
         Audio::_CaptureBuffer[0] = 'x';  // Still allocated: a callback may outlive a hung close.
         EXPECT_TRUE(getVxOptionAltRate());
@@ -42,7 +42,7 @@ TEST(AudioClose, FailureIsReportedAndPortAudioStillTerminated) {
     const ChildRun run = runWithVerbose(false, [] {
         fakePortAudio().closeResult = paInternalError;
         ASSERT_EQ(Audio::Open(0, rate48k), 0);
-        EXPECT_EQ(Audio::Close(), paInternalError);
+        EXPECT_EQ(closeAudio(), paInternalError);
         EXPECT_EQ(fakePortAudio().calls().back(), "Pa_Terminate");
     });
     EXPECT_EQ(run.err,
@@ -53,7 +53,7 @@ TEST(AudioClose, FailureIsReportedAndPortAudioStillTerminated) {
 
 TEST(AudioClose, BeforeAnOpenReportsAndMakesThatOpenFail) {
     const ChildRun run = runWithVerbose(false, [] {
-        EXPECT_EQ(Audio::Close(), paNotInitialized);
+        EXPECT_EQ(closeAudio(), paNotInitialized);
         EXPECT_EQ(fakePortAudio().calls(), (Calls{"Pa_CloseStream", "Pa_Terminate"}));
         rate48k.store(true);
         EXPECT_EQ(Audio::Open(0, rate48k), paNotInitialized);

@@ -1,6 +1,7 @@
 #include "tests/unit/audio/audio_fixture.h"
 
 #include <cstring>
+#include <future>
 
 #include "app/base/command_line.h"
 #include "stream/send_path.h"
@@ -27,6 +28,10 @@ int processBuffer(char* buffer, int length, bool hasInput) {
     // The header room belongs to the receiver, which fills it.
     std::memset(buffer, 'h', HEADER);
     return sendPathResult();
+}
+
+int closeAudio() {
+    return std::async(std::launch::async, Audio::Close).get();
 }
 
 ChildRun runWithVerbose(bool verbose, const std::function<void()>& body) {

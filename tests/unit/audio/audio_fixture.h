@@ -26,5 +26,8 @@ std::vector<HandOver>& handOvers();
 /// What the stand-in for the send path returns; 0 until a test says otherwise.
 int& sendPathResult();
 
+/// Audio::Close() on a thread of its own.
+int closeAudio();
+
 /// Runs `body` in a child process in which "-verbose" was given or not.
 ChildRun runWithVerbose(bool verbose, const std::function<void()>& body);

@@ -207,7 +207,7 @@ TEST_P(OpenFailure, FollowedByACloseReportsThatToo) {
         failure.breakDevice(fakePortAudio());
         open();
         std::fputs("--\n", stderr);
-        EXPECT_EQ(Audio::Close(), paNotInitialized);
+        EXPECT_EQ(closeAudio(), paNotInitialized);
         EXPECT_EQ(fakePortAudio().closedStream, nullptr);
         EXPECT_EQ(fakePortAudio().calls().back(), "Pa_Terminate");
     });

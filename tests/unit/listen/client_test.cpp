@@ -4,7 +4,7 @@
 #include <atomic>
 #include <cstring>
 #include <future>
-#include <mutex>
+#include <memory>
 #include <string>
 #include <thread>
 #include <unistd.h>
@@ -15,8 +15,9 @@
 #include "listen/clock.h"
 #include "listen/command_line.h"
 #include "tests/support/child_run.h"
+#include "tests/support/enet_server.h"
+#include "tests/support/packets.h"
 #include "tests/support/udp_socket.h"
-#include "tests/unit/listen/packets.h"
 
 namespace {
 
@@ -25,83 +26,30 @@ std::atomic<int> lookUps{0};
 std::shared_future<void> lookUpsHang;
 const std::thread::id MAIN_THREAD = std::this_thread::get_id();
 
-/// A server on the loopback interface that leaves its first `silent` clients without audio.
-class TestServer {
-  public:
-    explicit TestServer(int silent, bool replaces = false) : silent_(silent), replaces_(replaces) {
-        enet_initialize();
-        ENetAddress address = {};
-        enet_address_set_host(&address, "127.0.0.1");
-        host_ = enet_host_create(&address, 4, 2, 0, 0);
-        port = host_->address.port;
-        thread_ = std::thread([this] { run(); });
-    }
-    ~TestServer() {
-        stop_ = true;
-        thread_.join();
-        enet_host_destroy(host_);
-        enet_deinitialize();
-    }
-
-    /// The last Data request, byte by byte.
-    std::string request() {
-        const std::lock_guard<std::mutex> guard(requestLock_);
-        return request_;
-    }
-
-    std::uint16_t port = 0;
-    std::atomic<int> clients{0};
-    std::atomic<bool> damages{false};  ///< Sends every packet without the end of its header first.
-
-  private:
-    void send(const packets::Bytes& bytes, std::size_t length) {
-        enet_peer_send(listening_, 0,
-                       enet_packet_create(bytes.data(), length, ENET_PACKET_FLAG_RELIABLE));
-    }
-
-    void run() {
-        std::uint32_t seq = 0;
-        while (!stop_) {
-            ENetEvent event = {};
-            while (enet_host_service(host_, &event, 0) > 0) {
-                handle(event);
-            }
-            const packets::Bytes bytes = packets::raw(seq++);
-            if (listening_ != nullptr && damages) {
-                send(bytes, wire::HEADER_LENGTH - 1);
-            }
-            if (listening_ != nullptr) {
-                send(bytes, bytes.size());
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(7));
-        }
-    }
-
-    void handle(const ENetEvent& event) {
-        if (event.type == ENET_EVENT_TYPE_CONNECT) {
-            if (replaces_) {
-                enet_peer_disconnect(event.peer, wire::DISCONNECT_REPLACED);
-            }
-            listening_ = ++clients > silent_ ? event.peer : nullptr;
-        } else if (event.type == ENET_EVENT_TYPE_DISCONNECT) {
-            listening_ = event.peer == listening_ ? nullptr : listening_;
-        } else if (event.type == ENET_EVENT_TYPE_RECEIVE) {
-            const std::lock_guard<std::mutex> guard(requestLock_);
-            request_.assign(reinterpret_cast<const char*>(event.packet->data),
-                            event.packet->dataLength);
-            enet_packet_destroy(event.packet);
-        }
-    }
-
-    int silent_;
-    bool replaces_;  ///< Gives each client's place away at once.
-    ENetHost* host_ = nullptr;
-    ENetPeer* listening_ = nullptr;
-    std::mutex requestLock_;
-    std::string request_;
-    std::thread thread_;
-    std::atomic<bool> stop_{false};
+/// What a server does beside serving.
+struct Habits {
+    int silent = 0;         ///< So many clients stay without audio.
+    bool replaces = false;  ///< Gives each client's place away at once.
+    bool damages = false;   ///< Sends every packet without the end of its header, too.
 };
+
+/// Begins to serve on the loopback interface.
+std::unique_ptr<EnetServer> serve(const Habits& habits = {}) {
+    return std::make_unique<EnetServer>(0, 7, [habits, seq = 0U](EnetServer& server) mutable {
+        packets::Bytes bytes = packets::raw(seq++);
+        if (habits.replaces) {
+            server.dropAll(wire::DISCONNECT_REPLACED);
+        }
+        if (server.connections() <= habits.silent) {
+            return;
+        }
+        server.send(bytes);
+        if (habits.damages) {
+            bytes.resize(wire::HEADER_LENGTH - 1);
+            server.send(bytes);
+        }
+    });
+}
 
 /// What a server of the same protocol sends that turns a new connection down with a number.
 std::string refusal(std::uint32_t data) {
@@ -137,10 +85,6 @@ vxlisten::Options optionsFor(std::uint16_t port, double seconds) {
     return options;
 }
 
-vxlisten::Options optionsFor(const TestServer& server, double seconds) {
-    return optionsFor(server.port, seconds);
-}
-
 /// What a client told of itself on standard error, and its status.
 struct Told {
     int status;
@@ -166,15 +110,15 @@ extern "C" int __wrap_enet_address_set_host(ENetAddress* address, const char* na
 }
 
 TEST(Client, AConnectionThatStaysSilentIsMadeAnew) {
-    TestServer server(1);
-    const vxlisten::Options options = optionsFor(server, 8);
+    const auto server = serve({1});
+    const vxlisten::Options options = optionsFor(server->port(), 8);
     EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_OK);
-    EXPECT_GE(server.clients, 2);
+    EXPECT_GE(server->connections(), 2);
 }
 
 TEST(Client, ALookUpThatHangsDoesNotHoldUpTheNextAttempt) {
-    TestServer server(1);
-    const vxlisten::Options options = optionsFor(server, 8);
+    const auto server = serve({1});
+    const vxlisten::Options options = optionsFor(server->port(), 8);
     std::promise<void> over;
     const int before = lookUps;
     lookUpsHang = over.get_future().share();
@@ -182,37 +126,37 @@ TEST(Client, ALookUpThatHangsDoesNotHoldUpTheNextAttempt) {
     EXPECT_EQ(lookUps - before, 2) << "the first, and one for a new address";
     over.set_value();
     lookUpsHang = {};
-    EXPECT_GE(server.clients, 2);
+    EXPECT_GE(server->connections(), 2);
 }
 
 TEST(Client, TheRequestCarriesTheNameAndTheChoice) {
-    TestServer server(0);
-    vxlisten::Options options = optionsFor(server, 0.2);
+    const auto server = serve();
+    vxlisten::Options options = optionsFor(server->port(), 0.2);
     options.choice.name = "K\u00fcche \u266b";
     options.choice.rateCode = 2;
     options.choice.reliable = true;
     EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_OK);
-    const std::string request = server.request();
+    const std::string request = server->request();
     ASSERT_GT(request.size(), wire::HEADER_LENGTH);
     EXPECT_EQ(request.substr(wire::HEADER_LENGTH), options.choice.name + '\0');
     EXPECT_EQ(request.substr(8, 4), std::string("\x81\0\0\0", 4));  // Reliable, rate code 2.
 }
 
 TEST(Client, BeingReplacedBeforeTheFirstSoundIsNoError) {
-    TestServer server(1, true);
-    const vxlisten::Options options = optionsFor(server, 20);
+    const auto server = serve({1, true});
+    const vxlisten::Options options = optionsFor(server->port(), 20);
     EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_OK);
 }
 
 TEST(Client, NoSoundAtAllIsAnError) {
-    TestServer server(1000);
-    const vxlisten::Options options = optionsFor(server, 1);
+    const auto server = serve({1000});
+    const vxlisten::Options options = optionsFor(server->port(), 1);
     EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_FAILURE);
 }
 
 TEST(Client, AReaderThatGoesBeforeTheFirstSoundIsNoError) {
-    TestServer server(1000);
-    vxlisten::Options options = optionsFor(server, 20);
+    const auto server = serve({1000});
+    vxlisten::Options options = optionsFor(server->port(), 20);
     options.toStdout = true;
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -254,9 +198,8 @@ TEST(Client, ARefusalComesWithItsReason) {
 }
 
 TEST(Client, PacketsWithADamagedHeaderAreCountedAndTheOthersHeard) {
-    TestServer server(0);
-    server.damages = true;
-    vxlisten::Options options = optionsFor(server, 1);
+    const auto server = serve({0, false, true});
+    vxlisten::Options options = optionsFor(server->port(), 1);
     options.stats = vxlisten::StatsStyle::Json;
     testing::internal::CaptureStdout();
     const int status = vxlisten::Client(options).run();

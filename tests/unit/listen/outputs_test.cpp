@@ -7,7 +7,7 @@
 
 #include "listen/network/sequence_tracker.h"
 #include "tests/support/fake_portaudio.h"
-#include "tests/unit/listen/packets.h"
+#include "tests/support/packets.h"
 
 namespace {
 

@@ -14,10 +14,13 @@ TEST(ThreadCheck, TheFirstCallersThreadIsTheOne) {
     const auto elsewhere = [&check] {
         return std::async(std::launch::async, [&check] { return check.here(); }).get();
     };
+    EXPECT_FALSE(check.elsewhere());
     EXPECT_TRUE(check.here());
     EXPECT_TRUE(check.here());
+    EXPECT_FALSE(check.elsewhere());
     EXPECT_FALSE(elsewhere());
     const ThreadCheck other;
     EXPECT_TRUE(std::async(std::launch::async, [&other] { return other.here(); }).get());
     EXPECT_FALSE(other.here());
+    EXPECT_TRUE(other.elsewhere());
 }

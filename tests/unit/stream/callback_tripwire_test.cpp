@@ -1,5 +1,6 @@
 #include <cstdlib>
 #include <cstring>
+#include <future>
 #include <mutex>
 
 #include "app/base/console.h"
@@ -47,7 +48,9 @@ class CallbackTripwire : public LiveServer {
         }
         CallbackWatch::reset();
     }
-    static void TearDownTestSuite() { EXPECT_EQ(Audio::Close(), 0); }
+    static void TearDownTestSuite() {
+        EXPECT_EQ(std::async(std::launch::async, Audio::Close).get(), 0);
+    }
     void TearDown() override {
         consoleDrain(DRAIN_MS);
         LiveServer::TearDown();

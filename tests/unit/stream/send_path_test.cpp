@@ -339,6 +339,12 @@ TEST_F(SendPath, BlockFromASecondThreadFailsAnAssertion) {
     EXPECT_DEBUG_DEATH(processElsewhere(), "captureThread");
 }
 
+TEST_F(SendPath, PreparationWhileTheCaptureRunsFailsAnAssertion) {
+    process(RAW);
+    const auto prepareElsewhere = [] { std::thread(fillOpusBank).join(); };
+    EXPECT_DEBUG_DEATH(prepareElsewhere(), "captureThread");
+}
+
 TEST(TwosCompShort, IsTheUnsignedValueOfItsBytes) {
     EXPECT_EQ(twosCompShort(0, 0), 0);
     EXPECT_EQ(twosCompShort(0, 255), 255);

@@ -37,8 +37,10 @@ void WebSite::start() {
     ASSERT_EQ(server_->open(options.listen), "");
     site_.reset(new vxweb::Site{vxweb::Doors({"kitchen", "radio.example"}, login), options.title,
                                 "http://192.168.1.20:59080/", nullptr, *station_});
-    server_->start(*site_);
-    station_->start();
+    boost::asio::post(workers_.front()->context(), [this] {
+        server_->start(*site_);
+        station_->start();
+    });
     for (const auto& worker : workers_) {
         threads_.emplace_back([&worker] {
             const auto busy = boost::asio::make_work_guard(worker->context());

@@ -8,7 +8,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/unit/web/enet_server.h"
+#include "tests/support/enet_server.h"
+#include "tests/support/packets.h"
 #include "tests/unit/web/web_client.h"
 #include "web/http/session.h"
 #include "web/http/web_server.h"
@@ -16,8 +17,7 @@
 #include "web/upstream/station.h"
 #include "web/upstream/worker.h"
 
-/// A web server with two workers on the loopback interface, in front of a server that sends what
-/// the test gives it.
+/// A web server with two workers on the loopback interface.
 class WebSite : public testing::Test {
   protected:
     /// To be changed before start().
@@ -48,7 +48,11 @@ class WebSite : public testing::Test {
     /// A listener to /live with this query, whose handshake is done.
     std::unique_ptr<WebClient> live(const std::string& query = {}, int receiveBuffer = 0);
 
-    std::unique_ptr<EnetServer> upstream = std::make_unique<EnetServer>();
+    /// A server that sends what the test gives it.
+    static std::unique_ptr<EnetServer> serve(std::uint16_t port = 0) {
+        return std::make_unique<EnetServer>(port, 2);
+    }
+    std::unique_ptr<EnetServer> upstream = serve();
 
   private:
     std::uint32_t seq_ = 1000;

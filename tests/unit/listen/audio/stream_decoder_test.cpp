@@ -6,7 +6,7 @@
 #include <gtest/gtest.h>
 
 #include "listen/audio/level_meter.h"
-#include "tests/unit/listen/packets.h"
+#include "tests/support/packets.h"
 
 using vxlisten::Join;
 using vxlisten::parseAudioPacket;

@@ -5,7 +5,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/unit/listen/packets.h"
+#include "tests/support/packets.h"
 
 using packets::Bytes;
 using packets::make;

@@ -15,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include "listen/network/receiver.h"
+#include "tests/support/enet_server.h"
 #include "tests/support/named_case.h"
 #include "tests/support/udp_socket.h"
 
@@ -106,33 +107,18 @@ class ReorderingRelay {
 class NumberingServer {
   public:
     explicit NumberingServer(const Delivery& delivery) : delivery_(delivery) {
-        enet_initialize();
-        ENetAddress address = {};
-        enet_address_set_host(&address, "127.0.0.1");
-        host_ = enet_host_create(&address, 1, 2, 0, 0);
-        host_->mtu = ENET_PROTOCOL_MINIMUM_MTU;
+        server_.limitMtu(ENET_PROTOCOL_MINIMUM_MTU);
     }
-    ~NumberingServer() {
-        enet_host_destroy(host_);
-        enet_deinitialize();
-    }
-    NumberingServer(const NumberingServer&) = delete;
-    NumberingServer& operator=(const NumberingServer&) = delete;
 
-    std::uint16_t port() const { return host_->address.port; }
+    std::uint16_t port() const { return server_.port(); }
 
     /// Sends a few packets more, but none that is far ahead of number `taken`.
     void step(std::uint32_t taken) {
-        ENetEvent event = {};
-        while (enet_host_service(host_, &event, 0) > 0) {
-            client_ = event.type == ENET_EVENT_TYPE_CONNECT ? event.peer : client_;
-        }
-        for (int i = 0; client_ != nullptr && i < 3 && !done() && sent_ < taken + 500; ++i) {
+        server_.service();
+        for (int i = 0; server_.connections() > 0 && i < 3 && !done() && sent_ < taken + 500; ++i) {
             std::vector<unsigned char> bytes(delivery_.bytes, static_cast<unsigned char>(sent_));
             std::memcpy(bytes.data(), &sent_, sizeof sent_);
-            enet_peer_send(client_, 0,
-                           enet_packet_create(bytes.data(), bytes.size(), delivery_.flags));
-            enet_host_flush(host_);
+            server_.send(bytes, delivery_.flags);
             ++sent_;
         }
     }
@@ -141,8 +127,7 @@ class NumberingServer {
 
   private:
     Delivery delivery_;
-    ENetHost* host_ = nullptr;
-    ENetPeer* client_ = nullptr;
+    EnetServer server_;
     std::uint32_t sent_ = 0;
 };
 

@@ -1,10 +1,10 @@
 #include <optional>
 
-#include <enet/enet.h>
 #include <gtest/gtest.h>
 
 #include "listen/clock.h"
 #include "listen/network/receiver.h"
+#include "tests/support/enet_server.h"
 
 using vxlisten::MILLISECOND;
 using vxlisten::Receiver;
@@ -19,38 +19,28 @@ class RoundTrip : public testing::Test {
   protected:
     void SetUp() override {
         ASSERT_TRUE(receiver_.open());
-        ENetAddress address = {};
-        enet_address_set_host(&address, "127.0.0.1");
-        server_ = enet_host_create(&address, 1, 2, 0, 0);
-        ASSERT_NE(server_, nullptr);
-        ASSERT_TRUE(receiver_.resolve("127.0.0.1", server_->address.port));
+        ASSERT_TRUE(receiver_.resolve("127.0.0.1", server_.port()));
         ASSERT_TRUE(receiver_.connect({}));
         auto found = ReceiverEvent::Type::None;
         for (int i = 0; i < 2000 && found != ReceiverEvent::Type::Connected; ++i) {
-            answer();
+            server_.service(1);
             found = receiver_.service(1).type;
         }
         ASSERT_EQ(found, ReceiverEvent::Type::Connected);
-    }
-    void TearDown() override { enet_host_destroy(server_); }
-
-    void answer() {
-        ENetEvent event = {};
-        enet_host_service(server_, &event, 1);
     }
 
     /// Waits for a round trip while the server answers; at most ten seconds.
     std::optional<std::int64_t> await() {
         std::optional<std::int64_t> found;
         for (const std::int64_t end = steadyNow() + 10 * SECOND; !found && steadyNow() < end;) {
-            answer();
+            server_.service(1);
             receiver_.service(1);
             found = receiver_.takeRoundTrip();
         }
         return found;
     }
 
-    ENetHost* server_ = nullptr;
+    EnetServer server_;
     Receiver receiver_;
 };
 

@@ -5,7 +5,7 @@
 
 #include "listen/playout/playout.h"
 #include "tests/support/callback_watch.h"
-#include "tests/unit/listen/packets.h"
+#include "tests/support/packets.h"
 #include "tests/unit/listen/playout/packet_feed.h"
 
 namespace {

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "listen/playout/playout.h"
-#include "tests/unit/listen/packets.h"
+#include "tests/support/packets.h"
 #include "tests/unit/listen/playout/packet_feed.h"
 #include "tests/unit/listen/playout/virtual_stream.h"
 

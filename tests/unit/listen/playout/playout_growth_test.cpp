@@ -6,7 +6,7 @@
 
 #include "listen/audio/splicing.h"
 #include "listen/playout/playout.h"
-#include "tests/unit/listen/packets.h"
+#include "tests/support/packets.h"
 #include "tests/unit/listen/playout/virtual_stream.h"
 
 using virtual_stream::Conditions;

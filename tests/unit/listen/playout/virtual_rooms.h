@@ -18,7 +18,7 @@
 #include "listen/network/sequence_tracker.h"
 #include "listen/playout/playout.h"
 #include "listen/playout/send_clock.h"
-#include "tests/unit/listen/packets.h"
+#include "tests/support/packets.h"
 
 /// One server and several listeners, each with a network, a clock and an output device of its own,
 /// in virtual time. What is heard is judged by the phases of two tones. Times in seconds.

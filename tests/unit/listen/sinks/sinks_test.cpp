@@ -12,7 +12,7 @@
 #include "listen/audio/level_meter.h"
 #include "listen/sinks/pipe_sink.h"
 #include "listen/sinks/recorder.h"
-#include "tests/unit/listen/packets.h"
+#include "tests/support/packets.h"
 
 using vxlisten::PipeSink;
 using vxlisten::Recorder;

@@ -4,7 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/unit/listen/packets.h"
+#include "tests/support/packets.h"
 
 using vxlisten::PcmSink;
 using vxlisten::SinkState;

@@ -5,6 +5,7 @@
 #include <functional>
 #include <future>
 #include <optional>
+#include <thread>
 
 #include <boost/asio/io_context.hpp>
 #include <gtest/gtest.h>
@@ -81,6 +82,12 @@ TEST_F(ListenerTest, WhatIsSentArrivesInOrder) {
     EXPECT_TRUE(listener->idle());
     EXPECT_EQ(client->chunk(), std::string(100, 'a'));
     EXPECT_EQ(client->chunk(), std::string(100, 'b'));
+}
+
+TEST_F(ListenerTest, APacketFromASecondThreadFailsAnAssertion) {
+    open(Listener::Slow::LosesSound);
+    send('a', 0, 100);
+    EXPECT_DEBUG_DEATH(std::thread([this] { send('b', 0, 100); }).join(), "thread_");
 }
 
 TEST_F(ListenerTest, WithoutFramesTheContentAloneIsSent) {

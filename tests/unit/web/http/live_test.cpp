@@ -115,7 +115,7 @@ TEST_F(LiveTest, WhileTheServerIsAwayListenersWaitAndThenHearOn) {
     EXPECT_EQ(client->text(), WAITING);
     upstream.reset();
     EXPECT_EQ(live()->text(), WAITING);
-    upstream = std::make_unique<EnetServer>(samePort);
+    upstream = serve(samePort);
     waitForAsked({0});
     upstream->send(packets::raw(0));
     EXPECT_EQ(client->text(), PCM);
@@ -128,7 +128,7 @@ TEST_F(LiveTest, BeforeTheServerIsThereListenersWait) {
     start();
     const auto client = live();
     EXPECT_EQ(client->text(), WAITING);
-    upstream = std::make_unique<EnetServer>(samePort);
+    upstream = serve(samePort);
     waitForAsked({0});
     upstream->send(packets::raw(0));
     EXPECT_EQ(client->text(), PCM);

@@ -8,7 +8,7 @@
 #include <opus/opus.h>
 
 #include "listen/network/sequence_tracker.h"
-#include "tests/unit/listen/packets.h"
+#include "tests/support/packets.h"
 #include "web/streams/media_stream.h"
 
 /// A server's feed of a tone, and the stream made of it, in virtual time.

@@ -132,4 +132,11 @@ TEST_F(StationTest, AtTheEndOfTheProgramTheServerIsToldGoodbye) {
     waitForAsked({});
 }
 
+TEST(WorkerTest, APacketFromASecondThreadFailsAnAssertion) {
+    vxweb::Worker worker(0);
+    worker.farewell();
+    const auto elsewhere = [&worker] { std::thread([&] { worker.deliver(0, {}); }).join(); };
+    EXPECT_DEBUG_DEATH(elsewhere(), "here\\(\\)");
+}
+
 }  // namespace

@@ -1,4 +1,4 @@
-#include "tests/unit/listen/packets.h"
+#include "tests/support/packets.h"
 
 #include <cmath>
 
