@@ -16,7 +16,7 @@
 #include "tests/fuzz/fuzz_input.h"
 #include "update/web_address.h"
 
-// One capture device that cannot be opened takes PortAudio's place; it notes the wanted rate.
+// Replaces PortAudio by one capture device that cannot be opened and notes the requested rate.
 namespace {
 
 constexpr double DEVICE_RATE = 48000;
@@ -150,7 +150,7 @@ void checkSampleRate() {
     stderr = devNull;
     const int result = Audio::Open(0, is48k);
     stderr = saved;
-    // The program opens once and keeps them for ever.
+    // The program opens once and never frees them.
     delete[] Audio::_CaptureBuffer;
     delete[] Audio::_CaptureBufferComp;
     require(result == paDeviceUnavailable && !is48k, "a failed capture has no rate");

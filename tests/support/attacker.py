@@ -1,4 +1,4 @@
-"""What somebody in the same network may do to a server, one kind of attack at a time.
+"""Attacks on a server from the same network, one kind at a time.
 
 Runs as a process of its own, in the other network:
 
@@ -67,7 +67,7 @@ def noise(host, count, rate, seed, path):
 
 
 def replay(host, count, rate, path):
-    """A whole connection of somebody else's, datagram by datagram, again and again."""
+    """A recorded connection of another client, datagram by datagram, repeatedly."""
     recorded = _recorded(path)
     _flood(_sockets(1), lambda i: recorded[i % len(recorded)], (host, SERVER_PORT), rate, count)
 
@@ -227,12 +227,12 @@ class Attacker(ModuleProcess):
         return self.out.all()[line]
 
     def stop_sending(self):
-        """Lets a sender of messages come to its end; returns its line."""
+        """Waits for the end of a sender of messages; returns its line."""
         self.leave()
         return self.wait_sent()
 
     def leave(self):
-        """Lets connected peers say good-bye."""
+        """Disconnects connected peers."""
         self.child.stdin.write("\n")
         self.child.stdin.flush()
 

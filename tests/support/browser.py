@@ -25,9 +25,9 @@ MARIONETTE_PORT = 2828
 
 
 class Browser:
-    """What both browsers do. ``env`` are the variables of a SoundServer; a context manager.
+    """A browser with the variables ``env`` of a SoundServer; a context manager.
 
-    Certificates that nobody has signed are accepted. The profile is empty and lasts as long.
+    Self-signed certificates are accepted. The profile is empty and temporary.
     """
 
     def __init__(self, env=None):

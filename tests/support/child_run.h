@@ -25,7 +25,7 @@ class Child {
 
     [[nodiscard]] pid_t id() const { return process_; }
 
-    /// What has been printed on standard output, after waiting some seconds at most for `wanted`.
+    /// The standard output, after waiting at most some seconds for `wanted`.
     [[nodiscard]] std::string printed(const std::string& wanted = "") const;
 
     /// The same for standard error.

@@ -117,7 +117,7 @@ class HandMadePeer:
         return True
 
     def heard(self):
-        """What has come and is to be acknowledged, a list of (channel, sequence, sent time) for
+        """Received commands to acknowledge, a list of (channel, sequence, sent time) for
         each datagram."""
         while True:
             try:
@@ -164,7 +164,7 @@ class HandMadePeer:
         self.send(command(PING, CONTROL_CHANNEL, self.ping_sequence, flags=WANTS_ACKNOWLEDGE))
 
     def disconnect(self):
-        """Says good-bye, more than once because no answer is waited for."""
+        """Disconnects, more than once because no answer is awaited."""
         for _ in range(3):
             self.send(command(DISCONNECT, CONTROL_CHANNEL, 0, 0, flags=UNSEQUENCED))
             time.sleep(0.1)

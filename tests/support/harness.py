@@ -78,7 +78,7 @@ def fake(name):
 
 
 def end_by_itself(process):
-    """A sanitizer looks for leaks when a program ends, not when it is killed."""
+    """A sanitizer checks for leaks when a program ends, not when it is killed."""
     if process.child.poll() is None:
         status = process.stop(timeout=END_PATIENCE)
         if status != 0:
@@ -154,7 +154,7 @@ def busy_port():
 
 
 def listen_command(*arguments, host="127.0.0.1"):
-    """Without a host the client looks for a server."""
+    """Without a host the client searches for a server."""
     return [program("VELANTRIX_LISTEN"), *([host] if host else []), *map(str, arguments)]
 
 

@@ -6,9 +6,9 @@
 /// waits in the queue meanwhile. One at a time.
 class HeldLine {
   public:
-    /// Returns when the thread stands; it goes on by itself after `milliseconds`.
+    /// Returns when the thread is blocked; it continues after `milliseconds`.
     explicit HeldLine(int milliseconds);
-    ~HeldLine();  ///< Lets it go on at once and waits for it.
+    ~HeldLine();  ///< Lets it continue at once and waits for it.
     HeldLine(const HeldLine&) = delete;
     HeldLine& operator=(const HeldLine&) = delete;
 

@@ -26,7 +26,7 @@ struct StatusReport {
 
 void PrintTo(const StatusReport& report, std::ostream* out);
 
-/// A front end that keeps the reports. Lives for ever, as the streaming side expects.
+/// A front end that keeps the reports. Never destroyed, as the streaming side expects.
 class RecordingCore : public VelantrixServerNoGUI {
   public:
     void SetAudioCaptureActive() override;
@@ -47,7 +47,7 @@ class LiveServer : public testing::Test {
     void SetUp() override;
     void TearDown() override;
 
-    /// Services server and clients until `done` says so; fails the test after 10 s.
+    /// Services server and clients until `done` returns true; fails the test after 10 s.
     void pumpUntil(const std::function<bool()>& done);
 
     /// Services server and clients for a while, for what must not happen.

@@ -1,4 +1,4 @@
-// Lets a share of ENet's allocations fail (LD_PRELOAD). The file named by VELANTRIX_SCARCE holds
+// Makes a share of ENet's allocations fail (LD_PRELOAD). The file named by VELANTRIX_SCARCE holds
 // two 32-bit numbers: how many of a thousand fail just now, and the seed of the choice.
 
 #include <cerrno>

@@ -60,7 +60,7 @@ def sequence_gaps(packets):
 
 
 def wait_packets_of_all(clients, count):
-    """Waits until each client has so many packets more than now; returns all packets of each."""
+    """Waits until each client has this many more packets; returns all packets of each."""
     already = [len(client.packets()) for client in clients]
     for client, before in zip(clients, already):
         wait_until(lambda: client.statistics()["packets"] >= before + count,
@@ -143,7 +143,7 @@ class Client:
         return packets
 
     def wait_packets(self, count):
-        """Waits for so many packets more than there are; returns all."""
+        """Waits for this many more packets; returns all."""
         return wait_packets_of_all([self], count)[0]
 
 

@@ -137,7 +137,7 @@ class Process:
         self.child.wait()
 
     def _save_coverage(self):
-        """Lets a program that was built to measure coverage write its counts and die by itself."""
+        """Makes a program of a coverage build write its counts and end."""
         with open(f"/proc/{self.pid}/status", encoding="ascii", errors="replace") as status:
             caught = int(re.search(r"^SigCgt:\s*(\w+)$", status.read(), re.MULTILINE).group(1), 16)
         if not caught >> (_WRITE_COUNTS_AND_DIE - 1) & 1:

@@ -13,7 +13,7 @@ FRAME_BYTES = 4
 
 
 def noise(frames, seed, level=12000):
-    """Stereo noise that repeats nowhere: any piece of it is found at one place only."""
+    """Stereo noise without repetition: any piece of it is found at one place only."""
     generator = random.Random(seed)
     return array.array("h", (generator.randint(-level, level) for _ in range(frames * CHANNELS)))
 

@@ -1,4 +1,4 @@
-"""A private sound server: real PulseAudio with a null sink, heard by nobody else."""
+"""A private sound server: real PulseAudio with a null sink."""
 
 import os
 import pathlib

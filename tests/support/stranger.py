@@ -308,7 +308,7 @@ class Stranger(HandMadePeer):
             yield 0.005
 
     def break_silence(self):
-        """Lets the server believe that answers take long, and then that they do not; keeps silent;
+        """Makes the server believe that answers take long, and then that they do not; keeps silent;
         acknowledges the oldest when what was sent after it is overdue, in the same moment as it and
         its friends say something; and comes back."""
         friends = [Stranger(self.server, self.random, False) for _ in range(FRIENDS)]
@@ -365,8 +365,8 @@ class Stranger(HandMadePeer):
 
 
 class Forger(Stranger):
-    """Walks under an address where nobody answers, or that cannot be answered. It does not hear
-    which peer it got, and tries all."""
+    """Walks with an address that does not answer, or cannot be answered. It does not learn
+    its peer's number, and tries all."""
 
     SENDERS = (("10.77.0.2", 0), ("10.77.0.77", 4077), ("10.77.0.255", 4077),
                ("198.51.100.9", 4077), ("10.77.0.1", 59010), ("127.0.0.1", 59011))
@@ -410,7 +410,7 @@ class Forger(Stranger):
 
 
 def walk(server, seed, count, at_once, sharing):
-    """Lets ``count`` strangers live, ``at_once`` of them together, ``sharing`` of these as clients
+    """Runs ``count`` strangers, ``at_once`` of them together, ``sharing`` of these as clients
     that share the server with others. Returns how many datagrams they sent and how many had been
     answered."""
     generator = random.Random(seed)

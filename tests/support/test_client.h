@@ -43,7 +43,7 @@ class TestClient {
     bool send(const std::vector<unsigned char>& message, std::uint8_t channel = 0,
               enet_uint32 delivery = ENET_PACKET_FLAG_RELIABLE) const;
 
-    /// Leaves with a notice; service() must go on for it to go out.
+    /// Disconnects; service() must then be called to send it.
     void leave(std::uint32_t data = 0) const;
 
     /// The local UDP port.

@@ -39,7 +39,7 @@ def read_all(line):
 
 
 class LiveListener:
-    """Hears /live on a thread of its own until it is closed. A context manager.
+    """Listens to /live on a separate thread until it is closed. A context manager.
 
     ``texts``    the text messages.
     ``numbers``  the sequence numbers of the binary ones.

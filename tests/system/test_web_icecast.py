@@ -45,7 +45,7 @@ RELAY = """<relay>
 
 
 class Icecast(Process):
-    """A running icecast2 that nobody else sees."""
+    """A private icecast2."""
 
     def __init__(self, folder, port, relayed_port=None):
         folder.mkdir(exist_ok=True)

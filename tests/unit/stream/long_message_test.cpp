@@ -19,8 +19,8 @@ constexpr enet_uint32 KEPT = MAX_MESSAGE_BYTES;
 
 class LongMessage : public LiveServer {
   protected:
-    /// Sends a Data request so long and waits until it is obeyed; returns the most bytes that were
-    /// held of it meanwhile.
+    /// Sends a Data request of this length and waits until it is handled; returns the most bytes
+    /// that were held of it meanwhile.
     std::size_t requestOf(TestClient& client, std::size_t length, enet_uint32 delivery) {
         std::vector<unsigned char> message = dataRequest(0x41, "Phone");
         message.resize(length, 'x');
@@ -60,7 +60,7 @@ TEST_F(LongMessage, JustOverTheBoundIsObeyed) {
     requestOf(client, MAX_MESSAGE_BYTES + 1, ENET_PACKET_FLAG_RELIABLE);
 }
 
-/// Lets the guard see what has come of nobody's.
+/// Passes the guard datagrams of unknown senders.
 void guard(std::vector<unsigned char>& datagram) {
     static ENetHost host = {};
     guardDatagrams(host);

@@ -17,7 +17,7 @@ namespace {
 
 class StuckPeers : public Strangers {
   protected:
-    /// One that is being thrown out, and has been told so.
+    /// One that is being disconnected, and knows it.
     HandMadeClient& arriveAndBeThrownOut() {
         HandMadeClient& stranger = arrive();
         enet_peer_disconnect(&peerOf(stranger), wire::DISCONNECT_REPLACED);
