@@ -163,7 +163,7 @@ def peers(host, count, data):
 def control(host, rate, kind):
     """One connected client that sends control messages until a line of input comes, and hears
     nothing. It then goes on until it has sent so many a second on the average, or lost patience;
-    another line lets it say good-bye."""
+    another line makes it disconnect."""
     (peer,) = connect_peers((host, SERVER_PORT), 1, 0x80000001)
     say("ready")
     request = b"\1\0\0\0" + bytes(4) + b"\1\0\0\0" + bytes(4) + b"flood\0"

@@ -18,8 +18,8 @@ from support.enet_wire import (ACKNOWLEDGE, BANDWIDTH_LIMIT, COMMANDS_AT_ONCE, C
                                HandMadePeer, acknowledgement, command, connect_fields, mutate, now)
 from support.probe import MULTI_CLIENT, control_message, data_request
 
-LIFE = 60.0  # Seconds after which the server has given up whoever is silent.
-TIME_OUT = 36.0  # Seconds in which ENet gives up who has never acknowledged anything.
+LIFE = 60.0  # Seconds after which the server has disconnected a silent peer.
+TIME_OUT = 36.0  # Seconds after which ENet disconnects a peer that has never acknowledged.
 FRIENDS = 7
 PEERS, SESSIONS = 32, 4  # Of the server: places, and numbers of the connections in each.
 LONGEST = 4096
@@ -256,7 +256,7 @@ class Stranger(HandMadePeer):
         yield from self.phase(self.random.uniform(0, 2), self.never)  # As one that is gone.
 
     def arrive(self):
-        """Until it is connected, or gives up; a few are never answered, or go at once."""
+        """Runs until it is connected or has failed; a few are never answered, or leave at once."""
         if self.sometimes(0.1):
             self.send(self.connect() + self.usual(DISCONNECT), peer=NO_PEER)
         self.acknowledge = self.random.choice((self.in_order,) * 6 + (

@@ -140,7 +140,7 @@ TEST_F(SoundKeeperTest, ADeviceThatRunsDryAgainAndAgainIsAskedForMoreLatency) {
     }
     EXPECT_EQ(keeper_->figures().underruns, 3u);
     EXPECT_EQ(keeper_->figures().deviceUnderruns, 3u);
-    const auto told = watchUntilTold("the output device runs dry");
+    const auto told = watchUntilTold("repeated underruns");
     ASSERT_EQ(told.size(), 1u);
     EXPECT_NE(told[0].find("requesting " + std::to_string(2 * first) + " ms of latency"),
               std::string::npos)
