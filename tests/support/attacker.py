@@ -54,7 +54,7 @@ def _recorded(path):
 
 
 def noise(host, count, rate, seed, path):
-    """Random datagrams, and recorded ones with damages, half each."""
+    """Half random datagrams, half damaged recorded ones."""
     generator = random.Random(f"{seed} {count}")  # When the rest is sent once more: other ones.
     recorded = _recorded(path)
 
@@ -96,7 +96,7 @@ def forged(host, count, rate, state):
 
 
 def connects(host, count, rate, ports):
-    """Asks for connections from many ports and answers nothing."""
+    """Requests connections from many ports and answers nothing."""
     generator = random.Random(int(count))
     _flood(_sockets(int(ports)),
            lambda _: connect_datagram(generator.getrandbits(32), 0x80000001),
@@ -138,7 +138,7 @@ def _count_waiting(client):
 
 
 def half_open(host, count):
-    """Connections that are asked for once and never acknowledged."""
+    """Connections that are requested once and never acknowledged."""
     for number, end in enumerate(_sockets(int(count))):
         end.sendto(connect_datagram(number + 1, 0x80000001), (host, SERVER_PORT))
     say("ready")
@@ -195,7 +195,7 @@ def control(host, rate, kind):
 
 
 def walk(host, seed, count, at_once, sharing):
-    """Strangers at random, see stranger.py; they leave the processors to those who hear."""
+    """Random strangers, see stranger.py, at low priority."""
     os.nice(5)
     _sockets(0)
     say("ready")
@@ -215,7 +215,7 @@ def say(text):
 
 
 class Attacker(ModuleProcess):
-    """An attack as a child process; leaving the context ends it without a word."""
+    """An attack as a child process; leaving the context kills it."""
 
     def __init__(self, network, host, kind, *words):
         super().__init__("attacker", host, kind, *words, prefix=network.command(),

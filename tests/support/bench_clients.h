@@ -5,7 +5,7 @@
 #include <vector>
 
 /// Client processes (the program stream_client in the same folder) that stream from a loopback
-/// port. They end, and are waited for, when the object goes.
+/// port. The destructor ends them and waits for them.
 class BenchClients {
   public:
     struct Choice {

@@ -72,7 +72,7 @@ class ScopedVariable {
     bool wasSet_;
 };
 
-/// Standard output of this process goes to a descriptor until the object goes.
+/// Standard output of this process goes to a descriptor while the object exists.
 class OutputTo {
   public:
     explicit OutputTo(int descriptor);

@@ -5,7 +5,7 @@
 /// Makes ENet allocate here from now on.
 void watchEnetMemory();
 
-/// Bytes that ENet holds of what it took since then.
+/// Bytes that ENet has allocated since then and not freed.
 std::size_t enetBytes();
 
 /// While one exists, ENet's allocations fail after this number.

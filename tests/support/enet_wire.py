@@ -76,7 +76,7 @@ def commands_of(datagram):
 
 
 class HandMadePeer:
-    """One connection by hand, which keeps only those rules that its owner wants kept.
+    """One hand-made connection, which keeps only the rules that its owner needs.
 
     ``service`` acknowledges what has come. Connected once ``peer_id`` is known; ``sent`` keeps the
     first datagrams.

@@ -7,11 +7,10 @@
 
 #include <portaudio.h>
 
-/// Takes PortAudio's place at link time: one device, for capture or for output, that does what a
-/// test wrote into it, and records what was asked of it. Calls that make no sense (a stream opened
-/// before PortAudio is initialised, a foreign stream, two calls at once, other parameters than the
-/// program's own) fail the test. Functions that the program does not use are missing, so a new use
-/// does not link.
+/// Replaces PortAudio at link time: one device, for capture or for output, that a test controls,
+/// and that records requests. Calls that make no sense (a stream opened before PortAudio is
+/// initialised, a foreign stream, two calls at once, other parameters than the program's own) fail
+/// the test. Functions that the program does not use are missing, so a new use does not link.
 struct FakePortAudio {
     // What the calls return. Set before the code under test runs.
     PaError initializeResult = paNoError;

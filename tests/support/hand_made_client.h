@@ -14,18 +14,19 @@
 /// port there. Needs the rights of the network namespace.
 void sendForged(std::uint16_t from, std::uint16_t to, std::uint16_t peerId, const Bytes& commands);
 
-/// A client by hand over real loopback UDP, which keeps only those of ENet's rules that the test
+/// A hand-made client over real loopback UDP, which keeps only those of ENet's rules that the test
 /// needs. By itself it only sends the connect command.
 class HandMadeClient {
   public:
-    /// `more`: commands in the datagram of that word.
+    /// `more`: further commands in that datagram.
     explicit HandMadeClient(std::uint32_t connectData = wire::CONNECT_MULTI_CLIENT | 1,
                             const Bytes& more = {});
 
     /// Reads received datagrams.
     void listen();
 
-    /// Acknowledges what came since the last time; as if it had been sent at `sentTime`, if given.
+    /// Acknowledges what was received since the last call, as if it had been sent at `sentTime`, if
+    /// given.
     void acknowledgeAll(std::optional<std::uint16_t> sentTime = std::nullopt);
 
     /// Sends one datagram of commands to the server's peer.

@@ -53,20 +53,20 @@ class LiveServer : public testing::Test {
     /// Services server and clients for a while, for what must not happen.
     void pumpFor(int milliseconds);
 
-    /// A client whose connection the server has entered.
+    /// A client that the server has in its table.
     TestClient& connect(std::uint32_t connectData, std::uint16_t localPort = 0,
                         std::uint32_t mtu = 0);
 
     /// A client that streams with these Data request flags.
     TestClient& stream(std::uint32_t flags, std::uint32_t connectData = COMPANY | 1);
 
-    /// Sends a control message and lets the server obey it.
+    /// Sends a control message and lets the server handle it.
     void tell(TestClient& client, const std::vector<unsigned char>& message);
 
-    /// Hands a raw block to the send path, with its service step.
+    /// Passes a raw block to the send path, with its service step.
     static void sendBlock();
 
-    /// Takes a client out of the service loop and destroys it without a word to the server.
+    /// Removes a client from the service loop and destroys it without a disconnect.
     void vanish(TestClient& client);
 
     /// Index of the slot whose peer has this client's address; -1: none.

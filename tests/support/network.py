@@ -1,4 +1,4 @@
-"""Private networks for tests and benchmarks, so that no packet of theirs leaves the machine."""
+"""Private networks for tests and benchmarks, so that no packet leaves the machine."""
 
 import os
 import pathlib

@@ -10,7 +10,7 @@ import threading
 import time
 
 PATIENCE = 30.0
-"""Seconds to wait for something that comes at once on an idle machine."""
+"""Seconds to wait for something that is immediate on an idle machine."""
 
 _PR_SET_PDEATHSIG = 1
 _WRITE_COUNTS_AND_DIE = 60

@@ -87,7 +87,7 @@ def loud_part(samples, threshold=200):
 
 
 def find_frames(haystack, needle):
-    """Frame index at which ``needle`` stands bit for bit in ``haystack``, or -1."""
+    """Frame index of ``needle`` in ``haystack``, bit for bit, or -1."""
     hay, sought = haystack.tobytes(), needle.tobytes()
     at = hay.find(sought)
     while at >= 0 and at % FRAME_BYTES != 0:

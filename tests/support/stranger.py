@@ -1,4 +1,4 @@
-"""Strangers: hand-made peers that walk at random over all commands, flags and states of ENet's.
+"""Strangers: hand-made peers that use ENet's commands, flags and states at random.
 
 Each connects or tries to, does some deeds with some way to acknowledge, and leaves. All that it
 chooses comes from a generator of random numbers; what it sends depends on the answers, too.
@@ -47,7 +47,7 @@ class Stranger(HandMadePeer):
         self.steps = self.walk()
 
     def ask(self, data):
-        """Asks in its own time."""
+        """Requests data after a while."""
 
     # How it sends.
 
@@ -295,7 +295,7 @@ class Stranger(HandMadePeer):
     # Ways to leave.
 
     def vanish(self):
-        """Without a word, or after answers by which round trips take long."""
+        """Without notice, or after answers that make round trips look long."""
         if self.sometimes(0.5):
             yield from self.phase(3, self.for_what_was_sent_long_ago, self.nothing)
 

@@ -25,7 +25,7 @@ class UdpSocket {
 
     [[nodiscard]] std::uint16_t port() const;
 
-    /// Hears what is sent to a multicast group on the loopback interface as well.
+    /// Also receives from a multicast group on the loopback interface.
     void join(const char* group) const;
 
     void send(const std::string& text, const std::string& host, std::uint16_t port) const;

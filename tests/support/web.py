@@ -1,4 +1,4 @@
-"""velantrix-web, the programs that listen to it, and how they heard."""
+"""velantrix-web, the programs that listen to it, and checks of what they heard."""
 
 import re
 import statistics

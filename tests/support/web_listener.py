@@ -1,4 +1,4 @@
-"""Listeners to velantrix-web by hand: requests of any bytes, and /live with its numbers."""
+"""Hand-made listeners to velantrix-web: requests of any bytes, and /live with its numbers."""
 
 import socket
 import struct
@@ -28,7 +28,7 @@ def request(path, lines=""):
 
 
 def read_all(line):
-    """Everything that comes until the other side closes."""
+    """Everything received until the other side closes."""
     content = b""
     try:
         while piece := line.recv(65536):

@@ -1,4 +1,4 @@
-// Datagrams that no client sends, or only one that is worse off than it knows.
+// Datagrams that no client sends, or only after losses.
 
 #include "stream/datagram_guard.h"
 
@@ -244,7 +244,7 @@ class LongLists : public DatagramGuard {
   protected:
     static constexpr int LENGTH = 3000;
 
-    /// How many commands of this size ENet is shown of many datagrams that come at once.
+    /// How many commands of this size ENet sees from many datagrams at once.
     static std::size_t shownOf(HandMadeClient& stranger, const Bytes& command) {
         static ENetInterceptCallback guard = nullptr;
         static std::size_t shown = 0;

@@ -125,7 +125,7 @@ class Datagram {
     std::size_t last = 0;
 };
 
-/// A piece of a message, and what is left of it.
+/// A fragment of a message, and the rest of it.
 struct Piece {
     enet_uint32 total;
     enet_uint32 offset;
@@ -164,7 +164,7 @@ INSTANTIATE_TEST_SUITE_P(LongMessage, LongMessagePiece,
                              Piece{KEPT + 1, KEPT - 999, 1000, KEPT, KEPT - 1000},
                              Piece{KEPT + 1, KEPT, 1, KEPT, KEPT - 1},
                              Piece{0xFFFFFFFFU, 0xFFFFFFF0U, 15, KEPT, KEPT - 15},
-                             // Pieces beyond their own message, which ENet refuses.
+                             // Fragments beyond their own message, which ENet refuses.
                              Piece{KEPT + 1, KEPT + 1, 1000, KEPT + 1, KEPT + 1},
                              Piece{KEPT + 1, 2, 0xFFFF, KEPT + 1, 2},
                              Piece{KEPT + 1, 0xFFFFFFFFU, 1000, KEPT + 1, 0xFFFFFFFFU},

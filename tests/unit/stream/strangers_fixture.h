@@ -26,8 +26,8 @@ class Strangers : public LiveServer {
         return stranger;
     }
 
-    /// One whose connection the server has entered; it acknowledges as if what came had been sent
-    /// at `sentTime`, if given.
+    /// One in the server's table; it acknowledges as if everything had been sent at `sentTime`, if
+    /// given.
     HandMadeClient& arrive(std::optional<std::uint16_t> sentTime = std::nullopt) {
         HandMadeClient& stranger = begin();
         const std::int32_t before = connectCount;
@@ -36,7 +36,7 @@ class Strangers : public LiveServer {
         return stranger;
     }
 
-    /// Services the server, and takes what comes to the strangers.
+    /// Services the server, and reads what the strangers receive.
     void listenUntil(const std::function<bool()>& done) {
         pumpUntil([&] {
             for (const auto& stranger : strangers) {

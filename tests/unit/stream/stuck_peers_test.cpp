@@ -1,5 +1,5 @@
-// Every way in which a client can leave, or cannot: its place is free again, and who had come is
-// told to have gone, once.
+// Every way in which a client can leave: its place is free again, and its end is reported once if
+// its connection was.
 
 #include "stream/stuck_peers.h"
 
@@ -25,7 +25,7 @@ class StuckPeers : public Strangers {
         return stranger;
     }
 
-    /// The place is given back; with one line and one report if its client had been counted.
+    /// The place is free; with one line and one report if its client had been counted.
     void expectGone(const HandMadeClient& stranger, bool counted) {
         listenUntil([&stranger] { return peerOf(stranger).state == ENET_PEER_STATE_DISCONNECTED; });
         serviceHost();

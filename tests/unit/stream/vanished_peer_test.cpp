@@ -1,4 +1,4 @@
-// Clients that leave the network without a word.
+// Clients that vanish from the network.
 
 #include "stream/vanished_peer.h"
 
@@ -107,7 +107,7 @@ class VanishedClient : public SendPath {
 
 TEST_F(VanishedClient, IsSentBestEffortSoundAgainOnceItAnswers) {
     TestClient& client = stream(BEST_EFFORT);
-    stream(RELIABLE);  // Which answers nothing either.
+    stream(RELIABLE);  // It answers nothing either.
     processUntilSentTo(2);
     const enet_uint32 lastAnswer = clientConn[0].peer->lastReceiveTime;
     processUntilSentTo(1);
