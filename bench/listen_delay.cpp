@@ -4,7 +4,7 @@
 // as they are there and 1 ms later, as the capture callback does for raw and for compressed sound.
 // The client's receiver and playing side work as in the program, with a device that asks for 480
 // frames every 10 ms. Every half second one block carries a click; the delay is the time from
-// queueing the block to the moment at which its first sample stands in the output buffer, to the
+// queueing the block to the moment at which its first sample is in the output buffer, exact to a
 // sample. What is not in it: the capture before and the device's own buffer after. Nobody has
 // chosen a buffer: the first two minutes, in which it shrinks, are not judged.
 //

@@ -7,7 +7,7 @@
 // and, raw sound only,
 //   silence      a packet of nothing but zeros
 //   glitch       a packet in which the tone on the left (1 kHz at 48 kHz) is not continued, or the
-//                counter on the right, which goes on by one every 48 frames and begins again at
+//                counter on the right, which grows by one every 48 frames and begins again at
 //                -30000 after 29999
 //   click FRAME  a click begins at this frame of the packet (clicks only)
 // and a last line "packets N".

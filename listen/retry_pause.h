@@ -12,13 +12,13 @@ class RetryPause {
     static constexpr std::int64_t FIRST_MS = 250;
     static constexpr std::int64_t MAXIMUM_MS = 5000;
 
-    /// `longest` in milliseconds.
-    explicit RetryPause(std::int64_t longest = MAXIMUM_MS) : longest_(longest) {}
+    /// `maximum` in milliseconds.
+    explicit RetryPause(std::int64_t maximum = MAXIMUM_MS) : maximum_(maximum) {}
 
     /// The pause before the next attempt, in milliseconds.
     std::int64_t next() {
         const std::int64_t pause = next_;
-        next_ = std::min(2 * next_, longest_);
+        next_ = std::min(2 * next_, maximum_);
         return pause;
     }
 
@@ -26,7 +26,7 @@ class RetryPause {
     void reset() { next_ = FIRST_MS; }
 
   private:
-    std::int64_t longest_;
+    std::int64_t maximum_;
     std::int64_t next_ = FIRST_MS;
 };
 

@@ -14,7 +14,7 @@ if(NOT VX_PLAIN AND NOT VELANTRIX_SANITIZE)
   set(VX_PLAIN ${CMAKE_BINARY_DIR})
 endif()
 
-# What of the other builds is needed.
+# The needed targets of the other builds.
 set(VX_PLAIN_TARGETS VelantrixServer velantrix-listen velantrix-web packaging/all instruction_count stream_client
     soak_server soak_clients paced_capture torture enet_probe callback_tripwire_test scarce_resources_test
     listen_callback_test preload_clock preload_faults preload_scarce)

@@ -46,10 +46,10 @@ void describe(CLI::App& app, Words& words, Options& options) {
     app.set_version_flag("--version", "velantrix-web " VELANTRIX_WEB_VERSION);
 }
 
-bool readPort(std::string_view text, int least, std::uint16_t& port) {
+bool readPort(std::string_view text, int minimum, std::uint16_t& port) {
     int number = -1;
     const auto end = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (end.ec != std::errc() || end.ptr != text.data() + text.size() || number < least ||
+    if (end.ec != std::errc() || end.ptr != text.data() + text.size() || number < minimum ||
         number > 65535) {
         return false;
     }

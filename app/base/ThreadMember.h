@@ -15,7 +15,7 @@ class ThreadMember : public Thread {
   public:
     ~ThreadMember() override = default;
 
-    /// Thread entry. `record` is a heap-allocated MemberCall<T>, which it takes over, or null.
+    /// Thread entry. `record` is a heap-allocated MemberCall<T>, which it then owns, or null.
     /// Touches neither the object nor this thread's wrapper after the call: both may be gone.
     static void* StartMemberFunction(void* record) {
         if (record == nullptr) {

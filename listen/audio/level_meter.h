@@ -6,7 +6,7 @@
 
 namespace vxlisten {
 
-/// Level that stands for digital silence, in dBFS.
+/// Level of digital silence, in dBFS.
 constexpr double SILENCE_DBFS = -120.0;
 
 /// Peak and mean level of stereo sound since the last clear(). Levels are in dB relative to the

@@ -180,9 +180,9 @@ std::string SoundKeeper::lose(std::int64_t now) {
 
 /// The message that the device is gone, once until it is back.
 std::string SoundKeeper::lostMessage() {
-    const bool told = lost_;
+    const bool wasLost = lost_;
     lost_ = true;
-    return told ? std::string() : "the output device is gone, trying to reopen it";
+    return wasLost ? std::string() : "the output device is gone, trying to reopen it";
 }
 
 std::string SoundKeeper::raiseLatency() {

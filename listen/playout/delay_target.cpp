@@ -43,18 +43,18 @@ void DelayTarget::noteArrival(std::int64_t mediaTime, std::int64_t arrival, doub
     packetMs_ = packetMs;
     if (!started_) {
         started_ = true;
-        quickest_ = quickestNow_ = transit;
+        earliest_ = earliestNow_ = transit;
         windowEnd_ = arrival + WINDOW_US;
     }
-    quickestNow_ = std::min(quickestNow_, transit);
-    quickest_ = std::min(quickest_, transit);
+    earliestNow_ = std::min(earliestNow_, transit);
+    earliest_ = std::min(earliest_, transit);
     if (arrival >= windowEnd_) {
-        quickest_ = quickestNow_;
-        quickestNow_ = transit;
+        earliest_ = earliestNow_;
+        earliestNow_ = transit;
         windowEnd_ = arrival + WINDOW_US;
     }
     const double latenessMs =
-        static_cast<double>(transit - quickest_) / MICROSECONDS_PER_MILLISECOND;
+        static_cast<double>(transit - earliest_) / MICROSECONDS_PER_MILLISECOND;
     const bool sameDelay = static_cast<double>(arrival - lastArrival_) < packetMs * 500.0 &&
                            latenessMs < lastLatenessMs_;
     lastArrival_ = arrival;

@@ -73,8 +73,8 @@ class DelayTarget {
     double packetMs_ = 0;
     double jitterMs_ = 0;
     bool started_ = false;
-    std::int64_t quickest_ = 0;     ///< Smallest transit time, of an older and the present window.
-    std::int64_t quickestNow_ = 0;  ///< Smallest transit time of the present window.
+    std::int64_t earliest_ = 0;     ///< Smallest transit time, of an older and the present window.
+    std::int64_t earliestNow_ = 0;  ///< Smallest transit time of the present window.
     std::int64_t windowEnd_ = 0;
     std::int64_t lastArrival_ = 0;
     double lastLatenessMs_ = 0;

@@ -210,8 +210,8 @@ void Playout::playBlock() {
 bool Playout::stretchIsDue() {
     const double target = target_.milliseconds();
     const double shortage = target - meanDepth_;
-    const double most = std::min(MAXIMUM_SHORTAGE_MS, SHORTAGE_SHARE * target);
-    stretching_ = shortage > (stretching_ ? std::min(SMALL_SHORTAGE_MS, most) : most);
+    const double maximum = std::min(MAXIMUM_SHORTAGE_MS, SHORTAGE_SHARE * target);
+    stretching_ = shortage > (stretching_ ? std::min(SMALL_SHORTAGE_MS, maximum) : maximum);
     return ++sinceStretch_ >= STRETCH_INTERVAL && stretching_;
 }
 
@@ -278,8 +278,9 @@ void Playout::watchStep(double seconds) {
     figures_.inStepMs = late + schedule_.goalMs() - chosenMs_;
     figures_.nominalLatency = schedule_.nominalOnly();
     inStepFor_ += seconds;
-    const double most = inStepFor_ < SETTLING_SECONDS ? MAXIMUM_SETTLING_LATE_MS : MAXIMUM_LATE_MS;
-    if (schedule_.kept() && inStepFor_ > MINIMUM_PLACED && std::abs(late) > most) {
+    const double maximum =
+        inStepFor_ < SETTLING_SECONDS ? MAXIMUM_SETTLING_LATE_MS : MAXIMUM_LATE_MS;
+    if (schedule_.kept() && inStepFor_ > MINIMUM_PLACED && std::abs(late) > maximum) {
         source_.pause();
         inStepFor_ = 0;
     }

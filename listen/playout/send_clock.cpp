@@ -44,12 +44,12 @@ constexpr double OPUS_LOOK_AHEAD = 312;
 constexpr double SECOND_PASS = 500;
 
 /// What `count` values can come down to at the least: even the least of them had to wait, and how
-/// far the next ones lie from it tells how long, up to `most`. Puts them in order.
-double extrapolatedLeast(double* values, std::size_t count, double most) {
+/// far the next ones lie from it tells how long, up to `maximum`. Puts them in order.
+double extrapolatedMinimum(double* values, std::size_t count, double maximum) {
     const std::size_t used = std::min(count, PLACES);
     std::partial_sort(values, values + used, values + count);
     const double places = std::pow(static_cast<double>(used), PLACE_POWER) - FIRST_PLACE;
-    return values[0] - std::min(most, (values[used - 1] - values[0]) * FIRST_PLACE / places);
+    return values[0] - std::min(maximum, (values[used - 1] - values[0]) * FIRST_PLACE / places);
 }
 
 /// How much earlier than its packet the first frame of a block counts as sent, in frames.
@@ -152,16 +152,16 @@ bool SendClock::isJump(double time, double residual) {
     const double arrival = time + residual / MICROSECONDS_PER_SECOND;
     if (lateSince_ < 0 || late < lateFirst_ - limit) {
         lateSince_ = arrival;
-        lateFirst_ = lateLeast_ = late;
+        lateFirst_ = lateMinimum_ = late;
         lateTrip_ = NONE;
     }
-    lateLeast_ = std::min(lateLeast_, late);
+    lateMinimum_ = std::min(lateMinimum_, late);
     if (arrival - lateSince_ < JUMP_SECONDS) {
         return false;
     }
     // When the network has become slower, the round trip is longer, too.
-    const double before = leastRoundTrip(0, spanCount_ + 1);
-    return lateTrip_ == NONE || lateTrip_ - before < lateLeast_ / 2;
+    const double before = minimumRoundTrip(0, spanCount_ + 1);
+    return lateTrip_ == NONE || lateTrip_ - before < lateMinimum_ / 2;
 }
 
 void SendClock::finishSpan(double time) {
@@ -192,8 +192,8 @@ void SendClock::judgeRecent() {
         fitSlope();
         return;
     }
-    const double before = leastRoundTrip(0, first);
-    const double since = leastRoundTrip(first, spanCount_);
+    const double before = minimumRoundTrip(0, first);
+    const double since = minimumRoundTrip(first, spanCount_);
     if (before == NONE || since == NONE || since - before < excess) {
         std::move(spans_.begin() + static_cast<std::ptrdiff_t>(first),
                   spans_.begin() + static_cast<std::ptrdiff_t>(spanCount_), spans_.begin());
@@ -266,10 +266,10 @@ void SendClock::fitOffset() {
     }
     offset_ = spanCount_ < EXTRAPOLATED_SPANS
                   ? *std::min_element(residuals.begin(), residuals.begin() + count)
-                  : extrapolatedLeast(residuals.data(), count, noise());
+                  : extrapolatedMinimum(residuals.data(), count, noise());
 }
 
-double SendClock::leastRoundTrip(std::size_t from, std::size_t to) const {
+double SendClock::minimumRoundTrip(std::size_t from, std::size_t to) const {
     double least = NONE;
     for (std::size_t i = from; i < to; ++i) {
         least = std::min(least, spans_[i].roundTrips[0]);
@@ -289,7 +289,7 @@ double SendClock::halfRoundTrip() const {
             count += found[place] < NONE ? 1 : 0;
         }
     }
-    return count > 0 ? std::max(0.0, extrapolatedLeast(trips.data(), count, spread)) / 2.0 : 0.0;
+    return count > 0 ? std::max(0.0, extrapolatedMinimum(trips.data(), count, spread)) / 2.0 : 0.0;
 }
 
 }  // namespace vxlisten

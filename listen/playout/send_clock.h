@@ -93,7 +93,7 @@ class SendClock {
     [[nodiscard]] double noise() const;
     void fitOffset();
     [[nodiscard]] double lineAt(double time) const { return offset_ + slope_ * time; }
-    [[nodiscard]] double leastRoundTrip(std::size_t from, std::size_t to) const;
+    [[nodiscard]] double minimumRoundTrip(std::size_t from, std::size_t to) const;
     [[nodiscard]] double halfRoundTrip() const;
 
     std::int64_t origin_ = 0;  ///< Arrival of the first packet.
@@ -105,11 +105,11 @@ class SendClock {
     std::array<Span, MAXIMUM_SPANS + 1> spans_{};
     std::size_t spanCount_ = 0;
     double spanEnd_ = 0;
-    double age_ = 0;         ///< Seconds of data for the slope.
-    double lateSince_ = -1;  ///< Arrival since which all packets are as late; -1: not so. Seconds.
-    double lateFirst_ = 0;   ///< The lateness then,
-    double lateLeast_ = 0;   ///< the least since then,
-    double lateTrip_ = 0;    ///< and the least round trip.
+    double age_ = 0;          ///< Seconds of data for the slope.
+    double lateSince_ = -1;   ///< Arrival since which all packets are as late; -1: not so. Seconds.
+    double lateFirst_ = 0;    ///< The lateness then,
+    double lateMinimum_ = 0;  ///< the least since then,
+    double lateTrip_ = 0;     ///< and the least round trip.
     unsigned jumps_ = 0;
 };
 

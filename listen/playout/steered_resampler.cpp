@@ -13,12 +13,12 @@ namespace {
 constexpr unsigned CHANNELS = 2;
 constexpr int QUALITY = 5;
 /// The resampler's ratio is a fraction whose terms must stay below 2^16, or it overflows.
-constexpr int LARGEST_TERM = 60000;
+constexpr int MAXIMUM_TERM = 60000;
 constexpr double PPM = 1e-6;
 
 /// The factor that makes two rates the terms of a precise ratio.
 double termScale(int largerRate) {
-    const double share = static_cast<double>(LARGEST_TERM) / largerRate;
+    const double share = static_cast<double>(MAXIMUM_TERM) / largerRate;
     return share >= 1.0 ? std::floor(share) : 1.0 / std::ceil(1.0 / share);
 }
 

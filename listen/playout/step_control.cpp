@@ -14,10 +14,10 @@ constexpr double MAXIMUM_PPM = 2000;
 }  // namespace
 
 double stepCorrection(double lateMs, double ratePpm, double age) {
-    const double most = age < SETTLING_SECONDS ? SETTLING_MAXIMUM_PPM : MAXIMUM_PPM;
+    const double maximum = age < SETTLING_SECONDS ? SETTLING_MAXIMUM_PPM : MAXIMUM_PPM;
     const double slowdown = SETTLING_SECONDS / std::max(age, SETTLING_SECONDS);
     const double gain = std::max(PPM_PER_MS, SETTLING_PPM_PER_MS * slowdown * slowdown);
-    return ratePpm + std::clamp(gain * lateMs, -most, most);
+    return ratePpm + std::clamp(gain * lateMs, -maximum, maximum);
 }
 
 }  // namespace vxlisten

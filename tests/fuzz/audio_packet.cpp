@@ -51,7 +51,7 @@ class Device {
         playout_->queue().push(block, now);
     }
 
-    /// Lets the time pass until `now`.
+    /// Advances the time to `now`.
     void playUntil(std::int64_t now) {
         for (int i = 0; i < MOST_PERIODS && time_ + PERIOD_US <= now; ++i) {
             time_ += PERIOD_US;
@@ -89,7 +89,7 @@ void checkPacket(const vxlisten::AudioPacket& packet, std::size_t bytes) {
     require(packet.frames <= vxlisten::StreamDecoder::MAX_FRAMES, "the frames fit");
 }
 
-/// The three lower bits of `high` count 256s, the others are left for something else.
+/// The three lower bits of `high` count 256s; the others have another use.
 std::size_t lengthOf(std::size_t low, std::size_t high) {
     return low + 256U * (high % 8);
 }

@@ -32,7 +32,7 @@ constexpr std::size_t PEERS = 6;  // Soon all taken.
 constexpr std::size_t STRANGERS = 4;
 constexpr std::size_t LONGEST = ENET_PROTOCOL_MAXIMUM_MTU;
 constexpr enet_uint32 PAUSE_UNIT_MS = 40;
-constexpr enet_uint32 END_MS = 50000;  // After this long nobody is there any more.
+constexpr enet_uint32 END_MS = 50000;  // After this time all are gone.
 constexpr enet_uint32 END_STEP_MS = 250;
 constexpr std::size_t MOST_MEMORY = std::size_t{8} * 1024 * 1024;
 
@@ -119,7 +119,7 @@ class Stranger {
     std::vector<Bytes> unanswered;
 };
 
-/// In a private network nobody else does.
+/// A private network has no others.
 void raiseLoopback() {
     require(std::system("ip link show lo up | grep -q lo || ip link set lo up") == 0,
             "the loopback interface can be raised");
@@ -182,7 +182,7 @@ class Run {
         step(false);
     }
 
-    /// Nobody says anything any more.
+    /// All become silent.
     void end() {
         for (enet_uint32 passed = 0; passed < END_MS; passed += END_STEP_MS) {
             now += END_STEP_MS;

@@ -21,7 +21,7 @@ namespace {
 constexpr std::size_t MOST_PRINTED = 255;
 constexpr std::uint16_t SENDER_PORT = 40000;
 
-/// Ends the responder, which otherwise runs for ever.
+/// Ends the responder, which otherwise never returns.
 struct EndOfInput {};
 
 /// A file in memory that takes standard output's place.
@@ -104,7 +104,7 @@ ssize_t __wrap_recvfrom(int, void* buffer, std::size_t room, int, sockaddr* send
         throw EndOfInput();
     }
     const std::size_t wanted = input->byte();
-    // 255 stands for all that is left, so that datagrams can be longer than the responder's room.
+    // 255 means the rest, so that datagrams can be longer than the responder's buffer.
     datagram = wanted == 255 ? input->rest() : input->bytes(wanted);
     const std::size_t taken = std::min(room, datagram.size());
     std::memcpy(buffer, datagram.data(), taken);

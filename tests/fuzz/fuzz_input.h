@@ -30,7 +30,7 @@ inline void silenceStandardOutput() {
     ::close(devNull);
 }
 
-/// Cuts an input into values; whatever is asked beyond its end is zero or empty.
+/// Cuts an input into values; values beyond its end are zero or empty.
 class FuzzInput {
   public:
     FuzzInput(const std::uint8_t* data, std::size_t size) : at(data), end(data + size) {}

@@ -126,7 +126,7 @@ void checkSampleRate() {
     stderr = saved;
     const double wantedRate = fakePortAudio().rate;
     fakePortAudio().log.clear();
-    // The program opens once and keeps them for ever.
+    // The program opens once and never frees them.
     delete[] Audio::_CaptureBuffer;
     delete[] Audio::_CaptureBufferComp;
     require(result == paDeviceUnavailable && !is48k, "a failed capture has no rate");

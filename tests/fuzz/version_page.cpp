@@ -91,8 +91,8 @@ CURLcode easyPerform(CURL* /*handle*/) {
 
 void easyCleanup(CURL* /*handle*/) {}
 
-/// The text again and again, up to twice what is taken. Long pages take long: most codes stand for
-/// once, the highest ones for more and more, up to 65536 times.
+/// The text repeated, up to twice the maximum. Long pages take long: most codes stand for once, the
+/// highest ones for more and more, up to 65536 times.
 std::string repeated(const std::string& text, std::size_t code) {
     const std::size_t root = code > LAST_CODE_FOR_ONCE ? code - LAST_CODE_FOR_ONCE : 1;
     const std::size_t times = root * root * root * root;

@@ -1,5 +1,5 @@
-// What velantrix-web makes of a request before anybody is served: any bytes in pieces of any
-// length, and who may come in. An input: the length of the pieces, then what arrives.
+// How velantrix-web reads a request before it answers: any bytes in pieces of any length, and which
+// requests it refuses. An input: the length of the pieces, then what arrives.
 
 #include "tests/fuzz/fuzz_input.h"
 #include "web/http/doors.h"

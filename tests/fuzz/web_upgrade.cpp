@@ -16,7 +16,7 @@ using boost::asio::const_buffer;
 using vxweb::Done;
 using vxweb::Error;
 
-/// What a session reads comes from the input; what it writes is only counted.
+/// A session reads the input; its output is only counted.
 class InputConnection : public vxweb::Connection {
   public:
     InputConnection(boost::asio::io_context& context, std::string bytes, std::size_t piece,

@@ -116,7 +116,7 @@ first=$(property $unit MainPID)
 hardened $unit
 hear start
 
-echo "-- velantrix-web is off until it is wanted, starts after the server, serves, and comes back"
+echo "-- velantrix-web is off until it is enabled, starts after the server, serves, and comes back"
 [ "$(property $web ActiveState)" = inactive ] || die "$web runs without being enabled"
 systemctl --user enable --quiet --now $web
 wait_until 30 web_answers / || die "the page does not answer"

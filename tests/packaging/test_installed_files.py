@@ -1,4 +1,4 @@
-"""A staged installation is complete, and every file passes the validator of its own kind."""
+"""A staged installation is complete, and every file passes the validator of its kind."""
 
 import configparser
 import gzip

@@ -49,7 +49,7 @@ def count(program, which):
 
 
 def complaint(now, stored):
-    """What is wrong with a count, in words; nothing when it is near the stored one."""
+    """A message about a count that is not near the stored one, else nothing."""
     if now == 0:
         return "nothing was counted: callgrind found no function of the name"
     if now > stored * (1 + SLACK):

@@ -37,7 +37,7 @@ class PacketCheck {
         void operator()(OpusDecoder* decoder) const { opus_decoder_destroy(decoder); }
     };
 
-    /// The last packet, whatever its kind.
+    /// The last packet of any kind.
     struct Previous {
         std::uint32_t flags = 0;
         bool present = false;

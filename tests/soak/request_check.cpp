@@ -7,7 +7,7 @@
 namespace {
 
 // All three have to pass: callbacks alone are a short time on a fast machine, time alone may be a
-// time in which nobody had a processor.
+// time in which no process ran.
 constexpr std::uint64_t CALLBACKS_TO_ANSWER = 4000;
 constexpr long ROUNDS_TO_ANSWER = 100;
 

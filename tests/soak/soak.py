@@ -67,7 +67,7 @@ class Server(Process):
         return len(os.listdir(f"/proc/{self.pid}/fd"))
 
     def idle_readings(self):
-        """The bytes in use that it has told so far, each time that nobody was connected."""
+        """The bytes in use that it has printed, each time without clients."""
         told = (re.match(r"soak_server: (\d+) bytes in use", line)
                 for line in self.out.all() + self.err.all())
         return [int(match[1]) for match in told if match]
@@ -97,7 +97,7 @@ def report(server, seconds, most_descriptors):
 
 
 def soak(server, callbacks, seed, most_descriptors=None):
-    """Lets the clients run; returns memory readings in KiB and the bytes in use behind them."""
+    """Runs the clients; returns memory readings in KiB and the bytes in use after them."""
     clients = subprocess.Popen([server.build / "soak_clients", str(PORT), server.table,
                                 str(callbacks), str(seed)])
     readings = []

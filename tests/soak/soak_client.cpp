@@ -19,12 +19,12 @@ constexpr std::uint64_t LATE_SERVICE = 1000;
 /// The server drops the queue of a client that has more than 75 packets waiting for it.
 constexpr std::uint64_t QUEUE_DROPPED = 75;
 
-// ENet gives a silent client up after five seconds or more.
+// ENet disconnects a silent client after five seconds or more.
 constexpr std::chrono::milliseconds LONGEST_STALL{3000};
 constexpr std::chrono::milliseconds TOO_LONG_AWAY{4500};
 
 // The server's ENet takes the backlog of a stall for a poor network and then drops best-effort
-// audio until some pings have come back: seconds, which are minutes of sound here.
+// audio until some pings are acknowledged: seconds, which are minutes of sound here.
 constexpr enet_uint32 NO_SLOWING = 0;
 constexpr std::chrono::milliseconds PATIENCE_WHEN_THROTTLED{15000};
 

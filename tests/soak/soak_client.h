@@ -27,8 +27,8 @@ class SoakClient {
     SoakClient(std::uint16_t serverPort, const CaptureTable& captureTable, unsigned seed,
                Kind kindOfClient);
 
-    /// Services the client's host and, when its time has come, does something else. `mayVanish`
-    /// lets it go without a word, so that it keeps its slot and others lose theirs.
+    /// Services the client's host and sometimes does something else. `mayVanish` lets it go without
+    /// a word, so that it keeps its slot and others lose theirs.
     void step(bool mayVanish);
 
     void leave();

@@ -61,7 +61,7 @@ class CaptureWatch {
     Clock::time_point since = Clock::now();
 };
 
-/// False when the capture stood still before `wanted` callbacks more had been made.
+/// False when the capture stopped before `wanted` more callbacks.
 bool run(const Clients& clients, CaptureTable& table, std::uint64_t wanted) {
     CaptureWatch watch;
     const std::uint64_t start = table.callbacks.load();

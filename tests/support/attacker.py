@@ -1,4 +1,4 @@
-"""What somebody in the same network may do to a server, one kind of attack at a time.
+"""Attacks on a server from the same network, one kind at a time.
 
 Runs as a process of its own, in the other network:
 
@@ -54,7 +54,7 @@ def _recorded(path):
 
 
 def noise(host, count, rate, seed, path):
-    """Random datagrams, and recorded ones with damages, half each."""
+    """Half random datagrams, half damaged recorded ones."""
     generator = random.Random(f"{seed} {count}")  # When the rest is sent once more: other ones.
     recorded = _recorded(path)
 
@@ -67,7 +67,7 @@ def noise(host, count, rate, seed, path):
 
 
 def replay(host, count, rate, path):
-    """A whole connection of somebody else's, datagram by datagram, again and again."""
+    """A recorded connection of another client, datagram by datagram, repeatedly."""
     recorded = _recorded(path)
     _flood(_sockets(1), lambda i: recorded[i % len(recorded)], (host, SERVER_PORT), rate, count)
 
@@ -96,7 +96,7 @@ def forged(host, count, rate, state):
 
 
 def connects(host, count, rate, ports):
-    """Asks for connections from many ports and answers nothing."""
+    """Requests connections from many ports and answers nothing."""
     generator = random.Random(int(count))
     _flood(_sockets(int(ports)),
            lambda _: connect_datagram(generator.getrandbits(32), 0x80000001),
@@ -138,7 +138,7 @@ def _count_waiting(client):
 
 
 def half_open(host, count):
-    """Connections that are asked for once and never acknowledged."""
+    """Connections that are requested once and never acknowledged."""
     for number, end in enumerate(_sockets(int(count))):
         end.sendto(connect_datagram(number + 1, 0x80000001), (host, SERVER_PORT))
     say("ready")
@@ -163,7 +163,7 @@ def peers(host, count, data):
 def control(host, rate, kind):
     """One connected client that sends control messages until a line of input comes, and hears
     nothing. It then goes on until it has sent so many a second on the average, or lost patience;
-    another line lets it say good-bye."""
+    another line makes it disconnect."""
     (peer,) = connect_peers((host, SERVER_PORT), 1, 0x80000001)
     say("ready")
     request = b"\1\0\0\0" + bytes(4) + b"\1\0\0\0" + bytes(4) + b"flood\0"
@@ -195,7 +195,7 @@ def control(host, rate, kind):
 
 
 def walk(host, seed, count, at_once, sharing):
-    """Strangers at random, see stranger.py; they leave the processors to those who hear."""
+    """Random strangers, see stranger.py, at low priority."""
     os.nice(5)
     _sockets(0)
     say("ready")
@@ -215,7 +215,7 @@ def say(text):
 
 
 class Attacker(ModuleProcess):
-    """An attack as a child process; leaving the context ends it without a word."""
+    """An attack as a child process; leaving the context kills it."""
 
     def __init__(self, network, host, kind, *words):
         super().__init__("attacker", host, kind, *words, prefix=network.command(),
@@ -227,12 +227,12 @@ class Attacker(ModuleProcess):
         return self.out.all()[line]
 
     def stop_sending(self):
-        """Lets a sender of messages come to its end; returns its line."""
+        """Waits for the end of a sender of messages; returns its line."""
         self.leave()
         return self.wait_sent()
 
     def leave(self):
-        """Lets connected peers say good-bye."""
+        """Disconnects connected peers."""
         self.child.stdin.write("\n")
         self.child.stdin.flush()
 

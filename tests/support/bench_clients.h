@@ -4,8 +4,8 @@
 #include <cstdio>
 #include <vector>
 
-/// Client processes (the program stream_client beside this one) that stream from a loopback port.
-/// They end, and are waited for, when the object goes.
+/// Client processes (the program stream_client in the same folder) that stream from a loopback
+/// port. The destructor ends them and waits for them.
 class BenchClients {
   public:
     struct Choice {

@@ -1,4 +1,4 @@
-"""Debian's Chromium and Firefox, driven without a display, heard by a private sound server."""
+"""Debian's Chromium and Firefox, controlled without a display, with a private sound server."""
 
 import base64
 import http.server
@@ -25,9 +25,9 @@ MARIONETTE_PORT = 2828
 
 
 class Browser:
-    """What both browsers do. ``env`` are the variables of a SoundServer; a context manager.
+    """A browser with the variables ``env`` of a SoundServer; a context manager.
 
-    Certificates that nobody has signed are accepted. The profile is empty and lasts as long.
+    Self-signed certificates are accepted. The profile is empty and temporary.
     """
 
     def __init__(self, env=None):
@@ -65,7 +65,7 @@ def processor_seconds(pids):
 
 
 def descendants(pid):
-    """The process and all that descend from it."""
+    """The process and all its descendants."""
     found = [pid]
     for parent in found:
         for children in pathlib.Path(f"/proc/{parent}/task").glob("*/children"):
@@ -109,7 +109,7 @@ class Chromium(Browser):
         return self.driver.execute_script(body, *arguments)
 
     def errors(self):
-        """What the page's console called an error since the last call."""
+        """The errors of the page's console since the last call."""
         return [entry["message"] for entry in self.driver.get_log("browser")
                 if entry["level"] == "SEVERE"]
 
@@ -262,7 +262,7 @@ class ModuleTests:
         self.server.server_close()
 
     def run(self, browser):
-        """What each test found wrong, an empty text for nothing."""
+        """The failure of each test, an empty text for none."""
         port = self.server.server_port
         browser.open(f"http://127.0.0.1:{port}/?module={self.module.name}")
         title = wait_until(lambda: browser.script("return document.title"), "the tests end", 120)

@@ -27,30 +27,30 @@ Plan& planOf(Call call) {
 }  // namespace
 
 void failCall(Call call, int nth, int error) {
-    const std::lock_guard<std::mutex> alone(mutex);
+    const std::lock_guard<std::mutex> lock(mutex);
     Plan& plan = planOf(call);
     plan.failAt = nth == EVERY_CALL ? EVERY_CALL : plan.count + nth;
     plan.error = error;
 }
 
 int countOf(Call call) {
-    const std::lock_guard<std::mutex> alone(mutex);
+    const std::lock_guard<std::mutex> lock(mutex);
     return planOf(call).count;
 }
 
 void resetCalls() {
-    const std::lock_guard<std::mutex> alone(mutex);
+    const std::lock_guard<std::mutex> lock(mutex);
     plans = {};
     names().clear();
 }
 
 std::vector<std::string> callLog() {
-    const std::lock_guard<std::mutex> alone(mutex);
+    const std::lock_guard<std::mutex> lock(mutex);
     return names();
 }
 
 std::vector<std::vector<int>> argumentsOf(Call call) {
-    const std::lock_guard<std::mutex> alone(mutex);
+    const std::lock_guard<std::mutex> lock(mutex);
     return planOf(call).arguments;
 }
 
@@ -68,7 +68,7 @@ int noteCall(Call call, const char* name, std::initializer_list<int> arguments) 
     if (UncountedCalls::active()) {
         return 0;
     }
-    const std::lock_guard<std::mutex> alone(mutex);
+    const std::lock_guard<std::mutex> lock(mutex);
     names().emplace_back(name);
     Plan& plan = planOf(call);
     ++plan.count;

@@ -44,11 +44,11 @@ int countOf(Call call);
 /// Forgets counts, failures and the log.
 void resetCalls();
 
-/// The numbers that each call since the last reset was given; only of those calls whose diversion
-/// tells them: enet_host_service its time-out in ms, opus_encode its frames and its room in bytes.
+/// Arguments of each call since the last reset; only of calls whose diversion records them:
+/// enet_host_service its time-out in ms, opus_encode its frames and its room in bytes.
 std::vector<std::vector<int>> argumentsOf(Call call);
 
-/// True: ENet's service calls wait for nothing.
+/// True: ENet's service calls do not wait.
 bool& serviceWithoutWaiting();
 
 /// Called on the creating thread after each thread that was created, when it is set.
@@ -57,8 +57,8 @@ std::function<void()>& afterThreadCreation();
 /// The diverted calls since the last reset, by name, in their order.
 std::vector<std::string> callLog();
 
-/// While one exists, the thread is inside a diverted call: what happens there is the library's
-/// doing, or the diversion's own, and not the program's.
+/// While one exists, the thread is inside a diverted call: what happens there is done by the
+/// library or the diversion, not by the program.
 class DivertedCall {
   public:
     DivertedCall() { ++depth; }

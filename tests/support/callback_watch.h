@@ -2,7 +2,7 @@
 
 /// Watches the calling thread for what a realtime callback may not do: heap calls and locks of the
 /// program's own. Those inside diverted library calls (ENet, Opus) do not count. Linked into an
-/// executable, it takes the heap functions and the lock functions over.
+/// executable, it replaces the heap functions and the lock functions.
 class CallbackWatch {
   public:
     CallbackWatch();

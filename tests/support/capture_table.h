@@ -19,7 +19,7 @@ struct CaptureTable {
     std::atomic<std::uint32_t> firstRaw;
     std::atomic<std::uint32_t> firstCompressed;
 
-    std::atomic<std::uint64_t> callbacks;     ///< Made so far.
+    std::atomic<std::uint64_t> callbacks;     ///< Until now.
     std::atomic<std::int64_t> processorTime;  ///< Of the callbacks, ns, all together.
 
     // System calls made by the callbacks.

@@ -25,7 +25,7 @@ class Child {
 
     [[nodiscard]] pid_t id() const { return process_; }
 
-    /// What has been printed on standard output, after waiting some seconds at most for `wanted`.
+    /// The standard output, after waiting at most some seconds for `wanted`.
     [[nodiscard]] std::string printed(const std::string& wanted = "") const;
 
     /// The same for standard error.
@@ -72,7 +72,7 @@ class ScopedVariable {
     bool wasSet_;
 };
 
-/// Standard output of this process goes to a descriptor until the object goes.
+/// Standard output of this process goes to a descriptor while the object exists.
 class OutputTo {
   public:
     explicit OutputTo(int descriptor);

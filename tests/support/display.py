@@ -129,7 +129,7 @@ class Display:
 
     @classmethod
     def of_module(cls):
-        """For setUpModule: one that stays until the module's tests are over."""
+        """For setUpModule: one that exists until the module's tests are over."""
         display = cls().__enter__()
         unittest.addModuleCleanup(display.__exit__)
         return display
@@ -157,7 +157,7 @@ class Display:
 
 
 class View:
-    """What a screen reader sees of one process. Every look asks the process afresh."""
+    """What a screen reader sees of one process, read again by each call."""
 
     REGISTRY = ("org.a11y.atspi.Registry", "/org/a11y/atspi/accessible/root")
 

@@ -2,13 +2,13 @@
 
 #include <cstddef>
 
-/// Lets ENet take its memory from here from now on, for good.
+/// Makes ENet allocate here from now on.
 void watchEnetMemory();
 
-/// Bytes that ENet holds of what it took since then.
+/// Bytes that ENet has allocated since then and not freed.
 std::size_t enetBytes();
 
-/// While one exists, ENet gets no more memory after so many allocations.
+/// While one exists, ENet's allocations fail after this number.
 class RefusedMemory {
   public:
     explicit RefusedMemory(int allowed = 0);

@@ -2,10 +2,10 @@
 //
 //   connect NAME HOST PORT DATA RECORD-FILE MTU LOCAL-PORT    (DATA decimal; MTU, port: 0 = any)
 //   send NAME CHANNEL reliable|unreliable HEX-BYTES           ("-" for no bytes)
-//   disconnect NAME DATA     says good-bye to the server
-//   vanish NAME              closes the socket without a word
-//   stall NAME | resume NAME stops and goes on reading
-//   keep NAME                asks the server's ENet not to thin best-effort packets by itself
+//   disconnect NAME DATA     disconnects from the server
+//   vanish NAME              closes the socket without a disconnect
+//   stall NAME | resume NAME stops and continues reading
+//   keep NAME                switches off the server's throttle of best-effort packets
 //   statistics NAME          prints what was received
 //
 // It answers with lines on standard output: "connected NAME port N", "disconnected NAME data N",
@@ -168,7 +168,7 @@ void obeyLine(const std::string& line) {
     std::cout << "done" << std::endl;
 }
 
-/// Reads what standard input has and obeys the whole lines; false at its end.
+/// Reads standard input and executes whole lines; false at its end.
 bool readCommands(std::string& pending) {
     char room[65536];
     const ssize_t count = ::read(STDIN_FILENO, room, sizeof room);

@@ -76,7 +76,7 @@ def commands_of(datagram):
 
 
 class HandMadePeer:
-    """One connection by hand, which keeps only those rules that its owner wants kept.
+    """One hand-made connection, which keeps only the rules that its owner needs.
 
     ``service`` acknowledges what has come. Connected once ``peer_id`` is known; ``sent`` keeps the
     first datagrams.
@@ -117,7 +117,7 @@ class HandMadePeer:
         return True
 
     def heard(self):
-        """What has come and is to be acknowledged, a list of (channel, sequence, sent time) for
+        """Received commands to acknowledge, a list of (channel, sequence, sent time) for
         each datagram."""
         while True:
             try:
@@ -164,7 +164,7 @@ class HandMadePeer:
         self.send(command(PING, CONTROL_CHANNEL, self.ping_sequence, flags=WANTS_ACKNOWLEDGE))
 
     def disconnect(self):
-        """Says good-bye, more than once because no answer is waited for."""
+        """Disconnects, more than once because no answer is awaited."""
         for _ in range(3):
             self.send(command(DISCONNECT, CONTROL_CHANNEL, 0, 0, flags=UNSEQUENCED))
             time.sleep(0.1)

@@ -26,7 +26,7 @@ class Entry {
   public:
     explicit Entry(const char* name) {
         FakePortAudio& fake = fakePortAudio();
-        const std::lock_guard<std::mutex> alone(fake.mutex);
+        const std::lock_guard<std::mutex> lock(fake.mutex);
         fake.log.emplace_back(name);
         if (callers.fetch_add(1) != 0) {
             ADD_FAILURE() << name << " while another thread is inside PortAudio";
@@ -64,7 +64,7 @@ PaStream* FakePortAudio::handle() {
 }
 
 std::vector<std::string> FakePortAudio::calls() {
-    const std::lock_guard<std::mutex> alone(mutex);
+    const std::lock_guard<std::mutex> lock(mutex);
     return log;
 }
 

@@ -7,11 +7,10 @@
 
 #include <portaudio.h>
 
-/// Takes PortAudio's place at link time: one device, for capture or for output, that does what a
-/// test wrote into it, and records what was asked of it. Calls that make no sense (a stream opened
-/// before PortAudio is initialised, a foreign stream, two calls at once, other parameters than the
-/// program's own) fail the test. Functions that the program does not use are missing, so a new use
-/// does not link.
+/// Replaces PortAudio at link time: one device, for capture or for output, that a test controls,
+/// and that records requests. Calls that make no sense (a stream opened before PortAudio is
+/// initialised, a foreign stream, two calls at once, other parameters than the program's own) fail
+/// the test. Functions that the program does not use are missing, so a new use does not link.
 struct FakePortAudio {
     // What the calls return. Set before the code under test runs.
     PaError initializeResult = paNoError;
@@ -34,7 +33,7 @@ struct FakePortAudio {
 
     // What was asked.
     std::atomic<int> tries{0};             ///< Pa_Initialize calls.
-    std::atomic<int> opened{0};            ///< Streams opened so far.
+    std::atomic<int> opened{0};            ///< Opened streams.
     std::atomic<double> outputLatency{0};  ///< Seconds, as asked for last.
     std::atomic<bool> started{false};
     std::atomic<bool> insideClose{false};
@@ -53,7 +52,7 @@ struct FakePortAudio {
     /// Calls the stream's callback with interleaved samples on the calling thread (empty: none).
     int deliver(const std::int16_t* samples, unsigned long frames);
 
-    /// Asks the output's callback for 480 frames, with a note whether the device ran dry.
+    /// Requests 480 frames from the output's callback, with or without an underrun.
     void ask(bool underflow);
 
     /// The value that the fake's stream handle has while a stream is open.

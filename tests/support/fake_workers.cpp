@@ -24,7 +24,7 @@ std::vector<std::string>& names() {
 
 void run(const char* name, const std::function<void()>& body) {
     {
-        const std::lock_guard<std::mutex> alone(mutex);
+        const std::lock_guard<std::mutex> lock(mutex);
         names().emplace_back(name);
     }
     if (body) {
@@ -40,7 +40,7 @@ FakeWorkers& fakeWorkers() {
 }
 
 std::vector<std::string> workerCalls() {
-    const std::lock_guard<std::mutex> alone(mutex);
+    const std::lock_guard<std::mutex> lock(mutex);
     return names();
 }
 

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-/// Takes the place of everything that the core object starts and calls: the network host, the
-/// discovery responder, the version check, the settings and the capture. Nothing of it works; each
-/// call is recorded, and each worker then does what the test wants.
+/// Replaces everything that the core object starts and calls: the network host, the discovery
+/// responder, the version check, the settings and the capture. Each call is recorded, and each
+/// worker then does what the test wants.
 struct FakeWorkers {
     std::function<void()> networkHost;  ///< Runs on the network thread.
     std::function<void()> discovery;

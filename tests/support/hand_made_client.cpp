@@ -8,7 +8,7 @@ std::string textOf(const Bytes& bytes) {
     return {bytes.begin(), bytes.end()};
 }
 
-/// A datagram to nobody's peer or, by its number, to a peer.
+/// A datagram to no peer or, by its number, to a peer.
 Bytes datagramTo(std::uint16_t peerId, const Bytes& commands) {
     return u16(peerId | ENET_PROTOCOL_HEADER_FLAG_SENT_TIME) + u16(0) + commands;
 }

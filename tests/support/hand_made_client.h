@@ -10,22 +10,23 @@
 #include "tests/support/test_client.h"
 #include "tests/support/udp_socket.h"
 
-/// Sends to a port of 127.0.0.1 a datagram to nobody's peer, or to a peer, as if it came from
-/// another port there. Needs the rights of the network namespace.
+/// Sends to a port of 127.0.0.1 a datagram to no peer, or to a peer, as if it came from another
+/// port there. Needs the rights of the network namespace.
 void sendForged(std::uint16_t from, std::uint16_t to, std::uint16_t peerId, const Bytes& commands);
 
-/// A client by hand over real loopback UDP, which keeps only those of ENet's rules that the test
-/// wants kept. It says nothing by itself but its first word, the wish to connect.
+/// A hand-made client over real loopback UDP, which keeps only those of ENet's rules that the test
+/// needs. By itself it only sends the connect command.
 class HandMadeClient {
   public:
-    /// `more`: commands in the datagram of that word.
+    /// `more`: further commands in that datagram.
     explicit HandMadeClient(std::uint32_t connectData = wire::CONNECT_MULTI_CLIENT | 1,
                             const Bytes& more = {});
 
-    /// Takes what has come.
+    /// Reads received datagrams.
     void listen();
 
-    /// Acknowledges what came since the last time; as if it had been sent at `sentTime`, if given.
+    /// Acknowledges what was received since the last call, as if it had been sent at `sentTime`, if
+    /// given.
     void acknowledgeAll(std::optional<std::uint16_t> sentTime = std::nullopt);
 
     /// Sends one datagram of commands to the server's peer.

@@ -1,4 +1,4 @@
-"""What a system test needs, in one place.
+"""The base of the system tests.
 
 pytest runs the test modules in a network namespace of their own, under ctest (which gives the paths
 of the programs in VELANTRIX_SERVER, VELANTRIX_LISTEN, VELANTRIX_WEB and VELANTRIX_FAKES) or by hand:
@@ -49,7 +49,7 @@ def program(variable):
 
 @functools.lru_cache
 def has_sanitizer():
-    """Whether the server was built with one: slower, and its memory says nothing."""
+    """Whether the server was built with a sanitizer: slower, and its memory means nothing."""
     content = pathlib.Path(program("VELANTRIX_SERVER")).read_bytes()
     return any(mark in content for mark in (b"__asan_init", b"__tsan_init", b"__ubsan_handle"))
 
@@ -78,7 +78,7 @@ def fake(name):
 
 
 def end_by_itself(process):
-    """A sanitizer looks for leaks when a program ends, not when it is killed."""
+    """A sanitizer checks for leaks when a program ends, not when it is killed."""
     if process.child.poll() is None:
         status = process.stop(timeout=END_PATIENCE)
         if status != 0:
@@ -87,7 +87,7 @@ def end_by_itself(process):
 
 
 class Program(Process):
-    """One of ours: a sanitizer's last word counts, unless the test has failed already."""
+    """One of our programs: a sanitizer's report fails the test, unless it has failed already."""
 
     def __exit__(self, *problem):
         try:
@@ -154,7 +154,7 @@ def busy_port():
 
 
 def listen_command(*arguments, host="127.0.0.1"):
-    """Without a host the client looks for a server."""
+    """Without a host the client searches for a server."""
     return [program("VELANTRIX_LISTEN"), *([host] if host else []), *map(str, arguments)]
 
 
@@ -178,7 +178,7 @@ class SystemTest(unittest.TestCase):
         return value
 
     def assert_lines_in_order(self, lines, expected):
-        """Each expected line (text, or compiled pattern) comes, in this order."""
+        """Waits for each expected line (text, or compiled pattern), in this order."""
         position = 0
         for pattern in expected:
             fits = pattern.search if isinstance(pattern, re.Pattern) else pattern.__eq__

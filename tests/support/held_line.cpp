@@ -12,7 +12,7 @@ namespace {
 std::atomic<bool> standing{false};
 std::atomic<int> millisecondsLeft{0};
 
-// It takes the place of printf's own conversion of %A.
+// It replaces printf's own conversion of %A.
 int printLate(FILE* out, const printf_info* /*info*/, const void* const* /*values*/) {
     standing.store(true);
     while (millisecondsLeft.fetch_sub(1) > 0) {

@@ -26,7 +26,7 @@ struct StatusReport {
 
 void PrintTo(const StatusReport& report, std::ostream* out);
 
-/// A front end that keeps the reports. Lives for ever, as the streaming side expects.
+/// A front end that keeps the reports. Never destroyed, as the streaming side expects.
 class RecordingCore : public VelantrixServerNoGUI {
   public:
     void SetAudioCaptureActive() override;
@@ -47,26 +47,26 @@ class LiveServer : public testing::Test {
     void SetUp() override;
     void TearDown() override;
 
-    /// Services server and clients until `done` says so; fails the test after 10 s.
+    /// Services server and clients until `done` returns true; fails the test after 10 s.
     void pumpUntil(const std::function<bool()>& done);
 
     /// Services server and clients for a while, for what must not happen.
     void pumpFor(int milliseconds);
 
-    /// A client whose connection the server has entered.
+    /// A client that the server has in its table.
     TestClient& connect(std::uint32_t connectData, std::uint16_t localPort = 0,
                         std::uint32_t mtu = 0);
 
     /// A client that streams with these Data request flags.
     TestClient& stream(std::uint32_t flags, std::uint32_t connectData = COMPANY | 1);
 
-    /// Sends a control message and lets the server obey it.
+    /// Sends a control message and lets the server handle it.
     void tell(TestClient& client, const std::vector<unsigned char>& message);
 
-    /// Hands a raw block to the send path, with its service step.
+    /// Passes a raw block to the send path, with its service step.
     static void sendBlock();
 
-    /// Takes a client out of the service loop and destroys it without a word to the server.
+    /// Removes a client from the service loop and destroys it without a disconnect.
     void vanish(TestClient& client);
 
     /// Index of the slot whose peer has this client's address; -1: none.

@@ -1,4 +1,4 @@
-// Linked into a test executable, this moves it into a network of its own, so that fixed ports never
+// Linked into a test executable, this moves it into a private network, so that fixed ports never
 // collide with another test or a running server.
 
 #include <gtest/gtest.h>

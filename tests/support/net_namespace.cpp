@@ -15,7 +15,7 @@ namespace {
     _exit(1);
 }
 
-/// Makes an ordinary user root over a user namespace of its own.
+/// Makes an ordinary user root in a new user namespace.
 void becomeRootOfUserNamespace() {
     const uid_t user = geteuid();
     const gid_t group = getegid();

@@ -2,10 +2,10 @@
 
 #include <string>
 
-/// A network namespace of its own for tests that need interfaces and sockets. The thread that
-/// builds one enters it; loopback is down in a new namespace. Needs root, or else user namespaces;
-/// without either it prints why and ends the process with status 1, so that no test passes or is
-/// skipped unseen. It goes with its last socket, thread and object.
+/// A new network namespace for tests that need interfaces and sockets. The thread that builds one
+/// enters it; loopback is down in a new namespace. Needs root, or else user namespaces; without
+/// either it prints why and ends the process with status 1, so that no test passes or is skipped
+/// unseen. It goes with its last socket, thread and object.
 class NetNamespace {
   public:
     NetNamespace();

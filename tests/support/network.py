@@ -1,4 +1,4 @@
-"""Private networks for tests and benchmarks, so that no packet of theirs leaves the machine."""
+"""Private networks for tests and benchmarks, so that no packet leaves the machine."""
 
 import os
 import pathlib
@@ -23,7 +23,7 @@ def _fail(text):
 
 
 def _unshare_command():
-    """How this user makes a network namespace, with mounts of its own if possible, or None."""
+    """How this user makes a network namespace, with a mount namespace if possible, or None."""
     for options in ["-nm"], ["-rnm"], ["-n"], ["-rn"]:
         command = ["unshare", *options, "--"]
         if shutil.which("unshare") and subprocess.run(
@@ -33,7 +33,7 @@ def _unshare_command():
 
 
 def enter_private_network():
-    """Runs this program again in a network namespace of its own, and returns inside it.
+    """Runs this program again in a new network namespace, and returns inside it.
 
     The namespace has the loopback interface only, with a route for the discovery group, and shared
     memory of its own. Ends the program when the system does not let this user make one.
@@ -118,11 +118,11 @@ class OtherNetwork:
         subprocess.run(["ip", "link", "del", "vxhere"], stderr=subprocess.DEVNULL)
 
     def command(self):
-        """The words to put before a command that is to run in the other network."""
+        """The prefix of a command that runs in the other network."""
         return ["nsenter", "-t", str(self.holder.pid), "-n", "--"]
 
     def add_neighbours(self, count):
-        """Gives the other side so many more addresses; returns those of this side that each of them
+        """Gives the other side this many more addresses; returns those of this side that each of them
         reaches, a net for each. This side's kernel forgets a neighbour that does not answer within 3 s
         instead of up to a minute."""
         settings = pathlib.Path("/proc/sys/net/ipv4/neigh/vxhere")

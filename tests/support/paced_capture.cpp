@@ -80,7 +80,7 @@ void runCallback(std::uint64_t number, std::int16_t* block) {
     table->callbacks.store(number + 1, std::memory_order_release);
 }
 
-/// Keeps the capture without pauses near its clients. Where there are none it goes on slowly.
+/// Keeps the capture without pauses near its clients. Without clients it runs slowly.
 class ClientsPace {
   public:
     /// Before the callback with this number; waits for a tenth of a second at most.

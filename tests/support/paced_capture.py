@@ -1,4 +1,4 @@
-"""The paced capture, which takes the sound library's place, and the table that it keeps."""
+"""The paced capture, which replaces the sound library, and its table."""
 
 import mmap
 import struct

@@ -1,6 +1,6 @@
 // Sets the calendar clock of a program forward or back while it runs (LD_PRELOAD), the machine's
 // own clock stays as it is. The file named by VELANTRIX_CLOCK holds a 64-bit count of seconds,
-// which is added from the next look at the clock on.
+// which is added from the next reading on.
 
 #include <cstdint>
 #include <cstdlib>

@@ -1,5 +1,5 @@
-// Lets a share of ENet's allocations fail (LD_PRELOAD). The file named by VELANTRIX_SCARCE holds
-// two 32-bit numbers: how many of a thousand fail just now, and the seed of the choice.
+// Makes a share of ENet's allocations fail (LD_PRELOAD). The file named by VELANTRIX_SCARCE holds
+// two 32-bit numbers: how many of a thousand fail, and the seed of the choice.
 
 #include <cerrno>
 #include <cstddef>

@@ -18,7 +18,7 @@ FALLBACK_BYTES = 1936
 
 
 def control_message(message_id, flags=0, name=b""):
-    """The bytes of a control message; ``name`` brings its own terminator."""
+    """The bytes of a control message; ``name`` contains its terminator."""
     return struct.pack("<IIII", message_id, 0, flags, 0) + name
 
 
@@ -46,7 +46,7 @@ def are_in_order(packets):
 
 
 def samples_of(packets):
-    """The samples of raw packets, one behind the other."""
+    """The samples of raw packets, concatenated."""
     samples = array.array("h")
     for packet in packets:
         samples.frombytes(packet.payload)
@@ -60,7 +60,7 @@ def sequence_gaps(packets):
 
 
 def wait_packets_of_all(clients, count):
-    """Waits until each client has so many packets more than now; returns all packets of each."""
+    """Waits until each client has this many more packets; returns all packets of each."""
     already = [len(client.packets()) for client in clients]
     for client, before in zip(clients, already):
         wait_until(lambda: client.statistics()["packets"] >= before + count,
@@ -117,7 +117,7 @@ class Client:
         self.probe.command(f"resume {self.name}")
 
     def refuse_thinning(self):
-        """From now on a best-effort packet that does not come was lost, not left out by ENet."""
+        """Switches off ENet's throttle: from now on a missing best-effort packet was lost."""
         self.probe.command(f"keep {self.name}")
 
     def statistics(self):
@@ -143,7 +143,7 @@ class Client:
         return packets
 
     def wait_packets(self, count):
-        """Waits for so many packets more than there are; returns all."""
+        """Waits for this many more packets; returns all."""
         return wait_packets_of_all([self], count)[0]
 
 
@@ -157,7 +157,7 @@ class Probe(Process):
                          stdin=subprocess.PIPE)
 
     def command(self, line):
-        """Sends a command and waits until it is carried out."""
+        """Sends a command and waits until it is executed."""
         start = self.out.count()
         self.child.stdin.write(line + "\n")
         self.child.stdin.flush()
@@ -181,8 +181,8 @@ class Probe(Process):
         return client
 
     def listen(self, rate_code=0, reliable=True, thinned=True, **options):
-        """Connects a new client and waits until it hears; see connect. With `thinned` false ENet
-        leaves nothing out."""
+        """Connects a new client and waits until it receives; see connect. With `thinned` false ENet
+        does not throttle."""
         client = self.connect(**options)
         if not thinned:
             client.refuse_thinning()

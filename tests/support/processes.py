@@ -10,7 +10,7 @@ import threading
 import time
 
 PATIENCE = 30.0
-"""Seconds to wait for something that comes at once on an idle machine."""
+"""Seconds to wait for something that is immediate on an idle machine."""
 
 NOT_ROOT = ["unshare", "--user", "--map-user=65534", "--map-group=65534", "--"]
 """The words before a program that refuses to run as root."""
@@ -140,7 +140,7 @@ class Process:
         self.child.wait()
 
     def _save_coverage(self):
-        """Lets a program that was built to measure coverage write its counts and die by itself."""
+        """Makes a program of a coverage build write its counts and end."""
         with open(f"/proc/{self.pid}/status", encoding="ascii", errors="replace") as status:
             caught = int(re.search(r"^SigCgt:\s*(\w+)$", status.read(), re.MULTILINE).group(1), 16)
         if not caught >> (_WRITE_COUNTS_AND_DIE - 1) & 1:

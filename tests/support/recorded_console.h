@@ -3,7 +3,7 @@
 #include <string>
 #include <vector>
 
-/// Takes the console's place at link time and keeps what the code under test prints.
+/// Replaces the console at link time and keeps what the code under test prints.
 
 /// What was printed since the last clear, one entry per call, line ends included.
 std::vector<std::string>& recordedConsole();

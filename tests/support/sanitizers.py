@@ -1,4 +1,4 @@
-"""What sanitizers find in any process that a test starts.
+"""Reports of sanitizers in any process that a test starts.
 
 A report goes to a file of its own, not to standard error, which the server may have turned away
 and where a test expects lines of the program's. Without sanitizers nobody reads the variables.
@@ -17,7 +17,7 @@ def collect_reports():
     """From now on, reports of the processes that are started come here."""
     global _folder
     _folder = tempfile.TemporaryDirectory(prefix="velantrix-sanitizers-")
-    # Also for a program that has given root's rights up.
+    # Also for a program that has dropped root's rights.
     os.chmod(_folder.name, 0o1777)
     for variable in VARIABLES:
         options = [os.environ[variable]] if os.environ.get(variable) else []

@@ -13,7 +13,7 @@ FRAME_BYTES = 4
 
 
 def noise(frames, seed, level=12000):
-    """Stereo noise that repeats nowhere: any piece of it is found at one place only."""
+    """Stereo noise without repetition: any piece of it is found at one place only."""
     generator = random.Random(seed)
     return array.array("h", (generator.randint(-level, level) for _ in range(frames * CHANNELS)))
 
@@ -87,7 +87,7 @@ def loud_part(samples, threshold=200):
 
 
 def find_frames(haystack, needle):
-    """Frame index at which ``needle`` stands bit for bit in ``haystack``, or -1."""
+    """Frame index of ``needle`` in ``haystack``, bit for bit, or -1."""
     hay, sought = haystack.tobytes(), needle.tobytes()
     at = hay.find(sought)
     while at >= 0 and at % FRAME_BYTES != 0:

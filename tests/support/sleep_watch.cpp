@@ -15,7 +15,7 @@ std::vector<int>& lengths() {
 }  // namespace
 
 std::vector<int> sleeps() {
-    const std::lock_guard<std::mutex> alone(mutex);
+    const std::lock_guard<std::mutex> lock(mutex);
     return lengths();
 }
 
@@ -36,7 +36,7 @@ void __real__Z5Sleepi(int milliseconds);
 
 void __wrap__Z5Sleepi(int milliseconds) {
     {
-        const std::lock_guard<std::mutex> alone(mutex);
+        const std::lock_guard<std::mutex> lock(mutex);
         lengths().push_back(milliseconds);
     }
     if (duringSleep()) {

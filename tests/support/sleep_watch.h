@@ -6,7 +6,7 @@
 /// The program's own calls of Sleep(), diverted at link time; they still sleep. Calls of usleep()
 /// and of the test source's own are not among them unless they go through Sleep().
 
-/// What each call until now was asked to sleep, in ms.
+/// The duration of each call until now, in ms.
 std::vector<int> sleeps();
 
 /// Calls of exactly this length.

@@ -1,4 +1,4 @@
-"""A private sound server: real PulseAudio with a null sink, heard by nobody else."""
+"""A private sound server: real PulseAudio with a null sink."""
 
 import os
 import pathlib
@@ -62,7 +62,7 @@ class SoundServer:
             raise AssertionError(f"no private sound server ({error}):\n  {lines}") from error
 
     def stop(self):
-        """Ends the daemon at once, as a crash would; its clients lose their sound."""
+        """Kills the daemon; its clients lose their sound."""
         self.daemon.kill()
 
     def __exit__(self, *_):

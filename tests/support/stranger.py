@@ -1,4 +1,4 @@
-"""Strangers: hand-made peers that walk at random over all commands, flags and states of ENet's.
+"""Strangers: hand-made peers that use ENet's commands, flags and states at random.
 
 Each connects or tries to, does some deeds with some way to acknowledge, and leaves. All that it
 chooses comes from a generator of random numbers; what it sends depends on the answers, too.
@@ -18,8 +18,8 @@ from support.enet_wire import (ACKNOWLEDGE, BANDWIDTH_LIMIT, COMMANDS_AT_ONCE, C
                                HandMadePeer, acknowledgement, command, connect_fields, mutate, now)
 from support.probe import MULTI_CLIENT, control_message, data_request
 
-LIFE = 60.0  # Seconds after which the server has given up whoever is silent.
-TIME_OUT = 36.0  # Seconds in which ENet gives up who has never acknowledged anything.
+LIFE = 60.0  # Seconds after which the server has disconnected a silent peer.
+TIME_OUT = 36.0  # Seconds after which ENet disconnects a peer that has never acknowledged.
 FRIENDS = 7
 PEERS, SESSIONS = 32, 4  # Of the server: places, and numbers of the connections in each.
 LONGEST = 4096
@@ -47,7 +47,7 @@ class Stranger(HandMadePeer):
         self.steps = self.walk()
 
     def ask(self, data):
-        """Asks in its own time."""
+        """Requests data after a while."""
 
     # How it sends.
 
@@ -256,7 +256,7 @@ class Stranger(HandMadePeer):
         yield from self.phase(self.random.uniform(0, 2), self.never)  # As one that is gone.
 
     def arrive(self):
-        """Until it is connected, or gives up; a few are never answered, or go at once."""
+        """Runs until it is connected or has failed; a few are never answered, or leave at once."""
         if self.sometimes(0.1):
             self.send(self.connect() + self.usual(DISCONNECT), peer=NO_PEER)
         self.acknowledge = self.random.choice((self.in_order,) * 6 + (
@@ -295,7 +295,7 @@ class Stranger(HandMadePeer):
     # Ways to leave.
 
     def vanish(self):
-        """Without a word, or after answers by which round trips take long."""
+        """Without notice, or after answers that make round trips look long."""
         if self.sometimes(0.5):
             yield from self.phase(3, self.for_what_was_sent_long_ago, self.nothing)
 
@@ -308,7 +308,7 @@ class Stranger(HandMadePeer):
             yield 0.005
 
     def break_silence(self):
-        """Lets the server believe that answers take long, and then that they do not; keeps silent;
+        """Makes the server believe that answers take long, and then that they do not; keeps silent;
         acknowledges the oldest when what was sent after it is overdue, in the same moment as it and
         its friends say something; and comes back."""
         friends = [Stranger(self.server, self.random, False) for _ in range(FRIENDS)]
@@ -365,8 +365,8 @@ class Stranger(HandMadePeer):
 
 
 class Forger(Stranger):
-    """Walks under an address where nobody answers, or that cannot be answered. It does not hear
-    which peer it got, and tries all."""
+    """Walks with an address that does not answer, or cannot be answered. It does not learn
+    its peer's number, and tries all."""
 
     SENDERS = (("10.77.0.2", 0), ("10.77.0.77", 4077), ("10.77.0.255", 4077),
                ("198.51.100.9", 4077), ("10.77.0.1", 59010), ("127.0.0.1", 59011))
@@ -410,7 +410,7 @@ class Forger(Stranger):
 
 
 def walk(server, seed, count, at_once, sharing):
-    """Lets ``count`` strangers live, ``at_once`` of them together, ``sharing`` of these as clients
+    """Runs ``count`` strangers, ``at_once`` of them together, ``sharing`` of these as clients
     that share the server with others. Returns how many datagrams they sent and how many had been
     answered."""
     generator = random.Random(seed)

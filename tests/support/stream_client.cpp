@@ -1,4 +1,4 @@
-// A client for measurements: connects, asks for data, counts packets until its standard input is
+// A client for measurements: connects, requests data, counts packets until its standard input is
 // closed. Usage: stream_client PORT RATE_CODE RELIABLE(0|1) [TABLE OUTPUT]
 //
 // With TABLE (the paced capture's) it writes one line per audio packet to OUTPUT when it ends:

@@ -17,7 +17,7 @@ TestClient::TestClient(std::uint32_t connectData, std::uint16_t localPort, std::
     host->randomSeed += ++seed * 0x9E3779B9U;
     if (mtu != 0) {
         host->mtu = mtu;
-        host->peers[0].mtu = mtu;  // What the connect offers: taken from the host when it was made.
+        host->peers[0].mtu = mtu;  // Offered in the connect; copied from the host at its creation.
     }
     address.port = port;
     peer = enet_host_connect(host, &address, 2, connectData);

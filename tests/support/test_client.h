@@ -22,12 +22,12 @@ struct ReceivedPacket {
 class TestClient {
   public:
     /// Begins to connect to `port` of a server with connect data: protocol version in the low byte,
-    /// bit 31 for company. `localPort` 0: any. `mtu` 0: ENet's own. Check ok() where the server or
-    /// the local port may not be there.
+    /// bit 31 for multi-client. `localPort` 0: any. `mtu` 0: ENet's own. Check ok() where the
+    /// server or the local port may not be there.
     explicit TestClient(std::uint32_t connectData, std::uint16_t localPort = 0,
                         std::uint32_t mtu = 0, std::uint16_t port = wire::DEFAULT_SERVER_PORT,
                         const std::string& serverHost = "127.0.0.1");
-    ~TestClient();  ///< Says nothing to the server: the client vanishes.
+    ~TestClient();  ///< No disconnect: the client vanishes.
     TestClient(const TestClient&) = delete;
     TestClient& operator=(const TestClient&) = delete;
 
@@ -39,11 +39,11 @@ class TestClient {
     /// The same, but shows each event to `handle` instead. Packets are borrowed.
     void service(const std::function<void(const ENetEvent&)>& handle) const;
 
-    /// Queues and flushes a control message on a channel; false when that cannot be.
+    /// Queues and flushes a control message on a channel; false on failure.
     bool send(const std::vector<unsigned char>& message, std::uint8_t channel = 0,
               enet_uint32 delivery = ENET_PACKET_FLAG_RELIABLE) const;
 
-    /// Leaves with a notice; service() must go on for it to go out.
+    /// Disconnects; service() must then be called to send it.
     void leave(std::uint32_t data = 0) const;
 
     /// The local UDP port.

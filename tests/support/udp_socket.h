@@ -25,7 +25,7 @@ class UdpSocket {
 
     [[nodiscard]] std::uint16_t port() const;
 
-    /// Hears what is sent to a multicast group on the loopback interface as well.
+    /// Also receives from a multicast group on the loopback interface.
     void join(const char* group) const;
 
     void send(const std::string& text, const std::string& host, std::uint16_t port) const;
@@ -42,12 +42,12 @@ class UdpSocket {
     int handle_;
 };
 
-/// Sends a datagram whose source port is `from`, whoever holds that; 0: nobody can answer. Needs
+/// Sends a datagram with the source port `from`, also one in use; 0: it cannot be answered. Needs
 /// the rights of the network namespace.
 void sendFromPort(std::uint16_t from, const std::string& text, const std::string& host,
                   std::uint16_t port);
 
-/// A socket whose datagrams a thread of its own hands to a function of the test's.
+/// A socket whose datagrams a separate thread passes to a function of the test.
 class UdpResponder {
   public:
     /// Called on the responder's thread.

@@ -1,4 +1,4 @@
-"""A web server in place of the maker's: a test sets its answers and reads what it was asked.
+"""A web server in place of the maker's: a test sets its answers and reads its requests.
 
 System tests use the class. The unit tests run this file as a program: it prints its port, then
 answers every line of JSON on standard input with one on standard output, {} unless said:
@@ -48,7 +48,7 @@ class VersionServer:
             self._answers[path] = (status, headers or {}, body.encode("latin-1"), manner)
 
     def requests(self):
-        """What was asked until now, in order."""
+        """The requests until now, in order."""
         with self._lock:
             return list(self._requests)
 
@@ -122,7 +122,7 @@ class _Handler(http.server.BaseHTTPRequestHandler):
 
 
 def obey(server, command):
-    """Carries out one command of a unit test; returns the answer to it."""
+    """Executes one command of a unit test; returns its answer."""
     if "answer" in command:
         server.answer(**command["answer"])
     elif "let_go" in command:

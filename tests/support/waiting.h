@@ -4,7 +4,8 @@
 #include <chrono>
 #include <thread>
 
-/// Asks `done()` once a millisecond until it says so, for 10 s or `patience`; whether it did.
+/// Calls `done()` once a millisecond until it returns true, for 10 s or `patience`; returns whether
+/// it did.
 template <class Done>
 bool waitUntil(Done done, std::chrono::milliseconds patience = std::chrono::seconds(10)) {
     const auto end = std::chrono::steady_clock::now() + patience;

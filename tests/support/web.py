@@ -1,4 +1,4 @@
-"""velantrix-web, the programs that listen to it, and how they heard."""
+"""velantrix-web, the programs that listen to it, and checks of what they heard."""
 
 import re
 import statistics
@@ -78,7 +78,7 @@ def pitch(mono, rate, spliced):
 
 
 def assert_tone(test, samples, rate, seconds, name, level=True, spliced=False):
-    """The tone is heard: at least so long, within a cent of its pitch and half a decibel of its
+    """The tone is heard: at least this long, within a cent of its pitch and half a decibel of its
     level in both channels, without a gap. The first and the last quarter of a second do not count.
     Without ``level`` it is not judged, nor which channel it is heard in. See pitch() for
     ``spliced``."""

@@ -1,4 +1,4 @@
-"""Listeners to velantrix-web by hand: requests of any bytes, and /live with its numbers."""
+"""Hand-made listeners to velantrix-web: requests of any bytes, and /live with its numbers."""
 
 import socket
 import struct
@@ -28,7 +28,7 @@ def request(path, lines=""):
 
 
 def read_all(line):
-    """Everything that comes until the other side closes."""
+    """Everything received until the other side closes."""
     content = b""
     try:
         while piece := line.recv(65536):
@@ -39,7 +39,7 @@ def read_all(line):
 
 
 class LiveListener:
-    """Hears /live on a thread of its own until it is closed. A context manager.
+    """Listens to /live on a separate thread until it is closed. A context manager.
 
     ``texts``    the text messages.
     ``numbers``  the sequence numbers of the binary ones.

@@ -102,7 +102,7 @@ class Sound(FaultTest):
         self.assertIsNone(self.server.child.poll())
 
     def assert_everybody_is_lost(self, clients):
-        """Apps lose their connection by ENet's time-outs, and nobody gets a new one."""
+        """Apps lose their connection by ENet's time-outs, and cannot connect again."""
         newcomer = self.probe.connect(wait=False)
         begin = time.monotonic()
         for client in clients:
@@ -265,7 +265,7 @@ class Clock(FaultTest):
 
 
 class Output(FaultTest):
-    """Nobody reads standard output, and a client makes the server print all the time."""
+    """Standard output is not read, and a client makes the server print all the time."""
 
     def start_into_pipe(self):
         """Starts the server with a pipe as its output; returns the reading end, which waits for
@@ -337,7 +337,7 @@ class Limits(FaultTest):
 
     def limit_memory(self, most):
         # Not the address space: the heaps of threads have theirs reserved, and once it is used up
-        # the kernel lets them write on in it whatever the limit of data says.
+        # the kernel lets them write there despite the limit of data.
         self.limit(resource.RLIMIT_DATA, most)
 
     def test_no_descriptor_left_while_streaming(self):
@@ -361,7 +361,7 @@ class Limits(FaultTest):
             asker.sendto(QUERY, DISCOVERY)
 
     def check_start(self, *limit):
-        """Every start goes on, or ends with status 255 and a reason; never by a signal."""
+        """Every start continues, or ends with status 255 and a reason; never by a signal."""
         for left in pathlib.Path("/dev/shm").glob("jack_db-*"):  # A lock of the start before.
             shutil.rmtree(left)
         with Server(sound=self.sound, rate=48000, prefix=["prlimit", *limit]) as server:
@@ -417,7 +417,7 @@ class Limits(FaultTest):
         self.server.out.wait_for(SCARCE)  # What is kept for them took all that there was.
         for client in still:
             client.resume()
-        # What the program does on the side, such as its check for a new version, may fail too.
+        # Other work, such as the check for a new version, may fail, too.
         wait_until(lambda: time.monotonic() - began > ON_THE_SIDE, "the work on the side is over")
         self.assertIsNone(self.server.child.poll(), self.server.out.all()[-1])
         listener.wait_packets(50)
@@ -450,7 +450,7 @@ class ScarceMemory(FaultTest):
             return next(int(line.split()[1]) for line in status if line.startswith("RssAnon"))
 
     def shortage(self, per_mille):
-        """Lets allocations fail for a while, in which strangers try to connect."""
+        """Makes allocations fail for a while, in which strangers try to connect."""
         self.fail_share(per_mille)
         for _ in range(STRANGERS):
             self.probe.connect(wait=False)

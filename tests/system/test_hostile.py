@@ -87,7 +87,7 @@ class Arrivals(collections.namedtuple("Arrivals", "read filtered refused")):
 class HostileNetwork(unittest.TestCase):
     """One server with five good clients for all tests of a class."""
 
-    # What the server allocates; of a sanitizer's memory the greatest part is its own, of any kind.
+    # The server's own memory; with a sanitizer most memory is the sanitizer's.
     judged_memory = property(lambda _: "VmRSS" if has_sanitizer() else "RssAnon")
     thinned_share = 0.05
 
@@ -137,7 +137,7 @@ class HostileNetwork(unittest.TestCase):
             self.assertFalse(client.is_disconnected(), client.name)
 
     def send_flood(self, kind, count, rate, *words):
-        """A flood that goes on until the server's socket has taken so many datagrams: those that
+        """A flood that continues until the server's socket has received this many datagrams: those that
         find its queue full are sent once more."""
         before = Arrivals.until_now()
         arrivals = Arrivals(0, 0, 0)
@@ -423,7 +423,7 @@ class Walk(HostileNetwork):
         wait_until(lambda: is_heard(cls.good[0].wait_packets(20)[-1]), "the tone is heard")
 
     def assert_tone_was_heard(self, since):
-        """The first client heard nothing but the tone; nobody waited long for his next packet."""
+        """The first client heard only the tone; no client waited long for a packet."""
         packets = [client.packets()[since:] for client in self.good]
         silent = sum(1 for packet in packets[0] if not is_heard(packet))
         waits = [max(after.arrival - before.arrival for before, after in zip(each, each[1:])) / 1000
@@ -456,7 +456,7 @@ class Walk(HostileNetwork):
         return end, peak
 
     def wait_for_the_rest(self, end):
-        """Until nobody can be left of the strangers; in short, until nobody is."""
+        """Waits until all strangers must be gone; in short runs, until they are."""
         if LONG:
             time.sleep(max(0.0, end + PAUSE - time.monotonic()))
             return

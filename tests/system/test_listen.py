@@ -240,7 +240,7 @@ class PlaybackTest(ListenTest):
     def check_tone(self, recorded, seconds):
         """The middle of what was recorded is the tone: frequency within a cent, and level."""
         sound = loud_part(recorded)
-        # A sound server takes up to two seconds to get going.
+        # A sound server takes up to two seconds to start.
         self.assertGreater(len(sound) / 2 / 48000, seconds - 3.5)
         self.assertLess(len(sound) / 2 / 48000, seconds + 1)
         middle = sound[len(sound) // 8 * 2:]

@@ -1,4 +1,4 @@
-"""The listening client when what it stands on goes away: servers, addresses, sound, readers."""
+"""The listening client when servers, addresses, sound or readers are lost."""
 
 import json
 import os

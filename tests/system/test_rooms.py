@@ -15,7 +15,7 @@ SETTLE_S, JUDGED_S = 8, 8
 
 
 def prefer(process):
-    """Lets a program go before ordinary ones, as listeners do by themselves, where that is allowed."""
+    """Gives a program real-time priority, as listeners do themselves, where that is allowed."""
     for task in os.listdir(f"/proc/{process.pid}/task"):
         with contextlib.suppress(OSError):
             os.sched_setscheduler(int(task), os.SCHED_RR, os.sched_param(1))
@@ -31,7 +31,7 @@ class Rooms(SystemTest):
         prefer(self.server)
 
     def environment(self, name, latency_ms, ppm=0):
-        """Of a listener on a device of its own."""
+        """The figures of a listener on its own device."""
         return dict(clean_environment(), LD_PRELOAD=fake("room_sound.so"),
                     ROOM_SOUND_FILE=str(self.folder / name),
                     ROOM_SOUND_LATENCY=str(latency_ms), ROOM_SOUND_PPM=str(ppm))

@@ -1,4 +1,4 @@
-"""Clients that do not keep up: what they lose, and that nobody else notices."""
+"""Clients that do not keep up: what they lose, and that others do not notice."""
 
 import re
 import time
@@ -19,7 +19,7 @@ CHECK_INTERVAL = 15
 # is accepted, and the wait for the next check; a few for what was on its way.
 PACKETS_UNTIL_TRIM = 48 + TRIM_THRESHOLD + CHECK_INTERVAL + 10
 
-# ENet gives a client up that has acknowledged nothing for 5 s.
+# ENet disconnects a client that has acknowledged nothing for 5 s.
 LONGEST_STALL = 4.3
 
 # What one client may keep the server holding: 15 + 75 commands that wait and a window of 48 that
@@ -37,7 +37,7 @@ class SlowClient(StreamingTest):
         self.witness = self.probe.listen()
 
     def stall(self, client, seconds, packets=PACKETS_UNTIL_TRIM):
-        """Lets a client read nothing for a while; returns the probe's time of its return."""
+        """Stalls a client for a while; returns the probe's time of its return."""
         end = time.monotonic() + seconds
         client.stall()
         self.witness.wait_packets(packets)

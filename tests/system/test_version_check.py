@@ -23,7 +23,7 @@ NO_LIBRARY = "Error, could not dlopen the cURL shared library libcurl.so.4."
 
 
 def retrieved(version, line_end):
-    """The line about a file that has a version and an end of line of so many bytes."""
+    """The line about a file with a version and a line end of this many bytes."""
     return (f"WebIf::checkVersion: {len(version) + line_end} bytes retrieved ({len(version)}): "
             f"{version} ({VERSION})")
 
@@ -63,7 +63,7 @@ class VersionTest(SystemTest):
         self.settings.write_text("\n".join(["[General]", *lines, ""]), encoding="ascii")
 
     def run_past_the_check(self, server):
-        """Lets a server run well beyond the time of its check; returns its lines about it."""
+        """Runs a server well beyond the time of its check; returns its lines about it."""
         server.out.wait_for(BANNER)
         time.sleep(SHORT_WAIT + 2)
         self.assert_ends_cleanly(server)

@@ -208,7 +208,7 @@ class Vanishing(SystemTest):
 
 
 class Descriptors(SystemTest):
-    """Without a sanitizer: that for undefined behaviour needs descriptors of its own."""
+    """Without a sanitizer: that for undefined behaviour needs descriptors."""
 
     def setUp(self):
         super().setUp()

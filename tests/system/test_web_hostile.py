@@ -47,7 +47,7 @@ class Hostile(SystemTest):
         wait_until(lambda: all(each.numbers for each in self.good), "the sound comes")
 
     def tearDown(self):
-        """Whatever happened: everything was heard, and it ends as ever."""
+        """Everything was heard, and it ends as usual."""
         for each in self.good:
             count = len(each.numbers)
             wait_until(lambda: len(each.numbers) > count + 100, "the sound goes on")

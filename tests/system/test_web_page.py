@@ -200,7 +200,7 @@ class Secure(PageTest):
 
 
 class Restarts(PageTest):
-    """The page plays on by itself."""
+    """The page resumes playing without help."""
 
     def test_the_page_plays_on(self):
         for browser in (Chromium, Firefox) if IN_FULL else (Firefox,):
@@ -234,7 +234,7 @@ class Restarts(PageTest):
 
 
 class Page(PageTest):
-    """What is seen and what is touched."""
+    """Display and controls."""
 
     scheme = "https"
     host = "192.168.1.20"  # An address that looks like one at home in pictures.

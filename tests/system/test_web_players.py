@@ -51,13 +51,13 @@ class PlayersTest(SystemTest):
         return text
 
     def decode(self, path, target):
-        """What ffmpeg makes of a piece of a stream that was saved."""
+        """ffmpeg's result for a saved piece of a stream."""
         self.finish(self.start(["ffmpeg", "-nostdin", "-loglevel", "error", "-i", path, "-ac", 2,
                                 "-c:a", "pcm_s16le", "-y", target]))
 
     def hear(self, command, streams=STREAMS, statuses=(0,)):
-        """Lets a player hear all streams at once. ``command(address, path)`` returns its words; it
-        is to write what it hears into the WAV file at ``path``."""
+        """Plays all streams at once. ``command(address, path)`` returns the player's command; it writes
+        the sound to the WAV file at ``path``."""
         paths = [self.folder / f"{stream.replace('?', '-')}.wav" for stream in streams]
         children = [self.start(command(f"{self.address}/{stream}", path))
                     for stream, path in zip(streams, paths)]

@@ -154,7 +154,7 @@ def press_return_until_end(server):
 
 
 class BindWarning(SystemTest):
-    """The box about a bind address that does not exist holds the start up, but not for ever."""
+    """The box about a bind address that does not exist delays the start until it is closed."""
 
     def test_sound_is_opened_only_after_the_box_is_closed(self):
         with seen_server("-b", "no.such.host") as (server, view):

@@ -30,7 +30,7 @@ def setUpModule():
 
 
 class Crowd:
-    """Clients that connect, ask for data and leave every few milliseconds, beside one that stays."""
+    """Clients that connect, request data and leave every few milliseconds, and one that stays."""
 
     def __init__(self, folder, generator):
         self.probe = Probe(folder)

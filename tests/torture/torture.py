@@ -35,8 +35,8 @@ from torture_session import ANYWHERE, AT_AN_ADDRESS, run_session  # noqa: E402
 
 ATTEMPTS = 3
 MOST_UNREACHED = 0.05  # Share of the chosen calls.
-# What a busy machine may cause: then a second session decides. A line on standard error is lost
-# when it comes while that is turned off for the sound library's start.
+# Effects of a busy machine: then a second session decides. A line on standard error is lost when it
+# comes while that is turned off for the sound library's start.
 PERHAPS_TIMING = ("the clients", "the queries", "the failure", "the version check", "blocks",
                   "descriptors", "it takes")
 NOT_REACHED, OTHER_NOT_REACHED = "not reached", "at a site of some sessions not reached"
@@ -44,7 +44,7 @@ NOT_REACHED, OTHER_NOT_REACHED = "not reached", "at a site of some sessions not 
 
 @dataclasses.dataclass(frozen=True)
 class Call:
-    """One that is to fail, in a session like those that `judge` knows."""
+    """A call that must fail, in a session like those that `judge` knows."""
 
     judge: Judge
     number: int  # The site's hash.
@@ -68,7 +68,7 @@ def by_function(sites):
 
 
 def calls_of(judge, sites, every):
-    """Every call that is to fail."""
+    """All calls that must fail."""
     for number, site in by_function(sites):
         few = {1, min(2, site.calls), max(1, site.calls // 2)}
         for count in range(1, site.calls + 1) if every else sorted(few):
@@ -136,7 +136,7 @@ def run_until_reached(web, call):
 
 
 def try_call(web, call, verbose):
-    """Lets one call fail; returns what came of it."""
+    """Makes one call fail; returns the result."""
     outcome = run_until_reached(web, call)
     complaint = call.judge.complaint(outcome, call.number)
     if complaint is not None and complaint.startswith(PERHAPS_TIMING):

@@ -1,5 +1,5 @@
 // Calls of the system and of the sound, network, codec and web libraries that fail. Which others
-// the programs make, and why they are left alone, stands in torture_imports.py.
+// the programs make, and why they are not replaced, is in torture_imports.py.
 
 #include <arpa/inet.h>
 #include <cerrno>

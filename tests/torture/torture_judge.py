@@ -25,7 +25,7 @@ NETWORK = ("enet_host_service", "sendmsg", "recvmsg", "poll")
 
 @dataclasses.dataclass(frozen=True)
 class Report:
-    """A line that follows from the failure of one of the functions, and what it stands for."""
+    """A line that follows from the failure of one of the functions, and its meaning."""
 
     functions: tuple
     line: str

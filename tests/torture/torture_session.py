@@ -84,7 +84,7 @@ def poll_until(condition, patience):
 
 
 class Session:
-    """One life of the server, in a folder of its own."""
+    """One run of the server, in a new folder."""
 
     def __init__(self, folder, web, arguments, fault=None, descriptors=None):
         self.folder = folder
@@ -184,7 +184,7 @@ class Session:
         return count
 
     def descriptors(self):
-        """What each open descriptor of the server stands for."""
+        """The file of each open descriptor of the server."""
         found = []
         with contextlib.suppress(OSError):  # The process has ended.
             for entry in os.scandir(f"/proc/{self.server.pid}/fd"):

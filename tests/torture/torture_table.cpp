@@ -238,7 +238,7 @@ void* nextFunction(const char* name) {
 }
 
 DlsymFunction* realDlsym() {
-    // This library has a dlsym of its own, so the real one is only found by its version.
+    // This library defines dlsym, so the real one is only found by its version.
     static DlsymFunction* const real = [] {
         void* found = nullptr;
         for (const char* const version : {"GLIBC_2.34", "GLIBC_2.2.5", "GLIBC_2.17"}) {

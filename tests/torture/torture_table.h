@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-/// What the preloaded library tells the driver, in a file that both map. The layout is known to
+/// The preloaded library's report to the driver, in a file that both map. The layout is known to
 /// torture.py.
 ///
 /// A site is a fallible function together with the way through the code by which it was called.

@@ -84,17 +84,17 @@ std::size_t StreamClock::pass(std::int64_t now) {
 
 // The minimum lag of a window is that of packets that were not delayed.
 std::size_t StreamClock::settle(std::int64_t now, std::int64_t lag) {
-    leastLag_ = windowEnd_ ? std::min(leastLag_, lag) : lag;
+    minimumLag_ = windowEnd_ ? std::min(minimumLag_, lag) : lag;
     windowEnd_ = windowEnd_.value_or(now + WINDOW);
     if (now < *windowEnd_) {
         return 0;
     }
     windowEnd_.reset();
     filled_ = 0;
-    if (leastLag_ > MAX_LAG) {
-        return fill(leastLag_);
+    if (minimumLag_ > MAX_LAG) {
+        return fill(minimumLag_);
     }
-    origin_ += std::clamp(leastLag_, -MAX_DRIFT, MAX_DRIFT);
+    origin_ += std::clamp(minimumLag_, -MAX_DRIFT, MAX_DRIFT);
     return 0;
 }
 
@@ -115,8 +115,8 @@ StreamClock::Arrival StreamClock::arrive(std::int64_t now, std::size_t frames, i
             framesIn(lengthOf(std::uint64_t{step.missing} * frames, packetRate));
         const std::size_t done = std::min(missing, filled_);
         filled_ -= done;
-        const std::int64_t most = begins - reach() + MAX_AHEAD;
-        arrival.silence = fill(std::min(lengthOf(missing - done, rate_) + 1, most));
+        const std::int64_t maximum = begins - reach() + MAX_AHEAD;
+        arrival.silence = fill(std::min(lengthOf(missing - done, rate_) + 1, maximum));
     }
     const std::int64_t lag = begins - reach();
     if (lag < (filled_ > 0 ? -MAX_AHEAD_OF_SILENCE : -MAX_AHEAD)) {

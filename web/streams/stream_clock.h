@@ -53,7 +53,7 @@ class StreamClock {
     std::int64_t lastArrival_ = 0;
     std::size_t filled_ = 0;  ///< Frames of silence whose sound may still arrive.
     std::optional<std::int64_t> windowEnd_;
-    std::int64_t leastLag_ = 0;  ///< In the present window.
+    std::int64_t minimumLag_ = 0;  ///< In the present window.
 };
 
 }  // namespace vxweb

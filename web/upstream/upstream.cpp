@@ -17,11 +17,11 @@ using vxlisten::SECOND;
 using vxlisten::steadyNow;
 
 constexpr std::chrono::milliseconds TICK{20};
-constexpr std::int64_t LOCATE_PATIENCE = 1 * SECOND;
-constexpr std::int64_t CONNECT_PATIENCE = 5 * SECOND;
+constexpr std::int64_t LOCATE_TIMEOUT = 1 * SECOND;
+constexpr std::int64_t CONNECT_TIMEOUT = 5 * SECOND;
 /// A server sends all the time. When a connection delivers nothing, only a new one helps.
-constexpr std::int64_t SILENCE_PATIENCE = 3 * SECOND;
-constexpr std::int64_t GOODBYE_PATIENCE = 400 * MILLISECOND;
+constexpr std::int64_t SILENCE_TIMEOUT = 3 * SECOND;
+constexpr std::int64_t DISCONNECT_TIMEOUT = 400 * MILLISECOND;
 /// Another client was given the place: do not take it back at once.
 constexpr std::int64_t REPLACED_PAUSE = 5 * SECOND;
 
@@ -179,19 +179,19 @@ void Upstream::connect() {
 void Upstream::watch() {
     const std::int64_t now = steadyNow();
     const bool moved = !locator_.address().empty() && receiver_.address() != locator_.address();
-    if (link_ == Link::Closing && now - linkSince_ >= GOODBYE_PATIENCE) {
+    if (link_ == Link::Closing && now - linkSince_ >= DISCONNECT_TIMEOUT) {
         enter(Link::Ended);
         events_.upstreamClosed();
     } else if (link_ == Link::Waiting && !away_ && locator_.address().empty() &&
-               now - linkSince_ >= LOCATE_PATIENCE) {
+               now - linkSince_ >= LOCATE_TIMEOUT) {
         away_ = true;
         events_.serverWentAway();
     } else if ((link_ == Link::Waiting && now >= waitUntil_ && !locator_.address().empty()) ||
                (link_ == Link::Connecting && moved)) {
         connect();
-    } else if (link_ == Link::Connecting && now - linkSince_ >= CONNECT_PATIENCE) {
+    } else if (link_ == Link::Connecting && now - linkSince_ >= CONNECT_TIMEOUT) {
         lose({});
-    } else if (link_ == Link::Connected && now - lastSound_ >= SILENCE_PATIENCE) {
+    } else if (link_ == Link::Connected && now - lastSound_ >= SILENCE_TIMEOUT) {
         receiver_.startDisconnect();
         lose("no audio received from " + receiver_.serverAddress() + " for a while");
     }

@@ -20,7 +20,7 @@ namespace {
 /// The address that cannot be written as text; 0: none.
 in_addr_t unwritable = 0;
 
-/// What getifaddrs() finds in place of the system's interfaces, while it is set: a borrowed list,
+/// While it is set, getifaddrs() returns this instead of the system's interfaces: a borrowed list,
 /// null for an empty one.
 std::optional<ifaddrs*> madeUpInterfaces;
 

@@ -42,7 +42,7 @@ std::string numberedLines(int count) {
     return text;
 }
 
-/// What a reader that was away got: numbered lines, and how many it was told that it had missed.
+/// The output for a late reader: numbered lines, and how many were reported as lost.
 struct Seen {
     int lines = 0;
     int lost = 0;
@@ -98,7 +98,7 @@ Ends openFullPipe() {
     return ends;
 }
 
-/// Reads until `wanted` has come.
+/// Reads until `wanted`.
 std::string readUntil(const Ends& ends, const std::string& wanted) {
     std::string text;
     for (int waited = 0; waited < DRAIN_MS && text.find(wanted) == std::string::npos; ++waited) {
@@ -108,7 +108,7 @@ std::string readUntil(const Ends& ends, const std::string& wanted) {
     return text;
 }
 
-/// Reads until so many numbered lines have come or are known to be lost.
+/// Reads until this many numbered lines were read or reported as lost.
 std::string readUntilCounted(const Ends& ends, int lines) {
     std::string text;
     for (int waited = 0; waited < DRAIN_MS; ++waited) {

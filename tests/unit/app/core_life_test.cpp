@@ -17,7 +17,7 @@
 
 namespace {
 
-// Everything that a report touches is static: the object may be gone when it goes on.
+// Everything that a report uses is static: the object may be gone when it continues.
 std::atomic<bool> insideReport{false};
 std::atomic<bool> releaseReport{false};
 std::atomic<int> frontEndReports{0};

@@ -69,7 +69,7 @@ TEST(CoreInit, PrintsTheBannerAndStartsThreeThreads) {
 }
 
 CHILD_TEST(CoreInit, LoadsTheSettingsBeforeAnyThreadAndInitialisesHttpBeforeTheVersionCheck) {
-    // Each worker runs to its record before the main thread goes on: the order is then fixed.
+    // Each worker runs to its record before the main thread continues: this fixes the order.
     static auto* const core = new VelantrixServerNoGUI;
     fakeWorkers().networkHost = [] { waitForWorker("http init"); };
     core->init();
@@ -89,7 +89,7 @@ struct StartFailure : NamedCase {
     int status;
 };
 
-/// The record of a thread that does not start stays allocated, by design: no leak to look for.
+/// The record of a thread that does not start stays allocated by design: no leak.
 void overlookRecords() {
 #if defined(__SANITIZE_ADDRESS__)
     __lsan_disable();

@@ -22,7 +22,7 @@ namespace {
 
 constexpr int STATUS_OF_MINUS_ONE = 255;
 
-/// An exit handler that tells the thread it runs on, on both outputs.
+/// An exit handler that prints its thread, on both outputs.
 void atExit() {
     std::fputs(gettid() == getpid() ? "exit on main\n" : "exit on worker\n", stdout);
     std::fputs("torn down\n", stderr);

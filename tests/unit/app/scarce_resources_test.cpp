@@ -77,7 +77,7 @@ TEST(ScarceResources, NoMemoryThatALibraryThrowsEndsTheProgramWithALineAfterThos
     EXPECT_EQ(run.out, "held\nVelantrixServer: not enough memory. Quitting.\n");
 }
 
-/// Gives standard output to a full pipe that nobody reads.
+/// Makes standard output a full pipe that is not read.
 void blockStandardOutput() {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);

@@ -23,7 +23,7 @@ void* echo(void* argument) {
     return argument;
 }
 
-/// A thread that stays until it is told to go.
+/// A thread that runs until it is released.
 class Gate {
   public:
     Gate() { sem_init(&semaphore, 0, 0); }
@@ -193,7 +193,7 @@ TEST_F(SchedulingTest, PriorityZeroSelectsOrdinaryScheduling) {
 }
 
 TEST_F(SchedulingTest, NegativePriorityAsksForOrdinaryScheduling) {
-    // The system has only priority 0 for that policy and says so.
+    // The system allows only priority 0 for that policy.
     EXPECT_EQ(thread.setPriority(-1), 1000 + EINVAL);
     EXPECT_EQ(policy(), SCHED_OTHER);
 }

@@ -20,7 +20,7 @@ struct HandOver {
     std::int32_t compressionIndex;      ///< At the time of the call.
 };
 
-/// The hand-overs of this process, in their order; stands in for the send path.
+/// The processed blocks, in order; replaces the send path.
 std::vector<HandOver>& handOvers();
 
 /// What the stand-in for the send path returns; 0 until a test says otherwise.

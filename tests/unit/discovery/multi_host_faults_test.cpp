@@ -1,4 +1,4 @@
-// The responder's system calls fail: what it reports, that it goes on, and how fast.
+// The responder's system calls fail: what it reports, that it continues, and how fast.
 
 #include <cerrno>
 #include <chrono>
@@ -41,7 +41,7 @@ int __wrap_setsockopt(int handle, int level, int name, const void* value, sockle
     return __real_setsockopt(handle, level, name, value, length);
 }
 
-/// Fails when a datagram has come, which is lost.
+/// Fails when a datagram has arrived, which is lost.
 ssize_t __wrap_recvfrom(int handle, void* buffer, std::size_t room, int flags, sockaddr* sender,
                         socklen_t* length) {
     const ssize_t received = __real_recvfrom(handle, buffer, room, flags, sender, length);

@@ -54,7 +54,7 @@ class BoxAnswerer {
     int boxes = 0;
 };
 
-/// A thread in the role of a worker: runs `job` at once. `done` tells whether it came back.
+/// A worker thread that runs `job` at once. `done` is true when it has returned.
 class Worker {
   public:
     explicit Worker(std::function<void()> job)
@@ -71,7 +71,7 @@ class Worker {
     std::thread thread;
 };
 
-/// For state that a process has once: runs the statement in a process of its own.
+/// For state that a process has once: runs the statement in a new process.
 #define EXPECT_IN_FRESH_PROCESS(statement)                     \
     ::testing::FLAGS_gtest_death_test_style = "threadsafe";    \
     EXPECT_EXIT(                                               \

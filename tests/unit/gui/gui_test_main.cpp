@@ -1,4 +1,4 @@
-// Runs the tests of the window on a platform without a screen, with settings of their own.
+// Runs the tests of the window without a screen, with temporary settings.
 
 #include <QApplication>
 #include <QTemporaryDir>

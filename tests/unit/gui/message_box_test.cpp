@@ -13,7 +13,7 @@ namespace {
 
 class Boxes : public ::testing::Test {
   protected:
-    /// Lets a worker do `job` and runs the event loop until it has come back.
+    /// Runs `job` on a worker and the event loop until it has returned.
     void serve(const std::function<void()>& job) {
         const Worker worker(job);
         ASSERT_TRUE(spinUntil([&worker] { return worker.done(); }));
@@ -164,8 +164,8 @@ TEST_F(Boxes, StatusLineIsServedWhileABoxIsOpen) {
 
 constexpr int STAYED = 42;
 
-/// Runs the program's event loop, in it `job` on a worker. Returns STAYED when the loop still
-/// ran a little after the job was done, what the loop returned by itself otherwise.
+/// Runs the program's event loop, in it `job` on a worker. Returns STAYED when the loop still ran a
+/// little after the job was done, else the loop's result.
 int runProgramWith(const std::function<void()>& job) {
     const Worker worker(job);
     int ticksAfterTheJob = 0;

@@ -1,4 +1,4 @@
-// The settings file lies in a temporary folder; whatever one test caches is wiped before the next.
+// The settings file is in a temporary folder; the cache is cleared before each test.
 
 #include "gui/Settings.h"
 

@@ -106,7 +106,7 @@ TEST_F(WindowEnd, ReportBegunAfterThePatienceIsReleasedByTheEndOfTheWindow) {
         target->VelantrixServer::SetClientStatus(1, "very late", false);
     });
     ASSERT_TRUE(spinUntil([&pinned] { return pinned.load(); }));
-    // The window goes on waiting for its sound until the report has certainly begun.
+    // The window waits for its sound until the report has certainly begun.
     holdClose.store(true);
     const Worker closer([&reporting] {
         while (!reporting.load()) {

@@ -1,4 +1,4 @@
-// What the window shows: title, sound, address and who is connected.
+// The window's title, sound status, address and client.
 
 #include <string>
 

@@ -85,7 +85,7 @@ vxlisten::Options optionsFor(std::uint16_t port, double seconds) {
     return options;
 }
 
-/// What a client told of itself on standard error, and its status.
+/// A client's standard error and its status.
 struct Told {
     int status;
     std::string sentence;
@@ -168,7 +168,7 @@ TEST(Client, AReaderThatGoesBeforeTheFirstSoundIsNoError) {
 
 TEST(Client, AHostThatNobodyKnowsIsTold) {
     vxlisten::Options options = optionsFor(std::uint16_t{7000}, 1);
-    options.server.host = std::string(300, 'x');  // Too long for any name: nobody is asked.
+    options.server.host = std::string(300, 'x');  // Too long for a name: no look-up.
     const Told told = runClient(options);
     EXPECT_EQ(told.status, vxlisten::STATUS_FAILURE);
     EXPECT_EQ(told.sentence,

@@ -16,7 +16,7 @@ class OutputsTest : public testing::Test {
   protected:
     OutputsTest() { freshFakePortAudio().defaultDevice = 0; }  // All devices are listed.
 
-    /// Takes `seconds` of packets that come `late` microseconds late. Returns what is told.
+    /// Takes `seconds` of packets that come `late` microseconds late. Returns the messages.
     std::vector<std::string> take(double seconds, std::int64_t late) {
         std::vector<std::string> told;
         for (const auto end = seq_ + static_cast<std::uint32_t>(seconds * 142); seq_ < end;

@@ -83,7 +83,7 @@ TEST_F(CallbackTripwire, SeesWhatItIsToSee) {
         std::free(memory);
         auto* volatile text = new std::string(100, 'x');
         delete text;
-        const std::lock_guard<std::mutex> alone(mutex);
+        const std::lock_guard<std::mutex> lock(mutex);
     }
     EXPECT_EQ(CallbackWatch::allocations(), 3);
     EXPECT_EQ(CallbackWatch::releases(), 3);

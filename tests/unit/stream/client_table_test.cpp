@@ -13,7 +13,7 @@ constexpr std::uint32_t ALONE = 0;
 
 class ClientTable : public LiveServer {
   protected:
-    /// Ten clients that tolerate company, one per slot in order.
+    /// Ten multi-client clients, one per slot in order.
     void fillTable(std::uint32_t version = 1) {
         for (std::size_t i = 0; i < CLIENT_SLOTS; ++i) {
             TestClient& client = connect(COMPANY | version);
@@ -226,7 +226,7 @@ TEST_F(ClientTable, ClientBackOnItsOldPortHearsOnWhenItsOldConnectionEnds) {
     ENetPeer* const old = clientConn[1].peer;
     ASSERT_EQ(clientConn[0].peer->address.port, port) << "it came back into a lower slot";
     ASSERT_EQ(old->address.port, port);
-    enet_peer_timeout(old, 1, 1, 1);  // What else takes half a minute.
+    enet_peer_timeout(old, 1, 1, 1);  // Else it takes half a minute.
     enet_peer_ping(old);
     pumpUntil([] { return connectCount == 1; });
     EXPECT_TRUE(isStreaming(clientConn[0]));

@@ -1,4 +1,4 @@
-// Datagrams that no client sends, or only one that is worse off than it knows.
+// Datagrams that no client sends, or only after losses.
 
 #include "stream/datagram_guard.h"
 
@@ -51,7 +51,7 @@ class DatagramGuard : public Strangers {
         deliver(stranger, std::vector<Bytes>{commands});
     }
 
-    /// As many commands as a datagram may have, in so many datagrams.
+    /// The maximum number of commands of a datagram, in this many datagrams.
     static std::vector<Bytes> fullRows(int rows, const std::function<Bytes(int)>& command) {
         std::vector<Bytes> all(static_cast<std::size_t>(rows));
         for (int i = 0; i < rows * FULL; ++i) {
@@ -213,7 +213,7 @@ TEST_F(DatagramGuard, OnlyWhatComesTooEarlyIsPassedOver) {
 /// Real clients on a network that loses datagrams.
 class LossyNetwork : public DatagramGuard, public testing::WithParamInterface<enet_uint32> {
   protected:
-    /// From now on the server does not get the first of each row of so many datagrams.
+    /// From now on the server does not get the first of each group of this many datagrams.
     static void loseEvery(enet_uint32 rowLength) {
         filter([begin = server->totalReceivedPackets + 1, rowLength](const ENetHost& host) {
             return (host.totalReceivedPackets - begin) % rowLength != 0;
@@ -244,7 +244,7 @@ class LongLists : public DatagramGuard {
   protected:
     static constexpr int LENGTH = 3000;
 
-    /// How many commands of this size ENet is shown of many datagrams that come at once.
+    /// How many commands of this size ENet sees from many datagrams at once.
     static std::size_t shownOf(HandMadeClient& stranger, const Bytes& command) {
         static ENetInterceptCallback guard = nullptr;
         static std::size_t shown = 0;

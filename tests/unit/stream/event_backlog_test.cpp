@@ -35,7 +35,7 @@ class EventBacklog : public LiveServer {
         }
     }
 
-    /// Lets a newcomer have the server's answer to its connect, and not acknowledge it yet.
+    /// A new client gets the server's answer to its connect, but does not acknowledge it yet.
     static void answerConnect(const TestClient& newcomer) {
         ENetEvent event = {};
         for (int step = 0; step < 5000 && event.type != ENET_EVENT_TYPE_CONNECT; ++step) {

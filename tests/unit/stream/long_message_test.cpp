@@ -19,8 +19,8 @@ constexpr enet_uint32 KEPT = MAX_MESSAGE_BYTES;
 
 class LongMessage : public LiveServer {
   protected:
-    /// Sends a Data request so long and waits until it is obeyed; returns the most bytes that were
-    /// held of it meanwhile.
+    /// Sends a Data request of this length and waits until it is handled; returns the most bytes
+    /// that were held of it meanwhile.
     std::size_t requestOf(TestClient& client, std::size_t length, enet_uint32 delivery) {
         std::vector<unsigned char> message = dataRequest(0x41, "Phone");
         message.resize(length, 'x');
@@ -60,7 +60,7 @@ TEST_F(LongMessage, JustOverTheBoundIsObeyed) {
     requestOf(client, MAX_MESSAGE_BYTES + 1, ENET_PACKET_FLAG_RELIABLE);
 }
 
-/// Lets the guard see what has come of nobody's.
+/// Passes the guard datagrams of unknown senders.
 void guard(std::vector<unsigned char>& datagram) {
     static ENetHost host = {};
     guardDatagrams(host);
@@ -125,7 +125,7 @@ class Datagram {
     std::size_t last = 0;
 };
 
-/// A piece of a message, and what is left of it.
+/// A fragment of a message, and the rest of it.
 struct Piece {
     enet_uint32 total;
     enet_uint32 offset;
@@ -164,7 +164,7 @@ INSTANTIATE_TEST_SUITE_P(LongMessage, LongMessagePiece,
                              Piece{KEPT + 1, KEPT - 999, 1000, KEPT, KEPT - 1000},
                              Piece{KEPT + 1, KEPT, 1, KEPT, KEPT - 1},
                              Piece{0xFFFFFFFFU, 0xFFFFFFF0U, 15, KEPT, KEPT - 15},
-                             // Pieces beyond their own message, which ENet refuses.
+                             // Fragments beyond their own message, which ENet refuses.
                              Piece{KEPT + 1, KEPT + 1, 1000, KEPT + 1, KEPT + 1},
                              Piece{KEPT + 1, 2, 0xFFFF, KEPT + 1, 2},
                              Piece{KEPT + 1, 0xFFFFFFFFU, 1000, KEPT + 1, 0xFFFFFFFFU},

@@ -78,7 +78,7 @@ class LongStream : public LiveServer {
         return clientConn[0].peer->channels[0].outgoingReliableSequenceNumber;
     }
 
-    /// True from `lead` commands before the numbers begin anew until some time after.
+    /// True from `lead` commands before the numbers wrap until some time after.
     static bool isAroundTheWrap(std::uint32_t lead) {
         return lastCommand() >= COMMAND_NUMBERS - lead || lastCommand() < ALREADY_WRAPPED;
     }

@@ -207,7 +207,7 @@ TEST(NetworkHost, UnresolvableAddressIsWarnedOfAndForgotten) {
     }
 }
 
-/// What fails, and what is printed behind the first line.
+/// The failing call, and the output after the first line.
 struct FatalStart : NamedCase {
     std::string address;  ///< To bind to; empty: any.
     void (*prepare)();

@@ -40,7 +40,7 @@ class QueueCheck : public SendPath, public testing::WithParamInterface<CheckedPa
         seqNumComp = seq;
         process(GetParam().length);
     }
-    /// Reliable commands on the audio channel, whether they have gone out or not.
+    /// Reliable commands on the audio channel, sent or not.
     static std::size_t audioCommands() {
         std::size_t count = 0;
         const auto countAudio = [&count](const ENetOutgoingCommand& command) {

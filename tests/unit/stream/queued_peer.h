@@ -16,7 +16,7 @@ class QueuedPeer {
 
     static constexpr enet_uint16 DATA_LENGTH = 1368;
 
-    /// Queues a reliable command of its own packet with the channel's next number.
+    /// Queues a reliable command with a new packet and the channel's next number.
     ENetOutgoingCommand& queueReliable(enet_uint8 channel = 0);
     void queueReliable(int count);
 

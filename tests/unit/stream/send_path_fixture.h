@@ -16,7 +16,7 @@ constexpr std::uint32_t rate(std::uint32_t code) {
     return code << 6;
 }
 
-/// Hands blocks to the send path of a live server, and takes what its clients receive.
+/// Passes blocks to the send path of a live server, and reads what its clients receive.
 class SendPath : public LiveServer {
   protected:
     void SetUp() override {

@@ -10,7 +10,7 @@
 #include "tests/support/live_server.h"
 #include "tests/support/shifted_clock.h"
 
-/// Clients by hand beside those of the real library.
+/// Hand-made clients, in addition to those of the real library.
 class Strangers : public LiveServer {
   protected:
     void TearDown() override {
@@ -18,7 +18,7 @@ class Strangers : public LiveServer {
         LiveServer::TearDown();
     }
 
-    /// One whose wish to connect the server has answered.
+    /// One whose connect the server has answered.
     HandMadeClient& begin(const Bytes& more = {}) {
         strangers.push_back(std::make_unique<HandMadeClient>(COMPANY | 1, more));
         HandMadeClient& stranger = *strangers.back();
@@ -26,8 +26,8 @@ class Strangers : public LiveServer {
         return stranger;
     }
 
-    /// One whose connection the server has entered; it acknowledges as if what came had been sent
-    /// at `sentTime`, if given.
+    /// One in the server's table; it acknowledges as if everything had been sent at `sentTime`, if
+    /// given.
     HandMadeClient& arrive(std::optional<std::uint16_t> sentTime = std::nullopt) {
         HandMadeClient& stranger = begin();
         const std::int32_t before = connectCount;
@@ -36,7 +36,7 @@ class Strangers : public LiveServer {
         return stranger;
     }
 
-    /// Services the server, and takes what comes to the strangers.
+    /// Services the server, and reads what the strangers receive.
     void listenUntil(const std::function<bool()>& done) {
         pumpUntil([&] {
             for (const auto& stranger : strangers) {
@@ -46,7 +46,7 @@ class Strangers : public LiveServer {
         });
     }
 
-    /// Lets the clock run faster while the server works, once for each 100 ms.
+    /// Advances the clock while the server works, once for each 100 ms.
     void letTimePass(std::chrono::milliseconds time, const std::function<void()>& meanwhile) {
         constexpr std::chrono::milliseconds STEP{100};
         for (std::chrono::milliseconds passed{0}; passed < time; passed += STEP) {

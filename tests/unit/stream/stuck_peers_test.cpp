@@ -1,5 +1,5 @@
-// Every way in which a client can leave, or cannot: its place is free again, and who had come is
-// told to have gone, once.
+// Every way in which a client can leave: its place is free again, and its end is reported once if
+// its connection was.
 
 #include "stream/stuck_peers.h"
 
@@ -17,7 +17,7 @@ namespace {
 
 class StuckPeers : public Strangers {
   protected:
-    /// One that is being thrown out, and has been told so.
+    /// One that is being disconnected, and knows it.
     HandMadeClient& arriveAndBeThrownOut() {
         HandMadeClient& stranger = arrive();
         enet_peer_disconnect(&peerOf(stranger), wire::DISCONNECT_REPLACED);
@@ -25,7 +25,7 @@ class StuckPeers : public Strangers {
         return stranger;
     }
 
-    /// The place is given back; with one line and one report if its client had been counted.
+    /// The place is free; with one line and one report if its client had been counted.
     void expectGone(const HandMadeClient& stranger, bool counted) {
         listenUntil([&stranger] { return peerOf(stranger).state == ENET_PEER_STATE_DISCONNECTED; });
         serviceHost();

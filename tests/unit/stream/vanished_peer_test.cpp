@@ -1,4 +1,4 @@
-// Clients that leave the network without a word.
+// Clients that vanish from the network.
 
 #include "stream/vanished_peer.h"
 
@@ -84,7 +84,7 @@ TEST_F(UnansweredPeer, IsJudgedAcrossTheWrapOfEnetsClock) {
 
 class VanishedClient : public SendPath {
   protected:
-    /// Hands in blocks until `done` says so; fails after 10 s.
+    /// Sends blocks until `done` returns true; fails after 10 s.
     void processUntil(const std::function<bool()>& done) {
         const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
         do {
@@ -95,7 +95,7 @@ class VanishedClient : public SendPath {
         } while (!done());
     }
 
-    /// Hands in blocks until one is sent to so many clients.
+    /// Sends blocks until one reaches this many clients.
     void processUntilSentTo(int clientCount) {
         processUntil([this, clientCount] {
             return countOf(Call::EnetPeerSend) - sentBefore == clientCount;
@@ -107,7 +107,7 @@ class VanishedClient : public SendPath {
 
 TEST_F(VanishedClient, IsSentBestEffortSoundAgainOnceItAnswers) {
     TestClient& client = stream(BEST_EFFORT);
-    stream(RELIABLE);  // Which answers nothing either.
+    stream(RELIABLE);  // It answers nothing either.
     processUntilSentTo(2);
     const enet_uint32 lastAnswer = clientConn[0].peer->lastReceiveTime;
     processUntilSentTo(1);

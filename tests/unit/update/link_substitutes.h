@@ -5,8 +5,8 @@
 #include <optional>
 #include <string>
 
-/// What stands in for functions of the system and the program in these test programs (the linker
-/// leads the calls here). Each one calls the real function unless a test says otherwise.
+/// Substitutes for functions of the system and the program in these test programs (the linker leads
+/// the calls here). Each one calls the real function unless a test says otherwise.
 struct LinkSubstitutes {
     std::optional<std::time_t> now;               ///< What time() returns.
     std::function<void(int milliseconds)> sleep;  ///< In the place of Sleep().

@@ -1,5 +1,5 @@
-// Each test program has a network and a settings folder of its own, and its own web server as the
-// maker's.
+// Each test program has a private network, a temporary settings folder, and its own web server as
+// the maker's.
 
 #include <QTemporaryDir>
 #include <gtest/gtest.h>

@@ -34,7 +34,7 @@ class ScarceCore : public VelantrixServerNoGUI {
   public:
     int checkVersion() override {
         events.emplace_back("check");
-        std::get_new_handler()();  // What operator new does then, which a sanitizer's leaves out.
+        std::get_new_handler()();  // operator new does this, but not a sanitizer's.
         return 1;
     }
 };
@@ -72,7 +72,7 @@ class VersionFlow : public WebIfCheck {
         curl_global_cleanup2 = [] { events.emplace_back("cleanup"); };
     }
 
-    /// Lets the wait before the check pass at once, after calling `meanwhile`.
+    /// Skips the wait before the check, after calling `meanwhile`.
     static void shortenWait(const std::function<void()>& meanwhile) {
         linkSubstitutes.sleep = [meanwhile](int milliseconds) {
             if (milliseconds != WAIT_BEFORE_CHECK_MS) {
@@ -166,7 +166,7 @@ CURL* keptHandle = nullptr;
 decltype(curl_easy_init2) openHandle = nullptr;
 decltype(curl_easy_cleanup2) releaseHandle = nullptr;
 
-/// Has libcurl's handle remembered when it is opened, and only told when it is released.
+/// Remembers libcurl's handle when it is opened, and reports it when it is released.
 void keepHandle() {
     openHandle = curl_easy_init2;
     releaseHandle = curl_easy_cleanup2;
@@ -174,8 +174,7 @@ void keepHandle() {
     curl_easy_cleanup2 = [](CURL*) { events.emplace_back("release"); };
 }
 
-// The answer comes once the core has gone, and is not looked at. What libcurl keeps for the whole
-// program may have gone, too.
+// The answer comes when the core is gone, and is ignored. libcurl's global data may be gone, too.
 TEST_F(VersionFlow, CoreGoneDuringTheFetchEndsTheThreadQuietly) {
     auto core = std::make_unique<VelantrixServerNoGUI>();
     VelantrixServerNoGUI* const raw = core.get();

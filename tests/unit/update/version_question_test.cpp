@@ -43,14 +43,14 @@ struct SeenBox {
     bool yesIsDefault;
 };
 
-/// What the user does with a box.
+/// The user's action in a box.
 using Answer = std::function<void(QMessageBox& box)>;
 
 Answer press(QMessageBox::StandardButton button) {
     return [button](QMessageBox& box) { box.button(button)->click(); };
 }
 
-/// Looks for boxes while the event loop runs: the first gets the answer given, the others OK.
+/// Answers boxes while the event loop runs: the first as given, the others with OK.
 class User {
   public:
     explicit User(Answer toQuestion) : answer(std::move(toQuestion)) {

@@ -25,8 +25,8 @@ struct VersionRequest {
     QJsonObject headers;
 };
 
-/// The web server of the tests: a process of its own, on a free port of the loopback interface.
-/// Ends the test program when it cannot be started. Used on the main thread only.
+/// The web server of the tests: a separate process, on a free port of the loopback interface. Ends
+/// the test program when it cannot be started. Used on the main thread only.
 class VersionServer {
   public:
     VersionServer();
@@ -41,7 +41,7 @@ class VersionServer {
     /// What has been asked since the last call, in order.
     std::vector<VersionRequest> takeRequests();
 
-    /// Waits until a request has come in; false after half a minute.
+    /// Waits for a request; false after half a minute.
     bool waitForRequest();
 
     /// Gives the answers that are held back.

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <string>
 
-/// A browser or player on the loopback interface, by hand. Whatever takes longer than some seconds
+/// A hand-made browser or player on the loopback interface. What takes longer than some seconds
 /// fails the test. Reading what does not come returns what has.
 class WebClient {
   public:
@@ -30,7 +30,7 @@ class WebClient {
     std::string answer();
     /// The content of the next chunk of HTTP/1.1; empty for the last.
     std::string chunk();
-    /// True when the other side closes, whatever comes before that.
+    /// True when the other side closes, ignoring what it sends before.
     bool closes(int seconds = 5);
 
     /// A message or control frame from the server.
@@ -39,11 +39,11 @@ class WebClient {
         std::string content;
     };
     Frame frame();
-    /// The next text, whatever sound comes before it.
+    /// The next text, ignoring sound before it.
     std::string text();
     /// The next frame that is no sound.
     Frame control();
-    /// The frame that ends the WebSocket, whatever comes before it.
+    /// The frame that ends the WebSocket, ignoring what comes before it.
     Frame end();
     /// A frame to the server; `first` is its first byte.
     void sendFrame(int first, const std::string& content, bool masked = true) const;

@@ -28,7 +28,7 @@ class WebSite : public testing::Test {
     ~WebSite() override;
 
     void start();
-    /// Says goodbye to all, as at the end of the program.
+    /// Ends all sessions, as at the end of the program.
     void farewell();
 
     [[nodiscard]] std::uint16_t port() const { return server_->port(); }
@@ -39,7 +39,7 @@ class WebSite : public testing::Test {
     void waitForStatus(const std::string& part);
     /// Waits until it is so; fails the test after some seconds.
     static void waitUntil(const std::function<bool()>& done);
-    /// Waits until somebody has asked the server for these rate codes.
+    /// Waits until these rate codes were requested from the server.
     void waitForAsked(const std::vector<std::uint32_t>& codes);
 
     /// Sends raw sound for a while, at its pace.

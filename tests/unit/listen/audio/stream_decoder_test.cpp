@@ -15,7 +15,7 @@ using vxlisten::StreamDecoder;
 
 namespace {
 
-/// Decodes packets and keeps the blocks that are to be heard.
+/// Decodes packets and keeps the blocks to play.
 class StreamDecoderTest : public testing::Test {
   protected:
     struct Heard {
@@ -24,7 +24,7 @@ class StreamDecoderTest : public testing::Test {
         bool concealed;
     };
 
-    /// Decodes a packet that comes after `missing` others. Returns the frames of its own sound.
+    /// Decodes a packet after `missing` lost ones. Returns the frames of its own sound.
     std::size_t decode(const packets::Bytes& bytes, std::uint32_t missing = 0) {
         const auto packet = parseAudioPacket(bytes.data(), bytes.size());
         heard_.clear();

@@ -36,7 +36,7 @@ class SoundKeeperTest : public testing::Test {
     }
 
     /// Looks after the device for virtual `time`, giving the background real time to follow.
-    /// Returns what the user is told.
+    /// Returns the messages for the user.
     std::vector<std::string> watch(std::int64_t time) {
         std::vector<std::string> told;
         for (const std::int64_t end = now_ + time; now_ < end; now_ += 100 * MILLISECOND) {
@@ -49,7 +49,7 @@ class SoundKeeperTest : public testing::Test {
         return told;
     }
 
-    /// As watch(), until the user is told something that begins with `sentence`, or for very long.
+    /// As watch(), until a message begins with `sentence`, or for very long.
     std::vector<std::string> watchUntilTold(const std::string& sentence) {
         std::vector<std::string> told;
         for (int i = 0; i < 5000; ++i) {
@@ -62,8 +62,8 @@ class SoundKeeperTest : public testing::Test {
         return told;
     }
 
-    /// Plays packets in real time that are sent now and come `ahead` microseconds later, until so
-    /// many sentences have been told or the patience ends.
+    /// Plays packets in real time that are sent now and come `ahead` microseconds later, until this
+    /// many messages were returned or the time is over.
     std::vector<std::string> play(vxlisten::Join join, double ahead, std::size_t sentences) {
         const std::vector<std::int16_t> silence(480 * 2);
         std::vector<std::string> told;
@@ -140,7 +140,7 @@ TEST_F(SoundKeeperTest, ADeviceThatRunsDryAgainAndAgainIsAskedForMoreLatency) {
     }
     EXPECT_EQ(keeper_->figures().underruns, 3u);
     EXPECT_EQ(keeper_->figures().deviceUnderruns, 3u);
-    const auto told = watchUntilTold("the output device runs dry");
+    const auto told = watchUntilTold("repeated underruns");
     ASSERT_EQ(told.size(), 1u);
     EXPECT_NE(told[0].find("requesting " + std::to_string(2 * first) + " ms of latency"),
               std::string::npos)

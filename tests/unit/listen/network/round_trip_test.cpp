@@ -14,7 +14,7 @@ using vxlisten::steadyNow;
 
 namespace {
 
-/// A receiver that is connected to a server which answers when it is told to.
+/// A receiver connected to a server that answers on demand.
 class RoundTrip : public testing::Test {
   protected:
     void SetUp() override {

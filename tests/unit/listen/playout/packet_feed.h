@@ -21,7 +21,7 @@ class PacketFeed {
         });
     }
 
-    /// What comes next is another stream, as after a new connection.
+    /// Starts another stream, as after a new connection.
     void restart() { tracker_.restart(); }
 
   private:

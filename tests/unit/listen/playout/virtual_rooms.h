@@ -20,12 +20,12 @@
 #include "listen/playout/send_clock.h"
 #include "tests/support/packets.h"
 
-/// One server and several listeners, each with a network, a clock and an output device of its own,
-/// in virtual time. What is heard is judged by the phases of two tones. Times in seconds.
+/// One server and several listeners, each with its own network, clock and output device, in virtual
+/// time. The phases of two tones show the delay. Times in seconds.
 namespace virtual_rooms {
 
 constexpr double TAU = 6.283185307179586;
-/// Hz, as captured. The first one tells the delay modulo 20 ms, both together modulo 40 ms.
+/// Hz, as captured. The first one shows the delay modulo 20 ms, both together modulo 40 ms.
 constexpr double TONES[] = {50, 75};
 constexpr double PERIOD_MS = 40;
 constexpr int DEVICE_RATE = 48000;
@@ -35,7 +35,7 @@ struct Server {
     double ppm = 0;  ///< How much faster than nominal its clock runs.
     int rate = 48000;
     bool opus = false;
-    /// The sound comes in blocks of so many frames, a packet leaves when they fill it.
+    /// The sound comes in blocks of this many frames; a packet is sent when it is full.
     std::uint64_t blockFrames = 337;
     double start = 0;
     /// From this time on everything is captured later by `shift`.
@@ -60,7 +60,7 @@ struct Server {
 /// The way of a packet that is sent at `sent`: how long it takes; nothing when it is lost.
 using Way = std::function<std::optional<double>(double sent)>;
 
-/// What an output device is like.
+/// The properties of an output device.
 struct Device {
     double ppm = 0;
     double latency = 0.03;
@@ -85,7 +85,7 @@ class Listener {
         join();
     }
 
-    /// Another server, or the same one anew.
+    /// Another server, or the same one restarted.
     void setServer(const Server& server) {
         server_ = server;
         encoder_.reset(opus_encoder_create(48000, 2, OPUS_APPLICATION_AUDIO, nullptr));
@@ -96,20 +96,20 @@ class Listener {
 
     void setWay(Way way) { way_ = std::move(way); }
 
-    /// Another device in place of this one, as when it is opened anew.
+    /// Replaces the device, as when it is reopened.
     void setDevice(const Device& device) {
         device_ = device;
         played_ = 0;
         playout_ = std::make_unique<vxlisten::Playout>(DEVICE_RATE, settings_, 30);
     }
 
-    /// The device runs dry for so long.
+    /// The device has an underrun of this length.
     void underrun(double gap) {
         device_.start += gap;
         playout_->noteDeviceUnderrun();
     }
 
-    /// Lets the time up to `end` pass.
+    /// Advances the time to `end`.
     void run(double end) {
         std::array<std::int16_t, 2 * 480> output{};
         for (double now = callTime(); now <= end; now = callTime()) {

@@ -22,7 +22,7 @@ struct Conditions {
     double serverPpm = 0;  ///< How much faster than the device the server's clock runs.
     int tone = 1000;       ///< Hz, as captured.
     double amplitude = 10000;
-    double delayMs = 40;      ///< What the playout is to keep,
+    double delayMs = 40;      ///< The delay to keep,
     bool delayChosen = true;  ///< at least.
     double periodMs = 10;     ///< Of the output device.
     std::uint32_t firstSeq = 0;
@@ -56,7 +56,8 @@ class Simulation {
         second_.insert(second_.end(), second_.begin(), second_.begin() + 2 * PACKET_FRAMES);
     }
 
-    /// Lets `seconds` pass. What the device plays is appended to played() unless `keep` is false.
+    /// Advances the time by `seconds`. Appends the device's sound to played() unless `keep` is
+    /// false.
     void run(double seconds, bool keep = true) {
         const auto end = now_ + static_cast<std::int64_t>(seconds * 1e6);
         const auto frames = static_cast<std::size_t>(RATE * setup_.periodMs / 1000.0);

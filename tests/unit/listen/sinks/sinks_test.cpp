@@ -46,7 +46,7 @@ class Recording : public testing::Test {
     std::filesystem::path folder_;
 };
 
-/// Lets no file grow beyond some bytes, as a full disc would.
+/// Limits the size of files, like a full disk.
 class FileSizeLimit {
   public:
     explicit FileSizeLimit(rlim_t bytes) {

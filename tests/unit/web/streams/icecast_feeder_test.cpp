@@ -20,7 +20,7 @@ using namespace std::chrono_literals;
 
 namespace {
 
-/// An Icecast server with one place, which does as it is told.
+/// A controlled Icecast server with one place.
 class SmallIcecast {
   public:
     enum class Way { Takes, Refuses, DoesNotAnswer, DoesNotRead };

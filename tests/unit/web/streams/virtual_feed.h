@@ -20,15 +20,15 @@ class VirtualFeed {
     /// `rate` in kbit/s as for makeMediaStream().
     VirtualFeed(vxweb::StreamFormat format, int rate);
 
-    /// Sound for so long, packet by packet as time goes on.
+    /// Sound of this length, packet by packet in time.
     void play(std::int64_t milliseconds);
-    /// Nothing arrives for so long. `every`: milliseconds between the calls of pass().
+    /// Nothing arrives for this time. `every`: milliseconds between the calls of pass().
     void pass(std::int64_t milliseconds, std::int64_t every = 20);
     /// As long as that nothing arrives; what was sent meanwhile then comes at once.
     void stall(std::int64_t milliseconds);
     /// So many packets get lost, in the time they take.
     void lose(std::uint32_t packets);
-    /// The packets of so much sound get lost, but only those behind them show that: no time passes.
+    /// The packets of this much sound are lost, which only the next ones show: no time passes.
     void skip(std::uint32_t packets) { seq_ += packets; }
     /// A new connection follows, from whose server sound of `sampleRate` comes.
     void reconnect(int sampleRate = 48000);
@@ -41,7 +41,7 @@ class VirtualFeed {
     /// The number of the next packet.
     void setNumber(std::uint32_t seq) { seq_ = seq; }
 
-    /// What came so far, for a listener who began with chunk number `first`.
+    /// The output until now for a listener that began with chunk number `first`.
     [[nodiscard]] std::string heard(std::size_t first = 0) const;
     [[nodiscard]] std::size_t chunks() const { return chunks_.size(); }
     [[nodiscard]] const std::vector<vxweb::Chunk>& emitted() const { return chunks_; }
