@@ -33,9 +33,6 @@ class Listener : public std::enable_shared_from_this<Listener> {
     /// not from within, when it has gone.
     void sendOwn(std::string bytes, Done done);
 
-    /// True when nothing waits.
-    [[nodiscard]] bool idle() const { return queue_.empty(); }
-
     [[nodiscard]] Connection& connection() const { return *connection_; }
 
   private:
