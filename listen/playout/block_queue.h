@@ -35,9 +35,6 @@ class BlockQueue {
     /// dropped, and the next block begins a new stream. Thread: the one that pushes.
     void push(const DecodedBlock& block, std::int64_t now, const SendTime& sent = {});
 
-    /// Maximum number of blocks.
-    [[nodiscard]] std::size_t capacity() const { return slots_.size(); }
-
     /// The number of blocks that wait. Thread: the one that pops. Realtime-safe: yes.
     [[nodiscard]] std::size_t size() const;
 

@@ -244,3 +244,13 @@ build_preset() {
         cmake --build "$folder" --parallel "$jobs" ${build_targets:+--target "${build_targets[@]}"}
     ) || fail "the build in $folder failed; the compiler's words are above"
 }
+
+# Builds for tests that are started by hand, and tells them where the programs are.
+build_for_tests() {
+    local build=$repo/build-dev
+    ensure_packages build demo test
+    build_preset dev
+    export VELANTRIX_SERVER=$build/VelantrixServer VELANTRIX_LISTEN=$build/velantrix-listen
+    export VELANTRIX_WEB=$build/velantrix-web VELANTRIX_FAKES=$build/tests/support
+    export VELANTRIX_CAPTURE=$build/libpaced_capture.so PYTHONDONTWRITEBYTECODE=1
+}

@@ -37,7 +37,7 @@ def accepts_connections(port):
 
 
 class Icecast(Process):
-    """A running icecast2 that nobody else sees. A new listener gets ``burst`` bytes at once."""
+    """A private icecast2. A new listener gets ``burst`` bytes at once."""
 
     def __init__(self, folder, port, relayed_port=None, burst=65535):
         folder.mkdir(exist_ok=True)

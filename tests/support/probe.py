@@ -6,7 +6,8 @@ import re
 import struct
 import subprocess
 
-from support.harness import DEFAULT_PORT, PATIENCE, Process, clean_environment, fake, wait_until
+from support.harness import (DEFAULT_PORT, PATIENCE, Process, Server, SoundServer, SystemTest,
+                             clean_environment, fake, wait_until)
 
 MSGID_AUDIO, MSGID_DATA, MSGID_FASTER, MSGID_SLOWER = range(4)
 FLAG_RELIABLE, FLAG_ALT_RATE = 1, 2
@@ -189,3 +190,14 @@ class Probe(Process):
         client.request(rate_code, reliable)
         client.wait_packets(20)
         return client
+
+
+class StreamingTest(SystemTest):
+    """A test with a sound server, a server that captures silence from it, and a probe."""
+
+    def setUp(self):
+        super().setUp()
+        self.sound = self.enterContext(SoundServer())
+        self.server = self.enterContext(Server(sound=self.sound, rate=48000))
+        self.probe = self.enterContext(Probe(self.folder))
+        self.server.wait_for_capture()

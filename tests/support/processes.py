@@ -37,6 +37,13 @@ def wait_until(condition, what, timeout=PATIENCE):
         time.sleep(0.02)
 
 
+def catches(pid, number):
+    """True when the process has a handler for the signal."""
+    with open(f"/proc/{pid}/status", encoding="ascii", errors="replace") as status:
+        caught = next(int(line.split()[1], 16) for line in status if line.startswith("SigCgt"))
+    return bool(caught >> (number - 1) & 1)
+
+
 class Lines:
     """The lines that come out of one pipe, in order, kept as they come."""
 
@@ -141,9 +148,7 @@ class Process:
 
     def _save_coverage(self):
         """Makes a program of a coverage build write its counts and end."""
-        with open(f"/proc/{self.pid}/status", encoding="ascii", errors="replace") as status:
-            caught = int(re.search(r"^SigCgt:\s*(\w+)$", status.read(), re.MULTILINE).group(1), 16)
-        if not caught >> (_WRITE_COUNTS_AND_DIE - 1) & 1:
+        if not catches(self.pid, _WRITE_COUNTS_AND_DIE):
             return
         self.send_signal(_WRITE_COUNTS_AND_DIE)
         try:

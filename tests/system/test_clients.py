@@ -5,8 +5,7 @@ import re
 from support.harness import (THERE_ADDRESS, HERE_ADDRESS, OtherNetwork, Server, SoundServer,
                              SystemTest, wait_until)
 from support.probe import (FALLBACK_BYTES, FLAG_RELIABLE, RAW_PACKET_BYTES,
-                           Probe, sequence_gaps, wait_packets_of_all)
-from support.streaming import StreamingTest
+                           Probe, StreamingTest, sequence_gaps, wait_packets_of_all)
 
 
 class ClientTest(StreamingTest):

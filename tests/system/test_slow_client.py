@@ -4,9 +4,8 @@ import re
 import time
 
 from support.harness import has_sanitizer, resident_bytes, wait_until
-from support.probe import FALLBACK_BYTES, are_in_order, sequence_gaps
+from support.probe import FALLBACK_BYTES, StreamingTest, are_in_order, sequence_gaps
 from support.signals import noise
-from support.streaming import StreamingTest
 
 CLEARING = re.compile(r"^Clearing outgoing msg queue, outgoing/sent queue sizes: (\d+)/(\d+)$")
 REMOVED = re.compile(r"^Removed (\d+) outgoing messages$")

@@ -5,6 +5,7 @@ import signal
 
 from support.harness import (BANNER, Server, SoundServer, SystemTest, busy_port, die_with_parent,
                              fake, wait_until)
+from support.processes import catches
 
 SLOW_CLOSE = ("VelantrixServer: Audio shutdown is taking a long time, may be caused by an audio "
               "driver issue. Quitting.")
@@ -65,7 +66,7 @@ class HangingClose(SystemTest):
         with SoundServer() as sound, self.start(sound) as server:
             server.wait_for_capture()
             server.send_signal(first)
-            wait_until(lambda: default_action(server.pid, second), "the first signal is handled")
+            wait_until(lambda: not catches(server.pid, second), "the first signal is handled")
             server.send_signal(second)
             self.assertEqual(server.wait(), -second)
             self.assertNotIn(SLOW_CLOSE, server.out.all())
@@ -138,10 +139,3 @@ class Load:
         for child in self.children:
             os.kill(child, signal.SIGKILL)
             os.waitpid(child, 0)
-
-
-def default_action(pid, number):
-    """True when the process no longer catches the signal."""
-    with open(f"/proc/{pid}/status", encoding="ascii", errors="replace") as status:
-        caught = next(int(line.split()[1], 16) for line in status if line.startswith("SigCgt"))
-    return not caught >> (number - 1) & 1

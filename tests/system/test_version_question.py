@@ -6,7 +6,7 @@ import time
 
 from support.display import Display
 from support.harness import NEWER_VERSION, wait_until
-from test_stop import default_action
+from support.processes import catches
 from test_version_check import NEWS, VersionTest
 
 QUIET_MINUTES = 480
@@ -76,7 +76,7 @@ class Question(VersionTest):
             self.answer(server, "Return")
             wait_until(self.opened.exists, "the browser is open")
             os.killpg(server.pid, signal.SIGINT)
-            wait_until(lambda: not default_action(server.pid, signal.SIGINT), "the browser ends")
+            wait_until(lambda: catches(server.pid, signal.SIGINT), "the browser ends")
             self.assertIsNone(server.child.poll())
             os.killpg(server.pid, signal.SIGINT)
             self.assertEqual(server.wait(), 0)

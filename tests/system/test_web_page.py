@@ -32,7 +32,7 @@ class Logic(SystemTest):
     """The modules that need no page, in both browsers."""
 
     def check(self, browser):
-        module = SOURCE / "tests/unit/page/sound_test.js"
+        module = SOURCE / "tests/unit/web/page/sound_test.js"
         with browser() as running, ModuleTests(module) as tests:
             results = tests.run(running)
         self.assertGreater(len(results), 10)

@@ -34,9 +34,6 @@ class Listener : public std::enable_shared_from_this<Listener> {
     /// called later, when they have been written.
     void sendOwn(std::string bytes, Done done);
 
-    /// True when nothing waits.
-    [[nodiscard]] bool idle() const { return queue_.empty(); }
-
     [[nodiscard]] Connection& connection() const { return *connection_; }
 
   private:

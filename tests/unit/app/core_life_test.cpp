@@ -11,9 +11,9 @@
 #include "app/base/VelantrixServerNoGUI.h"
 #include "app/base/core_pin.h"
 #include "tests/support/child_run.h"
-#include "tests/support/fake_workers.h"
-#include "tests/support/sleep_watch.h"
 #include "tests/support/waiting.h"
+#include "tests/unit/app/fake_workers.h"
+#include "tests/unit/app/sleep_watch.h"
 
 namespace {
 

@@ -15,10 +15,10 @@
 #include "app/base/VelantrixServerNoGUI.h"
 #include "tests/support/call_faults.h"
 #include "tests/support/child_run.h"
-#include "tests/support/fake_workers.h"
 #include "tests/support/named_case.h"
-#include "tests/support/sleep_watch.h"
 #include "tests/support/waiting.h"
+#include "tests/unit/app/fake_workers.h"
+#include "tests/unit/app/sleep_watch.h"
 
 /// Reaches the core's flags.
 struct CoreTestAccess {

@@ -12,7 +12,7 @@
 #include "stream/service_step.h"
 #include "tests/support/callback_watch.h"
 #include "tests/support/fake_portaudio.h"
-#include "tests/support/live_server.h"
+#include "tests/unit/stream/live_server.h"
 
 namespace {
 

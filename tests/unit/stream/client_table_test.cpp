@@ -5,7 +5,7 @@
 
 #include "stream/service_step.h"
 #include "tests/support/call_faults.h"
-#include "tests/support/live_server.h"
+#include "tests/unit/stream/live_server.h"
 
 namespace {
 

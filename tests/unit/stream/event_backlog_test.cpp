@@ -10,7 +10,7 @@
 #include "stream/send_path.h"
 #include "stream/service_step.h"
 #include "tests/support/call_faults.h"
-#include "tests/support/live_server.h"
+#include "tests/unit/stream/live_server.h"
 
 namespace {
 

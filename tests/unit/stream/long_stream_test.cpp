@@ -8,7 +8,7 @@
 #include "stream/client_table.h"
 #include "stream/send_path.h"
 #include "tests/support/call_faults.h"
-#include "tests/support/live_server.h"
+#include "tests/unit/stream/live_server.h"
 
 namespace {
 

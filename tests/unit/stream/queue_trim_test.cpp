@@ -5,8 +5,8 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/support/recorded_console.h"
 #include "tests/unit/stream/queued_peer.h"
+#include "tests/unit/stream/recorded_console.h"
 
 // Compiled once per generation of ENet; see queued_peer.h.
 

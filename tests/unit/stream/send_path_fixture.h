@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "stream/send_path.h"
-#include "tests/support/live_server.h"
+#include "tests/unit/stream/live_server.h"
 
 constexpr int RAW = 1368;
 constexpr int COMPRESSED = 1936;

@@ -6,9 +6,9 @@
 
 #include "stream/client_table.h"
 #include "stream/service_step.h"
-#include "tests/support/hand_made_client.h"
-#include "tests/support/live_server.h"
-#include "tests/support/shifted_clock.h"
+#include "tests/unit/stream/hand_made_client.h"
+#include "tests/unit/stream/live_server.h"
+#include "tests/unit/stream/shifted_clock.h"
 
 /// Hand-made clients, in addition to those of the real library.
 class Strangers : public LiveServer {

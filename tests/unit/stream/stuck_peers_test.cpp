@@ -9,8 +9,8 @@
 #include "stream/send_path.h"
 #include "stream/service_step.h"
 #include "tests/support/enet_memory.h"
-#include "tests/support/live_server.h"
 #include "tests/support/named_case.h"
+#include "tests/unit/stream/live_server.h"
 #include "tests/unit/stream/strangers_fixture.h"
 
 namespace {

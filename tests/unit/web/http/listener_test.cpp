@@ -79,7 +79,6 @@ TEST_F(ListenerTest, WhatIsSentArrivesInOrder) {
     open(Listener::Slow::LosesSound);
     send('a', 0, 100);
     send('b', 0, 100);
-    EXPECT_TRUE(listener->idle());
     EXPECT_EQ(client->chunk(), std::string(100, 'a'));
     EXPECT_EQ(client->chunk(), std::string(100, 'b'));
 }
@@ -102,7 +101,6 @@ TEST_F(ListenerTest, ALiveListenerWhoDoesNotReadLosesWhatIsOlderThanASecond) {
     for (int i = 0; i < 26; ++i) {
         send(static_cast<char>('a' + i), i * SECOND / 5);
     }
-    ASSERT_FALSE(listener->idle());
     const std::string heard = lettersUntil('z');
     EXPECT_EQ(heard.substr(heard.size() - 6), "uvwxyz");
     EXPECT_LT(heard.size(), 12U) << heard;
@@ -191,7 +189,6 @@ TEST_F(ListenerTest, AStreamsListenerWhoReadsSlowlyKeepsItsConnectionWhileItKeep
         send(i % 2 == 0 ? 'a' : 'b', i * SECOND);
         EXPECT_EQ(lettersUntil(i % 2 == 0 ? 'a' : 'b').size(), 1U);
     }
-    EXPECT_TRUE(listener->idle());
 }
 
 TEST_F(ListenerTest, AHeaderMayBeOldWhenItIsSent) {

@@ -1,4 +1,4 @@
-#include "tests/support/sleep_watch.h"
+#include "tests/unit/app/sleep_watch.h"
 
 #include <algorithm>
 #include <mutex>

@@ -1,6 +1,6 @@
 #include <cstdlib>
 
-#include "tests/support/enet_layouts/enet/enet.h"
+#include "tests/unit/stream/enet_layouts/enet/enet.h"
 
 void enet_list_clear(ENetList* list) {
     list->sentinel.next = &list->sentinel;

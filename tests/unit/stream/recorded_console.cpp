@@ -1,4 +1,4 @@
-#include "tests/support/recorded_console.h"
+#include "tests/unit/stream/recorded_console.h"
 
 #include <cstdarg>
 #include <cstdio>

@@ -1,4 +1,4 @@
-#include "tests/support/fake_workers.h"
+#include "tests/unit/app/fake_workers.h"
 
 #include <algorithm>
 #include <mutex>

@@ -1,4 +1,4 @@
-#include "tests/support/shifted_clock.h"
+#include "tests/unit/stream/shifted_clock.h"
 
 #include <ctime>
 

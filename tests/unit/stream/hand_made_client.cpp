@@ -1,4 +1,4 @@
-#include "tests/support/hand_made_client.h"
+#include "tests/unit/stream/hand_made_client.h"
 
 namespace {
 

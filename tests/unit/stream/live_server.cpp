@@ -1,4 +1,4 @@
-#include "tests/support/live_server.h"
+#include "tests/unit/stream/live_server.h"
 
 #include <algorithm>
 #include <chrono>
