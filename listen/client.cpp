@@ -24,7 +24,7 @@ constexpr std::int64_t CONNECT_PATIENCE = 5 * SECOND;
 constexpr std::int64_t SILENCE_PATIENCE = 3 * SECOND;
 constexpr std::int64_t WATCH_INTERVAL = 100 * MILLISECOND;
 // The least round trip is looked for: often at first, not in step with the server's blocks.
-constexpr std::int64_t FIRST_PINGS = 10 * SECOND;
+constexpr std::int64_t FIRST_PINGS = 60 * SECOND;
 constexpr std::int64_t FIRST_PING_INTERVAL = 51 * MILLISECOND;
 constexpr std::int64_t PING_INTERVAL = 251 * MILLISECOND;
 

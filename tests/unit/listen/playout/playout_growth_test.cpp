@@ -78,7 +78,7 @@ TEST_F(GrowthTest, WhereNothingWasChosenItShrinksAndGrowsBeforeTheSoundRunsDry) 
     EXPECT_EQ(simulation.figures().skipped, 0u);
 }
 
-TEST_F(GrowthTest, ACaptureInOtherBlocksLeavesTheShortBufferFullForAnHour) {
+TEST_F(GrowthTest, ACaptureInOtherBlocksLeavesTheShortBufferFull) {
     const auto waiting = [this](std::uint64_t index, std::int64_t sent,
                                 const std::function<void(std::int64_t)>& deliver) {
         const std::uint64_t end = (index + 1) * virtual_stream::PACKET_FRAMES;
@@ -93,7 +93,7 @@ TEST_F(GrowthTest, ACaptureInOtherBlocksLeavesTheShortBufferFullForAnHour) {
     Simulation simulation(conditions, waiting);
     simulation.run(180, false);
     EXPECT_LT(simulation.figures().targetMs, 14.5);
-    simulation.run(3600, false);
+    simulation.run(600, false);
     EXPECT_EQ(simulation.figures().underruns, 0u);
     EXPECT_LT(simulation.figures().targetMs, 14.5) << "it does not run nearly dry either";
 }
