@@ -10,7 +10,8 @@ class DeviceLatency {
   public:
     /// Milliseconds. Less than the first is promised by some devices and kept by few: a sound
     /// server behind ALSA runs dry at 40 ms as soon as the machine is busy, and takes two seconds
-    /// to get going again. Where programs that play go before all others it is kept.
+    /// to get going again. Where programs that play go before all others it is kept;
+    /// 20 ms only where the sound server does so, too.
     static constexpr double FIRST_MS = 80;
     static constexpr double REAL_TIME_MS = 40;
     static constexpr double MAXIMUM_MS = 320;

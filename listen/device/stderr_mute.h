@@ -4,7 +4,7 @@
 
 namespace vxlisten {
 
-/// While one exists, the C library's `stderr` goes nowhere: sound libraries write pages of lines
+/// While one exists, the C library's `stderr` is discarded: sound libraries write pages of lines
 /// there that say nothing to the user. The descriptor stays as it is, so that the program's own
 /// sentences and a sanitizer's reports, which go straight to it, are seen. One at a time.
 class StderrMute {

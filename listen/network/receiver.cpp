@@ -117,8 +117,8 @@ ReceiverEvent Receiver::service(std::uint32_t milliseconds) {
     switch (event.type) {
         case ENET_EVENT_TYPE_CONNECT:
             result.type = ReceiverEvent::Type::Connected;
-            // Left alone, ENet's server side drops best-effort packets at random whenever the
-            // round-trip time wavers. A steady stream gains nothing by that.
+            // By default ENet's server side drops best-effort packets at random whenever the
+            // round-trip time varies. A steady stream gains nothing by that.
             enet_peer_throttle_configure(peer_, ENET_PEER_PACKET_THROTTLE_INTERVAL,
                                          ENET_PEER_PACKET_THROTTLE_ACCELERATION, 0);
             break;

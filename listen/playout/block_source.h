@@ -11,7 +11,7 @@
 namespace vxlisten {
 
 /// Makes an unbroken row of blocks of the sound that waits in a queue: fades where it stops, starts
-/// or leaps. Everything on the thread that pops. Realtime-safe: yes.
+/// or jumps. Everything on the thread that pops. Realtime-safe: yes.
 class BlockSource {
   public:
     enum class Kind {

@@ -7,7 +7,7 @@
 namespace vxlisten {
 
 /// Tells when a frame that was given to the output device is heard, from the device's time stamps.
-/// The first ones of a stream say nothing, a sound server's waver by some tenths of a millisecond,
+/// The first ones of a stream say nothing, a sound server's vary by some tenths of a millisecond,
 /// and by some milliseconds for a while after a stall: what counts is the line through the medians
 /// of the last ten seconds that half of them cannot move. Times are given, not taken from a clock.
 /// Not thread-safe. Realtime-safe: yes.

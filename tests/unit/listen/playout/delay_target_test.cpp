@@ -25,13 +25,13 @@ class DelayTargetTest : public testing::Test {
 
 }  // namespace
 
-TEST_F(DelayTargetTest, StartsFromTheWishAndKeepsItWhileTheNetworkIsEven) {
+TEST_F(DelayTargetTest, StartsFromTheChosenBufferAndKeepsItWhileTheNetworkIsEven) {
     EXPECT_EQ(target_.milliseconds(), 40);
     arrive(1000, 0);
     EXPECT_EQ(target_.milliseconds(), 40);
 }
 
-TEST_F(DelayTargetTest, GrowsWithinASecondOnLateArrivalAlone) {
+TEST_F(DelayTargetTest, GrowsWithinASecondWhenPacketsAreLate) {
     arrive(1000, 0);
     for (int i = 0; i < 14; ++i) {
         arrive(9, 0);
@@ -57,7 +57,7 @@ TEST_F(DelayTargetTest, OneStallIsNotLearntFrom) {
     EXPECT_EQ(target_.milliseconds(), 40);
 }
 
-TEST_F(DelayTargetTest, ShrinksBackToTheWishWhenTheNetworkHasCalmedDown) {
+TEST_F(DelayTargetTest, ShrinksBackToTheChosenBufferWhenTheNetworkIsEvenAgain) {
     for (int i = 0; i < 100; ++i) {
         arrive(9, 0);
         arrive(1, 100);

@@ -43,7 +43,7 @@ class Rooms : public testing::Test {
         return [this, least, most](double) { return std::optional(between(least, most)); };
     }
 
-    /// A device whose time stamps waver.
+    /// A device whose time stamps vary.
     Device device(double ppm, double latency) {
         Device result;
         result.ppm = ppm;
@@ -438,7 +438,7 @@ TEST_F(Rooms, FirstTimeStampsOfSecondsDoNotMakeTheDelayImpossible) {
     EXPECT_LT(offTheDelay(one, DELAY, 5, 20).most, 1);
 }
 
-TEST_F(Rooms, TimeStampsThatLeapAboutDoNotMakeALoopOfCorrections) {
+TEST_F(Rooms, TimeStampsThatJumpDoNotMakeALoopOfCorrections) {
     const Server server;
     Device wild = device(0, 0.03);
     wild.stamp = [this](double, double) { return between(0.001, 0.4); };
