@@ -80,4 +80,5 @@ class SinkRecorder:
         self.ahead = -math.inf
 
     def heard(self):
-        return [frame * 1e9 / RATE - self.ahead + self.held_ms() * 1e6 for frame in self.clicks]
+        shift = self.held_ms() * 1e6 - self.ahead
+        return [frame * 1e9 / RATE + shift for frame in self.clicks]
