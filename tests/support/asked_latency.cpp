@@ -17,6 +17,6 @@ extern "C" PaError Pa_OpenStream(PaStream** stream, const PaStreamParameters* in
                                : open(stream, input, output, rate, frames, flags, function, data);
     }
     PaStreamParameters other = *output;
-    other.suggestedLatency = std::atof(asked) / 1000;
+    other.suggestedLatency = std::strtod(asked, nullptr) / 1000;
     return open(stream, input, &other, rate, frames, flags, function, data);
 }
