@@ -23,7 +23,7 @@ constexpr std::int64_t CONNECT_TIMEOUT = 5 * SECOND;
 constexpr std::int64_t SILENCE_TIMEOUT = 3 * SECOND;
 constexpr std::int64_t WATCH_INTERVAL = 100 * MILLISECOND;
 // The minimum round trip is needed: ping often at first, and not in step with the server's blocks.
-constexpr std::int64_t FIRST_PINGS = 10 * SECOND;
+constexpr std::int64_t FIRST_PINGS = 60 * SECOND;
 constexpr std::int64_t FIRST_PING_INTERVAL = 51 * MILLISECOND;
 constexpr std::int64_t PING_INTERVAL = 251 * MILLISECOND;
 

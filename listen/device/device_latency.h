@@ -10,7 +10,8 @@ class DeviceLatency {
   public:
     /// Milliseconds. Some devices promise less than the first, but few keep it: a sound server
     /// behind ALSA has underruns at 40 ms as soon as the machine is busy, and takes two seconds to
-    /// recover. With real-time scheduling 40 ms are enough.
+    /// recover. With real-time scheduling 40 ms are enough; 20 ms only if the sound server has it,
+    /// too.
     static constexpr double FIRST_MS = 80;
     static constexpr double REAL_TIME_MS = 40;
     static constexpr double MAXIMUM_MS = 320;

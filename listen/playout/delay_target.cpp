@@ -34,7 +34,7 @@ void DelayTarget::restart() {
     started_ = false;
     lateness_.fill(0);
     total_ = 0;
-    jitterMs_ = 0;
+    jitterMs_ = meanLateMs_ = 0;
     floor_ = start_;
 }
 
@@ -69,8 +69,9 @@ void DelayTarget::count(double latenessMs) {
         bin *= MEMORY;
     }
     total_ = total_ * MEMORY + 1;
-    const auto bin =
-        static_cast<std::size_t>(std::clamp(latenessMs, 0.0, static_cast<double>(BINS - 1)));
+    meanLateMs_ += (latenessMs - meanLateMs_) / total_;
+    const auto bin = static_cast<std::size_t>(
+        std::clamp(latenessMs * BINS_PER_MS, 0.0, static_cast<double>(BINS - 1)));
     lateness_[bin] += 1;
     const double allowed = std::max(EXCEPTIONS, UNCOVERED * total_);
     double late = 0;
@@ -78,7 +79,7 @@ void DelayTarget::count(double latenessMs) {
     while (i > 0 && (late += lateness_[i - 1]) <= allowed) {
         --i;
     }
-    jitterMs_ = static_cast<double>(i);
+    jitterMs_ = static_cast<double>(i) / BINS_PER_MS;
 }
 
 void DelayTarget::noteUnderrun() {
@@ -122,8 +123,12 @@ double DelayTarget::repeatedMs() const {
     return std::max(0.0, extra_ - UNDERRUN_EXTRA_MS);
 }
 
+/// The mean depth has the mean lateness in it already. That is relied on for what a server's
+/// capture makes packets wait, in which one is as long as another: up to a packet, half of it in
+/// the mean.
 double DelayTarget::neededMs() const {
-    return jitterMs_ + packetMs_ / 2 + demand_ + SAFETY_MS;
+    const double expected = std::min({meanLateMs_, jitterMs_ / 2, packetMs_ / 2});
+    return jitterMs_ - expected + packetMs_ / 2 + demand_ + SAFETY_MS;
 }
 
 double DelayTarget::milliseconds() const {

@@ -58,20 +58,21 @@ class DelayTarget {
     void count(double latenessMs);
     [[nodiscard]] double neededMs() const;
 
-    static constexpr std::size_t BINS = 500;  ///< Of one millisecond each.
+    static constexpr double BINS_PER_MS = 4;
+    static constexpr std::size_t BINS = 2000;
 
     double start_;
     double floor_;  ///< The least for now.
     bool chosen_;
     double extra_ = 0;       ///< Milliseconds on account of underruns.
     double sinceDip_ = 0;    ///< Seconds since the sound nearly ran dry.
-    double meanLate_ = 0;    ///< Milliseconds, of the packets.
     double demand_ = 0;      ///< How much earlier than in the mean the device asks, milliseconds,
     double demandMean_ = 0;  ///< and that mean: what it asked for against the time.
     std::int64_t demandStart_ = -1;
     std::int64_t lastDemand_ = 0;
     double packetMs_ = 0;
     double jitterMs_ = 0;
+    double meanLateMs_ = 0;
     bool started_ = false;
     std::int64_t earliest_ = 0;     ///< Smallest transit time, of an older and the present window.
     std::int64_t earliestNow_ = 0;  ///< Smallest transit time of the present window.

@@ -10,7 +10,7 @@ namespace vxlisten {
 namespace {
 
 constexpr double SAFETY_MS = 3;
-constexpr double LEAP = 20000;  ///< Microseconds, more than the line moves otherwise.
+constexpr double JUMP = 20000;  ///< Microseconds, more than the line moves otherwise.
 /// By how much the maximum latency falls with each call.
 constexpr double LATENCY_FALL_MS = 0.02;
 
@@ -18,12 +18,12 @@ constexpr double LATENCY_FALL_MS = 0.02;
 
 bool Schedule::noteBlock(const QueuedBlock& block) {
     const auto position = static_cast<double>(block.position);
-    const bool leaps = known_ && std::abs(block.sent.first - sentAt(position)) > LEAP;
+    const bool jumps = known_ && std::abs(block.sent.first - sentAt(position)) > JUMP;
     known_ = block.sent.framePeriod > 0;
     position_ = position;
     sent_ = block.sent;
     sampleRate_ = block.sampleRate;
-    return leaps;
+    return jumps;
 }
 
 void Schedule::noteOutput(std::uint64_t frame, std::int64_t now, double latency) {

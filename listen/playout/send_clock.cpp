@@ -26,16 +26,19 @@ constexpr double ERRORS = 2;  ///< It may always change by this many standard er
 constexpr double SHIFT = 1000;
 constexpr double JUMP = 30000;
 constexpr double NOISES = 3;
-constexpr double SPAN_NOISE = 0.3;  ///< Of the earliest arrival of a span.
+constexpr double SPAN_NOISE = 1;  ///< Of the earliest arrival of a span.
 constexpr double JUMP_SECONDS = 1;
 constexpr double KNOWN_SECONDS = 10;
 /// Of times that have several reasons to be longer than they could be, the one at place n lies
 /// above that about as n to this power; the first one by this share of it.
 constexpr double PLACE_POWER = 0.4;
 constexpr double FIRST_PLACE = 0.9;
-constexpr std::size_t PLACES = 8;
-/// Minimum number of spans for that.
+constexpr std::size_t LAST_PLACE = 8;
+/// Minimum number of spans for that. Where arrivals vary by more than this (microseconds), it is
+/// used from the first span on: how long the earliest packet waited then matters more than the
+/// uncertain slope.
 constexpr std::size_t EXTRAPOLATED_SPANS = 6;
+constexpr double MUCH_NOISE = 2500;
 /// Frames that Opus's encoder holds back.
 constexpr double OPUS_LOOK_AHEAD = 312;
 /// Compressed packets leave after the raw pass of the same callback, which ends with a wait of up
@@ -46,7 +49,7 @@ constexpr double SECOND_PASS = 500;
 /// What `count` values can come down to at the least: even the least of them had to wait, and how
 /// far the next ones lie from it tells how long, up to `maximum`. Puts them in order.
 double extrapolatedMinimum(double* values, std::size_t count, double maximum) {
-    const std::size_t used = std::min(count, PLACES);
+    const std::size_t used = std::min(count, LAST_PLACE);
     std::partial_sort(values, values + used, values + count);
     const double places = std::pow(static_cast<double>(used), PLACE_POWER) - FIRST_PLACE;
     return values[0] - std::min(maximum, (values[used - 1] - values[0]) * FIRST_PLACE / places);
@@ -257,16 +260,20 @@ void SendClock::fitSlope() {
 }
 
 void SendClock::fitOffset() {
-    std::array<double, 2 * (MAXIMUM_SPANS + 1)> residuals{};
+    std::array<double, PLACES*(MAXIMUM_SPANS + 1)> residuals{};
     std::size_t count = 0;
     for (std::size_t i = 0; i <= spanCount_; ++i) {
         const double drift = slope_ * spans_[i].time;
-        residuals[count++] = spans_[i].residuals[0] - drift;
-        residuals[count++] = spans_[i].residuals[1] - drift;
+        for (std::size_t place = 0; place < PLACES; ++place) {
+            residuals[count] = spans_[i].residuals[place] - drift;
+            count += spans_[i].residuals[place] < NONE ? 1 : 0;
+        }
     }
-    offset_ = spanCount_ < EXTRAPOLATED_SPANS
+    const double maximum = noise();
+    const std::size_t needed = maximum > MUCH_NOISE ? 1 : EXTRAPOLATED_SPANS;
+    offset_ = spanCount_ < needed
                   ? *std::min_element(residuals.begin(), residuals.begin() + count)
-                  : extrapolatedMinimum(residuals.data(), count, noise());
+                  : extrapolatedMinimum(residuals.data(), count, maximum);
 }
 
 double SendClock::minimumRoundTrip(std::size_t from, std::size_t to) const {

@@ -41,6 +41,7 @@ class SendClock {
 
   private:
     static constexpr double NONE = 1e12;
+    static constexpr std::size_t PLACES = 8;  ///< Of the earliest arrivals of a span.
 
     /// The smallest of some values, in order.
     template <std::size_t SIZE>
@@ -72,9 +73,9 @@ class SendClock {
 
     /// The arrivals in a span of the stream.
     struct Span {
-        double time = 0;      ///< Of the earliest arrival, seconds of the stream.
-        Least<8> residuals;   ///< Arrivals against the stream's time, microseconds.
-        Least<3> roundTrips;  ///< Microseconds.
+        double time = 0;          ///< Of the earliest arrival, seconds of the stream.
+        Least<PLACES> residuals;  ///< Arrivals against the stream's time, microseconds.
+        Least<3> roundTrips;      ///< Microseconds.
         std::uint32_t packets = 0;
 
         [[nodiscard]] double least() const { return residuals[0]; }

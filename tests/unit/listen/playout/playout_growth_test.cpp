@@ -78,6 +78,26 @@ TEST_F(GrowthTest, WhereNothingWasChosenItShrinksAndGrowsBeforeTheSoundRunsDry) 
     EXPECT_EQ(simulation.figures().skipped, 0u);
 }
 
+TEST_F(GrowthTest, ACaptureInOtherBlocksLeavesTheShortBufferFull) {
+    const auto waiting = [this](std::uint64_t index, std::int64_t sent,
+                                const std::function<void(std::int64_t)>& deliver) {
+        const std::uint64_t end = (index + 1) * virtual_stream::PACKET_FRAMES;
+        const auto waited =
+            static_cast<std::int64_t>((337 - end % 337) % 337 * 1000000 / virtual_stream::RATE);
+        const double jitter = std::uniform_real_distribution<>(0.0, 1000.0)(random_);
+        deliver(sent + waited + static_cast<std::int64_t>(jitter));
+    };
+    Conditions conditions = setup(40);
+    conditions.delayChosen = false;
+    conditions.serverPpm = 50;
+    Simulation simulation(conditions, waiting);
+    simulation.run(180, false);
+    EXPECT_LT(simulation.figures().targetMs, 14.5);
+    simulation.run(600, false);
+    EXPECT_EQ(simulation.figures().underruns, 0u);
+    EXPECT_LT(simulation.figures().targetMs, 14.5) << "it does not run nearly dry either";
+}
+
 TEST(Stretch, ATonesPitchStaysAndNoStepIsHeard) {
     std::vector<std::int16_t> played;
     for (std::size_t packet = 0; packet < 100; ++packet) {

@@ -191,7 +191,7 @@ class Listener {
                 flying_.push_back({latest_, std::move(bytes)});
             }
         }
-        for (; nextPing_ <= now; nextPing_ += 0.101) {
+        for (; nextPing_ <= now; nextPing_ += nextPing_ < device_.start + 60 ? 0.051 : 0.251) {
             // The server answers when it next sends something.
             const double there = nextPing_ + way_(nextPing_).value_or(1);
             const double back = way_(there).value_or(1);
