@@ -3,7 +3,6 @@
 
 import { DelayTarget } from '/page/sound/delay_target.js';
 import { DriftControl } from '/page/sound/drift_control.js';
-import { Lead } from '/page/sound/lead.js';
 import { readPacket, samplesOfPcm, SequenceTracker } from '/page/sound/packets.js';
 import { Playout } from '/page/sound/playout.js';
 import { Resampler } from '/page/sound/resampler.js';
@@ -86,11 +85,11 @@ export function theBufferIsFortyMillisecondsOnAnEvenNetwork() {
 
 export function whatWaitsInTheOutputIsPartOfTheBuffer() {
   const target = new DelayTarget(40);
-  target.setAhead(12);
+  target.setUnusable(12);
   arrive(target, 2000, () => 0);
-  near(target.milliseconds, 28, 0, 'the rest of the least');
+  near(target.milliseconds, 40, 0, 'the least');
   arrive(target, 1000, (i) => (i % 5 === 0 ? 90 : 0), 2000);
-  check(target.milliseconds > 90, 'what the network needs waits before the output');
+  check(target.milliseconds > 102, 'what the network needs waits before the output');
 }
 
 export function theBufferCoversUnevenPacketsAndForgetsThem() {
@@ -137,24 +136,6 @@ export function theCorrectionSettlesAtTheDifferenceOfTheClocks() {
     near(correction, ppm, 5, 'the correction');
     near(depth, 0, 0.5, 'the deviation');
   }
-}
-
-export function theScheduleReachesAsFarAsThePageWasKeptFromIt() {
-  const lead = new Lead(0.03, 0.02);
-  const runEvenly = (seconds) => {
-    for (let t = 0; t < seconds; t += 0.005) {
-      lead.pass(0.005);
-    }
-  };
-  lead.pass(0.5);
-  near(lead.seconds, 0.03, 0, 'what the page does while it begins does not count');
-  runEvenly(1);
-  lead.pass(0.06);
-  near(lead.seconds, 0.08, 1e-9, 'it covers the pause');
-  lead.pass(5);
-  near(lead.seconds, 0.3, 0, 'there is a limit');
-  runEvenly(300);
-  near(lead.seconds, 0.03, 1e-9, 'back to the least');
 }
 
 // The resampler.
@@ -408,4 +389,63 @@ export function moreBufferIsTakenUpWhilePlaying() {
   noClick(session.run(20), 'while it grows');
   check(session.figures.underruns === 0, 'no interruption');
   near(session.figures.depthMs, 150, 12, 'the depth');
+}
+
+/** An output that takes sound as soon as it is there, as scheduled buffers do. */
+class EagerSession extends Session {
+  end = 0; // Until when sound is scheduled, milliseconds.
+  least = 26;
+
+  pump(heard) {
+    if (this.end < this.now) {
+      this.playout.noteBreak();
+      this.end = this.now;
+    }
+    const limit = this.now + Math.max(this.least, this.playout.targetMs);
+    while (this.end < limit) {
+      const frames = Math.min(960, Math.max(
+        this.playout.available, Math.ceil(((this.now + this.least - this.end) * RATE) / 1000)));
+      if (frames <= 0) {
+        return;
+      }
+      const left = new Float32Array(frames);
+      this.playout.setAhead(this.end - this.now);
+      this.playout.render(left, new Float32Array(frames), 0, frames, this.end);
+      heard.push(...left);
+      this.end += (1000 * frames) / RATE;
+    }
+  }
+
+  run(seconds) {
+    const heard = [];
+    for (const end = this.now + 1000 * seconds; this.now < end; this.now += 4) {
+      this.send();
+      this.pump(heard);
+    }
+    this.figures = this.playout.takeFigures();
+    return Float32Array.from(heard);
+  }
+}
+
+export function soundThatIsTakenAtOnceStillLastsOverLatePackets() {
+  const session = new EagerSession({ ppm: 200, late: (i) => (i % 50 === 49 ? 12 : 0) });
+  session.playout.setUnusable(session.least);
+  session.run(20);
+  const sound = session.run(20);
+  noClick(sound, 'all');
+  check(quietest(sound) > 0.99, 'no gap');
+  check(session.figures.underruns === 0, `${session.figures.underruns} interruptions`);
+  near(session.figures.depthMs, session.figures.targetMs, 6, 'the depth, with what is scheduled');
+  near(session.figures.targetMs, 12 + PACKET_MS + 5 + session.least, 4, 'the target');
+}
+
+export function soundThatBrokeOffBeginsAgainOnceItIsBuffered() {
+  const session = new EagerSession();
+  session.playout.setUnusable(session.least);
+  session.run(5);
+  session.now += 100; // The page is kept from its work.
+  session.run(5);
+  check(session.figures.underruns === 1, `${session.figures.underruns} interruptions`);
+  check(session.figures.playing, 'it plays');
+  near(session.figures.depthMs, session.figures.targetMs, 12, 'the depth');
 }

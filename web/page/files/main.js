@@ -143,9 +143,9 @@ const ms = (value) => `${Math.round(value)} ms`;
 
 function showTexts(figures, seconds) {
   const playing = player.state === State.PLAYING;
-  const delay = ms(figures.depthMs + figures.aheadMs + (figures.outputMs ?? 0));
+  const delay = ms(figures.depthMs + (figures.outputMs ?? 0));
   show('delay', !playing ? '–' : figures.outputMs === null ? `> ${delay}` : delay);
-  show('buffer-now', ms(figures.targetMs + figures.aheadMs));
+  show('buffer-now', ms(figures.targetMs));
   for (const { bar, level } of bars) {
     bar.setAttribute('aria-valuenow', Math.round(level));
     bar.setAttribute('aria-valuetext', level > MIN_DB ? `${Math.round(level)} decibels` : 'silent');

@@ -74,6 +74,12 @@ export class BlockSource {
     return this.#pausing;
   }
 
+  /** Pauses: the sound has broken off already. */
+  stop() {
+    this.#pausing = true;
+    this.#streamChanged = false;
+  }
+
   /** Ends the pause; the next block fades in. */
   resume() {
     this.#pausing = false;

@@ -22,7 +22,7 @@ const EXTRA_LOSS_PER_SECOND = 1;
  */
 export class DelayTarget {
   #chosen;
-  #ahead = 0;
+  #unusable = 0;
   #extra = 0;
   #packetMs = 0;
   #jitter = 0;
@@ -42,9 +42,9 @@ export class DelayTarget {
     this.#chosen = Math.max(MIN_BUFFER_MS, milliseconds);
   }
 
-  /** So much of what is buffered has gone on to the output, and waits there. */
-  setAhead(milliseconds) {
-    this.#ahead = milliseconds;
+  /** So much of what is buffered is with the output, where it covers no late packet. */
+  setUnusable(milliseconds) {
+    this.#unusable = milliseconds;
   }
 
   /** Notes that the packet at `mediaTime` of its stream came at `arrival` and lasts `packetMs`. */
@@ -111,10 +111,10 @@ export class DelayTarget {
     this.#extra = Math.max(0, this.#extra - EXTRA_LOSS_PER_SECOND * seconds);
   }
 
-  /** What is to wait before the output. */
+  /** What is to be buffered, in the output too. */
   get milliseconds() {
-    const needed = this.#jitter + this.#packetMs + SAFETY_MS;
-    return Math.min(MAX_TARGET_MS, Math.max(this.#chosen - this.#ahead, needed) + this.#extra);
+    const needed = this.#jitter + this.#packetMs + SAFETY_MS + this.#unusable;
+    return Math.min(MAX_TARGET_MS, Math.max(this.#chosen, needed) + this.#extra);
   }
 
   /** How late nearly all packets are at most, against the quickest ones. */

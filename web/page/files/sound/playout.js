@@ -5,7 +5,7 @@
 
 import { BlockSource, Join, Kind } from './block_source.js';
 import { DelayTarget } from './delay_target.js';
-import { DriftControl } from './drift_control.js';
+import { DriftControl, MAX_PPM } from './drift_control.js';
 import { SequenceTracker } from './packets.js';
 import { Resampler } from './resampler.js';
 import { fade, mirror, stretch } from './splicing.js';
@@ -36,6 +36,7 @@ export class Playout {
   #latest = null; // The latest packet's samples and frames.
   #packets = 0; // Of the stream, lost ones too.
   #lastRender = null;
+  #aheadMs = 0;
   #meanDepth = 0;
   #sinceBegin = 0; // Seconds since it began to play,
   #sinceDepth = 0; // the depth was looked at,
@@ -48,8 +49,7 @@ export class Playout {
   #peak = [0, 0];
   #figures = {
     playing: false,
-    depthMs: 0, // What waits here,
-    aheadMs: 0, // and in the output.
+    depthMs: 0, // What waits here and in the output.
     correctionPpm: 0,
     lost: 0, // Packets.
     underruns: 0,
@@ -63,10 +63,14 @@ export class Playout {
     this.#target = new DelayTarget(bufferMs);
   }
 
-  /** So many milliseconds of the buffer wait in the output, rendered but not yet on their way. */
+  /** So many milliseconds of sound wait in the output, rendered but not yet on their way. */
   setAhead(milliseconds) {
-    this.#figures.aheadMs = milliseconds;
-    this.#target.setAhead(milliseconds);
+    this.#aheadMs = milliseconds;
+  }
+
+  /** So many of them are there always, and cover no packet that comes late. */
+  setUnusable(milliseconds) {
+    this.#target.setUnusable(milliseconds);
   }
 
   setBuffer(milliseconds) {
@@ -132,11 +136,41 @@ export class Playout {
     this.#control(seconds);
   }
 
+  /** Output frames of sound that there are now; 0 while nothing is played. */
+  get available() {
+    if (this.#source.pausing) {
+      return 0;
+    }
+    const waiting = (this.#source.frames * this.#outputRate) / this.#rate;
+    return this.#resampler.available + Math.floor(waiting * (1 - MAX_PPM * 1e-6));
+  }
+
+  /** What is to be buffered, in the output too; milliseconds. */
+  get targetMs() {
+    return this.#target.milliseconds;
+  }
+
+  /** The output had nothing more to play, and has fallen silent. */
+  noteBreak() {
+    if (!this.#source.pausing) {
+      this.#source.stop();
+      this.#noteInterruption();
+    }
+  }
+
+  #noteInterruption() {
+    this.#figures.playing = false;
+    if (!this.#ending) {
+      this.#figures.underruns += 1;
+      this.#target.noteUnderrun();
+    }
+  }
+
   #watchStart() {
     if (!this.#source.pausing || this.#source.empty) {
       return;
     }
-    const depth = (1000 * this.#source.frames) / this.#rate;
+    const depth = (1000 * this.#source.frames) / this.#rate + this.#aheadMs;
     const excess = depth - this.#target.milliseconds;
     if (excess < 0) {
       return;
@@ -171,11 +205,7 @@ export class Playout {
     let samples = block.samples;
     switch (block.kind) {
       case Kind.RAN_DRY:
-        this.#figures.playing = false;
-        if (!this.#ending) {
-          this.#figures.underruns += 1;
-          this.#target.noteUnderrun();
-        }
+        this.#noteInterruption();
         break;
       case Kind.ENDED:
         this.#figures.playing = false;
@@ -210,7 +240,7 @@ export class Playout {
 
   get #depthMs() {
     const waiting = this.#rate > 0 ? (1000 * this.#source.frames) / this.#rate : 0;
-    return waiting + (1000 * this.#resampler.available) / this.#outputRate;
+    return this.#aheadMs + waiting + (1000 * this.#resampler.available) / this.#outputRate;
   }
 
   #watchLevel(samples, channel, offset, frames) {
