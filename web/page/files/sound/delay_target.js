@@ -10,6 +10,7 @@ const EXCEPTIONS = 1; // but so many at any rate.
 const SETTLING_MS = 1500; // The page is busy while it begins, which says nothing of the network.
 const CATCHING_UP_MS = 1;
 const SAFETY_MS = 5;
+const USUAL_JITTER_MS = 10;
 const UNDERRUN_EXTRA_MS = 15;
 const MAX_EXTRA_MS = 300;
 const EXTRA_LOSS_PER_SECOND = 1;
@@ -113,8 +114,17 @@ export class DelayTarget {
 
   /** What is to be buffered, in the output too. */
   get milliseconds() {
-    const needed = this.#jitter + this.#packetMs + SAFETY_MS + this.#unusable;
-    return Math.min(MAX_TARGET_MS, Math.max(this.#chosen, needed) + this.#extra);
+    return Math.min(MAX_TARGET_MS, Math.max(this.#chosen, this.#needed) + this.#extra);
+  }
+
+  get #needed() {
+    return this.#jitter + this.#packetMs + SAFETY_MS + this.#unusable;
+  }
+
+  /** How long before it is due the quickest packet must come, so that nearly all come in time. */
+  get leastEarliness() {
+    const guessed = this.#settling > 0 ? USUAL_JITTER_MS : 0;
+    return this.#needed + guessed + this.#extra;
   }
 
   /** How late nearly all packets are at most, against the quickest ones. */
