@@ -3,9 +3,13 @@
 
 import { DelayTarget } from '/page/sound/delay_target.js';
 import { DriftControl } from '/page/sound/drift_control.js';
+import { EarliestLine } from '/page/sound/earliest_line.js';
+import { OutputTimes } from '/page/sound/output_times.js';
 import { readPacket, samplesOfPcm, SequenceTracker } from '/page/sound/packets.js';
 import { Playout } from '/page/sound/playout.js';
 import { Resampler } from '/page/sound/resampler.js';
+import { SendTimes } from '/page/sound/send_times.js';
+import { delayOf } from '/page/settings.js';
 
 const RATE = 48000;
 const PACKET_FRAMES = 338;
@@ -14,6 +18,9 @@ const TONE = 1065; // Half a period more than whole ones in a packet.
 const AMPLITUDE = 0.5;
 // The largest step between neighbouring samples of the tone.
 const TONE_STEP = (AMPLITUDE * 2 * Math.PI * TONE) / RATE;
+
+let seed = 1;
+const random = () => (seed = (seed * 16807) % 2147483647) / 2147483647;
 
 function check(fact, text) {
   if (!fact) {
@@ -330,8 +337,6 @@ export function aLostPacketIsFaded() {
 
 export function aNetworkThatBecomesUnevenIsBufferedFor() {
   let uneven = 0;
-  let seed = 1;
-  const random = () => (seed = (seed * 16807) % 2147483647) / 2147483647;
   const session = new Session({ late: () => uneven * random() });
   session.run(10);
   uneven = 70;
@@ -448,4 +453,152 @@ export function soundThatBrokeOffBeginsAgainOnceItIsBuffered() {
   check(session.figures.underruns === 1, `${session.figures.underruns} interruptions`);
   check(session.figures.playing, 'it plays');
   near(session.figures.depthMs, session.figures.targetMs, 12, 'the depth');
+}
+
+// Rooms in step.
+
+export function aMessageTellsWhenItCame() {
+  const buffer = message(7, 2, 8 + 8);
+  new DataView(buffer).setBigUint64(8, 5_000_000_000_250n, true);
+  const packet = readPacket(buffer, true);
+  near(packet.arrival, 5_000_000_000.25, 1e-6, 'the arrival');
+  check(packet.payload.byteLength === 8, 'the samples after it');
+  check(readPacket(message(7, 2, 8), true) === null, 'a message without samples');
+}
+
+export function onlyNumbersUpToTenSecondsAreADelay() {
+  const says = (text, delay) => check(delayOf(text) === delay, `“${text}” is ${delayOf(text)}`);
+  says('', null);
+  says('300', 300);
+  says('0.5', 0.5);
+  says('.5', 0.5);
+  says('10000', 10000);
+  for (const text of ['0', '-1', '10000.1', 'nan', 'NaN', 'Infinity', '300ms', '1e3', '0x10', ' ',
+    '.', '1,5', '٣']) {
+    says(text, undefined);
+  }
+}
+
+/** Packets that the server sends when a block of its capture ends, heard of by two clocks. */
+class Sending {
+  constructor({ ppm = 0, jitter = 0, opus = false } = {}) {
+    Object.assign(this, { ppm, jitter, opus, times: new SendTimes(opus), worst: 0, number: 0 });
+  }
+
+  sentAt(frames) {
+    return 1e6 + ((1000 * frames) / RATE) * (1 + this.ppm * 1e-6);
+  }
+
+  /** Sends for so long; `worst` becomes the greatest error of the last packet's time since. */
+  run(seconds) {
+    this.worst = 0;
+    const frames = this.opus ? 480 : PACKET_FRAMES;
+    for (const end = this.number + (seconds * RATE) / frames; this.number < end; ++this.number) {
+      const sequence = this.number;
+      // The uncompressed packet with the last frame is full, and a block of 337 frames has ended.
+      const full = Math.ceil(((sequence + 1) * frames) / PACKET_FRAMES) * PACKET_FRAMES;
+      const sent = this.sentAt(Math.ceil(full / 337) * 337) + (this.opus ? 0.5 : 0);
+      const now = sent + 4 + this.jitter * random();
+      const packet = { sequence, frames, arrival: sent + 77000 + random() };
+      this.times.note(packet, RATE, now);
+      const right = this.sentAt(sequence * frames + PACKET_FRAMES - (this.opus ? 312 : 0));
+      this.worst = Math.max(
+        this.worst, Math.abs(this.times.sentAt(packet, RATE, 8) - right));
+    }
+  }
+}
+
+export function theEarliestArrivalsTellWhenPacketsWereSent() {
+  for (const ppm of [-300, 0, 300]) {
+    for (const jitter of [0, 10]) {
+      for (const opus of [false, true]) {
+        const sending = new Sending({ ppm, jitter, opus });
+        sending.run(0.9);
+        check(!sending.times.ready, 'not at once');
+        sending.run(4);
+        check(sending.times.ready, 'then it is ready');
+        sending.run(10);
+        sending.run(30);
+        check(sending.worst < 1.5, `${ppm} ppm, jitter ${jitter}, Opus ${opus}: ${sending.worst}`);
+      }
+    }
+  }
+}
+
+export function aClockThatLeapsIsFollowed() {
+  const line = new EarliestLine();
+  const run = (from, seconds, residual) => {
+    for (let t = from; t < from + seconds; t += 0.007) {
+      line.note(t, residual + 5 * random());
+    }
+  };
+  run(0, 20, 100);
+  run(20, 0.1, 40);
+  near(line.at(20), 40, 5, 'earlier, at once');
+  run(20, 20, 90);
+  near(line.at(40), 90, 1, 'later, after a while');
+}
+
+export function timeStampsThatWaverTellWhenTheOutputIsHeard() {
+  const times = new OutputTimes();
+  const heard = (frame) => 500 + frame * (1 - 200e-6);
+  for (let frame = 0; frame < 60000; frame += 100) {
+    check(times.ready === frame > 900, 'it is ready after some');
+    times.note(frame, heard(frame) + 2 * random() + (random() < 0.1 ? 20 : 0));
+  }
+  near(times.frameAt(heard(60000) + 1), 60000, 1, 'the frame');
+  for (let frame = 60000; frame < 63000; frame += 100) {
+    times.note(frame, heard(frame) + 400);
+  }
+  near(times.frameAt(heard(63000) + 400), 63000, 3, 'after a pause of the output');
+}
+
+/** A session whose packets are due so long after they were sent. */
+class TimedSession extends Session {
+  constructor({ delay, ...options }) {
+    super(options);
+    this.delay = delay;
+    const push = this.playout.push.bind(this.playout);
+    this.playout.push = (packet, now) => {
+      const sent = (packet.sequence * PACKET_MS) / (1 + this.ppm * 1e-6);
+      const due = sent + this.delay;
+      push({ ...packet, due, earliness: due - now }, now);
+    };
+  }
+}
+
+export function soundIsHeardWhenItIsDue() {
+  for (const ppm of [-300, 0, 300]) {
+    const session = new TimedSession({
+      delay: 212.3, ppm, late: () => 20 * random(), lost: (i) => i % 50 === 49,
+    });
+    const begin = session.run(1).findIndex((value) => value !== 0) / RATE;
+    check(Math.abs(begin - 0.2123) < 0.02, `it begins at ${begin} s`);
+    for (let i = 0; i < 30; ++i) {
+      noClick(session.run(1), `${ppm} ppm`);
+      near(session.figures.lateMs, 0, 1.5, `${ppm} ppm: how late it is`);
+    }
+    check(session.figures.underruns === 0, 'no interruption');
+    near(session.figures.correctionPpm, ppm, 30, 'the correction');
+  }
+}
+
+export function aTimeThatCannotBeKeptIsPutOff() {
+  const session = new TimedSession({ delay: 5 });
+  session.run(2);
+  const { lateMs, putOffMs, underruns } = session.figures;
+  check(putOffMs > 10 && putOffMs < 40, `by ${putOffMs}`);
+  near(lateMs, putOffMs, 1, 'which is how late it is');
+  check(session.figures.playing && underruns === 0, 'it plays');
+}
+
+export function soundThatBreaksOffComesBackWhenItIsDue() {
+  let until = -1;
+  const session = new TimedSession({ delay: 200 });
+  session.late = (i) => Math.max(0, until - i * PACKET_MS);
+  session.run(3);
+  until = session.now + 600;
+  noClick(session.run(4), 'the stall');
+  check(session.figures.underruns === 1, `${session.figures.underruns} interruptions`);
+  near(session.figures.lateMs, 0, 1, 'how late it is');
 }

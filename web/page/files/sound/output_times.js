@@ -4,7 +4,7 @@ const WINDOW_MS = 10000;
 const READY_STAMPS = 10;
 const MIN_STAMPS = 60; // So many tell how fast the output runs.
 const MAX_SLOPE = 5e-4;
-const LEAP_MS = 30;
+const LEAP_MS = 12;
 
 function median(values) {
   return [...values].sort((a, b) => a - b)[values.length >> 1];

@@ -13,7 +13,7 @@ import { fade, mirror, stretch } from './splicing.js';
 
 const CONTROL_INTERVAL = 0.25; // Seconds.
 const DEPTH_MEMORY = 2; // Seconds over which the depth is averaged.
-const LARGEST_LATENESS_MS = 60; // More is made good by a new beginning.
+const LARGEST_LATENESS_MS = 20; // More comes of an interruption, and begins anew.
 const LONGEST_STEP = 1; // Seconds; a longer pause of the output is cut to it.
 const MIN_EXCESS_MS = 40;
 const EXCESS_SHARE = 0.5;
