@@ -20,6 +20,7 @@ from support.harness import (PATIENCE, SOURCE, THERE_ADDRESS, OtherNetwork, Proc
                              SoundServer, SystemTest, clean_environment, die_with_parent,
                              listen_command, wait_until)
 from support.network import ip
+from support.processes import prefer
 from support.web import RATE, Clicks, Tone, Web, assert_tone
 
 SECONDS = float(os.environ.get("VELANTRIX_WEB_SECONDS", "4"))
@@ -227,7 +228,7 @@ class InStep(PageTest):
                                f"master_channel_map={place}-left,{place}-right")
 
     def start_listener(self):
-        self.enterContext(Process(
+        return self.enterContext(Process(
             listen_command("--delay", self.DELAY_MS, host=THERE_ADDRESS),
             {**clean_environment(), **self.sound.env, "PULSE_SINK": "listener"}, name="listener"))
 
@@ -258,9 +259,11 @@ class InStep(PageTest):
         self.fail(f"{quality}: {deviations}")
 
     def test_chromium_keeps_step_with_a_listener(self):
-        self.start_listener()
+        listener = self.start_listener()
         self.open(Chromium, f"?delay={self.DELAY_MS}")
         self.play()
+        for process in (self.sound.daemon, self.server, self.web, listener, self.browser.process):
+            prefer(process.pid)
         self.check("pcm")
         self.check("128")
         self.assertAlmostEqual(self.delay(), self.DELAY_MS, delta=self.WORST_MS)

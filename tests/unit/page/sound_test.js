@@ -513,7 +513,7 @@ export function theEarliestArrivalsTellWhenPacketsWereSent() {
     for (const jitter of [0, 10]) {
       for (const opus of [false, true]) {
         const sending = new Sending({ ppm, jitter, opus });
-        sending.run(0.9);
+        sending.run(1.9);
         check(!sending.times.ready, 'not at once');
         sending.run(4);
         check(sending.times.ready, 'then it is ready');
@@ -581,6 +581,19 @@ export function soundIsHeardWhenItIsDue() {
     check(session.figures.underruns === 0, 'no interruption');
     near(session.figures.correctionPpm, ppm, 30, 'the correction');
   }
+}
+
+export function soundThatBeganAtTheWrongTimeBeginsAnewAtOnceAndIsDrawnInLater() {
+  const session = new TimedSession({ delay: 200 });
+  session.run(3);
+  session.delay += 12;
+  noClick(session.run(2), 'the new beginning');
+  near(session.figures.lateMs, 0, 1, 'after a new beginning');
+  session.run(10);
+  session.delay += 12;
+  const sound = session.run(5);
+  check(quietest(sound) > 0.99, 'no new beginning later');
+  check(session.figures.lateMs < -8, `${session.figures.lateMs} ms are made good slowly`);
 }
 
 export function aTimeThatCannotBeKeptIsPutOff() {

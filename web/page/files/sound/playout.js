@@ -13,7 +13,6 @@ import { fade, mirror, stretch } from './splicing.js';
 
 const CONTROL_INTERVAL = 0.25; // Seconds.
 const DEPTH_MEMORY = 2; // Seconds over which the depth is averaged.
-const LARGEST_LATENESS_MS = 20; // More comes of an interruption, and begins anew.
 const LONGEST_STEP = 1; // Seconds; a longer pause of the output is cut to it.
 const MIN_EXCESS_MS = 40;
 const EXCESS_SHARE = 0.5;
@@ -223,7 +222,7 @@ export class Playout {
       return;
     }
     this.#schedule.noteTime(now + this.#resamplerMs);
-    if (Math.abs(this.#schedule.late) > LARGEST_LATENESS_MS) {
+    if (this.#schedule.astray) {
       this.#source.leave();
     }
   }

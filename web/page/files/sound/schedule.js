@@ -3,6 +3,11 @@
 import { DriftControl } from './drift_control.js';
 
 const PPM_PER_MS = 200; // Ten seconds to come into step.
+// What is further from its time begins anew: at first little is known of the times, and later it
+// comes of an interruption.
+const MAX_LATENESS_MS = 20;
+const FIRST_MAX_LATENESS_MS = 8;
+const FIRST_MS = 8000;
 const EARLINESS_LOSS_MS = 0.05; // With each packet.
 
 /**
@@ -12,13 +17,16 @@ const EARLINESS_LOSS_MS = 0.05; // With each packet.
 export class Schedule {
   #putOff = 0;
   #earliness = -Infinity; // Of the quickest packet lately.
+  #begin = null; // Time at which the first sound was played.
   #end = null; // When what comes after the latest block is due.
+  #time = 0;
   #late = 0;
   #drift = new DriftControl(PPM_PER_MS);
 
   restart() {
     this.#putOff = 0;
     this.#earliness = -Infinity;
+    this.#begin = null;
     this.#end = null;
   }
 
@@ -44,6 +52,8 @@ export class Schedule {
 
   /** Notes that what is handed on next is played at `time`. */
   noteTime(time) {
+    this.#time = time;
+    this.#begin ??= time;
     this.#late = this.#end === null ? 0 : time - this.timeOf(this.#end);
   }
 
@@ -55,6 +65,12 @@ export class Schedule {
   /** How much later the sound is played than it is to be, put off or not. */
   get late() {
     return this.#late;
+  }
+
+  /** True when that is more than correction() can make good in a while. */
+  get astray() {
+    const most = this.#time - this.#begin < FIRST_MS ? FIRST_MAX_LATENESS_MS : MAX_LATENESS_MS;
+    return Math.abs(this.#late) > most;
   }
 
   /** By how much it is put off. */

@@ -5,7 +5,7 @@ import { EarliestLine } from './earliest_line.js';
 const RAW_FRAMES = 338;
 const OPUS_LOOK_AHEAD = 312; // Frames that the encoder holds back.
 const SECOND_PASS_MS = 0.5; // Compressed packets leave after a short wait for the uncompressed.
-const READY_SECONDS = 1;
+const READY_SECONDS = 2;
 
 /**
  * The server sends a packet to all clients at once. So the earliest arrivals of its packets are a
