@@ -26,10 +26,10 @@ const char* nameOf(Form form) {
 
 }  // namespace
 
-std::optional<ChannelId> findChannel(Form form, int rate) {
+std::optional<ChannelId> findChannel(Form form, int rate, bool arrivals) {
     const auto* const found =
-        std::find_if(CHANNELS.begin(), CHANNELS.end(), [form, rate](const Channel& channel) {
-            return channel.form == form && channel.rate == rate;
+        std::find_if(CHANNELS.begin(), CHANNELS.end(), [=](const Channel& channel) {
+            return channel.form == form && channel.rate == rate && channel.arrivals == arrivals;
         });
     if (found == CHANNELS.end()) {
         return std::nullopt;

@@ -15,6 +15,7 @@ from selenium.webdriver.chrome.options import Options
 from selenium.webdriver.chromium.remote_connection import ChromiumRemoteConnection
 
 from support.harness import SOURCE, Process, clean_environment, wait_until
+from support.processes import descendants
 from support.sound import private_home
 
 # A browser is many processes: all end with the first of their namespace, which ends with its parent.
@@ -62,18 +63,6 @@ def processor_seconds(pids):
         user, system = fields.rsplit(")", 1)[1].split()[11:13]
         ticks += int(user) + int(system)
     return ticks / os.sysconf("SC_CLK_TCK")
-
-
-def descendants(pid):
-    """The process and all its descendants."""
-    found = [pid]
-    for parent in found:
-        for children in pathlib.Path(f"/proc/{parent}/task").glob("*/children"):
-            try:
-                found.extend(int(word) for word in children.read_text(encoding="ascii").split())
-            except FileNotFoundError:
-                pass
-    return found
 
 
 class Chromium(Browser):

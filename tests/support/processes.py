@@ -1,6 +1,8 @@
 """Child processes whose printed lines a test can wait for."""
 
+import contextlib
 import ctypes
+import os
 import pathlib
 import re
 import signal
@@ -173,3 +175,23 @@ class ModuleProcess(Process):
     def __init__(self, module, *arguments, prefix=(), **options):
         super().__init__([*prefix, sys.executable, "-m", f"support.{module}", *arguments], None,
                          name=module, cwd=pathlib.Path(__file__).parents[1], **options)
+
+
+def descendants(pid):
+    """The process and all that descend from it."""
+    found = [pid]
+    for parent in found:
+        for children in pathlib.Path(f"/proc/{parent}/task").glob("*/children"):
+            try:
+                found.extend(int(word) for word in children.read_text(encoding="ascii").split())
+            except (FileNotFoundError, ProcessLookupError):
+                pass
+    return found
+
+
+def prefer(pid):
+    """Lets a program and its children go before ordinary ones, where that is allowed."""
+    for process in descendants(pid):
+        with contextlib.suppress(OSError):
+            for task in os.listdir(f"/proc/{process}/task"):
+                os.sched_setscheduler(int(task), os.SCHED_RR, os.sched_param(1))

@@ -1,5 +1,7 @@
 """velantrix-web, the programs that listen to it, and checks of what they heard."""
 
+import array
+import math
 import re
 import statistics
 import subprocess
@@ -39,8 +41,11 @@ class Tone:
     def __init__(self, sound):
         self.sound = sound
 
+    def second(self):
+        return sine(TONE["left"], AMPLITUDE, RATE, RATE, TONE["right"])
+
     def __enter__(self):
-        second = sine(TONE["left"], AMPLITUDE, RATE, RATE, TONE["right"]).tobytes()
+        second = self.second().tobytes()
         self.player = subprocess.Popen(
             ["pacat", "--playback", "--raw", "--format=s16le", "--channels=2", f"--rate={RATE}",
              f"--device={NULL_SINK}"], stdin=subprocess.PIPE, preexec_fn=die_with_parent,
@@ -66,6 +71,18 @@ class Tone:
             self.player.stdin.close()
         except BrokenPipeError:
             pass
+
+
+class Clicks(Tone):
+    """A click a second: the first half wave of 500 Hz."""
+
+    FRAMES = 48
+
+    def second(self):
+        wave = [round(2 * AMPLITUDE * math.sin(math.pi * i / self.FRAMES))
+                for i in range(self.FRAMES)]
+        return array.array("h", [value for value in wave for _ in range(2)]
+                           + [0, 0] * (RATE - self.FRAMES))
 
 
 def pitch(mono, rate, spliced):

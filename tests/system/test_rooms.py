@@ -1,6 +1,5 @@
 """Listeners that keep a delay, on output devices with exact time stamps."""
 
-import contextlib
 import json
 import os
 import statistics
@@ -8,17 +7,11 @@ import time
 
 from support.harness import (Process, Server, SystemTest, clean_environment, fake, listen,
                              listen_command)
+from support.processes import prefer
 
 DELAY_MS = 400
 CLICK_MIDDLE_MS = 0.5
 SETTLE_S, JUDGED_S = 8, 8
-
-
-def prefer(process):
-    """Gives a program real-time priority, as listeners do themselves, where that is allowed."""
-    for task in os.listdir(f"/proc/{process.pid}/task"):
-        with contextlib.suppress(OSError):
-            os.sched_setscheduler(int(task), os.SCHED_RR, os.sched_param(1))
 
 
 class Rooms(SystemTest):
@@ -28,10 +21,10 @@ class Rooms(SystemTest):
             Server(preload=fake("room_sound.so"), rate=48000,
                    env={"ROOM_SOUND_FILE": str(self.folder / "sent")}))
         self.server.wait_for_capture()
-        prefer(self.server)
+        prefer(self.server.pid)
 
     def environment(self, name, latency_ms, ppm=0):
-        """The figures of a listener on its own device."""
+        """Of a listener with its own device."""
         return dict(clean_environment(), LD_PRELOAD=fake("room_sound.so"),
                     ROOM_SOUND_FILE=str(self.folder / name),
                     ROOM_SOUND_LATENCY=str(latency_ms), ROOM_SOUND_PPM=str(ppm))

@@ -10,15 +10,18 @@ import os
 import pathlib
 import re
 import ssl
+import statistics
 import subprocess
 import time
 import urllib.request
 
 from support.browser import Chromium, Firefox, ModuleTests
-from support.harness import (PATIENCE, SOURCE, THERE_ADDRESS, OtherNetwork, Server, SoundServer,
-                             SystemTest, clean_environment, die_with_parent, wait_until)
+from support.harness import (PATIENCE, SOURCE, THERE_ADDRESS, OtherNetwork, Process, Server,
+                             SoundServer, SystemTest, clean_environment, die_with_parent,
+                             listen_command, wait_until)
 from support.network import ip
-from support.web import RATE, Tone, Web, assert_tone
+from support.processes import prefer
+from support.web import RATE, Clicks, Tone, Web, assert_tone
 
 SECONDS = float(os.environ.get("VELANTRIX_WEB_SECONDS", "4"))
 PORT = 59080
@@ -51,16 +54,20 @@ class PageTest(SystemTest):
 
     scheme = "http"
     host = THERE_ADDRESS
+    source = Tone
 
     def setUp(self):
         super().setUp()
         self.there = self.enterContext(OtherNetwork())
         self.sound = self.enterContext(SoundServer())
+        self.make_sinks()
+        self.server = self.start_server()
+        self.enterContext(self.source(self.sound))
+        self.web = self.start_web()
+
+    def make_sinks(self):
         self.sound.control("load-module", "module-null-sink", f"sink_name={SINK}", f"rate={RATE}",
                            "channels=2", "format=s16le")
-        self.server = self.start_server()
-        self.enterContext(Tone(self.sound))
-        self.web = self.start_web()
 
     def start_server(self):
         server = self.enterContext(
@@ -85,10 +92,13 @@ class PageTest(SystemTest):
                  "-keyout", files[1]], check=True, stderr=subprocess.DEVNULL)
         return ["--certificate", files[0], "--key", files[1]]
 
-    def open(self, browser):
+    def open(self, browser, query=""):
         """Opens the page in a browser, whose class is given."""
         self.browser = self.enterContext(browser(dict(self.sound.env, PULSE_SINK=SINK)))
-        self.browser.open(f"{self.scheme}://{self.host}:{PORT}/")
+        self.show(query)
+
+    def show(self, query):
+        self.browser.open(f"{self.scheme}://{self.host}:{PORT}/{query}")
         wait_until(lambda: self.data("ready") is not None, "the page is ready")
 
     def data(self, name):
@@ -120,23 +130,24 @@ class PageTest(SystemTest):
         self.browser.click("#play")
         self.wait_for_state("playing")
 
-    def record(self, seconds):
+    def record(self, seconds, sink=SINK, places="front-left,front-right"):
         """What leaves the browser meanwhile: interleaved samples."""
-        path = self.folder / "heard.raw"
+        path, channels = self.folder / "heard.raw", places.count(",") + 1
         with open(path, "wb") as target:
             recorder = subprocess.Popen(
-                ["parec", "--raw", "--format=s16le", f"--rate={RATE}", "--channels=2",
-                 "--latency-msec=50", f"--device={SINK}.monitor"], stdout=target,
+                ["parec", "--raw", "--format=s16le", f"--rate={RATE}",
+                 f"--channels={channels}", f"--channel-map={places}", "--latency-msec=50",
+                 f"--device={sink}.monitor"], stdout=target,
                 env=dict(clean_environment(), **self.sound.env), preexec_fn=die_with_parent)
             try:
-                wait_until(lambda: path.stat().st_size >= 4 * RATE * seconds, "it is recorded",
+                wait_until(lambda: path.stat().st_size >= 2 * channels * RATE * seconds, "it is recorded",
                            seconds + PATIENCE)
             finally:
                 recorder.kill()
                 recorder.wait()
         content = path.read_bytes()
         samples = array.array("h")
-        samples.frombytes(content[:len(content) // 4 * 4])
+        samples.frombytes(content[:len(content) // (2 * channels) * 2 * channels])
         return samples
 
     def assert_heard(self, name, seconds=SECONDS, level=True):
@@ -197,6 +208,66 @@ class Secure(PageTest):
 
     def test_firefox_plays_the_qualities(self):
         self.check_playing(Firefox, QUALITIES if IN_FULL else ("64", "20"), "AudioWorklet")
+
+
+class InStep(PageTest):
+    """Beside a velantrix-listen with the same delay; one sink takes the sound of both."""
+
+    scheme = "https"
+    source = Clicks
+    DELAY_MS = 400
+    WORST_MS = 15
+    PLACES = "front-left,front-right,rear-left,rear-right"
+
+    def make_sinks(self):
+        self.sound.control("load-module", "module-null-sink", "sink_name=rooms", f"rate={RATE}",
+                           "channels=4", f"channel_map={self.PLACES}", "norewinds=1")
+        for name, place in ((SINK, "front"), ("listener", "rear")):
+            self.sound.control("load-module", "module-remap-sink", f"sink_name={name}",
+                               "master=rooms", "remix=no", "channel_map=front-left,front-right",
+                               f"master_channel_map={place}-left,{place}-right")
+
+    def start_listener(self):
+        return self.enterContext(Process(
+            listen_command("--delay", self.DELAY_MS, host=THERE_ADDRESS),
+            {**clean_environment(), **self.sound.env, "PULSE_SINK": "listener"}, name="listener"))
+
+    def deviations(self):
+        """Milliseconds that the browser plays each click later than the listener."""
+        samples = self.record(12, "rooms", self.PLACES)
+        browser, listener = (self.clicks(samples[channel::4]) for channel in (0, 2))
+        near = [min((at - other for other in listener), key=abs) for at in browser if listener]
+        return [1000 * deviation / RATE for deviation in near]
+
+    @staticmethod
+    def clicks(mono):
+        found = []
+        for at, value in enumerate(mono):
+            if abs(value) > 5000 and (not found or at - found[-1] > RATE / 2):
+                found.append(at)
+        return found
+
+    def check(self, quality):
+        self.browser.click(f"input[name=quality][value='{quality}']")
+        for attempts_left in (2, 1, 0):
+            time.sleep(6)
+            deviations = self.deviations()
+            print(quality, [round(value, 1) for value in deviations], self.text("figure-in-step"),
+                  self.text("delay"), "interruptions", self.text("figure-underruns"))
+            if len(deviations) > 6 and abs(statistics.median(deviations)) <= self.WORST_MS:
+                return
+        self.fail(f"{quality}: {deviations}")
+
+    def test_chromium_keeps_step_with_a_listener(self):
+        listener = self.start_listener()
+        self.open(Chromium, f"?delay={self.DELAY_MS}")
+        self.play()
+        for process in (self.sound.daemon, self.server, self.web, listener, self.browser.process):
+            prefer(process.pid)
+        self.check("pcm")
+        self.check("128")
+        self.assertAlmostEqual(self.delay(), self.DELAY_MS, delta=self.WORST_MS)
+        self.assertEqual(self.text("delay-problem"), "")
 
 
 class Restarts(PageTest):
@@ -287,6 +358,32 @@ class Page(PageTest):
         self.play()
         wait_until(lambda: self.delay() > 140, "the buffer is filled")
         self.assertEqual(self.text("buffer-now"), "150 ms")
+
+    def test_a_delay_is_kept_and_one_that_is_too_short_is_told(self):
+        self.choose_delay("30")
+        self.reload()
+        self.play()
+        wait_until(lambda: "A delay of 30 ms is not possible here: playing at "
+                   in self.text("delay-problem"), "it is told")
+        self.choose_delay("")
+        wait_until(lambda: self.data("state") == "playing" and not self.text("delay-problem"),
+                   "it plays without one")
+        self.assertEqual(self.text("figure-in-step"), "–")
+
+    def choose_delay(self, text):
+        self.browser.script("""
+            const entry = document.getElementById('chosen-delay');
+            entry.value = arguments[0];
+            entry.dispatchEvent(new Event('change', {bubbles: true}));""", text)
+
+    def test_a_delay_that_is_none_is_told_and_plays_as_usual(self):
+        for wrong in ("300ms", "nan", "10001", ""):
+            self.show(f"?delay={wrong}")
+            self.assertEqual(
+                self.text("delay-problem"), "A delay is more than 0 and at most 10000 ms, not "
+                f"“{wrong}”: playing without one.")
+        self.play()
+        self.assertLess(self.delay(), 300)
 
     def test_the_level_is_shown_to_the_eye_and_in_words(self):
         self.play()

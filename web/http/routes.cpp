@@ -32,7 +32,7 @@ Route badQuery(Route route, std::string problem) {
     return route;
 }
 
-Route soundRoute(Route route, const Choice& choice, std::string_view query) {
+Route soundRoute(Route route, const Choice& choice, std::string_view query, bool arrivals = false) {
     int rate = choice.defaultRate;
     if (const auto text = queryValue(query, "rate")) {
         if (choice.defaultRate == 0) {
@@ -43,7 +43,7 @@ Route soundRoute(Route route, const Choice& choice, std::string_view query) {
             rate = -1;
         }
     }
-    const auto channel = findChannel(choice.form, rate);
+    const auto channel = findChannel(choice.form, rate, arrivals);
     if (!channel) {
         return badQuery(route, std::string("The rate must be ") + choice.rates + ".");
     }
@@ -57,7 +57,11 @@ Route liveRoute(Route route, std::string_view query) {
     if (format != "pcm" && format != "opus") {
         return badQuery(route, "The format must be pcm or opus.");
     }
-    return soundRoute(route, format == "opus" ? LIVE_OPUS : LIVE_PCM, query);
+    const auto arrivals = queryValue(query, "arrivals");
+    if (arrivals && *arrivals != "1") {
+        return badQuery(route, "Arrivals can only be 1.");
+    }
+    return soundRoute(route, format == "opus" ? LIVE_OPUS : LIVE_PCM, query, arrivals.has_value());
 }
 
 Route::Kind simpleKind(std::string_view path) {

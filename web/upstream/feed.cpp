@@ -85,7 +85,7 @@ void Feed::publishLive(ChannelId channel, const vxlisten::AudioPacket& packet, b
                                       title_, now));
     }
     if (outlets_[channel].listeners > 0 && packet.encoding != vxlisten::Encoding::Fallback) {
-        events_.publish(channel, makeSound(packet, now));
+        events_.publish(channel, makeSound(packet, now, CHANNELS[channel].arrivals));
     }
 }
 

@@ -60,12 +60,15 @@ PacketPtr makeWaiting(std::int64_t now) {
     return makeText({{"state", "waiting"}}, now);
 }
 
-PacketPtr makeSound(const vxlisten::AudioPacket& packet, std::int64_t now) {
-    std::array<unsigned char, 8> header{};
+PacketPtr makeSound(const vxlisten::AudioPacket& packet, std::int64_t now, bool arrivals) {
+    std::array<unsigned char, 16> header{};
+    const std::size_t headerLength = arrivals ? 16 : 8;
     wire::writeU32(header.data(), packet.seq);
     wire::writeU32(header.data() + 4, static_cast<std::uint32_t>(packet.frames));
-    std::string frame = frameOf(WHOLE_BINARY, header.size() + packet.payloadLength);
-    frame.append(reinterpret_cast<const char*>(header.data()), header.size());
+    wire::writeU32(header.data() + 8, static_cast<std::uint32_t>(now));
+    wire::writeU32(header.data() + 12, static_cast<std::uint32_t>(now >> 32));
+    std::string frame = frameOf(WHOLE_BINARY, headerLength + packet.payloadLength);
+    frame.append(reinterpret_cast<const char*>(header.data()), headerLength);
     const std::string_view payload(reinterpret_cast<const char*>(packet.payload),
                                    packet.payloadLength);
     return makePacket(std::move(frame), payload, {}, true, now);

@@ -8,7 +8,7 @@ using namespace vxweb;
 
 TEST(Channel, EveryChannelIsFoundByItsFormAndRate) {
     for (ChannelId id = 0; id < CHANNELS.size(); ++id) {
-        EXPECT_EQ(findChannel(CHANNELS[id].form, CHANNELS[id].rate), id);
+        EXPECT_EQ(findChannel(CHANNELS[id].form, CHANNELS[id].rate, CHANNELS[id].arrivals), id);
     }
     EXPECT_FALSE(findChannel(Form::Wav, 128));
     EXPECT_FALSE(findChannel(Form::Ogg, 192));

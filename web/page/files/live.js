@@ -14,14 +14,17 @@ const WAITING_MS = 30000; // one that waits for the server is perhaps.
 export class LiveConnection {
   #listener;
   #url;
+  #arrivals;
   #socket = null;
   #pause = FIRST_PAUSE_MS;
   #retry = 0;
   #watch = 0;
   #onOnline = () => this.#connectSoon();
 
-  constructor(url, listener) {
-    this.#url = url;
+  /** `arrivals`: packets tell when they came to velantrix-web. */
+  constructor(url, arrivals, listener) {
+    this.#url = arrivals ? `${url}&arrivals=1` : url;
+    this.#arrivals = arrivals;
     this.#listener = listener;
     addEventListener('online', this.#onOnline);
     this.#connect();
@@ -66,7 +69,7 @@ export class LiveConnection {
     this.#pause = FIRST_PAUSE_MS;
     if (data instanceof ArrayBuffer) {
       this.#expectMessage(SILENCE_MS);
-      const packet = readPacket(data);
+      const packet = readPacket(data, this.#arrivals);
       if (packet) {
         this.#listener.onPacket(packet);
       }

@@ -3,7 +3,7 @@
 import { MediaKeys } from './media_session.js';
 import { canDecodeOpus } from './opus.js';
 import { Player, State } from './player.js';
-import { choose, settings } from './settings.js';
+import { choose, delayOf, settings } from './settings.js';
 
 const MIN_DB = -60;
 const PEAK_FALL = 26; // dB a second, as the eye likes it.
@@ -25,6 +25,11 @@ const show = (id, text) => {
   }
 };
 
+const DELAY_TEXT = 'A delay is more than 0 and at most 10000 ms';
+const linked = new URLSearchParams(location.search).get('delay'); // For this visit.
+let delayText = linked ?? settings.delay;
+let emptyLink = linked === '';
+
 const player = new Player({ onState: showState, onTitle: showTitle, onFigures: showFigures });
 const mediaKeys = new MediaKeys(play, stop);
 let opus = false;
@@ -37,6 +42,11 @@ function qualityText() {
   return quality() === 'pcm' ? 'Uncompressed' : `${quality()} kbit/s`;
 }
 
+/** The chosen delay in ms, or null. */
+function delay() {
+  return delayOf(delayText) ?? null;
+}
+
 /** The gain of the slider, which the ear hears as even steps. */
 function gain() {
   return settings.muted ? 0 : (settings.volume / 100) ** 2;
@@ -44,7 +54,9 @@ function gain() {
 
 function play() {
   mediaKeys.start();
-  player.start({ quality: quality(), bufferMs: settings.buffer, volume: gain() });
+  player.start({
+    quality: quality(), bufferMs: settings.buffer, volume: gain(), delayMs: delay(),
+  });
 }
 
 function stop() {
@@ -143,9 +155,10 @@ const ms = (value) => `${Math.round(value)} ms`;
 
 function showTexts(figures, seconds) {
   const playing = player.state === State.PLAYING;
-  const delay = ms(figures.depthMs + figures.aheadMs + (figures.outputMs ?? 0));
-  show('delay', !playing ? '–' : figures.outputMs === null ? `> ${delay}` : delay);
-  show('buffer-now', ms(figures.targetMs + figures.aheadMs));
+  const shown = ms(figures.lateMs === null
+    ? figures.depthMs + (figures.outputMs ?? 0) : delay() + figures.lateMs);
+  show('delay', !playing ? '–' : figures.outputMs === null ? `> ${shown}` : shown);
+  show('buffer-now', ms(figures.targetMs));
   for (const { bar, level } of bars) {
     bar.setAttribute('aria-valuenow', Math.round(level));
     bar.setAttribute('aria-valuetext', level > MIN_DB ? `${Math.round(level)} decibels` : 'silent');
@@ -156,8 +169,19 @@ function showTexts(figures, seconds) {
   show('figure-data', `${Math.round(Math.max(0, kilobits))} kbit/s`);
   show('figure-jitter', ms(figures.jitterMs));
   show('figure-correction', `${Math.round(figures.correctionPpm)} ppm`);
+  showStep(playing, figures);
   show('figure-lost', String(figures.lost));
   show('figure-underruns', String(figures.underruns));
+}
+
+function showStep(playing, { lateMs, inStepMs, putOffMs }) {
+  const known = playing && inStepMs !== null;
+  show('figure-in-step', known ? `${inStepMs.toFixed(1)} ms` : '–');
+  if (playing && lateMs !== null) {
+    show('delay-problem', putOffMs > 0
+      ? `A delay of ${delay()} ms is not possible here: playing at ${Math.ceil(delay() + putOffMs)} ms.`
+      : '');
+  }
 }
 
 // What is chosen.
@@ -192,13 +216,33 @@ element('quality').addEventListener('change', ({ target }) => {
   choose('quality', target.value);
   if (player.state !== State.STOPPED) {
     show('quality-now', qualityText());
-    player.connect(quality());
+    player.connect(quality(), delay());
   }
 });
 
 element('buffer').addEventListener('change', ({ target }) => {
   choose('buffer', Number(target.value));
   player.setBuffer(settings.buffer);
+});
+
+function showDelay() {
+  element('chosen-delay').value = delayText;
+  const wrong = emptyLink || delayOf(delayText) === undefined;
+  element('chosen-delay').setAttribute('aria-invalid', String(wrong));
+  show('delay-problem', wrong ? `${DELAY_TEXT}, not “${delayText}”: playing without one.` : '');
+}
+
+element('chosen-delay').addEventListener('change', ({ target }) => {
+  const before = delay();
+  emptyLink = false;
+  delayText = target.value.trim();
+  if (delayOf(delayText) !== undefined) {
+    choose('delay', delayText);
+  }
+  showDelay();
+  if (player.state !== State.STOPPED && delay() !== before) {
+    player.connect(quality(), delay());
+  }
 });
 
 document.addEventListener('keydown', (event) => {
@@ -245,6 +289,7 @@ async function showServersTitle() {
 }
 
 showVolume();
+showDelay();
 document.querySelector(`input[name=buffer][value="${settings.buffer}"]`).checked = true;
 opus = await canDecodeOpus();
 showQualities();

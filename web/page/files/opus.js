@@ -19,29 +19,30 @@ function config() {
   return { codec: 'opus', sampleRate: RATE, numberOfChannels: 2 };
 }
 
-/** Calls `onSamples(sequence, interleaved samples)` for every packet that it could decode. */
+/** Calls `onSamples(packet, interleaved samples)` for every packet that it could decode. */
 export class OpusDecoder {
   #onSamples;
   #decoder = null;
-  #sequences = []; // Of the packets inside the decoder, whose own time stamps browsers change.
+  #packets = []; // Inside the decoder, whose own time stamps browsers change.
   #time = 0; // Microseconds.
 
   constructor(onSamples) {
     this.#onSamples = onSamples;
   }
 
-  decode({ sequence, frames, payload }) {
+  decode(packet) {
+    const { frames, payload } = packet;
     if (this.#decoder === null || this.#decoder.state === 'closed') {
       this.#open();
     }
-    this.#sequences.push(sequence);
+    this.#packets.push(packet);
     this.#decoder.decode(
       new EncodedAudioChunk({ type: 'key', timestamp: this.#time, data: payload }));
     this.#time += Math.round((frames * 1e6) / RATE);
   }
 
   #open() {
-    this.#sequences = [];
+    this.#packets = [];
     this.#decoder = new AudioDecoder({
       output: (sound) => this.#take(sound),
       error: () => {}, // The decoder is closed then; the next packet gets a new one.
@@ -61,7 +62,7 @@ export class OpusDecoder {
       }
     }
     sound.close();
-    this.#onSamples(this.#sequences.shift(), samples);
+    this.#onSamples(this.#packets.shift(), samples);
   }
 
   close() {

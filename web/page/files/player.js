@@ -4,6 +4,7 @@ import { LiveConnection } from './live.js';
 import { OpusDecoder } from './opus.js';
 import { ScheduledOutput } from './scheduled_output.js';
 import { samplesOfPcm } from './sound/packets.js';
+import { StepKeeper } from './step_keeper.js';
 import { WorkletOutput } from './worklet_output.js';
 
 const VOLUME_SECONDS = 0.02;
@@ -29,7 +30,8 @@ function liveUrl(quality) {
 /**
  * Calls of `listener`: onState(one of State), onTitle(text), onFigures(figures). The figures are
  * those of Playout, and outputMs (of the browser and the device; null when unknown), sampleRate,
- * bytes (until now).
+ * bytes (until now), inStepMs (how much later than the chosen delay the sound is heard; null when
+ * unknown).
  */
 export class Player {
   #listener;
@@ -38,6 +40,7 @@ export class Player {
   #output = null;
   #connection = null;
   #decoder = null;
+  #keeper = null;
   #format = null;
   #state = State.STOPPED;
   #hasPlayed = false;
@@ -60,7 +63,7 @@ export class Player {
   }
 
   /** Begins to play; within a touch or key press, or the browser refuses. */
-  async start({ quality, bufferMs, volume }) {
+  async start({ quality, bufferMs, volume, delayMs }) {
     const start = ++this.#starts;
     this.#tell(State.CONNECTING);
     this.#openContext(volume);
@@ -70,7 +73,7 @@ export class Player {
       return;
     }
     this.#output = output;
-    this.connect(quality);
+    this.connect(quality, delayMs);
   }
 
   #openContext(volume) {
@@ -90,11 +93,15 @@ export class Player {
       ? WorkletOutput.create(...parts) : new ScheduledOutput(...parts);
   }
 
-  /** Listens with another quality from now on. */
-  connect(quality) {
+  /**
+   * Listens with another quality from now on; heard `delayMs` after the server sent it, or as early
+   * as the buffer allows when that is null.
+   */
+  connect(quality, delayMs) {
     this.#disconnect();
-    this.#decoder = new OpusDecoder((sequence, samples) => this.#play(sequence, samples));
-    this.#connection = new LiveConnection(liveUrl(quality), {
+    this.#decoder = new OpusDecoder((packet, samples) => this.#play(packet, samples));
+    this.#keeper = delayMs && new StepKeeper(this.#context, delayMs, asksOutput);
+    this.#connection = new LiveConnection(liveUrl(quality), Boolean(delayMs), {
       onConnecting: () => this.#hasPlayed || this.#tell(State.CONNECTING),
       onFormat: (format) => this.#takeFormat(format),
       onWaiting: () => this.#pause(this.#hasPlayed ? State.AWAY : State.WAITING),
@@ -106,6 +113,8 @@ export class Player {
   #disconnect() {
     this.#connection?.close();
     this.#decoder?.close();
+    this.#keeper?.close();
+    this.#keeper = null;
     this.#connection = null;
     this.#decoder = null;
     this.#format = null;
@@ -139,24 +148,33 @@ export class Player {
 
   #takeFormat(format) {
     this.#format = format;
+    this.#keeper?.restart(format);
     this.#output.restart();
     this.#listener.onTitle(String(format.title ?? ''));
   }
 
   #takePacket(packet) {
     this.#bytes += packet.payload.byteLength;
-    if (this.#format?.format === 'opus') {
-      this.#decoder.decode(packet);
+    const times = this.#format && this.#keeper ? this.#keeper.take(packet) : {};
+    if (!this.#format || !times) {
       return;
     }
-    const samples = this.#format && samplesOfPcm(packet);
+    const timed = { ...packet, ...times };
+    if (this.#format.format === 'opus') {
+      this.#decoder.decode(timed);
+      return;
+    }
+    const samples = samplesOfPcm(packet);
     if (samples) {
-      this.#play(packet.sequence, samples);
+      this.#play(timed, samples);
     }
   }
 
-  #play(sequence, samples) {
-    this.#output?.push({ sequence, rate: this.#format.sampleRate, samples });
+  #play({ sequence, due, earliness }, samples) {
+    const rate = this.#format?.sampleRate; // It may have gone while a packet was decoded.
+    if (rate) {
+      this.#output?.push({ sequence, rate, samples, due, earliness });
+    }
   }
 
   #takeFigures(figures) {
@@ -166,6 +184,7 @@ export class Player {
     }
     this.#listener.onFigures({
       ...figures,
+      inStepMs: asksOutput ? figures.lateMs : null,
       outputMs: asksOutput ? 1000 * (this.#context.outputLatency ?? 0) : null,
       sampleRate: this.#format?.sampleRate ?? 0,
       bytes: this.#bytes,

@@ -13,6 +13,7 @@ class PlayoutProcessor extends AudioWorkletProcessor {
     super();
     this.#playout = new Playout(sampleRate, processorOptions.bufferMs);
     this.#playout.setAhead(processorOptions.aheadMs);
+    this.#playout.setUnusable(processorOptions.aheadMs);
     this.port.onmessage = ({ data }) => this.#take(data);
   }
 

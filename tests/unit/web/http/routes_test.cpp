@@ -30,13 +30,20 @@ TEST(Routes, ARateIsTakenWhereThereIsAChoice) {
     EXPECT_EQ(channelAt("/live?format=opus&rate=64#now").rate, 64);
 }
 
+TEST(Routes, ArrivalsComeOnRequest) {
+    EXPECT_FALSE(channelAt("/live?format=opus&rate=64").arrivals);
+    EXPECT_TRUE(channelAt("/live?arrivals=1").arrivals);
+    EXPECT_TRUE(channelAt("/live?format=opus&rate=64&arrivals=1").arrivals);
+    EXPECT_FALSE(channelAt("/stream.ogg?arrivals=1").arrivals);
+}
+
 TEST(Routes, WrongValuesAreBadQueriesWithASentence) {
     for (const char* const target :
          {"/stream.ogg?rate=192", "/stream.mp3?rate=20", "/stream.mp3?rate=", "/stream.mp3?rate",
           "/stream.ogg?rate=128k", "/stream.ogg?rate=-1", "/stream.ogg?rate=99999999999999999999",
           "/stream.wav?rate=128", "/stream.flac?rate=0", "/live?rate=128",
           "/live?format=pcm&rate=128", "/live?format=ogg", "/live?format=", "/live?format",
-          "/live?format=opus&rate=0"}) {
+          "/live?format=opus&rate=0", "/live?arrivals=0", "/live?arrivals"}) {
         const Route route = findRoute(target);
         EXPECT_EQ(route.kind, Kind::BadQuery) << target;
         EXPECT_EQ(route.problem.back(), '.') << target;

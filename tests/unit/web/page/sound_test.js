@@ -3,10 +3,13 @@
 
 import { DelayTarget } from '/page/sound/delay_target.js';
 import { DriftControl } from '/page/sound/drift_control.js';
-import { Lead } from '/page/sound/lead.js';
+import { EarliestLine } from '/page/sound/earliest_line.js';
+import { OutputTimes } from '/page/sound/output_times.js';
 import { readPacket, samplesOfPcm, SequenceTracker } from '/page/sound/packets.js';
 import { Playout } from '/page/sound/playout.js';
 import { Resampler } from '/page/sound/resampler.js';
+import { SendTimes } from '/page/sound/send_times.js';
+import { delayOf } from '/page/settings.js';
 
 const RATE = 48000;
 const PACKET_FRAMES = 338;
@@ -15,6 +18,9 @@ const TONE = 1065; // Half a period more than whole ones in a packet.
 const AMPLITUDE = 0.5;
 // The largest step between neighbouring samples of the tone.
 const TONE_STEP = (AMPLITUDE * 2 * Math.PI * TONE) / RATE;
+
+let seed = 1;
+const random = () => (seed = (seed * 16807) % 2147483647) / 2147483647;
 
 function check(fact, text) {
   if (!fact) {
@@ -86,11 +92,11 @@ export function theBufferIsFortyMillisecondsOnAnEvenNetwork() {
 
 export function whatWaitsInTheOutputIsPartOfTheBuffer() {
   const target = new DelayTarget(40);
-  target.setAhead(12);
+  target.setUnusable(12);
   arrive(target, 2000, () => 0);
-  near(target.milliseconds, 28, 0, 'the rest of the least');
+  near(target.milliseconds, 40, 0, 'the least');
   arrive(target, 1000, (i) => (i % 5 === 0 ? 90 : 0), 2000);
-  check(target.milliseconds > 90, 'what the network needs waits before the output');
+  check(target.milliseconds > 102, 'what the network needs waits before the output');
 }
 
 export function theBufferCoversUnevenPacketsAndForgetsThem() {
@@ -137,24 +143,6 @@ export function theCorrectionSettlesAtTheDifferenceOfTheClocks() {
     near(correction, ppm, 5, 'the correction');
     near(depth, 0, 0.5, 'the deviation');
   }
-}
-
-export function theScheduleReachesAsFarAsThePageWasKeptFromIt() {
-  const lead = new Lead(0.03, 0.02);
-  const runEvenly = (seconds) => {
-    for (let t = 0; t < seconds; t += 0.005) {
-      lead.pass(0.005);
-    }
-  };
-  lead.pass(0.5);
-  near(lead.seconds, 0.03, 0, 'what the page does while it begins does not count');
-  runEvenly(1);
-  lead.pass(0.06);
-  near(lead.seconds, 0.08, 1e-9, 'it covers the pause');
-  lead.pass(5);
-  near(lead.seconds, 0.3, 0, 'there is a limit');
-  runEvenly(300);
-  near(lead.seconds, 0.03, 1e-9, 'back to the least');
 }
 
 // The resampler.
@@ -349,8 +337,6 @@ export function aLostPacketIsFaded() {
 
 export function aNetworkThatBecomesUnevenIsBufferedFor() {
   let uneven = 0;
-  let seed = 1;
-  const random = () => (seed = (seed * 16807) % 2147483647) / 2147483647;
   const session = new Session({ late: () => uneven * random() });
   session.run(10);
   uneven = 70;
@@ -408,4 +394,224 @@ export function moreBufferIsTakenUpWhilePlaying() {
   noClick(session.run(20), 'while it grows');
   check(session.figures.underruns === 0, 'no interruption');
   near(session.figures.depthMs, 150, 12, 'the depth');
+}
+
+/** An output that takes sound as soon as it is there, as scheduled buffers do. */
+class EagerSession extends Session {
+  end = 0; // Until when sound is scheduled, milliseconds.
+  least = 26;
+
+  pump(heard) {
+    if (this.end < this.now) {
+      this.playout.noteBreak();
+      this.end = this.now;
+    }
+    const limit = this.now + Math.max(this.least, this.playout.targetMs);
+    while (this.end < limit) {
+      const frames = Math.min(960, Math.max(
+        this.playout.available, Math.ceil(((this.now + this.least - this.end) * RATE) / 1000)));
+      if (frames <= 0) {
+        return;
+      }
+      const left = new Float32Array(frames);
+      this.playout.setAhead(this.end - this.now);
+      this.playout.render(left, new Float32Array(frames), 0, frames, this.end);
+      heard.push(...left);
+      this.end += (1000 * frames) / RATE;
+    }
+  }
+
+  run(seconds) {
+    const heard = [];
+    for (const end = this.now + 1000 * seconds; this.now < end; this.now += 4) {
+      this.send();
+      this.pump(heard);
+    }
+    this.figures = this.playout.takeFigures();
+    return Float32Array.from(heard);
+  }
+}
+
+export function soundThatIsTakenAtOnceStillLastsOverLatePackets() {
+  const session = new EagerSession({ ppm: 200, late: (i) => (i % 50 === 49 ? 12 : 0) });
+  session.playout.setUnusable(session.least);
+  session.run(20);
+  const sound = session.run(20);
+  noClick(sound, 'all');
+  check(quietest(sound) > 0.99, 'no gap');
+  check(session.figures.underruns === 0, `${session.figures.underruns} interruptions`);
+  near(session.figures.depthMs, session.figures.targetMs, 6, 'the depth, with what is scheduled');
+  near(session.figures.targetMs, 12 + PACKET_MS + 5 + session.least, 4, 'the target');
+}
+
+export function soundThatBrokeOffBeginsAgainOnceItIsBuffered() {
+  const session = new EagerSession();
+  session.playout.setUnusable(session.least);
+  session.run(5);
+  session.now += 100; // The page is kept from its work.
+  session.run(5);
+  check(session.figures.underruns === 1, `${session.figures.underruns} interruptions`);
+  check(session.figures.playing, 'it plays');
+  near(session.figures.depthMs, session.figures.targetMs, 12, 'the depth');
+}
+
+// Rooms in step.
+
+export function aMessageTellsWhenItCame() {
+  const buffer = message(7, 2, 8 + 8);
+  new DataView(buffer).setBigUint64(8, 5_000_000_000_250n, true);
+  const packet = readPacket(buffer, true);
+  near(packet.arrival, 5_000_000_000.25, 1e-6, 'the arrival');
+  check(packet.payload.byteLength === 8, 'the samples after it');
+  check(readPacket(message(7, 2, 8), true) === null, 'a message without samples');
+}
+
+export function onlyNumbersUpToTenSecondsAreADelay() {
+  const says = (text, delay) => check(delayOf(text) === delay, `“${text}” is ${delayOf(text)}`);
+  says('', null);
+  says('300', 300);
+  says('0.5', 0.5);
+  says('.5', 0.5);
+  says('10000', 10000);
+  for (const text of ['0', '-1', '10000.1', 'nan', 'NaN', 'Infinity', '300ms', '1e3', '0x10', ' ',
+    '.', '1,5', '٣']) {
+    says(text, undefined);
+  }
+}
+
+/** Packets that the server sends when a block of its capture ends, heard of by two clocks. */
+class Sending {
+  constructor({ ppm = 0, jitter = 0, opus = false } = {}) {
+    Object.assign(this, { ppm, jitter, opus, times: new SendTimes(opus), worst: 0, number: 0 });
+  }
+
+  sentAt(frames) {
+    return 1e6 + ((1000 * frames) / RATE) * (1 + this.ppm * 1e-6);
+  }
+
+  /** Sends for so long; `worst` becomes the greatest error of the last packet's time since. */
+  run(seconds) {
+    this.worst = 0;
+    const frames = this.opus ? 480 : PACKET_FRAMES;
+    for (const end = this.number + (seconds * RATE) / frames; this.number < end; ++this.number) {
+      const sequence = this.number;
+      // The uncompressed packet with the last frame is full, and a block of 337 frames has ended.
+      const full = Math.ceil(((sequence + 1) * frames) / PACKET_FRAMES) * PACKET_FRAMES;
+      const sent = this.sentAt(Math.ceil(full / 337) * 337) + (this.opus ? 0.5 : 0);
+      const now = sent + 4 + this.jitter * random();
+      const packet = { sequence, frames, arrival: sent + 77000 + random() };
+      this.times.note(packet, RATE, now);
+      const right = this.sentAt(sequence * frames + PACKET_FRAMES - (this.opus ? 312 : 0));
+      this.worst = Math.max(
+        this.worst, Math.abs(this.times.sentAt(packet, RATE, 8) - right));
+    }
+  }
+}
+
+export function theEarliestArrivalsTellWhenPacketsWereSent() {
+  for (const ppm of [-300, 0, 300]) {
+    for (const jitter of [0, 10]) {
+      for (const opus of [false, true]) {
+        const sending = new Sending({ ppm, jitter, opus });
+        sending.run(1.9);
+        check(!sending.times.ready, 'not at once');
+        sending.run(4);
+        check(sending.times.ready, 'then it is ready');
+        sending.run(10);
+        sending.run(30);
+        check(sending.worst < 1.5, `${ppm} ppm, jitter ${jitter}, Opus ${opus}: ${sending.worst}`);
+      }
+    }
+  }
+}
+
+export function aClockThatLeapsIsFollowed() {
+  const line = new EarliestLine();
+  const run = (from, seconds, residual) => {
+    for (let t = from; t < from + seconds; t += 0.007) {
+      line.note(t, residual + 5 * random());
+    }
+  };
+  run(0, 20, 100);
+  run(20, 0.1, 40);
+  near(line.at(20), 40, 5, 'earlier, at once');
+  run(20, 20, 90);
+  near(line.at(40), 90, 1, 'later, after a while');
+}
+
+export function timeStampsThatWaverTellWhenTheOutputIsHeard() {
+  const times = new OutputTimes();
+  const heard = (frame) => 500 + frame * (1 - 200e-6);
+  for (let frame = 0; frame < 60000; frame += 100) {
+    check(times.ready === frame > 900, 'it is ready after some');
+    times.note(frame, heard(frame) + 2 * random() + (random() < 0.1 ? 20 : 0));
+  }
+  near(times.frameAt(heard(60000) + 1), 60000, 1, 'the frame');
+  for (let frame = 60000; frame < 63000; frame += 100) {
+    times.note(frame, heard(frame) + 400);
+  }
+  near(times.frameAt(heard(63000) + 400), 63000, 3, 'after a pause of the output');
+}
+
+/** A session whose packets are due so long after they were sent. */
+class TimedSession extends Session {
+  constructor({ delay, ...options }) {
+    super(options);
+    this.delay = delay;
+    const push = this.playout.push.bind(this.playout);
+    this.playout.push = (packet, now) => {
+      const sent = (packet.sequence * PACKET_MS) / (1 + this.ppm * 1e-6);
+      const due = sent + this.delay;
+      push({ ...packet, due, earliness: due - now }, now);
+    };
+  }
+}
+
+export function soundIsHeardWhenItIsDue() {
+  for (const ppm of [-300, 0, 300]) {
+    const session = new TimedSession({
+      delay: 212.3, ppm, late: () => 20 * random(), lost: (i) => i % 50 === 49,
+    });
+    const begin = session.run(1).findIndex((value) => value !== 0) / RATE;
+    check(Math.abs(begin - 0.2123) < 0.02, `it begins at ${begin} s`);
+    for (let i = 0; i < 30; ++i) {
+      noClick(session.run(1), `${ppm} ppm`);
+      near(session.figures.lateMs, 0, 1.5, `${ppm} ppm: how late it is`);
+    }
+    check(session.figures.underruns === 0, 'no interruption');
+    near(session.figures.correctionPpm, ppm, 30, 'the correction');
+  }
+}
+
+export function soundThatBeganAtTheWrongTimeBeginsAnewAtOnceAndIsDrawnInLater() {
+  const session = new TimedSession({ delay: 200 });
+  session.run(3);
+  session.delay += 12;
+  noClick(session.run(2), 'the new beginning');
+  near(session.figures.lateMs, 0, 1, 'after a new beginning');
+  session.run(10);
+  session.delay += 12;
+  const sound = session.run(5);
+  check(quietest(sound) > 0.99, 'no new beginning later');
+  check(session.figures.lateMs < -8, `${session.figures.lateMs} ms are made good slowly`);
+}
+
+export function aTimeThatCannotBeKeptIsPutOff() {
+  const session = new TimedSession({ delay: 5 });
+  session.run(2);
+  const { lateMs, putOffMs, underruns } = session.figures;
+  check(putOffMs > 10 && putOffMs < 40, `by ${putOffMs}`);
+  near(lateMs, putOffMs, 1, 'which is how late it is');
+  check(session.figures.playing && underruns === 0, 'it plays');
+}
+
+export function soundThatBreaksOffComesBackWhenItIsDue() {
+  let until = -1;
+  const session = new TimedSession({ delay: 200 });
+  session.late = (i) => Math.max(0, until - i * PACKET_MS);
+  session.run(3);
+  until = session.now + 600;
+  noClick(session.run(4), 'the stall');
+  check(session.figures.underruns === 1, `${session.figures.underruns} interruptions`);
+  near(session.figures.lateMs, 0, 1, 'how late it is');
 }

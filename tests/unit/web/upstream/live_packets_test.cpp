@@ -7,13 +7,13 @@ namespace {
 using namespace vxweb;
 
 /// Bytes of `payload` as packet number 0x01020304 of 480 frames.
-PacketPtr soundOf(const std::string& payload) {
+PacketPtr soundOf(const std::string& payload, std::int64_t now = 7, bool arrivals = false) {
     vxlisten::AudioPacket packet;
     packet.seq = 0x01020304;
     packet.frames = 480;
     packet.payload = reinterpret_cast<const unsigned char*>(payload.data());
     packet.payloadLength = payload.size();
-    return makeSound(packet, 7);
+    return makeSound(packet, now, arrivals);
 }
 
 TEST(LivePackets, SoundHasItsNumberAndFramesBeforeThePayload) {
@@ -21,6 +21,13 @@ TEST(LivePackets, SoundHasItsNumberAndFramesBeforeThePayload) {
     EXPECT_EQ(packet->bytes, std::string("\x82\x0C\x04\x03\x02\x01\xE0\x01\x00\x00opus", 14));
     EXPECT_EQ(packet->time, 7);
     EXPECT_TRUE(packet->sound);
+}
+
+TEST(LivePackets, SoundTellsWhenItCameWhereThatIsAskedFor) {
+    EXPECT_EQ(soundOf("opus", 0x0000000A01020304, true)->bytes,
+              std::string("\x82\x14\x04\x03\x02\x01\xE0\x01\x00\x00"
+                          "\x04\x03\x02\x01\x0A\x00\x00\x00opus",
+                          22));
 }
 
 TEST(LivePackets, AMessageOfMoreThan125BytesHasALongLength) {

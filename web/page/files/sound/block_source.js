@@ -9,8 +9,9 @@ export const Join = { GOES_ON: 0, FADE_IN: 1, NEW_STREAM: 2 };
 export const Kind = { SOUND: 0, CONCEALED: 1, RAN_DRY: 2, ENDED: 3 };
 
 /**
- * Blocks are {samples, frames, rate, join, concealed}, samples interleaved; the source owns them
- * and changes them. What next() returns is {kind, samples, frames}, valid until the next call.
+ * Blocks are {samples, frames, rate, join, concealed, due}, samples interleaved; the source owns
+ * them and changes them. What next() returns is {kind, samples, frames, due}, valid until the next
+ * call.
  */
 export class BlockSource {
   #blocks = [];
@@ -48,7 +49,7 @@ export class BlockSource {
     this.#fadeIn = false;
     this.#last = samples;
     const kind = block.concealed ? Kind.CONCEALED : Kind.SOUND;
-    return { kind, samples, frames: block.frames };
+    return { kind, samples, frames: block.frames, due: block.due };
   }
 
   #take() {
@@ -74,6 +75,17 @@ export class BlockSource {
     return this.#pausing;
   }
 
+  /** What comes next is a fade to a pause, as at the end of a stream. */
+  leave() {
+    this.#streamChanged = !this.#pausing;
+  }
+
+  /** Pauses: the sound has broken off already. */
+  stop() {
+    this.#pausing = true;
+    this.#streamChanged = false;
+  }
+
   /** Ends the pause; the next block fades in. */
   resume() {
     this.#pausing = false;
@@ -92,6 +104,11 @@ export class BlockSource {
     for (; left > 0; --left) {
       this.#take();
     }
+  }
+
+  /** When the next block is due; undefined for no time. */
+  get due() {
+    return this.#blocks[0]?.due;
   }
 
   get empty() {

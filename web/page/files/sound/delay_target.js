@@ -10,6 +10,7 @@ const EXCEPTIONS = 1; // but so many at any rate.
 const SETTLING_MS = 1500; // The page is busy while it begins, which says nothing of the network.
 const CATCHING_UP_MS = 1;
 const SAFETY_MS = 5;
+const USUAL_JITTER_MS = 10;
 const UNDERRUN_EXTRA_MS = 15;
 const MAX_EXTRA_MS = 300;
 const EXTRA_LOSS_PER_SECOND = 1;
@@ -22,7 +23,7 @@ const EXTRA_LOSS_PER_SECOND = 1;
  */
 export class DelayTarget {
   #chosen;
-  #ahead = 0;
+  #unusable = 0;
   #extra = 0;
   #packetMs = 0;
   #jitter = 0;
@@ -42,9 +43,9 @@ export class DelayTarget {
     this.#chosen = Math.max(MIN_BUFFER_MS, milliseconds);
   }
 
-  /** So much of what is buffered has gone on to the output, and waits there. */
-  setAhead(milliseconds) {
-    this.#ahead = milliseconds;
+  /** So much of what is buffered is with the output, where it covers no late packet. */
+  setUnusable(milliseconds) {
+    this.#unusable = milliseconds;
   }
 
   /** Notes that the packet at `mediaTime` of its stream came at `arrival` and lasts `packetMs`. */
@@ -111,10 +112,19 @@ export class DelayTarget {
     this.#extra = Math.max(0, this.#extra - EXTRA_LOSS_PER_SECOND * seconds);
   }
 
-  /** What is to wait before the output. */
+  /** What is to be buffered, in the output too. */
   get milliseconds() {
-    const needed = this.#jitter + this.#packetMs + SAFETY_MS;
-    return Math.min(MAX_TARGET_MS, Math.max(this.#chosen - this.#ahead, needed) + this.#extra);
+    return Math.min(MAX_TARGET_MS, Math.max(this.#chosen, this.#needed) + this.#extra);
+  }
+
+  get #needed() {
+    return this.#jitter + this.#packetMs + SAFETY_MS + this.#unusable;
+  }
+
+  /** How long before it is due the quickest packet must come, so that nearly all come in time. */
+  get leastEarliness() {
+    const guessed = this.#settling > 0 ? USUAL_JITTER_MS : 0;
+    return this.#needed + guessed + this.#extra;
   }
 
   /** How late nearly all packets are at most, against the quickest ones. */

@@ -2,10 +2,8 @@
 
 export const MAX_PPM = 500; // Less than one cent of pitch.
 
-// One ppm moves the depth by a microsecond a second, so that these gains make a critically damped
-// loop with a time constant of 50 s: fast against the drift of clocks, slow against jitter.
+// A loop with a time constant of 50 s: fast against the drift of clocks, slow against jitter.
 const PPM_PER_MS = 40;
-const PPM_PER_MS_SECOND = 0.4;
 // Beyond this the depth is off for another reason than drift, from which nothing is learnt.
 const LEARNING_LIMIT_MS = 15;
 
@@ -16,12 +14,20 @@ function limited(ppm) {
 /** Proportional-integral: the integral settles at the difference between the clocks. */
 export class DriftControl {
   #integral = 0;
+  #gain;
+
+  /** `ppmPerMs`: the greater, the sooner a deviation is made good. */
+  constructor(ppmPerMs = PPM_PER_MS) {
+    this.#gain = ppmPerMs;
+  }
 
   /** Parts per million to play faster, for a depth that was off by `deviationMs` for `seconds`. */
   update(deviationMs, seconds) {
     if (Math.abs(deviationMs) < LEARNING_LIMIT_MS) {
-      this.#integral = limited(this.#integral + PPM_PER_MS_SECOND * deviationMs * seconds);
+      // One ppm moves the depth by a microsecond a second: this makes a critically damped loop.
+      const gain = this.#gain ** 2 / 4000;
+      this.#integral = limited(this.#integral + gain * deviationMs * seconds);
     }
-    return limited(PPM_PER_MS * deviationMs + this.#integral);
+    return limited(this.#gain * deviationMs + this.#integral);
   }
 }

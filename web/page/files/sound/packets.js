@@ -1,15 +1,18 @@
 // Messages of /live and their sequence numbers. No DOM: also runs in an AudioWorklet.
 
 const HEADER_BYTES = 8;
+const ARRIVAL_BYTES = 8;
 const MAX_FRAMES = 5760; // The longest Opus packet.
 const LARGEST_GAP = 100; // Packets; more are no loss but another place in the stream.
 
 /**
- * Reads a binary message: {sequence, frames, payload}, payload a Uint8Array over the same memory.
- * Null when it is none.
+ * Reads a binary message: {sequence, frames, payload}, payload a Uint8Array over the same memory;
+ * with `arrivals` also arrival, when it came to velantrix-web, in milliseconds of its clock. Null
+ * when it is none.
  */
-export function readPacket(buffer) {
-  if (buffer.byteLength <= HEADER_BYTES) {
+export function readPacket(buffer, arrivals = false) {
+  const payloadAt = HEADER_BYTES + (arrivals ? ARRIVAL_BYTES : 0);
+  if (buffer.byteLength <= payloadAt) {
     return null;
   }
   const header = new DataView(buffer);
@@ -20,7 +23,8 @@ export function readPacket(buffer) {
   return {
     sequence: header.getUint32(0, true),
     frames,
-    payload: new Uint8Array(buffer, HEADER_BYTES),
+    arrival: arrivals ? Number(header.getBigUint64(HEADER_BYTES, true)) / 1000 : undefined,
+    payload: new Uint8Array(buffer, payloadAt),
   };
 }
 

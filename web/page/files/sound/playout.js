@@ -5,9 +5,10 @@
 
 import { BlockSource, Join, Kind } from './block_source.js';
 import { DelayTarget } from './delay_target.js';
-import { DriftControl } from './drift_control.js';
+import { DriftControl, MAX_PPM } from './drift_control.js';
 import { SequenceTracker } from './packets.js';
 import { Resampler } from './resampler.js';
+import { Schedule } from './schedule.js';
 import { fade, mirror, stretch } from './splicing.js';
 
 const CONTROL_INTERVAL = 0.25; // Seconds.
@@ -30,12 +31,15 @@ export class Playout {
   #source = new BlockSource();
   #tracker = new SequenceTracker();
   #drift = new DriftControl();
+  #schedule = new Schedule();
+  #timed = false; // Sound has a time at which it is due.
   #resampler = new Resampler();
   #resamplerRate = 0;
   #rate = 0; // Of the sound that waits.
   #latest = null; // The latest packet's samples and frames.
   #packets = 0; // Of the stream, lost ones too.
   #lastRender = null;
+  #aheadMs = 0;
   #meanDepth = 0;
   #sinceBegin = 0; // Seconds since it began to play,
   #sinceDepth = 0; // the depth was looked at,
@@ -48,8 +52,7 @@ export class Playout {
   #peak = [0, 0];
   #figures = {
     playing: false,
-    depthMs: 0, // What waits here,
-    aheadMs: 0, // and in the output.
+    depthMs: 0, // What waits here and in the output.
     correctionPpm: 0,
     lost: 0, // Packets.
     underruns: 0,
@@ -63,10 +66,14 @@ export class Playout {
     this.#target = new DelayTarget(bufferMs);
   }
 
-  /** So many milliseconds of the buffer wait in the output, rendered but not yet on their way. */
+  /** So many milliseconds of sound wait in the output, rendered but not yet on their way. */
   setAhead(milliseconds) {
-    this.#figures.aheadMs = milliseconds;
-    this.#target.setAhead(milliseconds);
+    this.#aheadMs = milliseconds;
+  }
+
+  /** So many of them are there always, and cover no packet that comes late. */
+  setUnusable(milliseconds) {
+    this.#target.setUnusable(milliseconds);
   }
 
   setBuffer(milliseconds) {
@@ -79,8 +86,12 @@ export class Playout {
     this.#ending = true;
   }
 
-  /** Takes a packet over: its sequence number, its rate in Hz, its interleaved samples. */
-  push({ sequence, rate, samples }, now) {
+  /**
+   * Takes a packet over: its sequence number, its rate in Hz, its interleaved samples. It may have
+   * `due`, the time of the output's clock at which it is to be played, and then `earliness`, how
+   * long before that it came.
+   */
+  push({ sequence, rate, samples, due, earliness }, now) {
     const { start, missing } = this.#tracker.observe(sequence);
     const frames = samples.length / 2;
     const newStream = start || rate !== this.#rate;
@@ -89,8 +100,13 @@ export class Playout {
       this.#packets = 0;
       this.#rate = rate;
       this.#ending = false;
+      this.#timed = due !== undefined;
+      this.#schedule.restart();
     } else {
-      this.#conceal(missing);
+      this.#conceal(missing, due);
+    }
+    if (this.#timed) {
+      this.#schedule.noteArrival(earliness);
     }
     const join = newStream ? Join.NEW_STREAM : missing > 0 ? Join.FADE_IN : Join.GOES_ON;
     this.#latest = samples;
@@ -98,19 +114,20 @@ export class Playout {
     this.#target.noteArrival(this.#packets * packetMs, now, packetMs);
     this.#packets += 1;
     this.#fresh = true;
-    this.#source.push({ samples, frames, join, concealed: false });
+    this.#source.push({ samples, frames, join, concealed: false, due });
   }
 
   /** Queues what stands for lost packets: an echo that fades out, then silence. */
-  #conceal(missing) {
+  #conceal(missing, dueAfter) {
     for (let i = 0; i < missing; ++i) {
+      const due = this.#timed ? dueAfter - (missing - i) * this.#packetMs : undefined;
       const samples = i === 0 ? this.#latest.slice() : new Float32Array(this.#latest.length);
       if (i === 0) {
         mirror(samples);
         fade(samples, samples.length / 2, 1, 0);
       }
       this.#source.push({
-        samples, frames: samples.length / 2, join: Join.GOES_ON, concealed: true,
+        samples, frames: samples.length / 2, join: Join.GOES_ON, concealed: true, due,
       });
     }
     this.#packets += missing;
@@ -123,7 +140,11 @@ export class Playout {
       ? 0 : Math.min(LONGEST_STEP, Math.max(0, (now - this.#lastRender) / 1000));
     this.#lastRender = now;
     this.#target.pass(seconds);
-    this.#watchStart();
+    if (this.#timed) {
+      this.#keepTime(now, frames);
+    } else {
+      this.#watchStart();
+    }
     this.#watchDepth(seconds);
     this.#produce(frames);
     this.#resampler.pull(left, right, offset, frames);
@@ -132,28 +153,101 @@ export class Playout {
     this.#control(seconds);
   }
 
+  /** Output frames of sound that there are now; 0 while nothing is played. */
+  get available() {
+    if (this.#source.pausing) {
+      return 0;
+    }
+    const waiting = (this.#source.frames * this.#outputRate) / this.#rate;
+    return this.#resampler.available + Math.floor(waiting * (1 - MAX_PPM * 1e-6));
+  }
+
+  /** What is to be buffered, in the output too; milliseconds. */
+  get targetMs() {
+    return this.#target.milliseconds;
+  }
+
+  /** The output had nothing more to play, and has fallen silent. */
+  noteBreak() {
+    if (!this.#source.pausing) {
+      this.#source.stop();
+      this.#noteInterruption();
+    }
+  }
+
+  #noteInterruption() {
+    this.#figures.playing = false;
+    if (!this.#ending) {
+      this.#figures.underruns += 1;
+      this.#target.noteUnderrun();
+    }
+  }
+
   #watchStart() {
     if (!this.#source.pausing || this.#source.empty) {
       return;
     }
-    const depth = (1000 * this.#source.frames) / this.#rate;
+    const depth = (1000 * this.#source.frames) / this.#rate + this.#aheadMs;
     const excess = depth - this.#target.milliseconds;
     if (excess < 0) {
       return;
     }
-    if (this.#resamplerRate !== this.#rate) {
-      this.#resamplerRate = this.#rate;
-      this.#resampler.setRates(this.#rate, this.#outputRate);
-    }
+    this.#setRates();
     const packets = Math.floor(excess / this.#packetMs);
     this.#source.skip(packets);
     // What came before the output was ready has never been missed.
     this.#figures.skipped += this.#everPlayed ? packets : 0;
+    this.#begin(this.#target.milliseconds);
+  }
+
+  #setRates() {
+    if (this.#resamplerRate !== this.#rate) {
+      this.#resamplerRate = this.#rate;
+      this.#resampler.setRates(this.#rate, this.#outputRate);
+    }
+  }
+
+  #begin(depthMs) {
     this.#everPlayed = true;
     this.#source.resume();
     this.#sinceBegin = 0;
-    this.#meanDepth = this.#target.milliseconds;
+    this.#meanDepth = depthMs;
     this.#figures.playing = true;
+  }
+
+  /** The next output frame is played at `now`, and `frames` of them are wanted. */
+  #keepTime(now, frames) {
+    if (this.#source.pausing) {
+      this.#place(now, frames);
+      return;
+    }
+    this.#schedule.noteTime(now + this.#resamplerMs);
+    if (this.#schedule.astray) {
+      this.#source.leave();
+    }
+  }
+
+  /** Begins with the first block that is not due before it can be played, when it is due. */
+  #place(now, frames) {
+    if (this.#source.empty) {
+      return;
+    }
+    this.#setRates();
+    this.#schedule.putOff(this.#target.leastEarliness);
+    const begin = now + this.#resamplerMs;
+    while (!this.#source.empty && this.#schedule.timeOf(this.#source.due) < begin) {
+      this.#source.skip(1);
+    }
+    const wait = this.#source.empty
+      ? Infinity : this.#schedule.timeOf(this.#source.due) - begin;
+    if (wait < (1000 * frames) / this.#outputRate) {
+      this.#resampler.push(null, Math.round((wait * this.#rate) / 1000));
+      this.#begin(this.#depthMs);
+    }
+  }
+
+  get #resamplerMs() {
+    return (1000 * this.#resampler.waiting) / this.#resamplerRate;
   }
 
   #produce(wanted) {
@@ -171,19 +265,16 @@ export class Playout {
     let samples = block.samples;
     switch (block.kind) {
       case Kind.RAN_DRY:
-        this.#figures.playing = false;
-        if (!this.#ending) {
-          this.#figures.underruns += 1;
-          this.#target.noteUnderrun();
-        }
+        this.#noteInterruption();
         break;
       case Kind.ENDED:
         this.#figures.playing = false;
         break;
       case Kind.SOUND:
-        samples = this.#stretched(samples);
+        samples = this.#timed ? samples : this.#stretched(samples);
         break;
     }
+    this.#schedule.noteBlock(block.due, (1000 * block.frames) / this.#resamplerRate);
     this.#resampler.push(samples);
   }
 
@@ -210,7 +301,7 @@ export class Playout {
 
   get #depthMs() {
     const waiting = this.#rate > 0 ? (1000 * this.#source.frames) / this.#rate : 0;
-    return waiting + (1000 * this.#resampler.available) / this.#outputRate;
+    return this.#aheadMs + waiting + (1000 * this.#resampler.available) / this.#outputRate;
   }
 
   #watchLevel(samples, channel, offset, frames) {
@@ -240,7 +331,7 @@ export class Playout {
     const target = this.#target.milliseconds;
     const most = this.#sinceBegin < BEGIN_SECONDS
       ? BEGIN_EXCESS_MS : Math.max(MIN_EXCESS_MS, EXCESS_SHARE * target);
-    if (this.#meanDepth > target + most) {
+    if (!this.#timed && this.#meanDepth > target + most) {
       this.#skipDown(target);
     }
   }
@@ -263,7 +354,9 @@ export class Playout {
     }
     if (!this.#source.pausing) {
       const deviation = this.#meanDepth - this.#target.milliseconds;
-      this.#figures.correctionPpm = this.#drift.update(deviation, this.#sinceControl);
+      this.#figures.correctionPpm = this.#timed
+        ? this.#schedule.correction(this.#sinceControl)
+        : this.#drift.update(deviation, this.#sinceControl);
       this.#resampler.setCorrection(this.#figures.correctionPpm);
     }
     this.#sinceControl = 0;
@@ -275,6 +368,8 @@ export class Playout {
     this.#peak = [0, 0];
     return {
       ...this.#figures,
+      lateMs: this.#timed ? this.#schedule.late + this.#schedule.putOffMs : null,
+      putOffMs: this.#timed ? this.#schedule.putOffMs : 0,
       peak,
       targetMs: this.#target.milliseconds,
       jitterMs: this.#target.jitter,

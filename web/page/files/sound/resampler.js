@@ -86,6 +86,11 @@ export class Resampler {
     return Math.max(0, Math.ceil((this.#end - HALF - this.#position) / this.#step));
   }
 
+  /** Input frames between the next output frame and the next input frame. */
+  get waiting() {
+    return this.#end - this.#position;
+  }
+
   /** Input frames that are missing to make so many output frames. */
   missing(frames) {
     const last = Math.floor(this.#position + (frames - 1) * this.#step);
