@@ -151,6 +151,10 @@ void OggStream::take(const vxlisten::AudioPacket& packet, const vxlisten::Sequen
     deliver(emit);
 }
 
+std::size_t OggStream::packetsToChunk() const {
+    return PAGE_PACKETS - pagePackets_;
+}
+
 void OggStream::pass(std::int64_t nowUs, const Emit& emit) {
     putSilence(clock_.pass(nowUs) / PACKET_FRAMES);
     deliver(emit);

@@ -28,6 +28,7 @@ class OggStream final : public MediaStream {
     [[nodiscard]] std::string header() const override { return header_; }
     void take(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
               std::int64_t nowUs, const Emit& emit) override;
+    [[nodiscard]] std::size_t packetsToChunk() const override;
     void pass(std::int64_t nowUs, const Emit& emit) override;
 
   private:

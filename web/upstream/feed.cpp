@@ -1,5 +1,7 @@
 #include "web/upstream/feed.h"
 
+#include <algorithm>
+#include <limits>
 #include <utility>
 
 #include "listen/clock.h"
@@ -109,6 +111,17 @@ void Feed::timePassed(std::int64_t now) {
                 now, [=](const Chunk& chunk) { publishMedia(channel, chunk, now); });
         }
     }
+}
+
+std::size_t Feed::packetsWanted() const {
+    std::size_t wanted = std::numeric_limits<std::size_t>::max();
+    for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
+        const Outlet& outlet = outlets_[channel];
+        if (outlet.listeners > 0) {
+            wanted = std::min(wanted, outlet.media ? outlet.media->packetsToChunk() : 1);
+        }
+    }
+    return wanted;
 }
 
 void Feed::upstreamClosed() {
