@@ -11,7 +11,7 @@ import urllib.error
 import urllib.request
 
 from support.harness import (PATIENCE, THERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
-                             clean_environment, die_with_parent, program, wait_until)
+                             clean_environment, die_with_parent, fake, program, wait_until)
 from support.network import ip
 from support.web import Web
 from support.web_listener import LiveListener, connect, read_all, request
@@ -214,6 +214,49 @@ class Vanishing(SystemTest):
         ip("addr", "flush", "dev", "vxhere")
         for web in webs:
             web.out.wait_for("a listener to /live opus 20 has left, 0 in all", timeout=60)
+
+
+class MovedServer(SystemTest):
+    """A listener hears on when the server is at another address."""
+
+    def setUp(self):
+        super().setUp()
+        self.sound = self.enterContext(SoundServer())
+
+    def start_server(self, *arguments, prefix=()):
+        server = self.enterContext(
+            Server(*arguments, sound=self.sound, rate=48000, prefix=prefix))
+        server.wait_for_capture()
+        return server
+
+    def assert_heard_from(self, web, listener, address):
+        web.out.wait_for(f"raw: connected to {address}:59010", timeout=60)
+        count = len(listener.numbers)
+        wait_until(lambda: len(listener.numbers) > count + 100, "the sound comes")
+        self.assertEqual(status_of(web.address())["server"], f"{address}:59010")
+
+    def test_one_that_was_found_is_found_again(self):
+        there = self.enterContext(OtherNetwork())
+        there.receive_on_cable()
+        self.start_server(prefix=there.command())
+        with Web(host=None) as web, LiveListener(web.address()) as listener:
+            self.assert_heard_from(web, listener, THERE_ADDRESS)
+            ip("addr", "add", "10.77.0.3/16", "dev", "vxthere", there=there)
+            ip("addr", "del", f"{THERE_ADDRESS}/24", "dev", "vxthere", there=there)
+            self.assert_heard_from(web, listener, "10.77.0.3")
+
+    def test_one_that_has_a_name_is_looked_up_anew(self):
+        hosts = self.folder / "hosts"
+        hosts.write_text("127.0.0.2 vxserver\n", encoding="ascii")
+        server = self.start_server("-b", "127.0.0.2")
+        with Web(host="vxserver", env={"LD_PRELOAD": fake("preload_hosts.so"),
+                                       "VELANTRIX_HOSTS": str(hosts)}) as web, \
+                LiveListener(web.address()) as listener:
+            self.assert_heard_from(web, listener, "127.0.0.2")
+            server.kill()
+            hosts.write_text("127.0.0.3 vxserver\n", encoding="ascii")
+            self.start_server("-b", "127.0.0.3")
+            self.assert_heard_from(web, listener, "127.0.0.3")
 
 
 class Descriptors(SystemTest):
