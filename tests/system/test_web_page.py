@@ -152,6 +152,25 @@ class PageTest(SystemTest):
                 if not attempts_left:
                     raise
 
+    def check_restarts(self, browser, quality):
+        """The page plays on by itself."""
+        self.open(browser)
+        self.browser.click(f"input[name=quality][value='{quality}']")
+        self.play()
+        self.server.kill()
+        self.wait_for_state("away")
+        self.assertEqual(self.text("state"), "The server is away")
+        self.server = self.start_server()
+        self.wait_for_state("playing")
+        self.assert_heard("after the server was restarted")
+        self.web.kill()
+        self.wait_for_state("away")
+        self.web = self.start_web()
+        self.wait_for_state("playing")
+        self.assert_heard("after velantrix-web was restarted")
+        self.browser.click("#play")
+        self.wait_for_state("stopped")
+
     def check_playing(self, browser, qualities, output):
         self.open(browser)
         self.assertEqual(self.text("figure-output"), output)
@@ -201,28 +220,11 @@ class Secure(PageTest):
 
 
 class Restarts(PageTest):
-    """The page plays on by itself."""
+    """Over http://, with scheduled buffers."""
 
     def test_the_page_plays_on(self):
         for browser in (Chromium, Firefox) if IN_FULL else (Firefox,):
-            self.check(browser)
-
-    def check(self, browser):
-        self.open(browser)
-        self.play()
-        self.server.kill()
-        self.wait_for_state("away")
-        self.assertEqual(self.text("state"), "The server is away")
-        self.server = self.start_server()
-        self.wait_for_state("playing")
-        self.assert_heard("after the server was restarted")
-        self.web.kill()
-        self.wait_for_state("away")
-        self.web = self.start_web()
-        self.wait_for_state("playing")
-        self.assert_heard("after velantrix-web was restarted")
-        self.browser.click("#play")
-        self.wait_for_state("stopped")
+            self.check_restarts(browser, "pcm")
 
     def test_a_server_that_is_not_there_yet_is_waited_for(self):
         self.server.kill()
@@ -232,6 +234,16 @@ class Restarts(PageTest):
         self.assertEqual(self.text("state"), "Waiting for the server")
         self.start_server()
         self.wait_for_state("playing")
+
+
+class SecureRestarts(PageTest):
+    """Over https://, with the worklet and WebCodecs."""
+
+    scheme = "https"
+
+    def test_the_page_plays_on(self):
+        for browser in (Chromium, Firefox) if IN_FULL else (Chromium,):
+            self.check_restarts(browser, "128")
 
 
 class Page(PageTest):
