@@ -1,8 +1,11 @@
 #include "web/streams/ogg_stream.h"
 
-#include <algorithm>
+#include <array>
+#include <memory>
 #include <random>
 #include <utility>
+
+#include <opus/opus.h>
 
 #include "stream/wire_format.h"
 
