@@ -11,7 +11,7 @@ import urllib.error
 import urllib.request
 
 from support.harness import (PATIENCE, THERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
-                             clean_environment, die_with_parent, program, wait_until)
+                             clean_environment, die_with_parent, fake, program, wait_until)
 from support.network import ip
 from support.web import Web
 from support.web_listener import LiveListener, connect, read_all, request
@@ -40,6 +40,13 @@ def fetch(address, context=None, **headers):
 
 def status_of(address):
     return json.loads(fetch(address + "/status")[1])
+
+
+def send_buffers(address):
+    """Bytes that the kernel may keep for each connection to the web address."""
+    return [int(size) for size in re.findall(r"skmem:\(r\d+,rb\d+,t\d+,tb(\d+)", subprocess.run(
+        ["ss", "-tmnH", "state", "established", "sport", "=", address.rsplit(":", 1)[1]],
+        capture_output=True, text=True, check=True).stdout)]
 
 
 class CommandLine(SystemTest):
@@ -165,6 +172,7 @@ class Tls(SystemTest):
                 while len(content) < 200000:
                     content += line.recv(65536)
                 self.assertIn(b"RIFF", content)
+                self.assertLessEqual(max(send_buffers(self.address)), 65536)
             self.web.child.send_signal(signal.SIGTERM)
             wait_until(lambda: listener.end == 1001, "the listener is told of the end")
             self.assertEqual(self.web.wait(), 0)
@@ -205,6 +213,49 @@ class Vanishing(SystemTest):
         ip("addr", "flush", "dev", "vxhere")
         for web in webs:
             web.out.wait_for("listener to /live opus 20 disconnected, 0 in total", timeout=60)
+
+
+class MovedServer(SystemTest):
+    """A listener hears on when the server is at another address."""
+
+    def setUp(self):
+        super().setUp()
+        self.sound = self.enterContext(SoundServer())
+
+    def start_server(self, *arguments, prefix=()):
+        server = self.enterContext(
+            Server(*arguments, sound=self.sound, rate=48000, prefix=prefix))
+        server.wait_for_capture()
+        return server
+
+    def assert_heard_from(self, web, listener, address):
+        web.out.wait_for(f"raw: connected to {address}:59010", timeout=60)
+        count = len(listener.numbers)
+        wait_until(lambda: len(listener.numbers) > count + 100, "the sound comes")
+        self.assertEqual(status_of(web.address())["server"], f"{address}:59010")
+
+    def test_one_that_was_found_is_found_again(self):
+        there = self.enterContext(OtherNetwork())
+        there.receive_on_cable()
+        self.start_server(prefix=there.command())
+        with Web(host=None) as web, LiveListener(web.address()) as listener:
+            self.assert_heard_from(web, listener, THERE_ADDRESS)
+            ip("addr", "add", "10.77.0.3/16", "dev", "vxthere", there=there)
+            ip("addr", "del", f"{THERE_ADDRESS}/24", "dev", "vxthere", there=there)
+            self.assert_heard_from(web, listener, "10.77.0.3")
+
+    def test_one_that_has_a_name_is_looked_up_anew(self):
+        hosts = self.folder / "hosts"
+        hosts.write_text("127.0.0.2 vxserver\n", encoding="ascii")
+        server = self.start_server("-b", "127.0.0.2")
+        with Web(host="vxserver", env={"LD_PRELOAD": fake("preload_hosts.so"),
+                                       "VELANTRIX_HOSTS": str(hosts)}) as web, \
+                LiveListener(web.address()) as listener:
+            self.assert_heard_from(web, listener, "127.0.0.2")
+            server.kill()
+            hosts.write_text("127.0.0.3 vxserver\n", encoding="ascii")
+            self.start_server("-b", "127.0.0.3")
+            self.assert_heard_from(web, listener, "127.0.0.3")
 
 
 class Descriptors(SystemTest):
@@ -284,11 +335,9 @@ class Serving(SystemTest):
                  for _ in range(5)]
         wait_until(lambda: len(listener.numbers) > 1000, "seven seconds of sound")
         self.assertEqual(listener.lost(), 0)
-        limits = re.findall(r"skmem:\(r\d+,rb\d+,t\d+,tb(\d+)", subprocess.run(
-            ["ss", "-tmnH", "state", "established", "sport", "=", self.address.rsplit(":", 1)[1]],
-            capture_output=True, text=True, check=True).stdout)
+        limits = send_buffers(self.address)
         self.assertGreaterEqual(len(limits), 26)
-        self.assertLessEqual(max(map(int, limits)), 131072)
+        self.assertLessEqual(max(limits), 131072)
         wait_until(lambda: status_of(self.address)["listeners"] == 6 + 5 * 2,
                    "the fast streams that nobody reads are closed")
         for each in stuck:

@@ -151,8 +151,9 @@ class PageTest(SystemTest):
         return samples
 
     def assert_heard(self, name, seconds=SECONDS, level=True):
-        """The machine may stand still now and then: one of three times must be right."""
-        for attempts_left in (2, 1, 0):
+        """The machine may stand still now and then: in a short round, one of three times must be
+        right."""
+        for attempts_left in (0,) if IN_FULL else (2, 1, 0):
             time.sleep(SETTLING)
             samples = self.record(seconds + 1)
             try:
@@ -161,6 +162,25 @@ class PageTest(SystemTest):
                 print(f"{error}; interruptions: {self.text('figure-underruns')}")
                 if not attempts_left:
                     raise
+
+    def check_restarts(self, browser, quality):
+        """The page plays on by itself."""
+        self.open(browser)
+        self.browser.click(f"input[name=quality][value='{quality}']")
+        self.play()
+        self.server.kill()
+        self.wait_for_state("away")
+        self.assertEqual(self.text("state"), "The server is away")
+        self.server = self.start_server()
+        self.wait_for_state("playing")
+        self.assert_heard("after the server was restarted")
+        self.web.kill()
+        self.wait_for_state("away")
+        self.web = self.start_web()
+        self.wait_for_state("playing")
+        self.assert_heard("after velantrix-web was restarted")
+        self.browser.click("#play")
+        self.wait_for_state("stopped")
 
     def check_playing(self, browser, qualities, output):
         self.open(browser)
@@ -271,28 +291,11 @@ class InStep(PageTest):
 
 
 class Restarts(PageTest):
-    """The page resumes playing without help."""
+    """Over http://, with scheduled buffers."""
 
     def test_the_page_plays_on(self):
         for browser in (Chromium, Firefox) if IN_FULL else (Firefox,):
-            self.check(browser)
-
-    def check(self, browser):
-        self.open(browser)
-        self.play()
-        self.server.kill()
-        self.wait_for_state("away")
-        self.assertEqual(self.text("state"), "The server is away")
-        self.server = self.start_server()
-        self.wait_for_state("playing")
-        self.assert_heard("after the server was restarted")
-        self.web.kill()
-        self.wait_for_state("away")
-        self.web = self.start_web()
-        self.wait_for_state("playing")
-        self.assert_heard("after velantrix-web was restarted")
-        self.browser.click("#play")
-        self.wait_for_state("stopped")
+            self.check_restarts(browser, "pcm")
 
     def test_a_server_that_is_not_there_yet_is_waited_for(self):
         self.server.kill()
@@ -302,6 +305,16 @@ class Restarts(PageTest):
         self.assertEqual(self.text("state"), "Waiting for the server")
         self.start_server()
         self.wait_for_state("playing")
+
+
+class SecureRestarts(PageTest):
+    """Over https://, with the worklet and WebCodecs."""
+
+    scheme = "https"
+
+    def test_the_page_plays_on(self):
+        for browser in (Chromium, Firefox) if IN_FULL else (Chromium,):
+            self.check_restarts(browser, "128")
 
 
 class Page(PageTest):

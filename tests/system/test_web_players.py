@@ -7,11 +7,13 @@ import os
 import pathlib
 import re
 import subprocess
+import time
 
 from support.harness import PATIENCE, Server, SoundServer, SystemTest, die_with_parent
 from support.processes import NOT_ROOT, wait_until
 from support.signals import read_wav
 from support.web import Tone, Web, assert_tone
+from support.web_listener import connect
 
 SECONDS = float(os.environ.get("VELANTRIX_WEB_SECONDS", "4"))
 STREAMS = ("stream.wav", "stream.flac", "stream.mp3", "stream.ogg")
@@ -111,6 +113,34 @@ class Players(PlayersTest):
                 samples, rate = read_wav(heard)
                 self.assertEqual(rate, self.expected_rate(stream))
                 assert_tone(self, samples, rate, SECONDS - 1, stream)
+
+    def test_sound_that_a_slow_listener_lost_is_a_gap_and_not_the_end(self):
+        """Who does not read for less than ten seconds keeps the stream."""
+        # Longer than what is kept for it lasts; bytes that the player's own kernel keeps.
+        pauses = {"stream.mp3?rate=256": 12, "stream.flac": 10}
+        buffers = {"stream.mp3?rate=256": 32768, "stream.flac": None}
+        after = SECONDS + 2
+        end = time.monotonic() + max(pauses.values()) + 0.1
+        lines, saved = {}, {}
+        for stream, pause in pauses.items():
+            time.sleep(end - pause - time.monotonic())
+            lines[stream] = self.enterContext(connect(self.address, buffers[stream]))
+            lines[stream].sendall(f"GET /{stream} HTTP/1.0\r\n\r\n".encode("ascii"))
+            saved[stream] = bytearray()
+        time.sleep(end - time.monotonic())
+        while time.monotonic() < end + after:
+            for stream, line in lines.items():
+                saved[stream] += line.recv(65536)
+        for stream, content in saved.items():
+            with self.subTest(stream):
+                path = self.folder / stream.split("?")[0]
+                path.write_bytes(content.partition(b"\r\n\r\n")[2])
+                heard = path.with_suffix(".wav")
+                self.decode(path, heard)
+                samples, rate = read_wav(heard)
+                self.assertLess(len(samples) / 2 / rate, pauses[stream] + after - 1,
+                                "nothing was left out")
+                assert_tone(self, samples[-int(SECONDS) * 2 * rate:], rate, SECONDS - 1, stream)
 
     def test_a_server_that_was_away_is_heard_again_on_the_same_connection(self):
         children = {stream: self.start(["curl", "-sS", "-N", "-m", 120, "-o", self.folder / stream,

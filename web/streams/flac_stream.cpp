@@ -25,14 +25,20 @@ sf_count_t FlacStream::take(const void* source, sf_count_t count, void* self) {
     return count;
 }
 
+sf_count_t FlacStream::tell(void* self) {
+    return static_cast<FlacStream*>(self)->length_;
+}
+
+sf_count_t FlacStream::seek(sf_count_t /*offset*/, int /*whence*/, void* self) {
+    return tell(self);
+}
+
 void FlacStream::start(int rate) {
     SF_VIRTUAL_IO calls = {};
-    calls.get_filelen = [](void* self) { return static_cast<FlacStream*>(self)->length_; };
-    calls.seek = [](sf_count_t, int, void* self) {
-        return static_cast<FlacStream*>(self)->length_;
-    };
+    calls.get_filelen = tell;
+    calls.seek = seek;
     calls.write = take;
-    calls.tell = [](void* self) { return static_cast<FlacStream*>(self)->length_; };
+    calls.tell = tell;
     SF_INFO info = {};
     info.samplerate = rate;
     info.channels = static_cast<int>(CHANNELS);

@@ -1,6 +1,10 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
+#include <string>
+#include <utility>
 
 #include <sndfile.h>
 
@@ -24,6 +28,8 @@ class FlacStream final : public PcmStream {
   private:
     void start(int rate) override;
     void write(const std::int16_t* frames, std::size_t count, std::string& bytes) override;
+    static sf_count_t tell(void* self);
+    static sf_count_t seek(sf_count_t offset, int whence, void* self);
     static sf_count_t take(const void* source, sf_count_t count, void* self);
 
     std::string title_;

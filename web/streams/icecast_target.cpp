@@ -4,6 +4,7 @@
 #include <charconv>
 #include <cstddef>
 #include <optional>
+#include <system_error>
 
 namespace vxweb {
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -36,6 +37,9 @@ class MediaStream {
     /// Takes a packet with its `step` that arrived at `nowUs`. Emits at most one chunk.
     virtual void take(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
                       std::int64_t nowUs, const Emit& emit) = 0;
+
+    /// How many packets the next chunk needs, at most.
+    [[nodiscard]] virtual std::size_t packetsToChunk() const { return 1; }
 
     /// To be called about every 20 ms, with or without sound: fills what is missing with silence.
     /// Emits at most one chunk.

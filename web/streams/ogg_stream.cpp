@@ -1,8 +1,11 @@
 #include "web/streams/ogg_stream.h"
 
-#include <algorithm>
+#include <array>
+#include <memory>
 #include <random>
 #include <utility>
+
+#include <opus/opus.h>
 
 #include "stream/wire_format.h"
 
@@ -149,6 +152,10 @@ void OggStream::take(const vxlisten::AudioPacket& packet, const vxlisten::Sequen
         }
     }
     deliver(emit);
+}
+
+std::size_t OggStream::packetsToChunk() const {
+    return PAGE_PACKETS - pagePackets_;
 }
 
 void OggStream::pass(std::int64_t nowUs, const Emit& emit) {

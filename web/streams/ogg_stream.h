@@ -1,15 +1,13 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <string>
-#include <vector>
 
 #include <ogg/ogg.h>
-#include <opus/opus.h>
 
+#include "listen/network/audio_packet.h"
+#include "listen/network/sequence_tracker.h"
 #include "web/streams/media_stream.h"
 #include "web/streams/opus_transcoder.h"
 #include "web/streams/stream_clock.h"
@@ -28,6 +26,7 @@ class OggStream final : public MediaStream {
     [[nodiscard]] std::string header() const override { return header_; }
     void take(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
               std::int64_t nowUs, const Emit& emit) override;
+    [[nodiscard]] std::size_t packetsToChunk() const override;
     void pass(std::int64_t nowUs, const Emit& emit) override;
 
   private:

@@ -1,5 +1,7 @@
 #include "web/streams/opus_transcoder.h"
 
+#include <array>
+
 #include "stream/wire_format.h"
 
 namespace vxweb {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -11,6 +10,8 @@
 
 #include "listen/audio/rate_adapter.h"
 #include "listen/audio/stream_decoder.h"
+#include "listen/network/audio_packet.h"
+#include "listen/network/sequence_tracker.h"
 
 namespace vxweb {
 

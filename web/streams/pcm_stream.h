@@ -9,6 +9,8 @@
 
 #include "listen/audio/rate_adapter.h"
 #include "listen/audio/stream_decoder.h"
+#include "listen/network/audio_packet.h"
+#include "listen/network/sequence_tracker.h"
 #include "web/streams/media_stream.h"
 #include "web/streams/stream_clock.h"
 

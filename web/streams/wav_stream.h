@@ -1,5 +1,9 @@
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
 #include "web/streams/pcm_stream.h"
 
 namespace vxweb {

@@ -1,6 +1,8 @@
 #include "web/upstream/feed.h"
 
+#include <algorithm>
 #include <cassert>
+#include <limits>
 #include <utility>
 
 #include "listen/clock.h"
@@ -113,6 +115,17 @@ void Feed::timePassed(std::int64_t now) {
                 now, [=](const Chunk& chunk) { publishMedia(channel, chunk, now); });
         }
     }
+}
+
+std::size_t Feed::packetsWanted() const {
+    std::size_t wanted = std::numeric_limits<std::size_t>::max();
+    for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
+        const Outlet& outlet = outlets_[channel];
+        if (outlet.listeners > 0) {
+            wanted = std::min(wanted, outlet.media ? outlet.media->packetsToChunk() : 1);
+        }
+    }
+    return wanted;
 }
 
 void Feed::upstreamClosed() {

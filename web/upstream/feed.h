@@ -65,6 +65,7 @@ class Feed : public UpstreamEvents {
                     std::int64_t now) override;
     void serverWentAway() override;
     void timePassed(std::int64_t now) override;
+    [[nodiscard]] std::size_t packetsWanted() const override;
     void upstreamClosed() override;
     [[nodiscard]] bool carries(ChannelId channel) const;
     void sendWaiting(std::int64_t now);

@@ -16,7 +16,10 @@ using vxlisten::MILLISECOND;
 using vxlisten::SECOND;
 using vxlisten::steadyNow;
 
-constexpr std::chrono::milliseconds TICK{20};
+constexpr std::int64_t TICK = 20 * MILLISECOND;
+constexpr std::size_t PACKETS_A_TICK = 2;  ///< Of Opus.
+/// Packets bring the ticks; this finds that none arrive.
+constexpr std::int64_t IDLE_CHECK = 100 * MILLISECOND;
 constexpr std::int64_t LOCATE_TIMEOUT = 1 * SECOND;
 constexpr std::int64_t CONNECT_TIMEOUT = 5 * SECOND;
 /// A server sends all the time. When a connection delivers nothing, only a new one helps.
@@ -43,13 +46,14 @@ Upstream::~Upstream() {
 
 void Upstream::open() {
     enter(Link::Waiting);
-    waitForTime();
+    waitForTime(TICK);
     watch();
 }
 
 void Upstream::close() {
     receiver_.startDisconnect();
     enter(Link::Closing);
+    waitForTime(TICK);
 }
 
 void Upstream::abandon() {
@@ -67,35 +71,66 @@ void Upstream::tell(const std::string& what) const {
 }
 
 void Upstream::waitForData() {
+    if (!socket_.is_open()) {
+        socket_.assign(receiver_.descriptor());
+    }
     socket_.async_wait(boost::asio::posix::descriptor_base::wait_read,
                        [self = shared_from_this()](const boost::system::error_code& error) {
                            if (!error && self->link_ != Link::Ended) {
-                               self->service();
-                               self->waitForData();
+                               self->heard_ = true;
+                               self->passTime();
+                               self->waitOn();
                            }
                        });
 }
 
-void Upstream::waitForTime() {
-    timer_.expires_after(TICK);
+void Upstream::waitOn() {
+    resting_ = mayRest();
+    if (resting_) {
+        if (socket_.is_open()) {
+            socket_.release();  // Or each packet would wake the thread all the same.
+        }
+        waitForTime(TICK);
+    } else {
+        waitForData();
+    }
+}
+
+/// True when nobody waits for the packets of the next tick.
+bool Upstream::mayRest() const {
+    return link_ == Link::Connected && events_.packetsWanted() > PACKETS_A_TICK;
+}
+
+void Upstream::waitForTime(std::int64_t time) {
+    timer_.expires_after(std::chrono::microseconds(time));
     timer_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
         if (!error && self->link_ != Link::Ended) {
             self->passTime();
+            if (self->resting_) {
+                self->waitOn();
+            }
+            if (!self->resting_) {
+                self->waitForTime(std::exchange(self->heard_, false) ? IDLE_CHECK : TICK);
+            }
         }
     });
 }
 
 void Upstream::passTime() {
     service();
+    const std::int64_t now = steadyNow();
+    if (now - tickedAt_ < TICK) {
+        return;
+    }
+    tickedAt_ = now;
     watch();
     if (link_ != Link::Ended) {
-        events_.timePassed(steadyNow());
-        waitForTime();
+        events_.timePassed(now);
     }
 }
 
 void Upstream::service() {
-    while (link_ != Link::Ended && socket_.is_open()) {
+    while (link_ != Link::Ended && open_) {
         const vxlisten::ReceiverEvent event = receiver_.service(0);
         if (event.type == vxlisten::ReceiverEvent::Type::None) {
             return;
@@ -161,11 +196,11 @@ void Upstream::lose(const std::string& why) {
 
 /// False without a socket: all descriptors may be in use.
 bool Upstream::openSocket() {
-    if (!socket_.is_open() && receiver_.open()) {
-        socket_.assign(receiver_.descriptor());
+    if (!open_ && receiver_.open()) {
+        open_ = true;
         waitForData();
     }
-    return socket_.is_open();
+    return open_;
 }
 
 void Upstream::connect() {

@@ -25,8 +25,11 @@ class UpstreamEvents {
                             std::int64_t now) = 0;
     /// The server is away. Called again only after packets have arrived.
     virtual void serverWentAway() = 0;
-    /// Called every 20 ms.
+    /// Called about every 20 ms; when no more packets come, for the first time within 100 ms.
     virtual void timePassed(std::int64_t now) = 0;
+    /// How many more packets it takes until something is to be done at once; until then they may
+    /// wait for some 20 ms.
+    [[nodiscard]] virtual std::size_t packetsWanted() const = 0;
     /// The connection has ended after close(); the last call.
     virtual void upstreamClosed() = 0;
 };
@@ -57,7 +60,9 @@ class Upstream : public std::enable_shared_from_this<Upstream> {
     enum class Link { Waiting, Connecting, Connected, Closing, Ended };
 
     void waitForData();
-    void waitForTime();
+    void waitOn();
+    [[nodiscard]] bool mayRest() const;
+    void waitForTime(std::int64_t time);
     void passTime();
     void service();
     void handle(const vxlisten::ReceiverEvent& event);
@@ -71,7 +76,8 @@ class Upstream : public std::enable_shared_from_this<Upstream> {
     void tell(const std::string& what) const;
 
     boost::asio::steady_timer timer_;
-    boost::asio::posix::stream_descriptor socket_;  ///< Borrowed from the receiver.
+    boost::asio::posix::stream_descriptor
+        socket_;  ///< Borrowed from the receiver; not while resting.
     ServerLocator& locator_;
     const vxlisten::StreamChoice choice_;
     UpstreamEvents& events_;
@@ -79,11 +85,15 @@ class Upstream : public std::enable_shared_from_this<Upstream> {
     vxlisten::SequenceTracker tracker_;
     vxlisten::RetryPause pause_;
     Link link_ = Link::Waiting;
-    bool away_ = false;  ///< serverWentAway() was the last call about it.
+    bool away_ = false;     ///< serverWentAway() was the last call about it.
+    bool open_ = false;     ///< The receiver has its socket.
+    bool heard_ = false;    ///< The socket has woken us since the timer did.
+    bool resting_ = false;  ///< Only the timer wakes us.
     // Times in microseconds.
     std::int64_t linkSince_ = 0;
     std::int64_t waitUntil_ = 0;
     std::int64_t lastSound_ = 0;
+    std::int64_t tickedAt_ = 0;
 };
 
 }  // namespace vxweb

@@ -80,6 +80,23 @@ TEST_F(StreamTest, TheSoundBeginsWithTheHeaderOfItsFormatAlsoForWhoComesLater) {
     EXPECT_EQ(other, page);
 }
 
+TEST_F(StreamTest, APageThatComesToAPlayersFormatHearsEachPacket) {
+    start();
+    const auto player = listener("/stream.ogg");
+    player->header();
+    waitForAsked({2});
+    playHalfASecond();
+    const auto page = live("?format=opus");
+    EXPECT_THAT(page->text(), HasSubstr("format"));
+    packets::OpusStream stream(2, 50);
+    for (unsigned char seq = 50; seq < 70; ++seq) {
+        upstream->send(stream.next());
+        EXPECT_EQ(page->frame().content.substr(0, 4),
+                  std::string({static_cast<char>(seq), 0, 0, 0}));
+    }
+    EXPECT_THAT(player->chunk(), HasSubstr("OpusHead"));
+}
+
 TEST_F(StreamTest, AnOldRadioGetsTheBytesWithoutChunks) {
     start();
     WebClient client(port());
