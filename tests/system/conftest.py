@@ -45,7 +45,9 @@ def pytest_configure(config):
 def _fail_with_reports():
     reports = take_reports()
     if reports:
-        pytest.fail("a sanitizer reports:\n" + "\n".join(reports), pytrace=False)
+        # Of several failures of a test's end only the first is shown, but all that was printed.
+        print(*reports, sep="\n")
+        pytest.fail("a sanitizer reports what is printed", pytrace=False)
 
 
 @pytest.fixture(autouse=True)

@@ -379,9 +379,8 @@ class Page(PageTest):
         wait_until(lambda: "A delay of 30 ms is not possible here: playing at "
                    in self.text("delay-problem"), "it is told")
         self.choose_delay("")
-        wait_until(lambda: self.data("state") == "playing" and not self.text("delay-problem"),
-                   "it plays without one")
-        self.assertEqual(self.text("figure-in-step"), "–")
+        wait_until(lambda: self.data("state") == "playing" and not self.text("delay-problem")
+                   and self.text("figure-in-step") == "–", "it plays without one")
 
     def choose_delay(self, text):
         self.browser.script("""
