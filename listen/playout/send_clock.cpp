@@ -271,9 +271,8 @@ void SendClock::fitOffset() {
     }
     const double maximum = noise();
     const std::size_t needed = maximum > MUCH_NOISE ? 1 : EXTRAPOLATED_SPANS;
-    offset_ = spanCount_ < needed
-                  ? *std::min_element(residuals.begin(), residuals.begin() + count)
-                  : extrapolatedMinimum(residuals.data(), count, maximum);
+    offset_ = spanCount_ < needed ? *std::min_element(residuals.begin(), residuals.begin() + count)
+                                  : extrapolatedMinimum(residuals.data(), count, maximum);
 }
 
 double SendClock::minimumRoundTrip(std::size_t from, std::size_t to) const {
