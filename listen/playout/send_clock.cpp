@@ -197,7 +197,8 @@ void SendClock::judgeRecent() {
     }
     const double before = minimumRoundTrip(0, first);
     const double since = minimumRoundTrip(first, spanCount_);
-    if (before == NONE || since == NONE || since - before < excess) {
+    // Of a way that is slower in one direction the round trip shows the excess once, else twice.
+    if (before == NONE || since == NONE || since - before < excess / 2) {
         std::move(spans_.begin() + static_cast<std::ptrdiff_t>(first),
                   spans_.begin() + static_cast<std::ptrdiff_t>(spanCount_), spans_.begin());
         spanCount_ = RECENT_SPANS;

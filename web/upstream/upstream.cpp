@@ -59,6 +59,9 @@ void Upstream::close() {
 void Upstream::abandon() {
     enter(Link::Ended);
     timer_.cancel();
+    if (socket_.is_open()) {
+        socket_.release();  // What waits for it would keep this alive.
+    }
 }
 
 void Upstream::enter(Link link) {
@@ -85,6 +88,9 @@ void Upstream::waitForData() {
 }
 
 void Upstream::waitOn() {
+    if (link_ == Link::Ended) {
+        return;
+    }
     resting_ = mayRest();
     if (resting_) {
         if (socket_.is_open()) {
@@ -109,7 +115,7 @@ void Upstream::waitForTime(std::int64_t time) {
             if (self->resting_) {
                 self->waitOn();
             }
-            if (!self->resting_) {
+            if (!self->resting_ && self->link_ != Link::Ended) {
                 self->waitForTime(std::exchange(self->heard_, false) ? IDLE_CHECK : TICK);
             }
         }
@@ -215,7 +221,7 @@ void Upstream::watch() {
     const std::int64_t now = steadyNow();
     const bool moved = !locator_.address().empty() && receiver_.address() != locator_.address();
     if (link_ == Link::Closing && now - linkSince_ >= DISCONNECT_TIMEOUT) {
-        enter(Link::Ended);
+        abandon();
         events_.upstreamClosed();
     } else if (link_ == Link::Waiting && !away_ && locator_.address().empty() &&
                now - linkSince_ >= LOCATE_TIMEOUT) {

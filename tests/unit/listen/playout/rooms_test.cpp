@@ -149,6 +149,18 @@ TEST_F(Rooms, AWayThatGetsLongerForAMinuteLeavesThemInStep) {
     EXPECT_EQ(other.figures().underruns, 0u);
 }
 
+TEST_F(Rooms, AWayThatGetsLongerInOneDirectionForAMinuteLeavesThemInStep) {
+    const Server server;
+    Listener one(
+        server, [](double sent) { return sent > 40 && sent < 100 ? 0.0202 : 0.0002; },
+        device(0, 0.05), keeping(DELAY));
+    one.setWayThere(steady());
+    one.run(160);
+    const Spread off = offTheDelay(one, DELAY, 13, 160);
+    EXPECT_LT(off.median, 0.5);
+    EXPECT_LT(off.most, 2);
+}
+
 TEST_F(Rooms, AWayThatStaysLongerDoesNot) {
     const Server server;
     Listener one(server, steady(), device(0, 0.03), keeping(DELAY));

@@ -96,6 +96,9 @@ class Listener {
 
     void setWay(Way way) { way_ = std::move(way); }
 
+    /// From the listener to the server, where that is another one.
+    void setWayThere(Way way) { wayThere_ = std::move(way); }
+
     /// Replaces the device, as when it is reopened.
     void setDevice(const Device& device) {
         device_ = device;
@@ -193,7 +196,7 @@ class Listener {
         }
         for (; nextPing_ <= now; nextPing_ += nextPing_ < device_.start + 60 ? 0.051 : 0.251) {
             // The server answers when it next sends something.
-            const double there = nextPing_ + way_(nextPing_).value_or(1);
+            const double there = nextPing_ + (wayThere_ ? wayThere_ : way_)(nextPing_).value_or(1);
             const double back = way_(there).value_or(1);
             const double wait = std::fmod(there, 0.007);
             sendClock_.noteRoundTrip((there - nextPing_ + wait + back) * 1e6);
@@ -236,6 +239,7 @@ class Listener {
 
     Server server_;
     Way way_;
+    Way wayThere_;
     Device device_;
     vxlisten::PlayoutSettings settings_;
     std::unique_ptr<vxlisten::Playout> playout_;

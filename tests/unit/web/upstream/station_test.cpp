@@ -1,5 +1,8 @@
 #include "web/upstream/station.h"
 
+#include <filesystem>
+#include <iterator>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -11,6 +14,10 @@ namespace {
 using testing::HasSubstr;
 
 class StationTest : public WebSite {};
+
+std::ptrdiff_t openDescriptors() {
+    return std::distance(std::filesystem::directory_iterator("/proc/self/fd"), {});
+}
 
 TEST_F(StationTest, NobodyListensSoTheServerIsLeftInPeace) {
     start();
@@ -54,6 +61,7 @@ TEST_F(StationTest, AConnectionStaysForFiveSecondsAfterItsLastListener) {
     client.reset();
     waitForStatus("\"listeners\":0,\"feeds\":{\"raw\":0}");
     playFor(3000);
+    const std::ptrdiff_t withConnection = openDescriptors();
     client = live();
     waitForStatus("\"feeds\":{\"raw\":1}");
     client.reset();
@@ -63,6 +71,7 @@ TEST_F(StationTest, AConnectionStaysForFiveSecondsAfterItsLastListener) {
     waitForStatus("\"feeds\":{}");
     waitForAsked({});
     EXPECT_EQ(upstream->connections(), 1);
+    waitUntil([withConnection] { return openDescriptors() < withConnection; });
     client = live();
     waitForAsked({0});
     EXPECT_EQ(upstream->connections(), 2);
