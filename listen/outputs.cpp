@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <optional>
 #include <unistd.h>
+#include <utility>
 
 #include "listen/clock.h"
 
@@ -33,14 +34,9 @@ bool Outputs::open(const Options& options) {
 
 bool Outputs::openSound(const Options& options) {
     delayKept_ = options.playout.delayMs.has_value();
+    delaySeconds_ = options.playout.delayMs.value_or(0) / 1000.0;
     sound_ = std::make_unique<SoundKeeper>(options.device, options.playout);
     if (sound_->open(steadyNow())) {
-        const double seconds = options.playout.delayMs.value_or(0) / 1000.0;
-        if (seconds >= LONG_DELAY_SECONDS) {
-            char text[64];
-            std::snprintf(text, sizeof text, "the sound starts in %g s", seconds);
-            warning_ = text;
-        }
         return true;
     }
     const std::string reason = sound_->error();
@@ -61,6 +57,7 @@ SinkState Outputs::take(const AudioPacket& packet, const SequenceStep& step, std
         decoder_.decode(packet, step, [this, &packet, played, now](const DecodedBlock& block) {
             const SendTime sent = sendClock_.next(block, packet, now);
             if (played != nullptr) {
+                starts_ = starts_ || block.join == Join::NewStream;
                 played->push(block, now, sent);
             }
         });
@@ -87,6 +84,11 @@ SinkState Outputs::watch(std::int64_t now, std::string& news) {
     if (news.empty() && delayKept_ && sendClock_.jumps() != jumpsReported_) {
         jumpsReported_ = sendClock_.jumps();
         news = "the server's clock has jumped, synchronizing again";
+    }
+    if (news.empty() && std::exchange(starts_, false) && delaySeconds_ >= LONG_DELAY_SECONDS) {
+        char text[64];
+        std::snprintf(text, sizeof text, "the sound starts in %g s", delaySeconds_);
+        news = text;
     }
     return pipe_ != nullptr && pipe_->readerGone() ? SinkState::Closed : SinkState::Open;
 }

@@ -51,10 +51,13 @@ TEST_F(OutputsTest, AServersClockThatJumpsIsToldOnceWhereADelayIsKept) {
               std::vector<std::string>({"the server's clock has jumped, synchronizing again"}));
 }
 
-TEST_F(OutputsTest, ALongSilenceBeforeTheFirstSoundIsToldBeforehand) {
+TEST_F(OutputsTest, ALongSilenceBeforeTheSoundOfEachConnectionIsToldBeforehand) {
     options_.playout.delayMs = 10000;
     ASSERT_TRUE(outputs_.open(options_));
-    EXPECT_EQ(outputs_.warning(), "the sound starts in 10 s");
+    const std::vector<std::string> once{"the sound starts in 10 s"};
+    EXPECT_EQ(take(1, 0), once);
+    tracker_.restart();
+    EXPECT_EQ(take(1, 0), once);
 }
 
 TEST_F(OutputsTest, WithoutADelayAJumpIsOfNoInterest) {
