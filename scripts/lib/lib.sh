@@ -133,7 +133,7 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
 
 Qt 6 does as well: qt6-qtbase-devel and qt6-qtwayland, or qt6-base and qt6-wayland.
 
-Install them, then start the script again with VELANTRIX_SKIP_SETUP=1.
+Install them, then continue with the README.
 NAMES
 }
 
@@ -171,7 +171,7 @@ ensure_packages() {
     fi
     if ! is_debian; then
         print_other_systems
-        fail "packages are installed by itself on Debian and Ubuntu only; see the names above"
+        fail "packages are installed automatically on Debian and Ubuntu only; see the names above"
     fi
     local missing
     mapfile -t missing < <(missing_packages "$@")
@@ -242,7 +242,7 @@ build_preset() {
         }
         rm -f "$repo/build-$preset.log"
         cmake --build "$folder" --parallel "$jobs" ${build_targets:+--target "${build_targets[@]}"}
-    ) || fail "the build in $folder failed; the compiler's words are above"
+    ) || fail "the build in $folder failed; see the compiler's output above"
 }
 
 # Builds for tests that are started by hand, and tells them where the programs are.
