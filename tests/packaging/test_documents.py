@@ -70,6 +70,11 @@ class Documents(unittest.TestCase):
                                     check=False)
             self.assertEqual(result.stderr, "", f"{document.name}: {block[1]}")
 
+    def test_packages_for_arm64_are_those_of_the_script(self):
+        document, script = (set(re.findall(r"[\w.+-]+-dev:arm64", (SOURCE / path).read_text()))
+                            for path in ("docs/arm64.md", "scripts/build-arm64"))
+        self.assertEqual(document, script)
+
     def test_options_of_the_server_exist(self):
         code = (SOURCE / "app/base/command_line.cpp").read_text()
         for document, line in self.each(r"VelantrixServer((?: +-[a-z]+(?: [\w.]+)?)+)"):
