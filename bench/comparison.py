@@ -103,7 +103,7 @@ def best():
         return [name, ", ".join(first["what"]), shown(first[column]) + unit,
                 shown(ours[column]) + unit]
 
-    return table(["least", "whose", "figure", OURS], [
+    return table(["lowest", "program", "figure", OURS], [
         line("delay by default", "delay", " ms"), line("delay, short", "delay", " ms", short=True),
         line("processor, 1 client", "ms", " ms/s"), line("processor, 10 clients", "ms_ten", " ms/s"),
         line("network, 1 client, lossless", "kbit", " kbit/s", lossless=True),

@@ -10,9 +10,9 @@
 //
 // Comma-separated values: what is sent, the median, the least and the greatest delay in
 // milliseconds, that which 99 of 100 clicks stay below, the number of clicks, and how often the
-// sound ran dry, those two minutes included. The shape to expect: a packet, the 5 ms of safety, and
-// a device buffer that waits for its turn: 15 to 20 ms, and 5 ms more for compressed sound, which
-// comes less evenly.
+// sound was missing, those two minutes included. The shape to expect: a packet, the 5 ms of safety,
+// and a device buffer that waits for its turn: 15 to 20 ms, and 5 ms more for compressed sound,
+// which comes less evenly.
 //
 // Everything crosses the loopback interface; nothing answers from outside.
 //

@@ -59,7 +59,7 @@ Lets any browser, internet radio and media player hear a Velantrix Server:
 with a page that plays at a touch, and as endless WAV, FLAC, MP3 and Ogg
 streams, for hundreds of listeners at a time.
 .
-It can feed Icecast servers, too, and runs as a service of the user's
+It can also send to Icecast servers, and runs as a service of the user's
 session.")
 
 include(CPack)

@@ -170,7 +170,7 @@ void Client::handlePacket(const ENetPacket& packet) {
 
 void Client::handleDisconnected(std::uint32_t data) {
     if (data == wire::DISCONNECT_REPLACED) {
-        reporter_.announce("another client has taken this one's place at " + counts_.server);
+        reporter_.announce("replaced by another client at " + counts_.server);
         endWithoutAudio();
     } else if (link_ == Link::Connecting) {
         loseConnection(counts_.server + " does not answer");

@@ -13,7 +13,7 @@ namespace vxlisten {
 
 namespace {
 
-/// How long to wait for other servers after the first answer.
+/// How long to wait for other servers after the first response.
 constexpr std::chrono::milliseconds GRACE{300};
 /// A search for a lost server must not delay the attempts to reach it.
 constexpr std::chrono::milliseconds SHORT_LIMIT{1000};

@@ -28,7 +28,7 @@ int printDevices() {
 
 void print(std::FILE* target, const std::vector<vxlisten::FoundServer>& servers) {
     for (const vxlisten::FoundServer& server : servers) {
-        std::fprintf(target, "%s\t%.1f ms\n", server.address.c_str(), server.answerMs);
+        std::fprintf(target, "%s\t%.1f ms\n", server.address.c_str(), server.responseMs);
     }
 }
 
@@ -43,7 +43,7 @@ bool hasAnswer(const vxlisten::DiscoveryResult& result) {
     return !result.servers.empty();
 }
 
-/// One server a line: address and answer time, separated by a tab.
+/// One server a line: address and response time, separated by a tab.
 int printServers(const vxlisten::ServerChoice& choice) {
     const vxlisten::DiscoveryResult result = vxlisten::listServers(choice);
     print(stdout, result.servers);

@@ -45,8 +45,8 @@ bool Outputs::openSound(const Options& options) {
         warning_ = reason + "; recording only";
         return true;
     }
-    error_ = reason +
-             (options.device.empty() ? " (--no-play listens without it)" : " (see --list-devices)");
+    error_ = reason + (options.device.empty() ? " (use --no-play to listen without one)"
+                                              : " (see --list-devices)");
     return false;
 }
 

@@ -55,7 +55,7 @@ std::string readLogin(const std::string& path, std::string& login) {
         return "cannot read the password file " + path + ": " + reason();
     }
     if ((state.st_mode & (S_IRWXG | S_IRWXO)) != 0) {
-        return "others may read the password file " + path + ": make it private (chmod 600)";
+        return "the password file " + path + " is readable by others: run chmod 600";
     }
     std::string line = contentOf(file);
     if (!line.empty() && line.back() == '\n') {
@@ -64,7 +64,7 @@ std::string readLogin(const std::string& path, std::string& login) {
     const std::size_t colon = line.find(':');
     if (colon == std::string::npos || colon == 0 || colon + 1 == line.size() ||
         line.size() > MAX_LOGIN || line.find_first_of(std::string("\r\n\0", 3)) < line.size()) {
-        return "the password file " + path + " is not one line user:password";
+        return "the password file " + path + " must contain one line, user:password";
     }
     login = std::move(line);
     return {};

@@ -22,7 +22,7 @@ using Milliseconds = std::chrono::milliseconds;
 
 constexpr Milliseconds QUERY_INTERVAL{500};
 constexpr Milliseconds POLL_STEP{50};
-constexpr std::size_t ANSWER_ROOM = 64;
+constexpr std::size_t RESPONSE_ROOM = 64;
 
 class Search {
   public:
@@ -45,7 +45,7 @@ class Search {
                 break;
             }
             const bool hadNone = result_.servers.empty();
-            waitForAnswers();
+            waitForResponses();
             if (isKnown(search_.wanted)) {
                 break;
             }
@@ -77,19 +77,19 @@ class Search {
         return everSent_;
     }
 
-    void waitForAnswers() {
+    void waitForResponses() {
         pollfd waiting = {socket_, POLLIN, 0};
         if (poll(&waiting, 1, static_cast<int>(POLL_STEP.count())) <= 0) {
             return;
         }
-        char answer[ANSWER_ROOM];
+        char response[RESPONSE_ROOM];
         sockaddr_in sender = {};
         socklen_t senderLength = sizeof sender;
-        const ssize_t length = recvfrom(socket_, answer, sizeof answer, 0,
+        const ssize_t length = recvfrom(socket_, response, sizeof response, 0,
                                         reinterpret_cast<sockaddr*>(&sender), &senderLength);
         const std::size_t expected = std::strlen(wire::DISCOVERY_RESPONSE);
         if (length == static_cast<ssize_t>(expected) &&
-            std::memcmp(answer, wire::DISCOVERY_RESPONSE, expected) == 0) {
+            std::memcmp(response, wire::DISCOVERY_RESPONSE, expected) == 0) {
             remember(sender);
         }
     }

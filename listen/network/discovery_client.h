@@ -7,22 +7,22 @@
 
 namespace vxlisten {
 
-/// A server that answered.
+/// A server that responded.
 struct FoundServer {
-    std::string address;  ///< Dotted IPv4.
-    double answerMs = 0;  ///< Milliseconds from the latest query to its first answer.
+    std::string address;    ///< Dotted IPv4.
+    double responseMs = 0;  ///< Milliseconds from the latest query to its first response.
 };
 
 /// How to look for servers.
 struct DiscoverySearch {
     std::vector<std::uint16_t> ports;  ///< Ports that the queries go to.
     std::chrono::milliseconds limit{3000};
-    /// How long to wait for more answers after the first one. Not above `limit`.
+    /// How long to wait for more responses after the first one. Not above `limit`.
     std::chrono::milliseconds grace{3000};
-    std::string wanted;  ///< The search ends as soon as the server at this address answers.
+    std::string wanted;  ///< The search ends as soon as the server at this address responds.
 };
 
-/// The result of a search: servers in the order of their answers, each once. `error` is empty
+/// The result of a search: servers in the order of their responses, each once. `error` is empty
 /// unless no query could be sent.
 struct DiscoveryResult {
     std::vector<FoundServer> servers;

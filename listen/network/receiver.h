@@ -98,7 +98,7 @@ class Receiver {
     ENetHost* host_ = nullptr;  ///< Owned.
     ENetPeer* peer_ = nullptr;  ///< Borrowed from the host.
     ENetAddress address_ = {};
-    std::int64_t pingedAt_ = -1;   ///< Microseconds; -1 while no answer is awaited.
+    std::int64_t pingedAt_ = -1;   ///< Microseconds; -1 while no response is awaited.
     enet_uint16 pingMark_ = 0;     ///< The sent time that the acknowledgement repeats.
     std::int64_t roundTrip_ = -1;  ///< Microseconds; -1: none.
     ThreadCheck thread_;

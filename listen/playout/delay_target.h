@@ -7,10 +7,10 @@
 namespace vxlisten {
 
 /// Decides how much sound to keep buffered: at least what the user chose, and as much more as the
-/// unevenness of the network and of the device, and recent underruns, ask for. Where the user chose
-/// nothing it starts from a value that does on most networks and shrinks to what is asked for. It
-/// grows as soon as a few packets have come later than it covers, or the sound has nearly run dry,
-/// and shrinks back when that has not happened for half a minute or so. Packets that come at once
+/// jitter of the network and of the device, and recent underruns, require. Where the user chose
+/// nothing it starts from a value that suffices on most networks and shrinks to what is required.
+/// It grows as soon as a few packets have come later than it covers, or an underrun was near, and
+/// shrinks back when that has not happened for half a minute or so. Packets that come at once
 /// after a delay count as one, so that a single long stall does not make all later sound late.
 /// Times are given, not taken from a clock. Not thread-safe. Realtime-safe: yes.
 class DelayTarget {
@@ -18,7 +18,7 @@ class DelayTarget {
     static constexpr double MINIMUM_MS = 10;
     static constexpr double MAXIMUM_MS = 500;
 
-    /// It starts at `startMs`, which is the least if the user has `chosen` it.
+    /// It starts at `startMs`, which is the minimum if the user has `chosen` it.
     DelayTarget(double startMs, bool chosen) : start_(startMs), floor_(startMs), chosen_(chosen) {}
 
     /// Notes that the packet which begins `mediaTime` microseconds into its stream came at
@@ -35,7 +35,7 @@ class DelayTarget {
     /// Notes how much is left after the device has got its part: now, and in the mean.
     void noteDepth(double leftMs, double meanMs);
 
-    /// Notes that the sound ran dry.
+    /// Notes an underrun.
     void noteUnderrun();
 
     /// Lets `seconds` pass, after which an old underrun weighs less.
@@ -62,10 +62,10 @@ class DelayTarget {
     static constexpr std::size_t BINS = 2000;
 
     double start_;
-    double floor_;  ///< The least for now.
+    double floor_;  ///< The minimum for now.
     bool chosen_;
     double extra_ = 0;       ///< Milliseconds on account of underruns.
-    double sinceDip_ = 0;    ///< Seconds since the sound nearly ran dry.
+    double sinceDip_ = 0;    ///< Seconds since an underrun was near.
     double demand_ = 0;      ///< How much earlier than in the mean the device asks, milliseconds,
     double demandMean_ = 0;  ///< and that mean: what it asked for against the time.
     std::int64_t demandStart_ = -1;

@@ -13,7 +13,7 @@ namespace {
 /// Longer than 337 packets, after which blocks of 337 frames coincide with packets again.
 constexpr double SPAN_SECONDS = 2.5;
 constexpr std::size_t RECENT_SPANS = 3;
-/// Clocks differ so much, usually, and never by more than the greatest slope (ppm).
+/// Clocks differ so much, usually, and never by more than the maximum slope (ppm).
 constexpr double USUAL_SLOPE = 150;
 constexpr double MAXIMUM_SLOPE = 500;
 /// How much the slope may change with a span, after this many seconds; later less.
@@ -46,7 +46,7 @@ constexpr double OPUS_LOOK_AHEAD = 312;
 /// those of a minute for 0.2 ms.
 constexpr double SECOND_PASS = 500;
 
-/// What `count` values can come down to at the least: even the least of them had to wait, and how
+/// The minimum that `count` values can come down to: even the smallest of them had to wait, and how
 /// far the next ones lie from it tells how long, up to `maximum`. Puts them in order.
 double extrapolatedMinimum(double* values, std::size_t count, double maximum) {
     const std::size_t used = std::min(count, LAST_PLACE);

@@ -25,7 +25,8 @@ packages_test=(
     libgtest-dev libgmock-dev xvfb xauth xdotool openbox imagemagick dbus at-spi2-core
     gir1.2-atspi-2.0 python3-gi libglib2.0-bin x11-utils weston qtwayland5 desktop-file-utils
     appstream mandoc zsh systemd valgrind python3-pytest python3-pyte
-    curl ffmpeg icecast2 mpv vlc-bin vlc-plugin-base openssl python3-selenium zbar-tools
+    curl ffmpeg icecast2 mpv vlc-bin vlc-plugin-base openssl python3-selenium
+    python3-websockets zbar-tools
 )
 packages_qt6=(qt6-base-dev qt6-wayland)
 packages_check=(clang clang-tidy clang-format cppcheck libgtest-dev)
@@ -115,7 +116,7 @@ Fedora:  sudo dnf install gcc-c++ cmake ninja-build pkgconf-pkg-config enet-deve
              openbox ImageMagick dbus-daemon at-spi2-core python3-gobject xprop weston qt5-qtwayland \
              desktop-file-utils appstream mandoc zsh systemd valgrind python3-pytest python3-pyte \
              curl ffmpeg icecast mpv vlc chromium chromedriver python3-selenium zbar \
-             (and Firefox ESR as firefox-esr)
+             python3-websockets (and Firefox ESR as firefox-esr)
          for the checks:  clang clang-tools-extra cppcheck
          for benchmarks:  google-benchmark-devel python3-matplotlib valgrind pulseaudio pulseaudio-utils \
              snapcast
@@ -127,13 +128,13 @@ Arch:    sudo pacman -S base-devel cmake ninja pkgconf enet qt5-base portaudio o
          for the tests:   gtest xorg-server-xvfb xorg-xauth xdotool imagemagick dbus at-spi2-core \
              openbox python-gobject xorg-xprop weston qt5-wayland desktop-file-utils appstream \
              mandoc zsh valgrind python-pytest python-pyte curl ffmpeg icecast mpv vlc chromium \
-             python-selenium zbar (and Firefox ESR as firefox-esr)
+             python-selenium python-websockets zbar (and Firefox ESR as firefox-esr)
          for the checks:  clang cppcheck
          for benchmarks:  benchmark python-matplotlib valgrind pulseaudio
 
 Qt 6 does as well: qt6-qtbase-devel and qt6-qtwayland, or qt6-base and qt6-wayland.
 
-Install them, then start the script again with VELANTRIX_SKIP_SETUP=1.
+Install them, then continue with the README.
 NAMES
 }
 
@@ -171,7 +172,7 @@ ensure_packages() {
     fi
     if ! is_debian; then
         print_other_systems
-        fail "packages are installed by itself on Debian and Ubuntu only; see the names above"
+        fail "packages are installed automatically on Debian and Ubuntu only; see the names above"
     fi
     local missing
     mapfile -t missing < <(missing_packages "$@")
@@ -242,7 +243,7 @@ build_preset() {
         }
         rm -f "$repo/build-$preset.log"
         cmake --build "$folder" --parallel "$jobs" ${build_targets:+--target "${build_targets[@]}"}
-    ) || fail "the build in $folder failed; the compiler's words are above"
+    ) || fail "the build in $folder failed; see the compiler's output above"
 }
 
 # Builds for tests that are started by hand, and tells them where the programs are.

@@ -57,7 +57,7 @@ tree_create() {
         debootstrap --variant=minbase "$2" "$cache/tree" "$debian_mirror" \
             >"$cache/debootstrap.log" 2>&1 || {
             tail -n 20 "$cache/debootstrap.log" >&2
-            fail "no Debian tree could be made; debootstrap's words are above"
+            fail "no Debian tree could be made; see debootstrap's output above"
         }
         touch "$cache/complete"
     fi
@@ -130,7 +130,7 @@ tree_install() {
     shift
     tree_root "$where" apt-get -y -q install "$@" >"$where/install.log" 2>&1 || {
         tail -n 30 "$where/install.log" >&2
-        fail "packages could not be installed in the tree; apt's words are above"
+        fail "packages could not be installed in the tree; see apt's output above"
     }
     rm -f "$where/install.log"
 }
@@ -167,7 +167,7 @@ build_packages() {
     tree_newcomer "$tree" "$1"
     tree_login "$tree" scripts/package >"$tree/package.log" 2>&1 || {
         tail -n 30 "$tree/package.log" >&2
-        fail "the packages could not be built in the tree; the script's words are above"
+        fail "the packages could not be built in the tree; see the script's output above"
     }
     rm -rf "$built"
     mkdir -p "$built"

@@ -64,6 +64,39 @@ class Documents(unittest.TestCase):
                 for option in re.findall(r"--[a-z-]+", line[0]):
                     self.assertRegex(summary, rf"{option}\b", f"{document.name}: {line[0]}")
 
+    def test_commands_can_be_parsed_by_a_shell(self):
+        for document, block in self.each(r"(?s)```sh\n(.*?)```"):
+            result = subprocess.run(["bash", "-n"], input=block[1], text=True, stderr=subprocess.PIPE,
+                                    check=False)
+            self.assertEqual(result.stderr, "", f"{document.name}: {block[1]}")
+
+    def test_packages_for_arm64_are_those_of_the_script(self):
+        document, script = (set(re.findall(r"[\w.+-]+-dev:arm64", (SOURCE / path).read_text()))
+                            for path in ("docs/arm64.md", "scripts/build-arm64"))
+        self.assertEqual(document, script)
+
+    def test_options_of_the_server_exist(self):
+        code = (SOURCE / "app/base/command_line.cpp").read_text()
+        for document, line in self.each(r"VelantrixServer((?: +-[a-z]+(?: [\w.]+)?)+)"):
+            for option in re.findall(r" (-[a-z]+)", line[1]):
+                self.assertIn(f'"{option}"', code, f"{document.name}: {line[0]}")
+
+    def test_options_of_the_scripts_exist(self):
+        for document, line in self.each(r"((?:scripts|bench)/[\w/-]+)((?: +--[a-z]+)+)"):
+            for option in line[2].split():
+                self.assertIn(option, (SOURCE / line[1]).read_text(), f"{document.name}: {line[0]}")
+
+    def test_units_and_firewall_profiles_exist(self):
+        for document, line in self.each(r"systemctl --user [a-z]+(?: --now)?((?:\s+velantrix-[a-z]+)+)"):
+            for unit in line[1].split():
+                self.assertTrue((SOURCE / f"packaging/systemd/{unit}.service.in").exists(),
+                                f"{document.name}: {line[0]}")
+        profiles = "".join(path.read_text() for path in SOURCE.glob("packaging/firewall/*.ufw"))
+        for document, line in self.each(r'ufw allow "([^"]+)"'):
+            self.assertIn(f"[{line[1]}]", profiles, document.name)
+        for document, line in self.each(r"--add-service=(\S+)"):
+            self.assertTrue((SOURCE / f"packaging/firewall/{line[1]}.xml").exists(), document.name)
+
     def test_messages_in_quotes_are_printed_by_a_program(self):
         code = "\n".join(path.read_text() for folder in PROGRAMS
                          for path in (SOURCE / folder).rglob("*.cpp"))

@@ -100,7 +100,7 @@ class OtherNetwork:
         self.holder = subprocess.Popen(
             ["unshare", "-n", "--", "sh", "-c", "echo; exec sleep infinity"],
             stdout=subprocess.PIPE, preexec_fn=die_with_parent)
-        self.holder.stdout.readline()  # The namespace stands once the shell inside it speaks.
+        self.holder.stdout.readline()  # The namespace exists once its shell has printed a line.
         ip("link", "add", "vxhere", "type", "veth", "peer", "name", "vxthere", "netns",
            str(self.holder.pid))
         ip("addr", "add", f"{HERE_ADDRESS}/24", "dev", "vxhere")

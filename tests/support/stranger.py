@@ -1,6 +1,6 @@
 """Strangers: hand-made peers that use ENet's commands, flags and states at random.
 
-Each connects or tries to, does some deeds with some way to acknowledge, and leaves. All that it
+Each connects or tries to, performs some actions with some way to acknowledge, and leaves. All that it
 chooses comes from a generator of random numbers; what it sends depends on the answers, too.
 """
 
@@ -118,7 +118,7 @@ class Stranger(HandMadePeer):
             if self.peer_id is not None:
                 self.send(b"".join(acknowledgement(*one) for one in answers[first:first + 32]))
 
-    # Deeds: each sends something.
+    # Actions: each sends something.
 
     def nothing(self):
         pass
@@ -276,7 +276,7 @@ class Stranger(HandMadePeer):
             self.send(self.reliable(data_request(self.random.randrange(8), self.sometimes(0.5))))
 
     def phase(self, seconds, acknowledge=None, does=None):
-        """Some seconds of one deed, again and again."""
+        """Some seconds of one action, again and again."""
         self.acknowledge = acknowledge or self.random.choice((
             self.in_order, self.in_order, self.in_order, self.never, self.twice,
             self.some_time_later, self.for_what_was_sent_long_ago, self.with_odd_times,

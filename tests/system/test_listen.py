@@ -341,8 +341,7 @@ class Persistence(ListenTest):
         with listening("--no-play", "--single") as first:
             self.assertEqual(listen("--no-play", "--seconds", 1).returncode, 0)
             self.assertEqual(first.wait(), 0)
-            self.assertIn("another client has taken this one's place",
-                          "\n".join(first.err.all()))
+            self.assertIn("replaced by another client at ", "\n".join(first.err.all()))
 
 
 class Display(ListenTest):

@@ -93,7 +93,7 @@ class CommandLine(SystemTest):
         login.chmod(0o644)
         taken = self.enterContext(socket.create_server(("127.0.0.1", 0)))
         for words, sentence in (
-                ([*free, "--password-file", login], "others may read"),
+                ([*free, "--password-file", login], "is readable by others"),
                 ([*free, "--password-file", self.folder / "none"], "No such file"),
                 ([*free, "--certificate", login, "--key", login], "cannot use the certificate"),
                 (["--listen", f"127.0.0.1:{taken.getsockname()[1]}"], "Address already in use"),

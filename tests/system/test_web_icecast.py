@@ -15,8 +15,8 @@ from support.signals import read_wav
 from support.web import Tone, Web, assert_tone
 
 SECONDS = float(os.environ.get("VELANTRIX_WEB_SECONDS", "4"))
-HEARS = re.compile("^Icecast receives the stream: ")
-LOST = re.compile("^Icecast does not receive the stream, ")
+HEARS = re.compile("^sending to Icecast ")
+LOST = re.compile("^cannot send to Icecast ")
 
 
 class IcecastAndRelay(SystemTest):

@@ -159,7 +159,7 @@ class PageTest(SystemTest):
             try:
                 return assert_tone(self, samples, RATE, seconds, name, level, spliced=True)
             except AssertionError as error:
-                print(f"{error}; interruptions: {self.text('figure-underruns')}")
+                print(f"{error}; underruns: {self.text('figure-underruns')}")
                 if not attempts_left:
                     raise
 
@@ -191,7 +191,7 @@ class PageTest(SystemTest):
             self.browser.click(f"input[name=quality][value='{quality}']")
             self.assert_heard(f"{browser.__name__}, {quality}", level=quality != "20")
             print(browser.__name__, quality, self.text("delay"), "buffer", self.text("buffer-now"),
-                  "interruptions", self.text("figure-underruns"))
+                  "underruns", self.text("figure-underruns"))
 
 
 class Insecure(PageTest):
@@ -273,7 +273,7 @@ class InStep(PageTest):
             time.sleep(6)
             deviations = self.deviations()
             print(quality, [round(value, 1) for value in deviations], self.text("figure-in-step"),
-                  self.text("delay"), "interruptions", self.text("figure-underruns"))
+                  self.text("delay"), "underruns", self.text("figure-underruns"))
             if len(deviations) > 6 and abs(statistics.median(deviations)) <= self.WORST_MS:
                 return
         self.fail(f"{quality}: {deviations}")
@@ -392,8 +392,8 @@ class Page(PageTest):
         for wrong in ("300ms", "nan", "10001", ""):
             self.show(f"?delay={wrong}")
             self.assertEqual(
-                self.text("delay-problem"), "A delay is more than 0 and at most 10000 ms, not "
-                f"“{wrong}”: playing without one.")
+                self.text("delay-problem"),
+                f"“{wrong}” is not a delay above 0 and up to 10000 ms; none is used.")
         self.play()
         self.assertLess(self.delay(), 300)
 

@@ -9,7 +9,7 @@ import re
 import subprocess
 import time
 
-from support.harness import PATIENCE, Server, SoundServer, SystemTest, die_with_parent
+from support.harness import PATIENCE, SOURCE, Server, SoundServer, SystemTest, die_with_parent
 from support.processes import NOT_ROOT, wait_until
 from support.signals import read_wav
 from support.web import Tone, Web, assert_tone
@@ -115,6 +115,27 @@ class Players(PlayersTest):
                 samples, rate = read_wav(heard)
                 self.assertEqual(rate, self.expected_rate(stream))
                 assert_tone(self, samples, rate, SECONDS - 1, stream)
+
+    def test_the_commands_of_the_document_work(self):
+        text = (SOURCE / "docs/web.md").read_text(encoding="utf-8")
+        text = text.replace("//192.168.1.20:59080", self.address.removeprefix("http:"))
+        (program,) = re.findall(r"```python\n(.*?)```", text, re.S)
+        shell = "".join(re.findall(r"```sh\n(.*?)```", text, re.S)).replace("\\\n", " ")
+        lines = {line.split()[-1]: ["bash", "-c", f"cd {self.folder}; {line}"]
+                 for line in shell.splitlines() if line.startswith(("curl", "openssl"))}
+        self.assertEqual(len(lines), 4)
+        lines["client"] = ["/usr/bin/python3", "-u", "-c", program]
+        children = {name: self.start(["timeout", SECONDS, *line]) for name, line in lines.items()}
+        endless = ("recording.ogg", "client")
+        texts = {name: self.finish(child, (124,) if name in endless else (0,))
+                 for name, child in children.items()}
+        self.assertIn("'format': 'opus'", texts["client"])
+        self.assertIn('"program":"velantrix-web"', "".join(texts.values()))
+        self.assertIn("<svg", (self.folder / "page.svg").read_text(encoding="utf-8"))
+        self.decode(self.folder / "recording.ogg", self.folder / "recording.wav")
+        secure = self.enterContext(Web("--certificate", self.folder / "velantrix.crt",
+                                       "--key", self.folder / "velantrix.key"))
+        self.assertTrue(secure.address().startswith("https://"))
 
     def test_sound_that_a_slow_listener_lost_is_a_gap_and_not_the_end(self):
         """Who does not read for less than ten seconds keeps the stream."""

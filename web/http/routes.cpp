@@ -59,7 +59,7 @@ Route liveRoute(Route route, std::string_view query) {
     }
     const auto arrivals = queryValue(query, "arrivals");
     if (arrivals && *arrivals != "1") {
-        return badQuery(route, "Arrivals can only be 1.");
+        return badQuery(route, "arrivals must be 1.");
     }
     return soundRoute(route, format == "opus" ? LIVE_OPUS : LIVE_PCM, query, arrivals.has_value());
 }

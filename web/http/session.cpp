@@ -170,7 +170,7 @@ void Session::answer() {
     } else if (route.kind == Route::Kind::Missing) {
         respond(sentence(404, "There is no such address."), traits());
     } else if (request.method() != http::verb::get && request.method() != http::verb::head) {
-        Response response = sentence(405, "Only GET and HEAD are answered.");
+        Response response = sentence(405, "Only GET and HEAD are supported.");
         response.fields = "Allow: GET, HEAD\r\n";
         respond(response, traits());
     } else if (route.kind == Route::Kind::BadQuery) {
@@ -227,9 +227,10 @@ void Session::startLiveSession(const Route& route) {
     if (const auto refusal = refuseUpgrade(request)) {
         respond(*refusal, traits());
     } else if (!bytes_.empty()) {
-        respond(sentence(400, "A WebSocket's client waits for the answer."), traits());
+        respond(sentence(400, "A WebSocket client must wait for the response before sending."),
+                traits());
     } else if (!site_.station.reserve()) {
-        respond(sentence(503, "All places are taken."), traits());
+        respond(sentence(503, "The maximum number of listeners is reached."), traits());
     } else {
         timer_.cancel();
         startLive(connection_, site_.station, worker_, route.channel, request);
@@ -249,7 +250,7 @@ void Session::startStreamSession(const Route& route) {
         return;
     }
     if (!site_.station.reserve()) {
-        respond(sentence(503, "All places are taken."), traits());
+        respond(sentence(503, "The maximum number of listeners is reached."), traits());
         return;
     }
     limitTime([](Session& self) { self.connection_->close(); });

@@ -46,14 +46,14 @@ using Shout = std::unique_ptr<shout_t, ShoutDeleter>;
 std::string reasonOf(int error) {
     switch (error) {
         case SHOUTERR_NOCONNECT:
-            return "it cannot be reached";
+            return "unreachable";
         case SHOUTERR_NOLOGIN:
-            return "it refuses the stream";
+            return "the stream was refused";
         case SHOUTERR_NOTLS:
         case SHOUTERR_TLSBADCERT:
-            return "its certificate is not valid";
+            return "invalid certificate";
         case SHOUTERR_BUSY:
-            return "it does not answer";
+            return "no response";
         default:
             return "the connection was lost";
     }
@@ -214,7 +214,7 @@ void IcecastFeeder::State::run() {
     while (shout != nullptr && waitForStart()) {
         int result = connect(shout.get());
         if (result == SHOUTERR_CONNECTED) {
-            lastLine = "Icecast receives the stream: " + target.name();
+            lastLine = "sending to Icecast " + target.name();
             tell(lastLine);
             setConnected(true);
             const std::int64_t since = steadyNow();
@@ -226,7 +226,7 @@ void IcecastFeeder::State::run() {
         }
         shout_close(shout.get());
         const std::string line =
-            "Icecast does not receive the stream, " + reasonOf(result) + ": " + target.name();
+            "cannot send to Icecast " + target.name() + ": " + reasonOf(result);
         if (line != lastLine) {
             tell(lastLine = line);
         }

@@ -176,7 +176,7 @@ void Upstream::handleDisconnected(std::uint32_t data) {
     if (link_ == Link::Closing) {
         linkSince_ = 0;
     } else if (data == wire::DISCONNECT_REPLACED) {
-        lose("another client has taken this one's place at " + receiver_.serverAddress());
+        lose("replaced by another client at " + receiver_.serverAddress());
         waitUntil_ = steadyNow() + REPLACED_PAUSE;
     } else {
         lose(link_ == Link::Connected

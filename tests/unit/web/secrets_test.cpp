@@ -42,8 +42,8 @@ TEST_F(PasswordFile, OneLineIsTaken) {
 }
 
 TEST_F(PasswordFile, OneThatOthersMayReadIsRefused) {
-    EXPECT_THAT(read("anna:secret\n", 0640), HasSubstr("others may read"));
-    EXPECT_THAT(read("anna:secret\n", 0604), HasSubstr("others may read"));
+    EXPECT_THAT(read("anna:secret\n", 0640), HasSubstr("is readable by others"));
+    EXPECT_THAT(read("anna:secret\n", 0604), HasSubstr("is readable by others"));
     EXPECT_EQ(login, "");
 }
 
@@ -53,7 +53,7 @@ TEST_F(PasswordFile, WhatIsNotUserAndPasswordIsRefusedWithoutBeingShown) {
           std::string("anna:secret\nbert:secret\n"), std::string("anna:se\0cret", 12),
           "anna:" + std::string(2000, 's')}) {
         const std::string problem = read(content);
-        EXPECT_THAT(problem, HasSubstr("is not one line user:password"));
+        EXPECT_THAT(problem, HasSubstr("must contain one line, user:password"));
         EXPECT_THAT(problem, Not(HasSubstr("secret")));
     }
     EXPECT_EQ(login, "");

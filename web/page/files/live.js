@@ -4,8 +4,8 @@ import { readPacket } from './sound/packets.js';
 
 const FIRST_PAUSE_MS = 300;
 const LONGEST_PAUSE_MS = 5000;
-const SILENCE_MS = 6000; // Without any message a connection that gave sound is dead,
-const WAITING_MS = 30000; // one that waits for the server is perhaps.
+const SILENCE_MS = 6000; // Without a message for so long the connection is lost:
+const WAITING_MS = 30000; // after sound, and while it waits for the server.
 
 /**
  * Calls of `listener`: onConnecting(), onFormat({format, sampleRate, title}), onWaiting(),

@@ -6,16 +6,16 @@ import { Player, State } from './player.js';
 import { choose, delayOf, settings } from './settings.js';
 
 const MIN_DB = -60;
-const PEAK_FALL = 26; // dB a second, as the eye likes it.
+const PEAK_FALL = 26; // dB a second, looks natural.
 const HOLD_SECONDS = 1.2;
 const TEXT_INTERVAL_MS = 500;
 
 const TEXTS = {
   [State.STOPPED]: ['Ready', 'Press play to listen.'],
   [State.CONNECTING]: ['Connecting', 'One moment.'],
-  [State.WAITING]: ['Waiting for the server', 'It plays as soon as the server is there.'],
+  [State.WAITING]: ['Waiting for the server', 'Playback starts when the server is available.'],
   [State.PLAYING]: ['Playing', 'Live from the server.'],
-  [State.AWAY]: ['The server is away', 'It plays on by itself when the server is back.'],
+  [State.AWAY]: ['The server is away', 'Playback resumes when the server is back.'],
 };
 
 const element = (id) => document.getElementById(id);
@@ -25,7 +25,6 @@ const show = (id, text) => {
   }
 };
 
-const DELAY_TEXT = 'A delay is more than 0 and at most 10000 ms';
 const linked = new URLSearchParams(location.search).get('delay'); // For this visit.
 let delayText = linked ?? settings.delay;
 let emptyLink = linked === '';
@@ -229,7 +228,8 @@ function showDelay() {
   element('chosen-delay').value = delayText;
   const wrong = emptyLink || delayOf(delayText) === undefined;
   element('chosen-delay').setAttribute('aria-invalid', String(wrong));
-  show('delay-problem', wrong ? `${DELAY_TEXT}, not “${delayText}”: playing without one.` : '');
+  show('delay-problem', wrong
+    ? `“${delayText}” is not a delay above 0 and up to 10000 ms; none is used.` : '');
 }
 
 element('chosen-delay').addEventListener('change', ({ target }) => {
@@ -266,7 +266,7 @@ function showQualities() {
   element('note-no-decoder').hidden = opus || !isSecureContext;
 }
 
-/** The address is that of the QR picture, which another device can reach. */
+/** The address is that of the QR code, which another device can reach. */
 async function showAddress() {
   let address = location.origin;
   try {

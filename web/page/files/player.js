@@ -9,7 +9,7 @@ import { WorkletOutput } from './worklet_output.js';
 
 const VOLUME_SECONDS = 0.02;
 // Firefox deadlocks with PulseAudio when a page asks for outputLatency or getOutputTimestamp()
-// while it plays: one time of a hundred or so.
+// while it plays: about once in a hundred starts.
 const asksOutput = !CSS.supports('-moz-appearance', 'none');
 
 export const State = {

@@ -10,9 +10,8 @@ const MIN_PERIOD_SECONDS = 0.01;
 const FIGURES_MS = 50;
 
 /**
- * Gives sound to the node `target`; `onFigures` hears the figures of Playout some 20 times a second.
- * Sound is scheduled as soon as it has come: what is scheduled covers packets that come late and a
- * page that is kept from its work alike.
+ * Plays into the node `target`; calls `onFigures` about 20 times a second. Scheduling early covers
+ * late packets and a busy page.
  */
 export class ScheduledOutput {
   #context;
@@ -21,8 +20,8 @@ export class ScheduledOutput {
   #left;
   #right;
   #end = 0; // Frames of the context's clock until which sound is scheduled.
-  #margin; // Seconds before that in which nothing can be changed any more,
-  #least; // and in which something must follow, be it silence.
+  #margin; // Seconds before the end in which nothing can be changed;
+  #least; // something must follow by then, if only silence.
   #timers;
 
   constructor(context, target, bufferMs, onFigures) {

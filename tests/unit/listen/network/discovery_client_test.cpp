@@ -67,7 +67,7 @@ TEST_F(DiscoveryClient, FindsTheServerThatAnswers) {
     const auto result = discoverServers(searchFor(responder, 3000));
     ASSERT_EQ(result.servers.size(), 1u);
     EXPECT_EQ(result.servers[0].address, "127.0.0.1");
-    EXPECT_GE(result.servers[0].answerMs, 0.0);
+    EXPECT_GE(result.servers[0].responseMs, 0.0);
     EXPECT_EQ(responder.query, "VelantrixQuery2");
 }
 

@@ -344,7 +344,7 @@ export function aNetworkThatBecomesUnevenIsBufferedFor() {
   const before = session.figures.underruns;
   const sound = session.run(30);
   check(session.figures.targetMs > 60, `the target is ${session.figures.targetMs}`);
-  check(session.figures.underruns === before, `${before} interruptions, then more`);
+  check(session.figures.underruns === before, `${before} underruns, then more`);
   noClick(sound, 'afterwards');
   check(quietest(sound) > 0.6, 'no gap');
 }
@@ -356,7 +356,7 @@ export function aStallIsCaughtUpWith() {
   session.run(5);
   until = session.now + 800;
   noClick(session.run(5), 'the stall');
-  check(session.figures.underruns === 1, `${session.figures.underruns} interruptions`);
+  check(session.figures.underruns === 1, `${session.figures.underruns} underruns`);
   session.run(5);
   check(session.figures.depthMs < 110, `the depth is ${session.figures.depthMs}`);
 }
@@ -439,7 +439,7 @@ export function soundThatIsTakenAtOnceStillLastsOverLatePackets() {
   const sound = session.run(20);
   noClick(sound, 'all');
   check(quietest(sound) > 0.99, 'no gap');
-  check(session.figures.underruns === 0, `${session.figures.underruns} interruptions`);
+  check(session.figures.underruns === 0, `${session.figures.underruns} underruns`);
   near(session.figures.depthMs, session.figures.targetMs, 6, 'the depth, with what is scheduled');
   near(session.figures.targetMs, 12 + PACKET_MS + 5 + session.least, 4, 'the target');
 }
@@ -450,7 +450,7 @@ export function soundThatBrokeOffBeginsAgainOnceItIsBuffered() {
   session.run(5);
   session.now += 100; // The page is kept from its work.
   session.run(5);
-  check(session.figures.underruns === 1, `${session.figures.underruns} interruptions`);
+  check(session.figures.underruns === 1, `${session.figures.underruns} underruns`);
   check(session.figures.playing, 'it plays');
   near(session.figures.depthMs, session.figures.targetMs, 12, 'the depth');
 }
@@ -612,6 +612,6 @@ export function soundThatBreaksOffComesBackWhenItIsDue() {
   session.run(3);
   until = session.now + 600;
   noClick(session.run(4), 'the stall');
-  check(session.figures.underruns === 1, `${session.figures.underruns} interruptions`);
+  check(session.figures.underruns === 1, `${session.figures.underruns} underruns`);
   near(session.figures.lateMs, 0, 1, 'how late it is');
 }

@@ -183,7 +183,7 @@ TEST_F(IcecastFeederTest, TheServerGetsTheHeaderAndThenWhatIsEmitted) {
     const auto fed = feeder();
     fed->start("HEADER");
     ASSERT_TRUE(linesReach(1));
-    EXPECT_EQ(lines()[0], "Icecast receives the stream: " + name() + "/velantrix.ogg");
+    EXPECT_EQ(lines()[0], "sending to Icecast " + name() + "/velantrix.ogg");
     ASSERT_TRUE(serverHears("HEADER"));
     fed->push(chunk("one"));
     fed->push(chunk("two"));
@@ -207,7 +207,7 @@ TEST_F(IcecastFeederTest, AfterARestartOfTheServerEachStateIsToldOnceAndTheStrea
     ASSERT_TRUE(serverHears("again"));
     EXPECT_EQ(server_.received(), "HEADERagain");
     const auto all = lines();
-    EXPECT_EQ(all.front(), "Icecast receives the stream: " + name() + "/velantrix.ogg");
+    EXPECT_EQ(all.front(), "sending to Icecast " + name() + "/velantrix.ogg");
     EXPECT_EQ(all.back(), all.front());
     for (std::size_t i = 1; i < all.size(); ++i) {
         EXPECT_NE(all[i], all[i - 1]);
@@ -220,8 +220,8 @@ TEST_F(IcecastFeederTest, ARefusalIsToldWithoutThePassword) {
     const auto fed = feeder();
     fed->start("HEADER");
     ASSERT_TRUE(linesReach(1));
-    EXPECT_EQ(lines()[0], "Icecast does not receive the stream, it refuses the stream: " + name() +
-                              "/velantrix.ogg");
+    EXPECT_EQ(lines()[0],
+              "cannot send to Icecast " + name() + "/velantrix.ogg: the stream was refused");
     ASSERT_TRUE(wait([&] { return server_.connections() >= 3; }));
     EXPECT_EQ(lines().size(), 1u);
 }

@@ -7,7 +7,7 @@ const BINS = 800; // Of a millisecond each.
 const MEMORY = 1 - 1 / 4000; // Weight that a packet keeps when the next one comes.
 const UNCOVERED = 0.002; // Share of the packets that may come too late,
 const EXCEPTIONS = 1; // but so many at any rate.
-const SETTLING_MS = 1500; // The page is busy while it begins, which says nothing of the network.
+const SETTLING_MS = 1500; // While the page starts, arrivals say nothing about the network.
 const CATCHING_UP_MS = 1;
 const SAFETY_MS = 5;
 const USUAL_JITTER_MS = 10;
@@ -16,8 +16,8 @@ const MAX_EXTRA_MS = 300;
 const EXTRA_LOSS_PER_SECOND = 1;
 
 /**
- * The target: at least what the user chose, and as much more as the recent unevenness of the
- * packets and recent underruns ask for. It grows as soon as a few packets have come later than it
+ * The target: at least what the user chose, and as much more as recent jitter and recent
+ * underruns require. It grows as soon as a few packets have come later than it
  * covers and shrinks when that has not happened for half a minute or so. Packets that catch up after
  * a delay count as one with it. All times are given, in milliseconds.
  */
@@ -91,7 +91,7 @@ export class DelayTarget {
     this.#jitter = i;
   }
 
-  /** Forgets what was, as for a new stream: the end of the last one was no unevenness. */
+  /** Forgets what was, as for a new stream: the end of the last one was not jitter. */
   restart() {
     this.#extra = 0;
     this.#settling = SETTLING_MS;

@@ -16,7 +16,7 @@ export class DriftControl {
   #integral = 0;
   #gain;
 
-  /** `ppmPerMs`: the greater, the sooner a deviation is made good. */
+  /** `ppmPerMs`: the greater, the sooner a deviation is corrected. */
   constructor(ppmPerMs = PPM_PER_MS) {
     this.#gain = ppmPerMs;
   }

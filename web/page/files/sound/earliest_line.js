@@ -15,10 +15,10 @@ export class EarliestLine {
   #slope = 0;
   #offset = 0;
 
-  /** Notes that what is from `time` of the other clock (seconds) came `residual` ms after it. */
+  /** Notes an arrival `residual` ms after its sending at `time` (seconds, other clock). */
   note(time, residual) {
     if (this.#spans.length > 0 && this.at(time) - residual > LEAP_MS) {
-      this.#spans = []; // One of the clocks has leapt.
+      this.#spans = []; // One of the clocks has jumped.
     }
     let span = this.#spans.at(-1);
     if (!span || time - span.begin >= SPAN_SECONDS) {
@@ -32,7 +32,7 @@ export class EarliestLine {
     this.#fit();
   }
 
-  /** Forgets what is old, and what was before the other clock leapt. */
+  /** Forgets what is old, and what was before the other clock jumped. */
   #judge() {
     const spans = this.#spans;
     if (spans.length > 1 && spans.at(-1).least - this.at(spans.at(-1).time) > LEAP_MS) {

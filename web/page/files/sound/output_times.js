@@ -11,7 +11,7 @@ function median(values) {
 }
 
 /**
- * Joins the clock of the output's frames with this computer's, by time stamps that waver: the line
+ * Joins the clock of the output's frames with this computer's, by noisy time stamps: the line
  * through the medians of the last ten seconds. Times are in milliseconds.
  */
 export class OutputTimes {

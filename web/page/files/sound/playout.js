@@ -19,7 +19,7 @@ const EXCESS_SHARE = 0.5;
 // Outputs take their time to begin, and sound piles up meanwhile.
 const BEGIN_SECONDS = 4;
 const BEGIN_EXCESS_MS = 12;
-// Much less sound than the target is made up for by stretching, for the drift correction is slow.
+// A large shortage is made up by stretching; drift correction is too slow.
 const MAX_SHORTAGE_MS = 15;
 const SHORTAGE_SHARE = 0.3;
 const SMALL_SHORTAGE_MS = 4;
@@ -48,7 +48,7 @@ export class Playout {
   #stretching = false;
   #everPlayed = false;
   #fresh = false; // Something has come since the depth was looked at.
-  #ending = false; // The stream has ended, and is to run dry.
+  #ending = false; // The stream has ended; what is buffered is played.
   #peak = [0, 0];
   #figures = {
     playing: false,
@@ -60,7 +60,7 @@ export class Playout {
     stretched: 0, // Packets played longer, to buffer more.
   };
 
-  /** `bufferMs` is the least sound to keep buffered. */
+  /** `bufferMs` is the minimum to keep buffered. */
   constructor(outputRate, bufferMs) {
     this.#outputRate = outputRate;
     this.#target = new DelayTarget(bufferMs);

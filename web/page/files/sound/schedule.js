@@ -4,7 +4,7 @@ import { DriftControl } from './drift_control.js';
 
 const PPM_PER_MS = 200; // Ten seconds to come into step.
 // What is further from its time begins anew: at first little is known of the times, and later it
-// comes of an interruption.
+// results from an interruption.
 const MAX_LATENESS_MS = 20;
 const FIRST_MAX_LATENESS_MS = 8;
 const FIRST_MS = 8000;
@@ -67,7 +67,7 @@ export class Schedule {
     return this.#late;
   }
 
-  /** True when that is more than correction() can make good in a while. */
+  /** True when that is more than correction() can correct in a while. */
   get astray() {
     const most = this.#time - this.#begin < FIRST_MS ? FIRST_MAX_LATENESS_MS : MAX_LATENESS_MS;
     return Math.abs(this.#late) > most;
