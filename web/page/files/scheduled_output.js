@@ -8,6 +8,7 @@ const TIMER_MS = 8;
 const FADE_SECONDS = 0.003;
 const MIN_PERIOD_SECONDS = 0.01;
 const FIGURES_MS = 50;
+const PAUSE_MS = 25; // Of the page's thread, as to collect garbage; more is rare.
 
 /**
  * Plays into the node `target`; calls `onFigures` about 20 times a second. Scheduling early covers
@@ -31,7 +32,7 @@ export class ScheduledOutput {
     const period = Math.max(MIN_PERIOD_SECONDS, context.baseLatency ?? 0);
     this.#margin = period + FADE_SECONDS;
     this.#least = period + this.#margin;
-    this.#playout.setUnusable(1000 * this.#least);
+    this.#playout.setUnusable(1000 * this.#least + PAUSE_MS);
     const frames = Math.round(MAX_PIECE_SECONDS * context.sampleRate);
     this.#left = new Float32Array(frames);
     this.#right = new Float32Array(frames);
