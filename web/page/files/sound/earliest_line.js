@@ -4,7 +4,7 @@ const SPAN_SECONDS = 2.5; // In which the server's sendings come as early as the
 const MAX_SPANS = 12;
 const SLOPE_SPANS = 5; // So many tell how fast the other clock runs.
 const MAX_SLOPE = 0.5; // Milliseconds a second.
-const LEAP_MS = 30;
+const JUMP_MS = 30;
 
 /**
  * Against another clock everything arrives late, by more or by less: the earliest arrivals of a while
@@ -17,7 +17,7 @@ export class EarliestLine {
 
   /** Notes an arrival `residual` ms after its sending at `time` (seconds, other clock). */
   note(time, residual) {
-    if (this.#spans.length > 0 && this.at(time) - residual > LEAP_MS) {
+    if (this.#spans.length > 0 && this.at(time) - residual > JUMP_MS) {
       this.#spans = []; // One of the clocks has jumped.
     }
     let span = this.#spans.at(-1);
@@ -35,7 +35,7 @@ export class EarliestLine {
   /** Forgets what is old, and what was before the other clock jumped. */
   #judge() {
     const spans = this.#spans;
-    if (spans.length > 1 && spans.at(-1).least - this.at(spans.at(-1).time) > LEAP_MS) {
+    if (spans.length > 1 && spans.at(-1).least - this.at(spans.at(-1).time) > JUMP_MS) {
       spans.splice(0, spans.length - 1);
     } else if (spans.length === MAX_SPANS) {
       spans.shift();

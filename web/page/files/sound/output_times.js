@@ -4,7 +4,7 @@ const WINDOW_MS = 10000;
 const READY_STAMPS = 10;
 const MIN_STAMPS = 60; // So many tell how fast the output runs.
 const MAX_SLOPE = 5e-4;
-const LEAP_MS = 12;
+const JUMP_MS = 12;
 
 function median(values) {
   return [...values].sort((a, b) => a - b)[values.length >> 1];
@@ -27,14 +27,14 @@ export class OutputTimes {
     }
     this.#stamps = this.#stamps.filter((stamp) => frame - stamp.frame < WINDOW_MS);
     this.#stamps.push({ frame, residual });
-    this.#forgetLeap();
+    this.#forgetJump();
     this.#fit();
   }
 
   /** Where the last ones are all elsewhere the output has paused. */
-  #forgetLeap() {
+  #forgetJump() {
     const last = this.#stamps.slice(-READY_STAMPS);
-    const far = ({ frame, residual }) => Math.abs(residual - this.#at(frame)) > LEAP_MS;
+    const far = ({ frame, residual }) => Math.abs(residual - this.#at(frame)) > JUMP_MS;
     if (this.#stamps.length > READY_STAMPS && last.every(far)) {
       this.#stamps = last;
     }

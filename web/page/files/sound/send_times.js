@@ -60,7 +60,7 @@ export class SendTimes {
 
   /**
    * When the first frame of a packet counts as sent: what was captured at the same moment has the
-   * same time, in whatever packets it comes. `roundTrip` is the least to velantrix-web and back.
+   * same time, in whatever packets it comes. `roundTrip` is the minimum to velantrix-web and back.
    */
   sentAt({ sequence, frames }, rate, roundTrip) {
     const held = this.#opus ? OPUS_LOOK_AHEAD : 0;
