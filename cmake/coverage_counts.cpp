@@ -56,6 +56,7 @@ void _exit(int status) {
 
 void abort() {
     writeCounts();
+    ::raise(SIGABRT);  // A handler comes first, as with the library's.
     ::signal(SIGABRT, SIG_DFL);
     ::raise(SIGABRT);
     ::_exit(127);
