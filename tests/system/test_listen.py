@@ -347,6 +347,7 @@ class Persistence(ListenTest):
 class Display(ListenTest):
     def check_display(self, columns):
         self.sound.play(sine(1000, 16384, self.rate * 20, self.rate))
+        wait_until(lambda: self.sound.control("list", "short", "sink-inputs"), "the tone is played")
         command = listen_command("--no-play", "--rate", 64, "--seconds", 4)
         with TerminalProcess(command, clean_environment(), columns) as terminal:
             terminal.wait_for("receiving")
