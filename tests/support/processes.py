@@ -189,9 +189,9 @@ def descendants(pid):
     return found
 
 
-def prefer(pid):
-    """Lets a program and its children go before ordinary ones, where that is allowed."""
+def prefer(pid, priority=1):
+    """Gives a program and its children real-time priority, where that is allowed."""
     for process in descendants(pid):
         with contextlib.suppress(OSError):
             for task in os.listdir(f"/proc/{process}/task"):
-                os.sched_setscheduler(int(task), os.SCHED_RR, os.sched_param(1))
+                os.sched_setscheduler(int(task), os.SCHED_RR, os.sched_param(priority))
