@@ -33,7 +33,6 @@ bool Outputs::open(const Options& options) {
 }
 
 bool Outputs::openSound(const Options& options) {
-    delayKept_ = options.playout.delayMs.has_value();
     delaySeconds_ = options.playout.delayMs.value_or(0) / 1000.0;
     sound_ = std::make_unique<SoundKeeper>(options.device, options.playout);
     if (sound_->open(steadyNow())) {
@@ -81,7 +80,7 @@ SinkState Outputs::watch(std::int64_t now, std::string& news) {
     if (sound_ != nullptr) {
         news = sound_->watch(now);
     }
-    if (news.empty() && delayKept_ && sendClock_.jumps() != jumpsReported_) {
+    if (news.empty() && delaySeconds_ > 0 && sendClock_.jumps() != jumpsReported_) {
         jumpsReported_ = sendClock_.jumps();
         news = "the server's clock has jumped, synchronizing again";
     }

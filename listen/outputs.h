@@ -63,9 +63,8 @@ class Outputs {
 
     StreamDecoder decoder_;
     SendClock sendClock_;
-    bool delayKept_ = false;
-    double delaySeconds_ = 0;
-    bool starts_ = false;  ///< A stream to be played, since the last watch().
+    double delaySeconds_ = 0;  ///< To be kept; 0 for none.
+    bool starts_ = false;      ///< A stream to be played, since the last watch().
     unsigned jumpsReported_ = 0;
     Timeline timeline_;
     std::unique_ptr<Recorder> recorder_;

@@ -40,8 +40,8 @@ Resampler makeResampler(int from, int to) {
     Resampler resampler(speex_resampler_init(CHANNELS, static_cast<unsigned>(from),
                                              static_cast<unsigned>(to), QUALITY, &error));
     if (resampler != nullptr) {
-        setRatio(resampler.get(), from, to, SteeredResampler::MAXIMUM_PPM,
-                 0);  // All it ever needs.
+        // The first ratio allocates all that is ever needed.
+        setRatio(resampler.get(), from, to, SteeredResampler::MAXIMUM_PPM, 0);
         setRatio(resampler.get(), from, to, 0, 0);
     }
     return resampler;
