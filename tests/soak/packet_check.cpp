@@ -51,7 +51,7 @@ std::string PacketCheck::check(const ENetPacket& packet, bool mayBeLate) {
         return problem;
     }
     countPacket(packet, header);
-    problem = checkOrder(header);
+    problem = checkOrder(header, mayBeLate);
     const std::string age = checkAge(header, mayBeLate);
     if (problem.empty()) {
         problem = age;
@@ -92,7 +92,7 @@ void PacketCheck::countPacket(const ENetPacket& packet, const wire::PacketHeader
     }
 }
 
-std::string PacketCheck::checkOrder(const wire::PacketHeader& header) {
+std::string PacketCheck::checkOrder(const wire::PacketHeader& header, bool mayBeLate) {
     std::optional<std::uint32_t>& last = isRaw(header) ? lastRaw : lastCompressed;
     const std::optional<std::uint32_t> before = last;
     last = header.seq;
@@ -107,7 +107,7 @@ std::string PacketCheck::checkOrder(const wire::PacketHeader& header) {
     if (header.seq < *before) {
         ++(isRaw(header) ? tally.rawWraps : tally.compressedWraps);
     }
-    if (!header.reliable() || header.flags != previous.flags || !previous.upToDate) {
+    if (mayBeLate || !header.reliable() || header.flags != previous.flags || !previous.upToDate) {
         return {};
     }
     ++tally.steps;

@@ -45,7 +45,7 @@ class PacketCheck {
     };
 
     std::string checkForm(const ENetPacket& packet, const wire::PacketHeader& header) const;
-    std::string checkOrder(const wire::PacketHeader& header);
+    std::string checkOrder(const wire::PacketHeader& header, bool mayBeLate);
     std::string checkAge(const wire::PacketHeader& header, bool mayBeLate);
     std::string checkSound(const ENetPacket& packet, const wire::PacketHeader& header);
     std::string checkFrames(const unsigned char* frames, std::uint64_t first,

@@ -32,8 +32,9 @@ constexpr std::chrono::milliseconds PATIENCE_WHEN_THROTTLED{15000};
 constexpr std::chrono::milliseconds PATIENCE{1000};
 constexpr std::chrono::milliseconds PATIENCE_AFTER_STALL{3000};
 
-// A machine that keeps this process waiting makes receive buffers overflow. What ENet measured of
-// a wait before is in the time after which it repeats a reliable packet: some seconds.
+// A machine that keeps this process waiting makes receive buffers overflow, of packets and of
+// acknowledgements: then even a client that is up to date may lose its queue. What ENet measured
+// of a wait before is in the time after which it repeats a reliable packet: some seconds.
 constexpr std::chrono::milliseconds RECOVERY{10000};
 
 }  // namespace

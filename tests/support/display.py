@@ -12,12 +12,14 @@ import subprocess
 import tempfile
 import unittest
 
+from support.harness import Server
 from support.processes import PATIENCE, Process, die_with_parent, wait_until
 from support.sound import clean_environment
 
 BUS_LAUNCHERS = ("/usr/libexec/at-spi-bus-launcher", "/usr/lib/at-spi2-core/at-spi-bus-launcher")
 BUS_VARIABLE = "VELANTRIX_TEST_ACCESSIBILITY_BUS"
 ATTEMPTS = 5
+STATUS_TIP = "Information on connected clients"
 
 
 class XServer:
@@ -134,6 +136,25 @@ class Display:
         unittest.addModuleCleanup(display.__exit__)
         return display
 
+    def server(self, *arguments, sound=None, env=None, **options):
+        """A server with a window on this screen."""
+        variables = dict(self.env)
+        if sound is not None:
+            variables.update(sound.env)
+            variables["XDG_RUNTIME_DIR"] = self.env["XDG_RUNTIME_DIR"]
+        else:
+            del variables["HOME"], variables["XDG_RUNTIME_DIR"]
+        variables.update(env or {})
+        return Server(*arguments, sound=sound, env=variables, gui=True, **options)
+
+    @contextlib.contextmanager
+    def seen_server(self, *arguments, **options):
+        """Such a server and the View of it."""
+        with self.server(*arguments, **options) as server:
+            view = View(server)
+            view.wait_until_there()
+            yield server, view
+
     def run(self, *command, check=True):
         """Runs an X tool on this screen; returns what it printed."""
         done = subprocess.run(command, env=self._environment(), stdout=subprocess.PIPE,
@@ -246,3 +267,8 @@ class View:
     def wait_for(self, look, what):
         """Waits for a true value of ``look(self)``."""
         return wait_until(lambda: look(self), what)
+
+    def wait_status(self, text, timeout=PATIENCE):
+        """Waits for the window's line about clients."""
+        wait_until(lambda: self.lines().get(STATUS_TIP) == text,
+                   f"the status line says {text!r}", timeout)

@@ -17,8 +17,8 @@ import tempfile
 import time
 import unittest
 
-import test_window
 from support.attacker import DISCOVERY_PORT, Attacker
+from support.display import Display
 from support.enet_wire import Recorder, connect_peers
 from support.harness import (DEFAULT_PORT, HERE_ADDRESS, OtherNetwork, Server, SoundServer,
                              SystemTest, has_sanitizer, resident_bytes, wait_until,
@@ -43,6 +43,7 @@ ACKNOWLEDGEMENTS = max(500, DATAGRAMS // 20)  # Of a client that is forged: they
 STRANGERS, AT_ONCE_ALIVE = 400 if LONG else 40, 40  # Of a walk.
 SHARING = 3  # So many of them share the server at a time: nobody's place is taken.
 PAUSE, LONGEST_LIFE = 45.0, 60.0  # Seconds after it: for newcomers to hear, for all to be gone.
+SILENT_S = 60.0  # ENet waits up to 30 s for a silent peer.
 LONGEST_WAIT = 3.0  # Seconds from one packet of sound to the next.
 TONE, TONE_LEVEL, TONE_SECONDS = 440, 9000, 900 if LONG else 300
 
@@ -492,23 +493,19 @@ class Walk(HostileNetwork):
 class Shown(SystemTest):
     """The count in the window, while a crowd comes and goes."""
 
-    def wait_status(self, view, text):
-        wait_until(lambda: view.lines().get(test_window.STATUS_TIP) == text,
-                   f"the status line says {text!r}", 60)  # ENet waits up to 30 s for who is silent.
-
     def test_count_follows_the_crowd(self):
-        test_window.setUpModule()
-        with OtherNetwork() as network, SoundServer() as sound, test_window.seen_server(
+        display = self.enterContext(Display())
+        with OtherNetwork() as network, SoundServer() as sound, display.seen_server(
                 sound=sound, rate=48000) as (server, view), Probe(self.folder) as probe:
             server.wait_for_capture()
             with Attacker(network, HERE_ADDRESS, "peers", MAX_PEERS, MULTI_CLIENT):
-                self.wait_status(view, f"Connected ({MAX_PEERS})")
-            self.wait_status(view, "Disconnected")
+                view.wait_status(f"Connected ({MAX_PEERS})", SILENT_S)
+            view.wait_status("Disconnected", SILENT_S)
             with Attacker(network, HERE_ADDRESS, "peers", MAX_PEERS, MULTI_CLIENT | 1) as attacker:
-                self.wait_status(view, f"Connected ({SLOTS})")
+                view.wait_status(f"Connected ({SLOTS})", SILENT_S)
                 attacker.leave()
-                self.wait_status(view, "Disconnected")
+                view.wait_status("Disconnected", SILENT_S)
             client = probe.connect()
             client.request()
-            self.wait_status(view, f"Connected to {client.name}")
+            view.wait_status(f"Connected to {client.name}", SILENT_S)
             self.assertEqual(sequence_gaps(client.wait_packets(50)), 0)

@@ -7,11 +7,10 @@ import signal
 import stat
 import time
 
-from support.display import Display, View
-from support.harness import PATIENCE, Server, SoundServer, SystemTest, busy_port, wait_until
+from support.display import Display
+from support.harness import PATIENCE, SoundServer, SystemTest, busy_port, wait_until
 from support.probe import Probe
 
-STATUS_TIP = "Information on connected clients"
 ADDRESS_TIP = "IP address of this server (computer), to enter in app"
 BUTTON = "Open Pulse Audio\nVolume Control"
 BUSY = "Network port busy (another Velantrix Server may already be running)"
@@ -27,38 +26,12 @@ def setUpModule():
     display = Display.of_module()
 
 
-def gui_server(*arguments, sound=None, env=None, **options):
-    variables = dict(display.env)
-    if sound is not None:
-        variables.update(sound.env)
-        variables["XDG_RUNTIME_DIR"] = display.env["XDG_RUNTIME_DIR"]
-    else:
-        del variables["HOME"], variables["XDG_RUNTIME_DIR"]
-    variables.update(env or {})
-    return Server(*arguments, sound=sound, env=variables, gui=True, **options)
-
-
-@contextlib.contextmanager
-def seen_server(*arguments, **options):
-    """A server and the View of it."""
-    with gui_server(*arguments, **options) as server:
-        view = View(server)
-        view.wait_until_there()
-        yield server, view
-
-
 class Texts(SystemTest):
-    def status(self, view):
-        return view.lines().get(STATUS_TIP)
-
-    def wait_status(self, view, text):
-        wait_until(lambda: self.status(view) == text, f"the status line says {text!r}")
-
     def test_texts_follow_sound_and_clients(self):
-        with SoundServer() as sound, seen_server(sound=sound, rate=48000) as (server, view):
+        with SoundServer() as sound, display.seen_server(sound=sound, rate=48000) as (server, view):
             view.wait_for(lambda v: "Audio capture running at 48 kHz" in v.names("label"),
                           "the running capture shows")
-            self.assertEqual(self.status(view), "Disconnected")
+            view.wait_status("Disconnected")
             self.assertTrue(view.lines()[ADDRESS_TIP])
             view.wait_for(lambda v: v.names("frame") == ["Velantrix Server"], "the short title")
             self.assertEqual([name for name in view.names("label") if name.endswith(":")],
@@ -66,17 +39,17 @@ class Texts(SystemTest):
             self.assertEqual(view.names("push button"), [BUTTON])
             with Probe(self.folder) as probe:
                 first = probe.connect()
-                self.wait_status(view, "Connected")
+                view.wait_status("Connected")
                 first.request(name="K\u00fcche \u266b")
-                self.wait_status(view, "Connected to K\u00fcche \u266b")
+                view.wait_status("Connected to K\u00fcche \u266b")
                 second = probe.connect()
-                self.wait_status(view, "Connected (2)")
+                view.wait_status("Connected (2)")
                 second.request(name="Desk")
-                self.wait_status(view, "Connected to Desk (2)")
+                view.wait_status("Connected to Desk (2)")
                 first.disconnect()
-                self.wait_status(view, "Connected to Desk")
+                view.wait_status("Connected to Desk")
                 second.disconnect()
-                self.wait_status(view, "Disconnected")
+                view.wait_status("Disconnected")
             self.assert_ends_cleanly(server)
 
 
@@ -99,7 +72,7 @@ class VolumeControl(SystemTest):
         self.env = {"PATH": f"{self.folder}:{os.environ['PATH']}"}
 
     def test_button_starts_it_and_the_server_goes_on(self):
-        with seen_server(env=self.env) as (server, view):
+        with display.seen_server(env=self.env) as (server, view):
             view.press(BUTTON)
             wait_until(self.record.exists, "the stand-in runs")
             process, *descriptors = map(int, self.record.read_text().split())
@@ -124,7 +97,7 @@ class BusyPort(SystemTest):
         self.enterContext(busy_port())
 
     def test_box_tells_and_ok_ends_with_status_255(self):
-        with seen_server() as (server, view):
+        with display.seen_server() as (server, view):
             view.wait_for(lambda v: BUSY in v.names("label"), "the box tells the reason")
             time.sleep(1)
             self.assertIsNone(server.child.poll(), "the program waits for the user")
@@ -133,13 +106,13 @@ class BusyPort(SystemTest):
 
     def test_box_ends_with_status_255_every_time(self):
         for _ in range(int(os.environ.get("VELANTRIX_BUSY_BOXES", "10"))):
-            with gui_server() as server:
+            with display.server() as server:
                 wait_until(lambda: len(display.windows(server)) > 1, "the box shows")
                 press_return_until_end(server)
                 self.assertEqual(server.wait(), FATAL)
 
     def test_stop_signal_with_the_box_open_ends_with_status_255(self):
-        with gui_server() as server:
+        with display.server() as server:
             wait_until(lambda: len(display.windows(server)) > 1, "the box shows")
             begin = time.monotonic()
             self.assertEqual(server.stop(), FATAL)
@@ -157,7 +130,7 @@ class BindWarning(SystemTest):
     """The box about a bind address that does not exist delays the start until it is closed."""
 
     def test_sound_is_opened_only_after_the_box_is_closed(self):
-        with seen_server("-b", "no.such.host") as (server, view):
+        with display.seen_server("-b", "no.such.host") as (server, view):
             wait_bind_warning(view)
             time.sleep(1)
             self.assertNotIn(PORTAUDIO, server.out.all())
@@ -177,7 +150,7 @@ def wait_bind_warning(view):
 
 class Closing(SystemTest):
     def test_closing_the_window_ends_with_status_0(self):
-        with SoundServer() as sound, gui_server(sound=sound) as server:
+        with SoundServer() as sound, display.server(sound=sound) as server:
             server.wait_for_capture()
             display.close_window(display.wait_window(server))
             self.assertEqual(server.wait(), 0)
