@@ -109,7 +109,7 @@ class Program {
         for (const std::string& address : addresses) {
             say(address);
         }
-        site_.reset(new Site{Doors(names(options_), login), options_.title, addresses.front(),
+        site_.reset(new Site{Access(names(options_), login), options_.title, addresses.front(),
                              std::move(tls), station_});
         allowManyDescriptors();
         return {};
@@ -138,7 +138,7 @@ class Program {
         signals_.clear();
         server_.close();
         for (const auto& worker : workers_) {
-            boost::asio::post(worker->context(), [&worker] { worker->farewell(); });
+            boost::asio::post(worker->context(), [&worker] { worker->shutDown(); });
         }
         station_.close();
         endBefore_ = std::chrono::steady_clock::now() + END_TIMEOUT;

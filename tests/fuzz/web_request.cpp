@@ -2,7 +2,7 @@
 // requests it refuses. An input: the length of the pieces, then what arrives.
 
 #include "tests/fuzz/fuzz_input.h"
-#include "web/http/doors.h"
+#include "web/http/access.h"
 #include "web/http/request_reader.h"
 #include "web/http/response.h"
 #include "web/http/routes.h"
@@ -37,8 +37,8 @@ int LLVMFuzzerInitialize(int* /*argc*/, char*** /*argv*/) {
 }
 
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-    static const vxweb::Doors OPEN({"kitchen"}, "");
-    static const vxweb::Doors CLOSED({"kitchen"}, "anna:secret");
+    static const vxweb::Access OPEN({"kitchen"}, "");
+    static const vxweb::Access CLOSED({"kitchen"}, "anna:secret");
     FuzzInput input(data, size);
     RequestReader reader;
     if (read(reader, input, 1U + input.byte()) != RequestReader::State::Complete) {

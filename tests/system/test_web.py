@@ -1,4 +1,4 @@
-"""velantrix-web as a program: its command line, the server it follows, its end, and closed doors."""
+"""velantrix-web as a program: its command line, the server it follows, its end, and access."""
 
 import json
 import re

@@ -110,7 +110,7 @@ class LiveSession : public Subscriber, public std::enable_shared_from_this<LiveS
         }
     }
 
-    void farewell() override {
+    void shutDown() override {
         socket_.async_close(websocket::close_code::going_away,
                             [self = shared_from_this()](const Error&) {});
     }

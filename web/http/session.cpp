@@ -23,7 +23,7 @@ namespace {
 
 namespace http = boost::beast::http;
 
-constexpr std::chrono::seconds PATIENCE{10};
+constexpr std::chrono::seconds STEP_TIMEOUT{10};
 
 std::string_view toView(boost::beast::string_view text) {
     return {text.data(), text.size()};
@@ -65,7 +65,7 @@ class Session : public std::enable_shared_from_this<Session> {
     /// Calls `late` after the time-out, unless this is called again before.
     template <class Late>
     void limitTime(Late late) {
-        timer_.expires_after(PATIENCE);
+        timer_.expires_after(STEP_TIMEOUT);
         timer_.async_wait([weak = weak_from_this(), late](const Error& error) {
             const auto self = weak.lock();
             if (!error && self) {
@@ -165,7 +165,7 @@ void Session::answer() {
     const Request& request = reader_->request();
     const Route route = findRoute(toView(request.target()));
     const bool stream = route.kind == Route::Kind::Stream;
-    if (const auto refusal = site_.doors.refuse(request, stream)) {
+    if (const auto refusal = site_.access.refuse(request, stream)) {
         respond(*refusal, traits());
     } else if (route.kind == Route::Kind::Missing) {
         respond(sentence(404, "There is no such address."), traits());

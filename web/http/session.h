@@ -6,7 +6,7 @@
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/ssl/context.hpp>
 
-#include "web/http/doors.h"
+#include "web/http/access.h"
 #include "web/upstream/station.h"
 #include "web/upstream/worker.h"
 
@@ -14,7 +14,7 @@ namespace vxweb {
 
 /// Data that all sessions share. Constant while the program serves.
 struct Site {
-    Doors doors;
+    Access access;
     std::string title;
     std::string address;  ///< Web address of the page for other computers.
     std::unique_ptr<boost::asio::ssl::context> tls;  ///< Null without TLS.

@@ -13,7 +13,7 @@ void Worker::attach(ChannelId channel, const std::shared_ptr<Subscriber>& subscr
     }
     subscribers_[channel].push_back(subscriber);
     if (ending_) {
-        subscriber->farewell();
+        subscriber->shutDown();
     } else if (intro) {
         subscriber->take(intro);
     }
@@ -38,12 +38,12 @@ void Worker::deliver(ChannelId channel, const PacketPtr& packet) {
     }
 }
 
-void Worker::farewell() {
+void Worker::shutDown() {
     assert(here());
     ending_ = true;
     for (const auto& list : subscribers_) {
         for (const auto& subscriber : list) {
-            subscriber->farewell();
+            subscriber->shutDown();
         }
     }
 }

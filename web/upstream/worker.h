@@ -19,7 +19,7 @@ class Subscriber {
     /// The next packet. Thread: its worker's.
     virtual void take(const PacketPtr& packet) = 0;
     /// The program ends. Thread: its worker's.
-    virtual void farewell() = 0;
+    virtual void shutDown() = 0;
     /// The end took too long: closes the connection. Thread: its worker's.
     virtual void cut() = 0;
 
@@ -44,7 +44,7 @@ class Worker {
     void detach(ChannelId channel, const Subscriber* subscriber);
     void deliver(ChannelId channel, const PacketPtr& packet);
     /// Tells all subscribers, also later ones, that the program ends.
-    void farewell();
+    void shutDown();
     /// Closes the connections of all remaining subscribers.
     void cut();
 

@@ -35,7 +35,7 @@ void WebSite::start() {
     station_ = std::make_unique<vxweb::Station>(options, workers_);
     server_ = std::make_unique<vxweb::WebServer>(workers_);
     ASSERT_EQ(server_->open(options.listen), "");
-    site_.reset(new vxweb::Site{vxweb::Doors({"kitchen", "radio.example"}, login), options.title,
+    site_.reset(new vxweb::Site{vxweb::Access({"kitchen", "radio.example"}, login), options.title,
                                 "http://192.168.1.20:59080/", nullptr, *station_});
     boost::asio::post(workers_.front()->context(), [this] {
         server_->start(*site_);
@@ -49,9 +49,9 @@ void WebSite::start() {
     }
 }
 
-void WebSite::farewell() {
+void WebSite::shutDown() {
     for (const auto& worker : workers_) {
-        boost::asio::post(worker->context(), [&worker] { worker->farewell(); });
+        boost::asio::post(worker->context(), [&worker] { worker->shutDown(); });
     }
     boost::asio::post(workers_.front()->context(), [this] { station_->close(); });
 }

@@ -29,7 +29,7 @@ class WebSite : public testing::Test {
 
     void start();
     /// Ends all sessions, as at the end of the program.
-    void farewell();
+    void shutDown();
 
     [[nodiscard]] std::uint16_t port() const { return server_->port(); }
 

@@ -214,7 +214,7 @@ TEST_F(LiveTest, AtTheEndOfTheProgramListenersAreToldSo) {
     start();
     const auto client = listener("", 0);
     const auto second = live();
-    farewell();
+    shutDown();
     for (WebClient* const each : {client.get(), second.get()}) {
         const WebClient::Frame end = each->end();
         EXPECT_EQ(end.kind, 8);

@@ -125,7 +125,7 @@ TEST_F(StreamTest, AtTheEndOfTheProgramAStreamEndsWithItsLastChunk) {
     client->header();
     waitForAsked({0});
     playHalfASecond();
-    farewell();
+    shutDown();
     std::string chunk = client->chunk();
     while (!chunk.empty()) {
         chunk = client->chunk();

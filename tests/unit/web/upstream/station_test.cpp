@@ -137,13 +137,13 @@ TEST_F(StationTest, AtTheEndOfTheProgramTheServerIsToldGoodbye) {
     start();
     const auto client = live();
     waitForAsked({0});
-    farewell();
+    shutDown();
     waitForAsked({});
 }
 
 TEST(WorkerTest, APacketFromASecondThreadFailsAnAssertion) {
     vxweb::Worker worker(0);
-    worker.farewell();
+    worker.shutDown();
     const auto elsewhere = [&worker] { std::thread([&] { worker.deliver(0, {}); }).join(); };
     EXPECT_DEBUG_DEATH(elsewhere(), "here\\(\\)");
 }

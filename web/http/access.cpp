@@ -1,4 +1,4 @@
-#include "web/http/doors.h"
+#include "web/http/access.h"
 
 #include <algorithm>
 #include <array>
@@ -107,7 +107,7 @@ bool sameOrigin(std::string_view origin, std::string_view host) {
            portOf(authority, usual) == portOf(host, usual);
 }
 
-Doors::Doors(const std::vector<std::string>& names, const std::string& login)
+Access::Access(const std::vector<std::string>& names, const std::string& login)
     : credentials_(login.empty() ? login : base64(login)) {
     for (const std::string& name : names) {
         names_.push_back(hostOf(name));
@@ -115,13 +115,13 @@ Doors::Doors(const std::vector<std::string>& names, const std::string& login)
     names_.emplace_back("localhost");
 }
 
-bool Doors::isOwnName(std::string_view authority) const {
+bool Access::isOwnName(std::string_view authority) const {
     const std::string host = hostOf(authority);
     return isAddress(host) ||
            (!host.empty() && std::find(names_.begin(), names_.end(), host) != names_.end());
 }
 
-bool Doors::isAuthorized(std::string_view authorization) const {
+bool Access::isAuthorized(std::string_view authorization) const {
     constexpr std::string_view SCHEME = "basic ";
     if (credentials_.empty()) {
         return true;
@@ -132,7 +132,7 @@ bool Doors::isAuthorized(std::string_view authorization) const {
     return sameSecret(given, credentials_) && basic;
 }
 
-std::optional<Response> Doors::refuse(const Request& request, bool stream) const {
+std::optional<Response> Access::refuse(const Request& request, bool stream) const {
     const auto hosts = request.count(http::field::host);
     const std::string_view host = toView(request[http::field::host]);
     if (hosts > 1 || (hosts == 0 && (request.version() >= 11 || !stream))) {

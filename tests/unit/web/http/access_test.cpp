@@ -1,4 +1,4 @@
-#include "web/http/doors.h"
+#include "web/http/access.h"
 
 #include <gtest/gtest.h>
 
@@ -18,7 +18,7 @@ Request requestFor(const std::string& host) {
 
 /// The status of the answer, 0 when the request is let in.
 unsigned judge(const Request& request, bool stream = false, const std::string& login = {}) {
-    const auto answer = Doors(NAMES, login).refuse(request, stream);
+    const auto answer = Access(NAMES, login).refuse(request, stream);
     return answer ? answer->status : 0;
 }
 
@@ -39,7 +39,7 @@ unsigned judgeLogin(const std::string& authorization) {
     return judge(request, false, "anna:secret");
 }
 
-TEST(Doors, AddressesLocalhostAndOwnNamesAreLetIn) {
+TEST(Access, AddressesLocalhostAndOwnNamesAreLetIn) {
     for (const char* const host :
          {"192.168.1.20", "192.168.1.20:59080", "[::1]", "[2001:db8::1]:59080", "localhost",
           "localhost:80", "LOCALHOST", "kitchen", "Kitchen:59080", "kitchen.local", "kitchen.",
@@ -48,7 +48,7 @@ TEST(Doors, AddressesLocalhostAndOwnNamesAreLetIn) {
     }
 }
 
-TEST(Doors, OtherNamesAreRefusedForTheyMayPointHereByDesign) {
+TEST(Access, OtherNamesAreRefusedForTheyMayPointHereByDesign) {
     for (const char* const host :
          {"attacker.example", "kitchen.attacker.example", "", ":80", "[", "[]", "1.2.3.4.example",
           "localhost.example", "xkitchen", "127.0.0.1@attacker.example", "0x7f000001.example"}) {
@@ -56,7 +56,7 @@ TEST(Doors, OtherNamesAreRefusedForTheyMayPointHereByDesign) {
     }
 }
 
-TEST(Doors, WhatFollowsTheHostIsAPortOrItIsNoHost) {
+TEST(Access, WhatFollowsTheHostIsAPortOrItIsNoHost) {
     for (const char* const host :
          {"[::1].attacker.example", "[::1]59080", "[::1]:x", "127.0.0.1:x.attacker.example",
           "127.0.0.1:80:80", "kitchen:80@attacker.example", "localhost:-1", "[::1",
@@ -65,7 +65,7 @@ TEST(Doors, WhatFollowsTheHostIsAPortOrItIsNoHost) {
     }
 }
 
-TEST(Doors, ARequestNamesItsHostOnce) {
+TEST(Access, ARequestNamesItsHostOnce) {
     Request none;
     none.version(11);
     EXPECT_EQ(judge(none), 400U);
@@ -75,14 +75,14 @@ TEST(Doors, ARequestNamesItsHostOnce) {
     EXPECT_EQ(judge(two), 400U);
 }
 
-TEST(Doors, AnOldRadioHearsStreamsWithoutAHostAndNothingElse) {
+TEST(Access, AnOldRadioHearsStreamsWithoutAHostAndNothingElse) {
     Request old;
     old.version(10);
     EXPECT_EQ(judge(old, true), 0U);
     EXPECT_EQ(judge(old, false), 400U);
 }
 
-TEST(Doors, AWebSocketComesFromAPageOfTheSameHostAndPort) {
+TEST(Access, AWebSocketComesFromAPageOfTheSameHostAndPort) {
     EXPECT_EQ(judgeOrigin("http://kitchen:59080", "kitchen:59080"), 0U);
     EXPECT_EQ(judgeOrigin("http://KITCHEN:59080", "kitchen:59080"), 0U);
     EXPECT_EQ(judgeOrigin("https://kitchen", "kitchen:443"), 0U);
@@ -94,13 +94,13 @@ TEST(Doors, AWebSocketComesFromAPageOfTheSameHostAndPort) {
     }
 }
 
-TEST(Doors, AWebSocketWithoutAnOriginIsNoBrowsers) {
+TEST(Access, AWebSocketWithoutAnOriginIsNoBrowsers) {
     Request request = requestFor("kitchen");
     request.set(http::field::upgrade, "websocket");
     EXPECT_EQ(judge(request), 0U);
 }
 
-TEST(Doors, OnlyTheRightUserAndPasswordAreLetIn) {
+TEST(Access, OnlyTheRightUserAndPasswordAreLetIn) {
     const std::string right = "YW5uYTpzZWNyZXQ=";  // anna:secret
     EXPECT_EQ(judgeLogin("Basic " + right), 0U);
     EXPECT_EQ(judgeLogin("basic  " + right), 0U);
@@ -117,16 +117,16 @@ TEST(Doors, OnlyTheRightUserAndPasswordAreLetIn) {
     }
 }
 
-TEST(Doors, WithoutAPasswordNobodyIsAsked) {
+TEST(Access, WithoutAPasswordNobodyIsAsked) {
     EXPECT_EQ(judgeHost("kitchen"), 0U);
     EXPECT_EQ(judge(requestFor("kitchen"), false, "anna:secret"), 401U);
 }
 
-TEST(Doors, AStrangersHostIsNotEvenAskedForThePassword) {
+TEST(Access, AStrangersHostIsNotEvenAskedForThePassword) {
     EXPECT_EQ(judge(requestFor("attacker.example"), false, "anna:secret"), 403U);
 }
 
-TEST(Doors, ThisComputerGoesByItsNameAlsoOnTheLocalNetwork) {
+TEST(Access, ThisComputerGoesByItsNameAlsoOnTheLocalNetwork) {
     const std::vector<std::string> names = ownNames();
     ASSERT_FALSE(names.empty());
     EXPECT_EQ(names.back().substr(names.back().size() - 6), ".local");

@@ -11,11 +11,11 @@
 namespace vxweb {
 
 /// Decides which requests are refused.
-class Doors {
+class Access {
   public:
     /// `names` of this computer, besides addresses and localhost. `login`: "user:password", or
     /// empty for none.
-    Doors(const std::vector<std::string>& names, const std::string& login);
+    Access(const std::vector<std::string>& names, const std::string& login);
 
     /// The response to a refused request, or nothing. `stream`: the request is for a stream, which
     /// old radios request without a Host.
