@@ -157,7 +157,7 @@ def delays(handed_over, heard, furthest_ns=6000000000, spread_ns=300000000):
     return sorted(found)
 
 
-def wait_for_sound(recording, patience=40):
+def wait_for_sound(recording, timeout=40):
     """Waits until a click is heard."""
     wait_until(lambda: recording.loud_since(max(0, recording.mark() - 2 * BYTES_PER_S)),
-               "a click is heard", patience)
+               "a click is heard", timeout)

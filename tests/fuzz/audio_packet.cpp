@@ -25,7 +25,7 @@ constexpr int DEVICE_RATE = 48000;
 constexpr std::size_t DEVICE_FRAMES = 480;
 constexpr double CHOSEN_DELAY_MS = 40;
 /// Longer pauses between two packets leave the device standing still for the rest.
-constexpr int MOST_PERIODS = 8;
+constexpr int MAX_PERIODS = 8;
 
 class CheckingSink : public vxlisten::PcmSink {
   public:
@@ -53,7 +53,7 @@ class Device {
 
     /// Advances the time to `now`.
     void playUntil(std::int64_t now) {
-        for (int i = 0; i < MOST_PERIODS && time_ + PERIOD_US <= now; ++i) {
+        for (int i = 0; i < MAX_PERIODS && time_ + PERIOD_US <= now; ++i) {
             time_ += PERIOD_US;
             playout_->render(sound_.data(), DEVICE_FRAMES, time_);
             check();

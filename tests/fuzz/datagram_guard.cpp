@@ -30,11 +30,11 @@ namespace {
 
 constexpr std::size_t PEERS = 6;  // Soon all taken.
 constexpr std::size_t STRANGERS = 4;
-constexpr std::size_t LONGEST = ENET_PROTOCOL_MAXIMUM_MTU;
+constexpr std::size_t MAX_BYTES = ENET_PROTOCOL_MAXIMUM_MTU;
 constexpr enet_uint32 PAUSE_UNIT_MS = 40;
 constexpr enet_uint32 END_MS = 50000;  // After this time all are gone.
 constexpr enet_uint32 END_STEP_MS = 250;
-constexpr std::size_t MOST_MEMORY = std::size_t{8} * 1024 * 1024;
+constexpr std::size_t MAX_MEMORY = std::size_t{8} * 1024 * 1024;
 
 enet_uint32 now = 1000000;
 
@@ -56,7 +56,7 @@ class Stranger {
         ENetBuffer buffer = {};
         Bytes copy = datagram;
         buffer.data = copy.data();
-        buffer.dataLength = std::min(copy.size(), LONGEST);
+        buffer.dataLength = std::min(copy.size(), MAX_BYTES);
         enet_socket_send(socket, &address, &buffer, 1);
     }
 
@@ -74,7 +74,7 @@ class Stranger {
     }
 
     void hear() {
-        std::array<unsigned char, LONGEST> room;
+        std::array<unsigned char, MAX_BYTES> room;
         ENetBuffer buffer = {};
         buffer.data = room.data();
         buffer.dataLength = room.size();
@@ -99,7 +99,7 @@ class Stranger {
 
   private:
     void note(const Bytes& datagram) {
-        constexpr unsigned MOST_UNANSWERED = 40;
+        constexpr unsigned MAX_UNANSWERED = 40;
         if (datagram.size() < 8 || (datagram[0] & 0x80U) == 0) {
             return;
         }
@@ -108,7 +108,7 @@ class Stranger {
             peerWord = read16(&datagram[8]) + datagram[11] * 4096U;
         }
         if ((datagram[4] & ENET_PROTOCOL_COMMAND_FLAG_ACKNOWLEDGE) != 0 &&
-            unanswered.size() < MOST_UNANSWERED) {
+            unanswered.size() < MAX_UNANSWERED) {
             unanswered.emplace_back(datagram.begin(), datagram.begin() + 8);
         }
     }
@@ -226,7 +226,7 @@ class Run {
                     "nobody who has gone has an event");
             require(++linked <= PEERS, "no peer is linked twice");
         }
-        require(enetBytes() <= MOST_MEMORY, "what ENet holds is bounded");
+        require(enetBytes() <= MAX_MEMORY, "what ENet holds is bounded");
         for (std::size_t i = 0; i < PEERS; ++i) {
             checkPeer(server->peers[i]);
         }

@@ -18,7 +18,7 @@
 
 namespace {
 
-constexpr std::size_t MOST_PRINTED = 255;
+constexpr std::size_t MAX_PRINTED = 255;
 constexpr std::uint16_t SENDER_PORT = 40000;
 
 /// Ends the responder, which otherwise never returns.
@@ -40,13 +40,13 @@ std::string takePrinted() {
 }
 
 void checkLine(const std::string& line) {
-    const std::string head = "Multicast received " +
-                             std::to_string(std::min(datagram.size(), MOST_PRINTED)) + " bytes: ";
+    const std::string head =
+        "Multicast received " + std::to_string(std::min(datagram.size(), MAX_PRINTED)) + " bytes: ";
     require(line.compare(0, head.size(), head) == 0, "the line begins with the length");
     require(line.back() == '\n', "the line ends");
     const std::string text = line.substr(head.size(), line.size() - head.size() - 1);
     const std::size_t shown = std::min(datagram.find('\0'), datagram.size());
-    require(text.size() == std::min(shown, MOST_PRINTED), "the text ends with the datagram's");
+    require(text.size() == std::min(shown, MAX_PRINTED), "the text ends with the datagram's");
     for (std::size_t i = 0; i < text.size(); ++i) {
         require(std::iscntrl(static_cast<unsigned char>(text[i])) == 0, "no control byte is shown");
         require(

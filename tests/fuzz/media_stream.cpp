@@ -18,7 +18,7 @@ constexpr std::int64_t SECOND = 1000 * MILLISECOND;
 constexpr std::int64_t PASS_EVERY = 20 * MILLISECOND;
 constexpr std::int64_t OUTAGE = 3 * SECOND;
 /// How far ahead of time a stream may be.
-constexpr std::int64_t LARGEST_LEAD = SECOND / 2;
+constexpr std::int64_t MAX_LEAD = SECOND / 2;
 constexpr std::size_t WAV_BYTES_PER_SECOND = 4 * 48000;
 
 struct Choice {
@@ -44,7 +44,7 @@ class Listener {
             case StreamFormat::Wav:
                 require(chunk->size() % 4 == 0, "frames are whole");
                 require(static_cast<std::int64_t>(bytes_ * SECOND / WAV_BYTES_PER_SECOND) <=
-                            now - first_ + LONGEST_BEGIN + LARGEST_LEAD,
+                            now - first_ + MAX_BEGIN + MAX_LEAD,
                         "the stream is not ahead of time");
                 break;
             case StreamFormat::Ogg:
@@ -57,7 +57,7 @@ class Listener {
 
   private:
     /// What the first chunk may hold: a packet, or silence for an outage before it.
-    static constexpr std::int64_t LONGEST_BEGIN = 2 * SECOND;
+    static constexpr std::int64_t MAX_BEGIN = 2 * SECOND;
 
     StreamFormat format_;
     std::size_t bytes_ = 0;

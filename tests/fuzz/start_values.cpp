@@ -32,7 +32,7 @@ constexpr const char* VARIABLES[] = {"VELANTRIX_SERVER_PORT", "VELANTRIX_SERVER_
                                      "VELANTRIX_WEB_ADDRESS", "QT_QPA_PLATFORM",
                                      "XDG_SESSION_TYPE",      "DISPLAY",
                                      "WAYLAND_DISPLAY",       "VELANTRIX_SERVER_SAMPLE_RATE"};
-constexpr std::size_t LONGEST_ADDRESS = 255;
+constexpr std::size_t MAX_ADDRESS = 255;
 constexpr const char* BUILT_IN = "http://www.velantrix.example";
 
 void setVariable(const char* name, const std::string& value) {
@@ -69,8 +69,8 @@ void checkWebAddress() {
 
 /// The number that `text` is, when it is just a number of up to five digits.
 std::optional<int> plainNumber(const std::string& text) {
-    constexpr std::size_t MOST_DIGITS = 5;
-    if (text.empty() || text.size() > MOST_DIGITS ||
+    constexpr std::size_t MAX_DIGITS = 5;
+    if (text.empty() || text.size() > MAX_DIGITS ||
         text.find_first_not_of("0123456789") != std::string::npos) {
         return std::nullopt;
     }
@@ -142,7 +142,7 @@ void checkStart(const std::vector<const char*>& arguments) {
     require(scan.platformSeen || !scan.waylandArg, "a platform's name follows its option");
     readStartEnvironment();
     choosePlatform(scan);
-    require(std::memchr(getCmdBindAddr(), 0, LONGEST_ADDRESS + 1) != nullptr, "the address ends");
+    require(std::memchr(getCmdBindAddr(), 0, MAX_ADDRESS + 1) != nullptr, "the address ends");
 }
 
 }  // namespace

@@ -38,9 +38,9 @@ void Settings::setVersionCheckResponse(const char* version) {
 namespace {
 
 constexpr const char* CURRENT_VERSION = "3.1";
-constexpr std::size_t LEAST_ADDRESS = 8;
+constexpr std::size_t MIN_ADDRESS = 8;
 constexpr std::size_t MAX_BODY_SIZE = 1024UL * 1024;
-constexpr std::size_t MOST_PIECES = 16;
+constexpr std::size_t MAX_PIECES = 16;
 constexpr std::size_t LAST_CODE_FOR_ONCE = 239;
 
 int anyHandle = 0;
@@ -73,11 +73,11 @@ CURLcode easySetopt(CURL* /*handle*/, CURLoption option, ...) {
 
 CURLcode easyPerform(CURL* /*handle*/) {
     require(transfers < 2, "a frame is followed once");
-    require(transfers == 0 || (url.size() >= LEAST_ADDRESS && url.find('"') == std::string::npos),
+    require(transfers == 0 || (url.size() >= MIN_ADDRESS && url.find('"') == std::string::npos),
             "the frame's address is what stood between the quotes");
     std::string page = pages[transfers++];
     // Each piece moves what came before it: of a long page they are longer.
-    const std::size_t most = std::max(piece, page.size() / MOST_PIECES);
+    const std::size_t most = std::max(piece, page.size() / MAX_PIECES);
     for (std::size_t at = 0; at < page.size(); at += most) {
         const std::size_t length = std::min(most, page.size() - at);
         const std::size_t taken = WebIf::writeMemoryCallback(&page[at], 1, length, receiver);

@@ -13,7 +13,7 @@
 
 namespace {
 
-constexpr long MOST_FAULTS_SHOWN = 20;
+constexpr long MAX_FAULTS_SHOWN = 20;
 constexpr long BLOCKS_TO_SETTLE = 200;
 
 // Even a minute at this pace, until connections without a client have timed out, takes a quarter
@@ -88,7 +88,7 @@ void CheckingCore::waitForClients(bool nobody) {
 }
 
 void CheckingCore::require(bool condition, const char* text) {
-    if (!condition && faultCount.fetch_add(1) < MOST_FAULTS_SHOWN) {
+    if (!condition && faultCount.fetch_add(1) < MAX_FAULTS_SHOWN) {
         std::fprintf(stderr, "soak_server: %s\n", text);
     }
 }

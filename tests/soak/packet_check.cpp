@@ -16,7 +16,7 @@ constexpr std::uint64_t NOTHING_DROPPED = 30;
 constexpr std::uint64_t PRESENT = 300;
 
 /// Of a client that keeps up; far less than what the table remembers.
-constexpr std::uint64_t MOST_BEHIND = 4000;
+constexpr std::uint64_t MAX_BEHIND = 4000;
 
 static_assert(testsound::BLOCK_FRAMES == wire::RAW_BLOCK_FRAMES);
 
@@ -130,7 +130,7 @@ std::string PacketCheck::checkAge(const wire::PacketHeader& header, bool mayBeLa
         return "number " + std::to_string(number) + " when only " + std::to_string(made) +
                " were made";
     }
-    return mayBeLate || made - number <= MOST_BEHIND
+    return mayBeLate || made - number <= MAX_BEHIND
                ? ""
                : std::to_string(made - number) + " blocks behind the capture";
 }

@@ -70,11 +70,11 @@ bool RequestCheck::halvesPossible() const {
     });
 }
 
-std::string RequestCheck::overdue(std::chrono::milliseconds patience) {
+std::string RequestCheck::overdue(std::chrono::milliseconds timeout) {
     ++rounds;
     const std::uint64_t callbacks = table.callbacks.load() - sinceCallback;
     if (requests.empty() || callbacks < CALLBACKS_TO_ANSWER || rounds < ROUNDS_TO_ANSWER ||
-        Clock::now() - since < patience) {
+        Clock::now() - since < timeout) {
         return {};
     }
     excuse();

@@ -28,8 +28,8 @@ class RequestCheck {
     std::string take(std::uint32_t flags, bool present);
 
     /// Called whenever the client has nothing left to read. Empty, or the complaint that the
-    /// latest request has gone without an answer for too long; `patience` is its least time.
-    std::string overdue(std::chrono::milliseconds patience);
+    /// latest request has gone without an answer for too long; `timeout` is its least time.
+    std::string overdue(std::chrono::milliseconds timeout);
 
     /// False for best-effort audio, and when nothing has been asked for.
     [[nodiscard]] bool latestReliable() const;

@@ -7,11 +7,11 @@
 
 namespace {
 
-constexpr int LONGEST_WAIT = 12000;  ///< Callbacks; three seconds or so.
-constexpr int LONGEST_STEADY_WAIT = 6000;
+constexpr int MAX_WAIT = 12000;  ///< Callbacks; three seconds or so.
+constexpr int MAX_STEADY_WAIT = 6000;
 constexpr int EVENTS_AT_ONCE = 200;
 constexpr std::array<std::uint32_t, 4> OPUS_CODES = {1, 2, 3, 5};
-constexpr long MOST_ERRORS_SHOWN = 20;
+constexpr long MAX_ERRORS_SHOWN = 20;
 
 /// Callbacks between two looks at the network that a client can miss and still keep up.
 constexpr std::uint64_t LATE_SERVICE = 1000;
@@ -20,17 +20,17 @@ constexpr std::uint64_t LATE_SERVICE = 1000;
 constexpr std::uint64_t QUEUE_DROPPED = 75;
 
 // ENet disconnects a silent client after five seconds or more.
-constexpr std::chrono::milliseconds LONGEST_STALL{3000};
+constexpr std::chrono::milliseconds MAX_STALL{3000};
 constexpr std::chrono::milliseconds TOO_LONG_AWAY{4500};
 
 // The server's ENet takes the backlog of a stall for a poor network and then drops best-effort
 // audio until some pings are acknowledged: seconds, which are minutes of sound here.
 constexpr enet_uint32 NO_SLOWING = 0;
-constexpr std::chrono::milliseconds PATIENCE_WHEN_THROTTLED{15000};
+constexpr std::chrono::milliseconds TIMEOUT_WHEN_THROTTLED{15000};
 
 // A lost packet is repeated after half a second at first, after a stall only in its own time.
-constexpr std::chrono::milliseconds PATIENCE{1000};
-constexpr std::chrono::milliseconds PATIENCE_AFTER_STALL{3000};
+constexpr std::chrono::milliseconds TIMEOUT{1000};
+constexpr std::chrono::milliseconds TIMEOUT_AFTER_STALL{3000};
 
 // A machine that keeps this process waiting makes receive buffers overflow, of packets and of
 // acknowledgements: then even a client that is up to date may lose its queue. What ENet measured
@@ -53,9 +53,9 @@ void SoakClient::step(bool mayVanish) {
     if (now >= nextChange) {
         change(mayVanish);
         nextChange = now + static_cast<std::uint64_t>(
-                               pick(1, kind == Kind::Steady ? LONGEST_STEADY_WAIT : LONGEST_WAIT));
+                               pick(1, kind == Kind::Steady ? MAX_STEADY_WAIT : MAX_WAIT));
     }
-    if (stalled && Clock::now() - lastServiceTime > LONGEST_STALL) {
+    if (stalled && Clock::now() - lastServiceTime > MAX_STALL) {
         wakeUp();
     }
     if (!stalled && client) {
@@ -176,7 +176,7 @@ void SoakClient::noticeStarvation(std::uint64_t missed) {
 }
 
 void SoakClient::judgeRequests() {
-    const std::string problem = requests.overdue(patience());
+    const std::string problem = requests.overdue(requestTimeout());
     if (!problem.empty() && mayHaveHalf && requests.halvesPossible()) {
         // Waits for the other half of a fallback packet whose queue was dropped, in vain: the
         // protocol lets that happen, and the client connect again.
@@ -187,14 +187,14 @@ void SoakClient::judgeRequests() {
     note(problem);
 }
 
-std::chrono::milliseconds SoakClient::patience() const {
+std::chrono::milliseconds SoakClient::requestTimeout() const {
     if (kind == Kind::Throttled && !requests.latestReliable()) {
-        return PATIENCE_WHEN_THROTTLED;
+        return TIMEOUT_WHEN_THROTTLED;
     }
     if (recovering()) {
         return RECOVERY;
     }
-    return catchingUp ? PATIENCE_AFTER_STALL : PATIENCE;
+    return catchingUp ? TIMEOUT_AFTER_STALL : TIMEOUT;
 }
 
 /// False when there may be more to read.
@@ -231,7 +231,7 @@ void SoakClient::take(const ENetPacket& packet) {
 }
 
 void SoakClient::note(const std::string& problem) {
-    if (!problem.empty() && ++tally.errors <= MOST_ERRORS_SHOWN) {
+    if (!problem.empty() && ++tally.errors <= MAX_ERRORS_SHOWN) {
         std::fprintf(stderr, "soak_clients: %s\n", problem.c_str());
     }
 }

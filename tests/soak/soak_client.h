@@ -55,7 +55,7 @@ class SoakClient {
     [[nodiscard]] bool recovering() const { return Clock::now() < recoveredAt; }
 
     void judgeRequests();
-    [[nodiscard]] std::chrono::milliseconds patience() const;
+    [[nodiscard]] std::chrono::milliseconds requestTimeout() const;
     bool handleEvents();
     void take(const ENetPacket& packet);
     void note(const std::string& problem);

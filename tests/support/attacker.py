@@ -25,7 +25,7 @@ from support.enet_wire import COMMANDS_AT_ONCE, connect_datagram, connect_peers,
 from support.processes import ModuleProcess
 
 SERVER_PORT, DISCOVERY_PORT = 59010, 59011
-LONGEST_DATAGRAM = 65507
+MAX_DATAGRAM = 65507
 FRAGMENTED_MESSAGE = 30_000_000  # Bytes; ENet itself would take up to 32 MiB.
 AHEAD = 1.1  # A sender of messages aims at so many times its rate.
 PATIENCE = 60.0  # Seconds.
@@ -106,14 +106,14 @@ def connects(host, count, rate, ports):
 def lengths(host, count, rate, port):
     """Empty, longest and random datagrams, many of these of a length near a limit."""
     generator = random.Random(int(count))
-    limits = [limit + near for limit in (1, 4, 16, 256, 1400, 4096, LONGEST_DATAGRAM - 1)
+    limits = [limit + near for limit in (1, 4, 16, 256, 1400, 4096, MAX_DATAGRAM - 1)
               for near in (-1, 0, 1)]
 
     def make(number):
         if number % 3 < 2:
-            return bytes((number % 3) * LONGEST_DATAGRAM)
+            return bytes((number % 3) * MAX_DATAGRAM)
         return generator.randbytes(generator.choice((generator.choice(limits),
-                                                     generator.randint(0, LONGEST_DATAGRAM))))
+                                                     generator.randint(0, MAX_DATAGRAM))))
     _flood(_sockets(3), make, (host, int(port)), rate, count)
 
 
@@ -132,7 +132,7 @@ def discovery(host, count, rate):
 def _count_waiting(client):
     count = 0
     with contextlib.suppress(BlockingIOError):
-        while client.recv(LONGEST_DATAGRAM):
+        while client.recv(MAX_DATAGRAM):
             count += 1
     return count
 
@@ -162,7 +162,7 @@ def peers(host, count, data):
 
 def control(host, rate, kind):
     """One connected client that sends control messages until a line of input comes, and hears
-    nothing. It then goes on until it has sent so many a second on the average, or lost patience;
+    nothing. It then goes on until it has sent so many a second on the average, or its time is over;
     another line makes it disconnect."""
     (peer,) = connect_peers((host, SERVER_PORT), 1, 0x80000001)
     say("ready")

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr int CONNECT_PATIENCE_MS = 10000;
+constexpr int CONNECT_TIMEOUT_MS = 10000;
 
 std::int64_t nowNs() {
     timespec now = {};
@@ -39,7 +39,7 @@ long receiveAudio(const AudioChoice& choice,
     if (!client.ok()) {
         return -1;
     }
-    enet_peer_timeout(client.peer, 0, CONNECT_PATIENCE_MS, CONNECT_PATIENCE_MS);
+    enet_peer_timeout(client.peer, 0, CONNECT_TIMEOUT_MS, CONNECT_TIMEOUT_MS);
     long packets = 0;
     bool connected = true;
     do {

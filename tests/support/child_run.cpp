@@ -15,8 +15,8 @@
 
 namespace {
 
-constexpr std::chrono::seconds LONGEST_RUN{30};
-constexpr std::chrono::seconds PRINT_PATIENCE{5};
+constexpr std::chrono::seconds MAX_RUN{30};
+constexpr std::chrono::seconds PRINT_TIMEOUT{5};
 constexpr int FAILED_EXPECTATION = 99;
 constexpr int SIGNAL_BASE = 1000;
 
@@ -33,8 +33,7 @@ constexpr int SIGNAL_BASE = 1000;
 }
 
 std::string waitForText(int descriptor, const std::string& wanted) {
-    waitUntil([&] { return readAll(descriptor).find(wanted) != std::string::npos; },
-              PRINT_PATIENCE);
+    waitUntil([&] { return readAll(descriptor).find(wanted) != std::string::npos; }, PRINT_TIMEOUT);
     return readAll(descriptor);
 }
 
@@ -85,7 +84,7 @@ std::string Child::reported(const std::string& wanted) const {
 
 ChildRun Child::wait() {
     int status = 0;
-    if (!waitUntil([&] { return waitpid(process_, &status, WNOHANG) != 0; }, LONGEST_RUN)) {
+    if (!waitUntil([&] { return waitpid(process_, &status, WNOHANG) != 0; }, MAX_RUN)) {
         ADD_FAILURE() << "the child process does not end";
         kill(process_, SIGKILL);
         waitpid(process_, &status, 0);

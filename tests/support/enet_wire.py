@@ -171,10 +171,10 @@ class HandMadePeer:
         self.socket.close()
 
 
-def connect_peers(server, count, data, patience=20.0):
+def connect_peers(server, count, data, timeout=20.0):
     """So many connected peers; those for which there is no room in time are left out."""
     peers = [HandMadePeer(server, data) for _ in range(count)]
-    end = time.monotonic() + patience
+    end = time.monotonic() + timeout
     while time.monotonic() < end and any(peer.peer_id is None for peer in peers):
         for peer in peers:
             peer.service()

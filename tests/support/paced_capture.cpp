@@ -87,7 +87,7 @@ class ClientsPace {
     void keep(std::uint64_t number) {
         for (int waits = 0; rounds == table->clientRounds.load() && number - since >= lead;
              ++waits) {
-            if (waits == LONGEST_WAIT) {
+            if (waits == MAX_WAIT) {
                 since = number;
             }
             ::usleep(STEP_US);
@@ -100,7 +100,7 @@ class ClientsPace {
 
   private:
     static constexpr useconds_t STEP_US = 500;
-    static constexpr int LONGEST_WAIT = 200;
+    static constexpr int MAX_WAIT = 200;
 
     std::uint64_t rounds = 0;
     std::uint64_t since = 0;  ///< The callback before which the last round was seen.

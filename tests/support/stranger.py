@@ -22,7 +22,7 @@ LIFE = 60.0  # Seconds after which the server has disconnected a silent peer.
 TIME_OUT = 36.0  # Seconds after which ENet disconnects a peer that has never acknowledged.
 FRIENDS = 7
 PEERS, SESSIONS = 32, 4  # Of the server: places, and numbers of the connections in each.
-LONGEST = 4096
+MAX_BYTES = 4096
 EXTREMES = (0, 1, 2, 31, 32, 0xFF, 4095, 4096, 0x7FFF, 0x8000, 0xFFFF, 0x10000, 0xFFFFF, 0x100000,
             0x7FFFFFFF, 0xFFFFFFFF)
 FLAGS = (0, WANTS_ACKNOWLEDGE, UNSEQUENCED, WANTS_ACKNOWLEDGE | UNSEQUENCED)
@@ -64,7 +64,7 @@ class Stranger(HandMadePeer):
             timed = not self.sometimes(self.sloppy)
         head = (word | SENT_TIME_FLAG, now()) if timed else (word,)
         self.datagrams += 1
-        return self.send_datagram((struct.pack(f"!{len(head)}H", *head) + commands)[:LONGEST])
+        return self.send_datagram((struct.pack(f"!{len(head)}H", *head) + commands)[:MAX_BYTES])
 
     def send_datagram(self, datagram):
         try:
@@ -144,7 +144,7 @@ class Stranger(HandMadePeer):
     def pack(self):
         """As many commands as fit, or a few less than are too many."""
         least = self.usual(self.random.choice((PING, SEND_UNSEQUENCED, ACKNOWLEDGE)))
-        count = self.random.choice((COMMANDS_AT_ONCE, LONGEST // len(least)))
+        count = self.random.choice((COMMANDS_AT_ONCE, MAX_BYTES // len(least)))
         self.send(least * count)
 
     def look_ahead(self):

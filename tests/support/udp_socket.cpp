@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr std::size_t LONGEST = 65536;
+constexpr std::size_t MAX_BYTES = 65536;
 constexpr std::size_t UDP_HEADER = 8;
 
 sockaddr_in makeAddress(const std::string& host, std::uint16_t port) {
@@ -61,12 +61,12 @@ void UdpSocket::send(const std::string& text, const std::string& host, std::uint
     sendTo(handle_, text, makeAddress(host, port));
 }
 
-std::optional<Datagram> UdpSocket::receive(int patienceMs) const {
+std::optional<Datagram> UdpSocket::receive(int timeoutMs) const {
     pollfd ready{handle_, POLLIN, 0};
-    if (poll(&ready, 1, patienceMs) <= 0) {
+    if (poll(&ready, 1, timeoutMs) <= 0) {
         return std::nullopt;
     }
-    static thread_local char bytes[LONGEST];
+    static thread_local char bytes[MAX_BYTES];
     sockaddr_in sender = {};
     socklen_t length = sizeof sender;
     const ssize_t got =

@@ -35,8 +35,8 @@ class UdpSocket {
         send(text, datagram.host, datagram.port);
     }
 
-    /// The next datagram, or nothing when none comes within `patienceMs`.
-    [[nodiscard]] std::optional<Datagram> receive(int patienceMs) const;
+    /// The next datagram, or nothing when none comes within `timeoutMs`.
+    [[nodiscard]] std::optional<Datagram> receive(int timeoutMs) const;
 
   private:
     int handle_;

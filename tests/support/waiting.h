@@ -4,11 +4,11 @@
 #include <chrono>
 #include <thread>
 
-/// Calls `done()` once a millisecond until it returns true, for 10 s or `patience`; returns whether
+/// Calls `done()` once a millisecond until it returns true, for 10 s or `timeout`; returns whether
 /// it did.
 template <class Done>
-bool waitUntil(Done done, std::chrono::milliseconds patience = std::chrono::seconds(10)) {
-    const auto end = std::chrono::steady_clock::now() + patience;
+bool waitUntil(Done done, std::chrono::milliseconds timeout = std::chrono::seconds(10)) {
+    const auto end = std::chrono::steady_clock::now() + timeout;
     while (!done()) {
         if (std::chrono::steady_clock::now() > end) {
             return false;

@@ -497,13 +497,13 @@ class ScarceMemory(FaultTest):
         here = ("127.0.0.1", DEFAULT_PORT)
         self.fail_share(300)
         for _ in range(6):  # Most of them end in the middle, and more than there are peers.
-            for peer in connect_peers(here, MAX_PEERS // 2, MULTI_CLIENT | 1, patience=0.5):
+            for peer in connect_peers(here, MAX_PEERS // 2, MULTI_CLIENT | 1, timeout=0.5):
                 peer.disconnect()
                 peer.socket.close()
         self.fail_share(0)
         self.assertIn(SCARCE, self.server.out.all())
         # ENet gives up the ones that it could answer within about 30 s.
-        peers = connect_peers(here, MAX_PEERS, MULTI_CLIENT, patience=60)
+        peers = connect_peers(here, MAX_PEERS, MULTI_CLIENT, timeout=60)
         for peer in peers:
             peer.socket.close()
         self.assertEqual(len(peers), MAX_PEERS)

@@ -36,15 +36,15 @@ MAX_PEERS, SLOTS = 32, 10
 CHOICES = ((0, True), (0, False), (1, True), (3, False), (2, True))
 MEMORY_SHARE = 0.10
 ARRIVING_SHARE = 0.9  # Of queries: by the cable, read or not.
-ROUNDS, LEAST_ROUND = 20, 100
+ROUNDS, MIN_ROUND = 20, 100
 SETTLING = 0.2  # Seconds.
 ACKNOWLEDGEMENTS = max(500, DATAGRAMS // 20)  # Of a client that is forged: they count as read, too.
 
 STRANGERS, AT_ONCE_ALIVE = 400 if LONG else 40, 40  # Of a walk.
 SHARING = 3  # So many of them share the server at a time: nobody's place is taken.
-PAUSE, LONGEST_LIFE = 45.0, 60.0  # Seconds after it: for newcomers to hear, for all to be gone.
+PAUSE, MAX_LIFE = 45.0, 60.0  # Seconds after it: for newcomers to hear, for all to be gone.
 SILENT_S = 60.0  # ENet waits up to 30 s for a silent peer.
-LONGEST_WAIT = 3.0  # Seconds from one packet of sound to the next.
+MAX_WAIT = 3.0  # Seconds from one packet of sound to the next.
 TONE, TONE_LEVEL, TONE_SECONDS = 440, 9000, 900 if LONG else 300
 
 CONNECTED = re.compile(r"^A new client connected from (?P<address>[\d.]+:\d+) ")
@@ -143,7 +143,7 @@ class HostileNetwork(unittest.TestCase):
         before = Arrivals.until_now()
         arrivals = Arrivals(0, 0, 0)
         for _ in range(ROUNDS):
-            self.send_once(kind, max(count - arrivals.taken, LEAST_ROUND), rate, *words)
+            self.send_once(kind, max(count - arrivals.taken, MIN_ROUND), rate, *words)
             arrivals = before.since()
             if arrivals.taken >= count:
                 break
@@ -432,7 +432,7 @@ class Walk(HostileNetwork):
         print(f"{len(packets[0])} packets of the tone, {silent} of them silent; the longest waits "
               f"for one: {waits} s")
         self.assertLess(silent, 0.01 * len(packets[0]))
-        self.assertLess(max(waits), LONGEST_WAIT)
+        self.assertLess(max(waits), MAX_WAIT)
 
     def left(self):
         """By address, how many lines more say that a client came than that it went; never less."""
@@ -461,7 +461,7 @@ class Walk(HostileNetwork):
         if LONG:
             time.sleep(max(0.0, end + PAUSE - time.monotonic()))
             return
-        self.wait_connections(len(CHOICES), end + LONGEST_LIFE - time.monotonic())
+        self.wait_connections(len(CHOICES), end + MAX_LIFE - time.monotonic())
         newcomers = connect_peers(("127.0.0.1", DEFAULT_PORT), SLOTS, 0,
                                   end + PAUSE - time.monotonic())
         self.assertEqual(len(newcomers), SLOTS)
@@ -486,7 +486,7 @@ class Walk(HostileNetwork):
             client.wait_disconnected()
         for _ in range(SLOTS):
             self.assert_newcomer_hears_at_once(stays=True)
-        self.wait_connections(SLOTS, max(5.0, end + LONGEST_LIFE - time.monotonic()))
+        self.wait_connections(SLOTS, max(5.0, end + MAX_LIFE - time.monotonic()))
         self.assertEqual(sum(self.left().values()), SLOTS)
 
 

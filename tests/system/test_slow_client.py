@@ -19,7 +19,7 @@ CHECK_INTERVAL = 15
 PACKETS_UNTIL_TRIM = 48 + TRIM_THRESHOLD + CHECK_INTERVAL + 10
 
 # ENet disconnects a client that has acknowledged nothing for 5 s.
-LONGEST_STALL = 4.3
+MAX_STALL = 4.3
 
 # What one client may keep the server holding: 15 + 75 commands that wait and a window of 48 that
 # are sent, each with a packet of 1368 bytes and ENet's records; and room for the heap's pages.
@@ -73,7 +73,7 @@ class SlowClient(StreamingTest):
         slow = self.probe.listen()
         start = self.server.out.count()
         memory = resident_bytes(self.server, "RssAnon")
-        returned = self.stall(slow, LONGEST_STALL)
+        returned = self.stall(slow, MAX_STALL)
         self.witness.wait_packets(200)
         growth = self.memory_at_end_of_stall - memory
         packets = slow.packets()
@@ -105,7 +105,7 @@ class SlowClient(StreamingTest):
         wait_until(lambda: any(self.witness.wait_packets(1)[-1].payload), "the noise is heard")
         slow = self.probe.listen(rate_code=3)
         start = self.server.out.count()
-        returned = self.stall(slow, LONGEST_STALL)
+        returned = self.stall(slow, MAX_STALL)
         self.witness.wait_packets(150)
         self.check_trim_lines(self.server.out.all()[start:])
         packets = [packet for packet in slow.packets() if packet.rate_code == 3]
@@ -125,7 +125,7 @@ class SlowClient(StreamingTest):
         """A packet of two fragments may be cut in two by a trim; ENet then delivers no more."""
         slow = self.probe.listen(rate_code=4)
         start = self.server.out.count()
-        self.stall(slow, LONGEST_STALL)
+        self.stall(slow, MAX_STALL)
         self.witness.wait_packets(150)
         self.check_trim_lines(self.server.out.all()[start:], commands_per_packet=2)
         packets = slow.packets()

@@ -20,7 +20,7 @@ WAIT = 8.0
 """Seconds from the start to the check; SHORT_WAIT where the test does not look at that."""
 SHORT_WAIT = WAIT / 10
 FATAL = 255
-LONGEST_SHUTDOWN = 4.0
+MAX_SHUTDOWN = 4.0
 """Seconds from the signal to the end; the program itself waits for its threads for 3 at most."""
 
 QUIET_MINUTES = 480
@@ -114,7 +114,7 @@ class Shutdown(VersionTest):
             self.assert_ends_cleanly(server)
             taken = time.monotonic() - begin
             print(f"ended {taken:.2f} s after the signal")
-            self.assertLess(taken, 20 if has_sanitizer() else LONGEST_SHUTDOWN)
+            self.assertLess(taken, 20 if has_sanitizer() else MAX_SHUTDOWN)
             self.assertFalse([line for line in server.out.all() if CHECK_LINE.search(line)])
 
     def test_end_before_the_check_asks_nothing(self):

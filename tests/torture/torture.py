@@ -34,7 +34,7 @@ from torture_judge import FATAL, Judge  # noqa: E402
 from torture_session import ANYWHERE, AT_AN_ADDRESS, run_session  # noqa: E402
 
 ATTEMPTS = 3
-MOST_UNREACHED = 0.05  # Share of the chosen calls.
+MAX_UNREACHED = 0.05  # Share of the chosen calls.
 # Effects of a busy machine: then a second session decides. A line on standard error is lost when it
 # comes while that is turned off for the sound library's start.
 PERHAPS_TIMING = ("the clients", "the queries", "the failure", "the version check", "blocks",
@@ -158,7 +158,7 @@ def torture(options, web):
     calls = choose([Judge(web, arguments) for arguments in (AT_AN_ADDRESS, ANYWHERE)], options)
     endings = collections.Counter(try_call(web, call, options.verbose) for call in calls)
     print(", ".join(f"{count} {what}" for what, count in sorted(endings.items())), flush=True)
-    if endings[NOT_REACHED] > MOST_UNREACHED * len(calls):
+    if endings[NOT_REACHED] > MAX_UNREACHED * len(calls):
         print("too many calls were not reached", flush=True)
         return 1
     return 1 if endings["found wrong"] else 0

@@ -11,7 +11,7 @@ BASELINES = 4
 FATAL = 255
 # Seconds from the signal to the end. The server waits 3 s for the sound and about 1 s for threads
 # and lines; the rest is for a busy machine.
-LONGEST_ENDING = 10.0
+MAX_ENDING = 10.0
 
 SOUND = ("Pa_Initialize", "Pa_GetDefaultInputDevice", "Pa_GetDeviceInfo", "Pa_OpenStream",
          "Pa_StartStream")
@@ -204,7 +204,7 @@ class Judge:
         return None
 
     def _rest(self, outcome, seen):
-        if outcome.ending > LONGEST_ENDING:
+        if outcome.ending > MAX_ENDING:
             return f"it takes {outcome.ending:.1f} s to end"
         usual = len(self.descriptors) - sum(report.fewer for report in seen)
         if len(outcome.descriptors) > usual:

@@ -73,9 +73,9 @@ def read_table(path):
     return faults, sites
 
 
-def poll_until(condition, patience):
+def poll_until(condition, timeout):
     """True when the condition came true in time; nothing is asserted."""
-    end = time.monotonic() + patience
+    end = time.monotonic() + timeout
     while not condition():
         if time.monotonic() > end:
             return False

@@ -25,7 +25,7 @@ namespace {
 constexpr int STACK_DEPTH = 16;
 constexpr int WAY_LENGTH = 4;
 constexpr int FRAMES_BEFORE_OURS = 5;
-constexpr std::size_t MOST_MODULES = 8;
+constexpr std::size_t MAX_MODULES = 8;
 constexpr const char* WATCHED[] = {"VelantrixServer", "libenet", "libopus", "libstdc++"};
 constexpr const char* ONLY_PASSED_THROUGH = "libstdc++";
 
@@ -36,7 +36,7 @@ struct Module {
 };
 
 TortureTable* table = nullptr;
-Module modules[MOST_MODULES];
+Module modules[MAX_MODULES];
 std::atomic<std::size_t> moduleCount{0};
 std::uint64_t faultHash = 0;
 std::uint32_t faultCall = 0;
@@ -64,7 +64,7 @@ int noteModule(dl_phdr_info* info, std::size_t /*size*/, void* countPointer) {
     auto& count = *static_cast<std::size_t*>(countPointer);
     const bool isProgram = info->dlpi_name[0] == '\0';
     const char* const name = isProgram ? WATCHED[0] : watchedName(info->dlpi_name);
-    if (name == nullptr || count == MOST_MODULES) {
+    if (name == nullptr || count == MAX_MODULES) {
         return 0;
     }
     Module found{info->dlpi_addr, info->dlpi_addr, name};

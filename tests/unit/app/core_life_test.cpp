@@ -76,7 +76,7 @@ TEST(CoreLife, CaptureThreadHeldInsideAReportUntilTheCoreIsGoneTouchesNothing) {
     EXPECT_EQ(run.out, "late\nVelantrixServer: Audio capture running\n");
 }
 
-constexpr int PIN_PATIENCE_STEPS = 500;
+constexpr int PIN_TIMEOUT_STEPS = 500;
 constexpr int PIN_STEP_MS = 1;
 
 /// Closes a core while a thread holds a pin, which it releases within the `nth` step of the wait.
@@ -112,7 +112,7 @@ TEST(CoreLife, ThreadThatUsesTheCoreIsWaitedForUntilItHasDone) {
 }
 
 CHILD_TEST(CoreLife, ThreadThatUsesTheCoreForLongIsWaitedForHalfASecond) {
-    EXPECT_EQ(stepsUntilPinIsReleasedDuring(PIN_PATIENCE_STEPS + 1), PIN_PATIENCE_STEPS);
+    EXPECT_EQ(stepsUntilPinIsReleasedDuring(PIN_TIMEOUT_STEPS + 1), PIN_TIMEOUT_STEPS);
 }
 
 CHILD_TEST(CoreLife, StagesFollowTheDestruction) {

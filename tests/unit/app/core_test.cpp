@@ -154,8 +154,8 @@ TEST(CoreReports, ClientStatusHasNoVisibleEffect) {
     EXPECT_EQ(run.out + run.err, "");
 }
 
-constexpr int PATIENCE_CHECKS = 15;
-constexpr int PATIENCE_STEP_MS = 200;
+constexpr int TIMEOUT_CHECKS = 15;
+constexpr int TIMEOUT_STEP_MS = 200;
 
 /// Waits on the calling thread until the close has recorded its end.
 void awaitShutdown(const VelantrixServerNoGUI& core) {
@@ -170,7 +170,7 @@ TEST(CoreShutdown, CloseThatIsDoneBeforeTheFirstCheckIsNotSleptFor) {
         });
         EXPECT_EQ(workerCalls(), Calls{"close"});
         EXPECT_EQ(countOf(Call::PthreadCreate), 1);
-        EXPECT_EQ(sleepsOf(PATIENCE_STEP_MS), 0);
+        EXPECT_EQ(sleepsOf(TIMEOUT_STEP_MS), 0);
     });
     EXPECT_EQ(run.out, "");
 }
@@ -186,24 +186,24 @@ int sleepsUntilCloseDuring(int nth) {
     };
     destroyAfter([nth](VelantrixServerNoGUI& core) {
         duringSleep() = [nth, &core](int milliseconds) {
-            if (milliseconds == PATIENCE_STEP_MS && sleepsOf(PATIENCE_STEP_MS) == nth) {
+            if (milliseconds == TIMEOUT_STEP_MS && sleepsOf(TIMEOUT_STEP_MS) == nth) {
                 release.store(true);
                 awaitShutdown(core);
             }
         };
     });
-    return sleepsOf(PATIENCE_STEP_MS);
+    return sleepsOf(TIMEOUT_STEP_MS);
 }
 
 TEST(CoreShutdown, CloseThatEndsDuringTheFourteenthSleepIsInTime) {
-    const ChildRun run = runChild(
-        [] { EXPECT_EQ(sleepsUntilCloseDuring(PATIENCE_CHECKS - 1), PATIENCE_CHECKS - 1); });
+    const ChildRun run =
+        runChild([] { EXPECT_EQ(sleepsUntilCloseDuring(TIMEOUT_CHECKS - 1), TIMEOUT_CHECKS - 1); });
     EXPECT_EQ(run.out, "");
 }
 
 TEST(CoreShutdown, CloseThatEndsDuringTheFifteenthSleepStillCountsAsLate) {
     const ChildRun run =
-        runChild([] { EXPECT_EQ(sleepsUntilCloseDuring(PATIENCE_CHECKS), PATIENCE_CHECKS); });
+        runChild([] { EXPECT_EQ(sleepsUntilCloseDuring(TIMEOUT_CHECKS), TIMEOUT_CHECKS); });
     EXPECT_EQ(run.out, SLOW_SHUTDOWN);
 }
 

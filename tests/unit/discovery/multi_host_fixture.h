@@ -17,7 +17,7 @@
 #include "tests/support/waiting.h"
 
 inline constexpr std::uint16_t PORT = 59011;
-inline constexpr int PATIENCE_MS = 5000;
+inline constexpr int TIMEOUT_MS = 5000;
 inline constexpr int SILENCE_MS = 300;
 inline const std::string FIRST_FORM = "VelantrixQuery";
 inline const std::string SECOND_FORM = "VelantrixQuery2";
@@ -77,7 +77,7 @@ class MultiHost : public testing::Test {
 
     /// The server's next answer at a socket.
     static Datagram answerAt(const UdpSocket& client) {
-        const auto answer = client.receive(PATIENCE_MS);
+        const auto answer = client.receive(TIMEOUT_MS);
         EXPECT_TRUE(answer) << "no answer";
         EXPECT_EQ(answer.value_or(Datagram{}).text, RESPONSE);
         EXPECT_EQ(answer.value_or(Datagram{}).host, SERVER_ADDRESS);

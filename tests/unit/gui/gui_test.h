@@ -1,6 +1,6 @@
 #pragma once
 
-// What the tests of the window share: patience, a way to answer boxes, and fresh processes.
+// What the tests of the window share: waiting, a way to answer boxes, and fresh processes.
 
 #include <atomic>
 #include <cstdlib>
@@ -16,13 +16,13 @@
 #include <gtest/gtest.h>
 
 /// What comes at once on an idle machine may take this long before a test fails.
-constexpr int PATIENCE_MS = 20000;
+constexpr int TIMEOUT_MS = 20000;
 
 /// Runs the event loop until `condition` holds; false when it does not in time.
 inline bool spinUntil(const std::function<bool()>& condition) {
     QElapsedTimer clock;
     clock.start();
-    while (!condition() && clock.elapsed() < PATIENCE_MS) {
+    while (!condition() && clock.elapsed() < TIMEOUT_MS) {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
         QThread::msleep(1);
     }

@@ -95,7 +95,7 @@ TEST_F(WindowEnd, ReportsAfterTheEndGoToAPlainCore) {
 }
 
 // A thread that sleeps longer between its pin and its report than the window waits for it.
-TEST_F(WindowEnd, ReportBegunAfterThePatienceIsReleasedByTheEndOfTheWindow) {
+TEST_F(WindowEnd, ReportBegunAfterTheTimeoutIsReleasedByTheEndOfTheWindow) {
     std::atomic<bool> pinned{false};
     std::atomic<bool> reporting{false};
     const Worker worker([target = window.get(), &pinned, &reporting] {

@@ -11,7 +11,7 @@
 namespace {
 
 constexpr enet_uint16 PORT = 59010;
-constexpr int PATIENCE_MS = 5000;
+constexpr int TIMEOUT_MS = 5000;
 
 struct DestroyHost {
     void operator()(ENetHost* host) const { enet_host_destroy(host); }
@@ -39,7 +39,7 @@ class DatagramLimit : public testing::Test {
     /// Length of the next datagram that reached the host's socket.
     ssize_t nextLength() {
         enet_uint32 condition = ENET_SOCKET_WAIT_RECEIVE;
-        enet_socket_wait(host->socket, &condition, PATIENCE_MS);
+        enet_socket_wait(host->socket, &condition, TIMEOUT_MS);
         char room[65536];
         return ::recv(host->socket, room, sizeof room, MSG_DONTWAIT);
     }

@@ -15,7 +15,7 @@ enet_uint32 monotonicMilliseconds() {
            static_cast<enet_uint32>(now.tv_nsec / 1000000);
 }
 
-constexpr enet_uint32 PATIENCE_MS = 60000;
+constexpr enet_uint32 MAX_DIFFERENCE_MS = 60000;
 
 TEST(EnetClock, IsTheMonotonicOneInsideTheLibraryToo) {
     ENetHost* const host = enet_host_create(nullptr, 1, 1, 0, 0);
@@ -23,7 +23,7 @@ TEST(EnetClock, IsTheMonotonicOneInsideTheLibraryToo) {
     enet_time_set(12345);  // As if the calendar clock had been set.
     const enet_uint32 before = monotonicMilliseconds();
     enet_host_flush(host);
-    EXPECT_LT(host->serviceTime - before, PATIENCE_MS);
+    EXPECT_LT(host->serviceTime - before, MAX_DIFFERENCE_MS);
     enet_host_destroy(host);
 }
 
@@ -33,16 +33,16 @@ TEST(EnetClock, SetsTheLibrarysOwnClockRight) {
     ASSERT_NE(librarysOwn, nullptr);
     enet_time_set(12345);
     const enet_uint32 before = monotonicMilliseconds();
-    ASSERT_GE(librarysOwn() - before, PATIENCE_MS);
+    ASSERT_GE(librarysOwn() - before, MAX_DIFFERENCE_MS);
     steadyEnetClock();
-    EXPECT_LT(librarysOwn() - before, PATIENCE_MS);
+    EXPECT_LT(librarysOwn() - before, MAX_DIFFERENCE_MS);
 }
 
 TEST(EnetClock, IsSteadyBetweenTwoBlocks) {
     steadyEnetClock();
     const enet_uint32 before = monotonicMilliseconds();
     enet_time_set(12345);
-    EXPECT_LT(enet_time_get() - before, PATIENCE_MS);
+    EXPECT_LT(enet_time_get() - before, MAX_DIFFERENCE_MS);
 }
 
 }  // namespace

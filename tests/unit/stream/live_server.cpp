@@ -19,7 +19,7 @@
 
 namespace {
 
-constexpr int PATIENCE_MS = 10000;
+constexpr int TIMEOUT_MS = 10000;
 constexpr std::size_t SERVER_PEERS = 32;
 constexpr std::size_t CHANNELS = 2;
 
@@ -93,7 +93,7 @@ void LiveServer::TearDown() {
 }
 
 void LiveServer::pumpUntil(const std::function<bool()>& done) {
-    const auto end = Clock::now() + std::chrono::milliseconds(PATIENCE_MS);
+    const auto end = Clock::now() + std::chrono::milliseconds(TIMEOUT_MS);
     while (!done()) {
         ASSERT_LT(Clock::now(), end) << "what the test waits for does not happen";
         serviceHost();

@@ -14,7 +14,7 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr auto PATIENCE = std::chrono::seconds(20);
+constexpr auto TIMEOUT = std::chrono::seconds(20);
 constexpr std::uint32_t COMMAND_NUMBERS = 65536;
 constexpr std::uint32_t WINDOW_SIZE = ENET_PEER_RELIABLE_WINDOW_SIZE;
 constexpr int WRAPS = 4;
@@ -62,7 +62,7 @@ class LongStream : public LiveServer {
     /// Streams with an attentive client until `done()`; false when that takes too long.
     template <class Done>
     bool streamUntil(Done done) {
-        const auto end = Clock::now() + PATIENCE;
+        const auto end = Clock::now() + TIMEOUT;
         while (!done()) {
             deliver();
             listen();
@@ -85,7 +85,7 @@ class LongStream : public LiveServer {
 
     /// Streams while the client reads nothing, until `trims` trims have rolled the counter back.
     void stall(int trims) {
-        const auto end = Clock::now() + PATIENCE;
+        const auto end = Clock::now() + TIMEOUT;
         while (trims > 0) {
             const std::uint32_t before = lastCommand();
             deliver();

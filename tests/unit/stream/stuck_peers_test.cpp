@@ -181,13 +181,13 @@ TEST_F(StuckPeers, ConnectedPeerWithNothingToSayIsNotStuck) {
 }
 
 /// What SECURITY.md promises, and a little more.
-constexpr std::chrono::seconds PATIENCE{42};
+constexpr std::chrono::seconds TIMEOUT{42};
 
 /// Clients that fall silent after an acknowledgement that names a time long ago.
 class Silence : public StuckPeers {
   protected:
     void expectGoneInTime(const HandMadeClient& stranger, bool counted) {
-        letTimePass(PATIENCE, [] { sendBlock(); });
+        letTimePass(TIMEOUT, [] { sendBlock(); });
         EXPECT_EQ(peerOf(stranger).state, ENET_PEER_STATE_DISCONNECTED);
         expectGone(stranger, counted);
     }
@@ -202,7 +202,7 @@ TEST_F(Silence, OfAClientThatHearsEnds) {
         HandMadeClient& stranger = arrive(longAgo());
         stranger.send(reliable(1, dataRequest(reliably)));
         listenUntil([] { return clientConn[0].dataRequested != 0; });
-        letTimePass(PATIENCE, [] { sendBlock(); });
+        letTimePass(TIMEOUT, [] { sendBlock(); });
         EXPECT_EQ(peerOf(stranger).state, ENET_PEER_STATE_DISCONNECTED);
         EXPECT_EQ(connectCount, 0);
     }
@@ -211,7 +211,7 @@ TEST_F(Silence, OfAClientThatHearsEnds) {
 TEST_F(Silence, OfAClientThatSendsMessagesEnds) {
     HandMadeClient& stranger = arrive(longAgo());
     std::uint16_t number = 0;
-    letTimePass(PATIENCE, [&] {
+    letTimePass(TIMEOUT, [&] {
         ++number;
         stranger.send(reliable(number, controlMessage(2)) + unsequenced(number, controlMessage(3)));
     });

@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr int PATIENCE_MS = 30000;
+constexpr int TIMEOUT_MS = 30000;
 constexpr int STEP_MS = 10;
 
 [[noreturn]] void fail(const QProcess& process) {
@@ -34,7 +34,7 @@ VersionServer::VersionServer() {
 
 VersionServer::~VersionServer() {
     process.closeWriteChannel();
-    process.waitForFinished(PATIENCE_MS);
+    process.waitForFinished(TIMEOUT_MS);
 }
 
 void VersionServer::answer(const VersionAnswer& given, const std::string& path) {
@@ -60,7 +60,7 @@ std::vector<VersionRequest> VersionServer::takeRequests() {
 }
 
 bool VersionServer::waitForRequest() {
-    for (int waited = 0; waited < PATIENCE_MS; waited += STEP_MS) {
+    for (int waited = 0; waited < TIMEOUT_MS; waited += STEP_MS) {
         if (!takeRequests().empty()) {
             return true;
         }
@@ -84,7 +84,7 @@ VersionServer& VersionServer::instance() {
 
 QByteArray VersionServer::readLine() {
     while (!process.canReadLine()) {
-        if (!process.waitForReadyRead(PATIENCE_MS)) {
+        if (!process.waitForReadyRead(TIMEOUT_MS)) {
             fail(process);
         }
     }

@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr int PATIENCE_MS = 8000;
+constexpr int TIMEOUT_MS = 8000;
 
 }  // namespace
 
@@ -53,7 +53,7 @@ bool WebClient::receive() {
     pollfd waiting = {handle_, POLLIN, 0};
     char room[4096];
     const ssize_t length =
-        poll(&waiting, 1, PATIENCE_MS) > 0 ? recv(handle_, room, sizeof room, 0) : -1;
+        poll(&waiting, 1, TIMEOUT_MS) > 0 ? recv(handle_, room, sizeof room, 0) : -1;
     if (length > 0) {
         bytes_.append(room, static_cast<std::size_t>(length));
     }

@@ -8,7 +8,7 @@
 namespace {
 
 constexpr std::size_t WORKERS = 2;
-constexpr std::chrono::seconds PATIENCE{15};
+constexpr std::chrono::seconds TIMEOUT{15};
 
 }  // namespace
 
@@ -68,7 +68,7 @@ void WebSite::waitForStatus(const std::string& part) {
 }
 
 void WebSite::waitUntil(const std::function<bool()>& done) {
-    const auto end = std::chrono::steady_clock::now() + PATIENCE;
+    const auto end = std::chrono::steady_clock::now() + TIMEOUT;
     while (!done() && std::chrono::steady_clock::now() < end) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }

@@ -3,7 +3,7 @@
 import { readPacket } from './sound/packets.js';
 
 const FIRST_PAUSE_MS = 300;
-const LONGEST_PAUSE_MS = 5000;
+const MAX_PAUSE_MS = 5000;
 const SILENCE_MS = 6000; // Without a message for so long the connection is lost:
 const WAITING_MS = 30000; // after sound, and while it waits for the server.
 
@@ -87,7 +87,7 @@ export class LiveConnection {
   #lose() {
     this.#leave();
     const pause = this.#pause * (0.8 + 0.4 * Math.random());
-    this.#pause = Math.min(LONGEST_PAUSE_MS, 2 * this.#pause);
+    this.#pause = Math.min(MAX_PAUSE_MS, 2 * this.#pause);
     this.#retry = setTimeout(() => this.#connect(), pause);
     this.#listener.onLost(pause);
   }

@@ -3,7 +3,7 @@
 const HEADER_BYTES = 8;
 const ARRIVAL_BYTES = 8;
 const MAX_FRAMES = 5760; // The longest Opus packet.
-const LARGEST_GAP = 100; // Packets; more are no loss but another place in the stream.
+const MAX_GAP = 100; // Packets; more are no loss but another place in the stream.
 
 /**
  * Reads a binary message: {sequence, frames, payload}, payload a Uint8Array over the same memory;
@@ -48,7 +48,7 @@ export class SequenceTracker {
   /** {start, missing}: whether it has nothing to do with those before, and how many are lost. */
   observe(sequence) {
     const missing = this.#expected === null ? 0 : (sequence - this.#expected) >>> 0;
-    const start = this.#expected === null || missing > LARGEST_GAP;
+    const start = this.#expected === null || missing > MAX_GAP;
     this.#expected = sequence + 1;
     return { start, missing: start ? 0 : missing };
   }

@@ -13,7 +13,7 @@ import { fade, mirror, stretch } from './splicing.js';
 
 const CONTROL_INTERVAL = 0.25; // Seconds.
 const DEPTH_MEMORY = 2; // Seconds over which the depth is averaged.
-const LONGEST_STEP = 1; // Seconds; a longer pause of the output is cut to it.
+const MAX_STEP = 1; // Seconds; a longer pause of the output is cut to it.
 const MIN_EXCESS_MS = 40;
 const EXCESS_SHARE = 0.5;
 // Outputs take their time to begin, and sound piles up meanwhile.
@@ -137,7 +137,7 @@ export class Playout {
   /** Writes the next `frames` frames from `offset` on. `now` is the time of the call. */
   render(left, right, offset, frames, now) {
     const seconds = this.#lastRender === null
-      ? 0 : Math.min(LONGEST_STEP, Math.max(0, (now - this.#lastRender) / 1000));
+      ? 0 : Math.min(MAX_STEP, Math.max(0, (now - this.#lastRender) / 1000));
     this.#lastRender = now;
     this.#target.pass(seconds);
     if (this.#timed) {
