@@ -12,7 +12,7 @@ constexpr unsigned char SYNC = 0xFF;
 FlacStream::~FlacStream() = default;
 
 // libFLAC passes each metadata block and each frame in one call.
-sf_count_t FlacStream::take(const void* source, sf_count_t count, void* self) {
+sf_count_t FlacStream::collect(const void* source, sf_count_t count, void* self) {
     auto* const stream = static_cast<FlacStream*>(self);
     const auto* const bytes = static_cast<const char*>(source);
     const auto length = static_cast<std::size_t>(count);
@@ -37,7 +37,7 @@ void FlacStream::start(int rate) {
     SF_VIRTUAL_IO calls = {};
     calls.get_filelen = tell;
     calls.seek = seek;
-    calls.write = take;
+    calls.write = collect;
     calls.tell = tell;
     SF_INFO info = {};
     info.samplerate = rate;

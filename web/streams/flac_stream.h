@@ -30,7 +30,7 @@ class FlacStream final : public PcmStream {
     void write(const std::int16_t* frames, std::size_t count, std::string& bytes) override;
     static sf_count_t tell(void* self);
     static sf_count_t seek(sf_count_t offset, int whence, void* self);
-    static sf_count_t take(const void* source, sf_count_t count, void* self);
+    static sf_count_t collect(const void* source, sf_count_t count, void* self);
 
     std::string title_;
     std::string header_;
