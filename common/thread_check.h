@@ -26,6 +26,9 @@ class ThreadCheck {
         return owner != std::thread::id() && owner != std::this_thread::get_id();
     }
 
+    /// The next call of here() decides anew; the thread so far makes no more. Thread: any.
+    void release() { owner_ = std::thread::id(); }
+
   private:
     mutable std::atomic<std::thread::id> owner_{std::thread::id()};
 };

@@ -48,6 +48,7 @@ struct Words {
     bool bestEffort = false;
     bool single = false;
     bool noPlay = false;
+    std::string buffer;
     std::string delay;
     std::string offset;
     std::string stats;
@@ -62,9 +63,7 @@ void describe(CLI::App& app, Words& words, Options& options) {
     app.add_flag("--best-effort", words.bestEffort, "Do not resend lost packets");
     app.add_option("--name", options.choice.name, "Name that the server shows (this host's)");
     app.add_flag("--single", words.single, "Leave when another client connects");
-    app.add_option("--buffer", options.playout.bufferMs,
-                   "Minimum buffer in milliseconds (40 at first)")
-        ->check(CLI::Range(DelayTarget::MINIMUM_MS, DelayTarget::MAXIMUM_MS));
+    app.add_option("--buffer", words.buffer, "Minimum buffer in milliseconds (40 at first)");
     app.add_option("--delay", words.delay,
                    "Fixed delay to the loudspeaker in milliseconds, for rooms in step");
     app.add_option("--offset", words.offset,
@@ -166,6 +165,13 @@ std::optional<double> readNumber(const std::string& text) {
 
 Complaint takeDelay(const CLI::App& app, const Words& words, Options& options) {
     options.playout.bufferChosen = app.count("--buffer") > 0;
+    if (options.playout.bufferChosen) {
+        const double buffer = readNumber(words.buffer).value_or(0);
+        if (buffer < DelayTarget::MINIMUM_MS || buffer > DelayTarget::MAXIMUM_MS) {
+            return "--buffer must be a number of milliseconds from 10 to 500";
+        }
+        options.playout.bufferMs = buffer;
+    }
     if (app.count("--offset") > 0 && app.count("--delay") == 0) {
         return "--offset needs --delay";
     }

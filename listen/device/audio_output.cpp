@@ -83,8 +83,8 @@ bool AudioOutput::fail(const std::string& reason) {
     return false;
 }
 
-bool AudioOutput::open(const std::string& device, const PlayoutSettings& settings,
-                       double latencyMs) {
+bool AudioOutput::open(const std::string& device, const PlayoutSettings& settings, double latencyMs,
+                       std::shared_ptr<BlockQueue> queue) {
     const PaError result = Pa_Initialize();
     if (result != paNoError) {
         return fail(Pa_GetErrorText(result));
@@ -95,10 +95,11 @@ bool AudioOutput::open(const std::string& device, const PlayoutSettings& setting
         return fail(device.empty() ? "there is no output device"
                                    : "there is no output device named '" + device + "'");
     }
-    return start(index, settings, latencyMs);
+    return start(index, settings, latencyMs, std::move(queue));
 }
 
-bool AudioOutput::start(PaDeviceIndex device, const PlayoutSettings& settings, double latencyMs) {
+bool AudioOutput::start(PaDeviceIndex device, const PlayoutSettings& settings, double latencyMs,
+                        std::shared_ptr<BlockQueue> queue) {
     const PaDeviceInfo* const info = Pa_GetDeviceInfo(device);
     PaStreamParameters parameters = {};
     parameters.device = device;
@@ -112,7 +113,7 @@ bool AudioOutput::start(PaDeviceIndex device, const PlayoutSettings& settings, d
         stream_ = nullptr;
         return fail(Pa_GetErrorText(result));
     }
-    playout_ = std::make_unique<Playout>(rate, settings, outputLatencyMs());
+    playout_ = std::make_unique<Playout>(rate, settings, outputLatencyMs(), std::move(queue));
     result = Pa_StartStream(stream_);
     return result == paNoError || fail(Pa_GetErrorText(result));
 }

@@ -36,12 +36,9 @@ class AudioOutput {
 
     /// Opens and starts a device: the one whose name is `device`, else the first whose name
     /// contains it, or the default for an empty text. `latencyMs` is the minimum latency of the
-    /// device itself. False on failure, see error().
+    /// device itself. Plays what `queue` holds. False on failure, see error().
     [[nodiscard]] bool open(const std::string& device, const PlayoutSettings& settings,
-                            double latencyMs);
-
-    /// The queue of the sound to play; only when open.
-    [[nodiscard]] BlockQueue& queue() { return playout_->queue(); }
+                            double latencyMs, std::shared_ptr<BlockQueue> queue);
 
     /// False once the device is gone.
     [[nodiscard]] bool alive() const;
@@ -55,6 +52,9 @@ class AudioOutput {
     /// The minimum delay from the sending to the loudspeaker that is possible, in milliseconds,
     /// when that is more than the chosen one; else 0.
     [[nodiscard]] double neededDelayMs() const { return playout_->figures().neededMs; }
+
+    /// By how many milliseconds the chosen delay exceeds that minimum.
+    [[nodiscard]] double spareDelayMs() const { return playout_->figures().spareMs; }
 
     /// True when the device does not report its latency.
     [[nodiscard]] bool latencyIsNominal() const { return playout_->figures().nominalLatency; }
@@ -71,7 +71,8 @@ class AudioOutput {
                         void* self);
     bool fail(const std::string& reason);
     [[nodiscard]] double outputLatencyMs() const;
-    bool start(PaDeviceIndex device, const PlayoutSettings& settings, double latencyMs);
+    bool start(PaDeviceIndex device, const PlayoutSettings& settings, double latencyMs,
+               std::shared_ptr<BlockQueue> queue);
     void render(std::int16_t* output, std::size_t frames, double latency, bool underflow);
 
     bool initialized_ = false;

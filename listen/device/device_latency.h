@@ -21,9 +21,10 @@ class DeviceLatency {
     /// The device was opened at `now` (microseconds), its underruns count from 0.
     void noteOpened(std::int64_t now);
 
-    /// Takes the device's count of underruns. True when it must be reopened with more latency:
-    /// milliseconds().
-    bool noteUnderruns(std::uint64_t count, std::int64_t now);
+    /// Takes the device's count of underruns; several within a second count as one. `fits` is
+    /// false when twice the latency is more than the chosen delay allows: then it takes more of
+    /// them. True when the device must be reopened with more latency: milliseconds().
+    bool noteUnderruns(std::uint64_t count, std::int64_t now, bool fits = true);
 
     [[nodiscard]] double milliseconds() const { return milliseconds_; }
 
@@ -31,7 +32,9 @@ class DeviceLatency {
     double milliseconds_;
     std::int64_t opened_ = 0;
     std::int64_t since_ = 0;    ///< Start of the span that underruns are counted over,
-    std::uint64_t before_ = 0;  ///< and the device's count then.
+    unsigned counted_ = 0;      ///< those counted in it,
+    std::int64_t latest_ = 0;   ///< and when the last one was.
+    std::uint64_t before_ = 0;  ///< The device's count at the last call.
 };
 
 }  // namespace vxlisten

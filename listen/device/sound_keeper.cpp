@@ -45,7 +45,10 @@ double firstLatency(const PlayoutSettings& settings) {
 }  // namespace
 
 SoundKeeper::SoundKeeper(std::string device, const PlayoutSettings& settings)
-    : device_(std::move(device)), settings_(settings), latency_(firstLatency(settings)) {}
+    : device_(std::move(device)),
+      settings_(settings),
+      latency_(firstLatency(settings)),
+      queue_(Playout::makeQueue(settings)) {}
 
 SoundKeeper::~SoundKeeper() {
     if (opening_.valid() && opening_.wait_for(OPEN_TIMEOUT) != std::future_status::ready) {
@@ -74,7 +77,7 @@ void SoundKeeper::giveUp() {
 
 bool SoundKeeper::open(std::int64_t now) {
     output_ = std::make_unique<AudioOutput>();
-    if (!output_->open(device_, settings_, latency_.milliseconds())) {
+    if (!output_->open(device_, settings_, latency_.milliseconds(), queue_)) {
         error_ = output_->error();
         output_.reset();
         return false;
@@ -99,15 +102,18 @@ bool SoundKeeper::isGone(std::int64_t now) {
 
 BlockQueue* SoundKeeper::queue() {
     assert(thread_.here());
-    return output_ != nullptr ? &output_->queue() : nullptr;
+    return output_ != nullptr || settings_.delayMs ? queue_.get() : nullptr;
 }
 
 void SoundKeeper::reopen() {
+    if (!settings_.delayMs) {
+        queue_ = Playout::makeQueue(settings_);
+    }
     opening_ = inBackground([old = std::move(gone_), device = device_, settings = settings_,
-                             latency = latency_.milliseconds()]() mutable {
+                             latency = latency_.milliseconds(), queue = queue_]() mutable {
         old.reset();  // PortAudio lists devices again only when nothing uses it.
         auto output = std::make_unique<AudioOutput>();
-        if (!output->open(device, settings, latency)) {
+        if (!output->open(device, settings, latency, std::move(queue))) {
             output.reset();
         }
         return output;
@@ -131,8 +137,9 @@ std::string SoundKeeper::watch(std::int64_t now) {
     if (now - openedAt_ >= STABLE_TIME) {
         pause_.reset();
     }
-    return latency_.noteUnderruns(output_->deviceUnderruns(), now) ? raiseLatency()
-                                                                   : delayMessage();
+    const bool fits = !settings_.delayMs || output_->spareDelayMs() >= latency_.milliseconds();
+    return latency_.noteUnderruns(output_->deviceUnderruns(), now, fits) ? raiseLatency()
+                                                                         : delayMessage();
 }
 
 /// A message when the chosen delay is not possible or the latency unknown, each once; again when

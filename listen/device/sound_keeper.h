@@ -31,7 +31,8 @@ class SoundKeeper {
     /// Opens the device for the first time. May take a moment. False on failure, see error().
     [[nodiscard]] bool open(std::int64_t now);
 
-    /// The queue of the sound to play, valid until the next watch(); null while there is no device.
+    /// The queue of the sound to play, valid until the next watch(). With a chosen delay it holds
+    /// the sound while a device is reopened; else it is null while there is no device.
     [[nodiscard]] BlockQueue* queue();
 
     /// Checks the device; to be called several times a second. Returns a message for the user when
@@ -61,6 +62,7 @@ class SoundKeeper {
     PlayoutSettings settings_;
     DeviceLatency latency_;
     RetryPause pause_;
+    std::shared_ptr<BlockQueue> queue_;
     OutputPointer output_;  ///< Null while there is no device.
     OutputPointer gone_;    ///< A device that is gone and still has to be closed.
     std::future<OutputPointer> opening_;

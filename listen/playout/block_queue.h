@@ -45,6 +45,9 @@ class BlockQueue {
     /// Removes the oldest block; must not be empty. Thread: the one that pops. Realtime-safe: yes.
     void pop();
 
+    /// Another thread pops from now on; the one that did has stopped. Thread: any.
+    void changeReader() { popping_.release(); }
+
   private:
     std::vector<QueuedBlock> slots_;
     std::atomic<std::size_t> pushed_{0};

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "listen/clock.h"
 #include "listen/playout/step_control.h"
@@ -44,14 +45,20 @@ double toMs(std::size_t frames, int rate) {
 
 }  // namespace
 
-Playout::Playout(int deviceRate, const PlayoutSettings& settings, double latencyMs)
+std::shared_ptr<BlockQueue> Playout::makeQueue(const PlayoutSettings& settings) {
+    return std::make_shared<BlockQueue>(settings.delayMs.value_or(0) / MS);
+}
+
+Playout::Playout(int deviceRate, const PlayoutSettings& settings, double latencyMs,
+                 std::shared_ptr<BlockQueue> queue)
     : deviceRate_(deviceRate),
-      queue_(settings.delayMs.value_or(0) / MS),
+      queue_(queue != nullptr ? std::move(queue) : makeQueue(settings)),
       target_(settings.bufferMs, settings.bufferChosen),
       schedule_(deviceRate, settings, latencyMs),
       resampler_(deviceRate),
       chosenMs_(settings.delayMs.value_or(PlayoutFigures::NOT_KNOWN)) {
     figures_.targetMs = target_.milliseconds();
+    queue_->changeReader();
 }
 
 void Playout::render(std::int16_t* output, std::size_t frames, std::int64_t now, double latency) {
@@ -277,6 +284,7 @@ void Playout::watchStep(double seconds) {
     figures_.delayMs = late + schedule_.goalMs();
     figures_.inStepMs = late + schedule_.goalMs() - chosenMs_;
     figures_.nominalLatency = schedule_.nominalOnly();
+    figures_.spareMs = schedule_.goalMs() - schedule_.minimumMs(target_.jitterMs(), periodMs_);
     inStepFor_ += seconds;
     const double maximum =
         inStepFor_ < SETTLING_SECONDS ? MAXIMUM_SETTLING_LATE_MS : MAXIMUM_LATE_MS;
@@ -302,19 +310,25 @@ void Playout::control(double seconds) {
     if (sinceControl_ < (settling ? SETTLING_INTERVAL : CONTROL_INTERVAL)) {
         return;
     }
-    const bool ready = !schedule_.kept() || schedule_.ready();
-    if (!source_.pausing() && ready) {
-        const double ppm =
-            schedule_.kept()
-                ? std::clamp(stepCorrection(lateMs(), schedule_.ratePpm(), inStepFor_),
-                             -SteeredResampler::MAXIMUM_PPM, SteeredResampler::MAXIMUM_PPM)
-                : std::clamp(drift_.update(meanDepth_ - target_.milliseconds(), sinceControl_) +
-                                 target_.shrinkingPpm(),
-                             -DriftControl::MAXIMUM_PPM, DriftControl::MAXIMUM_PPM);
-        figures_.correctionPpm = ppm;
-        resampler_.steer(ppm);
+    if (!source_.pausing()) {
+        figures_.correctionPpm = schedule_.kept() ? stepPpm() : bufferPpm();
+        resampler_.steer(figures_.correctionPpm);
     }
     sinceControl_ = 0;
+}
+
+/// While the device's times are not known, as after an underrun, only the clocks' difference
+/// counts.
+double Playout::stepPpm() const {
+    const double ppm = schedule_.ready() ? stepCorrection(lateMs(), schedule_.ratePpm(), inStepFor_)
+                                         : schedule_.ratePpm();
+    return std::clamp(ppm, -SteeredResampler::MAXIMUM_PPM, SteeredResampler::MAXIMUM_PPM);
+}
+
+double Playout::bufferPpm() {
+    const double ppm = drift_.update(meanDepth_ - target_.milliseconds(), sinceControl_);
+    return std::clamp(ppm + target_.shrinkingPpm(), -DriftControl::MAXIMUM_PPM,
+                      DriftControl::MAXIMUM_PPM);
 }
 
 }  // namespace vxlisten

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <limits>
+#include <memory>
 
 #include "listen/audio/splicing.h"
 #include "listen/audio/stream_decoder.h"
@@ -34,6 +35,7 @@ struct PlayoutFigures {
     std::atomic<double> inStepMs{NOT_KNOWN};  ///< How much later than chosen that is.
     std::atomic<double> neededMs{0};  ///< The minimum delay possible, when that is more than
                                       ///< the chosen one; else 0.
+    std::atomic<double> spareMs{0};   ///< By how much the chosen delay exceeds that minimum.
     std::atomic<bool> nominalLatency{false};  ///< The device's time stamps cannot be true.
     std::atomic<bool> playing{false};         ///< False while it fills up.
 };
@@ -44,11 +46,16 @@ struct PlayoutFigures {
 /// taken from a clock.
 class Playout {
   public:
-    /// `deviceRate` in Hz; `latencyMs` is the device's nominal latency.
-    Playout(int deviceRate, const PlayoutSettings& settings, double latencyMs = 0);
+    /// `deviceRate` in Hz; `latencyMs` is the device's nominal latency. Plays what `queue` holds,
+    /// which nobody else reads any more; null for a new queue.
+    Playout(int deviceRate, const PlayoutSettings& settings, double latencyMs = 0,
+            std::shared_ptr<BlockQueue> queue = nullptr);
 
     /// The queue of the sound to play.
-    [[nodiscard]] BlockQueue& queue() { return queue_; }
+    [[nodiscard]] BlockQueue& queue() { return *queue_; }
+
+    /// A queue for these settings.
+    [[nodiscard]] static std::shared_ptr<BlockQueue> makeQueue(const PlayoutSettings& settings);
 
     /// Writes `frames` stereo frames for the device. `now` (microseconds) is the time of the call,
     /// `latency` (microseconds) how much later the first of them is heard, reported by the device.
@@ -74,6 +81,8 @@ class Playout {
     void stretch(BlockSource::Block& block);
     [[nodiscard]] bool stretchIsDue();
     void control(double seconds);
+    [[nodiscard]] double stepPpm() const;
+    double bufferPpm();
     void produce(std::size_t wanted);
     void playBlock();
     [[nodiscard]] double depthMs() const;
@@ -82,8 +91,8 @@ class Playout {
     [[nodiscard]] double lateMs() const;
 
     int deviceRate_;
-    BlockQueue queue_;
-    BlockSource source_{queue_};
+    std::shared_ptr<BlockQueue> queue_;
+    BlockSource source_{*queue_};
     DelayTarget target_;
     DriftControl drift_;
     Schedule schedule_;

@@ -48,9 +48,13 @@ double Schedule::delayMs(double position, double frame) const {
            settings_.offsetMs;
 }
 
+double Schedule::minimumMs(double jitterMs, double periodMs) const {
+    return sent_.ahead / MICROSECONDS_PER_MILLISECOND + jitterMs + latencyMs_ + periodMs +
+           SAFETY_MS + settings_.offsetMs;
+}
+
 bool Schedule::raiseToMinimum(double jitterMs, double periodMs) {
-    const double needed = sent_.ahead / MICROSECONDS_PER_MILLISECOND + jitterMs + latencyMs_ +
-                          periodMs + SAFETY_MS + settings_.offsetMs;
+    const double needed = minimumMs(jitterMs, periodMs);
     const bool raised = needed > delayMs_;
     delayMs_ = std::max(delayMs_, needed);
     return raised;

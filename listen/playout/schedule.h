@@ -65,8 +65,11 @@ class Schedule {
     /// The delay in use: the chosen one, or the minimum possible above it.
     [[nodiscard]] double goalMs() const { return delayMs_; }
 
-    /// Raises the delay in use to the minimum for packets that arrive up to `jitterMs` after the
-    /// earliest ones and a device with a period of `periodMs`. True when it was raised.
+    /// The minimum delay for packets that arrive up to `jitterMs` after the earliest ones and a
+    /// device with a period of `periodMs`.
+    [[nodiscard]] double minimumMs(double jitterMs, double periodMs) const;
+
+    /// Raises the delay in use to that minimum. True when it was raised.
     bool raiseToMinimum(double jitterMs, double periodMs);
 
     /// Raises the delay in use so that the newest sound is heard in the device's `frame`.

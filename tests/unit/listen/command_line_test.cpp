@@ -105,6 +105,8 @@ TEST(CommandLine, NonsenseIsAUsageError) {
                                                             {"box:port"},
                                                             {"box", "--buffer", "9"},
                                                             {"box", "--buffer", "501"},
+                                                            {"box", "--buffer", "nan"},
+                                                            {"box", "--buffer", ""},
                                                             {"box", "--seconds", "0"},
                                                             {"box", "--seconds", "nan"},
                                                             {"box", "--record", "x.mp3"},

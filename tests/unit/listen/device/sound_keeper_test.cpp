@@ -62,15 +62,28 @@ class SoundKeeperTest : public testing::Test {
         return told;
     }
 
+    /// An underrun of the device a second, so many; the last one is not yet noticed.
+    void runDry(int times) {
+        for (int i = 0; i < times; ++i) {
+            EXPECT_TRUE(i == 0 || watch(SECOND).empty());
+            device_.ask(true);
+        }
+    }
+
+    /// 10 ms of silence that are sent now and come `ahead` microseconds later.
+    void push(vxlisten::Join join, double ahead) {
+        const std::vector<std::int16_t> silence(480 * 2);
+        keeper_->queue()->push({silence.data(), 480, 48000, join, false}, now_,
+                               {static_cast<double>(now_), 1e6 / 48000, ahead});
+    }
+
     /// Plays packets in real time that are sent now and come `ahead` microseconds later, until this
     /// many messages were returned or the time is over.
     std::vector<std::string> play(vxlisten::Join join, double ahead, std::size_t sentences) {
-        const std::vector<std::int16_t> silence(480 * 2);
         std::vector<std::string> told;
         for (int i = 0; i < 1000 && told.size() < sentences; ++i) {
             now_ = vxlisten::steadyNow();
-            keeper_->queue()->push({silence.data(), 480, 48000, join, false}, now_,
-                                   {static_cast<double>(now_), 1e6 / 48000, ahead});
+            push(join, ahead);
             join = vxlisten::Join::Continues;
             device_.ask(false);
             const std::string news = keeper_->watch(now_);
@@ -135,9 +148,7 @@ TEST_F(SoundKeeperTest, ADeviceThatRunsDryAgainAndAgainIsAskedForMoreLatency) {
     const int first = vxlisten::realTimeAllowed() ? 40 : 80;
     EXPECT_DOUBLE_EQ(device_.outputLatency, first / 1000.0);
     watch(4 * SECOND);
-    for (int i = 0; i < 3; ++i) {
-        device_.ask(true);
-    }
+    runDry(3);
     EXPECT_EQ(keeper_->figures().underruns, 3u);
     EXPECT_EQ(keeper_->figures().deviceUnderruns, 3u);
     const auto told = watchUntilTold("repeated underruns");
@@ -154,9 +165,7 @@ TEST_F(SoundKeeperTest, ADeviceThatRunsDryAgainAndAgainIsAskedForMoreLatency) {
 TEST_F(SoundKeeperTest, ADeviceThatIsAwayWhenMoreLatencyIsWantedIsToldOf) {
     openKeeper();
     watch(4 * SECOND);
-    for (int i = 0; i < 3; ++i) {
-        device_.ask(true);
-    }
+    runDry(3);
     device_.outputPresent = false;
     const auto told = watchUntilTold(GONE);
     ASSERT_EQ(told.size(), 2u);
@@ -170,6 +179,33 @@ TEST_F(SoundKeeperTest, ALongDelayAsksTheDeviceForMoreLatencyThanItMayNeed) {
     settings_.delayMs = 300;
     openKeeper();
     EXPECT_DOUBLE_EQ(device_.outputLatency, 0.08);
+}
+
+TEST_F(SoundKeeperTest, ADelayWithoutRoomForMoreLatencyIsKeptUnlessTheDeviceRunsDryAllTheTime) {
+    settings_.delayMs = 1;
+    openKeeper();
+    watch(4 * SECOND);
+    runDry(9);
+    EXPECT_TRUE(watch(200 * MILLISECOND).empty());
+    EXPECT_EQ(device_.opened, 1);
+    watch(SECOND);
+    device_.ask(true);
+    EXPECT_EQ(watchUntilTold("repeated underruns").size(), 1u);
+}
+
+TEST_F(SoundKeeperTest, WithADelayTheSoundThatWaitsOutlivesTheDevice) {
+    settings_.delayMs = 5000;
+    openKeeper();
+    push(vxlisten::Join::NewStream, 0);
+    device_.active = false;
+    device_.outputPresent = false;
+    EXPECT_EQ(watchUntilTold(GONE), std::vector<std::string>({GONE}));
+    push(vxlisten::Join::Continues, 0);
+    device_.active = device_.outputPresent = true;
+    EXPECT_EQ(watchUntilTold(AGAIN), std::vector<std::string>({AGAIN}));
+    device_.ask(false);
+    EXPECT_EQ(keeper_->queue()->size(), 2u);
+    EXPECT_DOUBLE_EQ(keeper_->figures().bufferMs, 20);
 }
 
 TEST_F(SoundKeeperTest, WhatKeepsItFromTheChosenDelayIsToldOnce) {
