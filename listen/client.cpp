@@ -1,6 +1,7 @@
 #include "listen/client.h"
 
 #include <algorithm>
+#include <cstdio>
 #include <memory>
 #include <optional>
 
@@ -21,6 +22,7 @@ constexpr std::uint32_t DISCONNECT_TIMEOUT_MS = 300;
 constexpr std::int64_t CONNECT_TIMEOUT = 5 * SECOND;
 /// A server sends all the time. When a connection delivers nothing, only a new one helps.
 constexpr std::int64_t SILENCE_TIMEOUT = 3 * SECOND;
+constexpr double NOTED_SILENCE = 0.9;  ///< Seconds after which it is reported.
 constexpr std::int64_t WATCH_INTERVAL = 100 * MILLISECOND;
 // The minimum round trip is needed: ping often at first, and not in step with the server's blocks.
 constexpr std::int64_t FIRST_PINGS = 60 * SECOND;
@@ -157,6 +159,12 @@ void Client::handlePacket(const ENetPacket& packet) {
     if (!audio) {
         ++counts_.damaged;
         return;
+    }
+    const double seconds = toSeconds(steadyNow() - lastAudio_);
+    if (seconds >= NOTED_SILENCE) {
+        char text[64];
+        std::snprintf(text, sizeof text, "no audio received for %.1f s", seconds);
+        reporter_.announce(text);
     }
     retryPause_.reset();
     ++counts_.packets;

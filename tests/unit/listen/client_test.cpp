@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <enet/enet.h>
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include "listen/clock.h"
@@ -29,6 +30,7 @@ const std::thread::id MAIN_THREAD = std::this_thread::get_id();
 /// What a server does beside serving.
 struct Habits {
     int silent = 0;         ///< So many clients stay without audio.
+    int stands = 0;         ///< Milliseconds without a word, once, after a quarter of a second.
     bool replaces = false;  ///< Gives each client's place away at once.
     bool damages = false;   ///< Sends every packet without the end of its header, too.
 };
@@ -42,6 +44,9 @@ std::unique_ptr<EnetServer> serve(const Habits& habits = {}) {
         }
         if (server.connections() <= habits.silent) {
             return;
+        }
+        if (habits.stands > 0 && seq == 30) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(habits.stands));
         }
         server.send(bytes);
         if (habits.damages) {
@@ -116,6 +121,14 @@ TEST(Client, AConnectionThatStaysSilentIsMadeAnew) {
     EXPECT_GE(server->connections(), 2);
 }
 
+TEST(Client, AServerThatStandsStillIsToldOfOnce) {
+    const auto server = serve({0, 1500});
+    vxlisten::Options options = optionsFor(server->port(), 3);
+    options.quiet = false;
+    EXPECT_THAT(runClient(options).sentence,
+                testing::MatchesRegex("velantrix-listen: no audio received for [1-2]\\.. s\n"));
+}
+
 TEST(Client, ALookUpThatHangsDoesNotHoldUpTheNextAttempt) {
     const auto server = serve({1});
     const vxlisten::Options options = optionsFor(server->port(), 8);
@@ -143,7 +156,7 @@ TEST(Client, TheRequestCarriesTheNameAndTheChoice) {
 }
 
 TEST(Client, BeingReplacedBeforeTheFirstSoundIsNoError) {
-    const auto server = serve({1, true});
+    const auto server = serve({1, 0, true});
     const vxlisten::Options options = optionsFor(server->port(), 20);
     EXPECT_EQ(vxlisten::Client(options).run(), vxlisten::STATUS_OK);
 }
@@ -198,7 +211,7 @@ TEST(Client, ARefusalComesWithItsReason) {
 }
 
 TEST(Client, PacketsWithADamagedHeaderAreCountedAndTheOthersHeard) {
-    const auto server = serve({0, false, true});
+    const auto server = serve({0, 0, false, true});
     vxlisten::Options options = optionsFor(server->port(), 1);
     options.stats = vxlisten::StatsStyle::Json;
     testing::internal::CaptureStdout();
