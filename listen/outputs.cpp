@@ -86,7 +86,8 @@ SinkState Outputs::watch(std::int64_t now, std::string& news) {
     }
     if (news.empty() && std::exchange(starts_, false) && delaySeconds_ >= LONG_DELAY_SECONDS) {
         char text[64];
-        std::snprintf(text, sizeof text, "the sound starts in %g s", delaySeconds_);
+        std::snprintf(text, sizeof text, "what the server sends now is heard in %g s",
+                      delaySeconds_);
         news = text;
     }
     return pipe_ != nullptr && pipe_->readerGone() ? SinkState::Closed : SinkState::Open;

@@ -28,6 +28,7 @@ constexpr std::size_t MAXIMUM_PACKET = 1 << 16;
 constexpr enet_uint32 TIMEOUT_ATTEMPTS = 8;
 constexpr enet_uint32 TIMEOUT_MINIMUM_MS = 3000;
 constexpr enet_uint32 TIMEOUT_MAXIMUM_MS = 6000;
+constexpr std::int64_t PING_TIMEOUT = SECOND;
 
 std::string toText(const ENetAddress& address) {
     char text[64] = "";
@@ -171,7 +172,9 @@ int Receiver::descriptor() const {
 
 void Receiver::ping() {
     assert(thread_.here());
-    if (peer_ == nullptr || peer_->state != ENET_PEER_STATE_CONNECTED) {
+    const std::int64_t now = steadyNow();
+    const bool waiting = pingedAt_ >= 0 && now - pingedAt_ < PING_TIMEOUT;
+    if (peer_ == nullptr || peer_->state != ENET_PEER_STATE_CONNECTED || waiting) {
         return;
     }
     enet_peer_ping(peer_);

@@ -80,7 +80,8 @@ class Receiver {
     /// The resolved server as "address:port".
     [[nodiscard]] std::string serverAddress() const;
 
-    /// Pings the server, for takeRoundTrip(). Does nothing when not connected.
+    /// Pings the server, for takeRoundTrip(). Does nothing when not connected, or while the answer
+    /// to an earlier one may still come.
     void ping();
 
     /// The time from the latest ping() to its acknowledgement in microseconds, once; nothing

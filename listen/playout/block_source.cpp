@@ -66,7 +66,7 @@ BlockSource::Block BlockSource::next() {
 }
 
 BlockSource::Block BlockSource::fadeOut() {
-    const Kind kind = streamChanged_ ? Kind::Ended : Kind::Underrun;
+    const Kind kind = streamChanged_ || newStreamArrived() ? Kind::Ended : Kind::Underrun;
     pausing_ = true;
     streamChanged_ = false;
     if (tailCount_ > 0) {

@@ -35,6 +35,11 @@ class BlockSource {
     /// waits before it and pauses the sound.
     const QueuedBlock* takeArrival();
 
+    /// True when the next block to count begins a new stream.
+    [[nodiscard]] bool newStreamArrived() const {
+        return seen_ < queue_.size() && queue_[seen_].join == Join::NewStream;
+    }
+
     /// The next block of sound; not while pausing.
     Block next();
 

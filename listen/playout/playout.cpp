@@ -33,6 +33,8 @@ constexpr double OFTEN_MS = 20;
 constexpr double REPEATED_SHARE = 0.25;
 constexpr double LATE_SECONDS = 1.5;  ///< Longer than the detection of a jump.
 constexpr double MAXIMUM_LATE_SECONDS = 3;
+/// Blocks to count in a call: once an old stream is over, seconds of the new one wait.
+constexpr std::size_t MAXIMUM_ARRIVALS = 64;
 constexpr double MAXIMUM_PAUSE_SECONDS = 0.1;  ///< Seconds that count as late; a stall does not.
 
 void increment(std::atomic<std::uint64_t>& counter, std::uint64_t by = 1) {
@@ -92,8 +94,18 @@ void Playout::render(std::int16_t* output, std::size_t frames, std::int64_t now,
     control(callSeconds_);
 }
 
+/// With a fixed delay, a new stream is taken only after what waits has been played, at its time.
+bool Playout::oldStreamRemains() const {
+    return schedule_.kept() && !source_.empty() && source_.newStreamArrived();
+}
+
 void Playout::takeArrivals() {
-    while (const QueuedBlock* const block = source_.takeArrival()) {
+    std::size_t left = schedule_.kept() ? MAXIMUM_ARRIVALS : queue_->size();
+    while (left-- > 0 && !oldStreamRemains()) {
+        const QueuedBlock* const block = source_.takeArrival();
+        if (block == nullptr) {
+            return;
+        }
         if (block->join == Join::NewStream) {
             target_.restart();
             schedule_.restart();

@@ -70,6 +70,7 @@ class Playout {
     [[nodiscard]] const PlayoutFigures& figures() const { return figures_; }
 
   private:
+    [[nodiscard]] bool oldStreamRemains() const;
     void takeArrivals();
     void watchStart(std::size_t wanted);
     void startWhenDue(std::size_t wanted);

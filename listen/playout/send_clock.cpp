@@ -288,7 +288,8 @@ double SendClock::halfRoundTrip() const {
     std::array<double, 3 * (MAXIMUM_SPANS + 1)> trips{};
     std::size_t count = 0;
     double spread = 0;
-    for (std::size_t i = 0; i <= spanCount_; ++i) {
+    // The smallest of the few in a span that has just begun are not small.
+    for (std::size_t i = 0; i < std::max<std::size_t>(spanCount_, 1); ++i) {
         const auto& found = spans_[i].roundTrips;
         spread = std::max(spread, found.spread());
         for (std::size_t place = 0; place < 3; ++place) {

@@ -67,12 +67,12 @@ void Feed::publishMedia(ChannelId channel, const Chunk& chunk, std::int64_t now)
 }
 
 void Feed::packetCame(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
-                      std::int64_t now) {
+                      std::int64_t now, std::int64_t roundTrip) {
     away_ = false;
     events_.soundCame(packet.sampleRate);
     for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
         if (carries(channel) && CHANNELS[channel].live()) {
-            publishLive(channel, packet, step.start, now);
+            publishLive(channel, packet, step.start, now, roundTrip);
         } else if (outlets_[channel].media) {
             outlets_[channel].media->take(
                 packet, step, now, [=](const Chunk& chunk) { publishMedia(channel, chunk, now); });
@@ -81,13 +81,14 @@ void Feed::packetCame(const vxlisten::AudioPacket& packet, const vxlisten::Seque
 }
 
 void Feed::publishLive(ChannelId channel, const vxlisten::AudioPacket& packet, bool start,
-                       std::int64_t now) {
+                       std::int64_t now, std::int64_t roundTrip) {
     if (start) {
         introduce(channel, makeFormat(CHANNELS[channel].form == Form::LiveOpus, packet.sampleRate,
                                       title_, now));
     }
     if (outlets_[channel].listeners > 0 && packet.encoding != vxlisten::Encoding::Fallback) {
-        events_.publish(channel, makeSound(packet, now, CHANNELS[channel].arrivals));
+        events_.publish(channel, CHANNELS[channel].arrivals ? makeTimedSound(packet, now, roundTrip)
+                                                            : makeSound(packet, now));
     }
 }
 

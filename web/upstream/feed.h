@@ -62,7 +62,7 @@ class Feed : public UpstreamEvents {
     };
 
     void packetCame(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
-                    std::int64_t now) override;
+                    std::int64_t now, std::int64_t roundTrip) override;
     void serverWentAway() override;
     void timePassed(std::int64_t now) override;
     [[nodiscard]] std::size_t packetsWanted() const override;
@@ -72,7 +72,7 @@ class Feed : public UpstreamEvents {
     void introduce(ChannelId channel, PacketPtr intro);
     void publishMedia(ChannelId channel, const Chunk& chunk, std::int64_t now);
     void publishLive(ChannelId channel, const vxlisten::AudioPacket& packet, bool start,
-                     std::int64_t now);
+                     std::int64_t now, std::int64_t roundTrip);
 
     ThreadCheck thread_;
     const std::uint32_t rateCode_;

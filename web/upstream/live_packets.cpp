@@ -1,8 +1,10 @@
 #include "web/upstream/live_packets.h"
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdio>
+#include <limits>
 #include <utility>
 
 #include <nlohmann/json.hpp>
@@ -46,6 +48,19 @@ PacketPtr makeText(const nlohmann::ordered_json& content, std::int64_t now) {
     return makePacket(frameOf(WHOLE_TEXT, text.size()), text, {}, false, now);
 }
 
+/// `times` stands between the header and the payload.
+PacketPtr makeBinary(const vxlisten::AudioPacket& packet, std::int64_t now,
+                     std::string_view times) {
+    std::array<unsigned char, 8> header{};
+    wire::writeU32(header.data(), packet.seq);
+    wire::writeU32(header.data() + 4, static_cast<std::uint32_t>(packet.frames));
+    std::string frame = frameOf(WHOLE_BINARY, header.size() + times.size() + packet.payloadLength);
+    frame.append(reinterpret_cast<const char*>(header.data()), header.size()).append(times);
+    const std::string_view payload(reinterpret_cast<const char*>(packet.payload),
+                                   packet.payloadLength);
+    return makePacket(std::move(frame), payload, {}, true, now);
+}
+
 }  // namespace
 
 PacketPtr makeFormat(bool opus, int sampleRate, const std::string& title, std::int64_t now) {
@@ -60,18 +75,18 @@ PacketPtr makeWaiting(std::int64_t now) {
     return makeText({{"state", "waiting"}}, now);
 }
 
-PacketPtr makeSound(const vxlisten::AudioPacket& packet, std::int64_t now, bool arrivals) {
-    std::array<unsigned char, 16> header{};
-    const std::size_t headerLength = arrivals ? 16 : 8;
-    wire::writeU32(header.data(), packet.seq);
-    wire::writeU32(header.data() + 4, static_cast<std::uint32_t>(packet.frames));
-    wire::writeU32(header.data() + 8, static_cast<std::uint32_t>(now));
-    wire::writeU32(header.data() + 12, static_cast<std::uint32_t>(now >> 32));
-    std::string frame = frameOf(WHOLE_BINARY, headerLength + packet.payloadLength);
-    frame.append(reinterpret_cast<const char*>(header.data()), headerLength);
-    const std::string_view payload(reinterpret_cast<const char*>(packet.payload),
-                                   packet.payloadLength);
-    return makePacket(std::move(frame), payload, {}, true, now);
+PacketPtr makeSound(const vxlisten::AudioPacket& packet, std::int64_t now) {
+    return makeBinary(packet, now, {});
+}
+
+PacketPtr makeTimedSound(const vxlisten::AudioPacket& packet, std::int64_t now,
+                         std::int64_t roundTrip) {
+    constexpr std::int64_t MAXIMUM = std::numeric_limits<std::uint32_t>::max();
+    std::array<unsigned char, 12> times{};
+    wire::writeU32(times.data(), static_cast<std::uint32_t>(now));
+    wire::writeU32(times.data() + 4, static_cast<std::uint32_t>(now >> 32));
+    wire::writeU32(times.data() + 8, static_cast<std::uint32_t>(std::min(roundTrip, MAXIMUM)));
+    return makeBinary(packet, now, {reinterpret_cast<const char*>(times.data()), times.size()});
 }
 
 PacketPtr makeChunk(std::string_view body, bool sound, std::int64_t now) {

@@ -18,9 +18,12 @@ PacketPtr makeFormat(bool opus, int sampleRate, const std::string& title, std::i
 /// The text message that says that the server is away.
 PacketPtr makeWaiting(std::int64_t now);
 
-/// The binary message with the payload of one packet that came at `now`, which it tells with
-/// `arrivals`.
-PacketPtr makeSound(const vxlisten::AudioPacket& packet, std::int64_t now, bool arrivals = false);
+/// The binary message with the payload of one packet that came at `now`.
+PacketPtr makeSound(const vxlisten::AudioPacket& packet, std::int64_t now);
+
+/// The same, which also tells `now` and `roundTrip` (microseconds).
+PacketPtr makeTimedSound(const vxlisten::AudioPacket& packet, std::int64_t now,
+                         std::int64_t roundTrip);
 
 /// A piece of a media stream: of its sound, or its header.
 PacketPtr makeChunk(std::string_view body, bool sound, std::int64_t now);

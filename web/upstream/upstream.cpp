@@ -20,6 +20,7 @@ constexpr std::int64_t TICK = 20 * MILLISECOND;
 constexpr std::size_t PACKETS_A_TICK = 2;  ///< Of Opus.
 /// Packets bring the ticks; this finds that none arrive.
 constexpr std::int64_t IDLE_CHECK = 100 * MILLISECOND;
+constexpr std::int64_t PING_INTERVAL = 101 * MILLISECOND;
 constexpr std::int64_t LOCATE_TIMEOUT = 1 * SECOND;
 constexpr std::int64_t CONNECT_TIMEOUT = 5 * SECOND;
 /// A server sends all the time. When a connection delivers nothing, only a new one helps.
@@ -33,6 +34,7 @@ constexpr std::int64_t REPLACED_PAUSE = 5 * SECOND;
 Upstream::Upstream(boost::asio::io_context& context, ServerLocator& locator,
                    vxlisten::StreamChoice choice, UpstreamEvents& events)
     : timer_(context),
+      pings_(context),
       socket_(context),
       locator_(locator),
       choice_(std::move(choice)),
@@ -47,6 +49,7 @@ Upstream::~Upstream() {
 void Upstream::open() {
     enter(Link::Waiting);
     waitForTime(TICK);
+    pingLater();
     watch();
 }
 
@@ -59,6 +62,7 @@ void Upstream::close() {
 void Upstream::abandon() {
     enter(Link::Ended);
     timer_.cancel();
+    pings_.cancel();
     if (socket_.is_open()) {
         socket_.release();  // What waits for it would keep this alive.
     }
@@ -122,6 +126,19 @@ void Upstream::waitForTime(std::int64_t time) {
     });
 }
 
+/// On a timer of its own: a ping right after a packet would always wait for the server's next one.
+void Upstream::pingLater() {
+    pings_.expires_after(std::chrono::microseconds(PING_INTERVAL));
+    pings_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
+        if (!error && self->link_ != Link::Ended) {
+            if (!self->resting_) {
+                self->receiver_.ping();
+            }
+            self->pingLater();
+        }
+    });
+}
+
 void Upstream::passTime() {
     service();
     const std::int64_t now = steadyNow();
@@ -169,7 +186,8 @@ void Upstream::handlePacket(const ENetPacket& packet) {
     lastSound_ = steadyNow();
     pause_.reset();
     away_ = false;
-    events_.packetCame(*audio, tracker_.observe(*audio), lastSound_);
+    events_.packetCame(*audio, tracker_.observe(*audio), lastSound_,
+                       receiver_.takeRoundTrip().value_or(0));
 }
 
 void Upstream::handleDisconnected(std::uint32_t data) {

@@ -20,9 +20,10 @@ namespace vxweb {
 class UpstreamEvents {
   public:
     virtual ~UpstreamEvents() = default;
-    /// A packet of the requested stream. Borrowed.
+    /// A packet of the requested stream. Borrowed. `roundTrip` is one to the server since the last
+    /// call, in microseconds; 0: none.
     virtual void packetCame(const vxlisten::AudioPacket& packet, const vxlisten::SequenceStep& step,
-                            std::int64_t now) = 0;
+                            std::int64_t now, std::int64_t roundTrip) = 0;
     /// The server is away. Called again only after packets have arrived.
     virtual void serverWentAway() = 0;
     /// Called about every 20 ms; when no more packets come, for the first time within 100 ms.
@@ -63,6 +64,7 @@ class Upstream : public std::enable_shared_from_this<Upstream> {
     void waitOn();
     [[nodiscard]] bool mayRest() const;
     void waitForTime(std::int64_t time);
+    void pingLater();
     void passTime();
     void service();
     void handle(const vxlisten::ReceiverEvent& event);
@@ -76,6 +78,7 @@ class Upstream : public std::enable_shared_from_this<Upstream> {
     void tell(const std::string& what) const;
 
     boost::asio::steady_timer timer_;
+    boost::asio::steady_timer pings_;
     boost::asio::posix::stream_descriptor
         socket_;  ///< Borrowed from the receiver; not while resting.
     ServerLocator& locator_;

@@ -54,7 +54,7 @@ TEST_F(OutputsTest, AServersClockThatJumpsIsToldOnceWhereADelayIsKept) {
 TEST_F(OutputsTest, ALongSilenceBeforeTheSoundOfEachConnectionIsToldBeforehand) {
     options_.playout.delayMs = 10000;
     ASSERT_TRUE(outputs_.open(options_));
-    const std::vector<std::string> once{"the sound starts in 10 s"};
+    const std::vector<std::string> once{"what the server sends now is heard in 10 s"};
     EXPECT_EQ(take(1, 0), once);
     tracker_.restart();
     EXPECT_EQ(take(1, 0), once);

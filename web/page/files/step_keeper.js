@@ -4,8 +4,7 @@ import { OutputTimes } from './sound/output_times.js';
 import { SendTimes } from './sound/send_times.js';
 
 const STAMP_MS = 100;
-const TRIP_MS = 5000;
-const TRIPS = 12; // Of the last minute.
+const TRIP_MS = 1500; // At least one in each span of EarliestLine.
 const TRIP_URL = '/page/silence.flac';
 const MAX_LATENCY_MS = 2000;
 
@@ -17,7 +16,7 @@ export class StepKeeper {
   #sends = null;
   #format = null;
   #output = new OutputTimes();
-  #trips = [];
+  #trip = 0; // One that was measured since the last packet, 0: none.
   #timers;
 
   /** `asksOutput`: the context may be asked when its output is heard. */
@@ -48,12 +47,12 @@ export class StepKeeper {
   /** {due, earliness} of a packet that comes now, see Playout.push(); null before they are known. */
   take(packet) {
     const rate = this.#format.sampleRate;
-    this.#sends.note(packet, rate, performance.now());
+    this.#sends.note(packet, rate, performance.now(), this.#trip);
+    this.#trip = 0;
     if (!this.#sends.ready || !this.#output.ready) {
       return null;
     }
-    const trip = this.#trips.length > 0 ? Math.min(...this.#trips) : 0;
-    const due = this.#output.frameAt(this.#sends.sentAt(packet, rate, trip) + this.#delayMs);
+    const due = this.#output.frameAt(this.#sends.sentAt(packet, rate) + this.#delayMs);
     return { due, earliness: due - 1000 * this.#context.currentTime };
   }
 
@@ -87,10 +86,7 @@ export class StepKeeper {
       return; // The connection will say what is wrong.
     }
     const [latest] = performance.getEntriesByName(new URL(TRIP_URL, location.href).href).slice(-1);
-    const trip = latest ? latest.responseStart - latest.requestStart : 0;
+    this.#trip = latest ? latest.responseStart - latest.requestStart : 0;
     performance.clearResourceTimings();
-    if (trip > 0) {
-      this.#trips = [...this.#trips, trip].slice(-TRIPS);
-    }
   }
 }

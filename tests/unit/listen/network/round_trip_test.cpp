@@ -60,6 +60,17 @@ TEST_F(RoundTrip, LastsUntilTheServerAnswersAndIsToldOnce) {
     EXPECT_FALSE(receiver_.takeRoundTrip());
 }
 
+TEST_F(RoundTrip, IsToldWhenItIsLongerThanTheTimeBetweenPings) {
+    const std::int64_t begin = steadyNow();
+    while (steadyNow() - begin < 100 * MILLISECOND) {
+        receiver_.ping();
+        receiver_.service(1);
+    }
+    const auto found = await();
+    ASSERT_TRUE(found);
+    EXPECT_GE(*found, 90 * MILLISECOND);
+}
+
 TEST_F(RoundTrip, IsFinerThanAMillisecond) {
     bool fine = false;
     for (int i = 0; i < 20 && !fine; ++i) {

@@ -87,6 +87,7 @@ class Listener {
 
     /// Another server, or the same one restarted.
     void setServer(const Server& server) {
+        before_ = server_;
         server_ = server;
         encoder_.reset(opus_encoder_create(48000, 2, OPUS_APPLICATION_AUDIO, nullptr));
         tracker_.restart();
@@ -167,9 +168,11 @@ class Listener {
 
     void hear(std::int16_t sample) {
         const double time = frameHeard(static_cast<double>(played_++));
+        const double sent = time - settings_.delayMs.value_or(0) / 1000;
+        const Server& server = sent < server_.start ? before_ : server_;
         for (std::size_t i = 0; i < sums_.size(); ++i) {
-            const double pace = TONES[i] * (1 + server_.ppm * 1e-6);
-            sums_[i] += std::polar<double>(sample, TAU * pace * (time - server_.start));
+            const double pace = TONES[i] * (1 + server.ppm * 1e-6);
+            sums_[i] += std::polar<double>(sample, TAU * pace * (time - server.start));
         }
         if (played_ % WINDOW != 0) {
             return;
@@ -180,7 +183,7 @@ class Listener {
             double delay = std::arg(sums_[0] / I) / TAU / TONES[0];
             const auto other = sums_[1] / I * std::polar(1.0, -TAU * TONES[1] * delay);
             delay += other.real() < 0 ? 1 / TONES[0] : 0.0;
-            heard_.push_back({time, delay - 338.0 / server_.rate});
+            heard_.push_back({time, delay - 338.0 / server.rate});
         }
         sums_ = {};
     }
@@ -238,6 +241,7 @@ class Listener {
     }
 
     Server server_;
+    Server before_;  ///< The server until setServer().
     Way way_;
     Way wayThere_;
     Device device_;
@@ -287,12 +291,20 @@ inline Spread offTheDelay(const Listener& one, double delayMs, double from, doub
     return spreadOf(values);
 }
 
+/// How many pieces of 80 ms are heard from `from` to `to`.
+inline int heardPieces(const Listener& one, double from, double to) {
+    const auto within = [from, to](const auto& heard) {
+        return heard.time >= from && heard.time < to;
+    };
+    return static_cast<int>(std::count_if(one.heard().begin(), one.heard().end(), within));
+}
+
 /// How much the delay of a listener changes at most from 80 ms to the next, from
-/// `from` on; milliseconds.
-inline double greatestChange(const Listener& one, double from) {
+/// `from` to `to`; milliseconds.
+inline double greatestChange(const Listener& one, double from, double to = 1e9) {
     double most = 0;
     for (std::size_t i = 1; i < one.heard().size(); ++i) {
-        if (one.heard()[i - 1].time >= from) {
+        if (one.heard()[i - 1].time >= from && one.heard()[i].time < to) {
             most =
                 std::max(most, std::abs(wrapped(one.heard()[i].delay - one.heard()[i - 1].delay)));
         }

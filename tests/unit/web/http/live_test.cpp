@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
@@ -40,6 +42,25 @@ TEST_F(LiveTest, RawSoundComesAsTheServerSentItBehindItsFormat) {
     EXPECT_EQ(client->text(), PCM);
     EXPECT_EQ(client->frame().content, message(7, 338, packets::raw(7)));
     EXPECT_EQ(client->frame().content, message(9, 338, packets::raw(9, 500)));
+}
+
+TEST_F(LiveTest, SoundWithItsArrivalTellsEachRoundTripToTheServerOnce) {
+    start();
+    const auto client = listener("?arrivals=1", 0);
+    upstream->send(packets::raw(0));
+    EXPECT_EQ(client->text(), PCM);
+    std::vector<std::uint32_t> trips;
+    for (std::uint32_t seq = 1; seq <= 400; ++seq) {
+        upstream->send(packets::raw(seq));
+        const std::string content = client->frame().content;
+        trips.push_back(wire::readU32(reinterpret_cast<const unsigned char*>(content.data()),
+                                      content.size(), 16));
+        std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    const auto told = std::count_if(trips.begin(), trips.end(), [](auto trip) { return trip > 0; });
+    EXPECT_GT(told, 2);
+    EXPECT_LT(told, 100);
+    EXPECT_LT(*std::max_element(trips.begin(), trips.end()), 5'000'000u);
 }
 
 TEST_F(LiveTest, OpusPacketsComeUntouched) {

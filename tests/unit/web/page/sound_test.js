@@ -458,12 +458,14 @@ export function soundThatBrokeOffBeginsAgainOnceItIsBuffered() {
 // Rooms in step.
 
 export function aMessageTellsWhenItCame() {
-  const buffer = message(7, 2, 8 + 8);
+  const buffer = message(7, 2, 12 + 8);
   new DataView(buffer).setBigUint64(8, 5_000_000_000_250n, true);
+  new DataView(buffer).setUint32(16, 1500, true);
   const packet = readPacket(buffer, true);
   near(packet.arrival, 5_000_000_000.25, 1e-6, 'the arrival');
+  near(packet.serverTrip, 1.5, 1e-6, 'the round trip');
   check(packet.payload.byteLength === 8, 'the samples after it');
-  check(readPacket(message(7, 2, 8), true) === null, 'a message without samples');
+  check(readPacket(message(7, 2, 12), true) === null, 'a message without samples');
 }
 
 export function onlyNumbersUpToTenSecondsAreADelay() {
@@ -498,12 +500,13 @@ class Sending {
       // The uncompressed packet with the last frame is full, and a block of 337 frames has ended.
       const full = Math.ceil(((sequence + 1) * frames) / PACKET_FRAMES) * PACKET_FRAMES;
       const sent = this.sentAt(Math.ceil(full / 337) * 337) + (this.opus ? 0.5 : 0);
-      const now = sent + 4 + this.jitter * random();
-      const packet = { sequence, frames, arrival: sent + 77000 + random() };
-      this.times.note(packet, RATE, now);
+      const now = sent + 9 + this.jitter * random();
+      const serverTrip = sequence % 10 === 0 ? 10 + 7 * random() : 0;
+      const packet = { sequence, frames, arrival: sent + 77005 + random(), serverTrip };
+      this.times.note(packet, RATE, now, sequence % 200 === 0 ? 8 : 0);
       const right = this.sentAt(sequence * frames + PACKET_FRAMES - (this.opus ? 312 : 0));
       this.worst = Math.max(
-        this.worst, Math.abs(this.times.sentAt(packet, RATE, 8) - right));
+        this.worst, Math.abs(this.times.sentAt(packet, RATE) - right));
     }
   }
 }
@@ -525,18 +528,54 @@ export function theEarliestArrivalsTellWhenPacketsWereSent() {
   }
 }
 
-export function aClockThatLeapsIsFollowed() {
-  const line = new EarliestLine();
-  const run = (from, seconds, residual) => {
-    for (let t = from; t < from + seconds; t += 0.007) {
-      line.note(t, residual + 5 * random());
+/** Arrivals up to 5 ms after a line, 140 a second, and a round trip a second. */
+class Arrivals {
+  line = new EarliestLine();
+  time = 0;
+
+  /** For so many seconds; returns the greatest distance from the least `residual` meanwhile. */
+  run(seconds, residual, trip, expected = residual) {
+    let worst = 0;
+    for (let i = 0; i < 140 * seconds; ++i) {
+      this.time += 1 / 140;
+      this.line.note(this.time, residual + 5 * random(), i % 140 === 0 ? trip + random() : 0);
+      worst = Math.max(worst, Math.abs(this.line.at(this.time) - expected));
     }
-  };
-  run(0, 20, 100);
-  run(20, 0.1, 40);
-  near(line.at(20), 40, 5, 'earlier, at once');
-  run(20, 20, 90);
-  near(line.at(40), 90, 1, 'later, after a while');
+    return worst;
+  }
+}
+
+export function aClockThatLeapsIsFollowed() {
+  const arrivals = new Arrivals();
+  arrivals.run(20, 100, 10);
+  arrivals.run(0.1, 40, 10);
+  near(arrivals.line.at(20), 40, 5, 'earlier, at once');
+  arrivals.run(20, 90, 10);
+  near(arrivals.line.at(40), 90, 1, 'later, after a while');
+  arrivals.run(20, 100, 10);
+  near(arrivals.line.at(60), 100, 1, 'a little later, after a while');
+}
+
+export function aWayThatGetsLongerForAMinuteLeavesTheLine() {
+  for (const [there, back] of [[20, 20], [0, 20], [0, 50]]) {
+    const arrivals = new Arrivals();
+    arrivals.run(40, 100, 10);
+    const longer = arrivals.run(60, 100 + back, 10 + there + back, 100);
+    const again = arrivals.run(60, 100, 10);
+    check(longer < 1 && again < 1, `${there} and ${back} ms longer: ${longer}, then ${again}`);
+    near(arrivals.line.halfTrip, 5, 1, 'half of the round trip');
+  }
+}
+
+export function aWayThatStaysLongerMovesTheLineWithItsRoundTrip() {
+  const arrivals = new Arrivals();
+  const sent = () => arrivals.line.at(arrivals.time) - arrivals.line.halfTrip;
+  arrivals.run(40, 100, 10);
+  for (let i = 0; i < 150; ++i) {
+    arrivals.run(1, 120, 50);
+    near(sent(), 95, 1, `after ${i} s`);
+  }
+  near(arrivals.line.at(arrivals.time), 120, 1, 'in the end');
 }
 
 export function timeStampsThatWaverTellWhenTheOutputIsHeard() {

@@ -6,14 +6,18 @@ namespace {
 
 using namespace vxweb;
 
-/// Bytes of `payload` as packet number 0x01020304 of 480 frames.
-PacketPtr soundOf(const std::string& payload, std::int64_t now = 7, bool arrivals = false) {
+/// `payload` as packet number 0x01020304 of 480 frames.
+vxlisten::AudioPacket packetOf(const std::string& payload) {
     vxlisten::AudioPacket packet;
     packet.seq = 0x01020304;
     packet.frames = 480;
     packet.payload = reinterpret_cast<const unsigned char*>(payload.data());
     packet.payloadLength = payload.size();
-    return makeSound(packet, now, arrivals);
+    return packet;
+}
+
+PacketPtr soundOf(const std::string& payload) {
+    return makeSound(packetOf(payload), 7);
 }
 
 TEST(LivePackets, SoundHasItsNumberAndFramesBeforeThePayload) {
@@ -24,10 +28,11 @@ TEST(LivePackets, SoundHasItsNumberAndFramesBeforeThePayload) {
 }
 
 TEST(LivePackets, SoundTellsWhenItCameWhereThatIsAskedFor) {
-    EXPECT_EQ(soundOf("opus", 0x0000000A01020304, true)->bytes,
-              std::string("\x82\x14\x04\x03\x02\x01\xE0\x01\x00\x00"
-                          "\x04\x03\x02\x01\x0A\x00\x00\x00opus",
-                          22));
+    const std::string payload = "opus";
+    EXPECT_EQ(makeTimedSound(packetOf(payload), 0x0000000A01020304, 0x0506)->bytes,
+              std::string("\x82\x18\x04\x03\x02\x01\xE0\x01\x00\x00"
+                          "\x04\x03\x02\x01\x0A\x00\x00\x00\x06\x05\x00\x00opus",
+                          26));
 }
 
 TEST(LivePackets, AMessageOfMoreThan125BytesHasALongLength) {

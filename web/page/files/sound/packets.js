@@ -1,14 +1,14 @@
 // Messages of /live and their sequence numbers. No DOM: also runs in an AudioWorklet.
 
 const HEADER_BYTES = 8;
-const ARRIVAL_BYTES = 8;
+const ARRIVAL_BYTES = 12;
 const MAX_FRAMES = 5760; // The longest Opus packet.
 const MAX_GAP = 100; // Packets; more are no loss but another place in the stream.
 
 /**
  * Reads a binary message: {sequence, frames, payload}, payload a Uint8Array over the same memory;
- * with `arrivals` also arrival, when it came to velantrix-web, in milliseconds of its clock. Null
- * when it is none.
+ * with `arrivals` also arrival, when it came to velantrix-web, in milliseconds of its clock, and
+ * serverTrip, a round trip to the server since the packet before, 0: none. Null when it is no packet.
  */
 export function readPacket(buffer, arrivals = false) {
   const payloadAt = HEADER_BYTES + (arrivals ? ARRIVAL_BYTES : 0);
@@ -24,6 +24,7 @@ export function readPacket(buffer, arrivals = false) {
     sequence: header.getUint32(0, true),
     frames,
     arrival: arrivals ? Number(header.getBigUint64(HEADER_BYTES, true)) / 1000 : undefined,
+    serverTrip: arrivals ? header.getUint32(HEADER_BYTES + 8, true) / 1000 : undefined,
     payload: new Uint8Array(buffer, payloadAt),
   };
 }

@@ -26,8 +26,11 @@ export class SendTimes {
     this.#opus = opus;
   }
 
-  /** Takes a packet of readPacket(), of a stream at `rate` Hz, that came here at `now`. */
-  note({ sequence, frames, arrival }, rate, now) {
+  /**
+   * Takes a packet of readPacket(), of a stream at `rate` Hz, that came here at `now`. `trip` is a
+   * round trip to velantrix-web since the last call, 0: none.
+   */
+  note({ sequence, frames, arrival, serverTrip }, rate, now, trip) {
     if (this.#first === null) {
       this.#first = sequence;
       this.#origin = arrival;
@@ -35,8 +38,8 @@ export class SendTimes {
     }
     const position = this.#position(sequence, frames) + this.#lead(sequence, frames);
     const time = position / rate;
-    this.#sending.note(time, arrival - this.#origin - 1000 * time);
-    this.#way.note((arrival - this.#origin) / 1000, now - arrival);
+    this.#sending.note(time, arrival - this.#origin - 1000 * time, serverTrip);
+    this.#way.note((arrival - this.#origin) / 1000, now - arrival, trip);
     this.#ready = this.#ready || now - this.#begin >= 1000 * READY_SECONDS;
   }
 
@@ -60,12 +63,13 @@ export class SendTimes {
 
   /**
    * When the first frame of a packet counts as sent: what was captured at the same moment has the
-   * same time, in whatever packets it comes. `roundTrip` is the minimum to velantrix-web and back.
+   * same time, in whatever packets it comes.
    */
-  sentAt({ sequence, frames }, rate, roundTrip) {
+  sentAt({ sequence, frames }, rate) {
     const held = this.#opus ? OPUS_LOOK_AHEAD : 0;
     const time = (this.#position(sequence, frames) - held) / rate;
     const sent = 1000 * time + this.#sending.at(time) - (this.#opus ? SECOND_PASS_MS : 0);
-    return this.#origin + sent + this.#way.at(sent / 1000) - roundTrip / 2;
+    return this.#origin + sent + this.#way.at(sent / 1000) - this.#sending.halfTrip -
+      this.#way.halfTrip;
   }
 }
