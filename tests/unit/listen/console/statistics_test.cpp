@@ -56,6 +56,8 @@ TEST(StatisticsText, TheDelayIsToldOnceItIsKnownAndTheStepWhereOneIsKept) {
     s.playback->inStepMs = -0.25;
     EXPECT_NE(toLine(s).find(" delay 66.7 ms in step -0.2 ms"), std::string::npos) << toLine(s);
     EXPECT_NE(toJson(s, "stats").find(R"("in_step_ms":-0.25)"), std::string::npos);
+    s.playback->inStepMs = -0.004;
+    EXPECT_NE(toJson(s, "stats").find(R"("in_step_ms":0.00)"), std::string::npos);
 }
 
 TEST(StatisticsText, LineSaysWaitingUntilTheServerAnswers) {

@@ -102,6 +102,7 @@ TEST_F(Rooms, FivePercentLossLeavesThemInStep) {
     EXPECT_GT(one.figures().concealed, 200u);
     // Up to a tenth of what is judged at a time is made up.
     expectInStep(one, other, 60, 0.5, 2.5);
+    EXPECT_LT(greatestChange(one, 3.5), 1);
 }
 
 TEST_F(Rooms, JitterOnOneOfTwoLeavesThemInStep) {
@@ -191,6 +192,7 @@ TEST_F(Rooms, ARestartedServerIsHeardInStepAgain) {
     EXPECT_LT(settling.most, 2);
     EXPECT_LT(later.median, 0.5);
     EXPECT_LT(offTheDelay(other, DELAY, 34, 60).median, 0.5);
+    EXPECT_LT(greatestChange(other, 27), 1);
 }
 
 TEST_F(Rooms, AnotherSampleRateIsHeardInStepAgain) {
@@ -208,6 +210,7 @@ TEST_F(Rooms, AnotherSampleRateIsHeardInStepAgain) {
     EXPECT_LT(apart(one, other, 24, 31).most, 2);
     EXPECT_LT(apart(one, other, 31, 60).median, 0.5);
     EXPECT_LT(offTheDelay(other, DELAY, 31, 60).median, 0.5);
+    EXPECT_LT(greatestChange(other, 24), 1);
 }
 
 TEST_F(Rooms, WithALongDelayWhatWasSentBeforeARestartIsStillHeardInStep) {
@@ -262,6 +265,7 @@ TEST_F(Rooms, CompressedSoundIsHeardBesideRaw) {
     one.run(60);
     other.run(60);
     expectInStep(one, other, 60, 0.5, 2);
+    EXPECT_LT(greatestChange(other, 3.5), 1);
 }
 
 TEST_F(Rooms, BlocksOfTwentyMillisecondsLeaveThemInStep) {
@@ -273,6 +277,8 @@ TEST_F(Rooms, BlocksOfTwentyMillisecondsLeaveThemInStep) {
     other.run(60);
     EXPECT_LT(offTheDelay(one, DELAY, 13, 60).median, 0.5);
     expectInStep(one, other, 60, 4, 6);
+    EXPECT_LT(greatestChange(one, 3.5), 1);
+    EXPECT_LT(greatestChange(other, 3.5), 1);
 }
 
 TEST_F(Rooms, OneThatComesLaterIsInStepWithTheFirst) {
