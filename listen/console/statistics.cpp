@@ -78,7 +78,7 @@ double together(const std::array<double, LevelMeter::CHANNELS>& pair) {
 
 std::string number(double value, int decimals) {
     const double scale = std::pow(10.0, decimals);
-    const double rounded = std::round(value * scale) / scale + 0.0;  // Never -0.
+    const double rounded = std::nearbyint(value * scale) / scale + 0.0;  // Never -0.
     char text[64];
     std::snprintf(text, sizeof text, "%.*f", decimals, rounded);
     return text;
