@@ -280,10 +280,13 @@ class InStep(PageTest):
         for attempts_left in (2, 1, 0):
             time.sleep(6)
             deviations = self.deviations()
-            print(quality, [round(value, 1) for value in deviations], self.text("figure-in-step"),
-                  self.text("delay"), "underruns", self.text("figure-underruns"))
-            if len(deviations) > 6 and abs(statistics.median(deviations)) <= self.WORST_MS:
-                return
+            shown = self.text("figure-in-step")
+            print(quality, [round(value, 1) for value in deviations], shown, self.text("delay"),
+                  "underruns", self.text("figure-underruns"))
+            if len(deviations) > 6 and shown.endswith(" ms"):
+                found = statistics.median(deviations)
+                if max(abs(found), abs(found - float(shown[:-3]))) <= self.WORST_MS:
+                    return
         self.fail(f"{quality}: {deviations}")
 
     def test_chromium_keeps_step_with_a_listener(self):
