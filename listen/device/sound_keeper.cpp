@@ -26,7 +26,7 @@ constexpr std::int64_t STABLE_TIME = 10 * SECOND;
 /// for some seconds.
 constexpr std::int64_t DEVICE_TIMEOUT = 10 * SECOND;
 
-constexpr double MINIMUM_INCREASE_MS = 20;
+constexpr double CLEARLY_LONGER = 2;  ///< Times the delay that was reported.
 
 std::string requestText(double milliseconds) {
     char text[64];
@@ -150,7 +150,7 @@ std::string SoundKeeper::delayMessage() {
         return {};
     }
     const double needed = output_->neededDelayMs();
-    if (needed > 0 && (reportedDelayMs_ == 0 || needed > reportedDelayMs_ + MINIMUM_INCREASE_MS)) {
+    if (needed > CLEARLY_LONGER * reportedDelayMs_) {
         reportedDelayMs_ = needed;
         std::snprintf(text, sizeof text, "a delay of %g ms is too short, using %.0f ms",
                       *settings_.delayMs, needed);
