@@ -309,12 +309,21 @@ void Session::end() {
     });
 }
 
+/// The connection, which is counted until it is destroyed.
+std::shared_ptr<Connection> counted(std::shared_ptr<Connection> connection, Worker& worker) {
+    Connection* const raw = connection.get();
+    return {raw, [connection = std::move(connection), &worker](Connection*) mutable {
+                connection.reset();
+                --worker.connections;
+            }};
+}
+
 }  // namespace
 
 void startSession(boost::asio::ip::tcp::socket socket, const Site& site, Worker& worker) {
     assert(worker.here());
-    std::make_shared<Session>(makeConnection(std::move(socket), site.tls.get()), site, worker)
-        ->start();
+    auto connection = counted(makeConnection(std::move(socket), site.tls.get()), worker);
+    std::make_shared<Session>(std::move(connection), site, worker)->start();
 }
 
 }  // namespace vxweb
