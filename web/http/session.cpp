@@ -2,12 +2,16 @@
 
 #include <array>
 #include <cassert>
+#include <chrono>
+#include <cstddef>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/websocket/rfc6455.hpp>
 
+#include "web/channel.h"
 #include "web/http/connection.h"
 #include "web/http/live_session.h"
 #include "web/http/request_reader.h"
@@ -16,6 +20,7 @@
 #include "web/http/stream_session.h"
 #include "web/page/assets.h"
 #include "web/page/qr_picture.h"
+#include "web/streams/media_stream.h"
 
 namespace vxweb {
 

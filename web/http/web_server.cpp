@@ -2,7 +2,11 @@
 
 #include <algorithm>
 #include <cassert>
+#include <chrono>
+#include <cstddef>
+#include <memory>
 #include <utility>
+#include <vector>
 
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/ip/v6_only.hpp>

@@ -1,8 +1,7 @@
 #pragma once
 
-#include <cstddef>
+#include <cstdint>
 #include <string>
-#include <vector>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
