@@ -13,7 +13,8 @@ import subprocess
 import sys
 
 # clang-tidy has already run clang's usual checkers; these are further useful ones: sizes, pointers
-# and iterators, files, and C strings.
+# and iterators, files, and C strings. Not alpha.unix.PthreadLock: all our locks are scoped, and it
+# forgets who holds one that a condition variable has waited with.
 CLANG_CHECKERS = [
     "core", "cplusplus", "unix",
     "alpha.core.CastSize", "alpha.core.IdenticalExpr", "alpha.core.PointerSub",
@@ -23,7 +24,7 @@ CLANG_CHECKERS = [
     "alpha.cplusplus.MismatchedIterator", "alpha.cplusplus.STLAlgorithmModeling",
     "alpha.nondeterminism.PointerSorting", "alpha.security.MallocOverflow",
     "alpha.security.ReturnPtrRange", "alpha.security.cert.pos.34c", "alpha.unix.Chroot",
-    "alpha.unix.PthreadLock", "alpha.unix.Stream", "alpha.unix.cstring.NotNullTerminated",
+    "alpha.unix.Stream", "alpha.unix.cstring.NotNullTerminated",
     "alpha.unix.cstring.OutOfBounds"]
 
 CLANG = ["--analyze", "-Xclang", "-analyzer-checker=" + ",".join(CLANG_CHECKERS),
