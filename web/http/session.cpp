@@ -20,7 +20,6 @@
 #include "web/http/stream_session.h"
 #include "web/page/assets.h"
 #include "web/page/qr_picture.h"
-#include "web/streams/media_stream.h"
 
 namespace vxweb {
 
