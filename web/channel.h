@@ -7,7 +7,7 @@
 #include <string>
 
 #include "stream/wire_format.h"
-#include "web/streams/media_stream.h"
+#include "web/streams/media_stream.h"  // IWYU pragma: export
 
 namespace vxweb {
 

@@ -3,15 +3,21 @@
 #include <algorithm>
 #include <cctype>
 #include <charconv>
+#include <cstdint>
 #include <cstdlib>
+#include <string>
 #include <string_view>
+#include <system_error>
 #include <unistd.h>
 #include <variant>
+#include <vector>
 
 #include <CLI/CLI.hpp>
 #include <boost/asio/ip/address.hpp>
 
+#include "listen/find_server.h"
 #include "web/log.h"
+#include "web/streams/icecast_target.h"
 
 namespace vxweb {
 

@@ -5,6 +5,7 @@
 #include <memory>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <sys/socket.h>
 
 #include <boost/asio/ip/address.hpp>
 

@@ -1,5 +1,6 @@
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 
 #include "listen/background.h"
 #include "web/command_line.h"

@@ -4,10 +4,12 @@
 #include <cassert>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <memory>
 #include <string>
 #include <sys/resource.h>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include <boost/asio/executor_work_guard.hpp>
@@ -18,11 +20,14 @@
 #include "common/thread_check.h"
 #include "web/command_line.h"
 #include "web/http/connection.h"
+#include "web/http/doors.h"
+#include "web/http/session.h"
 #include "web/http/web_server.h"
 #include "web/local_addresses.h"
 #include "web/log.h"
 #include "web/secrets.h"
 #include "web/upstream/station.h"
+#include "web/upstream/worker.h"
 
 namespace vxweb {
 

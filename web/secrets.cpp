@@ -1,6 +1,7 @@
 #include "web/secrets.h"
 
 #include <cerrno>
+#include <cstddef>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <system_error>

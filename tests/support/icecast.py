@@ -1,7 +1,6 @@
 """icecast2 on the loopback interface."""
 
 import os
-import socket
 
 from support.processes import NOT_ROOT, Process, wait_until
 
@@ -22,18 +21,15 @@ CONFIGURATION = """<icecast>
     <basedir>{folder}</basedir><logdir>{folder}</logdir>
     <webroot>/usr/share/icecast2/web</webroot><adminroot>/usr/share/icecast2/admin</adminroot>
   </paths>
-  <logging><accesslog>access.log</accesslog><errorlog>error.log</errorlog><loglevel>1</loglevel></logging>
+  <logging><accesslog>access.log</accesslog><errorlog>error.log</errorlog><loglevel>3</loglevel></logging>
 </icecast>
 """
 RELAY = """<relay>
     <server>127.0.0.1</server><port>{port}</port><mount>{mount}</mount>
     <local-mount>{mount}</local-mount><on-demand>0</on-demand>
   </relay>"""
-
-
-def accepts_connections(port):
-    with socket.socket() as attempt:
-        return attempt.connect_ex(("127.0.0.1", port)) == 0
+READY = ("No SSL capability", "YP update thread started")
+"""In its log, in any order. A connection before both may crash it, although the port is open."""
 
 
 class Icecast(Process):
@@ -48,4 +44,6 @@ class Icecast(Process):
         super().__init__([*(NOT_ROOT if os.geteuid() == 0 else []), "icecast2", "-c",
                           folder / "icecast.xml"], None, name=f"icecast2 {folder.name}")
         self.address = f"http://127.0.0.1:{port}{MOUNT}"
-        wait_until(lambda: accepts_connections(port), f"{self.name} accepts connections")
+        log = folder / "error.log"
+        wait_until(lambda: log.exists() and all(line in log.read_text() for line in READY),
+                   f"{self.name} is ready")

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
+#include <cstddef>
 #include <unistd.h>
 
 #include <boost/asio/ip/address.hpp>

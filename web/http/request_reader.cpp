@@ -1,5 +1,6 @@
 #include "web/http/request_reader.h"
 
+#include <cstdint>
 #include <limits>
 
 #include <boost/asio/buffer.hpp>

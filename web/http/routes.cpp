@@ -1,7 +1,11 @@
 #include "web/http/routes.h"
 
+#include <algorithm>
 #include <array>
 #include <charconv>
+#include <cstddef>
+#include <system_error>
+#include <utility>
 
 #include "web/page/assets.h"
 

@@ -2,12 +2,16 @@
 
 #include <array>
 #include <cassert>
+#include <chrono>
+#include <cstddef>
 #include <optional>
+#include <string_view>
 #include <utility>
 
 #include <boost/asio/steady_timer.hpp>
 #include <boost/beast/websocket/rfc6455.hpp>
 
+#include "web/channel.h"
 #include "web/http/connection.h"
 #include "web/http/live_session.h"
 #include "web/http/request_reader.h"
@@ -309,12 +313,21 @@ void Session::end() {
     });
 }
 
+/// The connection, which is counted until it is destroyed.
+std::shared_ptr<Connection> counted(std::shared_ptr<Connection> connection, Worker& worker) {
+    Connection* const raw = connection.get();
+    return {raw, [connection = std::move(connection), &worker](Connection*) mutable {
+                connection.reset();
+                --worker.connections;
+            }};
+}
+
 }  // namespace
 
 void startSession(boost::asio::ip::tcp::socket socket, const Site& site, Worker& worker) {
     assert(worker.here());
-    std::make_shared<Session>(makeConnection(std::move(socket), site.tls.get()), site, worker)
-        ->start();
+    auto connection = counted(makeConnection(std::move(socket), site.tls.get()), worker);
+    std::make_shared<Session>(std::move(connection), site, worker)->start();
 }
 
 }  // namespace vxweb

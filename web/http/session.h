@@ -21,8 +21,8 @@ struct Site {
     Station& station;
 };
 
-/// Serves an accepted connection until it ends. `site` and `worker` are borrowed. Thread: the
-/// worker's.
+/// Serves an accepted connection, which the worker has counted, until it ends. `site` and `worker`
+/// are borrowed. Thread: the worker's.
 void startSession(boost::asio::ip::tcp::socket socket, const Site& site, Worker& worker);
 
 }  // namespace vxweb

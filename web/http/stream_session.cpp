@@ -1,11 +1,13 @@
 #include "web/http/stream_session.h"
 
 #include <array>
+#include <cstddef>
 #include <utility>
 
 #include <boost/asio/error.hpp>
 
 #include "web/http/listener.h"
+#include "web/packet.h"
 
 namespace vxweb {
 

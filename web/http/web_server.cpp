@@ -1,7 +1,12 @@
 #include "web/http/web_server.h"
 
+#include <algorithm>
 #include <cassert>
+#include <chrono>
+#include <cstddef>
+#include <memory>
 #include <utility>
+#include <vector>
 
 #include <boost/asio/ip/address.hpp>
 #include <boost/asio/ip/v6_only.hpp>
@@ -21,6 +26,9 @@ constexpr int RECEIVE_BUFFER = 1 << 14;
 constexpr int BACKLOG = 1024;
 /// The pause when no descriptor is left.
 constexpr std::chrono::milliseconds PAUSE{100};
+/// A worker gets this many connections before the next one gets any. To wake a thread for a packet
+/// costs as much as writing the packet to some 20 listeners.
+constexpr std::size_t FULL_WORKER = 64;
 
 }  // namespace
 
@@ -72,15 +80,26 @@ std::uint16_t WebServer::port() const {
     return acceptor_.local_endpoint(error).port();
 }
 
+Worker& WebServer::nextWorker() const {
+    auto found = std::find_if(workers_.begin(), workers_.end(),
+                              [](const auto& worker) { return worker->connections < FULL_WORKER; });
+    if (found == workers_.end()) {
+        found = std::min_element(
+            workers_.begin(), workers_.end(),
+            [](const auto& a, const auto& b) { return a->connections < b->connections; });
+    }
+    return **found;
+}
+
 void WebServer::accept() {
-    Worker& worker = *workers_[next_];
-    next_ = (next_ + 1) % workers_.size();
+    Worker& worker = nextWorker();
     acceptor_.async_accept(
         worker.context(), [this, &worker](const Error& error, tcp::socket socket) {
             if (!acceptor_.is_open()) {
                 return;
             }
             if (!error) {
+                ++worker.connections;
                 boost::asio::post(worker.context(),
                                   [this, &worker, accepted = std::move(socket)]() mutable {
                                       startSession(std::move(accepted), *site_, worker);

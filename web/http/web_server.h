@@ -1,8 +1,7 @@
 #pragma once
 
-#include <cstddef>
+#include <cstdint>
 #include <string>
-#include <vector>
 
 #include <boost/asio/ip/tcp.hpp>
 #include <boost/asio/steady_timer.hpp>
@@ -13,7 +12,8 @@
 
 namespace vxweb {
 
-/// Accepts connections and gives them to the workers in turn.
+/// Accepts connections and gives them to the workers: the first few to the first worker, because a
+/// packet for listeners of several workers wakes several threads.
 class WebServer {
   public:
     /// `workers` are borrowed and outlive this.
@@ -34,12 +34,12 @@ class WebServer {
 
   private:
     void accept();
+    [[nodiscard]] Worker& nextWorker() const;
 
     Workers& workers_;
     boost::asio::ip::tcp::acceptor acceptor_;
     boost::asio::steady_timer pause_;
     const Site* site_ = nullptr;
-    std::size_t next_ = 0;  ///< Index of the worker that gets the next connection.
 };
 
 }  // namespace vxweb

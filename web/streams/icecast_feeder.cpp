@@ -5,10 +5,12 @@
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <mutex>
 #include <string_view>
+#include <sys/types.h>
 #include <utility>
 
 #include <shout/shout.h>

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "listen/clock.h"
+#include "listen/network/receiver.h"
 #include "web/upstream/live_packets.h"
 
 namespace vxweb {

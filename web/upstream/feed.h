@@ -9,8 +9,12 @@
 #include <boost/asio/io_context.hpp>
 
 #include "common/thread_check.h"
+#include "listen/network/audio_packet.h"
+#include "listen/network/sequence_tracker.h"
 #include "web/channel.h"
 #include "web/packet.h"
+#include "web/streams/media_stream.h"
+#include "web/upstream/server_locator.h"
 #include "web/upstream/upstream.h"
 
 namespace vxweb {

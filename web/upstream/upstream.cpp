@@ -237,16 +237,15 @@ void Upstream::connect() {
 
 void Upstream::watch() {
     const std::int64_t now = steadyNow();
-    const bool moved = !locator_.address().empty() && receiver_.address() != locator_.address();
+    const bool found = !locator_.address().empty();
     if (link_ == Link::Closing && now - linkSince_ >= DISCONNECT_TIMEOUT) {
         abandon();
         events_.upstreamClosed();
-    } else if (link_ == Link::Waiting && !away_ && locator_.address().empty() &&
-               now - linkSince_ >= LOCATE_TIMEOUT) {
+    } else if (link_ == Link::Waiting && !away_ && !found && now - linkSince_ >= LOCATE_TIMEOUT) {
         away_ = true;
         events_.serverWentAway();
-    } else if ((link_ == Link::Waiting && now >= waitUntil_ && !locator_.address().empty()) ||
-               (link_ == Link::Connecting && moved)) {
+    } else if ((link_ == Link::Waiting && now >= waitUntil_ && found) ||
+               (link_ == Link::Connecting && found && receiver_.address() != locator_.address())) {
         connect();
     } else if (link_ == Link::Connecting && now - linkSince_ >= CONNECT_TIMEOUT) {
         lose({});

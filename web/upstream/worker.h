@@ -1,6 +1,8 @@
 #pragma once
 
 #include <array>
+#include <atomic>
+#include <cstddef>
 #include <memory>
 #include <vector>
 
@@ -47,6 +49,9 @@ class Worker {
     void shutDown();
     /// Closes the connections of all remaining subscribers.
     void cut();
+
+    /// Number of connections that it serves. Thread: any.
+    std::atomic<std::size_t> connections{0};
 
   private:
     boost::asio::io_context context_{1};

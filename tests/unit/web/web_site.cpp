@@ -56,6 +56,14 @@ void WebSite::shutDown() {
     boost::asio::post(workers_.front()->context(), [this] { station_->close(); });
 }
 
+std::vector<std::size_t> WebSite::connections() const {
+    std::vector<std::size_t> counts;
+    for (const auto& worker : workers_) {
+        counts.push_back(worker->connections);
+    }
+    return counts;
+}
+
 std::string WebSite::status() {
     WebClient client(port());
     client.request("/status");

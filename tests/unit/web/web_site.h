@@ -33,6 +33,8 @@ class WebSite : public testing::Test {
 
     [[nodiscard]] std::uint16_t port() const { return server_->port(); }
 
+    /// The number of connections that each worker serves.
+    [[nodiscard]] std::vector<std::size_t> connections() const;
     /// /status as it is now.
     std::string status();
     /// Waits until /status contains `part`; fails the test after some seconds.
