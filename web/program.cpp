@@ -19,8 +19,8 @@
 
 #include "common/thread_check.h"
 #include "web/command_line.h"
+#include "web/http/access.h"
 #include "web/http/connection.h"
-#include "web/http/doors.h"
 #include "web/http/session.h"
 #include "web/http/web_server.h"
 #include "web/local_addresses.h"
