@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cassert>
+#include <chrono>
 #include <string_view>
 #include <utility>
 
@@ -22,6 +23,7 @@ constexpr std::size_t MAX_WAITING = std::size_t{112} * 1024;
 constexpr std::int64_t MAX_STREAM_DELAY = 10 * vxlisten::SECOND;
 /// Interval of the checks for a vanished listener.
 constexpr std::int64_t CHECK_INTERVAL = 1 * vxlisten::SECOND;
+constexpr std::chrono::seconds END_TIMEOUT{10};
 
 boost::asio::const_buffer toBuffer(std::string_view bytes) {
     return {bytes.data(), bytes.size()};
@@ -30,11 +32,14 @@ boost::asio::const_buffer toBuffer(std::string_view bytes) {
 }  // namespace
 
 Listener::Listener(std::shared_ptr<Connection> connection, Slow slow, bool framed)
-    : connection_(std::move(connection)), slow_(slow), framed_(framed) {}
+    : connection_(std::move(connection)),
+      slow_(slow),
+      framed_(framed),
+      endTimer_(connection_->executor()) {}
 
 void Listener::send(PacketPtr packet) {
     assert(thread_.here());
-    if (failed_) {
+    if (failed_ || ending_) {
         return;
     }
     now_ = std::max(now_, packet->time);
@@ -76,6 +81,27 @@ void Listener::sendOwn(std::string bytes, Done done) {
     }
 }
 
+void Listener::sendLast(std::string bytes, Done done) {
+    ending_ = true;
+    queue_.erase(std::remove_if(firstWaiting(), queue_.end(),
+                                [](const Entry& entry) { return !entry.done; }),
+                 queue_.end());
+    endTimer_.expires_after(END_TIMEOUT);
+    endTimer_.async_wait([weak = weak_from_this()](const Error& error) {
+        const auto self = weak.lock();
+        if (!error && self) {
+            self->fail(boost::asio::error::timed_out);
+        }
+    });
+    sendOwn(std::move(bytes), std::move(done));
+}
+
+/// The first entry of which nothing has been written.
+std::deque<Listener::Entry>::iterator Listener::firstWaiting() {
+    const bool begun = !queue_.empty() && (writing_ || queue_.front().gone > 0);
+    return queue_.begin() + (begun ? 1 : 0);
+}
+
 /// Makes room in the queue for a packet. False when the listener is too slow to stay connected.
 bool Listener::makeRoom(const Packet& packet) {
     if (slow_ == Slow::LosesConnection) {
@@ -88,10 +114,8 @@ bool Listener::makeRoom(const Packet& packet) {
         const bool old = packet.time - entry.packet->time > MAX_LIVE_DELAY;
         return !entry.done && (!packet.sound || (entry.packet->sound && old));
     };
-    const bool begun = writing_ || queue_.front().gone > 0;
-    queue_.erase(std::remove_if(queue_.begin() + (begun ? 1 : 0), queue_.end(), useless),
-                 queue_.end());
-    for (auto it = queue_.begin() + (begun ? 1 : 0); it != queue_.end() && isTooMuch(packet);) {
+    queue_.erase(std::remove_if(firstWaiting(), queue_.end(), useless), queue_.end());
+    for (auto it = firstWaiting(); it != queue_.end() && isTooMuch(packet);) {
         it = it->packet->sound && !it->done ? queue_.erase(it) : it + 1;
     }
     return true;

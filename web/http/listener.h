@@ -6,6 +6,8 @@
 #include <functional>
 #include <memory>
 
+#include <boost/asio/steady_timer.hpp>
+
 #include "common/thread_check.h"
 #include "web/http/connection.h"
 #include "web/packet.h"
@@ -34,6 +36,10 @@ class Listener : public std::enable_shared_from_this<Listener> {
     /// called later, when they have been written.
     void sendOwn(std::string bytes, Done done);
 
+    /// As sendOwn(), in place of the packets that wait; later ones are ignored. Closes the
+    /// connection ten seconds later, unless this is destroyed before.
+    void sendLast(std::string bytes, Done done);
+
     [[nodiscard]] Connection& connection() const { return *connection_; }
 
   private:
@@ -43,6 +49,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
         Done done;             ///< Set for bytes that are never dropped.
     };
 
+    [[nodiscard]] std::deque<Entry>::iterator firstWaiting();
     [[nodiscard]] bool makeRoom(const Packet& packet);
     [[nodiscard]] bool isTooMuch(const Packet& packet) const;
     [[nodiscard]] bool unread();
@@ -58,6 +65,8 @@ class Listener : public std::enable_shared_from_this<Listener> {
     const bool framed_;
     bool writing_ = false;  ///< The first entry's bytes are being written.
     bool failed_ = false;
+    bool ending_ = false;  ///< The last bytes are queued.
+    boost::asio::steady_timer endTimer_;
     std::int64_t checkedAt_ = 0;
     std::int64_t now_ = 0;      ///< Time of the latest packet.
     std::int64_t written_ = 0;  ///< Bytes so far,

@@ -151,6 +151,19 @@ TEST_F(ListenerTest, WhatBelongsToTheListenerAloneIsNeverLeftOut) {
     EXPECT_TRUE(gone);
 }
 
+TEST_F(ListenerTest, TheLastBytesTakeThePlaceOfTheSoundThatWaitsAndNothingFollowsThem) {
+    open(Listener::Slow::LosesSound);
+    for (int i = 0; i < 10; ++i) {
+        send(static_cast<char>('a' + i), 0);
+    }
+    listener->sendLast("1\r\nZ\r\n0\r\n\r\n", [](const Error&, std::size_t) {});
+    send('k', 0);
+    const std::string heard = lettersUntil('Z');
+    EXPECT_EQ(heard.find('j'), std::string::npos) << heard;
+    listener.reset();
+    EXPECT_EQ(client->read(5), "0\r\n\r\n");
+}
+
 TEST_F(ListenerTest, AStreamsListenerLosesNothingForTenSecondsAndThenTheConnection) {
     open(Listener::Slow::LosesConnection);
     for (int i = 0; i <= 10; ++i) {
