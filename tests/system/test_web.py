@@ -1,6 +1,5 @@
 """velantrix-web as a program: its command line, the server it follows, its end, and access."""
 
-import json
 import re
 import signal
 import socket
@@ -14,7 +13,7 @@ from support.harness import (PATIENCE, THERE_ADDRESS, OtherNetwork, Server, Soun
                              clean_environment, die_with_parent, fake, program, wait_until)
 from support.network import ip
 from support.web import Web
-from support.web_listener import LiveListener, connect, read_all, request
+from support.web_listener import LiveListener, connect, read_all, request, status_of
 
 LOGIN = "Basic YW5uYTpzZWNyZXQ="  # anna:secret
 WAITING = '{"state":"waiting"}'
@@ -36,10 +35,6 @@ def fetch(address, context=None, **headers):
     except urllib.error.HTTPError as error:
         with error:
             return error.code, error.read().decode("utf-8")
-
-
-def status_of(address):
-    return json.loads(fetch(address + "/status")[1])
 
 
 def send_buffers(address):

@@ -6,7 +6,6 @@
 #include <string_view>
 #include <utility>
 
-#include <boost/asio/error.hpp>
 #include <boost/asio/post.hpp>
 
 #include "listen/clock.h"
@@ -39,12 +38,12 @@ Listener::Listener(std::shared_ptr<Connection> connection, Slow slow, bool frame
 
 void Listener::send(PacketPtr packet) {
     assert(thread_.here());
-    if (failed_ || ending_) {
+    if (closed_ || ending_) {
         return;
     }
     now_ = std::max(now_, packet->time);
     if (vanished()) {
-        fail(boost::asio::error::timed_out);
+        close(boost::asio::error::timed_out);
         return;
     }
     std::size_t gone = 0;
@@ -57,7 +56,7 @@ void Listener::send(PacketPtr packet) {
             return;
         }
     } else if (!queue_.empty() && !makeRoom(*packet)) {
-        fail(boost::asio::error::timed_out);
+        close(boost::asio::error::timed_out);
         return;
     }
     if (slow_ == Slow::LosesConnection && packet->sound && isTooMuch(*packet)) {
@@ -74,8 +73,8 @@ void Listener::sendOwn(std::string bytes, Done done) {
     packet->bodyLength = packet->bytes.size();
     packet->sound = false;
     queue_.push_back({std::move(packet), 0, std::move(done)});
-    if (failed_) {
-        fail(boost::asio::error::operation_aborted);
+    if (closed_) {
+        close();
     } else {
         flush();
     }
@@ -90,7 +89,7 @@ void Listener::sendLast(std::string bytes, Done done) {
     endTimer_.async_wait([weak = weak_from_this()](const Error& error) {
         const auto self = weak.lock();
         if (!error && self) {
-            self->fail(boost::asio::error::timed_out);
+            self->close(boost::asio::error::timed_out);
         }
     });
     sendOwn(std::move(bytes), std::move(done));
@@ -151,7 +150,7 @@ bool Listener::unread() {
 }
 
 void Listener::flush() {
-    while (!queue_.empty() && !writing_ && !failed_) {
+    while (!queue_.empty() && !writing_ && !closed_) {
         const Entry& next = queue_.front();
         if (next.packet->sound && next.gone == 0 && unread()) {
             return;  // Until the next packet.
@@ -174,8 +173,8 @@ void Listener::flush() {
 }
 
 void Listener::advance(std::size_t count, const Error& error) {
-    if (error || failed_) {
-        fail(error);
+    if (error || closed_) {
+        close(error);
         return;
     }
     Entry& entry = queue_.front();
@@ -187,11 +186,10 @@ void Listener::advance(std::size_t count, const Error& error) {
     }
 }
 
-/// Closes the connection; what is being written stays valid until the write has ended.
-void Listener::fail(const Error& error) {
-    failed_ = true;
+void Listener::close(const Error& error) {
+    closed_ = true;
     connection_->close();
-    while (!queue_.empty() && !writing_) {
+    while (!queue_.empty() && !writing_) {  // What is being written stays valid until the end.
         finish(std::move(queue_.front().done), error ? error : boost::asio::error::not_connected);
         queue_.pop_front();
     }

@@ -6,6 +6,7 @@
 #include <functional>
 #include <memory>
 
+#include <boost/asio/error.hpp>
 #include <boost/asio/steady_timer.hpp>
 
 #include "common/thread_check.h"
@@ -40,7 +41,8 @@ class Listener : public std::enable_shared_from_this<Listener> {
     /// connection ten seconds later, unless this is destroyed before.
     void sendLast(std::string bytes, Done done);
 
-    [[nodiscard]] Connection& connection() const { return *connection_; }
+    /// Closes the connection at once; what waits is not sent.
+    void close(const Error& error = boost::asio::error::operation_aborted);
 
   private:
     struct Entry {
@@ -56,7 +58,6 @@ class Listener : public std::enable_shared_from_this<Listener> {
     [[nodiscard]] bool vanished();
     void flush();
     void advance(std::size_t count, const Error& error);
-    void fail(const Error& error);
     void finish(Done done, const Error& error);
 
     ThreadCheck thread_;
@@ -64,7 +65,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
     const Slow slow_;
     const bool framed_;
     bool writing_ = false;  ///< The first entry's bytes are being written.
-    bool failed_ = false;
+    bool closed_ = false;
     bool ending_ = false;  ///< The last bytes are queued.
     boost::asio::steady_timer endTimer_;
     std::int64_t checkedAt_ = 0;

@@ -111,7 +111,7 @@ class LiveSession : public Subscriber, public std::enable_shared_from_this<LiveS
                             [self = shared_from_this()](const Error&) {});
     }
 
-    void cut() override { listener_->connection().close(); }
+    void cut() override { listener_->close(); }
 
   private:
     void read() {
@@ -121,6 +121,7 @@ class LiveSession : public Subscriber, public std::enable_shared_from_this<LiveS
                                         self->read();
                                         return;
                                     }
+                                    self->listener_->close();  // Or a stalled write would go on.
                                     self->station_.leave(self->channel_, self->worker_, *self);
                                 });
     }
