@@ -323,6 +323,15 @@ class SecureRestarts(PageTest):
         for browser in (Chromium, Firefox) if IN_FULL else (Chromium,):
             self.check_restarts(browser, "128")
 
+    def test_play_while_velantrix_web_is_away_plays_when_it_is_back(self):
+        self.open(Chromium)
+        self.web.kill()
+        self.browser.click("#play")
+        time.sleep(1)  # It is tried at once.
+        self.assertEqual(self.data("state"), "connecting")
+        self.web = self.start_web()
+        self.wait_for_state("playing")
+
 
 class Page(PageTest):
     """Display and controls."""
