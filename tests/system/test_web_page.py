@@ -359,6 +359,11 @@ class Page(PageTest):
         silent = self.record(1)
         self.assertEqual(max(silent[RATE:], default=0), 0)
 
+    def test_a_delay_is_typed_without_effect_on_the_sound(self):
+        self.browser.driver.find_element("css selector", "#chosen-delay").send_keys("300 ms")
+        self.assertEqual(self.data("state"), "stopped")
+        self.assertNotEqual(self.text("volume-text"), "Muted")
+
     def test_volume_and_mute_are_heard_and_kept(self):
         self.play()
         self.set_volume(50)
