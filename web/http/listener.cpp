@@ -19,8 +19,8 @@ constexpr std::int64_t MAX_LIVE_DELAY = 1 * vxlisten::SECOND;
 constexpr std::int64_t MAX_UNREAD = 500 * vxlisten::MILLISECOND;
 /// In addition to 128 KiB for each connection in the kernel.
 constexpr std::size_t MAX_WAITING = std::size_t{112} * 1024;
-constexpr std::int64_t MAX_STREAM_DELAY = 10 * vxlisten::SECOND;
-/// Interval of the checks for a vanished listener.
+constexpr std::int64_t MAX_STALL = 10 * vxlisten::SECOND;
+/// Interval of the checks for a listener who has vanished or does not read.
 constexpr std::int64_t CHECK_INTERVAL = 1 * vxlisten::SECOND;
 constexpr std::chrono::seconds END_TIMEOUT{10};
 
@@ -42,7 +42,7 @@ void Listener::send(PacketPtr packet) {
         return;
     }
     now_ = std::max(now_, packet->time);
-    if (vanished()) {
+    if (timedOut()) {
         close(boost::asio::error::timed_out);
         return;
     }
@@ -55,11 +55,9 @@ void Listener::send(PacketPtr packet) {
         if (gone == bytes.size()) {
             return;
         }
-    } else if (!queue_.empty() && !makeRoom(*packet)) {
-        close(boost::asio::error::timed_out);
-        return;
-    }
-    if (slow_ == Slow::LosesConnection && packet->sound && isTooMuch(*packet)) {
+    } else if (slow_ == Slow::LosesSound) {
+        makeRoom(*packet);
+    } else if (packet->sound && isTooMuch(*packet)) {
         return;
     }
     queue_.push_back({std::move(packet), gone, nullptr});
@@ -101,13 +99,8 @@ std::deque<Listener::Entry>::iterator Listener::firstWaiting() {
     return queue_.begin() + (begun ? 1 : 0);
 }
 
-/// Makes room in the queue for a packet. False when the listener is too slow to stay connected.
-bool Listener::makeRoom(const Packet& packet) {
-    if (slow_ == Slow::LosesConnection) {
-        return std::none_of(queue_.begin(), queue_.end(), [&packet](const Entry& entry) {
-            return entry.packet->sound && packet.time - entry.packet->time > MAX_STREAM_DELAY;
-        });
-    }
+/// Makes room in a live listener's queue for a packet.
+void Listener::makeRoom(const Packet& packet) {
     // After a text message all earlier packets are useless.
     const auto useless = [&packet](const Entry& entry) {
         const bool old = packet.time - entry.packet->time > MAX_LIVE_DELAY;
@@ -117,7 +110,6 @@ bool Listener::makeRoom(const Packet& packet) {
     for (auto it = firstWaiting(); it != queue_.end() && isTooMuch(packet);) {
         it = it->packet->sound && !it->done ? queue_.erase(it) : it + 1;
     }
-    return true;
 }
 
 /// True when a packet would exceed the queue's maximum.
@@ -129,12 +121,22 @@ bool Listener::isTooMuch(const Packet& packet) const {
     return !queue_.empty() && bytes > MAX_WAITING;
 }
 
-bool Listener::vanished() {
+bool Listener::timedOut() {
     if (now_ - checkedAt_ < CHECK_INTERVAL) {
         return false;
     }
     checkedAt_ = now_;
-    return connection_->vanished();
+    return connection_->vanished() || (slow_ == Slow::LosesConnection && stalled());
+}
+
+/// True when a stream's listener has acknowledged nothing for ten seconds, though it should have.
+bool Listener::stalled() {
+    const std::int64_t waiting = connection_->unacknowledged();
+    const std::int64_t acknowledged = written_ - waiting;
+    if (acknowledged > mark_.bytes || (waiting == 0 && queue_.empty())) {
+        mark_ = {now_, acknowledged};
+    }
+    return now_ - mark_.time > MAX_STALL;
 }
 
 /// True when a live listener has not acknowledged what was written half a second ago.
@@ -142,7 +144,7 @@ bool Listener::unread() {
     if (slow_ != Slow::LosesSound || now_ - mark_.time < MAX_UNREAD) {
         return false;
     }
-    if (written_ - connection_->unacknowledged() < mark_.written) {
+    if (written_ - connection_->unacknowledged() < mark_.bytes) {
         return true;
     }
     mark_ = {now_, written_};

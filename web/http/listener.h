@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <memory>
 
 #include <boost/asio/error.hpp>
@@ -22,7 +23,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
     /// What happens when the client does not read.
     enum class Slow {
         LosesSound,       ///< Sound that has waited for more than a second is dropped.
-        LosesConnection,  ///< Closed when sound has waited for more than ten seconds; until then
+        LosesConnection,  ///< Closed after ten seconds in which it received nothing; until then
                           ///< sound beyond the maximum is dropped.
     };
 
@@ -52,10 +53,11 @@ class Listener : public std::enable_shared_from_this<Listener> {
     };
 
     [[nodiscard]] std::deque<Entry>::iterator firstWaiting();
-    [[nodiscard]] bool makeRoom(const Packet& packet);
+    void makeRoom(const Packet& packet);
     [[nodiscard]] bool isTooMuch(const Packet& packet) const;
     [[nodiscard]] bool unread();
-    [[nodiscard]] bool vanished();
+    [[nodiscard]] bool timedOut();
+    [[nodiscard]] bool stalled();
     void flush();
     void advance(std::size_t count, const Error& error);
     void finish(Done done, const Error& error);
@@ -71,10 +73,10 @@ class Listener : public std::enable_shared_from_this<Listener> {
     std::int64_t checkedAt_ = 0;
     std::int64_t now_ = 0;      ///< Time of the latest packet.
     std::int64_t written_ = 0;  ///< Bytes so far,
-    /// and how many at an earlier time.
+    /// and how many had been written (live) or acknowledged (stream) at an earlier time.
     struct {
         std::int64_t time = 0;
-        std::int64_t written = 0;
+        std::int64_t bytes = std::numeric_limits<std::int64_t>::min();
     } mark_;
     std::deque<Entry> queue_;
 };
