@@ -116,7 +116,7 @@ Complaint takeTitle(bool given, std::string& title) {
 Complaint checkNames(const std::vector<std::string>& names) {
     for (const std::string& name : names) {
         if (!isName(name)) {
-            return "--host-name: '" + name + "' is not a host name";
+            return "--host-name must be a name of letters, digits, '.', '-' and '_'";
         }
     }
     return {};
@@ -136,7 +136,7 @@ Complaint takeIcecast(const std::vector<std::string>& urls, std::vector<IcecastT
     return {};
 }
 
-/// Passwords must not appear in logs.
+/// A message of CLI11, which quotes arguments: passwords must not appear in logs.
 std::string withoutLogins(std::string text, const std::vector<std::string>& arguments) {
     for (const std::string& argument : arguments) {
         const std::string_view login = loginOf(argument);
@@ -197,7 +197,7 @@ CommandLine readCommandLine(int argc, char** argv) {
     }
     const Complaint complaint = check(app, words, result.options);
     if (!complaint.empty()) {
-        complain(withoutLogins(complaint, arguments));
+        complain(complaint);
         result.status = STATUS_USAGE;
     }
     return result;
