@@ -10,12 +10,15 @@
 
 #include <CLI/CLI.hpp>
 #include <boost/asio/ip/address.hpp>
+#include <nlohmann/json.hpp>
 
 #include "web/log.h"
 
 namespace vxweb {
 
 namespace {
+
+constexpr std::size_t MAX_TITLE = 255;
 
 /// A message about an error, empty for none.
 using Complaint = std::string;
@@ -103,6 +106,15 @@ std::string ownName() {
     return known ? name : "velantrix-web";
 }
 
+bool isUtf8(const std::string& text) {
+    try {
+        static_cast<void>(nlohmann::json(text).dump());
+        return true;
+    } catch (const nlohmann::json::type_error&) {
+        return false;
+    }
+}
+
 Complaint takeTitle(bool given, std::string& title) {
     if (!given) {
         title = ownName();
@@ -110,7 +122,9 @@ Complaint takeTitle(bool given, std::string& title) {
     const bool printable = std::none_of(title.begin(), title.end(), [](unsigned char letter) {
         return letter < 0x20 || letter == 0x7F;
     });
-    return printable ? Complaint() : "--title must be one line without control characters";
+    return printable && title.size() <= MAX_TITLE && isUtf8(title)
+               ? Complaint()
+               : "--title must be one line of UTF-8, at most 255 bytes, without control characters";
 }
 
 Complaint checkNames(const std::vector<std::string>& names) {

@@ -51,6 +51,7 @@ class CommandLine(SystemTest):
                       ["--listen", "here:80"], ["--listen", "[127.0.0.1]:80"],
                       ["--listen", "127.0.0.1:65536"], ["--max-listeners", "0"],
                       ["--max-listeners", "many"], ["--title", "two\nlines"],
+                      ["--title", 256 * "a"], ["--title", "\udcff\udcfe"],
                       ["--host-name", "a/b"], ["--certificate", "a"], ["--key", "a"],
                       ["--icecast", "ftp://a/b.ogg"], ["--icecast", "http://u:topsecret@/"],
                       ["http://u:topsecret@a/b.ogg"], ["a", "http://u:topsecret@a/b.ogg"],
