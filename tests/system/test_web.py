@@ -50,8 +50,10 @@ class CommandLine(SystemTest):
                       ["two words"], ["http://a"], ["--listen", "59080"], ["--listen", "::1:80"],
                       ["--listen", "here:80"], ["--listen", "[127.0.0.1]:80"],
                       ["--listen", "127.0.0.1:65536"], ["--max-listeners", "0"],
-                      ["--max-listeners", "many"], ["--title", "two\nlines"],
-                      ["--title", 256 * "a"], ["--title", "\udcff\udcfe"],
+                      ["--max-listeners", "many"], ["--max-listeners", "0x10"],
+                      ["--max-listeners", "100001"], [".."], [".local"],
+                      ["--host-name", "a..b"], ["--title", "two\nlines"], ["--title", 256 * "a"],
+                      ["--title", "\udcff\udcfe"],
                       ["--host-name", "a/b"], ["--certificate", "a"], ["--key", "a"],
                       ["--icecast", "ftp://a/b.ogg"], ["--icecast", "http://u:topsecret@/"],
                       ["http://u:topsecret@a/b.ogg"], ["a", "http://u:topsecret@a/b.ogg"],
@@ -75,7 +77,7 @@ class CommandLine(SystemTest):
                 (["--title", "a@b", "--listen", "x"],
                  "--listen needs ADDRESS:PORT, such as 127.0.0.1:59080 or [::]:59080"),
                 (["--host-name", "a@b"],
-                 "--host-name must be a name of letters, digits, '.', '-' and '_'")):
+                 "--host-name must consist of letters, digits, '-', '_' and single dots")):
             with self.subTest(words=words):
                 self.assertEqual(run(*words).stderr, f"velantrix-web: {sentence}\n")
 
