@@ -10,8 +10,10 @@ import urllib.error
 import urllib.request
 
 from support.harness import (PATIENCE, THERE_ADDRESS, OtherNetwork, Server, SoundServer, SystemTest,
-                             clean_environment, die_with_parent, fake, program, wait_until)
+                             clean_environment, die_with_parent, fake, has_sanitizer, program,
+                             wait_until)
 from support.network import ip
+from support.processes import prefer
 from support.web import Web
 from support.web_listener import LiveListener, connect, read_all, request, status_of
 
@@ -313,6 +315,13 @@ class Serving(SystemTest):
     def listener(self, query=""):
         return self.enterContext(LiveListener(self.address, query))
 
+    def assert_ends_within_a_second(self, web, number):
+        """A sanitizer takes longer, and a busy machine is not to be judged."""
+        prefer(web.pid)
+        before = time.monotonic()
+        self.assertEqual(web.stop(number), 0)
+        self.assertLess(time.monotonic() - before, 3 if has_sanitizer() else 1)
+
     def test_signals_end_it_within_a_second_and_tell_listeners(self):
         for number in (signal.SIGINT, signal.SIGTERM):
             with Web() as web:
@@ -322,9 +331,7 @@ class Serving(SystemTest):
                 half = self.enterContext(connect(web.address()))
                 half.sendall(b"GET /")
                 wait_until(lambda: len(listener.numbers) > 100, "the sound comes")
-                before = time.monotonic()
-                self.assertEqual(web.stop(number), 0)
-                self.assertLess(time.monotonic() - before, 2)
+                self.assert_ends_within_a_second(web, number)
                 self.assertEqual(listener.end, 1001)
                 self.assertTrue(read_all(player).endswith(b"\r\n0\r\n\r\n"))
 
@@ -332,9 +339,7 @@ class Serving(SystemTest):
         stuck = self.enterContext(connect(self.address, receive_buffer=4096))
         stuck.sendall(request("/stream.wav"))
         time.sleep(2)
-        before = time.monotonic()
-        self.assertEqual(self.web.stop(signal.SIGTERM), 0)
-        self.assertLess(time.monotonic() - before, 2)
+        self.assert_ends_within_a_second(self.web, signal.SIGTERM)
 
     def test_listeners_who_do_not_read_delay_nobody_and_cost_little_memory(self):
         listener = self.listener()
