@@ -14,6 +14,7 @@
 
 #include <CLI/CLI.hpp>
 #include <boost/asio/ip/address.hpp>
+#include <nlohmann/json.hpp>
 
 #include "listen/find_server.h"
 #include "web/log.h"
@@ -23,6 +24,9 @@ namespace vxweb {
 
 namespace {
 
+constexpr std::size_t MAX_TITLE = 255;
+constexpr int MAX_PORT = 65535;
+
 /// A message about an error, empty for none.
 using Complaint = std::string;
 
@@ -30,6 +34,7 @@ using Complaint = std::string;
 struct Words {
     std::string host;
     std::string listen;
+    std::string maxListeners;
     std::vector<std::string> icecast;
 };
 
@@ -44,29 +49,31 @@ void describe(CLI::App& app, Words& words, Options& options) {
     app.add_option("--key", options.key, "The certificate's private key, PEM");
     app.add_option("--host-name", options.hostNames, "Another host name of this computer")
         ->allow_extra_args(false);
-    app.add_option("--max-listeners", options.maxListeners, "Maximum number of listeners (500)")
-        ->check(CLI::Range(1, 100000));
+    app.add_option("--max-listeners", words.maxListeners, "Maximum number of listeners (500)")
+        ->type_name("NUMBER");
     app.add_option("--icecast", words.icecast, "Icecast server to send the Ogg stream to")
         ->allow_extra_args(false)
         ->type_name("URL");
     app.set_version_flag("--version", "velantrix-web " VELANTRIX_WEB_VERSION);
 }
 
-bool readPort(std::string_view text, int minimum, std::uint16_t& port) {
-    int number = -1;
-    const auto end = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (end.ec != std::errc() || end.ptr != text.data() + text.size() || number < minimum ||
-        number > 65535) {
+template <class Number>
+bool readNumber(std::string_view text, int minimum, int maximum, Number& number) {
+    int value = -1;
+    const char* const end = text.data() + text.size();
+    const auto [last, error] = std::from_chars(text.data(), end, value);
+    if (error != std::errc() || last != end || value < minimum || value > maximum) {
         return false;
     }
-    port = static_cast<std::uint16_t>(number);
+    number = static_cast<Number>(value);
     return true;
 }
 
 bool isName(std::string_view text) {
-    return !text.empty() && std::all_of(text.begin(), text.end(), [](unsigned char letter) {
-        return std::isalnum(letter) != 0 || letter == '.' || letter == '-' || letter == '_';
-    });
+    return !text.empty() && text.front() != '.' && text.find("..") == std::string_view::npos &&
+           std::all_of(text.begin(), text.end(), [](unsigned char letter) {
+               return std::isalnum(letter) != 0 || letter == '.' || letter == '-' || letter == '_';
+           });
 }
 
 Complaint takeHost(const std::string& text, vxlisten::ServerChoice& server) {
@@ -77,7 +84,7 @@ Complaint takeHost(const std::string& text, vxlisten::ServerChoice& server) {
     server.host = text.substr(0, colon);
     server.portChosen = colon != std::string::npos;
     if (!isName(server.host) ||
-        (server.portChosen && !readPort(text.substr(colon + 1), 1, server.port))) {
+        (server.portChosen && !readNumber(text.substr(colon + 1), 1, MAX_PORT, server.port))) {
         return "HOST must be a name or an IPv4 address, or one of these with :PORT";
     }
     return {};
@@ -96,7 +103,7 @@ Complaint takeListen(const std::string& text, ListenAddress& listen) {
     boost::system::error_code error;
     const auto parsed = boost::asio::ip::make_address(address, error);
     if (error || parsed.is_v6() != bracketed || colon == text.size() ||
-        !readPort(text.substr(colon + 1), 0, listen.port)) {
+        !readNumber(text.substr(colon + 1), 0, MAX_PORT, listen.port)) {
         return "--listen needs ADDRESS:PORT, such as 127.0.0.1:59080 or [::]:59080";
     }
     listen.address = address;
@@ -109,6 +116,15 @@ std::string ownName() {
     return known ? name : "velantrix-web";
 }
 
+bool isUtf8(const std::string& text) {
+    try {
+        static_cast<void>(nlohmann::json(text).dump());
+        return true;
+    } catch (const nlohmann::json::type_error&) {
+        return false;
+    }
+}
+
 Complaint takeTitle(bool given, std::string& title) {
     if (!given) {
         title = ownName();
@@ -116,13 +132,21 @@ Complaint takeTitle(bool given, std::string& title) {
     const bool printable = std::none_of(title.begin(), title.end(), [](unsigned char letter) {
         return letter < 0x20 || letter == 0x7F;
     });
-    return printable ? Complaint() : "--title must be one line without control characters";
+    return printable && title.size() <= MAX_TITLE && isUtf8(title)
+               ? Complaint()
+               : "--title must be one line of UTF-8, at most 255 bytes, without control characters";
+}
+
+Complaint takeMaxListeners(const std::string& text, std::size_t& maximum) {
+    return text.empty() || readNumber(text, 1, 100000, maximum)
+               ? Complaint()
+               : "--max-listeners must be a number from 1 to 100000";
 }
 
 Complaint checkNames(const std::vector<std::string>& names) {
     for (const std::string& name : names) {
         if (!isName(name)) {
-            return "--host-name: '" + name + "' is not a host name";
+            return "--host-name must consist of letters, digits, '-', '_' and single dots";
         }
     }
     return {};
@@ -142,7 +166,7 @@ Complaint takeIcecast(const std::vector<std::string>& urls, std::vector<IcecastT
     return {};
 }
 
-/// Passwords must not appear in logs.
+/// A message of CLI11, which quotes arguments: passwords must not appear in logs.
 std::string withoutLogins(std::string text, const std::vector<std::string>& arguments) {
     for (const std::string& argument : arguments) {
         const std::string_view login = loginOf(argument);
@@ -171,6 +195,7 @@ Complaint check(const CLI::App& app, const Words& words, Options& options) {
          {checkGiven(app), takeHost(words.host, options.server),
           takeListen(words.listen, options.listen),
           takeTitle(app.count("--title") > 0, options.title), checkNames(options.hostNames),
+          takeMaxListeners(words.maxListeners, options.maxListeners),
           takeIcecast(words.icecast, options.icecast)}) {
         if (!complaint.empty()) {
             return complaint;
@@ -203,7 +228,7 @@ CommandLine readCommandLine(int argc, char** argv) {
     }
     const Complaint complaint = check(app, words, result.options);
     if (!complaint.empty()) {
-        complain(withoutLogins(complaint, arguments));
+        complain(complaint);
         result.status = STATUS_USAGE;
     }
     return result;

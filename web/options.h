@@ -20,7 +20,7 @@ struct ListenAddress {
 struct Options {
     vxlisten::ServerChoice server;
     ListenAddress listen;
-    std::string title;  ///< Printable UTF-8.
+    std::string title;  ///< Printable UTF-8, at most 255 bytes.
     std::string passwordFile;
     std::string certificate;
     std::string key;

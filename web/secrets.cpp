@@ -8,6 +8,7 @@
 #include <unistd.h>
 #include <utility>
 
+#include <openssl/err.h>
 #include <openssl/ssl.h>
 
 namespace vxweb {
@@ -37,6 +38,13 @@ class OpenFile {
 
 std::string reason() {
     return std::generic_category().message(errno);
+}
+
+/// OpenSSL's reason, which for a file that cannot be read is the system's.
+std::string reason(const boost::system::error_code& error) {
+    const auto code = static_cast<unsigned>(error.value());
+    return ERR_GET_LIB(code) == ERR_LIB_SYS ? std::generic_category().message(ERR_GET_REASON(code))
+                                            : error.message();
 }
 
 /// The first bytes of a file, enough to recognise one that is too long.
@@ -83,11 +91,11 @@ std::string openTls(const std::string& certificate, const std::string& key,
     context->set_password_callback([](std::size_t, auto) { return std::string(); }, error);
     context->use_certificate_chain_file(certificate, error);
     if (error) {
-        return "cannot use the certificate " + certificate + ": " + error.message();
+        return "cannot use the certificate " + certificate + ": " + reason(error);
     }
     context->use_private_key_file(key, boost::asio::ssl::context::pem, error);
     if (error) {
-        return "cannot use the key " + key + ": " + error.message();
+        return "cannot use the key " + key + ": " + reason(error);
     }
     tls = std::move(context);
     return {};

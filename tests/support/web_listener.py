@@ -1,9 +1,11 @@
 """Hand-made listeners to velantrix-web: requests of any bytes, and /live with its numbers."""
 
+import json
 import socket
 import struct
 import threading
 import urllib.parse
+import urllib.request
 
 from support.processes import PATIENCE
 
@@ -36,6 +38,12 @@ def read_all(line):
     except ConnectionResetError:
         pass
     return content
+
+
+def status_of(address):
+    """The content of /status."""
+    with urllib.request.urlopen(address + "/status", timeout=PATIENCE) as answer:
+        return json.load(answer)
 
 
 class LiveListener:

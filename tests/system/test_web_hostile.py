@@ -13,7 +13,8 @@ import time
 
 from support.harness import Server, SoundServer, SystemTest, resident_bytes, wait_until
 from support.web import Web
-from support.web_listener import UPGRADE, LiveListener, connect, read_all, request
+from support.web_listener import (UPGRADE, LiveListener, connect, read_all, request,
+                                  status_of)
 
 CONNECTIONS = int(os.environ.get("VELANTRIX_HOSTILE_CONNECTIONS", "2000"))
 SECONDS = 3
@@ -45,9 +46,15 @@ class Hostile(SystemTest):
         self.good = [self.enterContext(LiveListener(self.address, query))
                      for query in ("", "?format=opus")]
         wait_until(lambda: all(each.numbers for each in self.good), "the sound comes")
+        self.descriptors_before = self.descriptors()
+        self.attack = self.enterContext(contextlib.ExitStack())
 
     def tearDown(self):
-        """Everything was heard, and it ends as usual."""
+        """Everything was heard, nothing of the attack is kept, and it ends as usual."""
+        self.attack.close()
+        self.wait_for_release()
+        wait_until(lambda: status_of(self.address)["listeners"] == len(self.good),
+                   "the attackers count no more")
         for each in self.good:
             count = len(each.numbers)
             wait_until(lambda: len(each.numbers) > count + 100, "the sound goes on")
@@ -56,11 +63,25 @@ class Hostile(SystemTest):
         self.assertEqual(self.web.stop(), 0)
         super().tearDown()
 
-    def connections(self, count):
+    def descriptors(self):
+        return len(os.listdir(f"/proc/{self.web.pid}/fd"))
+
+    def wait_for_release(self):
+        wait_until(lambda: self.descriptors() <= self.descriptors_before,
+                   "the attackers' connections are closed")
+
+    def connections(self, count, receive_buffer=None):
         """Connections of an attacker, closed at the end of the test."""
-        lines = self.enterContext(contextlib.ExitStack())
-        return [lines.enter_context(contextlib.closing(connect(self.address)))
+        return [self.attack.enter_context(contextlib.closing(connect(self.address, receive_buffer)))
                 for _ in range(count)]
+
+    def stalled(self):
+        """Live listeners who do not read what they have been sent for some seconds."""
+        lines = self.connections(20, receive_buffer=1024)
+        for index, line in enumerate(lines):
+            line.sendall(request("/live" if index % 2 else "/live?format=opus", UPGRADE))
+        time.sleep(2 * SECONDS)
+        return lines
 
     def upgraded(self):
         line, = self.connections(1)
@@ -166,3 +187,13 @@ class Hostile(SystemTest):
                     line.recv(1)
         wait_until(lambda: "listener to /stream.flac disconnected" in "".join(self.web.out.all()),
                    "they have left")
+
+    def test_listeners_who_stop_reading_and_close(self):
+        for line in self.stalled():
+            line.sendall(frame(0x88, b"\x03\xe8"))
+            line.close()
+
+    def test_listeners_who_stop_reading_and_close_their_direction_only(self):
+        for line in self.stalled():
+            line.shutdown(socket.SHUT_WR)
+        self.wait_for_release()

@@ -326,6 +326,15 @@ class SecureRestarts(PageTest):
         for browser in (Chromium, Firefox) if IN_FULL else (Chromium,):
             self.check_restarts(browser, "128")
 
+    def test_play_while_velantrix_web_is_away_plays_when_it_is_back(self):
+        self.open(Chromium)
+        self.web.kill()
+        self.browser.click("#play")
+        time.sleep(1)  # It is tried at once.
+        self.assertEqual(self.data("state"), "connecting")
+        self.web = self.start_web()
+        self.wait_for_state("playing")
+
 
 class Page(PageTest):
     """Display and controls."""
@@ -352,6 +361,11 @@ class Page(PageTest):
         self.wait_for_state("stopped")
         silent = self.record(1)
         self.assertEqual(max(silent[RATE:], default=0), 0)
+
+    def test_a_delay_is_typed_without_effect_on_the_sound(self):
+        self.browser.driver.find_element("css selector", "#chosen-delay").send_keys("300 ms")
+        self.assertEqual(self.data("state"), "stopped")
+        self.assertNotEqual(self.text("volume-text"), "Muted")
 
     def test_volume_and_mute_are_heard_and_kept(self):
         self.play()

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 #include <cassert>
+#include <chrono>
 #include <string_view>
 #include <utility>
 
-#include <boost/asio/error.hpp>
 #include <boost/asio/post.hpp>
 
 #include "listen/clock.h"
@@ -19,9 +19,10 @@ constexpr std::int64_t MAX_LIVE_DELAY = 1 * vxlisten::SECOND;
 constexpr std::int64_t MAX_UNREAD = 500 * vxlisten::MILLISECOND;
 /// In addition to 128 KiB for each connection in the kernel.
 constexpr std::size_t MAX_WAITING = std::size_t{112} * 1024;
-constexpr std::int64_t MAX_STREAM_DELAY = 10 * vxlisten::SECOND;
-/// Interval of the checks for a vanished listener.
+constexpr std::int64_t MAX_STALL = 10 * vxlisten::SECOND;
+/// Interval of the checks for a listener who has vanished or does not read.
 constexpr std::int64_t CHECK_INTERVAL = 1 * vxlisten::SECOND;
+constexpr std::chrono::seconds END_TIMEOUT{10};
 
 boost::asio::const_buffer toBuffer(std::string_view bytes) {
     return {bytes.data(), bytes.size()};
@@ -30,16 +31,19 @@ boost::asio::const_buffer toBuffer(std::string_view bytes) {
 }  // namespace
 
 Listener::Listener(std::shared_ptr<Connection> connection, Slow slow, bool framed)
-    : connection_(std::move(connection)), slow_(slow), framed_(framed) {}
+    : connection_(std::move(connection)),
+      slow_(slow),
+      framed_(framed),
+      endTimer_(connection_->executor()) {}
 
 void Listener::send(PacketPtr packet) {
     assert(thread_.here());
-    if (failed_) {
+    if (closed_ || ending_) {
         return;
     }
     now_ = std::max(now_, packet->time);
-    if (vanished()) {
-        fail(boost::asio::error::timed_out);
+    if (timedOut()) {
+        close(boost::asio::error::timed_out);
         return;
     }
     std::size_t gone = 0;
@@ -51,11 +55,9 @@ void Listener::send(PacketPtr packet) {
         if (gone == bytes.size()) {
             return;
         }
-    } else if (!queue_.empty() && !makeRoom(*packet)) {
-        fail(boost::asio::error::timed_out);
-        return;
-    }
-    if (slow_ == Slow::LosesConnection && packet->sound && isTooMuch(*packet)) {
+    } else if (slow_ == Slow::LosesSound) {
+        makeRoom(*packet);
+    } else if (packet->sound && isTooMuch(*packet)) {
         return;
     }
     queue_.push_back({std::move(packet), gone, nullptr});
@@ -69,32 +71,45 @@ void Listener::sendOwn(std::string bytes, Done done) {
     packet->bodyLength = packet->bytes.size();
     packet->sound = false;
     queue_.push_back({std::move(packet), 0, std::move(done)});
-    if (failed_) {
-        fail(boost::asio::error::operation_aborted);
+    if (closed_) {
+        close();
     } else {
         flush();
     }
 }
 
-/// Makes room in the queue for a packet. False when the listener is too slow to stay connected.
-bool Listener::makeRoom(const Packet& packet) {
-    if (slow_ == Slow::LosesConnection) {
-        return std::none_of(queue_.begin(), queue_.end(), [&packet](const Entry& entry) {
-            return entry.packet->sound && packet.time - entry.packet->time > MAX_STREAM_DELAY;
-        });
-    }
+void Listener::sendLast(std::string bytes, Done done) {
+    ending_ = true;
+    queue_.erase(std::remove_if(firstWaiting(), queue_.end(),
+                                [](const Entry& entry) { return !entry.done; }),
+                 queue_.end());
+    endTimer_.expires_after(END_TIMEOUT);
+    endTimer_.async_wait([weak = weak_from_this()](const Error& error) {
+        const auto self = weak.lock();
+        if (!error && self) {
+            self->close(boost::asio::error::timed_out);
+        }
+    });
+    sendOwn(std::move(bytes), std::move(done));
+}
+
+/// The first entry of which nothing has been written.
+std::deque<Listener::Entry>::iterator Listener::firstWaiting() {
+    const bool begun = !queue_.empty() && (writing_ || queue_.front().gone > 0);
+    return queue_.begin() + (begun ? 1 : 0);
+}
+
+/// Makes room in a live listener's queue for a packet.
+void Listener::makeRoom(const Packet& packet) {
     // After a text message all earlier packets are useless.
     const auto useless = [&packet](const Entry& entry) {
         const bool old = packet.time - entry.packet->time > MAX_LIVE_DELAY;
         return !entry.done && (!packet.sound || (entry.packet->sound && old));
     };
-    const bool begun = writing_ || queue_.front().gone > 0;
-    queue_.erase(std::remove_if(queue_.begin() + (begun ? 1 : 0), queue_.end(), useless),
-                 queue_.end());
-    for (auto it = queue_.begin() + (begun ? 1 : 0); it != queue_.end() && isTooMuch(packet);) {
+    queue_.erase(std::remove_if(firstWaiting(), queue_.end(), useless), queue_.end());
+    for (auto it = firstWaiting(); it != queue_.end() && isTooMuch(packet);) {
         it = it->packet->sound && !it->done ? queue_.erase(it) : it + 1;
     }
-    return true;
 }
 
 /// True when a packet would exceed the queue's maximum.
@@ -106,12 +121,22 @@ bool Listener::isTooMuch(const Packet& packet) const {
     return !queue_.empty() && bytes > MAX_WAITING;
 }
 
-bool Listener::vanished() {
+bool Listener::timedOut() {
     if (now_ - checkedAt_ < CHECK_INTERVAL) {
         return false;
     }
     checkedAt_ = now_;
-    return connection_->vanished();
+    return connection_->vanished() || (slow_ == Slow::LosesConnection && stalled());
+}
+
+/// True when a stream's listener has acknowledged nothing for ten seconds, though it should have.
+bool Listener::stalled() {
+    const std::int64_t waiting = connection_->unacknowledged();
+    const std::int64_t acknowledged = written_ - waiting;
+    if (acknowledged > mark_.bytes || (waiting == 0 && queue_.empty())) {
+        mark_ = {now_, acknowledged};
+    }
+    return now_ - mark_.time > MAX_STALL;
 }
 
 /// True when a live listener has not acknowledged what was written half a second ago.
@@ -119,7 +144,7 @@ bool Listener::unread() {
     if (slow_ != Slow::LosesSound || now_ - mark_.time < MAX_UNREAD) {
         return false;
     }
-    if (written_ - connection_->unacknowledged() < mark_.written) {
+    if (written_ - connection_->unacknowledged() < mark_.bytes) {
         return true;
     }
     mark_ = {now_, written_};
@@ -127,7 +152,7 @@ bool Listener::unread() {
 }
 
 void Listener::flush() {
-    while (!queue_.empty() && !writing_ && !failed_) {
+    while (!queue_.empty() && !writing_ && !closed_) {
         const Entry& next = queue_.front();
         if (next.packet->sound && next.gone == 0 && unread()) {
             return;  // Until the next packet.
@@ -150,8 +175,8 @@ void Listener::flush() {
 }
 
 void Listener::advance(std::size_t count, const Error& error) {
-    if (error || failed_) {
-        fail(error);
+    if (error || closed_) {
+        close(error);
         return;
     }
     Entry& entry = queue_.front();
@@ -163,11 +188,10 @@ void Listener::advance(std::size_t count, const Error& error) {
     }
 }
 
-/// Closes the connection; what is being written stays valid until the write has ended.
-void Listener::fail(const Error& error) {
-    failed_ = true;
+void Listener::close(const Error& error) {
+    closed_ = true;
     connection_->close();
-    while (!queue_.empty() && !writing_) {
+    while (!queue_.empty() && !writing_) {  // What is being written stays valid until the end.
         finish(std::move(queue_.front().done), error ? error : boost::asio::error::not_connected);
         queue_.pop_front();
     }

@@ -4,7 +4,11 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <limits>
 #include <memory>
+
+#include <boost/asio/error.hpp>
+#include <boost/asio/steady_timer.hpp>
 
 #include "common/thread_check.h"
 #include "web/http/connection.h"
@@ -19,7 +23,7 @@ class Listener : public std::enable_shared_from_this<Listener> {
     /// What happens when the client does not read.
     enum class Slow {
         LosesSound,       ///< Sound that has waited for more than a second is dropped.
-        LosesConnection,  ///< Closed when sound has waited for more than ten seconds; until then
+        LosesConnection,  ///< Closed after ten seconds in which it received nothing; until then
                           ///< sound beyond the maximum is dropped.
     };
 
@@ -34,7 +38,12 @@ class Listener : public std::enable_shared_from_this<Listener> {
     /// called later, when they have been written.
     void sendOwn(std::string bytes, Done done);
 
-    [[nodiscard]] Connection& connection() const { return *connection_; }
+    /// As sendOwn(), in place of the packets that wait; later ones are ignored. Closes the
+    /// connection ten seconds later, unless this is destroyed before.
+    void sendLast(std::string bytes, Done done);
+
+    /// Closes the connection at once; what waits is not sent.
+    void close(const Error& error = boost::asio::error::operation_aborted);
 
   private:
     struct Entry {
@@ -43,13 +52,14 @@ class Listener : public std::enable_shared_from_this<Listener> {
         Done done;             ///< Set for bytes that are never dropped.
     };
 
-    [[nodiscard]] bool makeRoom(const Packet& packet);
+    [[nodiscard]] std::deque<Entry>::iterator firstWaiting();
+    void makeRoom(const Packet& packet);
     [[nodiscard]] bool isTooMuch(const Packet& packet) const;
     [[nodiscard]] bool unread();
-    [[nodiscard]] bool vanished();
+    [[nodiscard]] bool timedOut();
+    [[nodiscard]] bool stalled();
     void flush();
     void advance(std::size_t count, const Error& error);
-    void fail(const Error& error);
     void finish(Done done, const Error& error);
 
     ThreadCheck thread_;
@@ -57,14 +67,16 @@ class Listener : public std::enable_shared_from_this<Listener> {
     const Slow slow_;
     const bool framed_;
     bool writing_ = false;  ///< The first entry's bytes are being written.
-    bool failed_ = false;
+    bool closed_ = false;
+    bool ending_ = false;  ///< The last bytes are queued.
+    boost::asio::steady_timer endTimer_;
     std::int64_t checkedAt_ = 0;
     std::int64_t now_ = 0;      ///< Time of the latest packet.
     std::int64_t written_ = 0;  ///< Bytes so far,
-    /// and how many at an earlier time.
+    /// and how many had been written (live) or acknowledged (stream) at an earlier time.
     struct {
         std::int64_t time = 0;
-        std::int64_t written = 0;
+        std::int64_t bytes = std::numeric_limits<std::int64_t>::min();
     } mark_;
     std::deque<Entry> queue_;
 };

@@ -30,8 +30,6 @@ class Gate {
         : connection_(std::move(connection)), listener_(std::move(listener)) {}
 
     executor_type get_executor() { return connection_->executor(); }
-    /// True once the close frame is being sent: no sound may follow it.
-    [[nodiscard]] bool closing() const { return closing_; }
     void close() { connection_->close(); }
 
     template <class Buffers, class Handler>
@@ -45,12 +43,15 @@ class Gate {
     template <class Buffers, class Handler>
     void async_write_some(const Buffers& buffers, Handler&& handler) {
         std::string bytes = boost::beast::buffers_to_string(buffers);
-        closing_ = closing_ || bytes.front() == CLOSE;
-        const std::size_t size = bytes.size();
         auto kept = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
-        listener_->sendOwn(std::move(bytes), [kept, size](const Error& error, std::size_t) {
+        Done done = [kept, size = bytes.size()](const Error& error, std::size_t) {
             (*kept)(error, error ? 0 : size);
-        });
+        };
+        if (bytes.front() == CLOSE) {
+            listener_->sendLast(std::move(bytes), std::move(done));
+        } else {
+            listener_->sendOwn(std::move(bytes), std::move(done));
+        }
     }
 
     template <class Handler>
@@ -64,7 +65,6 @@ class Gate {
 
     std::shared_ptr<Connection> connection_;
     std::shared_ptr<Listener> listener_;
-    bool closing_ = false;
 };
 
 template <class Handler>
@@ -104,18 +104,14 @@ class LiveSession : public Subscriber, public std::enable_shared_from_this<LiveS
         });
     }
 
-    void take(const PacketPtr& packet) override {
-        if (!socket_.next_layer().closing()) {
-            listener_->send(packet);
-        }
-    }
+    void take(const PacketPtr& packet) override { listener_->send(packet); }
 
     void shutDown() override {
         socket_.async_close(websocket::close_code::going_away,
                             [self = shared_from_this()](const Error&) {});
     }
 
-    void cut() override { listener_->connection().close(); }
+    void cut() override { listener_->close(); }
 
   private:
     void read() {
@@ -125,6 +121,7 @@ class LiveSession : public Subscriber, public std::enable_shared_from_this<LiveS
                                         self->read();
                                         return;
                                     }
+                                    self->listener_->close();  // Or a stalled write would go on.
                                     self->station_.leave(self->channel_, self->worker_, *self);
                                 });
     }

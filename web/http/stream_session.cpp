@@ -33,8 +33,8 @@ class StreamSession : public Subscriber, public std::enable_shared_from_this<Str
     void take(const PacketPtr& packet) override { listener_->send(packet); }
 
     void shutDown() override {
-        listener_->sendOwn(chunked_ ? "0\r\n\r\n" : "", [connection = connection_](
-                                                            const Error& error, std::size_t) {
+        listener_->sendLast(chunked_ ? "0\r\n\r\n" : "", [connection = connection_](
+                                                             const Error& error, std::size_t) {
             if (!error) {
                 connection->endWriting([connection](const Error&, std::size_t) {});
             }

@@ -71,4 +71,10 @@ TEST_F(PasswordFile, FilesThatAreNoCertificateAndKeyAreRefused) {
     EXPECT_EQ(tls, nullptr);
 }
 
+TEST_F(PasswordFile, ACertificateThatIsMissingIsRefusedWithTheSystemsReason) {
+    std::unique_ptr<boost::asio::ssl::context> tls;
+    EXPECT_EQ(vxweb::openTls(path(), path(), tls),
+              "cannot use the certificate " + path() + ": No such file or directory");
+}
+
 }  // namespace

@@ -2,8 +2,8 @@
 
 import { readPacket } from './sound/packets.js';
 
-const FIRST_PAUSE_MS = 300;
-const MAX_PAUSE_MS = 5000;
+export const FIRST_PAUSE_MS = 300;
+export const MAX_PAUSE_MS = 5000;
 const SILENCE_MS = 6000; // Without a message for so long the connection is lost:
 const WAITING_MS = 30000; // after sound, and while it waits for the server.
 

@@ -246,7 +246,8 @@ element('chosen-delay').addEventListener('change', ({ target }) => {
 });
 
 document.addEventListener('keydown', (event) => {
-  if (event.ctrlKey || event.altKey || event.metaKey || event.repeat) {
+  if (event.ctrlKey || event.altKey || event.metaKey || event.repeat
+      || event.target.matches('input[type=text]')) {
     return;
   }
   if (event.key === ' ' && !event.target.closest('button, input, summary, a')) {

@@ -1,11 +1,29 @@
 // Plays through an AudioWorklet: in secure contexts only.
 
+import { FIRST_PAUSE_MS, MAX_PAUSE_MS } from './live.js';
+
+const MODULE = new URL('worklet.js', import.meta.url);
+let loaded = null; // The page has one context.
+
+/** Tries until it succeeds: velantrix-web may be away. */
+async function load(context) {
+  for (let pause = FIRST_PAUSE_MS; ; pause = Math.min(MAX_PAUSE_MS, 2 * pause)) {
+    try {
+      await fetch(MODULE); // When addModule() has failed, Chromium never loads it in this context.
+      await context.audioWorklet.addModule(MODULE);
+      return;
+    } catch {
+      await new Promise((resolve) => { setTimeout(resolve, pause); });
+    }
+  }
+}
+
 /** The same members as ScheduledOutput. */
 export class WorkletOutput {
   #node;
 
   static async create(context, target, bufferMs, onFigures) {
-    await context.audioWorklet.addModule(new URL('worklet.js', import.meta.url));
+    await (loaded ??= load(context));
     return new WorkletOutput(context, target, bufferMs, onFigures);
   }
 

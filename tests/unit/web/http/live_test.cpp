@@ -11,6 +11,7 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
+constexpr int SMALL_BUFFER = 4096;
 const std::string PCM = R"({"format":"pcm","sampleRate":48000,"channels":2,"title":"Kitchen"})";
 const std::string OPUS = R"({"format":"opus","sampleRate":48000,"channels":2,"title":"Kitchen"})";
 const std::string WAITING = R"({"state":"waiting"})";
@@ -27,8 +28,9 @@ class LiveTest : public WebSite {
     }
 
     /// A listener whose feed is connected.
-    std::unique_ptr<WebClient> listener(const std::string& query, std::uint32_t code) {
-        auto client = live(query);
+    std::unique_ptr<WebClient> listener(const std::string& query, std::uint32_t code,
+                                        int receiveBuffer = 0) {
+        auto client = live(query, receiveBuffer);
         waitForAsked({code});
         return client;
     }
@@ -198,6 +200,32 @@ TEST_F(LiveTest, AClosingClientIsAnsweredAndLeaves) {
     EXPECT_EQ(answer.kind, 8);
     EXPECT_EQ(answer.content.substr(0, 2), "\x03\xE8");
     EXPECT_TRUE(client->closes());
+    waitForStatus("\"listeners\":0");
+}
+
+TEST_F(LiveTest, AClosingClientWhoHasStoppedReadingIsAnsweredNextAndLeaves) {
+    start();
+    const auto client = listener("?format=opus", 2, SMALL_BUFFER);
+    packets::OpusStream stream(2, 0);
+    const auto play = [this, &stream](int count) {
+        for (int i = 0; i < count; ++i) {
+            upstream->send(stream.next());
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));
+        }
+    };
+    play(300);
+    client->sendFrame(0x88, "\x03\xE8");
+    play(50);
+    waitForStatus("\"listeners\":0");
+    EXPECT_EQ(client->end().kind, 8);
+    EXPECT_TRUE(client->closes());
+}
+
+TEST_F(LiveTest, AClosingClientWhoNeverReadsTheAnswerIsCutOffAfterTenSeconds) {
+    start();
+    const auto client = listener("", 0, SMALL_BUFFER);
+    playFor(3000);
+    client->sendFrame(0x88, "\x03\xE8");
     waitForStatus("\"listeners\":0");
 }
 
