@@ -102,7 +102,6 @@ TEST_F(Rooms, FivePercentLossLeavesThemInStep) {
     EXPECT_GT(one.figures().concealed, 200u);
     // Up to a tenth of what is judged at a time is made up.
     expectInStep(one, other, 60, 0.5, 2.5);
-    EXPECT_LT(greatestChange(one, 3.5), 1);
 }
 
 TEST_F(Rooms, JitterOnOneOfTwoLeavesThemInStep) {
