@@ -134,7 +134,7 @@ def machine():
     loads, steal, seconds = ([float(row[column]) for row in rows]
                              for column in ("load", "steal", "seconds"))
     return ", ".join(f"{row['what']} {row['value']}" for row in rows_of("peers_machine")) + (
-        f"; {len({row['round'] for row in rows})} rounds of {min(seconds):.0f} to {max(seconds):.0f} s a row; "
+        f"; {len({row['round'] for row in rows})} rounds of {max(seconds):.0f} s a row; "
         f"load {min(loads):g} to {max(loads):g}, steal time {min(steal):g} to {max(steal):g} %")
 
 
