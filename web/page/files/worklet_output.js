@@ -9,7 +9,10 @@ let loaded = null; // The page has one context.
 async function load(context) {
   for (let pause = FIRST_PAUSE_MS; ; pause = Math.min(MAX_PAUSE_MS, 2 * pause)) {
     try {
-      await fetch(MODULE); // When addModule() has failed, Chromium never loads it in this context.
+      // When addModule() has failed, Chromium never loads it in this context.
+      if (!(await fetch(MODULE)).ok) {
+        throw new Error('away');
+      }
       await context.audioWorklet.addModule(MODULE);
       return;
     } catch {
