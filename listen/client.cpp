@@ -160,7 +160,8 @@ void Client::handlePacket(const ENetPacket& packet) {
         ++counts_.damaged;
         return;
     }
-    const double seconds = toSeconds(steadyNow() - lastAudio_);
+    const std::int64_t now = steadyNow();
+    const double seconds = toSeconds(now - lastAudio_);
     if (seconds >= NOTED_SILENCE) {
         char text[64];
         std::snprintf(text, sizeof text, "no audio received for %.1f s", seconds);
@@ -172,7 +173,7 @@ void Client::handlePacket(const ENetPacket& packet) {
     counts_.sampleRate = audio->sampleRate;
     counts_.rateCode = audio->rateCode;
     counts_.reliable = audio->reliable;
-    takeState(outputs_.take(*audio, tracker_.observe(*audio), steadyNow()));
+    takeState(outputs_.take(*audio, tracker_.observe(*audio), now));
     lastAudio_ = steadyNow();  // After the outputs, which may block.
 }
 
