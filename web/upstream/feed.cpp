@@ -130,6 +130,15 @@ std::size_t Feed::packetsWanted() const {
     return wanted;
 }
 
+bool Feed::roundTripsWanted() const {
+    for (ChannelId channel = 0; channel < CHANNELS.size(); ++channel) {
+        if (CHANNELS[channel].arrivals && outlets_[channel].listeners > 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
 void Feed::upstreamClosed() {
     events_.feedClosed(*this);
 }

@@ -70,6 +70,7 @@ class Feed : public UpstreamEvents {
     void serverWentAway() override;
     void timePassed(std::int64_t now) override;
     [[nodiscard]] std::size_t packetsWanted() const override;
+    [[nodiscard]] bool roundTripsWanted() const override;
     void upstreamClosed() override;
     [[nodiscard]] bool carries(ChannelId channel) const;
     void sendWaiting(std::int64_t now);

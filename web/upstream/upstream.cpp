@@ -131,7 +131,7 @@ void Upstream::pingLater() {
     pings_.expires_after(std::chrono::microseconds(PING_INTERVAL));
     pings_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
         if (!error && self->link_ != Link::Ended) {
-            if (!self->resting_) {
+            if (self->events_.roundTripsWanted()) {
                 self->receiver_.ping();
             }
             self->pingLater();

@@ -31,6 +31,8 @@ class UpstreamEvents {
     /// How many more packets it takes until something is to be done at once; until then they may
     /// wait for some 20 ms.
     [[nodiscard]] virtual std::size_t packetsWanted() const = 0;
+    /// Whether packetCame() should bring round trips.
+    [[nodiscard]] virtual bool roundTripsWanted() const = 0;
     /// The connection has ended after close(); the last call.
     virtual void upstreamClosed() = 0;
 };
