@@ -3,7 +3,6 @@
 import array
 import math
 import os
-import re
 import signal
 import subprocess
 import threading
@@ -13,6 +12,9 @@ from support.sound import clean_environment
 
 RATE, HEARD_LEVEL, HEARD_FRAMES = 48000, 2500, 384
 FIRST = ["chrt", "--rr", "2"]
+SAME_NS = 2000000
+"""What the sink takes at once may come here in pieces."""
+NEAR_S = 2
 
 
 def run(stack, command, environment, log, prefix=FIRST):
@@ -26,14 +28,16 @@ def run(stack, command, environment, log, prefix=FIRST):
 
 
 class SinkRecorder:
-    """When clicks are heard from a null sink, whose samples are an exact ruler of time.
+    """When clicks are heard from a null sink.
 
-    What the sink takes is read at once, ahead of when it is heard by what the sink holds at most.
+    The sink takes sound, which is read here at once, when all that it had has been heard. It runs
+    some 20 ppm fast, since it rounds the length of what it takes down to whole microseconds: only
+    what was taken within two seconds is a ruler.
     """
 
     def __init__(self, stack, sound, name, latency_ms):
-        self.sound, self.name, self.latency_ms = sound, name, latency_ms
-        self.frames, self.ahead, self.clicks = 0, -math.inf, []
+        self.frames, self.clicks = 0, []
+        self.shifts = []  # Nanoseconds from a frame's number to its time, the least of each second.
         self.energy = self.moment = self.left = self.first = 0
         process = subprocess.Popen(
             [*FIRST, "parec", "--raw", "--format=s16le", "--channels=1", f"--rate={RATE}",
@@ -46,16 +50,23 @@ class SinkRecorder:
         stack.callback(process.terminate)
 
     def _read(self, pipe):
-        rest = b""
+        rest, before = b"", 0
         while data := os.read(pipe.fileno(), 65536):
             now, data = time.monotonic_ns(), rest + data
+            if now - before > SAME_NS:
+                self._note(now)
+            before = now
             whole = len(data) // 2 * 2
             rest = data[whole:]
             samples = array.array("h", data[:whole])
             if self.left or max(samples, default=0) > HEARD_LEVEL:
                 self._find(samples)
             self.frames += len(samples)
-            self.ahead = max(self.ahead, self.frames * 1e9 / RATE - now)
+
+    def _note(self, now):
+        second = self.frames // RATE
+        self.shifts.extend([math.inf] * (second + 1 - len(self.shifts)))
+        self.shifts[second] = min(self.shifts[second], now - self.frames * 1e9 / RATE)
 
     def _find(self, samples):
         for at, value in enumerate(samples, self.frames):
@@ -69,16 +80,6 @@ class SinkRecorder:
             if not self.left:
                 self.clicks.append(self.first + self.moment / self.energy)
 
-    def held_ms(self):
-        """What the sink is configured to hold."""
-        sinks = self.sound.control("list", "sinks")
-        mine = sinks[sinks.index(f"Name: {self.name}\n"):]
-        return int(re.search(r"configured (\d+) usec", mine).group(1)) / 1e3
-
-    def restart(self):
-        """What the sink holds may have changed until now."""
-        self.ahead = -math.inf
-
     def heard(self):
-        shift = self.held_ms() * 1e6 - self.ahead
-        return [frame * 1e9 / RATE + shift for frame in self.clicks]
+        near = lambda second: self.shifts[max(0, second - NEAR_S):second + NEAR_S + 1]
+        return [frame * 1e9 / RATE + min(near(int(frame) // RATE)) for frame in self.clicks]
