@@ -80,12 +80,21 @@ void SendClock::restart(std::int64_t now) {
     position_ = 0;
     slope_ = 0;
     age_ = 0;
-    forgetSpans();
+    forgetArrivals();
+    spans_[0] = Span();
 }
 
-void SendClock::forgetSpans() {
+/// The network's round trips are as before.
+void SendClock::forgetArrivals() {
+    Least<3> roundTrips;
+    for (std::size_t i = 0; i <= spanCount_; ++i) {
+        for (std::size_t place = 0; place < 3; ++place) {
+            roundTrips.add(spans_[i].roundTrips[place]);
+        }
+    }
     spanCount_ = 0;
     spans_[0] = Span();
+    spans_[0].roundTrips = roundTrips;
     lateSince_ = -1;
 }
 
@@ -125,7 +134,7 @@ void SendClock::noteArrival(double time, double residual) {
     }
     if (isJump(time, residual)) {
         jumps_ += age_ >= KNOWN_SECONDS ? 1 : 0;
-        forgetSpans();
+        forgetArrivals();
     }
     Span& span = spans_[spanCount_];
     if (span.packets == 0) {
@@ -177,6 +186,7 @@ void SendClock::finishSpan(double time) {
     age_ += span;
     judgeRecent();
     spans_[spanCount_] = Span();
+    fitOffset();  // Late in a stream, another slope alone would move the line far.
 }
 
 /// Checks whether all recent packets are late. If the network has become slower, the line stays; if

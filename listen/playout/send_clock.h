@@ -84,7 +84,7 @@ class SendClock {
     static constexpr std::size_t MAXIMUM_SPANS = 32;
 
     void restart(std::int64_t now);
-    void forgetSpans();
+    void forgetArrivals();
     void noteArrival(double time, double residual);
     [[nodiscard]] bool isJump(double time, double residual);
     void finishSpan(double time);

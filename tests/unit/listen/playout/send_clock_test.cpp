@@ -1,7 +1,8 @@
 #include "listen/playout/send_clock.h"
 
 #include <algorithm>
-#include <array>
+#include <random>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -15,25 +16,34 @@ namespace {
 /// Raw packets at an even pace.
 class Stream {
   public:
-    /// When the first frame of the next packet counts as sent, against its place in the stream;
-    /// microseconds.
-    double next() {
+    explicit Stream(std::size_t frames = wire::RAW_BLOCK_FRAMES) : silence_(2 * frames) {}
+
+    /// When the first frame of the next packet, which comes `late`, counts as sent, against its
+    /// place in the stream; microseconds.
+    double next(double late = 0) {
         vxlisten::DecodedBlock block;
         block.frames = silence_.data();
-        block.count = wire::RAW_BLOCK_FRAMES;
+        block.count = silence_.size() / 2;
         block.sampleRate = 48000;
         block.join = time_ > 0 ? vxlisten::Join::Continues : vxlisten::Join::NewStream;
-        const double sent = clock_.next(block, {}, static_cast<std::int64_t>(time_)).first - time_;
-        time_ += static_cast<double>(wire::RAW_BLOCK_FRAMES) * 1e6 / 48000;
+        const double sent =
+            clock_.next(block, {}, static_cast<std::int64_t>(time_ + late)).first - time_;
+        time_ += static_cast<double>(block.count) * 1e6 / 48000;
         return sent;
     }
+
+    /// The server sends later from now on.
+    void shift(double microseconds) { time_ += microseconds; }
+
+    [[nodiscard]] double seconds() const { return time_ / 1e6; }
+    [[nodiscard]] unsigned jumps() const { return clock_.jumps(); }
 
     void answer(double milliseconds) { clock_.noteRoundTrip(milliseconds * MILLISECOND); }
 
   private:
     vxlisten::SendClock clock_;
     double time_ = 0;
-    std::array<std::int16_t, 2 * wire::RAW_BLOCK_FRAMES> silence_{};
+    std::vector<std::int16_t> silence_;
 };
 
 }  // namespace
@@ -54,4 +64,38 @@ TEST(SendClock, AFewLongRoundTripsInARowDoNotMoveTheSound) {
     }
     EXPECT_LT(most - least, 1.0 * MILLISECOND);
     EXPECT_NEAR(most, -10.0 * MILLISECOND, 1.0 * MILLISECOND);
+}
+
+TEST(SendClock, HoursOfJitterAreNoJump) {
+    Stream stream(10 * wire::RAW_BLOCK_FRAMES);
+    std::mt19937 random;
+    std::uniform_real_distribution<> late(0, 10000);
+    double least = 1e9;
+    double most = -1e9;
+    while (stream.seconds() < 5 * 3600) {
+        const double sent = stream.next(late(random));
+        if (stream.seconds() > 600) {
+            least = std::min(least, sent);
+            most = std::max(most, sent);
+        }
+    }
+    EXPECT_EQ(stream.jumps(), 0U);
+    EXPECT_LT(most - least, 3.0 * MILLISECOND);
+}
+
+TEST(SendClock, AJumpOfTheServersClockDoesNotForgetTheRoundTrips) {
+    Stream stream;
+    for (int i = 0; i < 4000; ++i) {
+        if (i < 3000 && i % 7 == 0) {
+            stream.answer(60);
+        }
+        if (i == 3000) {
+            stream.shift(-500.0 * MILLISECOND);
+        }
+        const double sent = stream.next();
+        if (i > 1000) {
+            EXPECT_NEAR(sent, -30.0 * MILLISECOND, 1.0 * MILLISECOND) << i;
+        }
+    }
+    EXPECT_EQ(stream.jumps(), 1U);
 }
