@@ -13,7 +13,7 @@ constexpr double SPARE_BLOCKS = 512;
 }  // namespace
 
 BlockQueue::BlockQueue(double seconds)
-    : slots_(static_cast<std::size_t>(SPARE_BLOCKS + BLOCKS_PER_SECOND * seconds)) {}
+    : slots_(static_cast<std::size_t>(SPARE_BLOCKS + 2 * BLOCKS_PER_SECOND * seconds)) {}
 
 void BlockQueue::push(const DecodedBlock& block, std::int64_t now, const SendTime& sent) {
     assert(pushing_.here());

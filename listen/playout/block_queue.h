@@ -28,7 +28,8 @@ struct QueuedBlock {
 /// another reads and pops.
 class BlockQueue {
   public:
-    /// Room for `seconds` of sound, and some seconds more.
+    /// Room for the sound of `seconds` before and `seconds` after the reader vanishes, and some
+    /// seconds more.
     explicit BlockQueue(double seconds = 0);
 
     /// Appends a copy of a block that arrived at `now` (microseconds). When the queue is full it is

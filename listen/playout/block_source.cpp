@@ -15,11 +15,11 @@ constexpr std::size_t FADE_IN_FRAMES = 240;
 }  // namespace
 
 const QueuedBlock* BlockSource::takeArrival() {
-    if (seen_ == queue_.size()) {
+    const QueuedBlock* const arrived = nextArrival();
+    if (arrived == nullptr) {
         return nullptr;
     }
-    const QueuedBlock& arrived = queue_[seen_];
-    if (arrived.join == Join::NewStream) {
+    if (arrived->join == Join::NewStream) {
         // The sound that was playing must still fade out: the next block does that, then comes the
         // pause.
         drop(seen_);
@@ -27,10 +27,10 @@ const QueuedBlock* BlockSource::takeArrival() {
         streamChanged_ = !pausing_;
     }
     ++seen_;
-    depthFrames_ += arrived.count;
-    blockFrames_ = arrived.count;
-    sampleRate_ = arrived.sampleRate;
-    return &arrived;
+    depthFrames_ += arrived->count;
+    blockFrames_ = arrived->count;
+    sampleRate_ = arrived->sampleRate;
+    return arrived;
 }
 
 void BlockSource::drop(std::size_t blocks) {
@@ -66,7 +66,7 @@ BlockSource::Block BlockSource::next() {
 }
 
 BlockSource::Block BlockSource::fadeOut() {
-    const Kind kind = streamChanged_ || newStreamArrived() ? Kind::Ended : Kind::Underrun;
+    const Kind kind = streamChanged_ || nextArrival() != nullptr ? Kind::Ended : Kind::Underrun;
     pausing_ = true;
     streamChanged_ = false;
     if (tailCount_ > 0) {

@@ -31,13 +31,12 @@ class BlockSource {
     /// `queue` is borrowed and must outlive this.
     explicit BlockSource(BlockQueue& queue) : queue_(queue) {}
 
-    /// Counts the next block that has arrived; null when there is none. A new stream drops what
-    /// waits before it and pauses the sound.
+    /// Counts nextArrival(). A new stream drops what waits before it and pauses the sound.
     const QueuedBlock* takeArrival();
 
-    /// True when the next block to count begins a new stream.
-    [[nodiscard]] bool newStreamArrived() const {
-        return seen_ < queue_.size() && queue_[seen_].join == Join::NewStream;
+    /// The next block to count; null when there is none.
+    [[nodiscard]] const QueuedBlock* nextArrival() const {
+        return seen_ < queue_.size() ? &queue_[seen_] : nullptr;
     }
 
     /// The next block of sound; not while pausing.

@@ -33,6 +33,9 @@ constexpr double OFTEN_MS = 20;
 constexpr double REPEATED_SHARE = 0.25;
 constexpr double LATE_SECONDS = 1.5;  ///< Longer than the detection of a jump.
 constexpr double MAXIMUM_LATE_SECONDS = 3;
+/// A raised delay is lowered again when the chosen one has been possible for so long.
+constexpr double LOWERING_SECONDS = 60;
+constexpr double LOWERING_MARGIN_MS = 5;
 /// Blocks to count in a call: once an old stream is over, seconds of the new one wait.
 constexpr std::size_t MAXIMUM_ARRIVALS = 64;
 constexpr double MAXIMUM_PAUSE_SECONDS = 0.1;  ///< Seconds that count as late; a stall does not.
@@ -94,14 +97,17 @@ void Playout::render(std::int16_t* output, std::size_t frames, std::int64_t now,
     control(callSeconds_);
 }
 
-/// With a fixed delay, a new stream is taken only after what waits has been played, at its time.
-bool Playout::oldStreamRemains() const {
-    return schedule_.kept() && !source_.empty() && source_.newStreamArrived();
+/// With a fixed delay, sound with another line of sending times is taken only after what waits has
+/// been played, at its time.
+bool Playout::oldSoundRemains() const {
+    const QueuedBlock* const next = source_.nextArrival();
+    return schedule_.kept() && !source_.empty() && next != nullptr &&
+           (next->join == Join::NewStream || (!source_.pausing() && schedule_.jumps(*next)));
 }
 
 void Playout::takeArrivals() {
     std::size_t left = schedule_.kept() ? MAXIMUM_ARRIVALS : queue_->size();
-    while (left-- > 0 && !oldStreamRemains()) {
+    while (left-- > 0 && !oldSoundRemains()) {
         const QueuedBlock* const block = source_.takeArrival();
         if (block == nullptr) {
             return;
@@ -109,14 +115,15 @@ void Playout::takeArrivals() {
         if (block->join == Join::NewStream) {
             target_.restart();
             schedule_.restart();
-            figures_.neededMs = 0;
-            inStepFor_ = lateSeconds_ = 0;
+            lower();
+            lateSeconds_ = 0;
             delayChecked_ = false;
         }
-        if (schedule_.noteBlock(*block) && schedule_.kept()) {
+        if (schedule_.kept() && schedule_.jumps(*block)) {
             target_.restart();
             inStepFor_ = 0;
         }
+        schedule_.noteBlock(*block);
         if (!block->concealed) {
             target_.noteArrival(
                 static_cast<std::int64_t>(toMs(block->position, block->sampleRate) * MS),
@@ -189,6 +196,24 @@ void Playout::noteLateSound() {
 void Playout::raiseToMinimum(double jitterMs) {
     if (schedule_.raiseToMinimum(jitterMs, periodMs_)) {
         figures_.neededMs = schedule_.goalMs();
+    }
+}
+
+/// The chosen delay applies again.
+void Playout::lower() {
+    schedule_.lower();
+    figures_.neededMs = 0;
+    inStepFor_ = possibleFor_ = 0;
+}
+
+/// The reason why the delay had to be raised may have passed.
+void Playout::watchRaised(double seconds) {
+    const double raised = schedule_.goalMs() - chosenMs_;
+    possibleFor_ =
+        raised > 0 && figures_.spareMs > raised + LOWERING_MARGIN_MS ? possibleFor_ + seconds : 0;
+    if (possibleFor_ > LOWERING_SECONDS) {
+        lower();
+        source_.pause();
     }
 }
 
@@ -297,6 +322,7 @@ void Playout::watchStep(double seconds) {
     figures_.inStepMs = late + schedule_.goalMs() - chosenMs_;
     figures_.nominalLatency = schedule_.nominalOnly();
     figures_.spareMs = schedule_.goalMs() - schedule_.minimumMs(target_.jitterMs(), periodMs_);
+    watchRaised(seconds);
     inStepFor_ += seconds;
     const double maximum =
         inStepFor_ < SETTLING_SECONDS ? MAXIMUM_SETTLING_LATE_MS : MAXIMUM_LATE_MS;

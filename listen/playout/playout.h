@@ -70,12 +70,14 @@ class Playout {
     [[nodiscard]] const PlayoutFigures& figures() const { return figures_; }
 
   private:
-    [[nodiscard]] bool oldStreamRemains() const;
+    [[nodiscard]] bool oldSoundRemains() const;
     void takeArrivals();
     void watchStart(std::size_t wanted);
     void startWhenDue(std::size_t wanted);
     void noteLateSound();
     void raiseToMinimum(double jitterMs);
+    void lower();
+    void watchRaised(double seconds);
     void watchDepth(double seconds);
     void watchStep(double seconds);
     void skipDown();
@@ -111,6 +113,7 @@ class Playout {
     double inStepFor_ = 0;         ///< Seconds since the sound was last aligned,
     double lateSeconds_ = 0;       ///< and that all sound has been too late for that.
     double sinceLate_ = 0;         ///< Seconds since sound was last found to be too late.
+    double possibleFor_ = 0;       ///< Seconds that a raised delay has not been needed.
     std::int64_t lastRender_ = -1;
     double meanDepth_ = 0;     ///< Milliseconds, over the last seconds.
     double sinceControl_ = 0;  ///< Seconds since the correction was set.

@@ -16,14 +16,16 @@ constexpr double LATENCY_FALL_MS = 0.02;
 
 }  // namespace
 
-bool Schedule::noteBlock(const QueuedBlock& block) {
-    const auto position = static_cast<double>(block.position);
-    const bool jumps = known_ && std::abs(block.sent.first - sentAt(position)) > JUMP;
+bool Schedule::jumps(const QueuedBlock& block) const {
+    return known_ &&
+           std::abs(block.sent.first - sentAt(static_cast<double>(block.position))) > JUMP;
+}
+
+void Schedule::noteBlock(const QueuedBlock& block) {
     known_ = block.sent.framePeriod > 0;
-    position_ = position;
+    position_ = static_cast<double>(block.position);
     sent_ = block.sent;
     sampleRate_ = block.sampleRate;
-    return jumps;
 }
 
 void Schedule::noteOutput(std::uint64_t frame, std::int64_t now, double latency) {

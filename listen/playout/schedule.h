@@ -32,15 +32,17 @@ class Schedule {
     /// True when the delay from the sending to the loudspeaker is to be kept.
     [[nodiscard]] bool kept() const { return settings_.delayMs.has_value(); }
 
-    /// Takes the newest block of the stream. True when it belongs to another line of sending times
-    /// than the one before.
-    bool noteBlock(const QueuedBlock& block);
+    /// True when a block belongs to another line of sending times than the newest one.
+    [[nodiscard]] bool jumps(const QueuedBlock& block) const;
 
-    /// Forgets the stream, and what its delay had to be raised to.
-    void restart() {
-        known_ = false;
-        delayMs_ = settings_.delayMs.value_or(0);
-    }
+    /// Takes the newest block of the stream.
+    void noteBlock(const QueuedBlock& block);
+
+    /// Forgets the stream.
+    void restart() { known_ = false; }
+
+    /// Takes the chosen delay again, after it had to be raised.
+    void lower() { delayMs_ = settings_.delayMs.value_or(0); }
 
     /// The device asks for frames from `frame` on, see OutputClock.
     void noteOutput(std::uint64_t frame, std::int64_t now, double latency);

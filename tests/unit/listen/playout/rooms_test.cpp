@@ -326,6 +326,21 @@ TEST_F(Rooms, AServerThatStandsStillForASecondIsFollowedAtOnce) {
     EXPECT_EQ(one.figures().neededMs, 0);
 }
 
+TEST_F(Rooms, WithALongDelayWhatWasSentBeforeTheServerStoodStillIsHeardAtItsTime) {
+    const double delay = 3000;
+    Server server;
+    server.shiftAt = 40;
+    server.shift = 1.003;
+    Listener one(server, steady(), device(0, 0.03), keeping(delay));
+    one.run(80);
+    EXPECT_NEAR(heardPieces(one, 40, 43), 37, 1);
+    EXPECT_LT(offTheDelay(one, delay, 20, 42.9).most, 0.5);
+    EXPECT_LT(offTheDelay(one, delay + 1003, 55, 80).median, 0.5);
+    EXPECT_EQ(one.sendClock().jumps(), 1u);
+    EXPECT_EQ(one.figures().underruns, 0u);
+    EXPECT_EQ(one.figures().neededMs, 0);
+}
+
 TEST_F(Rooms, AStallWhoseSoundComesInABurstIsNoJumpOfTheServersClock) {
     const Server server;
     for (const double stall : {1.5, 3.0}) {
@@ -447,6 +462,19 @@ TEST_F(Rooms, ADelayThatHadToBeRaisedIsTriedAgainWithTheNextStream) {
     one.run(120);
     EXPECT_GT(one.figures().neededMs, 90) << "the next stream is checked, too";
     EXPECT_NEAR(one.figures().delayMs, one.figures().neededMs, 1);
+}
+
+TEST_F(Rooms, ADelayThatHadToBeRaisedComesBackWhenTheReasonHasPassed) {
+    const Server server;
+    Listener one(
+        server, [](double sent) { return sent > 40 && sent < 44 ? 0.4 : 0.0002; }, device(0, 0.03),
+        keeping(DELAY));
+    one.run(60);
+    EXPECT_GT(one.figures().neededMs, DELAY);
+    one.run(200);
+    EXPECT_EQ(one.figures().neededMs, 0);
+    EXPECT_NEAR(one.figures().delayMs, DELAY, 0.5);
+    EXPECT_LT(offTheDelay(one, DELAY, 180, 200).most, 1);
 }
 
 TEST_F(Rooms, PatienceWithLateSoundIsAsShortWhereTheDeviceAsksOftener) {
