@@ -49,3 +49,13 @@ TEST_F(BlockQueueTest, WhatFollowsABlockThatFoundNoRoomIsANewStream) {
     EXPECT_EQ(newest.join, Join::NewStream);
     EXPECT_EQ(newest.position, 0u);
 }
+
+TEST_F(BlockQueueTest, WhatComesInTheTimeOfADelayFindsRoomWhileNobodyReads) {
+    BlockQueue queue(10);
+    const std::array<std::int16_t, 2> frame{};
+    const std::size_t blocks = 20 * 48000 / 338;
+    for (std::size_t i = 0; i < blocks; ++i) {
+        queue.push({frame.data(), 1, 48000, Join::Continues, false}, 0);
+    }
+    EXPECT_EQ(queue.size(), blocks);
+}
