@@ -17,7 +17,7 @@ constexpr int NICE = -11;
 void raise(pid_t thread) {
     sched_param parameters = {};
     parameters.sched_priority = REAL_TIME_PRIORITY;
-    if (sched_getscheduler(thread) != SCHED_OTHER) {
+    if ((sched_getscheduler(thread) & ~SCHED_RESET_ON_FORK) != SCHED_OTHER) {
         return;  // The user has chosen one.
     }
     if (sched_setscheduler(thread, SCHED_RR | SCHED_RESET_ON_FORK, &parameters) != 0) {

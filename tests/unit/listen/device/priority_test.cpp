@@ -14,5 +14,9 @@ TEST(Priority, SchedulingThatChildrenDoNotInheritIsKnown) {
         ASSERT_EQ(sched_setscheduler(0, policy | SCHED_RESET_ON_FORK, &parameters), 0);
         EXPECT_EQ(vxlisten::realTimeAllowed(), allowed);
         EXPECT_EQ(sched_getscheduler(0), policy | SCHED_RESET_ON_FORK);
+        parameters.sched_priority = 0;
+        ASSERT_EQ(sched_setscheduler(0, SCHED_OTHER | SCHED_RESET_ON_FORK, &parameters), 0);
+        vxlisten::raisePriority();
+        EXPECT_EQ(sched_getscheduler(0), policy | SCHED_RESET_ON_FORK);
     }).join();
 }
