@@ -33,9 +33,9 @@ bool Outputs::open(const Options& options) {
 }
 
 bool Outputs::openSound(const Options& options) {
-    delaySeconds_ = options.playout.delayMs.value_or(0) / 1000.0;
     sound_ = std::make_unique<SoundKeeper>(options.device, options.playout);
     if (sound_->open(steadyNow())) {
+        delaySeconds_ = options.playout.delayMs.value_or(0) / 1000.0;
         return true;
     }
     const std::string reason = sound_->error();
@@ -84,7 +84,8 @@ SinkState Outputs::watch(std::int64_t now, std::string& news) {
         jumpsReported_ = sendClock_.jumps();
         news = "the server's clock has jumped, synchronizing again";
     }
-    if (news.empty() && std::exchange(starts_, false) && delaySeconds_ >= LONG_DELAY_SECONDS) {
+    if (news.empty() && std::exchange(starts_, false) && delaySeconds_ >= LONG_DELAY_SECONDS &&
+        !sound_->figures().playing) {
         char text[64];
         std::snprintf(text, sizeof text, "what the server sends now is heard in %g s",
                       delaySeconds_);

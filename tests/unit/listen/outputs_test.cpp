@@ -65,3 +65,13 @@ TEST_F(OutputsTest, WithoutADelayAJumpIsOfNoInterest) {
     take(20, 0);
     EXPECT_TRUE(take(20, 700'000).empty());
 }
+
+TEST_F(OutputsTest, WithoutADeviceAJumpIsOfNoInterest) {
+    fakePortAudio().outputPresent = false;
+    options_.playout.delayMs = 200;
+    options_.recordPath = testing::TempDir() + "without_a_device.wav";
+    ASSERT_TRUE(outputs_.open(options_));
+    EXPECT_NE(outputs_.warning(), "");
+    take(20, 0);
+    EXPECT_TRUE(take(20, 700'000).empty());
+}
