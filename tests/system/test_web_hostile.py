@@ -194,6 +194,11 @@ class Hostile(SystemTest):
             line.sendall(frame(0x88, b"\x03\xe8"))
             line.close()
 
+    def test_listeners_who_stop_reading_ping_and_close(self):
+        for line in self.stalled():
+            line.sendall(frame(0x89, b"still there?"))
+            line.close()
+
     def test_listeners_who_stop_reading_and_close_their_direction_only(self):
         for line in self.stalled():
             line.shutdown(socket.SHUT_WR)

@@ -72,7 +72,10 @@ void Listener::sendOwn(std::string bytes, Done done) {
     packet->bytes = std::move(bytes);
     packet->bodyLength = packet->bytes.size();
     packet->sound = false;
-    queue_.push_back({std::move(packet), 0, std::move(done)});
+    // Before the sound that waits, which may never be read.
+    const auto place =
+        std::find_if(firstWaiting(), queue_.end(), [](const Entry& entry) { return !entry.done; });
+    queue_.insert(place, {std::move(packet), 0, std::move(done)});
     if (closed_) {
         close();
     } else {

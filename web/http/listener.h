@@ -34,8 +34,8 @@ class Listener : public std::enable_shared_from_this<Listener> {
     /// callback.
     void send(PacketPtr packet);
 
-    /// As send(), for bytes that only this listener gets and that are never dropped. `done` is
-    /// called later, when they have been written.
+    /// Writes bytes that only this listener gets and that are never dropped, before the packets
+    /// that wait. `done` is called later, when they have been written.
     void sendOwn(std::string bytes, Done done);
 
     /// As sendOwn(), in place of the packets that wait; later ones are ignored. Closes the
