@@ -81,6 +81,10 @@ std::vector<std::string> ownNames() {
 }
 
 std::string hostOf(std::string_view authority) {
+    constexpr std::size_t MAX_LENGTH = 260;  // The longest name, a dot, a colon and a port.
+    if (authority.size() > MAX_LENGTH) {
+        return {};
+    }
     const bool literal = !authority.empty() && authority.front() == '[';
     const std::size_t begin = literal ? 1 : 0;
     const std::size_t end = std::min(authority.find(literal ? ']' : ':'), authority.size());

@@ -4,6 +4,7 @@
 #include <linux/sockios.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <optional>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <utility>
@@ -52,28 +53,42 @@ class PlainConnection : public Connection {
 class TlsConnection : public Connection {
   public:
     TlsConnection(tcp::socket socket, boost::asio::ssl::context& tls)
-        : Connection(std::move(socket)), stream_(socket_, tls) {}
+        : Connection(std::move(socket)), tls_(tls) {}
 
+    /// Gets memory for TLS only when the client says something.
     void handshake(Done done) override {
-        stream_.async_handshake(boost::asio::ssl::stream_base::server,
-                                [done = std::move(done)](const Error& error) { done(error, 0); });
+        socket_.async_wait(tcp::socket::wait_read,
+                           [this, done = std::move(done)](const Error& error) mutable {
+                               if (error) {
+                                   done(error, 0);
+                               } else {
+                                   shakeHands(std::move(done));
+                               }
+                           });
     }
     void read(mutable_buffer room, Done done) override {
-        stream_.async_read_some(room, std::move(done));
+        stream_->async_read_some(room, std::move(done));
     }
     std::size_t tryWrite(const_buffer /*bytes*/, Error& error) override {
         error = boost::asio::error::would_block;
         return 0;
     }
     void write(const_buffer bytes, Done done) override {
-        stream_.async_write_some(bytes, std::move(done));
+        stream_->async_write_some(bytes, std::move(done));
     }
     void endWriting(Done done) override {
-        stream_.async_shutdown([done = std::move(done)](const Error& error) { done(error, 0); });
+        stream_->async_shutdown([done = std::move(done)](const Error& error) { done(error, 0); });
     }
 
   private:
-    boost::asio::ssl::stream<tcp::socket&> stream_;
+    void shakeHands(Done done) {
+        stream_.emplace(socket_, tls_);
+        stream_->async_handshake(boost::asio::ssl::stream_base::server,
+                                 [done = std::move(done)](const Error& error) { done(error, 0); });
+    }
+
+    boost::asio::ssl::context& tls_;
+    std::optional<boost::asio::ssl::stream<tcp::socket&>> stream_;
 };
 
 }  // namespace

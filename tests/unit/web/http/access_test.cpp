@@ -63,6 +63,8 @@ TEST(Access, WhatFollowsTheHostIsAPortOrItIsNoHost) {
           "kitchen: 80"}) {
         EXPECT_EQ(judgeHost(host), 403U) << host;
     }
+    EXPECT_EQ(judgeHost("127.0.0.1:" + std::string(2300, '0')), 403U);
+    EXPECT_EQ(judgeHost("[fe80::1%" + std::string(2300, 'a') + "]"), 403U);
 }
 
 TEST(Access, ARequestNamesItsHostOnce) {
