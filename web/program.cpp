@@ -37,11 +37,12 @@ constexpr std::chrono::milliseconds END_TIMEOUT{700};
 constexpr std::chrono::milliseconds CUT_TIMEOUT{100};
 constexpr std::chrono::milliseconds END_STEP{20};
 
-/// Each connection is a descriptor.
-void allowManyDescriptors() {
+/// Each connection is a descriptor. Strangers may have some thousands; more could fill the memory.
+void allowManyDescriptors(std::size_t listeners) {
+    constexpr rlim_t OTHERS = 11000;
     rlimit limit = {};
     if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
-        limit.rlim_cur = limit.rlim_max;
+        limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, listeners + OTHERS);
         setrlimit(RLIMIT_NOFILE, &limit);
     }
 }
@@ -109,14 +110,13 @@ class Program {
         if (!login.empty() && !tls) {
             complain("without --certificate the password crosses the network unencrypted");
         }
-        const auto addresses =
-            webAddresses(options_.listen.address, server_.port(), tls != nullptr);
-        for (const std::string& address : addresses) {
+        for (const std::string& address :
+             webAddresses(options_.listen.address, server_.port(), tls != nullptr)) {
             say(address);
         }
-        site_.reset(new Site{Access(names(options_), login), options_.title, addresses.front(),
-                             std::move(tls), station_});
-        allowManyDescriptors();
+        site_.reset(new Site{Access(names(options_), login), options_.title,
+                             options_.listen.address, server_.port(), std::move(tls), station_});
+        allowManyDescriptors(options_.maxListeners);
         return {};
     }
 

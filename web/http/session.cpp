@@ -18,6 +18,7 @@
 #include "web/http/response.h"
 #include "web/http/routes.h"
 #include "web/http/stream_session.h"
+#include "web/local_addresses.h"
 #include "web/page/assets.h"
 #include "web/page/qr_picture.h"
 
@@ -276,8 +277,10 @@ std::string Session::pageAddress() const {
     const std::string_view host = toView(reader_->request()[http::field::host]);
     const std::string name = hostOf(host);
     const bool here = name == "localhost" || name == "::1" || name.rfind("127.", 0) == 0;
-    return host.empty() || here ? site_.address
-                                : (site_.tls ? "https://" : "http://") + std::string(host) + "/";
+    if (host.empty() || here) {
+        return webAddresses(site_.listen, site_.port, site_.tls != nullptr).front();
+    }
+    return (site_.tls ? "https://" : "http://") + std::string(host) + "/";
 }
 
 Response Session::playlist() const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -16,7 +17,8 @@ namespace vxweb {
 struct Site {
     Access access;
     std::string title;
-    std::string address;  ///< Web address of the page for other computers.
+    std::string listen;                              ///< The address and
+    std::uint16_t port;                              ///< the port that it serves.
     std::unique_ptr<boost::asio::ssl::context> tls;  ///< Null without TLS.
     Station& station;
 };

@@ -36,7 +36,7 @@ void WebSite::start() {
     server_ = std::make_unique<vxweb::WebServer>(workers_);
     ASSERT_EQ(server_->open(options.listen), "");
     site_.reset(new vxweb::Site{vxweb::Access({"kitchen", "radio.example"}, login), options.title,
-                                "http://192.168.1.20:59080/", nullptr, *station_});
+                                "192.168.1.20", 59080, nullptr, *station_});
     boost::asio::post(workers_.front()->context(), [this] {
         server_->start(*site_);
         station_->start();
