@@ -33,6 +33,7 @@ class StreamSession : public Subscriber, public std::enable_shared_from_this<Str
     void take(const PacketPtr& packet) override { listener_->send(packet); }
 
     void shutDown() override {
+        ending_ = true;
         listener_->sendLast(chunked_ ? "0\r\n\r\n" : "", [connection = connection_](
                                                              const Error& error, std::size_t) {
             if (!error) {
@@ -49,7 +50,7 @@ class StreamSession : public Subscriber, public std::enable_shared_from_this<Str
                           [self = shared_from_this()](const Error& error, std::size_t) {
                               if (!error) {
                                   self->read();
-                              } else if (error == boost::asio::error::eof) {
+                              } else if (error == boost::asio::error::eof && !self->ending_) {
                                   self->waitForEnd();
                               } else {
                                   self->leave();
@@ -73,6 +74,7 @@ class StreamSession : public Subscriber, public std::enable_shared_from_this<Str
     Worker& worker_;
     const ChannelId channel_;
     const bool chunked_;
+    bool ending_ = false;
     std::shared_ptr<Connection> connection_;
     std::shared_ptr<Listener> listener_;
     std::array<char, 512> ignored_{};

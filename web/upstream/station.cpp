@@ -52,6 +52,7 @@ void Station::start() {
 void Station::close() {
     assert(workers_.front()->here());
     locator_.stop();
+    maxListeners_ = 0;
     // Each destruction may take half a second.
     for (auto& feeder : feeders_) {
         --listeners_;

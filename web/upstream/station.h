@@ -33,7 +33,7 @@ class Station : public FeedEvents {
     /// Looks for the server and starts to feed Icecast. Thread: the first worker's, as for close().
     void start();
 
-    /// Disconnects from the server, which takes up to half a second.
+    /// Disconnects from the server, which takes up to half a second, and lets nobody in any more.
     void close();
 
     /// True once there are no listeners and all connections are closed. Thread: the first worker's.
@@ -72,7 +72,7 @@ class Station : public FeedEvents {
     [[nodiscard]] std::string status() const;
 
     const std::string title_;
-    const std::size_t maxListeners_;
+    std::atomic<std::size_t> maxListeners_;
     const std::vector<IcecastTarget> icecast_;
     Workers& workers_;
     boost::asio::io_context& context_;

@@ -139,6 +139,9 @@ TEST_F(StationTest, AtTheEndOfTheProgramTheServerIsToldGoodbye) {
     waitForAsked({0});
     shutDown();
     waitForAsked({});
+    WebClient late(port());
+    late.request("/stream.ogg");
+    EXPECT_THAT(late.header(), testing::StartsWith("HTTP/1.1 503 "));
 }
 
 TEST(WorkerTest, APacketFromASecondThreadFailsAnAssertion) {
