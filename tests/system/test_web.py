@@ -136,6 +136,13 @@ class WithoutServer(SystemTest):
             wait_until(lambda: len(listener.numbers) > 10, "the sound comes")
             self.assertEqual(status_of(web.address())["server"], "127.0.0.1:59010")
 
+    def test_a_given_server_that_does_not_answer_is_told_once(self):
+        with Web() as web, LiveListener(web.address()) as listener:
+            web.out.wait_for("raw: 127.0.0.1:59010 does not answer, trying again")
+            wait_until(lambda: WAITING in listener.texts, "the listener is told to wait")
+            time.sleep(3)
+            self.assertEqual("".join(web.out.all()).count("does not answer"), 1)
+
     def test_a_password_without_tls_is_warned_of_and_asked_for(self):
         login = self.folder / "login"
         login.write_text("anna:secret\n", encoding="ascii")

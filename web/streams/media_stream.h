@@ -41,7 +41,7 @@ class MediaStream {
     /// How many packets the next chunk needs, at most.
     [[nodiscard]] virtual std::size_t packetsToChunk() const { return 1; }
 
-    /// To be called about every 20 ms, with or without sound: fills what is missing with silence.
+    /// To be called every 20 to 40 ms, with or without sound: fills what is missing with silence.
     /// Emits at most one chunk.
     virtual void pass(std::int64_t nowUs, const Emit& emit) = 0;
 };

@@ -17,7 +17,9 @@ using vxlisten::SECOND;
 using vxlisten::steadyNow;
 
 constexpr std::int64_t TICK = 20 * MILLISECOND;
-constexpr std::size_t PACKETS_A_TICK = 2;  ///< Of Opus.
+/// When nobody waits for the next packets, they are taken together.
+constexpr std::int64_t REST = 40 * MILLISECOND;
+constexpr std::size_t PACKETS_A_REST = 5;  ///< Of Opus, and one to spare.
 /// Packets bring the ticks; this finds that none arrive.
 constexpr std::int64_t IDLE_CHECK = 100 * MILLISECOND;
 constexpr std::int64_t PING_INTERVAL = 101 * MILLISECOND;
@@ -49,7 +51,6 @@ Upstream::~Upstream() {
 void Upstream::open() {
     enter(Link::Waiting);
     waitForTime(TICK);
-    pingLater();
     watch();
 }
 
@@ -100,15 +101,15 @@ void Upstream::waitOn() {
         if (socket_.is_open()) {
             socket_.release();  // Or each packet would wake the thread all the same.
         }
-        waitForTime(TICK);
+        waitForTime(REST);
     } else {
         waitForData();
     }
 }
 
-/// True when nobody waits for the packets of the next tick.
+/// True when nobody waits for the packets of a rest.
 bool Upstream::mayRest() const {
-    return link_ == Link::Connected && events_.packetsWanted() > PACKETS_A_TICK;
+    return link_ == Link::Connected && events_.packetsWanted() > PACKETS_A_REST;
 }
 
 void Upstream::waitForTime(std::int64_t time) {
@@ -131,10 +132,11 @@ void Upstream::pingLater() {
     pings_.expires_after(std::chrono::microseconds(PING_INTERVAL));
     pings_.async_wait([self = shared_from_this()](const boost::system::error_code& error) {
         if (!error && self->link_ != Link::Ended) {
-            if (self->events_.roundTripsWanted()) {
+            self->pinging_ = self->events_.roundTripsWanted();
+            if (self->pinging_) {
                 self->receiver_.ping();
+                self->pingLater();
             }
-            self->pingLater();
         }
     });
 }
@@ -186,6 +188,10 @@ void Upstream::handlePacket(const ENetPacket& packet) {
     lastSound_ = steadyNow();
     pause_.reset();
     away_ = false;
+    if (!pinging_ && events_.roundTripsWanted()) {
+        pinging_ = true;
+        pingLater();
+    }
     events_.packetCame(*audio, tracker_.observe(*audio), lastSound_,
                        receiver_.takeRoundTrip().value_or(0));
 }
@@ -199,8 +205,13 @@ void Upstream::handleDisconnected(std::uint32_t data) {
     } else {
         lose(link_ == Link::Connected
                  ? "the connection to " + receiver_.serverAddress() + " has ended"
-                 : std::string());
+                 : noAnswer());
     }
+}
+
+/// Told once.
+std::string Upstream::noAnswer() const {
+    return away_ ? std::string() : receiver_.serverAddress() + " does not answer";
 }
 
 /// `why` is printed unless it is empty.
@@ -248,7 +259,7 @@ void Upstream::watch() {
                (link_ == Link::Connecting && found && receiver_.address() != locator_.address())) {
         connect();
     } else if (link_ == Link::Connecting && now - linkSince_ >= CONNECT_TIMEOUT) {
-        lose({});
+        lose(noAnswer());
     } else if (link_ == Link::Connected && now - lastSound_ >= SILENCE_TIMEOUT) {
         receiver_.startDisconnect();
         lose("no audio received from " + receiver_.serverAddress() + " for a while");

@@ -26,10 +26,10 @@ class UpstreamEvents {
                             std::int64_t now, std::int64_t roundTrip) = 0;
     /// The server is away. Called again only after packets have arrived.
     virtual void serverWentAway() = 0;
-    /// Called about every 20 ms; when no more packets come, for the first time within 100 ms.
+    /// Called every 20 to 40 ms; when no more packets come, for the first time within 100 ms.
     virtual void timePassed(std::int64_t now) = 0;
     /// How many more packets it takes until something is to be done at once; until then they may
-    /// wait for some 20 ms.
+    /// wait for some 40 ms.
     [[nodiscard]] virtual std::size_t packetsWanted() const = 0;
     /// Whether packetCame() should bring round trips.
     [[nodiscard]] virtual bool roundTripsWanted() const = 0;
@@ -78,6 +78,7 @@ class Upstream : public std::enable_shared_from_this<Upstream> {
     void lose(const std::string& why);
     void enter(Link link);
     void tell(const std::string& what) const;
+    [[nodiscard]] std::string noAnswer() const;
 
     boost::asio::steady_timer timer_;
     boost::asio::steady_timer pings_;
@@ -94,6 +95,7 @@ class Upstream : public std::enable_shared_from_this<Upstream> {
     bool open_ = false;     ///< The receiver has its socket.
     bool heard_ = false;    ///< The socket has woken us since the timer did.
     bool resting_ = false;  ///< Only the timer wakes us.
+    bool pinging_ = false;  ///< The pings' timer runs.
     // Times in microseconds.
     std::int64_t linkSince_ = 0;
     std::int64_t waitUntil_ = 0;
