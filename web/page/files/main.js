@@ -30,7 +30,7 @@ let delayText = linked ?? settings.delay;
 let emptyLink = linked === '';
 
 const player = new Player({ onState: showState, onTitle: showTitle, onFigures: showFigures });
-const mediaKeys = new MediaKeys(play, stop);
+const mediaKeys = new MediaKeys(() => player.state === State.STOPPED && play(), stop);
 let opus = false;
 
 function quality() {
@@ -271,7 +271,7 @@ function showQualities() {
 async function showAddress() {
   let address = location.origin;
   try {
-    const picture = await (await fetch('/qr.svg')).text();
+    const picture = await (await fetch(`${location.origin}/qr.svg`)).text();
     const title = new DOMParser().parseFromString(picture, 'image/svg+xml').querySelector('title');
     address = title?.textContent || address;
   } catch {
@@ -283,7 +283,7 @@ async function showAddress() {
 
 async function showServersTitle() {
   try {
-    showTitle((await (await fetch('/status')).json()).title);
+    showTitle((await (await fetch(`${location.origin}/status`)).json()).title);
   } catch {
     // It comes with the sound, too.
   }

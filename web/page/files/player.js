@@ -21,7 +21,7 @@ export const State = {
 };
 
 function liveUrl(quality) {
-  const url = new URL('/live', location.href);
+  const url = new URL('/live', location.origin); // A password in the address has been used.
   url.protocol = location.protocol === 'https:' ? 'wss:' : 'ws:';
   url.search = quality === 'pcm' ? '?format=pcm' : `?format=opus&rate=${quality}`;
   return url.href;
@@ -77,13 +77,23 @@ export class Player {
   }
 
   #openContext(volume) {
-    this.#context ??= new AudioContext({ latencyHint: 'interactive' });
+    this.#context ??= this.#makeContext();
     this.#context.resume();
     if (!this.#gain) {
       this.#gain = this.#context.createGain();
       this.#gain.gain.value = volume;
       this.#gain.connect(this.#context.destination);
     }
+  }
+
+  #makeContext() {
+    const context = new AudioContext({ latencyHint: 'interactive' });
+    context.onstatechange = () => { // As after a phone call.
+      if (this.#output && context.state !== 'running') {
+        context.resume().catch(() => {});
+      }
+    };
+    return context;
   }
 
   async #makeOutput(bufferMs) {

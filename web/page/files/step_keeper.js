@@ -5,7 +5,7 @@ import { SendTimes } from './sound/send_times.js';
 
 const STAMP_MS = 100;
 const TRIP_MS = 1500; // At least one in each span of EarliestLine.
-const TRIP_URL = '/page/silence.flac';
+const TRIP_URL = `${location.origin}/page/silence.flac`;
 const MAX_LATENCY_MS = 2000;
 
 /** Times packets by when the server sent them and by when the output is heard. */
@@ -85,7 +85,7 @@ export class StepKeeper {
     } catch {
       return; // The connection will say what is wrong.
     }
-    const [latest] = performance.getEntriesByName(new URL(TRIP_URL, location.href).href).slice(-1);
+    const [latest] = performance.getEntriesByName(TRIP_URL).slice(-1);
     this.#trip = latest ? latest.responseStart - latest.requestStart : 0;
     performance.clearResourceTimings();
   }

@@ -2,7 +2,7 @@
 
 import { FIRST_PAUSE_MS, MAX_PAUSE_MS } from './live.js';
 
-const MODULE = new URL('worklet.js', import.meta.url);
+const MODULE = `${location.origin}/page/worklet.js`;
 let loaded = null; // The page has one context.
 
 /** Tries until it succeeds: velantrix-web may be away. */

@@ -4,6 +4,7 @@
 import { crossfade, fade, mirror } from './splicing.js';
 
 const FADE_IN_FRAMES = 240;
+const MAX_FRAMES = 720000; // For the longest delay; while the output stands still, more comes.
 
 export const Join = { GOES_ON: 0, FADE_IN: 1, NEW_STREAM: 2 };
 export const Kind = { SOUND: 0, CONCEALED: 1, RAN_DRY: 2, ENDED: 3 };
@@ -31,6 +32,9 @@ export class BlockSource {
     }
     this.#blocks.push(block);
     this.#frames += block.frames;
+    while (this.#frames > MAX_FRAMES) {
+      this.#take();
+    }
   }
 
   /** The next block; not while pausing. */
