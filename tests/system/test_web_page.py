@@ -55,6 +55,7 @@ class PageTest(SystemTest):
     scheme = "http"
     host = THERE_ADDRESS
     source = Tone
+    rate = RATE  # Of the server's capture.
 
     def setUp(self):
         super().setUp()
@@ -71,7 +72,7 @@ class PageTest(SystemTest):
 
     def start_server(self):
         server = self.enterContext(
-            Server(sound=self.sound, rate=RATE, prefix=self.there.command()))
+            Server(sound=self.sound, rate=self.rate, prefix=self.there.command()))
         server.wait_for_capture()
         return server
 
@@ -236,6 +237,16 @@ class Secure(PageTest):
 
     def test_firefox_plays_the_qualities(self):
         self.check_playing(Firefox, QUALITIES if IN_FULL else ("64", "20"), "AudioWorklet")
+
+
+class At44100(PageTest):
+    """A server that captures at 44.1 kHz and encodes that as if it were 48."""
+
+    scheme = "https"
+    rate = 44100
+
+    def test_chromium_plays_at_the_right_pitch(self):
+        self.check_playing(Chromium, ("pcm", "128"), "AudioWorklet")
 
 
 class InStep(PageTest):
