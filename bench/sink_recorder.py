@@ -4,6 +4,7 @@ import array
 import math
 import os
 import signal
+import statistics
 import subprocess
 import threading
 import time
@@ -82,4 +83,6 @@ class SinkRecorder:
 
     def heard(self):
         near = lambda second: self.shifts[max(0, second - NEAR_S):second + NEAR_S + 1]
-        return [frame * 1e9 / RATE + min(near(int(frame) // RATE)) for frame in self.clicks]
+        return [frame * 1e9 / RATE
+                + statistics.median(filter(math.isfinite, near(int(frame) // RATE)))
+                for frame in self.clicks]
