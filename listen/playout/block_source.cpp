@@ -66,7 +66,9 @@ BlockSource::Block BlockSource::next() {
 }
 
 BlockSource::Block BlockSource::fadeOut() {
-    const Kind kind = streamChanged_ || nextArrival() != nullptr ? Kind::Ended : Kind::Underrun;
+    const QueuedBlock* const next = nextArrival();
+    const bool ended = streamChanged_ || (next != nullptr && next->join == Join::NewStream);
+    const Kind kind = ended ? Kind::Ended : Kind::Underrun;
     pausing_ = true;
     streamChanged_ = false;
     if (tailCount_ > 0) {

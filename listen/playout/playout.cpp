@@ -33,8 +33,9 @@ constexpr double OFTEN_MS = 20;
 constexpr double REPEATED_SHARE = 0.25;
 constexpr double LATE_SECONDS = 1.5;  ///< Longer than the detection of a jump.
 constexpr double MAXIMUM_LATE_SECONDS = 3;
-/// A raised delay is lowered again when the chosen one has been possible for so long.
-constexpr double LOWERING_SECONDS = 60;
+/// A raised delay is lowered again when the chosen one has been possible for so long, in which the
+/// line of the earliest arrivals forgets what was before.
+constexpr double LOWERING_SECONDS = 120;
 constexpr double LOWERING_MARGIN_MS = 5;
 /// Blocks to count in a call: once an old stream is over, seconds of the new one wait.
 constexpr std::size_t MAXIMUM_ARRIVALS = 64;
@@ -107,7 +108,8 @@ bool Playout::oldSoundRemains() const {
 
 void Playout::takeArrivals() {
     std::size_t left = schedule_.kept() ? MAXIMUM_ARRIVALS : queue_->size();
-    while (left-- > 0 && !oldSoundRemains()) {
+    for (held_ = oldSoundRemains(); left > 0 && !held_; held_ = oldSoundRemains()) {
+        --left;
         const QueuedBlock* const block = source_.takeArrival();
         if (block == nullptr) {
             return;
@@ -121,6 +123,7 @@ void Playout::takeArrivals() {
         }
         if (schedule_.kept() && schedule_.jumps(*block)) {
             target_.restart();
+            source_.pause();
             inStepFor_ = 0;
         }
         schedule_.noteBlock(*block);
@@ -189,13 +192,14 @@ void Playout::noteLateSound() {
     if (lateSeconds_ >= MAXIMUM_LATE_SECONDS) {
         schedule_.raiseToNewest(static_cast<double>(rendered_), periodMs_);
         figures_.neededMs = schedule_.goalMs();
-        lateSeconds_ = 0;
+        lateSeconds_ = possibleFor_ = 0;
     }
 }
 
 void Playout::raiseToMinimum(double jitterMs) {
     if (schedule_.raiseToMinimum(jitterMs, periodMs_)) {
         figures_.neededMs = schedule_.goalMs();
+        possibleFor_ = 0;
     }
 }
 
@@ -209,8 +213,9 @@ void Playout::lower() {
 /// The reason why the delay had to be raised may have passed.
 void Playout::watchRaised(double seconds) {
     const double raised = schedule_.goalMs() - chosenMs_;
+    const double margin = LOWERING_MARGIN_MS + REPEATED_SHARE * target_.repeatedMs();
     possibleFor_ =
-        raised > 0 && figures_.spareMs > raised + LOWERING_MARGIN_MS ? possibleFor_ + seconds : 0;
+        raised > 0 && !held_ && figures_.spareMs > raised + margin ? possibleFor_ + seconds : 0;
     if (possibleFor_ > LOWERING_SECONDS) {
         lower();
         source_.pause();
@@ -233,9 +238,12 @@ void Playout::playBlock() {
             increment(figures_.concealed);
             break;
         case BlockSource::Kind::Underrun:
+            figures_.playing = false;
+            if (held_) {
+                break;
+            }
             increment(figures_.underruns);
             target_.noteUnderrun();
-            figures_.playing = false;
             if (schedule_.kept() && target_.repeatedMs() > OFTEN_MS) {
                 raiseToMinimum(target_.jitterMs() + REPEATED_SHARE * target_.repeatedMs());
             }

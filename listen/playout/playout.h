@@ -114,6 +114,7 @@ class Playout {
     double lateSeconds_ = 0;       ///< and that all sound has been too late for that.
     double sinceLate_ = 0;         ///< Seconds since sound was last found to be too late.
     double possibleFor_ = 0;       ///< Seconds that a raised delay has not been needed.
+    bool held_ = false;            ///< Arrivals wait until what is older has been played.
     std::int64_t lastRender_ = -1;
     double meanDepth_ = 0;     ///< Milliseconds, over the last seconds.
     double sinceControl_ = 0;  ///< Seconds since the correction was set.

@@ -84,7 +84,7 @@ void SendClock::restart(std::int64_t now) {
     spans_[0] = Span();
 }
 
-/// The network's round trips are as before.
+/// Keeps the round trips: the network may be as before.
 void SendClock::forgetArrivals() {
     Least<3> roundTrips;
     for (std::size_t i = 0; i <= spanCount_; ++i) {
@@ -134,7 +134,11 @@ void SendClock::noteArrival(double time, double residual) {
     }
     if (isJump(time, residual)) {
         jumps_ += age_ >= KNOWN_SECONDS ? 1 : 0;
+        const double early = lineAt(time) - residual;
         forgetArrivals();
+        if (early > 0 && early < spans_[0].roundTrips[0]) {
+            spans_[0] = Span();  // The network may have become quicker.
+        }
     }
     Span& span = spans_[spanCount_];
     if (span.packets == 0) {

@@ -83,6 +83,21 @@ TEST(SendClock, HoursOfJitterAreNoJump) {
     EXPECT_LT(most - least, 3.0 * MILLISECOND);
 }
 
+TEST(SendClock, AWayThatBecomesMuchQuickerHasNewRoundTrips) {
+    Stream stream;
+    double sent = 0;
+    for (int i = 0; i < 4000; ++i) {
+        if (i % 7 == 0) {
+            stream.answer(i < 3000 ? 120 : 20);
+        }
+        sent = stream.next((i < 3000 ? 60.0 : 10.0) * MILLISECOND);
+        if (i > 1000) {
+            EXPECT_NEAR(sent, 0, 11.0 * MILLISECOND) << i;
+        }
+    }
+    EXPECT_NEAR(sent, 0, 1.0 * MILLISECOND);
+}
+
 TEST(SendClock, AJumpOfTheServersClockDoesNotForgetTheRoundTrips) {
     Stream stream;
     for (int i = 0; i < 4000; ++i) {
