@@ -187,7 +187,7 @@ void Upstream::handlePacket(const ENetPacket& packet) {
     }
     lastSound_ = steadyNow();
     pause_.reset();
-    away_ = false;
+    away_ = unanswered_ = false;
     if (!pinging_ && events_.roundTripsWanted()) {
         pinging_ = true;
         pingLater();
@@ -210,8 +210,9 @@ void Upstream::handleDisconnected(std::uint32_t data) {
 }
 
 /// Told once.
-std::string Upstream::noAnswer() const {
-    return away_ ? std::string() : receiver_.serverAddress() + " does not answer";
+std::string Upstream::noAnswer() {
+    return std::exchange(unanswered_, true) ? std::string()
+                                            : receiver_.serverAddress() + " does not answer";
 }
 
 /// `why` is printed unless it is empty.

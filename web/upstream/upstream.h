@@ -78,7 +78,7 @@ class Upstream : public std::enable_shared_from_this<Upstream> {
     void lose(const std::string& why);
     void enter(Link link);
     void tell(const std::string& what) const;
-    [[nodiscard]] std::string noAnswer() const;
+    [[nodiscard]] std::string noAnswer();
 
     boost::asio::steady_timer timer_;
     boost::asio::steady_timer pings_;
@@ -91,11 +91,12 @@ class Upstream : public std::enable_shared_from_this<Upstream> {
     vxlisten::SequenceTracker tracker_;
     vxlisten::RetryPause pause_;
     Link link_ = Link::Waiting;
-    bool away_ = false;     ///< serverWentAway() was the last call about it.
-    bool open_ = false;     ///< The receiver has its socket.
-    bool heard_ = false;    ///< The socket has woken us since the timer did.
-    bool resting_ = false;  ///< Only the timer wakes us.
-    bool pinging_ = false;  ///< The pings' timer runs.
+    bool away_ = false;        ///< serverWentAway() was the last call about it.
+    bool unanswered_ = false;  ///< noAnswer() has said so since the last packet.
+    bool open_ = false;        ///< The receiver has its socket.
+    bool heard_ = false;       ///< The socket has woken us since the timer did.
+    bool resting_ = false;     ///< Only the timer wakes us.
+    bool pinging_ = false;     ///< The pings' timer runs.
     // Times in microseconds.
     std::int64_t linkSince_ = 0;
     std::int64_t waitUntil_ = 0;

@@ -30,7 +30,7 @@ let delayText = linked ?? settings.delay;
 let emptyLink = linked === '';
 
 const player = new Player({ onState: showState, onTitle: showTitle, onFigures: showFigures });
-const mediaKeys = new MediaKeys(() => player.state === State.STOPPED && play(), stop);
+const mediaKeys = new MediaKeys(play, stop);
 let opus = false;
 
 function quality() {
@@ -53,9 +53,13 @@ function gain() {
 
 function play() {
   mediaKeys.start();
-  player.start({
-    quality: quality(), bufferMs: settings.buffer, volume: gain(), delayMs: delay(),
-  });
+  if (player.state === State.STOPPED) {
+    player.start({
+      quality: quality(), bufferMs: settings.buffer, volume: gain(), delayMs: delay(),
+    });
+  } else {
+    player.resume();
+  }
 }
 
 function stop() {

@@ -88,8 +88,11 @@ export class Player {
 
   #makeContext() {
     const context = new AudioContext({ latencyHint: 'interactive' });
-    context.onstatechange = () => { // As after a phone call.
-      if (this.#output && context.state !== 'running') {
+    context.onstatechange = () => { // As before and after a phone call.
+      if (this.#output && context.state === 'running') {
+        this.#keeper?.forgetOutput();
+        this.#output.restart();
+      } else if (this.#output) {
         context.resume().catch(() => {});
       }
     };
@@ -129,6 +132,11 @@ export class Player {
     this.#decoder = null;
     this.#format = null;
     this.#output?.restart();
+  }
+
+  /** Goes on after an interruption; within a touch or key press. */
+  resume() {
+    this.#context.resume();
   }
 
   /** Ends the sound and the connection. */

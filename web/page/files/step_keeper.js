@@ -44,6 +44,11 @@ export class StepKeeper {
     this.#sends = new SendTimes(format.format === 'opus');
   }
 
+  /** The output's clock stood still. */
+  forgetOutput() {
+    this.#output = new OutputTimes();
+  }
+
   /** {due, earliness} of a packet that comes now, see Playout.push(); null before they are known. */
   take(packet) {
     const rate = this.#format.sampleRate;

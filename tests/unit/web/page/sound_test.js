@@ -644,16 +644,6 @@ export function aTimeThatCannotBeKeptIsPutOff() {
   check(session.figures.playing && underruns === 0, 'it plays');
 }
 
-export function aTimeThatCanBeKeptAgainIsKeptFromTheNextBeginning() {
-  const session = new TimedSession({ delay: 5 });
-  session.run(2);
-  check(session.figures.putOffMs > 10, `put off by ${session.figures.putOffMs}`);
-  session.delay = 200;
-  session.run(4);
-  check(session.figures.putOffMs === 0, `put off by ${session.figures.putOffMs}`);
-  near(session.figures.lateMs, 0, 1, 'how late it is');
-}
-
 export function whatComesWhileTheOutputStandsStillIsBounded() {
   const session = new Session();
   session.run(1);

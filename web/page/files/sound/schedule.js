@@ -12,7 +12,7 @@ const EARLINESS_LOSS_MS = 0.05; // With each packet.
 
 /**
  * All times are those of the output's clock, in milliseconds. A time that cannot be kept is put off
- * by as much as is needed, which is found anew when the sound begins.
+ * by as much as is needed; it stays so until restart().
  */
 export class Schedule {
   #putOff = 0;
@@ -37,7 +37,7 @@ export class Schedule {
 
   /** Puts everything off so that the quickest packets come `leastEarliness` before they are due. */
   putOff(leastEarliness) {
-    this.#putOff = Math.max(0, leastEarliness - this.#earliness);
+    this.#putOff = Math.max(this.#putOff, leastEarliness - this.#earliness);
   }
 
   /** When a block is to be played that is due at `due`. */
