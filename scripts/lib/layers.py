@@ -18,7 +18,7 @@ SMALL = tuple(f"listen/{name}" for name in ("background", "clock", "retry_pause"
 GROUND = ("stream/wire_format", *SMALL)
 # The library vx_receive, which receives, finds and decodes.
 RECEIVE = (*GROUND, "listen/network", "listen/audio", "listen/find_server")
-WEB_SMALL = ("web/channel", "web/log", "web/options", "web/packet")
+WEB_SMALL = ("web/channel", "web/local_addresses", "web/log", "web/options", "web/packet")
 ROOMS = {
     "common": (),
     "app/base": (),
